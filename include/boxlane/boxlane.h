@@ -1,0 +1,384 @@
+/*
+ * Boxlane: an MP4 (ISO/IEC 14496-12) box writer and stream parser.
+ *
+ * This is the C interface. It compiles as C99 and as C++. Every function
+ * returns true on success; on failure it returns false and leaves a code in
+ * Boxlane_dwErrorCode (read it with Boxlane_GetLastError).
+ *
+ * Writer road: Boxlane_Packet_Insert, then per frame Boxlane_Packet_FrameVideo /
+ * Boxlane_Packet_FrameAudio (append the returned bytes to your mdat), then the
+ * boxes of the movie into buffers you own, then Boxlane_Packet_Delete.
+ *
+ * Parser road: Boxlane_Parse_Init once, Boxlane_Parse_Insert per client,
+ * Boxlane_Parse_Send per received piece, a worker that waits with
+ * Boxlane_Parse_WaitEvent, lists clients with Boxlane_Parse_GetPool and takes
+ * one header record per box with Boxlane_Parse_Recv, then the queries.
+ */
+#ifndef BOXLANE_BOXLANE_H
+#define BOXLANE_BOXLANE_H
+
+#include <stdint.h>
+#ifndef __cplusplus
+#include <stdbool.h>
+#endif
+
+#if defined(__GNUC__) || defined(__clang__)
+#define BOXLANE_API __attribute__((visibility("default")))
+#else
+#define BOXLANE_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---------------------------------------------------------------- errors */
+
+/* Parser half: 0x091B00xx. */
+#define BOXLANE_ERROR_PARSE_PARAMETER 0x091B0001 /* null or over-long client string, null data, negative length */
+#define BOXLANE_ERROR_PARSE_MALLOC 0x091B0002    /* a reassembly buffer could not be allocated */
+#define BOXLANE_ERROR_PARSE_NOTFOUND 0x091B0003  /* unknown client, or unknown track id */
+#define BOXLANE_ERROR_PARSE_NODATA 0x091B0004    /* no header record is queued */
+#define BOXLANE_ERROR_PARSE_NOTREADY 0x091B0005  /* the oldest queued box is still incomplete */
+#define BOXLANE_ERROR_PARSE_NOTSUPPORT 0x091B0006 /* stream stopped: 64-bit box size, or a box too large */
+#define BOXLANE_ERROR_PARSE_MALFORMED 0x091B0007 /* a box size field of 2 to 7 */
+
+/* Writer half: 0x091B10xx. */
+#define BOXLANE_ERROR_PACKET_PARAMETER 0x091B1001 /* null pointer, negative or out-of-range length */
+#define BOXLANE_ERROR_PACKET_MALLOC 0x091B1002    /* per-sample bookkeeping could not grow */
+#define BOXLANE_ERROR_PACKET_NOTFOUND 0x091B1003  /* the client is not in the writer's table */
+#define BOXLANE_ERROR_PACKET_NOTSUPPORT 0x091B1004 /* handler type greater than 4 */
+#define BOXLANE_ERROR_PACKET_NODATA 0x091B1005    /* no composition offset has been recorded */
+
+/* Task pool (copied unchanged into Boxlane_dwErrorCode by the parser's event
+ * functions): 0x0A2E00xx. */
+#define RENDAVO_ERROR_TASKPOOL_PARAMETER 0x0A2E0001 /* bad handle, pool index or out pointer; no pool */
+#define RENDAVO_ERROR_TASKPOOL_TIMEOUT 0x0A2E0002   /* WaitEvent: nothing happened within the time-out */
+#define RENDAVO_ERROR_TASKPOOL_MALLOC 0x0A2E0003    /* out of memory */
+#define RENDAVO_ERROR_TASKPOOL_CLOSED 0x0A2E0004    /* the pool was destroyed while a worker waited */
+
+/* Last error, process-wide and unsynchronised: read the code right after
+ * the failing call. Boxlane_IsErrorOccur is true if the most recent call failed. */
+extern BOXLANE_API bool Boxlane_IsErrorOccur;
+extern BOXLANE_API uint64_t Boxlane_dwErrorCode;
+
+/* ------------------------------------------------------------ box types */
+
+/* A box's place in the moov tree: a container's code times ten plus the
+ * child's position. Unknown boxes and free get 0. */
+typedef enum {
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_UNKNOWN = 0,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_FTYP = 1,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT = 2,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOV = 3,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_UUID = 4,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MVHD = 30,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TRAK = 31,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TKHD = 311,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_EDTS = 312,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_ELST = 3121,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDIA = 313,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDHD = 3131,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_HDLR = 3132,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MINF = 3133,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_VMHD = 31331,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_SMHD = 31332,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_HMHD = 31333,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_NMHD = 31334,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_DINF = 31335,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STBL = 31336,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSD = 313361,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS = 313362,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSC = 313363,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ = 313364,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO = 313365,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSS = 313366,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS = 313367,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_SDTP = 313368
+} ENUM_QORVANE_MORVALY_BOXLANE_HTYPE;
+
+/* -------------------------------------------------------- parser records */
+
+/* One queued record per box, handed out by Boxlane_Parse_Recv. */
+typedef struct {
+  uint64_t nBoxSize;                          /* as declared; 0 for size fields 0 and 1 */
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE enHType; /* box type code */
+  uint16_t wUUIDHead;                         /* uuid: the two bytes after the fourcc */
+  uint8_t byVersion;                          /* full boxes: version */
+  uint8_t byFlags[3];                         /* full boxes: flags as stored */
+} QORVANE_MP4HDR;
+
+typedef struct {
+  char tszMajorBrand[8];
+  uint32_t nMinorVersion;
+  int32_t nBrandCount;
+  /* Made by Boxlane_Parse_GetFTyp with Fundrel_Memory_Malloc: nBrandCount rows
+   * of 8 bytes, each a NUL-terminated brand. Release with Fundrel_Memory_Free. */
+  char** pptszCompatibleBrand;
+} QORVANE_HDRFTYP;
+
+typedef struct {
+  uint64_t nCreateTime;
+  uint64_t nModifyTime;
+  uint64_t nDuration;
+  uint32_t nTimeScale;
+  uint32_t nRate;       /* raw 16.16 */
+  uint32_t nNextTrackID;
+  uint16_t wVolume;     /* raw 8.8 */
+} QORVANE_HDRMVHD;
+
+typedef struct {
+  uint64_t nCreateTime;
+  uint64_t nModifyTime;
+  uint64_t nDuration;
+  int32_t nTrackID;
+  int32_t nWidth;  /* integer part of the 16.16 width */
+  int32_t nHeight; /* integer part of the 16.16 height */
+  uint16_t wLayer;
+  uint16_t wAlternateGroup;
+  uint16_t wVolume; /* raw 8.8 */
+} QORVANE_HDRTKHD;
+
+typedef struct {
+  uint64_t nCreateTime;
+  uint64_t nModifyTime;
+  uint64_t nDuration;
+  uint32_t nTimeScale;
+  uint16_t wLanguage; /* pad bit and three 5-bit letters, packed */
+} QORVANE_HDRMDHD;
+
+typedef struct {
+  char tszName[1024];
+  char tszHandlerType[8]; /* e.g. "vide", "soun" */
+} QORVANE_HDRHDLR;
+
+typedef struct {
+  uint16_t wGraphicsMode;
+  uint16_t wOpColor[3];
+  uint16_t wBalance; /* raw 8.8 */
+} QORVANE_HDRVMSMHD;
+
+/* An entry of stts (count, delta), ctts (count, offset), stsc (first chunk,
+ * samples per chunk, description index), stsz (size) or stco (offset). */
+typedef struct {
+  uint32_t nValue1;
+  uint32_t nValue2;
+  uint32_t nValue3;
+} QORVANE_HDRSAMPLENFO;
+
+/* One sdtp byte: is_leading, sample_depends_on, sample_is_depended_on,
+ * sample_has_redundancy, two bits each from the top. */
+typedef struct {
+  uint8_t bySampleFlags;
+} QORVANE_HDRSDTP;
+
+#define BOXLANE_CODEC_MAX_PARAMSETS 32
+#define BOXLANE_CODEC_PARAMSET_BYTES 16384
+#define BOXLANE_CODEC_AUDIOCFG_BYTES 1024
+
+/* The first sample entry of a track's stsd, handed out by
+ * Boxlane_Parse_GetTrackCodec. */
+typedef struct {
+  char tszCodec[8];          /* the entry's fourcc as stored, e.g. "avc1", "mp4a" */
+  uint16_t wDataRefIndex;
+  /* avc1 / avcC (ISO/IEC 14496-15 §5.3.3) */
+  uint16_t wWidth;
+  uint16_t wHeight;
+  uint8_t byProfile;         /* AVCProfileIndication */
+  uint8_t byCompatibility;   /* profile_compatibility */
+  uint8_t byLevel;           /* AVCLevelIndication */
+  uint8_t byNALLengthSize;   /* lengthSizeMinusOne + 1 */
+  int32_t nSPSCount;
+  int32_t nPPSCount;
+  uint16_t wSPSLen[BOXLANE_CODEC_MAX_PARAMSETS];
+  uint16_t wPPSLen[BOXLANE_CODEC_MAX_PARAMSETS];
+  /* Every SPS in order, then every PPS, back to back without start codes. */
+  uint8_t byParamSets[BOXLANE_CODEC_PARAMSET_BYTES];
+  /* mp4a / esds (ISO/IEC 14496-14 §5.6, 14496-1 §7.2.6) */
+  uint16_t wChannelCount;
+  uint16_t wSampleSize;
+  uint32_t nSampleRate;      /* integer part of the 16.16 samplerate */
+  uint8_t byObjectType;      /* objectTypeIndication, 0x40 for AAC */
+  uint8_t byStreamType;      /* the byte streamType << 2 | upStream << 1 | 1 */
+  uint32_t nBufferSizeDB;
+  uint32_t nMaxBitrate;
+  uint32_t nAvgBitrate;
+  int32_t nAudioCfgLen;
+  uint8_t byAudioCfg[BOXLANE_CODEC_AUDIOCFG_BYTES]; /* AudioSpecificConfig */
+  /* true when the entry held more parameter sets or configuration than fit
+   * above; what fit is still handed out. */
+  bool bTruncated;
+} BOXLANE_CODECINFO;
+
+/* --------------------------------------------------------- writer input */
+
+#pragma pack(push, 1)
+/* Describes one track's stream for Boxlane_Packet_STsd. Byte-packed: the byte
+ * positions are part of the interface. Only the block that bVideo selects is
+ * read. */
+typedef struct tag_Qorvane_AVProtocol {
+  uint8_t bVideo;               /*    0: non-zero: avc1 entry; zero: mp4a entry */
+  int32_t nVideoCodec;          /*    1: codec number, 27 for H.264 (not read) */
+  int32_t nVideoWidth;          /*    5: not read; the width comes from the last tkhd */
+  int32_t nVideoHeight;         /*    9: not read */
+  int32_t nVideoFrameRate;      /*   13: not read */
+  int32_t nVideoBitRate;        /*   17: not read */
+  int32_t nVideoProfile;        /*   21: not read */
+  int32_t nVideoLevel;          /*   25: not read */
+  int32_t nVideoGOP;            /*   29: not read */
+  uint8_t byVideoReserved[20];  /*   33 */
+  int32_t nVideoHdrLen;         /*   53: valid bytes in tszVideoHdr, 0 to 1024 */
+  uint8_t tszVideoHdr[1024];    /*   57: SPS and PPS in Annex B form */
+  uint8_t bAudio;               /* 1081: not read */
+  int32_t nAudioCodec;          /* 1082: not read */
+  int32_t nAudioProfile;        /* 1086: not read */
+  int32_t nAudioFrameSize;      /* 1090: samples per frame (not read) */
+  uint8_t byAudioReserved[12];  /* 1094 */
+  int32_t nAudioChannel;        /* 1106: low 16 bits used */
+  int32_t nAudioSampleRate;     /* 1110: low 16 bits used */
+  int32_t nAudioSampleBit;      /* 1114: low 16 bits used */
+  int32_t nAudioBitRate;        /* 1118: not read */
+  int32_t nAudioCfgLen;         /* 1122: valid bytes in tszAudioCfg, 0 to 1024 */
+  uint8_t tszAudioCfg[1024];    /* 1126: AudioSpecificConfig (ISO/IEC 14496-3) */
+} tag_Qorvane_AVProtocol;
+#pragma pack(pop)
+
+/* ------------------------------------------------------ platform helpers */
+
+/* An entry of the task pool's client list (Boxlane_Parse_GetPool). */
+typedef struct {
+  char tszClientAddr[128];
+  int nEventCount;
+} QORVANE_RENDAVO_TASKEVENT;
+
+/* Allocates an array of nCount pointers, each to a zeroed block of nSize
+ * bytes, in one allocation, and stores it in *pppArray. nCount 0 stores NULL
+ * and succeeds; a negative count or size fails. Every array a query hands
+ * out is made this way; release it with Fundrel_Memory_Free. */
+BOXLANE_API bool Fundrel_Memory_Malloc(void*** pppArray, int nCount, int nSize);
+/* Releases an array made by Fundrel_Memory_Malloc and sets *pppArray to NULL.
+ * A NULL array is a no-op. */
+BOXLANE_API void Fundrel_Memory_Free(void*** pppArray, int nCount);
+
+/* ------------------------------------------------------------ last error */
+
+/* Returns Boxlane_dwErrorCode. If pInt_SysError is not NULL, stores the
+ * calling thread's errno there. */
+BOXLANE_API uint64_t Boxlane_GetLastError(int32_t* pInt_SysError);
+
+/* ---------------------------------------------------------------- parser */
+
+/* Creates the task pool with nPoolCount pools (at least 1). Clients inserted
+ * before Init (or after Destory) are not registered in the pool: no events
+ * are counted for them. */
+BOXLANE_API bool Boxlane_Parse_Init(int32_t nPoolCount);
+/* Destroys the task pool and wakes its waiters. Clients stay. */
+BOXLANE_API bool Boxlane_Parse_Destory(void);
+/* Client strings are NUL-terminated and shorter than 128 bytes. */
+BOXLANE_API bool Boxlane_Parse_Insert(const char* lpszClient);
+BOXLANE_API bool Boxlane_Parse_Delete(const char* lpszClient);
+/* Hands in the next piece of the client's stream, cut anywhere. The payload
+ * of an mdat must not be sent: skip QORVANE_MP4HDR.nBoxSize - 8 bytes after
+ * its header record arrives. */
+BOXLANE_API bool Boxlane_Parse_Send(const char* lpszClient, const uint8_t* lpszMsgBuffer, int32_t nMsgLen);
+/* Takes the oldest header record. pInt_ParsePos (may be NULL) receives the
+ * stream offset of the next box to be split. */
+BOXLANE_API bool Boxlane_Parse_Recv(const char* lpszClient, QORVANE_MP4HDR* pSt_MP4Hdr, uint64_t* pInt_ParsePos);
+BOXLANE_API bool Boxlane_Parse_GetFTyp(const char* lpszClient, QORVANE_HDRFTYP* pSt_FTyp);
+BOXLANE_API bool Boxlane_Parse_GetMVhd(const char* lpszClient, QORVANE_HDRMVHD* pSt_MVhd);
+/* Writes i into slot i for every track id i from 0 to 9 that exists;
+ * pInt_TrackList must have at least 10 slots. */
+BOXLANE_API bool Boxlane_Parse_GetTrack(const char* lpszClient, int32_t* pInt_TrackList);
+/* Any of the four out records may be NULL. */
+BOXLANE_API bool Boxlane_Parse_GetTrackInfo(const char* lpszClient, int32_t nTrackID, QORVANE_HDRTKHD* pSt_TKhd, QORVANE_HDRMDHD* pSt_MDhd, QORVANE_HDRHDLR* pSt_HDlr, QORVANE_HDRVMSMHD* pSt_VMSMhd);
+/* enHType selects stts, ctts, stsc, stsz or stco; any other code succeeds and
+ * writes nothing. The array belongs to the caller (Fundrel_Memory_Free). */
+BOXLANE_API bool Boxlane_Parse_GetTrackList(const char* lpszClient, int32_t nTrackID, QORVANE_HDRSAMPLENFO*** pppSt_ListInfo, int32_t* pInt_ListCount, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE enHType);
+/* The stss sync-sample numbers (1-based). */
+BOXLANE_API bool Boxlane_Parse_GetTrackKey(const char* lpszClient, int32_t nTrackID, int32_t*** pppInt_KeyList, int32_t* pInt_ListCount);
+BOXLANE_API bool Boxlane_Parse_GetTrackSDtp(const char* lpszClient, int32_t nTrackID, QORVANE_HDRSDTP*** pppSt_ListSDtp, int32_t* pInt_ListCount);
+/* The first sample entry of the track's stsd: codec fourcc, avcC parameter
+ * sets or the mp4a/esds configuration. A track whose stsd has not been read
+ * comes back zero. */
+BOXLANE_API bool Boxlane_Parse_GetTrackCodec(const char* lpszClient, int32_t nTrackID, BOXLANE_CODECINFO* pSt_CodecInfo);
+/* The clients of pool nPoolIndex with pending events (array from
+ * Fundrel_Memory_Malloc; count 0 and NULL when none). */
+BOXLANE_API bool Boxlane_Parse_GetPool(int32_t nPoolIndex, QORVANE_RENDAVO_TASKEVENT*** pppSt_ListAddr, int32_t* pInt_ListCount);
+/* Waits until a client of the pool has events or ActiveEvent is called;
+ * nTimeout in milliseconds, negative: no limit, 0: just look. */
+BOXLANE_API bool Boxlane_Parse_WaitEvent(int32_t nPoolIndex, int32_t nTimeout);
+BOXLANE_API bool Boxlane_Parse_ActiveEvent(int32_t nPoolIndex);
+
+/* ---------------------------------------------------------------- writer */
+
+/* Every box writer writes one whole box at the start of ptszMsgBuffer, which
+ * the caller sizes, and stores the bytes written in *pInt_MsgLen. A failed
+ * call leaves buffer and length untouched. Calls for one client must not
+ * overlap; different clients may be used from different threads. */
+BOXLANE_API bool Boxlane_Packet_Insert(const char* lpszClient);
+BOXLANE_API bool Boxlane_Packet_Delete(const char* lpszClient);
+/* A box header (size nPayloadLen + 8, the four bytes at lpszBoxType), followed
+ * by the payload when lpszPayload is not NULL. With a NULL payload only the 8
+ * header bytes are written: the form for containers and mdat. */
+BOXLANE_API bool Boxlane_Packet_HDRBox(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const char* lpszBoxType, const uint8_t* lpszPayload, int32_t nPayloadLen);
+/* ftyp: isom, minor 512, compatible isom iso2 avc1 mp41 (32 bytes). */
+BOXLANE_API bool Boxlane_Packet_FTyp(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen);
+/* mvhd (108 bytes). Stamps the creation time and keeps nTimeScale for the
+ * track headers. nDuration 0: derived from the frame time. */
+BOXLANE_API bool Boxlane_Packet_MVhd(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, int32_t nDuration, int32_t nTimeScale);
+/* tkhd (92 bytes). Tracks are numbered 1, 2, ... in call order. nVolume 0
+ * marks a visual track (0x0100 is full volume). */
+BOXLANE_API bool Boxlane_Packet_TKhd(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, int32_t nVolume, int32_t nWidth, int32_t nHeight, int32_t nDuration);
+/* mdhd (32 bytes) with the movie time scale and the duration of the last
+ * visual track header. Use Boxlane_Packet_MDhdEx for a sound track. */
+BOXLANE_API bool Boxlane_Packet_MDhd(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, uint16_t wLanguage);
+/* mdhd (32 bytes) with the movie time scale and the given duration. */
+BOXLANE_API bool Boxlane_Packet_MDhdEx(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, uint16_t wLanguage, uint32_t nDuration);
+/* hdlr: 0 vide, 1 soun, 2 hint, 3 meta, 4 text (45 or 44 bytes). */
+BOXLANE_API bool Boxlane_Packet_HDlr(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, uint8_t byHandlerType);
+BOXLANE_API bool Boxlane_Packet_VMhd(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen);
+BOXLANE_API bool Boxlane_Packet_SMhd(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, int16_t wBalance);
+/* dinf with a dref holding one self-contained url entry (36 bytes). */
+BOXLANE_API bool Boxlane_Packet_DInf(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen);
+/* edts holding an elst with one entry (36 bytes, ISO/IEC 14496-12 §8.6.6):
+ * the track presents nSegmentDuration movie time-scale units starting at media
+ * time nMediaTime. Put it in the trak after the tkhd. A track whose
+ * composition offsets were shifted by D (see FrameVideo) uses nMediaTime D. */
+BOXLANE_API bool Boxlane_Packet_EDts(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, uint32_t nSegmentDuration, int32_t nMediaTime);
+/* stsd with one avc1/avcC (bVideo non-zero) or mp4a/esds entry. Video:
+ * 121 + SPS + PPS bytes; audio: 88 + AudioSpecificConfig bytes, more when the
+ * configuration exceeds 104 bytes. */
+BOXLANE_API bool Boxlane_Packet_STsd(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const tag_Qorvane_AVProtocol* pSt_AVProtocol);
+/* Sample tables from the frames handed in so far. Buffer sizes: stts 16 + 8
+ * per run, ctts 16 + 8 per offset, stss 16 + 4 per key frame, stsc 28, stsz
+ * 20 + 4 per sample, stco 16 + 4 per sample. */
+BOXLANE_API bool Boxlane_Packet_STts(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, bool bVideo);
+BOXLANE_API bool Boxlane_Packet_CTts(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen);
+BOXLANE_API bool Boxlane_Packet_STss(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen);
+BOXLANE_API bool Boxlane_Packet_STsc(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen);
+BOXLANE_API bool Boxlane_Packet_STsz(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, bool bVideo);
+BOXLANE_API bool Boxlane_Packet_STco(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, bool bVideo);
+/* One H.264 NAL unit with its 4-byte start code in, the same bytes with the
+ * start code replaced by the big-endian length out (buffer: nFrameLen bytes).
+ * nFilePos is where the caller will put the sample in the file. nKeyFrame 1
+ * marks a sync sample. nDuration and nCTSOffset are in the track's time scale;
+ * 0 or less records none.
+ *
+ * Only positive composition offsets are recorded, so a stream with B-frames
+ * must not hand in an offset of 0: shift every offset of such a stream by
+ * whole frame durations until none is 0, and write an edit list
+ * (Boxlane_Packet_EDts) whose media time takes the shift back out. */
+BOXLANE_API bool Boxlane_Packet_FrameVideo(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const uint8_t* lpszFrame, int32_t nFrameLen, int64_t nFilePos, int32_t nKeyFrame, int32_t nDuration, int32_t nCTSOffset);
+/* One sample made of several NAL units (an access unit of several slices).
+ * pptszNalu[i] points to NAL unit i without a start code, pInt_NaluLen[i] is
+ * its length. Each is written with its own 4-byte big-endian length (buffer:
+ * the sum of 4 + length). Everything else as Boxlane_Packet_FrameVideo. */
+BOXLANE_API bool Boxlane_Packet_FrameAccessUnit(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const uint8_t* const* pptszNalu, const int32_t* pInt_NaluLen, int32_t nNaluCount, int64_t nFilePos, int32_t nKeyFrame, int32_t nDuration, int32_t nCTSOffset);
+/* One AAC frame; an ADTS header (7 bytes, 9 with CRC) is dropped. */
+BOXLANE_API bool Boxlane_Packet_FrameAudio(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const uint8_t* lpszFrame, int32_t nFrameLen, int64_t nFilePos, int32_t nDuration);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* BOXLANE_BOXLANE_H */

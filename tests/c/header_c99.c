@@ -1,0 +1,55 @@
+/* The public header as a C99 caller sees it: it compiles with -std=c99
+ * -pedantic, its records have the sizes callers rely on, and the shared
+ * library answers through it. */
+#include <boxlane/boxlane.h>
+
+#include <stddef.h>
+#include <stdio.h>
+#include <string.h>
+
+static int failures = 0;
+#define CHECK(cond)                                              \
+  do {                                                           \
+    if (!(cond)) {                                               \
+      fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #cond); \
+      ++failures;                                                \
+    }                                                            \
+  } while (0)
+
+int main(void) {
+  uint8_t box[64];
+  int32_t size = -1;
+
+  CHECK(sizeof(tag_Qorvane_AVProtocol) == 2150);
+  CHECK(offsetof(tag_Qorvane_AVProtocol, nVideoHdrLen) == 53);
+  CHECK(offsetof(tag_Qorvane_AVProtocol, tszVideoHdr) == 57);
+  CHECK(offsetof(tag_Qorvane_AVProtocol, nAudioChannel) == 1106);
+  CHECK(offsetof(tag_Qorvane_AVProtocol, nAudioCfgLen) == 1122);
+  CHECK(offsetof(tag_Qorvane_AVProtocol, tszAudioCfg) == 1126);
+  CHECK(sizeof(QORVANE_HDRSAMPLENFO) == 12);
+  CHECK(sizeof(QORVANE_RENDAVO_TASKEVENT) == 132);
+
+  /* Right after loading: no failure recorded. */
+  CHECK(!Boxlane_IsErrorOccur);
+  CHECK(Boxlane_GetLastError(NULL) == 0);
+
+  CHECK(!Boxlane_Packet_Insert(NULL));
+  CHECK(Boxlane_IsErrorOccur);
+  CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PACKET_PARAMETER);
+  CHECK(Boxlane_Packet_Insert("c99"));
+  CHECK(!Boxlane_IsErrorOccur);
+  CHECK(Boxlane_dwErrorCode == BOXLANE_ERROR_PACKET_PARAMETER);
+
+  CHECK(Boxlane_Packet_FTyp("c99", box, &size));
+  CHECK(size == 32);
+  CHECK(memcmp(box + 4, "ftypisom", 8) == 0);
+  CHECK(!Boxlane_Packet_FTyp("nobody", box, &size));
+  CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PACKET_NOTFOUND);
+  CHECK(Boxlane_Packet_Delete("c99"));
+
+  CHECK(!Boxlane_Parse_Send("nobody", box, 8));
+  CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PARSE_NOTFOUND);
+
+  if (failures) fprintf(stderr, "%d check(s) failed\n", failures);
+  return failures ? 1 : 0;
+}
