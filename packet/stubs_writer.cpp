@@ -1,7 +1,7 @@
 // Scaffolding: replaced member by member as the room is built.
 #include <boxlane/boxlane.hpp>
 
-struct QORVANE_MP4PACKET {};
+#include "packet/packet_record.hpp"
 CBoxlane_Packet::CBoxlane_Packet() = default;
 CBoxlane_Packet::~CBoxlane_Packet() = default;
 bool CBoxlane_Packet::Boxlane_Packet_Insert(const char*) { return false; }
