@@ -1,0 +1,116 @@
+// The last-error model as callers see it, and the flat forwarders.
+#include <boxlane/boxlane.hpp>
+
+#include "support/paths.hpp"
+
+#include <cerrno>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+TEST(LastError, FlagFollowsEachCallWhileTheCodeStays) {
+  ASSERT_FALSE(Boxlane_Packet_Insert(nullptr));
+  EXPECT_TRUE(Boxlane_IsErrorOccur);
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), uint64_t{BOXLANE_ERROR_PACKET_PARAMETER});
+
+  ASSERT_TRUE(Boxlane_Packet_Insert("last-error"));
+  EXPECT_FALSE(Boxlane_IsErrorOccur);
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), uint64_t{BOXLANE_ERROR_PACKET_PARAMETER}) << "success keeps the code";
+
+  uint8_t box[64];
+  int32_t size = 0;
+  EXPECT_FALSE(Boxlane_Packet_FTyp("nobody", box, &size));
+  EXPECT_EQ(Boxlane_dwErrorCode, uint64_t{BOXLANE_ERROR_PACKET_NOTFOUND});
+  EXPECT_FALSE(Boxlane_Parse_Recv("nobody", nullptr, nullptr));
+  EXPECT_TRUE(Boxlane_IsErrorOccur);
+  EXPECT_TRUE(Boxlane_Packet_Delete("last-error"));
+  EXPECT_TRUE(Boxlane_Packet_Delete("never-inserted"));
+  EXPECT_FALSE(Boxlane_IsErrorOccur);
+}
+
+TEST(LastError, GetLastErrorReportsTheCallingThreadsErrno) {
+  ASSERT_FALSE(Boxlane_Packet_Insert(nullptr));
+  int32_t sys = -1;
+  errno = EACCES;
+  EXPECT_EQ(Boxlane_GetLastError(&sys), uint64_t{BOXLANE_ERROR_PACKET_PARAMETER});
+  EXPECT_EQ(sys, EACCES);
+
+  std::thread other([] {
+    errno = ENOENT;
+    int32_t mine = -1;
+    Boxlane_GetLastError(&mine);
+    EXPECT_EQ(mine, ENOENT);
+  });
+  other.join();
+  sys = -1;
+  Boxlane_GetLastError(&sys);
+  EXPECT_EQ(sys, EACCES);
+}
+
+// Failures on many threads at once touch the globals concurrently; under the
+// thread sanitizer this must stay quiet, and every code seen is one of ours.
+TEST(LastError, ConcurrentFailuresAreNoDataRace) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([t] {
+      uint8_t box[64];
+      int32_t size;
+      for (int i = 0; i < 2000; ++i) {
+        if (t % 2) {
+          Boxlane_Packet_FTyp("absent", box, &size);
+        } else {
+          Boxlane_Packet_Insert(nullptr);
+        }
+        const uint64_t code = Boxlane_GetLastError(nullptr);
+        EXPECT_TRUE(code == BOXLANE_ERROR_PACKET_NOTFOUND || code == BOXLANE_ERROR_PACKET_PARAMETER) << code;
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+}
+
+// A flat function and the member behind it answer alike.
+TEST(Forwarding, FlatFunctionsEqualTheirMembers) {
+  ASSERT_TRUE(m_MP4Packet.Boxlane_Packet_Insert("fwd"));
+  uint8_t flat[64], member[64];
+  int32_t flat_size = 0;
+  int member_size = 0;
+  ASSERT_TRUE(Boxlane_Packet_DInf("fwd", flat, &flat_size));
+  ASSERT_TRUE(m_MP4Packet.Boxlane_Packet_DInf("fwd", member, &member_size));
+  EXPECT_EQ(std::vector<uint8_t>(flat, flat + flat_size), std::vector<uint8_t>(member, member + member_size));
+
+  EXPECT_EQ(Boxlane_Packet_HDlr("fwd", flat, &flat_size, 9), m_MP4Packet.Boxlane_Packet_HDlr("fwd", member, &member_size, 9));
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), uint64_t{BOXLANE_ERROR_PACKET_NOTSUPPORT});
+  EXPECT_TRUE(Boxlane_Packet_Delete("fwd"));
+}
+
+// The shared library exports the interface and nothing else of ours.
+TEST(Exports, SharedLibraryExportsOnlyTheInterface) {
+  if (!boxlane::test::have_command("nm")) GTEST_SKIP() << "nm not installed";
+  const std::string lib = boxlane::test::binary_dir() + "/libboxlane.so";
+  std::string symbols;
+  ASSERT_EQ(boxlane::test::run("nm -D --defined-only " + lib + " | awk '$2 != \"A\" {print $3}' | sed 's/@.*//'", &symbols), 0);
+  int flat = 0;
+  std::size_t start = 0;
+  while (start < symbols.size()) {
+    const std::size_t end = symbols.find('\n', start);
+    const std::string name = symbols.substr(start, end - start);
+    start = end == std::string::npos ? symbols.size() : end + 1;
+    if (name.empty()) continue;
+    const bool ours = name.rfind("Boxlane_", 0) == 0 || name.rfind("Fundrel_Memory_", 0) == 0 ||
+                      name == "m_MP4Parse" || name == "m_MP4Packet" || name.rfind("_ZN14CBoxlane_Parse", 0) == 0 ||
+                      name.rfind("_ZN15CBoxlane_Packet", 0) == 0;
+    EXPECT_TRUE(ours) << "unexpected export " << name;
+    if (name.rfind("Boxlane_Parse_", 0) == 0 || name.rfind("Boxlane_Packet_", 0) == 0) ++flat;
+  }
+  // 16 parser and 20 writer functions, GetTrackCodec, MDhdEx, EDts and
+  // FrameAccessUnit.
+  EXPECT_EQ(flat, 40);
+  EXPECT_NE(symbols.find("Boxlane_GetLastError"), std::string::npos);
+  EXPECT_NE(symbols.find("Boxlane_dwErrorCode"), std::string::npos);
+  EXPECT_NE(symbols.find("Boxlane_IsErrorOccur"), std::string::npos);
+}
+
+}  // namespace
