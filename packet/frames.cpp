@@ -1,0 +1,150 @@
+// The per-frame half of the writer: each H.264 access unit or AAC frame comes
+// back as the bytes of one mdat sample, and its duration, composition offset,
+// key flag, size and file position are recorded for the sample tables.
+#include <boxlane/boxlane.hpp>
+
+#include "frame/last_error.hpp"
+#include "packet/box_output.hpp"
+#include "packet/packet_record.hpp"
+#include "platform/be_reader.hpp"
+#include "platform/be_writer.hpp"
+#include "platform/sanvik.hpp"
+
+#include <climits>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace {
+
+using boxlane::BeReader;
+using boxlane::BeWriter;
+using boxlane::packet::write_box;
+
+// Grows a list ahead of its append. Once every list a frame touches has room,
+// the appends cannot throw, so a failed allocation leaves the record's
+// contents exactly as they were.
+template <typename T>
+void make_room(std::vector<T>& list) {
+  if (list.size() == list.capacity()) list.reserve(list.empty() ? 256 : list.size() * 2);
+}
+
+// Whether a duration opens a new stts run rather than extending the last.
+bool opens_run(const std::vector<BOXLANE_RUN>& runs, int duration) {
+  return duration > 0 && (runs.empty() || runs.back().nValue != static_cast<uint32_t>(duration));
+}
+
+void add_duration(std::vector<BOXLANE_RUN>& runs, int duration, bool new_run) {
+  if (duration <= 0) return;
+  if (new_run)
+    runs.push_back({1, static_cast<uint32_t>(duration)});
+  else
+    ++runs.back().nCount;
+}
+
+struct VideoSample {
+  uint32_t size;
+  int64_t position;
+  int key;
+  int duration;
+  int cts_offset;
+};
+
+// The bookkeeping of one video sample, shared by the single-NAL and the
+// access-unit writers.
+void record_video(QORVANE_MP4PACKET& record, const VideoSample& sample) {
+  const bool new_run = opens_run(record.listVideoSTts, sample.duration);
+  if (new_run) make_room(record.listVideoSTts);
+  if (sample.cts_offset > 0) make_room(record.listVideoCTts);
+  if (sample.key == 1) make_room(record.listVideoSTss);
+  make_room(record.listVideoSize);
+  make_room(record.listVideoOffset);
+
+  ++record.nVideoCount;
+  add_duration(record.listVideoSTts, sample.duration, new_run);
+  // Offsets are never merged: each entry describes exactly one sample.
+  if (sample.cts_offset > 0) record.listVideoCTts.push_back(static_cast<uint32_t>(sample.cts_offset));
+  if (sample.key == 1) record.listVideoSTss.push_back(record.nVideoCount);
+  record.listVideoSize.push_back(sample.size);
+  record.listVideoOffset.push_back(sample.position);
+}
+
+void record_audio(QORVANE_MP4PACKET& record, uint32_t size, int64_t position, int duration) {
+  const bool new_run = opens_run(record.listAudioSTts, duration);
+  if (new_run) make_room(record.listAudioSTts);
+  make_room(record.listAudioSize);
+  make_room(record.listAudioOffset);
+
+  add_duration(record.listAudioSTts, duration, new_run);
+  record.listAudioSize.push_back(size);
+  record.listAudioOffset.push_back(position);
+}
+
+// The ADTS header length the frame starts with, 0 without one, or -1 when
+// the header claims more bytes than the frame has.
+int adts_header_length(const uint8_t* frame, int length) {
+  if (!Sanvik_Parse_AACInfo(frame, length, nullptr, nullptr, nullptr, nullptr)) return 0;
+  BeReader header(frame, static_cast<std::size_t>(length));
+  header.skip(1);
+  // protection_absent is the low bit of the second byte; 0 means a 16-bit
+  // CRC follows the 7 fixed bytes (ISO/IEC 14496-3 §1.A.2.2.1).
+  const int header_length = (header.u8() & 1) ? 7 : 9;
+  if (!header.ok() || header_length > length) return -1;
+  return header_length;
+}
+
+}  // namespace
+
+bool CBoxlane_Packet::Boxlane_Packet_FrameVideo(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen,
+                                                const uint8_t* lpszFrame, int nFrameLen, int64_t nFilePos,
+                                                int nKeyFrame, int nDuration, int nCTSOffset) {
+  return write_box(*this, lpszClient, ptszMsgBuffer, pInt_MsgLen, [&](QORVANE_MP4PACKET& record, BeWriter& out) {
+    if (!lpszFrame || nFrameLen < 4) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
+    record_video(record, {static_cast<uint32_t>(nFrameLen), nFilePos, nKeyFrame, nDuration, nCTSOffset});
+    BeReader frame(lpszFrame, static_cast<std::size_t>(nFrameLen));
+    // The start code is replaced unseen by the NAL length (ISO/IEC 14496-15
+    // §5.3.2: lengthSizeMinusOne 3 in the avcC we write).
+    frame.skip(4);
+    out.u32(static_cast<uint32_t>(nFrameLen - 4));
+    out.bytes(frame.current(), frame.remaining());
+    return true;
+  });
+}
+
+bool CBoxlane_Packet::Boxlane_Packet_FrameAccessUnit(const char* lpszClient, uint8_t* ptszMsgBuffer,
+                                                     int* pInt_MsgLen, const uint8_t* const* pptszNalu,
+                                                     const int* pInt_NaluLen, int nNaluCount, int64_t nFilePos,
+                                                     int nKeyFrame, int nDuration, int nCTSOffset) {
+  return write_box(*this, lpszClient, ptszMsgBuffer, pInt_MsgLen, [&](QORVANE_MP4PACKET& record, BeWriter& out) {
+    if (!pptszNalu || !pInt_NaluLen || nNaluCount < 1) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
+    const std::span nalus(pptszNalu, static_cast<std::size_t>(nNaluCount));
+    const std::span lengths(pInt_NaluLen, static_cast<std::size_t>(nNaluCount));
+    int64_t total = 0;
+    for (std::size_t i = 0; i < nalus.size(); ++i) {
+      if (!nalus[i] || lengths[i] < 0) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
+      total += 4 + int64_t{lengths[i]};
+      if (total > INT_MAX) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
+    }
+    record_video(record, {static_cast<uint32_t>(total), nFilePos, nKeyFrame, nDuration, nCTSOffset});
+    for (std::size_t i = 0; i < nalus.size(); ++i) {
+      out.u32(static_cast<uint32_t>(lengths[i]));
+      out.bytes(nalus[i], static_cast<std::size_t>(lengths[i]));
+    }
+    return true;
+  });
+}
+
+bool CBoxlane_Packet::Boxlane_Packet_FrameAudio(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen,
+                                                const uint8_t* lpszFrame, int nFrameLen, int64_t nFilePos,
+                                                int nDuration) {
+  return write_box(*this, lpszClient, ptszMsgBuffer, pInt_MsgLen, [&](QORVANE_MP4PACKET& record, BeWriter& out) {
+    if (!lpszFrame || nFrameLen < 0) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
+    const int header_length = adts_header_length(lpszFrame, nFrameLen);
+    if (header_length < 0) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
+    BeReader frame(lpszFrame, static_cast<std::size_t>(nFrameLen));
+    frame.skip(static_cast<uint64_t>(header_length));
+    record_audio(record, static_cast<uint32_t>(frame.remaining()), nFilePos, nDuration);
+    out.bytes(frame.current(), frame.remaining());
+    return true;
+  });
+}
