@@ -31,7 +31,7 @@ class AnnexBSplitter {
     const std::size_t begin = pos_;
     std::size_t end = size_;
     const std::size_t following = find_start(begin);
-    if (following < size_) end = following - 3;  // back over 00 00 01
+    if (following != kNone) end = following - 3;  // back over 00 00 01
     pos_ = following;
     while (end > begin && data_[end - 1] == 0) --end;  // trailing_zero_8bits and 4-byte start codes
     nal = NalUnit{data_ + begin, end - begin, begin};
@@ -39,7 +39,10 @@ class AnnexBSplitter {
   }
 
  private:
-  // Position just after the next 00 00 01 at or after `from`, or size_.
+  // A start code may end exactly at size_, so "none" needs its own value.
+  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+
+  // Position just after the next 00 00 01 at or after `from`, or kNone.
   std::size_t find_start(std::size_t from) noexcept {
     for (std::size_t i = from; i + 3 <= size_; ++i) {
       if (data_[i + 2] > 1) {
@@ -55,7 +58,7 @@ class AnnexBSplitter {
       }
     }
     if (!seen_) first_ = size_;
-    return size_;
+    return kNone;
   }
 
   const uint8_t* data_;
