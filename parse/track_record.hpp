@@ -7,11 +7,15 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 // The first stsd entry, kept compactly; Boxlane_Parse_GetTrackCodec expands
-// it into the caller's BOXLANE_CODECINFO.
+// it into the caller's BOXLANE_CODECINFO. Only the first stsd read for a
+// track is kept (bKept), so a repeated trak cannot swap the decoder setup
+// under a caller that has already read it.
 struct BOXLANE_TRACKCODEC {
+  bool bKept = false;
   char tszCodec[8] = {};
   uint16_t wDataRefIndex = 0;
   uint16_t wWidth = 0;
@@ -48,3 +52,16 @@ struct BOXLANE_TRACKINFO {
   std::vector<int32_t> stl_ListSTss;
   BOXLANE_TRACKCODEC stCodec;
 };
+
+namespace boxlane::parse {
+
+using TrackTable = std::unordered_map<int32_t, BOXLANE_TRACKINFO>;
+
+// Boxes after a tkhd belong to its track until the next tkhd, whatever their
+// nesting; null when no tkhd has made that track yet.
+inline BOXLANE_TRACKINFO* find_track(TrackTable& table, int32_t track_id) noexcept {
+  const auto it = table.find(track_id);
+  return it == table.end() ? nullptr : &it->second;
+}
+
+}  // namespace boxlane::parse

@@ -1,0 +1,185 @@
+// The queries that hand a client's header values and a track's tables to the
+// caller. They copy under the client's mutex and never drain: asking twice
+// gives the same answer. Arrays come from Fundrel_Memory_Malloc and belong to
+// the caller, who releases them with Fundrel_Memory_Free.
+#include <boxlane/boxlane.hpp>
+
+#include "frame/last_error.hpp"
+#include "parse/client_lookup.hpp"
+#include "parse/parse_record.hpp"
+#include "parse/track_record.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+using boxlane::parse::find_track;
+using boxlane::parse::with_client;
+
+namespace {
+
+// Copies a list into a fresh pointer array: count written, allocator called
+// even for an empty list, then element i into block i.
+template <typename Element, typename Out, typename Copy>
+bool hand_out(const std::vector<Element>& list, Out*** out, int* count, Copy copy) {
+  const int n = static_cast<int>(list.size());
+  Out** array = nullptr;
+  if (!Fundrel_Memory_Malloc(reinterpret_cast<void***>(&array), n, static_cast<int>(sizeof(Out)))) {
+    return boxlane::fail(BOXLANE_ERROR_PARSE_MALLOC);
+  }
+  for (int i = 0; i < n; ++i) copy(*array[i], list[static_cast<std::size_t>(i)]);
+  *count = n;
+  *out = array;
+  return true;
+}
+
+template <typename Work>
+bool with_track(CBoxlane_Parse& self, const char* client, int track_id, Work&& work) noexcept {
+  return with_client(self, client, [&](QORVANE_MP4PARSE& record) {
+    BOXLANE_TRACKINFO* track = find_track(*record.stl_MapTrack, track_id);
+    if (!track) return boxlane::fail(BOXLANE_ERROR_PARSE_NOTFOUND);
+    return work(*track);
+  });
+}
+
+bool bad_pointer() noexcept {
+  boxlane::clear_error();
+  return boxlane::fail(BOXLANE_ERROR_PARSE_PARAMETER);
+}
+
+}  // namespace
+
+bool CBoxlane_Parse::Boxlane_Parse_GetFTyp(const char* lpszClient, QORVANE_HDRFTYP* pSt_FTyp) {
+  if (!pSt_FTyp) return bad_pointer();
+  return with_client(*this, lpszClient, [&](QORVANE_MP4PARSE& record) {
+    const std::vector<std::string>& brands = record.stl_ListBrand;
+    const int n = static_cast<int>(brands.size());
+    char** rows = nullptr;
+    if (!Fundrel_Memory_Malloc(reinterpret_cast<void***>(&rows), n, 8)) return boxlane::fail(BOXLANE_ERROR_PARSE_MALLOC);
+    // Rows are zeroed by the allocator, so at most 4 bytes leave the NUL.
+    for (int i = 0; i < n; ++i) {
+      const std::string& brand = brands[static_cast<std::size_t>(i)];
+      std::memcpy(rows[i], brand.data(), std::min<std::size_t>(brand.size(), 4));
+    }
+    std::memcpy(pSt_FTyp->tszMajorBrand, record.stFTyp.tszMajorBrand, sizeof(pSt_FTyp->tszMajorBrand));
+    pSt_FTyp->nMinorVersion = record.stFTyp.nMinorVersion;
+    pSt_FTyp->nBrandCount = n;
+    pSt_FTyp->pptszCompatibleBrand = rows;
+    return true;
+  });
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_GetMVhd(const char* lpszClient, QORVANE_HDRMVHD* pSt_MVhd) {
+  if (!pSt_MVhd) return bad_pointer();
+  return with_client(*this, lpszClient, [&](QORVANE_MP4PARSE& record) {
+    *pSt_MVhd = record.stMVhd;
+    return true;
+  });
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_GetTrack(const char* lpszClient, int* pInt_TrackList) {
+  if (!pInt_TrackList) return bad_pointer();
+  return with_client(*this, lpszClient, [&](QORVANE_MP4PARSE& record) {
+    for (int id = 0; id < 10; ++id) {
+      if (record.stl_MapTrack->contains(id)) pInt_TrackList[id] = id;
+    }
+    return true;
+  });
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_GetTrackInfo(const char* lpszClient, int nTrackID, QORVANE_HDRTKHD* pSt_TKhd, QORVANE_HDRMDHD* pSt_MDhd, QORVANE_HDRHDLR* pSt_HDlr, QORVANE_HDRVMSMHD* pSt_VMSMhd) {
+  return with_track(*this, lpszClient, nTrackID, [&](const BOXLANE_TRACKINFO& track) {
+    if (pSt_TKhd) *pSt_TKhd = track.stTKhd;
+    if (pSt_MDhd) *pSt_MDhd = track.stMDhd;
+    if (pSt_HDlr) *pSt_HDlr = track.stHDlr;
+    if (pSt_VMSMhd) *pSt_VMSMhd = track.stVMSMhd;
+    return true;
+  });
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_GetTrackList(const char* lpszClient, int nTrackID, QORVANE_HDRSAMPLENFO*** pppSt_ListInfo, int* pInt_ListCount, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE enHType) {
+  if (!pppSt_ListInfo || !pInt_ListCount) return bad_pointer();
+  return with_track(*this, lpszClient, nTrackID, [&](const BOXLANE_TRACKINFO& track) {
+    const std::vector<QORVANE_HDRSAMPLENFO>* list = nullptr;
+    switch (enHType) {
+      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS: list = &track.stl_ListSTts; break;
+      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS: list = &track.stl_ListCTts; break;
+      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSC: list = &track.stl_ListSTsc; break;
+      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ: list = &track.stl_ListSTsz; break;
+      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO: list = &track.stl_ListSTco; break;
+      // Sync samples and sdtp have their own queries; any other code is not a
+      // table and is answered with nothing rather than an error.
+      default: return true;
+    }
+    return hand_out(*list, pppSt_ListInfo, pInt_ListCount,
+                    [](QORVANE_HDRSAMPLENFO& to, const QORVANE_HDRSAMPLENFO& from) { to = from; });
+  });
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_GetTrackKey(const char* lpszClient, int nTrackID, int*** pppInt_KeyList, int* pInt_ListCount) {
+  if (!pppInt_KeyList || !pInt_ListCount) return bad_pointer();
+  return with_track(*this, lpszClient, nTrackID, [&](const BOXLANE_TRACKINFO& track) {
+    return hand_out(track.stl_ListSTss, pppInt_KeyList, pInt_ListCount, [](int& to, int32_t from) { to = from; });
+  });
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_GetTrackSDtp(const char* lpszClient, int nTrackID, QORVANE_HDRSDTP*** pppSt_ListSDtp, int* pInt_ListCount) {
+  if (!pppSt_ListSDtp || !pInt_ListCount) return bad_pointer();
+  return with_track(*this, lpszClient, nTrackID, [&](const BOXLANE_TRACKINFO& track) {
+    return hand_out(track.stl_ListSDtp, pppSt_ListSDtp, pInt_ListCount,
+                    [](QORVANE_HDRSDTP& to, const QORVANE_HDRSDTP& from) { to = from; });
+  });
+}
+
+namespace {
+
+// Parameter sets go back to back into one byte area. The first set that does
+// not fit (in count or in bytes) ends the run: sets are never cut, and the
+// ones handed out keep their positions.
+void pack_sets(const std::vector<std::vector<uint8_t>>& sets, int32_t& count, uint16_t* lengths, BOXLANE_CODECINFO& out,
+               std::size_t& used) {
+  for (const std::vector<uint8_t>& set : sets) {
+    if (count >= BOXLANE_CODEC_MAX_PARAMSETS || set.size() > sizeof(out.byParamSets) - used) {
+      out.bTruncated = true;
+      return;
+    }
+    std::copy(set.begin(), set.end(), out.byParamSets + used);
+    used += set.size();
+    lengths[count++] = static_cast<uint16_t>(set.size());
+  }
+}
+
+}  // namespace
+
+bool CBoxlane_Parse::Boxlane_Parse_GetTrackCodec(const char* lpszClient, int nTrackID, BOXLANE_CODECINFO* pSt_CodecInfo) {
+  if (!pSt_CodecInfo) return bad_pointer();
+  return with_track(*this, lpszClient, nTrackID, [&](const BOXLANE_TRACKINFO& track) {
+    const BOXLANE_TRACKCODEC& codec = track.stCodec;
+    BOXLANE_CODECINFO& out = *pSt_CodecInfo;
+    out = BOXLANE_CODECINFO{};
+    std::memcpy(out.tszCodec, codec.tszCodec, sizeof(out.tszCodec));
+    out.wDataRefIndex = codec.wDataRefIndex;
+    out.wWidth = codec.wWidth;
+    out.wHeight = codec.wHeight;
+    out.byProfile = codec.byProfile;
+    out.byCompatibility = codec.byCompatibility;
+    out.byLevel = codec.byLevel;
+    out.byNALLengthSize = codec.byNALLengthSize;
+    std::size_t used = 0;
+    pack_sets(codec.stl_ListSPS, out.nSPSCount, out.wSPSLen, out, used);
+    pack_sets(codec.stl_ListPPS, out.nPPSCount, out.wPPSLen, out, used);
+    out.wChannelCount = codec.wChannelCount;
+    out.wSampleSize = codec.wSampleSize;
+    out.nSampleRate = codec.nSampleRate;
+    out.byObjectType = codec.byObjectType;
+    out.byStreamType = codec.byStreamType;
+    out.nBufferSizeDB = codec.nBufferSizeDB;
+    out.nMaxBitrate = codec.nMaxBitrate;
+    out.nAvgBitrate = codec.nAvgBitrate;
+    const std::size_t cfg = std::min(codec.stl_AudioCfg.size(), sizeof(out.byAudioCfg));
+    std::copy_n(codec.stl_AudioCfg.begin(), cfg, out.byAudioCfg);
+    out.nAudioCfgLen = static_cast<int32_t>(cfg);
+    if (cfg < codec.stl_AudioCfg.size()) out.bTruncated = true;
+    return true;
+  });
+}

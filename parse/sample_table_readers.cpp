@@ -1,0 +1,113 @@
+// Readers of the sample tables (ISO/IEC 14496-12 §8.6.1.2 stts, §8.6.1.3 ctts,
+// §8.7.4 stsc, §8.7.3.2 stsz, §8.7.5 stco, §8.6.2 stss, §8.6.4 sdtp). Each
+// appends the box's entries, as stored, to its list in the current track.
+// Nothing is compared across tables.
+#include <boxlane/boxlane.hpp>
+
+#include "frame/last_error.hpp"
+#include "parse/reader_frame.hpp"
+#include "platform/be_reader.hpp"
+
+#include <algorithm>
+#include <vector>
+
+using boxlane::BeReader;
+using boxlane::parse::current_track;
+using boxlane::parse::take_version_flags;
+
+namespace {
+
+// The count a box declares, cut to the entries that lie whole inside the
+// payload, so a hostile count can neither read past the box nor reserve
+// memory the box does not back. A count below 1 (top bit set included)
+// gives nothing.
+uint32_t whole_entries(const BeReader& r, int32_t count, std::size_t entry_size) noexcept {
+  if (count < 1) return 0;
+  return static_cast<uint32_t>(std::min<uint64_t>(uint64_t(count), r.remaining() / entry_size));
+}
+
+// Version, flags and entry_count at 0 and 4; the entries from 8 on.
+template <typename Element, typename ReadOne>
+bool read_counted(QORVANE_MP4PARSE* record, BOXLANE_MSGBUFFER* entry, const uint8_t* payload, uint64_t length,
+                  std::vector<Element> BOXLANE_TRACKINFO::*list, std::size_t entry_size, ReadOne read_one) {
+  boxlane::clear_error();
+  BOXLANE_TRACKINFO* track = current_track(record);
+  if (!track) return false;
+  BeReader r(payload, length);
+  take_version_flags(entry, r);
+  if (!r.has(8)) return true;
+  r.skip(4);
+  const uint32_t n = whole_entries(r, r.i32(), entry_size);
+  std::vector<Element>& out = track->*list;
+  out.reserve(out.size() + n);
+  for (uint32_t i = 0; i < n; ++i) out.push_back(read_one(r));
+  return true;
+}
+
+QORVANE_HDRSAMPLENFO pair_entry(BeReader& r) noexcept {
+  const uint32_t first = r.u32();
+  return {first, r.u32(), 0};
+}
+
+QORVANE_HDRSAMPLENFO single_entry(BeReader& r) noexcept { return {r.u32(), 0, 0}; }
+
+}  // namespace
+
+bool CBoxlane_Parse::Boxlane_Parse_STts(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
+  return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListSTts, 8, pair_entry);
+}
+
+// Version 1 offsets are signed (§8.6.1.3); both versions keep the raw 32 bits.
+bool CBoxlane_Parse::Boxlane_Parse_CTts(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
+  return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListCTts, 8, pair_entry);
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_STsc(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
+  return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListSTsc, 12,
+                      [](BeReader& r) noexcept {
+                        const uint32_t first_chunk = r.u32();
+                        const uint32_t per_chunk = r.u32();
+                        return QORVANE_HDRSAMPLENFO{first_chunk, per_chunk, r.u32()};
+                      });
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_STco(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
+  return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListSTco, 4, single_entry);
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_STss(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
+  return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListSTss, 4,
+                      [](BeReader& r) noexcept { return r.i32(); });
+}
+
+// A non-zero sample_size means every sample has that size and no table
+// follows; that constant is not kept.
+bool CBoxlane_Parse::Boxlane_Parse_STsz(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
+  boxlane::clear_error();
+  BOXLANE_TRACKINFO* track = current_track(pSt_MP4Parse);
+  if (!track) return false;
+  BeReader r(lpszMsgBuffer, nMsgLen);
+  take_version_flags(pSt_MSGBuffer, r);
+  if (!r.has(12)) return true;
+  r.skip(4);
+  if (r.u32() != 0) return true;
+  const uint32_t n = whole_entries(r, r.i32(), 4);
+  std::vector<QORVANE_HDRSAMPLENFO>& out = track->stl_ListSTsz;
+  out.reserve(out.size() + n);
+  for (uint32_t i = 0; i < n; ++i) out.push_back(single_entry(r));
+  return true;
+}
+
+// sdtp carries no count: one byte per sample to the end of the box (§8.6.4.2).
+bool CBoxlane_Parse::Boxlane_Parse_SDtp(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
+  boxlane::clear_error();
+  BOXLANE_TRACKINFO* track = current_track(pSt_MP4Parse);
+  if (!track) return false;
+  BeReader r(lpszMsgBuffer, nMsgLen);
+  take_version_flags(pSt_MSGBuffer, r);
+  if (!r.skip(4)) return true;
+  std::vector<QORVANE_HDRSDTP>& out = track->stl_ListSDtp;
+  out.reserve(out.size() + r.remaining());
+  while (r.has(1)) out.push_back(QORVANE_HDRSDTP{r.u8()});
+  return true;
+}
