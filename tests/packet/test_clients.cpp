@@ -1,0 +1,161 @@
+// Writer clients: life cycle, the last-error model, timing, and the checks
+// every writer operation makes before it touches anything.
+#include "writer_fixture.hpp"
+
+#include <functional>
+#include <utility>
+
+namespace boxlane::test {
+namespace {
+
+using ClientTest = WriterTest;
+
+const uint8_t kFrame[] = {0, 0, 0, 1, 0x65, 0x88, 0x84};
+
+TEST_F(ClientTest, LifeCycleKeepsRecordsAcrossDuplicateInsertAndRenumbersAfterDelete) {
+  int32_t length = 0;
+  uint8_t buffer[128];
+  ASSERT_TRUE(Boxlane_Packet_FrameVideo(client(), buffer, &length, kFrame, sizeof kFrame, 48, 1, 40, 0));
+  ASSERT_TRUE(Boxlane_Packet_TKhd(client(), buffer, &length, 0, 160, 120, 0));
+
+  // A second Insert succeeds and keeps the frame and the track count.
+  EXPECT_TRUE(Boxlane_Packet_Insert(client()));
+  EXPECT_FALSE(Boxlane_IsErrorOccur);
+  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_STsz(client(), b, l, true); }),
+            bytes_hex("00000018 7374737A 00000000 00000000 00000001 00000007"));
+  ASSERT_TRUE(Boxlane_Packet_TKhd(client(), buffer, &length, 0, 160, 120, 0));
+  EXPECT_EQ(hex(buffer + 20, 4), "00 00 00 02");
+
+  // Deleting removes the client; a new Insert starts over at track 1.
+  EXPECT_TRUE(Boxlane_Packet_Delete(client()));
+  expect_refused([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FTyp(client(), b, l); },
+                 BOXLANE_ERROR_PACKET_NOTFOUND);
+  ASSERT_TRUE(Boxlane_Packet_Insert(client()));
+  ASSERT_TRUE(Boxlane_Packet_TKhd(client(), buffer, &length, 0, 160, 120, 0));
+  EXPECT_EQ(hex(buffer + 20, 4), "00 00 00 01");
+  EXPECT_TRUE(record().listVideoSize.empty());
+}
+
+TEST(ClientErrors, FlagClearsOnSuccessWhileTheCodeStays) {
+  EXPECT_FALSE(Boxlane_Packet_Insert(nullptr));
+  EXPECT_TRUE(Boxlane_IsErrorOccur);
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_PARAMETER);
+
+  // Deleting a client that was never there is no failure.
+  EXPECT_TRUE(Boxlane_Packet_Delete("writer/never inserted"));
+  EXPECT_FALSE(Boxlane_IsErrorOccur);
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_PARAMETER);
+
+  EXPECT_FALSE(m_MP4Packet.Boxlane_Packet_SetTime("writer/never inserted", 25, 44100));
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_NOTFOUND);
+  EXPECT_FALSE(m_MP4Packet.Boxlane_Packet_SetTime(nullptr, 25, 44100));
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_PARAMETER);
+  EXPECT_FALSE(Boxlane_Packet_Delete(nullptr));
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_PARAMETER);
+
+  // Client strings are exact bytes: case matters.
+  ASSERT_TRUE(Boxlane_Packet_Insert("writer/Case"));
+  int32_t length = 0;
+  uint8_t buffer[64];
+  EXPECT_FALSE(Boxlane_Packet_FTyp("writer/case", buffer, &length));
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_NOTFOUND);
+  EXPECT_TRUE(Boxlane_Packet_FTyp("writer/Case", buffer, &length));
+  EXPECT_FALSE(Boxlane_IsErrorOccur);
+  EXPECT_TRUE(Boxlane_Packet_Delete("writer/Case"));
+}
+
+TEST_F(ClientTest, SetTimeDerivesFrameTimesAndIgnoresRatesBelowOne) {
+  struct Case {
+    int frame_rate, sample_rate;
+    int64_t video_ms, audio_ms;
+  };
+  // Each row is applied on top of the previous one.
+  const Case cases[] = {
+      {25, 44100, 40, 23}, {30, 48000, 33, 21}, {24, 8000, 41, 128},
+      {0, 22050, 41, 46},  {1001, -1, 0, 46},   {-5, 0, 0, 46},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.frame_rate << " fps, " << c.sample_rate << " Hz");
+    EXPECT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(client(), c.frame_rate, c.sample_rate));
+    EXPECT_EQ(record().nVideoFrameTime, c.video_ms);
+    EXPECT_EQ(record().nAudioFrameTime, c.audio_ms);
+  }
+  EXPECT_EQ(record().nFrameRate, 1001);
+  EXPECT_EQ(record().nSampleRate, 22050);
+}
+
+TEST_F(ClientTest, TimeCountDividesFrameTimeByTimeScaleAndSurvivesZero) {
+  ASSERT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(client(), 25, 0));
+  EXPECT_EQ(m_MP4Packet.Boxlane_Packet_TimeCount(&record()), 0);  // no mvhd: time scale 0
+  EXPECT_EQ(m_MP4Packet.Boxlane_Packet_TimeCount(nullptr), 0);
+
+  // The duration fields of mvhd and tkhd fall back on it when given 0.
+  auto duration_of = [&](auto&& call, int offset) {
+    std::vector<uint8_t> buffer(128, 0);
+    int32_t length = 0;
+    EXPECT_TRUE(call(buffer.data(), &length));
+    return hex(buffer.data() + offset, 4);
+  };
+  auto mvhd = [&](int scale) {
+    return [this, scale](uint8_t* b, int32_t* l) { return Boxlane_Packet_MVhd(client(), b, l, 0, scale); };
+  };
+  auto tkhd = [&](uint8_t* b, int32_t* l) { return Boxlane_Packet_TKhd(client(), b, l, 0, 160, 120, 0); };
+  EXPECT_EQ(duration_of(mvhd(0), 24), "00 00 00 00");
+  EXPECT_EQ(duration_of(tkhd, 28), "00 00 00 00");
+  EXPECT_EQ(duration_of(mvhd(1000), 24), "00 00 00 00");  // 40 / 1000
+  EXPECT_EQ(duration_of(mvhd(1), 24), "00 00 00 28");
+  EXPECT_EQ(duration_of(tkhd, 28), "00 00 00 28");
+  EXPECT_EQ(record().nVideoDuration, 40u);
+  EXPECT_EQ(m_MP4Packet.Boxlane_Packet_TimeCount(&record()), 40);
+}
+
+// Every operation that names a client refuses a null client and an unknown
+// one, and every writer a null buffer or length pointer, without writing.
+TEST_F(ClientTest, EveryWriterRefusesMissingClientBufferOrLength) {
+  using Writer = std::function<bool(const char*, uint8_t*, int32_t*)>;
+  static const uint8_t payload[4] = {1, 2, 3, 4};
+  static const uint8_t* const nalus[1] = {kFrame + 4};
+  static const int32_t nalu_lengths[1] = {3};
+  const std::pair<const char*, Writer> writers[] = {
+      {"HDRBox", [](auto c, auto b, auto l) { return Boxlane_Packet_HDRBox(c, b, l, "free", payload, 4); }},
+      {"FTyp", [](auto c, auto b, auto l) { return Boxlane_Packet_FTyp(c, b, l); }},
+      {"MVhd", [](auto c, auto b, auto l) { return Boxlane_Packet_MVhd(c, b, l, 0, 1000); }},
+      {"TKhd", [](auto c, auto b, auto l) { return Boxlane_Packet_TKhd(c, b, l, 0, 1, 1, 0); }},
+      {"MDhd", [](auto c, auto b, auto l) { return Boxlane_Packet_MDhd(c, b, l, 0); }},
+      {"MDhdEx", [](auto c, auto b, auto l) { return Boxlane_Packet_MDhdEx(c, b, l, 0, 1); }},
+      {"HDlr", [](auto c, auto b, auto l) { return Boxlane_Packet_HDlr(c, b, l, 0); }},
+      {"VMhd", [](auto c, auto b, auto l) { return Boxlane_Packet_VMhd(c, b, l); }},
+      {"SMhd", [](auto c, auto b, auto l) { return Boxlane_Packet_SMhd(c, b, l, 0); }},
+      {"DInf", [](auto c, auto b, auto l) { return Boxlane_Packet_DInf(c, b, l); }},
+      {"EDts", [](auto c, auto b, auto l) { return Boxlane_Packet_EDts(c, b, l, 1, 0); }},
+      {"CTts", [](auto c, auto b, auto l) { return Boxlane_Packet_CTts(c, b, l); }},
+      {"STts", [](auto c, auto b, auto l) { return Boxlane_Packet_STts(c, b, l, true); }},
+      {"STss", [](auto c, auto b, auto l) { return Boxlane_Packet_STss(c, b, l); }},
+      {"STsc", [](auto c, auto b, auto l) { return Boxlane_Packet_STsc(c, b, l); }},
+      {"STsz", [](auto c, auto b, auto l) { return Boxlane_Packet_STsz(c, b, l, false); }},
+      {"STco", [](auto c, auto b, auto l) { return Boxlane_Packet_STco(c, b, l, false); }},
+      {"FrameVideo",
+       [](auto c, auto b, auto l) { return Boxlane_Packet_FrameVideo(c, b, l, kFrame, sizeof kFrame, 0, 1, 40, 40); }},
+      {"FrameAccessUnit",
+       [](auto c, auto b, auto l) {
+         return Boxlane_Packet_FrameAccessUnit(c, b, l, nalus, nalu_lengths, 1, 0, 1, 40, 40);
+       }},
+      {"FrameAudio", [](auto c, auto b, auto l) { return Boxlane_Packet_FrameAudio(c, b, l, payload, 4, 0, 1024); }},
+  };
+  for (const auto& [name, call] : writers) {
+    SCOPED_TRACE(name);
+    expect_refused([&](uint8_t* b, int32_t* l) { return call(nullptr, b, l); }, BOXLANE_ERROR_PACKET_PARAMETER);
+    expect_refused([&](uint8_t* b, int32_t* l) { return call("writer/nobody", b, l); }, BOXLANE_ERROR_PACKET_NOTFOUND);
+    expect_refused([&](uint8_t*, int32_t* l) { return call(client(), nullptr, l); }, BOXLANE_ERROR_PACKET_PARAMETER);
+    expect_refused([&](uint8_t* b, int32_t*) { return call(client(), b, nullptr); }, BOXLANE_ERROR_PACKET_PARAMETER);
+  }
+  // None of the refused frames reached the record.
+  EXPECT_EQ(record().nVideoCount, 0u);
+  EXPECT_EQ(record().nTrackID, 1u);
+  EXPECT_EQ(record().nTimeScale, 0);
+  EXPECT_TRUE(record().listVideoSize.empty());
+  EXPECT_TRUE(record().listAudioSize.empty());
+}
+
+}  // namespace
+}  // namespace boxlane::test

@@ -1,0 +1,71 @@
+// What the writer suites share: a fresh client per test, access to its
+// record, and calls into a buffer pre-filled with 0xFF so that a writer that
+// reports a short length, or writes past it, is caught.
+#pragma once
+
+#include <boxlane/boxlane.hpp>
+#include <gtest/gtest.h>
+
+#include "packet/packet_record.hpp"
+#include "support/paths.hpp"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace boxlane::test {
+
+class WriterTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    name_ = std::string("writer/") + info->test_suite_name() + "." + info->name();
+    ASSERT_TRUE(Boxlane_Packet_Insert(client()));
+  }
+  void TearDown() override { Boxlane_Packet_Delete(client()); }
+
+  const char* client() const { return name_.c_str(); }
+  QORVANE_MP4PACKET& record() { return *m_MP4Packet.stl_MapClient.find(name_)->second; }
+
+  std::string name_;
+};
+
+// Runs call(buffer, &length) on a buffer of 0xFF bytes; expects success and
+// no change past the reported length. Returns the reported bytes as hex.
+template <typename Call>
+std::string written(Call&& call, std::size_t capacity = 4096) {
+  std::vector<uint8_t> buffer(capacity, 0xFF);
+  int32_t length = -1;
+  EXPECT_TRUE(call(buffer.data(), &length)) << "code " << std::hex << Boxlane_GetLastError(nullptr);
+  EXPECT_FALSE(Boxlane_IsErrorOccur);
+  if (length < 0 || static_cast<std::size_t>(length) > capacity) {
+    ADD_FAILURE() << "reported length " << length;
+    return {};
+  }
+  for (std::size_t i = static_cast<std::size_t>(length); i < capacity; ++i) {
+    if (buffer[i] != 0xFF) {
+      ADD_FAILURE() << "byte " << i << " past the reported length " << length << " changed";
+      break;
+    }
+  }
+  return hex(buffer.data(), static_cast<std::size_t>(length));
+}
+
+// Hand-written hex in the form written() returns.
+inline std::string bytes_hex(std::string_view text) { return hex(unhex(text)); }
+
+// Expects call(buffer, &length) to fail with `code` and leave buffer and
+// length as they were.
+template <typename Call>
+void expect_refused(Call&& call, uint64_t code) {
+  std::vector<uint8_t> buffer(256, 0xAB);
+  int32_t length = -7;
+  EXPECT_FALSE(call(buffer.data(), &length));
+  EXPECT_TRUE(Boxlane_IsErrorOccur);
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), code);
+  EXPECT_EQ(length, -7);
+  EXPECT_EQ(buffer, std::vector<uint8_t>(256, 0xAB));
+}
+
+}  // namespace boxlane::test
