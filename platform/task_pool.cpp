@@ -1,0 +1,309 @@
+// Per-client event counts in N pools, each with a condition variable its
+// workers wait on. Handles are serial numbers kept in a process-wide
+// registry rather than addresses, so a destroyed handle can never alias a
+// later pool that happens to reuse the memory.
+#include "platform/task_pool.hpp"
+
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace {
+
+// Client strings must fit an event entry with their NUL.
+constexpr std::size_t kMaxClientLen = sizeof(QORVANE_RENDAVO_TASKEVENT{}.tszClientAddr) - 1;
+
+thread_local uint64_t t_last_error = 0;
+
+bool fail(uint64_t code) noexcept {
+  t_last_error = code;
+  return false;
+}
+
+struct Client {
+  std::string addr;
+  int events = 0;
+};
+
+// The map's keys are views of the strings in the list nodes, so looking up a
+// caller's const char* builds no std::string.
+struct ViewHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>{}(s); }
+};
+
+struct Pool {
+  std::mutex mutex;
+  std::condition_variable wake;
+  // Insertion order is what AddrGet hands out; list nodes keep the strings
+  // (and so the map's keys) at fixed addresses.
+  std::list<Client> clients;
+  std::unordered_map<std::string_view, std::list<Client>::iterator, ViewHash, std::equal_to<>> index;
+  int ready = 0;  // clients whose count is positive
+  int waiters = 0;
+  bool activated = false;
+  bool closed = false;
+
+  Client* find(std::string_view addr) {
+    const auto it = index.find(addr);
+    return it == index.end() ? nullptr : &*it->second;
+  }
+  // False when memory ran out; the pool is then unchanged.
+  bool add(std::string_view addr) noexcept {
+    try {
+      clients.push_back(Client{std::string(addr), 0});
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+    const auto node = std::prev(clients.end());
+    try {
+      index.emplace(std::string_view(node->addr), node);
+    } catch (const std::bad_alloc&) {
+      clients.pop_back();
+      return false;
+    }
+    return true;
+  }
+};
+
+struct PoolSet {
+  explicit PoolSet(int n) : count(n), pools(new Pool[static_cast<std::size_t>(n)]) {}
+  const int count;
+  std::unique_ptr<Pool[]> pools;
+  // Serialises Insert and Delete, so a string cannot land in two pools at
+  // once. Taken before any pool mutex.
+  std::mutex membership;
+};
+
+struct Registry {
+  std::mutex mutex;
+  std::unordered_map<uintptr_t, std::shared_ptr<PoolSet>> live;
+  uintptr_t next = 1;
+};
+
+// Never destroyed: a singleton elsewhere may destroy its pool while the
+// library unloads, after this file's statics would have gone.
+Registry& registry() {
+  static Registry* r = new Registry;
+  return *r;
+}
+
+std::shared_ptr<PoolSet> lookup(void* handle) {
+  Registry& r = registry();
+  std::lock_guard lock(r.mutex);
+  const auto it = r.live.find(reinterpret_cast<uintptr_t>(handle));
+  return it == r.live.end() ? nullptr : it->second;
+}
+
+// The pool a call names, or null (with the code set) for a bad handle or index.
+Pool* resolve(void* handle, int index, std::shared_ptr<PoolSet>& keep) {
+  keep = lookup(handle);
+  if (!keep || index < 0 || index >= keep->count) {
+    fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+    return nullptr;
+  }
+  return &keep->pools[static_cast<std::size_t>(index)];
+}
+
+// As above, for the calls that also name a client.
+Pool* resolve(void* handle, int index, const char* addr, std::shared_ptr<PoolSet>& keep) {
+  if (addr == nullptr) {
+    fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+    return nullptr;
+  }
+  return resolve(handle, index, keep);
+}
+
+bool valid_client(const char* addr) noexcept {
+  return addr != nullptr && ::strnlen(addr, kMaxClientLen + 1) <= kMaxClientLen;
+}
+
+}  // namespace
+
+void* Rendavo_TaskPool_CreateEx(int nPoolCount) {
+  if (nPoolCount < 1) {
+    fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+    return nullptr;
+  }
+  try {
+    auto set = std::make_shared<PoolSet>(nPoolCount);
+    Registry& r = registry();
+    std::lock_guard lock(r.mutex);
+    const uintptr_t id = r.next++;
+    r.live.emplace(id, std::move(set));
+    return reinterpret_cast<void*>(id);
+  } catch (const std::bad_alloc&) {
+    fail(RENDAVO_ERROR_TASKPOOL_MALLOC);
+    return nullptr;
+  }
+}
+
+bool Rendavo_TaskPool_DestoryEx(void* xhPool) {
+  std::shared_ptr<PoolSet> set;
+  {
+    Registry& r = registry();
+    std::lock_guard lock(r.mutex);
+    const auto it = r.live.find(reinterpret_cast<uintptr_t>(xhPool));
+    if (it == r.live.end()) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+    set = std::move(it->second);
+    r.live.erase(it);
+  }
+  // Each waiter holds its own reference, so the pools are freed by whoever
+  // lets go last: this call or the last waiter to wake.
+  for (int i = 0; i < set->count; ++i) {
+    Pool& pool = set->pools[static_cast<std::size_t>(i)];
+    {
+      std::lock_guard lock(pool.mutex);
+      pool.closed = true;
+    }
+    pool.wake.notify_all();
+  }
+  return true;
+}
+
+bool Rendavo_TaskPool_AddrInsertEx(void* xhPool, const char* lpszClientAddr, int* pInt_PoolIndex) {
+  const std::shared_ptr<PoolSet> set = lookup(xhPool);
+  if (!set || !valid_client(lpszClientAddr) || pInt_PoolIndex == nullptr) {
+    return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+  }
+  const std::string_view addr(lpszClientAddr);
+  std::lock_guard membership(set->membership);
+  int fewest = 0;
+  std::size_t fewest_size = SIZE_MAX;
+  for (int i = 0; i < set->count; ++i) {
+    Pool& pool = set->pools[static_cast<std::size_t>(i)];
+    std::lock_guard lock(pool.mutex);
+    if (pool.find(addr)) {
+      *pInt_PoolIndex = i;
+      return true;
+    }
+    if (pool.clients.size() < fewest_size) {
+      fewest = i;
+      fewest_size = pool.clients.size();
+    }
+  }
+  Pool& pool = set->pools[static_cast<std::size_t>(fewest)];
+  {
+    std::lock_guard lock(pool.mutex);
+    if (!pool.add(addr)) return fail(RENDAVO_ERROR_TASKPOOL_MALLOC);
+  }
+  *pInt_PoolIndex = fewest;
+  return true;
+}
+
+bool Rendavo_TaskPool_AddrDeleteEx(void* xhPool, int nPoolIndex, const char* lpszClientAddr) {
+  std::shared_ptr<PoolSet> set;
+  Pool* pool = resolve(xhPool, nPoolIndex, lpszClientAddr, set);
+  if (pool == nullptr) return false;
+  std::lock_guard membership(set->membership);
+  std::lock_guard lock(pool->mutex);
+  const auto it = pool->index.find(std::string_view(lpszClientAddr));
+  if (it == pool->index.end()) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+  const auto node = it->second;
+  if (node->events > 0) --pool->ready;
+  pool->index.erase(it);  // before the node, whose string the key views
+  pool->clients.erase(node);
+  return true;
+}
+
+bool Rendavo_TaskPool_AddrIncEx(void* xhPool, int nPoolIndex, const char* lpszClientAddr) {
+  std::shared_ptr<PoolSet> set;
+  Pool* pool = resolve(xhPool, nPoolIndex, lpszClientAddr, set);
+  if (pool == nullptr) return false;
+  bool wake = false;
+  {
+    std::lock_guard lock(pool->mutex);
+    Client* client = pool->find(lpszClientAddr);
+    if (client == nullptr) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+    if (client->events == INT_MAX) return true;
+    if (client->events++ == 0) ++pool->ready;
+    wake = pool->waiters > 0;
+  }
+  if (wake) pool->wake.notify_all();
+  return true;
+}
+
+bool Rendavo_TaskPool_AddrDecEx(void* xhPool, int nPoolIndex, const char* lpszClientAddr) {
+  std::shared_ptr<PoolSet> set;
+  Pool* pool = resolve(xhPool, nPoolIndex, lpszClientAddr, set);
+  if (pool == nullptr) return false;
+  std::lock_guard lock(pool->mutex);
+  Client* client = pool->find(lpszClientAddr);
+  if (client == nullptr) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+  if (client->events > 0 && --client->events == 0) --pool->ready;
+  return true;
+}
+
+bool Rendavo_TaskPool_AddrGetEx(void* xhPool, int nPoolIndex, QORVANE_RENDAVO_TASKEVENT*** pppSt_ListAddr,
+                                int* pInt_ListCount) {
+  std::shared_ptr<PoolSet> set;
+  Pool* pool = resolve(xhPool, nPoolIndex, set);
+  if (pool == nullptr) return false;
+  if (pppSt_ListAddr == nullptr || pInt_ListCount == nullptr) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+  std::lock_guard lock(pool->mutex);
+  void** rows = nullptr;
+  if (!Fundrel_Memory_Malloc(&rows, pool->ready, static_cast<int>(sizeof(QORVANE_RENDAVO_TASKEVENT)))) {
+    return fail(RENDAVO_ERROR_TASKPOOL_MALLOC);
+  }
+  int n = 0;
+  for (const Client& client : pool->clients) {
+    if (client.events <= 0) continue;
+    auto* entry = static_cast<QORVANE_RENDAVO_TASKEVENT*>(rows[n++]);
+    std::memcpy(entry->tszClientAddr, client.addr.data(), client.addr.size());
+    entry->nEventCount = client.events;
+  }
+  *pppSt_ListAddr = reinterpret_cast<QORVANE_RENDAVO_TASKEVENT**>(rows);
+  *pInt_ListCount = n;
+  return true;
+}
+
+bool Rendavo_TaskPool_WaitEventEx(void* xhPool, int nPoolIndex, int nTimeout) {
+  std::shared_ptr<PoolSet> set;
+  Pool* pool = resolve(xhPool, nPoolIndex, set);
+  if (pool == nullptr) return false;
+  std::unique_lock lock(pool->mutex);
+  const auto done = [pool] { return pool->closed || pool->activated || pool->ready > 0; };
+  if (!done() && nTimeout != 0) {
+    ++pool->waiters;
+    if (nTimeout < 0) {
+      pool->wake.wait(lock, done);
+    } else {
+      pool->wake.wait_for(lock, std::chrono::milliseconds(nTimeout), done);
+    }
+    --pool->waiters;
+  }
+  if (pool->closed) return fail(RENDAVO_ERROR_TASKPOOL_CLOSED);
+  if (pool->activated) {
+    pool->activated = false;
+    return true;
+  }
+  if (pool->ready > 0) return true;
+  return fail(RENDAVO_ERROR_TASKPOOL_TIMEOUT);
+}
+
+bool Rendavo_TaskPool_ActiveEventEx(void* xhPool, int nPoolIndex) {
+  std::shared_ptr<PoolSet> set;
+  Pool* pool = resolve(xhPool, nPoolIndex, set);
+  if (pool == nullptr) return false;
+  {
+    std::lock_guard lock(pool->mutex);
+    pool->activated = true;
+  }
+  pool->wake.notify_all();
+  return true;
+}
+
+uint64_t Rendavo_GetLastError(int* pInt_SysError) {
+  if (pInt_SysError != nullptr) *pInt_SysError = errno;
+  return t_last_error;
+}
