@@ -1,0 +1,192 @@
+// The frame writers: the sample bytes they return, and refusals that must
+// leave buffer, length and record alone.
+#include "writer_fixture.hpp"
+
+#include "support/box_builder.hpp"
+
+#include <climits>
+#include <cstdint>
+#include <vector>
+
+namespace boxlane::test {
+namespace {
+
+using FrameTest = WriterTest;
+
+// Everything the sample tables show for the video track, " | " between boxes.
+std::string video_tables(const char* client) {
+  using Table = bool (*)(const char*, uint8_t*, int32_t*);
+  const Table tables[] = {
+      [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STts(c, b, l, true); },
+      Boxlane_Packet_STss,
+      [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STsz(c, b, l, true); },
+      [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STco(c, b, l, true); },
+  };
+  std::string all;
+  for (const Table table : tables)
+    all += written([&](uint8_t* b, int32_t* l) { return table(client, b, l); }) + " | ";
+  std::vector<uint8_t> buffer(4096);
+  int32_t length = 0;
+  all += Boxlane_Packet_CTts(client, buffer.data(), &length) ? hex(buffer.data(), length) : "no ctts";
+  return all;
+}
+
+TEST_F(FrameTest, VideoStartCodeBecomesTheNalLength) {
+  std::vector<uint8_t> frame(1000, 0x5A);
+  frame[0] = frame[1] = frame[2] = 0;
+  frame[3] = 1;
+  frame[4] = 0x65;
+  const std::string out = written(
+      [&](uint8_t* b, int32_t* l) {
+        return Boxlane_Packet_FrameVideo(client(), b, l, frame.data(), 1000, 48, 1, 40, 0);
+      },
+      1100);
+  std::vector<uint8_t> expected = frame;
+  expected[2] = 0x03;
+  expected[3] = 0xE4;
+  EXPECT_EQ(out, hex(expected));
+  EXPECT_EQ(record().listVideoSize, std::vector<uint32_t>{1000});
+
+  // The start code is not examined: a 3-byte start code plus a zero byte,
+  // or anything else, is replaced all the same. A 4-byte frame is an empty NAL.
+  const uint8_t odd[] = {0xAA, 0xBB, 0xCC, 0xDD, 0x41};
+  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FrameVideo(client(), b, l, odd, 5, 0, 0, 40, 0); }),
+            bytes_hex("00000001 41"));
+  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FrameVideo(client(), b, l, odd, 4, 0, 0, 40, 0); }),
+            bytes_hex("00000000"));
+  EXPECT_EQ(record().nVideoCount, 3u);
+}
+
+TEST_F(FrameTest, RefusedFramesChangeNothing) {
+  const uint8_t frame[] = {0, 0, 0, 1, 0x65, 0x88};
+  const uint8_t* const nalus[2] = {frame + 4, frame + 4};
+  const int32_t lengths[2] = {2, 2};
+  const uint8_t* const with_null[2] = {frame + 4, nullptr};
+  const int32_t with_negative[2] = {2, -1};
+  const int32_t too_long[2] = {INT_MAX / 2, INT_MAX / 2};  // with 8 length bytes, past INT_MAX
+
+  for (const int length : {3, 0, -1, INT_MIN})
+    expect_refused(
+        [&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FrameVideo(client(), b, l, frame, length, 0, 1, 40, 40); },
+        BOXLANE_ERROR_PACKET_PARAMETER);
+  expect_refused([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FrameVideo(client(), b, l, nullptr, 6, 0, 1, 40, 40); },
+                 BOXLANE_ERROR_PACKET_PARAMETER);
+
+  auto access_unit = [&](const uint8_t* const* n, const int32_t* lens, int count) {
+    return [=, this](uint8_t* b, int32_t* l) {
+      return Boxlane_Packet_FrameAccessUnit(client(), b, l, n, lens, count, 0, 1, 40, 40);
+    };
+  };
+  expect_refused(access_unit(nullptr, lengths, 2), BOXLANE_ERROR_PACKET_PARAMETER);
+  expect_refused(access_unit(nalus, nullptr, 2), BOXLANE_ERROR_PACKET_PARAMETER);
+  expect_refused(access_unit(nalus, lengths, 0), BOXLANE_ERROR_PACKET_PARAMETER);
+  expect_refused(access_unit(nalus, lengths, -1), BOXLANE_ERROR_PACKET_PARAMETER);
+  expect_refused(access_unit(with_null, lengths, 2), BOXLANE_ERROR_PACKET_PARAMETER);
+  expect_refused(access_unit(nalus, with_negative, 2), BOXLANE_ERROR_PACKET_PARAMETER);
+  expect_refused(access_unit(nalus, too_long, 2), BOXLANE_ERROR_PACKET_PARAMETER);
+
+  expect_refused([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FrameAudio(client(), b, l, frame, -1, 0, 1024); },
+                 BOXLANE_ERROR_PACKET_PARAMETER);
+  expect_refused([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FrameAudio(client(), b, l, nullptr, 6, 0, 1024); },
+                 BOXLANE_ERROR_PACKET_PARAMETER);
+
+  EXPECT_EQ(record().nVideoCount, 0u);
+  EXPECT_EQ(video_tables(client()),
+            bytes_hex("00000010 73747473 00000000 00000000") + " | " + bytes_hex("00000010 73747373 00000000 00000000") +
+                " | " + bytes_hex("00000014 7374737A 00000000 00000000 00000000") + " | " +
+                bytes_hex("00000010 7374636F 00000000 00000000") + " | no ctts");
+  EXPECT_TRUE(record().listAudioSize.empty());
+  EXPECT_TRUE(record().listAudioSTts.empty());
+}
+
+TEST_F(FrameTest, AccessUnitWritesEachNalWithItsOwnLength) {
+  const uint8_t sei[] = {0x06, 0x05, 0x01};
+  const uint8_t slice[] = {0x65, 0x88, 0x84, 0x21};
+  const uint8_t empty[] = {0};
+  const uint8_t* const nalus[] = {sei, slice, empty};
+  const int32_t lengths[] = {3, 4, 0};
+  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) {
+              return Boxlane_Packet_FrameAccessUnit(client(), b, l, nalus, lengths, 3, 1000, 1, 40, 80);
+            }),
+            bytes_hex("00000003 060501 00000004 65888421 00000000"));
+  EXPECT_EQ(record().listVideoSize, std::vector<uint32_t>{19});
+}
+
+// A stream fed NAL by NAL through FrameVideo and access unit by access unit
+// through FrameAccessUnit gives the same samples and the same tables.
+TEST_F(FrameTest, AccessUnitsKeepTheSameBooksAsSingleNalFrames) {
+  const std::string other = name_ + ".au";
+  ASSERT_TRUE(Boxlane_Packet_Insert(other.c_str()));
+  struct Frame {
+    int64_t position;
+    int key, duration, cts;
+    std::vector<uint8_t> nal;
+  };
+  const Frame frames[] = {
+      {48, 1, 40, 80, {0x65, 1, 2, 3}}, {56, 0, 40, 0, {0x41, 9}},    {62, 2, 41, 40, {0x41}},
+      {67, 1, 40, -1, {0x65, 7, 7}},    {74, -1, 0, 120, {0x01, 0xFF}},
+  };
+  for (const Frame& f : frames) {
+    Bytes annexb;
+    annexb.u32(1).add(f.nal);
+    const auto size = static_cast<int32_t>(annexb.size());
+    const std::string single = written([&](uint8_t* b, int32_t* l) {
+      return Boxlane_Packet_FrameVideo(client(), b, l, annexb.data(), size, f.position, f.key, f.duration, f.cts);
+    });
+    const uint8_t* const nalu[] = {f.nal.data()};
+    const int32_t length[] = {static_cast<int32_t>(f.nal.size())};
+    const std::string unit = written([&](uint8_t* b, int32_t* l) {
+      return Boxlane_Packet_FrameAccessUnit(other.c_str(), b, l, nalu, length, 1, f.position, f.key, f.duration, f.cts);
+    });
+    EXPECT_EQ(single, unit);
+  }
+  EXPECT_EQ(video_tables(client()), video_tables(other.c_str()));
+  EXPECT_EQ(video_tables(client()),
+            bytes_hex("00000028 73747473 00000000 00000003 00000002 00000028 00000001 00000029 00000001 00000028") +
+                " | " + bytes_hex("00000018 73747373 00000000 00000002 00000001 00000004") + " | " +
+                bytes_hex("00000028 7374737A 00000000 00000000 00000005 00000008 00000006 00000005 00000007 00000006") +
+                " | " + bytes_hex("00000024 7374636F 00000000 00000005 00000030 00000038 0000003E 00000043 0000004A") +
+                " | " +
+                bytes_hex("00000028 63747473 00000000 00000003 00000001 00000050 00000001 00000028 00000001 00000078"));
+  EXPECT_TRUE(Boxlane_Packet_Delete(other.c_str()));
+}
+
+// An ADTS header for AAC-LC at 48 kHz, two channels (ISO/IEC 14496-3
+// §1.A.2.2), for a frame of `frame_length` bytes, header included.
+Bytes adts_header(uint16_t frame_length, bool crc) {
+  Bytes h;
+  h.u8(0xFF).u8(crc ? 0xF0 : 0xF1);  // syncword, MPEG-4, layer 0, protection_absent
+  h.u8(0x4C);                         // profile LC, sampling index 3, channel config high bit 0
+  h.u8(uint8_t(0x80 | (frame_length >> 11)));  // channel config 2, frame_length bits 12-11
+  h.u8(uint8_t(frame_length >> 3));
+  h.u8(uint8_t((frame_length & 7) << 5 | 0x1F));  // buffer fullness 0x7FF
+  h.u8(0xFC);                                     // one raw data block
+  if (crc) h.u16(0x1234);
+  return h;
+}
+
+TEST_F(FrameTest, AudioDropsTheAdtsHeaderWithOrWithoutCrc) {
+  Bytes plain = adts_header(371, false);
+  for (int i = 0; i < 364; ++i) plain.u8(uint8_t(i));
+  const std::string plain_out =
+      written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FrameAudio(client(), b, l, plain.data(), 371, 100, 1024); });
+  EXPECT_EQ(plain_out, hex(plain.data() + 7, 364));
+
+  Bytes protected_frame = adts_header(373, true);
+  for (int i = 0; i < 364; ++i) protected_frame.u8(uint8_t(i));
+  const std::string crc_out = written([&](uint8_t* b, int32_t* l) {
+    return Boxlane_Packet_FrameAudio(client(), b, l, protected_frame.data(), 373, 464, 1024);
+  });
+  EXPECT_EQ(crc_out, plain_out);
+
+  // Not ADTS (here: a frame_length past the bytes handed in): stored whole.
+  const std::string whole = written([&](uint8_t* b, int32_t* l) {
+    return Boxlane_Packet_FrameAudio(client(), b, l, plain.data(), 370, 828, 1024);
+  });
+  EXPECT_EQ(whole, hex(plain.data(), 370));
+  EXPECT_EQ(record().listAudioSize, (std::vector<uint32_t>{364, 364, 370}));
+  EXPECT_EQ(record().listAudioOffset, (std::vector<int64_t>{100, 464, 828}));
+}
+
+}  // namespace
+}  // namespace boxlane::test
