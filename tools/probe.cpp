@@ -1,0 +1,163 @@
+// `boxlane probe`: reads an MP4 file or stream the way a network receiver
+// would, through the parser road of the public interface, and shows what the
+// parser found.
+#include "tools/commands.hpp"
+#include "tools/probe_input.hpp"
+#include "tools/probe_report.hpp"
+#include "tools/probe_session.hpp"
+
+#include <boxlane/boxlane.h>
+
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <string>
+#include <string_view>
+
+namespace boxlane::tool {
+namespace {
+
+constexpr const char* kUsage =
+    "usage: boxlane probe [--piece N | --random-pieces MAX --seed S] [--pools N]\n"
+    "                     [--json] [--tables] [--boxes] FILE|-\n"
+    "\n"
+    "Reads an MP4 file (or standard input, '-') in pieces, hands them to the stream\n"
+    "parser and shows the file type, the movie and every track: codec, size, time\n"
+    "scale, duration, samples, key frames, frame rate, bit rate, and whether the\n"
+    "sample tables agree with each other. mdat payloads are skipped, never parsed.\n"
+    "\n"
+    "  --piece N              read and send N bytes at a time (default 65536)\n"
+    "  --random-pieces MAX    read pieces of 1 to MAX bytes, sizes drawn from --seed\n"
+    "  --seed S               seed for --random-pieces (default 1)\n"
+    "  --pools N              task pools for the parser's events (default 1)\n"
+    "  --tables               also print every track's raw sample tables\n"
+    "  --boxes                also print the box tree the parser walked\n"
+    "  --json                 print everything, tables and boxes included, as JSON\n"
+    "\n"
+    "Exit status: 0 when the stream was read, 1 when it could not be (the message\n"
+    "names the parser's error code and the byte offset), 2 for bad usage.\n";
+
+// The parser's reassembly buffer holds 10 MiB; larger pieces buy nothing.
+constexpr uint64_t kMaxPiece = 64u << 20;
+
+struct Options {
+  uint64_t piece = 65536;
+  uint64_t random_max = 0;
+  uint64_t seed = 1;
+  uint64_t pools = 1;
+  bool json = false;
+  TextOptions text;
+  std::string path;
+};
+
+bool parse_number(const char* text, uint64_t low, uint64_t high, uint64_t& out) {
+  const std::string_view s(text);
+  const auto done = std::from_chars(s.data(), s.data() + s.size(), out);
+  return done.ec == std::errc() && done.ptr == s.data() + s.size() && out >= low && out <= high;
+}
+
+int usage_error(const std::string& message) {
+  std::fprintf(stderr, "boxlane probe: %s\n\n%s", message.c_str(), kUsage);
+  return 2;
+}
+
+// 0 when parsed, else the exit status to return at once.
+int parse_options(int argc, char** argv, Options& o) {
+  bool have_seed = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view arg(argv[i]);
+    auto value = [&](uint64_t low, uint64_t high, uint64_t& out) {
+      if (i + 1 >= argc || !parse_number(argv[i + 1], low, high, out)) return false;
+      ++i;
+      return true;
+    };
+    if (arg == "--help" || arg == "-h") {
+      std::fputs(kUsage, stdout);
+      return -1;
+    }
+    if (arg == "--json") o.json = true;
+    else if (arg == "--tables") o.text.tables = true;
+    else if (arg == "--boxes") o.text.boxes = true;
+    else if (arg == "--piece") {
+      if (!value(1, kMaxPiece, o.piece)) return usage_error("--piece needs a size from 1 to " + std::to_string(kMaxPiece));
+    } else if (arg == "--random-pieces") {
+      if (!value(1, kMaxPiece, o.random_max))
+        return usage_error("--random-pieces needs a size from 1 to " + std::to_string(kMaxPiece));
+    } else if (arg == "--seed") {
+      if (!value(0, UINT64_MAX, o.seed)) return usage_error("--seed needs a number");
+      have_seed = true;
+    } else if (arg == "--pools") {
+      if (!value(1, 64, o.pools)) return usage_error("--pools needs a count from 1 to 64");
+    } else if (arg.size() > 1 && arg[0] == '-') {
+      return usage_error("unknown option " + std::string(arg));
+    } else if (o.path.empty()) {
+      o.path = arg;
+    } else {
+      return usage_error("one input only");
+    }
+  }
+  if (o.path.empty()) return usage_error("no input given (a file name, or - for standard input)");
+  if (have_seed && !o.random_max) return usage_error("--seed goes with --random-pieces");
+  return 0;
+}
+
+int fail(const std::string& source, const std::string& message) {
+  std::fprintf(stderr, "boxlane probe: %s: %s\n", source.c_str(), message.c_str());
+  return 1;
+}
+
+int probe(const Options& o) {
+  ProbeInput input;
+  if (!input.open(o.path)) return fail(o.path, input.error());
+  if (!Boxlane_Parse_Init(static_cast<int32_t>(o.pools))) {
+    const uint64_t code = Boxlane_GetLastError(nullptr);
+    return fail(input.name(), "the parser's task pool could not be made (code " + std::to_string(code) + ")");
+  }
+  static constexpr char kClient[] = "boxlane-probe";
+  Boxlane_Parse_Insert(kClient);
+  const PieceSizes sizes = o.random_max ? PieceSizes::random(static_cast<uint32_t>(o.random_max), o.seed)
+                                        : PieceSizes::fixed(static_cast<uint32_t>(o.piece));
+  const SessionResult session = run_session(kClient, static_cast<int>(o.pools), input, sizes);
+
+  int status = 0;
+  ProbeReport report;
+  std::string error;
+  if (!session.ok) {
+    status = fail(input.name(), session.error);
+  } else if (session.stream_bytes == 0) {
+    status = fail(input.name(), "empty input");
+  } else {
+    report.stream_bytes = session.stream_bytes;
+    report.boxes = place_boxes(session.records);
+    if (!collect_report(kClient, report, error)) status = fail(input.name(), error);
+    else if (!report.have_mvhd)
+      status = fail(input.name(), "no movie header (moov/mvhd) in " + std::to_string(session.stream_bytes) +
+                                      " bytes: not an MP4 file, or a fragment without its movie");
+  }
+  Boxlane_Parse_Delete(kClient);
+  Boxlane_Parse_Destory();
+  if (status) return status;
+
+  const std::string out = o.json ? json_report(report) : text_report(report, input.name(), o.text);
+  std::fwrite(out.data(), 1, out.size(), stdout);
+  if (std::fflush(stdout) != 0) return fail(input.name(), "cannot write the report");
+  return 0;
+}
+
+}  // namespace
+
+int probe_main(int argc, char** argv) {
+  try {
+    Options options;
+    const int parsed = parse_options(argc, argv, options);
+    if (parsed < 0) return 0;
+    if (parsed > 0) return parsed;
+    return probe(options);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "boxlane probe: %s\n", e.what());
+    return 1;
+  }
+}
+
+}  // namespace boxlane::tool

@@ -1,0 +1,155 @@
+// Asks the parser, through its public queries only, for everything it
+// stored about the stream.
+#include "tools/probe_model.hpp"
+#include "tools/probe_names.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <span>
+
+namespace boxlane::tool {
+namespace {
+
+std::string field_text(const char* field, std::size_t size) {
+  return std::string(field, strnlen(field, size));
+}
+
+std::string query_error(const std::string& what, int32_t track) {
+  const uint64_t code = Boxlane_GetLastError(nullptr);
+  return what + (track >= 0 ? " of track " + std::to_string(track) : std::string()) + " failed: " +
+         hex_code(code) + " " + error_name(code);
+}
+
+// Every query array is made by Fundrel_Memory_Malloc: count pointers to
+// blocks of one element each (a brand row is 8 bytes); the caller releases it.
+template <typename Element, typename Out, typename Convert>
+void take_array(Element** list, int32_t count, std::vector<Out>& out, Convert convert) {
+  if (list && count > 0) {
+    out.reserve(static_cast<std::size_t>(count));
+    for (const Element* element : std::span(list, static_cast<std::size_t>(count))) out.push_back(convert(element));
+  }
+  Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
+}
+
+bool fetch_table(const char* client, ProbeTrack& track, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code,
+                 std::vector<QORVANE_HDRSAMPLENFO>& out) {
+  QORVANE_HDRSAMPLENFO** list = nullptr;
+  int32_t count = 0;
+  if (!Boxlane_Parse_GetTrackList(client, track.id, &list, &count, code)) return false;
+  take_array(list, count, out, [](const QORVANE_HDRSAMPLENFO* e) { return *e; });
+  return true;
+}
+
+bool fetch_tables(const char* client, ProbeTrack& track, std::string& error) {
+  ProbeTables& t = track.tables;
+  const struct {
+    ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code;
+    std::vector<QORVANE_HDRSAMPLENFO>* list;
+  } lists[] = {
+      {ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS, &t.stts}, {ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS, &t.ctts},
+      {ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSC, &t.stsc}, {ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ, &t.stsz},
+      {ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO, &t.stco},
+  };
+  for (const auto& entry : lists) {
+    if (!fetch_table(client, track, entry.code, *entry.list)) {
+      error = query_error(std::string("the ") + std::string(box_name(entry.code)) + " table", track.id);
+      return false;
+    }
+  }
+  int32_t** keys = nullptr;
+  int32_t key_count = 0;
+  if (!Boxlane_Parse_GetTrackKey(client, track.id, &keys, &key_count)) {
+    error = query_error("the stss table", track.id);
+    return false;
+  }
+  take_array(keys, key_count, t.stss, [](const int32_t* v) { return *v; });
+  QORVANE_HDRSDTP** flags = nullptr;
+  int32_t flag_count = 0;
+  if (!Boxlane_Parse_GetTrackSDtp(client, track.id, &flags, &flag_count)) {
+    error = query_error("the sdtp table", track.id);
+    return false;
+  }
+  take_array(flags, flag_count, t.sdtp, [](const QORVANE_HDRSDTP* v) { return v->bySampleFlags; });
+  return true;
+}
+
+}  // namespace
+
+std::string ProbeTrack::handler() const { return field_text(hdlr.tszHandlerType, sizeof hdlr.tszHandlerType); }
+std::string ProbeTrack::handler_name() const { return field_text(hdlr.tszName, sizeof hdlr.tszName); }
+std::string ProbeTrack::codec_fourcc() const {
+  return codec ? field_text(codec->tszCodec, sizeof codec->tszCodec) : std::string();
+}
+
+std::vector<ProbeBox> place_boxes(const std::vector<QORVANE_MP4HDR>& records) {
+  std::vector<ProbeBox> boxes;
+  boxes.reserve(records.size());
+  std::vector<uint64_t> open_ends;  // where each open container ends
+  uint64_t offset = 0;
+  for (const QORVANE_MP4HDR& header : records) {
+    while (!open_ends.empty() && offset >= open_ends.back()) open_ends.pop_back();
+    boxes.push_back({header, offset, static_cast<int>(open_ends.size())});
+    // The parser steps into a container's first child and over anything else
+    // whole, mdat payloads included.
+    if (is_container(header.enHType)) {
+      open_ends.push_back(offset + header.nBoxSize);
+      offset += 8;
+    } else {
+      offset += header.nBoxSize;
+    }
+  }
+  return boxes;
+}
+
+bool collect_report(const char* client, ProbeReport& report, std::string& error) {
+  for (const ProbeBox& box : report.boxes) {
+    if (box.header.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_FTYP) report.have_ftyp = true;
+    if (box.header.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MVHD) report.have_mvhd = true;
+  }
+
+  QORVANE_HDRFTYP ftyp{};
+  if (!Boxlane_Parse_GetFTyp(client, &ftyp)) {
+    error = query_error("the file type query", -1);
+    return false;
+  }
+  report.major_brand = field_text(ftyp.tszMajorBrand, sizeof ftyp.tszMajorBrand);
+  report.minor_version = ftyp.nMinorVersion;
+  take_array(ftyp.pptszCompatibleBrand, ftyp.nBrandCount, report.compatible_brands,
+             [](const char* row) { return field_text(row, 8); });
+
+  if (!Boxlane_Parse_GetMVhd(client, &report.mvhd)) {
+    error = query_error("the movie header query", -1);
+    return false;
+  }
+
+  int32_t slots[10];
+  std::fill(std::begin(slots), std::end(slots), -1);
+  if (!Boxlane_Parse_GetTrack(client, slots)) {
+    error = query_error("the track list query", -1);
+    return false;
+  }
+  for (int32_t id = 0; id < 10; ++id) {
+    if (slots[id] != id) continue;
+    ProbeTrack& track = report.tracks.emplace_back();
+    track.id = id;
+    if (!Boxlane_Parse_GetTrackInfo(client, id, &track.tkhd, &track.mdhd, &track.hdlr, &track.media_header)) {
+      error = query_error("the header query", id);
+      return false;
+    }
+    auto codec = std::make_unique<BOXLANE_CODECINFO>();
+    if (Boxlane_Parse_GetTrackCodec(client, id, codec.get())) {
+      track.audio = read_audio_config(*codec);
+      track.codec = std::move(codec);
+    }
+    if (!fetch_tables(client, track, error)) return false;
+    track.facts = derive_facts(track);
+  }
+
+  const auto tkhd_count = std::count_if(report.boxes.begin(), report.boxes.end(), [](const ProbeBox& box) {
+    return box.header.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TKHD;
+  });
+  report.unlisted_tracks = std::max(0, static_cast<int>(tkhd_count) - static_cast<int>(report.tracks.size()));
+  return true;
+}
+
+}  // namespace boxlane::tool

@@ -1,0 +1,171 @@
+// The numbers probe works out from a track's tables, and the checks of one
+// table against another that the parser leaves to its callers.
+#include "tools/probe_model.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <limits>
+#include <span>
+
+namespace boxlane::tool {
+namespace {
+
+uint64_t saturating_add(uint64_t a, uint64_t b) {
+  return a > std::numeric_limits<uint64_t>::max() - b ? std::numeric_limits<uint64_t>::max() : a + b;
+}
+
+std::string count_text(uint64_t n, const char* one, const char* many) {
+  return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+// ISO/IEC 14496-12 §8.7.4: an stsc entry covers the chunks from its
+// first_chunk up to the next entry's; the last runs to the final stco chunk.
+void check_chunks(const ProbeTables& t, ProbeFacts& f) {
+  if (f.chunk_count == 0) {
+    if (f.sample_count > 0)
+      f.notes.push_back("no chunk offsets in stco (64-bit co64 offsets are not read by the parser)");
+    return;
+  }
+  if (t.stsc.empty()) {
+    f.problems.push_back("stco lists " + count_text(f.chunk_count, "chunk", "chunks") +
+                         " but stsc puts no samples in them");
+    return;
+  }
+  if (t.stsc.front().nValue1 != 1)
+    f.problems.push_back("the first stsc entry starts at chunk " + std::to_string(t.stsc.front().nValue1) +
+                         ", not 1");
+  for (std::size_t i = 0; i < t.stsc.size(); ++i) {
+    const uint64_t first = t.stsc[i].nValue1;
+    const uint64_t next = i + 1 < t.stsc.size() ? t.stsc[i + 1].nValue1 : f.chunk_count + 1;
+    if (first == 0 || next <= first) {
+      f.problems.push_back("stsc entry " + std::to_string(i + 1) + " (first chunk " + std::to_string(first) +
+                           ") is not followed by a later chunk");
+      return;
+    }
+    if (first > f.chunk_count) {
+      f.problems.push_back("stsc entry " + std::to_string(i + 1) + " starts at chunk " + std::to_string(first) +
+                           " but stco has only " + count_text(f.chunk_count, "chunk", "chunks"));
+      return;
+    }
+    const uint64_t chunks = std::min(next, f.chunk_count + 1) - first;
+    f.chunk_samples = saturating_add(f.chunk_samples, chunks * t.stsc[i].nValue2);
+  }
+  if (f.chunk_samples != f.sample_count)
+    f.problems.push_back("the stco chunks hold " + count_text(f.chunk_samples, "sample", "samples") +
+                         " (through stsc) but stts counts " + std::to_string(f.sample_count));
+}
+
+void check_sync_samples(const ProbeTables& t, ProbeFacts& f) {
+  int64_t previous = 0;
+  for (const int32_t number : t.stss) {
+    if (number <= previous || static_cast<uint64_t>(number) > f.sample_count) {
+      f.problems.push_back("stss names sample " + std::to_string(number) + ", out of order or past the " +
+                           count_text(f.sample_count, "sample", "samples"));
+      return;
+    }
+    previous = number;
+  }
+}
+
+}  // namespace
+
+ProbeFacts derive_facts(const ProbeTrack& track) {
+  const ProbeTables& t = track.tables;
+  ProbeFacts f;
+  for (const auto& run : t.stts) {
+    f.sample_count = saturating_add(f.sample_count, run.nValue1);
+    f.table_duration = saturating_add(f.table_duration, uint64_t{run.nValue1} * run.nValue2);
+  }
+  f.stsz_count = t.stsz.size();
+  for (const auto& size : t.stsz) f.sample_bytes += size.nValue1;
+  f.chunk_count = t.stco.size();
+  f.all_sync = t.stss.empty();
+  f.key_frames = f.all_sync ? f.sample_count : t.stss.size();
+
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const uint32_t scale = track.mdhd.nTimeScale;
+  f.duration_seconds = scale ? static_cast<double>(track.mdhd.nDuration) / scale : nan;
+  const bool timed = scale && track.mdhd.nDuration > 0;
+  f.frame_rate = timed ? static_cast<double>(f.sample_count) / f.duration_seconds : nan;
+  f.bit_rate = timed && f.stsz_count > 0 ? 8.0 * static_cast<double>(f.sample_bytes) / f.duration_seconds : nan;
+
+  if (f.stsz_count > 0 && f.stsz_count != f.sample_count)
+    f.problems.push_back("stts counts " + count_text(f.sample_count, "sample", "samples") + " but stsz lists " +
+                         count_text(f.stsz_count, "size", "sizes"));
+  if (f.stsz_count == 0 && f.sample_count > 0)
+    f.notes.push_back("stsz gives one size for every sample, which the parser does not hand out: "
+                      "no byte count or bit rate");
+  check_chunks(t, f);
+  if (!t.ctts.empty()) {
+    uint64_t covered = 0;
+    for (const auto& run : t.ctts) covered = saturating_add(covered, run.nValue1);
+    if (covered != f.sample_count)
+      f.problems.push_back("ctts covers " + count_text(covered, "sample", "samples") + " but stts counts " +
+                           std::to_string(f.sample_count));
+  }
+  if (!t.sdtp.empty() && t.sdtp.size() != f.sample_count)
+    f.problems.push_back("sdtp has " + count_text(t.sdtp.size(), "entry", "entries") + " but stts counts " +
+                         count_text(f.sample_count, "sample", "samples"));
+  check_sync_samples(t, f);
+  if (track.mdhd.nDuration != f.table_duration)
+    f.notes.push_back("mdhd gives a duration of " + std::to_string(track.mdhd.nDuration) +
+                      " but the stts deltas add up to " + std::to_string(f.table_duration));
+  if (!track.codec) f.notes.push_back("the sample description could not be read");
+  return f;
+}
+
+ProbeAudioConfig read_audio_config(const BOXLANE_CODECINFO& codec) {
+  ProbeAudioConfig config;
+  const auto length = static_cast<std::size_t>(
+      std::clamp<int32_t>(codec.nAudioCfgLen, 0, static_cast<int32_t>(sizeof codec.byAudioCfg)));
+  const std::span<const uint8_t> bytes(codec.byAudioCfg, length);
+  std::size_t bit = 0;
+  bool short_read = false;
+  auto bits = [&](int count) {
+    uint32_t value = 0;
+    for (int i = 0; i < count; ++i, ++bit) {
+      if (bit / 8 >= bytes.size()) {
+        short_read = true;
+        return 0u;
+      }
+      value = value << 1 | ((bytes[bit / 8] >> (7 - bit % 8)) & 1u);
+    }
+    return value;
+  };
+  // ISO/IEC 14496-3 §1.6.2.1 GetAudioObjectType() and the frequency index
+  // table of §1.6.3.4.
+  static constexpr std::array<uint32_t, 13> kRates{96000, 88200, 64000, 48000, 44100, 32000, 24000,
+                                                   22050, 16000, 12000, 11025, 8000,  7350};
+  int object_type = static_cast<int>(bits(5));
+  if (object_type == 31) object_type = 32 + static_cast<int>(bits(6));
+  const uint32_t index = bits(4);
+  uint32_t rate = 0;
+  if (index == 15) rate = bits(24);
+  else if (index < kRates.size()) rate = kRates[index];
+  const int channels = static_cast<int>(bits(4));
+  if (short_read || length == 0) return config;
+  config = {true, object_type, rate, channels};
+  return config;
+}
+
+ProbeParameterSets split_parameter_sets(const BOXLANE_CODECINFO& codec) {
+  ProbeParameterSets sets;
+  const std::span<const uint8_t> all(codec.byParamSets);
+  std::size_t at = 0;
+  bool fits = true;  // once a set overruns, the ones after it have no known start
+  auto take = [&](int32_t count, std::span<const uint16_t> lengths, auto& out) {
+    const auto n = static_cast<std::size_t>(std::clamp<int32_t>(count, 0, static_cast<int32_t>(lengths.size())));
+    for (std::size_t i = 0; i < n && fits; ++i) {
+      fits = lengths[i] <= all.size() - at;
+      if (!fits) break;
+      out.push_back(all.subspan(at, lengths[i]));
+      at += lengths[i];
+    }
+  };
+  take(codec.nSPSCount, codec.wSPSLen, sets.sps);
+  take(codec.nPPSCount, codec.wPPSLen, sets.pps);
+  return sets;
+}
+
+}  // namespace boxlane::tool

@@ -1,0 +1,191 @@
+#include "tools/probe_feed.hpp"
+
+#include "tools/probe_gate.hpp"
+#include "tools/probe_names.hpp"
+
+#include <algorithm>
+#include <limits>
+#include <span>
+
+namespace boxlane::tool {
+namespace {
+
+uint32_t be32(std::span<const uint8_t, 4> b) {
+  return uint32_t{b[0]} << 24 | uint32_t{b[1]} << 16 | uint32_t{b[2]} << 8 | uint32_t{b[3]};
+}
+
+bool is_mdat(std::span<const uint8_t, 4> type) {
+  static constexpr char kMdat[] = "mdat";
+  // The parser matches fourccs without regard to case, so the loop must too.
+  for (std::size_t i = 0; i < 4; ++i)
+    if ((type[i] | 0x20) != static_cast<uint8_t>(kMdat[i])) return false;
+  return true;
+}
+
+}  // namespace
+
+bool ProbeFeed::run(PieceSizes sizes) {
+  std::vector<uint8_t> buffer;
+  for (;;) {
+    const uint32_t want = sizes.next();
+    if (buffer.size() < want) buffer.resize(want);
+    const long got = input_.read(buffer.data(), want);
+    if (got < 0) {
+      error_ = input_.error();
+      return false;
+    }
+    if (got == 0) return finish();
+    if (!take(buffer.data(), static_cast<std::size_t>(got))) return false;
+    if (!skip_outside_piece()) return false;
+  }
+}
+
+bool ProbeFeed::take(const uint8_t* piece_data, std::size_t size) {
+  const std::span<const uint8_t> piece(piece_data, size);
+  const uint64_t piece_offset = position_;
+  std::size_t at = 0;
+  std::size_t run = 0;  // start of the bytes not yet sent
+  auto flush = [&]() {
+    const bool ok = send(piece.data() + run, at - run, piece_offset + run);
+    run = at;
+    return ok;
+  };
+  while (at < size) {
+    std::size_t n = 0;
+    switch (mode_) {
+      case Mode::kHeader:
+        n = std::min(sizeof header_ - header_have_, size - at);
+        std::copy_n(piece.subspan(at, n).begin(), n, std::span(header_).subspan(header_have_).begin());
+        header_have_ += n;
+        break;
+      case Mode::kBody:
+      case Mode::kSkip:
+        n = static_cast<std::size_t>(std::min<uint64_t>(left_, size - at));
+        left_ -= n;
+        break;
+      case Mode::kPassThrough:
+      case Mode::kDrain:
+        n = size - at;
+        break;
+    }
+    if (mode_ == Mode::kSkip || mode_ == Mode::kDrain) run = at + n;
+    at += n;
+    position_ += n;
+
+    if (mode_ == Mode::kHeader && header_have_ == sizeof header_) {
+      if (!on_header()) return false;
+      if (flush_here_ && !flush()) return false;
+      flush_here_ = false;
+    }
+    if ((mode_ == Mode::kBody || mode_ == Mode::kSkip) && left_ == 0) {
+      mode_ = Mode::kHeader;
+      header_have_ = 0;
+      box_start_ = position_;
+    }
+  }
+  return flush();
+}
+
+bool ProbeFeed::on_header() {
+  size_field_ = be32(std::span(header_).first<4>());
+  const bool mdat = is_mdat(std::span(header_).subspan<4, 4>());
+  if (size_field_ == 1 || (size_field_ >= 2 && size_field_ < 8)) {
+    // The parser refuses these; what follows goes in a Send of its own so
+    // that the refusal is reported at the same place for any piece size.
+    mode_ = Mode::kPassThrough;
+    flush_here_ = true;
+  } else if (size_field_ == 0) {
+    // ISO/IEC 14496-12 §4.2: size 0 means the box runs to the end of the file.
+    mode_ = mdat ? Mode::kDrain : Mode::kPassThrough;
+    flush_here_ = mdat;
+  } else {
+    left_ = size_field_ - sizeof header_;
+    mode_ = mdat ? Mode::kSkip : Mode::kBody;
+    // The parser reads no further than an mdat header within one piece.
+    flush_here_ = mdat;
+  }
+  return true;
+}
+
+bool ProbeFeed::skip_outside_piece() {
+  uint64_t want = 0;
+  if (mode_ == Mode::kSkip) want = left_;
+  else if (mode_ == Mode::kDrain) want = std::numeric_limits<uint64_t>::max();
+  if (want == 0) return true;
+  const uint64_t skipped = input_.skip(want);
+  position_ += skipped;
+  if (mode_ == Mode::kSkip) {
+    left_ -= skipped;
+    if (left_ == 0) {
+      mode_ = Mode::kHeader;
+      header_have_ = 0;
+      box_start_ = position_;
+    }
+  }
+  return true;
+}
+
+bool ProbeFeed::send(const uint8_t* data, std::size_t size, uint64_t offset) {
+  if (size == 0) return true;
+  uint64_t code;
+  {
+    std::lock_guard gate(library_gate());
+    const uint64_t before = Boxlane_GetLastError(nullptr);
+    const bool ok = Boxlane_Parse_Send(client_, data, static_cast<int32_t>(size));
+    code = Boxlane_GetLastError(nullptr);
+    // A failure while a pending box is being completed leaves Send true but
+    // the error set; a new code is the reliable sign.
+    if (ok && !Boxlane_IsErrorOccur && code == before) {
+      sent_ += size;
+      return true;
+    }
+  }
+  error_ = "parser error " + hex_code(code) + " " + error_name(code) + " on the " + std::to_string(size) +
+           " bytes at offset " + std::to_string(offset) + ", in " + box_label();
+  if (mode_ == Mode::kBody || mode_ == Mode::kSkip) error_ += " declaring " + std::to_string(size_field_) + " bytes";
+  return false;
+}
+
+bool ProbeFeed::finish() {
+  const uint64_t present = position_ - box_start_;
+  switch (mode_) {
+    case Mode::kHeader:
+      if (header_have_ == 0) return true;
+      error_ = "truncated: box header at offset " + std::to_string(box_start_) + " has " +
+               std::to_string(header_have_) + " of its 8 bytes";
+      return false;
+    case Mode::kBody:
+    case Mode::kSkip:
+      error_ = "truncated: " + box_label() + " declares " + std::to_string(size_field_) + " bytes, " +
+               std::to_string(present) + " present";
+      return false;
+    case Mode::kPassThrough:
+      if (size_field_ == 1) {
+        error_ = box_label() + " has a 64-bit size (size field 1), which the parser does not read";
+        return false;
+      }
+      if (size_field_ != 0) {
+        error_ = "malformed: " + box_label() + " declares " + std::to_string(size_field_) +
+                 " bytes, less than its own 8-byte header";
+        return false;
+      }
+      return true;
+    case Mode::kDrain:
+      return true;
+  }
+  return true;
+}
+
+std::string ProbeFeed::box_label() const {
+  const std::string where = "at offset " + std::to_string(box_start_);
+  if (mode_ == Mode::kHeader && header_have_ < sizeof header_) return "box " + where;
+  const auto type = std::span(header_).subspan<4, 4>();
+  std::string label = "box '" + fourcc_text(reinterpret_cast<const char*>(type.data())) + "' " + where;
+  if (mode_ == Mode::kPassThrough || mode_ == Mode::kDrain)
+    label += " (size field " + std::to_string(size_field_) + ")";
+  if (std::any_of(type.begin(), type.end(), [](uint8_t c) { return c < 0x20 || c >= 0x7F; }))
+    label += " (not an MP4 stream?)";
+  return label;
+}
+
+}  // namespace boxlane::tool

@@ -1,0 +1,66 @@
+// The receiving loop: reads the input piece by piece and hands every byte to
+// the parser except the payload of each mdat.
+//
+// The parser takes an mdat header and then expects the next piece to start a
+// new box, so the loop has to know where each mdat payload begins without
+// waiting for the worker to report the header record. It therefore follows
+// the top-level boxes itself: it reads each top-level box header out of the
+// bytes as they pass (a header split across pieces is collected first), sends
+// a box's bytes as they arrive, and at an mdat header ends the current Send
+// right after the header and skips the payload (seek on a regular file, read
+// and discard on a pipe). Nested boxes are the parser's business alone. The
+// loop also knows at the end of input whether a box was cut short, and by
+// how much.
+#pragma once
+
+#include "tools/probe_input.hpp"
+#include "tools/probe_session.hpp"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace boxlane::tool {
+
+class ProbeFeed {
+ public:
+  ProbeFeed(const char* client, ProbeInput& input) : client_(client), input_(input) {}
+
+  // Reads the whole input; false with error() set on the first failure.
+  bool run(PieceSizes sizes);
+
+  const std::string& error() const { return error_; }
+  uint64_t stream_bytes() const { return position_; }
+  uint64_t sent_bytes() const { return sent_; }
+
+ private:
+  enum class Mode {
+    kHeader,       // collecting the 8 header bytes of the next top-level box
+    kBody,         // sending the rest of a box
+    kSkip,         // passing over an mdat payload
+    kPassThrough,  // a box whose end is unknown: everything left is sent
+    kDrain,        // an mdat that runs to the end: everything left is skipped
+  };
+
+  bool take(const uint8_t* piece, std::size_t size);
+  bool on_header();
+  bool send(const uint8_t* data, std::size_t size, uint64_t offset);
+  bool skip_outside_piece();
+  bool finish();
+  std::string box_label() const;
+
+  const char* client_;
+  ProbeInput& input_;
+  std::string error_;
+  Mode mode_ = Mode::kHeader;
+  uint64_t position_ = 0;   // stream offset of the next byte to be looked at
+  uint64_t sent_ = 0;
+  uint64_t box_start_ = 0;  // offset of the current top-level box
+  uint8_t header_[8] = {};
+  std::size_t header_have_ = 0;
+  uint32_t size_field_ = 0;
+  uint64_t left_ = 0;       // bytes of the current box still to come
+  bool flush_here_ = false; // on_header asks take() to end the Send here
+};
+
+}  // namespace boxlane::tool

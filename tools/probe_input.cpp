@@ -1,0 +1,73 @@
+#include "tools/probe_input.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace boxlane::tool {
+
+ProbeInput::~ProbeInput() {
+  if (owned_ && fd_ >= 0) ::close(fd_);
+}
+
+bool ProbeInput::open(const std::string& path) {
+  if (path == "-") {
+    fd_ = STDIN_FILENO;
+    name_ = "standard input";
+  } else {
+    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    name_ = path;
+    if (fd_ < 0) {
+      error_ = "cannot open " + path + ": " + std::strerror(errno);
+      return false;
+    }
+    owned_ = true;
+  }
+  struct stat info {};
+  if (::fstat(fd_, &info) == 0 && S_ISREG(info.st_mode)) {
+    seekable_ = true;
+    size_ = static_cast<uint64_t>(info.st_size);
+    const off_t here = ::lseek(fd_, 0, SEEK_CUR);
+    position_ = here > 0 ? static_cast<uint64_t>(here) : 0;
+  }
+  return true;
+}
+
+long ProbeInput::read(uint8_t* data, std::size_t size) {
+  for (;;) {
+    const ssize_t n = ::read(fd_, data, size);
+    if (n >= 0) {
+      position_ += static_cast<uint64_t>(n);
+      return static_cast<long>(n);
+    }
+    if (errno == EINTR) continue;
+    error_ = "cannot read " + name_ + ": " + std::strerror(errno);
+    return -1;
+  }
+}
+
+uint64_t ProbeInput::skip(uint64_t count) {
+  if (seekable_) {
+    // A seek past the end succeeds silently, so the file size decides what
+    // was really there.
+    const uint64_t present = std::min(count, size_ > position_ ? size_ - position_ : 0);
+    if (::lseek(fd_, static_cast<off_t>(position_ + present), SEEK_SET) >= 0) {
+      position_ += present;
+      return present;
+    }
+  }
+  uint8_t scrap[65536];
+  uint64_t skipped = 0;
+  while (skipped < count) {
+    const long n = read(scrap, static_cast<std::size_t>(std::min<uint64_t>(sizeof scrap, count - skipped)));
+    if (n <= 0) break;
+    skipped += static_cast<uint64_t>(n);
+  }
+  return skipped;
+}
+
+}  // namespace boxlane::tool

@@ -1,0 +1,232 @@
+#include "tools/json_writer.hpp"
+#include "tools/probe_names.hpp"
+#include "tools/probe_report.hpp"
+
+#include <algorithm>
+
+namespace boxlane::tool {
+namespace {
+
+void write_strings(JsonWriter& json, std::string_view name, const std::vector<std::string>& items) {
+  json.key(name);
+  json.begin_array();
+  for (const auto& item : items) json.string(item);
+  json.end_array();
+}
+
+void write_codec(JsonWriter& json, const ProbeTrack& track) {
+  json.key("codec");
+  if (!track.codec) {
+    json.null();
+    return;
+  }
+  const BOXLANE_CODECINFO& c = *track.codec;
+  const std::string fourcc = track.codec_fourcc();
+  json.begin_object();
+  json.member("fourcc", fourcc);
+  json.member("data_reference_index", uint32_t{c.wDataRefIndex});
+  if (fourcc == "avc1") {
+    json.member("width", uint32_t{c.wWidth});
+    json.member("height", uint32_t{c.wHeight});
+    json.member("profile", uint32_t{c.byProfile});
+    json.member("profile_name", avc_profile_name(c.byProfile, c.byCompatibility));
+    json.member("compatibility", uint32_t{c.byCompatibility});
+    json.member("level", uint32_t{c.byLevel});
+    json.member("level_name", avc_level_name(c.byLevel));
+    json.member("nal_length_size", uint32_t{c.byNALLengthSize});
+    const ProbeParameterSets sets = split_parameter_sets(c);
+    for (const auto& [name, list] : {std::pair{"sps", &sets.sps}, std::pair{"pps", &sets.pps}}) {
+      json.key(name);
+      json.begin_array();
+      for (const auto set : *list) json.string(hex_bytes(set.data(), set.size()));
+      json.end_array();
+    }
+  } else if (fourcc == "mp4a") {
+    json.member("channels", uint32_t{c.wChannelCount});
+    json.member("sample_size", uint32_t{c.wSampleSize});
+    json.member("sample_rate", c.nSampleRate);
+    json.member("object_type_indication", uint32_t{c.byObjectType});
+    json.member("stream_type", uint32_t{c.byStreamType});
+    json.member("buffer_size", c.nBufferSizeDB);
+    json.member("max_bitrate", c.nMaxBitrate);
+    json.member("avg_bitrate", c.nAvgBitrate);
+    const auto length = static_cast<std::size_t>(std::clamp<int32_t>(c.nAudioCfgLen, 0, static_cast<int32_t>(sizeof c.byAudioCfg)));
+    json.member("audio_specific_config", hex_bytes(c.byAudioCfg, length));
+    if (track.audio.valid) {
+      json.member("audio_object_type", track.audio.object_type);
+      json.member("audio_object_name", aac_object_name(track.audio.object_type));
+      json.member("config_sample_rate", track.audio.sample_rate);
+      json.member("config_channels", track.audio.channel_config);
+    }
+  }
+  json.member("truncated", c.bTruncated);
+  json.end_object();
+}
+
+void write_table(JsonWriter& json, std::string_view name, const std::vector<QORVANE_HDRSAMPLENFO>& rows,
+                 int columns) {
+  json.key(name);
+  json.begin_array(columns == 1);
+  for (const auto& row : rows) {
+    if (columns == 1) {
+      json.number(row.nValue1);
+      continue;
+    }
+    json.begin_array(true);
+    json.number(row.nValue1);
+    json.number(row.nValue2);
+    if (columns == 3) json.number(row.nValue3);
+    json.end_array();
+  }
+  json.end_array();
+}
+
+void write_tables(JsonWriter& json, const ProbeTables& t) {
+  json.key("tables");
+  json.begin_object();
+  write_table(json, "stts", t.stts, 2);
+  write_table(json, "ctts", t.ctts, 2);
+  write_table(json, "stsc", t.stsc, 3);
+  write_table(json, "stsz", t.stsz, 1);
+  write_table(json, "stco", t.stco, 1);
+  json.key("stss");
+  json.begin_array(true);
+  for (const int32_t number : t.stss) json.number(number);
+  json.end_array();
+  json.key("sdtp");
+  json.begin_array(true);
+  for (const uint8_t flags : t.sdtp) json.number(uint32_t{flags});
+  json.end_array();
+  json.end_object();
+}
+
+void write_track(JsonWriter& json, const ProbeTrack& track) {
+  const ProbeFacts& f = track.facts;
+  json.begin_object();
+  json.member("id", track.id);
+  json.member("handler", track.handler());
+  json.member("handler_name", track.handler_name());
+  write_codec(json, track);
+  json.member("timescale", track.mdhd.nTimeScale);
+  json.member("duration", track.mdhd.nDuration);
+  json.member("duration_seconds", f.duration_seconds);
+  json.member("language", language_text(track.mdhd.wLanguage));
+  json.member("width", track.tkhd.nWidth);
+  json.member("height", track.tkhd.nHeight);
+  json.member("sample_count", f.sample_count);
+  json.member("key_frames", f.key_frames);
+  json.member("all_sync", f.all_sync);
+  json.member("sample_bytes", f.sample_bytes);
+  json.member("frame_rate", f.frame_rate);
+  json.member("bit_rate", f.bit_rate);
+  json.member("table_duration", f.table_duration);
+
+  json.key("consistency");
+  json.begin_object();
+  json.member("consistent", f.problems.empty());
+  json.member("stts_samples", f.sample_count);
+  json.member("stsz_samples", f.stsz_count);
+  json.member("stco_chunks", f.chunk_count);
+  json.member("chunk_samples", f.chunk_samples);
+  write_strings(json, "problems", f.problems);
+  write_strings(json, "notes", f.notes);
+  json.end_object();
+
+  json.key("tkhd");
+  json.begin_object(true);
+  json.member("creation_time", track.tkhd.nCreateTime);
+  json.member("modification_time", track.tkhd.nModifyTime);
+  json.member("duration", track.tkhd.nDuration);
+  json.member("layer", uint32_t{track.tkhd.wLayer});
+  json.member("alternate_group", uint32_t{track.tkhd.wAlternateGroup});
+  json.member("volume", uint32_t{track.tkhd.wVolume});
+  json.end_object();
+  json.key("mdhd");
+  json.begin_object(true);
+  json.member("creation_time", track.mdhd.nCreateTime);
+  json.member("modification_time", track.mdhd.nModifyTime);
+  json.member("language_code", uint32_t{track.mdhd.wLanguage});
+  json.end_object();
+  json.key("media_header");
+  json.begin_object(true);
+  json.member("graphics_mode", uint32_t{track.media_header.wGraphicsMode});
+  json.key("opcolor");
+  json.begin_array(true);
+  for (const uint16_t v : track.media_header.wOpColor) json.number(uint32_t{v});
+  json.end_array();
+  json.member("balance", uint32_t{track.media_header.wBalance});
+  json.end_object();
+
+  write_tables(json, track.tables);
+  json.end_object();
+}
+
+}  // namespace
+
+std::string json_report(const ProbeReport& report) {
+  std::string out;
+  JsonWriter json(out);
+  json.begin_object();
+  json.member("stream_bytes", report.stream_bytes);
+
+  json.key("file_type");
+  if (report.have_ftyp) {
+    json.begin_object();
+    json.member("major_brand", report.major_brand);
+    json.member("minor_version", report.minor_version);
+    json.key("compatible_brands");
+    json.begin_array(true);
+    for (const auto& brand : report.compatible_brands) json.string(brand);
+    json.end_array();
+    json.end_object();
+  } else {
+    json.null();
+  }
+
+  json.key("movie");
+  if (report.have_mvhd) {
+    const QORVANE_HDRMVHD& m = report.mvhd;
+    json.begin_object();
+    json.member("timescale", m.nTimeScale);
+    json.member("duration", m.nDuration);
+    json.member("duration_seconds",
+                m.nTimeScale ? static_cast<double>(m.nDuration) / m.nTimeScale : std::nan(""));
+    json.member("rate", m.nRate);
+    json.member("volume", uint32_t{m.wVolume});
+    json.member("next_track_id", m.nNextTrackID);
+    json.member("creation_time", m.nCreateTime);
+    json.member("modification_time", m.nModifyTime);
+    json.end_object();
+  } else {
+    json.null();
+  }
+
+  json.key("tracks");
+  json.begin_array();
+  for (const auto& track : report.tracks) write_track(json, track);
+  json.end_array();
+  json.member("unlisted_tracks", report.unlisted_tracks);
+
+  json.key("boxes");
+  json.begin_array();
+  for (const auto& box : report.boxes) {
+    const QORVANE_MP4HDR& h = box.header;
+    json.begin_object(true);
+    json.member("type", std::string(box_name(h.enHType)));
+    json.member("code", static_cast<int32_t>(h.enHType));
+    json.member("offset", box.offset);
+    json.member("size", h.nBoxSize);
+    json.member("depth", box.depth);
+    if (is_full_box(h.enHType)) {
+      json.member("version", uint32_t{h.byVersion});
+      json.member("flags", uint32_t{h.byFlags[0]} << 16 | uint32_t{h.byFlags[1]} << 8 | h.byFlags[2]);
+    }
+    if (h.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_UUID) json.member("uuid_head", uint32_t{h.wUUIDHead});
+    json.end_object();
+  }
+  json.end_array();
+  json.end_object();
+  return out;
+}
+
+}  // namespace boxlane::tool

@@ -1,0 +1,100 @@
+// What probe learned about one stream: the parser's answers as they came,
+// and the numbers probe works out from them.
+#pragma once
+
+#include <boxlane/boxlane.h>
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace boxlane::tool {
+
+// A header record placed in the tree: the parser walks boxes in stream
+// order, so offsets and depths follow from the sizes alone.
+struct ProbeBox {
+  QORVANE_MP4HDR header;
+  uint64_t offset;
+  int depth;
+};
+
+struct ProbeTables {
+  std::vector<QORVANE_HDRSAMPLENFO> stts, ctts, stsc, stsz, stco;
+  std::vector<int32_t> stss;
+  std::vector<uint8_t> sdtp;
+};
+
+// Numbers worked out from one track's tables (ISO/IEC 14496-12 §8.6, §8.7).
+struct ProbeFacts {
+  uint64_t sample_count = 0;     // sum of the stts counts
+  uint64_t table_duration = 0;   // sum of count x delta, in the media time scale
+  uint64_t stsz_count = 0;
+  uint64_t sample_bytes = 0;     // sum of the stsz sizes
+  uint64_t chunk_count = 0;
+  uint64_t chunk_samples = 0;    // samples that stsc places in the stco chunks
+  uint64_t key_frames = 0;
+  bool all_sync = false;         // no stss: every sample is a sync sample
+  double duration_seconds = 0;   // mdhd duration / time scale
+  double frame_rate = 0;         // samples per second; NaN when unknown
+  double bit_rate = 0;           // bits per second; NaN when unknown
+  std::vector<std::string> problems;  // the tables contradict each other
+  std::vector<std::string> notes;     // gaps in what the parser hands out
+};
+
+// The fields of an AudioSpecificConfig that tell what the audio really is
+// (ISO/IEC 14496-3 §1.6.2.1).
+struct ProbeAudioConfig {
+  bool valid = false;
+  int object_type = 0;
+  uint32_t sample_rate = 0;
+  int channel_config = 0;
+};
+
+struct ProbeTrack {
+  int32_t id = 0;
+  QORVANE_HDRTKHD tkhd{};
+  QORVANE_HDRMDHD mdhd{};
+  QORVANE_HDRHDLR hdlr{};
+  QORVANE_HDRVMSMHD media_header{};
+  std::unique_ptr<BOXLANE_CODECINFO> codec;  // large; null when the query failed
+  ProbeAudioConfig audio;
+  ProbeTables tables;
+  ProbeFacts facts;
+
+  std::string handler() const;
+  std::string handler_name() const;
+  std::string codec_fourcc() const;
+};
+
+struct ProbeReport {
+  uint64_t stream_bytes = 0;
+  bool have_ftyp = false;
+  std::string major_brand;
+  uint32_t minor_version = 0;
+  std::vector<std::string> compatible_brands;
+  bool have_mvhd = false;
+  QORVANE_HDRMVHD mvhd{};
+  std::vector<ProbeTrack> tracks;
+  // tkhd boxes seen for tracks the parser's track list cannot name (ids
+  // outside 0 to 9).
+  int unlisted_tracks = 0;
+  std::vector<ProbeBox> boxes;
+};
+
+std::vector<ProbeBox> place_boxes(const std::vector<QORVANE_MP4HDR>& records);
+// Asks the parser everything about the client; false with error set when a
+// query fails.
+bool collect_report(const char* client, ProbeReport& report, std::string& error);
+ProbeFacts derive_facts(const ProbeTrack& track);
+ProbeAudioConfig read_audio_config(const BOXLANE_CODECINFO& codec);
+
+// The avcC parameter sets as the codec record holds them: every SPS, then
+// every PPS, back to back. Sets that would reach past the record are left out.
+struct ProbeParameterSets {
+  std::vector<std::span<const uint8_t>> sps, pps;
+};
+ProbeParameterSets split_parameter_sets(const BOXLANE_CODECINFO& codec);
+
+}  // namespace boxlane::tool

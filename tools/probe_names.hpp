@@ -1,0 +1,38 @@
+// Words for the numbers probe prints: box type codes, parser error codes,
+// H.264 profiles and levels, AAC object types, languages and fourccs.
+#pragma once
+
+#include <boxlane/boxlane.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace boxlane::tool {
+
+// The fourcc the parser matched for a type code; empty for code 0.
+std::string_view box_name(ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code);
+// The six boxes the parser steps into.
+bool is_container(ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code);
+// Boxes with version and flags after their header.
+bool is_full_box(ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code);
+
+// "BOXLANE_ERROR_PARSE_NOTSUPPORT (...)" for a last-error code.
+std::string error_name(uint64_t code);
+std::string hex_code(uint64_t code);
+
+// ISO/IEC 14496-10 Annex A profile_idc, with the constraint flags that
+// narrow Baseline and High.
+std::string avc_profile_name(uint8_t profile, uint8_t compatibility);
+// level_idc 31 is "3.1"; level 11 with constraint_set3 in Baseline is 1b.
+std::string avc_level_name(uint8_t level);
+// ISO/IEC 14496-3 §1.5.1.1 audio object types.
+std::string aac_object_name(int object_type);
+
+// Printable fourcc; other bytes as \xNN.
+std::string fourcc_text(const char* bytes, std::size_t size = 4);
+// ISO/IEC 14496-12 §8.4.2.3: three 5-bit letters, each stored less 0x60.
+std::string language_text(uint16_t packed);
+std::string hex_bytes(const uint8_t* data, std::size_t size);
+
+}  // namespace boxlane::tool

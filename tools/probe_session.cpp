@@ -1,0 +1,53 @@
+#include "tools/probe_session.hpp"
+
+#include "tools/probe_feed.hpp"
+#include "tools/probe_gate.hpp"
+#include "tools/probe_names.hpp"
+#include "tools/probe_workers.hpp"
+
+namespace boxlane::tool {
+
+uint32_t PieceSizes::next() {
+  if (!random_) return size_;
+  // splitmix64: a fixed sequence for a seed on every platform, unlike the
+  // standard distributions.
+  uint64_t z = (state_ += 0x9E3779B97F4A7C15ull);
+  z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+  z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+  z ^= z >> 31;
+  return static_cast<uint32_t>(z % size_) + 1;
+}
+
+SessionResult run_session(const char* client, int pools, ProbeInput& input, PieceSizes sizes) {
+  SessionResult result;
+  ProbeWorkers workers(pools);
+  workers.start();
+  ProbeFeed feed(client, input);
+  const bool fed = feed.run(sizes);
+  workers.stop();
+  result.records = workers.take_records();
+  result.stream_bytes = feed.stream_bytes();
+  result.sent_bytes = feed.sent_bytes();
+  if (!fed) {
+    result.error = feed.error();
+    return result;
+  }
+  // The input is complete, yet the parser may still wait for the rest of a
+  // box: one nested inside a top-level box that claims to reach past it.
+  QORVANE_MP4HDR header{};
+  while (Boxlane_Parse_Recv(client, &header, nullptr)) result.records.push_back(header);
+  const uint64_t code = Boxlane_GetLastError(nullptr);
+  if (code == BOXLANE_ERROR_PARSE_NOTREADY) {
+    result.error = "truncated: the parser still waits for the end of a box when the input ends "
+                   "(a box inside reaches past its parent)";
+    return result;
+  }
+  if (code != BOXLANE_ERROR_PARSE_NODATA) {
+    result.error = "cannot take header records: " + hex_code(code) + " " + error_name(code);
+    return result;
+  }
+  result.ok = true;
+  return result;
+}
+
+}  // namespace boxlane::tool

@@ -1,0 +1,42 @@
+// One probe run on the parser road: the receiving loop (the caller's thread)
+// reads the input in pieces and hands them to Boxlane_Parse_Send, while one
+// worker per task pool waits for events and takes the header records.
+#pragma once
+
+#include <boxlane/boxlane.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace boxlane::tool {
+
+class ProbeInput;
+
+// Successive read sizes: all equal, or drawn from 1..max by a seeded
+// generator whose sequence is the same on every platform.
+class PieceSizes {
+ public:
+  static PieceSizes fixed(uint32_t size) { return PieceSizes(size, 0, false); }
+  static PieceSizes random(uint32_t max, uint64_t seed) { return PieceSizes(max, seed, true); }
+  uint32_t next();
+
+ private:
+  PieceSizes(uint32_t size, uint64_t seed, bool random) : size_(size), state_(seed), random_(random) {}
+  uint32_t size_;
+  uint64_t state_;
+  bool random_;
+};
+
+struct SessionResult {
+  bool ok = false;
+  std::string error;             // set when !ok: what went wrong and where
+  uint64_t stream_bytes = 0;     // bytes of input seen, mdat payloads included
+  uint64_t sent_bytes = 0;       // bytes handed to the parser
+  std::vector<QORVANE_MP4HDR> records;  // in the order the workers took them
+};
+
+// Runs the whole road for one client on an initialised parser.
+SessionResult run_session(const char* client, int pools, ProbeInput& input, PieceSizes sizes);
+
+}  // namespace boxlane::tool

@@ -1,0 +1,75 @@
+#include "tools/probe_workers.hpp"
+
+#include "tools/probe_gate.hpp"
+
+#include <chrono>
+#include <span>
+
+namespace boxlane::tool {
+
+void ProbeWorkers::start() {
+  running_ = pools_;
+  threads_.reserve(static_cast<std::size_t>(pools_));
+  for (int pool = 0; pool < pools_; ++pool) threads_.emplace_back([this, pool] { run(pool); });
+}
+
+void ProbeWorkers::stop() {
+  if (threads_.empty()) return;
+  done_.store(true, std::memory_order_release);
+  // A wake-up can land before a worker has begun to wait; repeat it until
+  // every worker has seen the stop.
+  while (running_.load(std::memory_order_acquire) > 0) {
+    for (int pool = 0; pool < pools_; ++pool) {
+      std::lock_guard gate(library_gate());
+      Boxlane_Parse_ActiveEvent(pool);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  for (auto& thread : threads_) thread.join();
+  threads_.clear();
+}
+
+std::vector<QORVANE_MP4HDR> ProbeWorkers::take_records() {
+  std::lock_guard lock(records_mutex_);
+  return std::move(records_);
+}
+
+void ProbeWorkers::run(int pool) {
+  for (;;) {
+    const bool last_round = done_.load(std::memory_order_acquire);
+    // A wait that fails at once (no pool) must not turn into a busy loop.
+    if (!last_round && !Boxlane_Parse_WaitEvent(pool, -1))
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    drain(pool);
+    if (last_round) break;
+  }
+  running_.fetch_sub(1, std::memory_order_release);
+}
+
+void ProbeWorkers::drain(int pool) {
+  QORVANE_RENDAVO_TASKEVENT** list = nullptr;
+  int count = 0;
+  {
+    std::lock_guard gate(library_gate());
+    if (!Boxlane_Parse_GetPool(pool, &list, &count)) return;
+  }
+  if (list && count > 0) {
+    for (const QORVANE_RENDAVO_TASKEVENT* entry : std::span(list, static_cast<std::size_t>(count))) {
+      for (;;) {
+        QORVANE_MP4HDR header{};
+        bool taken;
+        {
+          std::lock_guard gate(library_gate());
+          taken = Boxlane_Parse_Recv(entry->tszClientAddr, &header, nullptr);
+        }
+        // No record, or only an unfinished box: the next event brings more.
+        if (!taken) break;
+        std::lock_guard lock(records_mutex_);
+        records_.push_back(header);
+      }
+    }
+  }
+  Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
+}
+
+}  // namespace boxlane::tool

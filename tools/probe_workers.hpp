@@ -1,0 +1,41 @@
+// The worker side of the parser road: one thread per task pool waits for
+// events, lists the pool's clients with pending records and takes every
+// finished header record, oldest first.
+#pragma once
+
+#include <boxlane/boxlane.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace boxlane::tool {
+
+class ProbeWorkers {
+ public:
+  explicit ProbeWorkers(int pools) : pools_(pools) {}
+  ~ProbeWorkers() { stop(); }
+  ProbeWorkers(const ProbeWorkers&) = delete;
+  ProbeWorkers& operator=(const ProbeWorkers&) = delete;
+
+  void start();
+  // Called once the last piece has been sent: every record queued by then is
+  // taken before the workers leave.
+  void stop();
+  // The records taken so far; call after stop().
+  std::vector<QORVANE_MP4HDR> take_records();
+
+ private:
+  void run(int pool);
+  void drain(int pool);
+
+  int pools_;
+  std::vector<std::thread> threads_;
+  std::atomic<bool> done_{false};
+  std::atomic<int> running_{0};
+  std::mutex records_mutex_;
+  std::vector<QORVANE_MP4HDR> records_;
+};
+
+}  // namespace boxlane::tool
