@@ -1,0 +1,34 @@
+// Running FFmpeg and ffprobe from tests, and reading what they report as
+// plain rows: the independent reader our written files are checked against.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace boxlane::test {
+
+// Runs `ffmpeg -nostdin -hide_banner -y <args>`; returns its exit status and
+// stores what it printed (stdout and stderr) in *log when given.
+int ffmpeg(const std::string& args, std::string* log = nullptr);
+
+// Shell-quotes a path for the argument strings above.
+std::string quoted(const std::string& path);
+
+// The MD5 of every frame FFmpeg decodes from the first stream of a kind
+// ('v' video, 'a' audio), in output order. Timestamps are left out, so two
+// files that decode to the same pictures or samples compare equal. Empty
+// when FFmpeg fails.
+std::vector<std::string> decoded_md5s(const std::string& path, char kind);
+
+struct ProbedPacket {
+  double pts = 0;  // seconds; NaN when ffprobe reports none
+  double dts = 0;
+  int64_t size = 0;
+  bool key = false;
+};
+
+// The packets of the first stream of a kind, in file (decode) order.
+std::vector<ProbedPacket> probe_packets(const std::string& path, char kind);
+
+}  // namespace boxlane::test

@@ -1,0 +1,290 @@
+#include "support/mp4_file_writer.hpp"
+
+#include <boxlane/boxlane.h>
+#include <gtest/gtest.h>
+
+#include "platform/adts.hpp"
+#include "platform/annexb.hpp"
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <initializer_list>
+#include <utility>
+
+namespace boxlane::test {
+
+namespace {
+
+constexpr uint16_t kUndetermined = 0x55C4;  // "und", ISO/IEC 14496-12 §8.4.2.3
+constexpr int kAacFrameSamples = 1024;
+
+struct AccessUnit {
+  std::vector<const uint8_t*> nalus;
+  std::vector<int32_t> lengths;
+  bool has_slice = false;
+  bool key = false;
+};
+
+struct SplitVideo {
+  std::vector<AccessUnit> units;
+  std::vector<uint8_t> sps, pps;  // the first of each, without start code
+};
+
+bool is_slice(uint8_t type) { return type == 1 || type == 5; }
+
+// NAL types that begin the next access unit once the current one holds its
+// picture (ISO/IEC 14496-10 §7.4.1.2.3). With one slice per picture a second
+// slice does too.
+bool opens_unit(uint8_t type) { return is_slice(type) || (type >= 6 && type <= 9) || (type >= 14 && type <= 18); }
+
+SplitVideo split_access_units(const std::vector<uint8_t>& annexb) {
+  SplitVideo out;
+  AccessUnit current;
+  AnnexBSplitter splitter(annexb.data(), annexb.size());
+  NalUnit nal;
+  while (splitter.next(nal)) {
+    if (nal.size == 0) continue;
+    const uint8_t type = nal.type();
+    if (current.has_slice && opens_unit(type)) out.units.push_back(std::exchange(current, {}));
+    if (type == 7 || type == 8) {
+      auto& kept = type == 7 ? out.sps : out.pps;
+      if (kept.empty()) kept.assign(nal.data, nal.data + nal.size);
+      continue;
+    }
+    current.nalus.push_back(nal.data);
+    current.lengths.push_back(static_cast<int32_t>(nal.size));
+    current.has_slice = current.has_slice || is_slice(type);
+    current.key = current.key || type == 5;
+  }
+  if (current.has_slice) out.units.push_back(std::move(current));
+  return out;
+}
+
+struct AudioFrame {
+  const uint8_t* data;
+  int32_t size;
+};
+
+std::vector<AudioFrame> split_adts(const std::vector<uint8_t>& adts, AdtsHeader& first) {
+  std::vector<AudioFrame> frames;
+  std::size_t pos = 0;
+  AdtsHeader header;
+  while (pos < adts.size() && parse_adts(adts.data() + pos, adts.size() - pos, header)) {
+    if (frames.empty()) first = header;
+    frames.push_back({adts.data() + pos, header.frame_length});
+    pos += header.frame_length;
+  }
+  EXPECT_EQ(pos, adts.size()) << "ADTS stream has bytes that are not frames";
+  return frames;
+}
+
+class FileWriter {
+ public:
+  explicit FileWriter(const std::string& client) : client_(client) {}
+
+  // Runs one writer call into a buffer of `capacity` bytes and returns what
+  // it wrote, or nothing (and a test failure) when it fails.
+  template <typename Call>
+  std::vector<uint8_t> produce(const char* what, std::size_t capacity, Call&& call) {
+    scratch_.assign(capacity, 0);
+    int32_t length = -1;
+    if (!call(client_.c_str(), scratch_.data(), &length)) {
+      ADD_FAILURE() << what << " failed with 0x" << std::hex << Boxlane_GetLastError(nullptr);
+      return {};
+    }
+    if (length < 0 || static_cast<std::size_t>(length) > capacity) {
+      ADD_FAILURE() << what << " reported " << length << " bytes for a buffer of " << capacity;
+      return {};
+    }
+    return {scratch_.begin(), scratch_.begin() + length};
+  }
+
+  std::vector<uint8_t> container(const char* type, std::initializer_list<std::vector<uint8_t>> children) {
+    std::vector<uint8_t> payload;
+    for (const auto& child : children) payload.insert(payload.end(), child.begin(), child.end());
+    return produce(type, payload.size() + 8, [&](const char* c, uint8_t* b, int32_t* l) {
+      return Boxlane_Packet_HDRBox(c, b, l, type, payload.data(), static_cast<int32_t>(payload.size()));
+    });
+  }
+
+ private:
+  std::string client_;
+  std::vector<uint8_t> scratch_;
+};
+
+void append(std::vector<uint8_t>& to, const std::vector<uint8_t>& bytes) { to.insert(to.end(), bytes.begin(), bytes.end()); }
+
+void patch_u32(std::vector<uint8_t>& file, std::size_t at, uint32_t value) {
+  for (int i = 0; i < 4; ++i) file.at(at + i) = static_cast<uint8_t>(value >> (24 - 8 * i));
+}
+
+}  // namespace
+
+Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, const Mp4AudioInput* audio) {
+  Mp4WriteResult result;
+  if (!Boxlane_Packet_Insert(client.c_str())) {
+    ADD_FAILURE() << "Insert failed";
+    return result;
+  }
+  FileWriter writer(client);
+  auto& file = result.file;
+
+  SplitVideo split;
+  if (video) split = split_access_units(video->annexb);
+  AdtsHeader audio_header;
+  std::vector<AudioFrame> audio_frames;
+  if (audio) audio_frames = split_adts(audio->adts, audio_header);
+
+  // One time scale for the movie and both media: the audio sample rate makes
+  // every AAC frame 1024 ticks, and 44100 and 48000 are whole multiples of 30 fps.
+  result.time_scale = audio ? audio_header.sample_rate : 90000;
+  const int frame_ticks = video ? static_cast<int>(result.time_scale) / video->frame_rate : 0;
+  if (video && frame_ticks * video->frame_rate != static_cast<int>(result.time_scale))
+    ADD_FAILURE() << "frame rate does not divide the time scale";
+
+  std::vector<int> offsets;
+  int media_time = 0;
+  if (video && !video->composition_frames.empty()) {
+    EXPECT_EQ(video->composition_frames.size(), split.units.size());
+    const int lowest = *std::min_element(video->composition_frames.begin(), video->composition_frames.end());
+    result.composition_shift = lowest > 0 ? 0 : 1 - lowest;
+    int earliest = INT32_MAX;
+    for (std::size_t i = 0; i < video->composition_frames.size(); ++i) {
+      const int frames = video->composition_frames[i] + result.composition_shift;
+      offsets.push_back(frames * frame_ticks);
+      earliest = std::min(earliest, static_cast<int>(i) + frames);
+    }
+    media_time = earliest * frame_ticks;
+  }
+
+  append(file, writer.produce("ftyp", 32, Boxlane_Packet_FTyp));
+  const std::size_t mdat_at = file.size();
+  append(file, writer.produce("mdat", 8, [](const char* c, uint8_t* b, int32_t* l) {
+    return Boxlane_Packet_HDRBox(c, b, l, "mdat", nullptr, 0);
+  }));
+
+  // Interleaved by decode time, as a recorder receives them.
+  std::size_t v = 0, a = 0;
+  while (v < split.units.size() || a < audio_frames.size()) {
+    const bool take_video = a == audio_frames.size() ||
+                            (v < split.units.size() && int64_t(v) * frame_ticks <= int64_t(a) * kAacFrameSamples);
+    const auto position = static_cast<int64_t>(file.size());
+    if (take_video) {
+      const AccessUnit& unit = split.units[v];
+      uint32_t size = 0;
+      for (const int32_t length : unit.lengths) size += 4 + static_cast<uint32_t>(length);
+      const int offset = offsets.empty() ? 0 : offsets[v];
+      append(file, writer.produce("FrameAccessUnit", size, [&](const char* c, uint8_t* b, int32_t* l) {
+        return Boxlane_Packet_FrameAccessUnit(c, b, l, unit.nalus.data(), unit.lengths.data(),
+                                              static_cast<int32_t>(unit.nalus.size()), position, unit.key ? 1 : 0,
+                                              frame_ticks, offset);
+      }));
+      result.video_sizes.push_back(size);
+      result.video_keys.push_back(unit.key);
+      ++v;
+    } else {
+      const AudioFrame& frame = audio_frames[a];
+      const auto bytes = writer.produce("FrameAudio", static_cast<std::size_t>(frame.size), [&](const char* c, uint8_t* b, int32_t* l) {
+        return Boxlane_Packet_FrameAudio(c, b, l, frame.data, frame.size, position, kAacFrameSamples);
+      });
+      append(file, bytes);
+      result.audio_sizes.push_back(static_cast<uint32_t>(bytes.size()));
+      ++a;
+    }
+  }
+  patch_u32(file, mdat_at, static_cast<uint32_t>(file.size() - mdat_at));
+
+  const auto video_duration = static_cast<uint32_t>(split.units.size() * static_cast<std::size_t>(frame_ticks));
+  const auto audio_duration = static_cast<uint32_t>(audio_frames.size() * kAacFrameSamples);
+  const std::size_t table_room = 64 + 8 * std::max(split.units.size(), audio_frames.size());
+  const auto mvhd = writer.produce("mvhd", 108, [&](const char* c, uint8_t* b, int32_t* l) {
+    return Boxlane_Packet_MVhd(c, b, l, static_cast<int32_t>(std::max(video_duration, audio_duration)),
+                               static_cast<int32_t>(result.time_scale));
+  });
+
+  // Each track's tkhd comes before its stsd: the avc1 entry takes the picture
+  // size from the latest track header.
+  std::vector<uint8_t> video_trak;
+  if (video) {
+    const auto tkhd = writer.produce("tkhd", 92, [&](const char* c, uint8_t* b, int32_t* l) {
+      return Boxlane_Packet_TKhd(c, b, l, 0, video->width, video->height, static_cast<int32_t>(video_duration));
+    });
+    std::vector<uint8_t> edts;
+    if (!offsets.empty())
+      edts = writer.produce("edts", 36, [&](const char* c, uint8_t* b, int32_t* l) {
+        return Boxlane_Packet_EDts(c, b, l, video_duration, media_time);
+      });
+    tag_Qorvane_AVProtocol description{};
+    description.bVideo = 1;
+    description.nVideoCodec = 27;
+    std::vector<uint8_t> header;
+    for (const auto* set : {&split.sps, &split.pps}) {
+      header.insert(header.end(), {0, 0, 0, 1});
+      append(header, *set);
+    }
+    EXPECT_LE(header.size(), sizeof description.tszVideoHdr);
+    description.nVideoHdrLen = static_cast<int32_t>(std::min(header.size(), sizeof description.tszVideoHdr));
+    std::memcpy(description.tszVideoHdr, header.data(), static_cast<std::size_t>(description.nVideoHdrLen));
+
+    std::vector<uint8_t> ctts;
+    if (!offsets.empty()) ctts = writer.produce("ctts", table_room, Boxlane_Packet_CTts);
+    const auto stbl = writer.container(
+        "stbl", {writer.produce("stsd", 256 + header.size(),
+                                [&](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STsd(c, b, l, &description); }),
+                 writer.produce("stts", table_room, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STts(c, b, l, true); }),
+                 ctts, writer.produce("stss", table_room, Boxlane_Packet_STss),
+                 writer.produce("stsc", 28, Boxlane_Packet_STsc),
+                 writer.produce("stsz", table_room, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STsz(c, b, l, true); }),
+                 writer.produce("stco", table_room, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STco(c, b, l, true); })});
+    const auto minf = writer.container("minf", {writer.produce("vmhd", 20, Boxlane_Packet_VMhd),
+                                                writer.produce("dinf", 36, Boxlane_Packet_DInf), stbl});
+    const auto mdia = writer.container(
+        "mdia", {writer.produce("mdhd", 32, [&](const char* c, uint8_t* b, int32_t* l) {
+                   return Boxlane_Packet_MDhdEx(c, b, l, kUndetermined, video_duration);
+                 }),
+                 writer.produce("hdlr", 45, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_HDlr(c, b, l, 0); }),
+                 minf});
+    video_trak = writer.container("trak", {tkhd, edts, mdia});
+  }
+
+  std::vector<uint8_t> audio_trak;
+  if (audio) {
+    const auto tkhd = writer.produce("tkhd", 92, [&](const char* c, uint8_t* b, int32_t* l) {
+      return Boxlane_Packet_TKhd(c, b, l, 0x0100, 0, 0, static_cast<int32_t>(audio_duration));
+    });
+    tag_Qorvane_AVProtocol description{};
+    description.bVideo = 0;
+    description.nAudioChannel = audio_header.channel_config;
+    description.nAudioSampleRate = static_cast<int32_t>(audio_header.sample_rate);
+    description.nAudioSampleBit = 16;
+    description.nAudioCfgLen = 2;
+    audio_specific_config(audio_header, description.tszAudioCfg);
+
+    const auto stbl = writer.container(
+        "stbl", {writer.produce("stsd", 256,
+                                [&](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STsd(c, b, l, &description); }),
+                 writer.produce("stts", table_room, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STts(c, b, l, false); }),
+                 writer.produce("stsc", 28, Boxlane_Packet_STsc),
+                 writer.produce("stsz", table_room, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STsz(c, b, l, false); }),
+                 writer.produce("stco", table_room, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STco(c, b, l, false); })});
+    const auto minf = writer.container("minf", {writer.produce("smhd", 16, [](const char* c, uint8_t* b, int32_t* l) {
+                                                  return Boxlane_Packet_SMhd(c, b, l, 0);
+                                                }),
+                                                writer.produce("dinf", 36, Boxlane_Packet_DInf), stbl});
+    const auto mdia = writer.container(
+        "mdia", {writer.produce("mdhd", 32, [&](const char* c, uint8_t* b, int32_t* l) {
+                   return Boxlane_Packet_MDhdEx(c, b, l, kUndetermined, audio_duration);
+                 }),
+                 writer.produce("hdlr", 45, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_HDlr(c, b, l, 1); }),
+                 minf});
+    audio_trak = writer.container("trak", {tkhd, mdia});
+  }
+
+  append(file, writer.container("moov", {mvhd, video_trak, audio_trak}));
+  EXPECT_TRUE(Boxlane_Packet_Delete(client.c_str()));
+  return result;
+}
+
+}  // namespace boxlane::test

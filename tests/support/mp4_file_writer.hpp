@@ -1,0 +1,47 @@
+// Writes a whole MP4 file through the flat writer API the way a recording
+// application would: ftyp, an mdat header patched at the end, every frame,
+// then the moov assembled from the header boxes, sample descriptions and
+// sample tables, nested with box headers.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace boxlane::test {
+
+struct Mp4VideoInput {
+  // H.264 Annex B, one slice per picture, in decode order. SPS and PPS go to
+  // the sample description and are kept out of the samples.
+  std::vector<uint8_t> annexb;
+  int frame_rate = 30;
+  int width = 0;
+  int height = 0;
+  // Per access unit in decode order: presentation minus decode time in
+  // frames. Empty for a stream without B-frames.
+  std::vector<int> composition_frames;
+};
+
+struct Mp4AudioInput {
+  std::vector<uint8_t> adts;  // AAC with an ADTS header on every frame
+};
+
+struct Mp4WriteResult {
+  std::vector<uint8_t> file;
+  uint32_t time_scale = 0;
+  // Bytes handed to the writer per sample: for video the NAL units with
+  // their 4-byte lengths, for audio the frame without its ADTS header.
+  std::vector<uint32_t> video_sizes;
+  std::vector<uint32_t> audio_sizes;
+  std::vector<bool> video_keys;
+  // Frames by which composition offsets were shifted to keep them positive;
+  // the edit list takes them back out.
+  int composition_shift = 0;
+};
+
+// Writes with a client of the given name (inserted and deleted here).
+// Either input may be null. Failures are reported to the running test; the
+// file is then incomplete.
+Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, const Mp4AudioInput* audio);
+
+}  // namespace boxlane::test
