@@ -365,9 +365,9 @@ BOXLANE_API bool Boxlane_Packet_STco(const char* lpszClient, uint8_t* ptszMsgBuf
  * 0 or less records none.
  *
  * Only positive composition offsets are recorded, so a stream with B-frames
- * must not hand in an offset of 0: shift every offset of such a stream by
- * whole frame durations until none is 0, and write an edit list
- * (Boxlane_Packet_EDts) whose media time takes the shift back out. */
+ * must not hand in an offset of 0 or less: shift every offset of such a
+ * stream by whole frame durations until all are positive, and write an edit
+ * list (Boxlane_Packet_EDts) whose media time takes the shift back out. */
 BOXLANE_API bool Boxlane_Packet_FrameVideo(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const uint8_t* lpszFrame, int32_t nFrameLen, int64_t nFilePos, int32_t nKeyFrame, int32_t nDuration, int32_t nCTSOffset);
 /* One sample made of several NAL units (an access unit of several slices).
  * pptszNalu[i] points to NAL unit i without a start code, pInt_NaluLen[i] is
