@@ -109,6 +109,32 @@ class FileWriter {
     });
   }
 
+  // The stbl of one track. Only video has composition offsets and a sync
+  // table; every audio sample is a sync sample.
+  std::vector<uint8_t> sample_tables(const tag_Qorvane_AVProtocol& description, bool video, bool with_ctts,
+                                     std::size_t room) {
+    const auto stsd = produce("stsd", 256 + sizeof description.tszVideoHdr, [&](const char* c, uint8_t* b, int32_t* l) {
+      return Boxlane_Packet_STsd(c, b, l, &description);
+    });
+    const auto stts = produce("stts", room, [&](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STts(c, b, l, video); });
+    const auto ctts = with_ctts ? produce("ctts", room, Boxlane_Packet_CTts) : std::vector<uint8_t>{};
+    const auto stss = video ? produce("stss", room, Boxlane_Packet_STss) : std::vector<uint8_t>{};
+    const auto stsz = produce("stsz", room, [&](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STsz(c, b, l, video); });
+    const auto stco = produce("stco", room, [&](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STco(c, b, l, video); });
+    return container("stbl", {stsd, stts, ctts, stss, produce("stsc", 28, Boxlane_Packet_STsc), stsz, stco});
+  }
+
+  // trak[tkhd, edts, mdia[mdhd, hdlr, minf[vmhd or smhd, dinf, stbl]]]
+  std::vector<uint8_t> track(const std::vector<uint8_t>& tkhd, const std::vector<uint8_t>& edts, uint32_t duration,
+                             uint8_t handler, const std::vector<uint8_t>& media_header, const std::vector<uint8_t>& stbl) {
+    const auto minf = container("minf", {media_header, produce("dinf", 36, Boxlane_Packet_DInf), stbl});
+    const auto mdhd = produce("mdhd", 32, [&](const char* c, uint8_t* b, int32_t* l) {
+      return Boxlane_Packet_MDhdEx(c, b, l, kUndetermined, duration);
+    });
+    const auto hdlr = produce("hdlr", 45, [&](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_HDlr(c, b, l, handler); });
+    return container("trak", {tkhd, edts, container("mdia", {mdhd, hdlr, minf})});
+  }
+
  private:
   std::string client_;
   std::vector<uint8_t> scratch_;
@@ -228,25 +254,8 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
     description.nVideoHdrLen = static_cast<int32_t>(std::min(header.size(), sizeof description.tszVideoHdr));
     std::memcpy(description.tszVideoHdr, header.data(), static_cast<std::size_t>(description.nVideoHdrLen));
 
-    std::vector<uint8_t> ctts;
-    if (!offsets.empty()) ctts = writer.produce("ctts", table_room, Boxlane_Packet_CTts);
-    const auto stbl = writer.container(
-        "stbl", {writer.produce("stsd", 256 + header.size(),
-                                [&](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STsd(c, b, l, &description); }),
-                 writer.produce("stts", table_room, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STts(c, b, l, true); }),
-                 ctts, writer.produce("stss", table_room, Boxlane_Packet_STss),
-                 writer.produce("stsc", 28, Boxlane_Packet_STsc),
-                 writer.produce("stsz", table_room, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STsz(c, b, l, true); }),
-                 writer.produce("stco", table_room, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STco(c, b, l, true); })});
-    const auto minf = writer.container("minf", {writer.produce("vmhd", 20, Boxlane_Packet_VMhd),
-                                                writer.produce("dinf", 36, Boxlane_Packet_DInf), stbl});
-    const auto mdia = writer.container(
-        "mdia", {writer.produce("mdhd", 32, [&](const char* c, uint8_t* b, int32_t* l) {
-                   return Boxlane_Packet_MDhdEx(c, b, l, kUndetermined, video_duration);
-                 }),
-                 writer.produce("hdlr", 45, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_HDlr(c, b, l, 0); }),
-                 minf});
-    video_trak = writer.container("trak", {tkhd, edts, mdia});
+    video_trak = writer.track(tkhd, edts, video_duration, 0, writer.produce("vmhd", 20, Boxlane_Packet_VMhd),
+                              writer.sample_tables(description, true, !offsets.empty(), table_room));
   }
 
   std::vector<uint8_t> audio_trak;
@@ -262,24 +271,10 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
     description.nAudioCfgLen = 2;
     audio_specific_config(audio_header, description.tszAudioCfg);
 
-    const auto stbl = writer.container(
-        "stbl", {writer.produce("stsd", 256,
-                                [&](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STsd(c, b, l, &description); }),
-                 writer.produce("stts", table_room, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STts(c, b, l, false); }),
-                 writer.produce("stsc", 28, Boxlane_Packet_STsc),
-                 writer.produce("stsz", table_room, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STsz(c, b, l, false); }),
-                 writer.produce("stco", table_room, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STco(c, b, l, false); })});
-    const auto minf = writer.container("minf", {writer.produce("smhd", 16, [](const char* c, uint8_t* b, int32_t* l) {
-                                                  return Boxlane_Packet_SMhd(c, b, l, 0);
-                                                }),
-                                                writer.produce("dinf", 36, Boxlane_Packet_DInf), stbl});
-    const auto mdia = writer.container(
-        "mdia", {writer.produce("mdhd", 32, [&](const char* c, uint8_t* b, int32_t* l) {
-                   return Boxlane_Packet_MDhdEx(c, b, l, kUndetermined, audio_duration);
-                 }),
-                 writer.produce("hdlr", 45, [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_HDlr(c, b, l, 1); }),
-                 minf});
-    audio_trak = writer.container("trak", {tkhd, mdia});
+    const auto smhd = writer.produce("smhd", 16, [](const char* c, uint8_t* b, int32_t* l) {
+      return Boxlane_Packet_SMhd(c, b, l, 0);
+    });
+    audio_trak = writer.track(tkhd, {}, audio_duration, 1, smhd, writer.sample_tables(description, false, false, table_room));
   }
 
   append(file, writer.container("moov", {mvhd, video_trak, audio_trak}));
