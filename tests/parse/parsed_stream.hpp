@@ -1,0 +1,188 @@
+// Whole files through the parser, the way a receiver uses it: the file is
+// sent in pieces with every mdat payload left out, the header records are
+// taken, and each track's tables are read back with the queries and expanded
+// into per-sample values that an independent reader can be compared with.
+#pragma once
+
+#include <boxlane/boxlane.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace boxlane::test {
+
+enum class Cuts { whole, bytes, random };
+
+inline uint64_t be_at(const std::vector<uint8_t>& b, std::size_t at, int n) {
+  uint64_t v = 0;
+  for (int i = 0; i < n; ++i) v = (v << 8) | b.at(at + std::size_t(i));
+  return v;
+}
+
+// The stream as a sender passes it on: runs of bytes, each ending where an
+// mdat payload is skipped (the next run starts at the box after it).
+inline std::vector<std::vector<uint8_t>> runs_without_media(const std::vector<uint8_t>& file) {
+  std::vector<std::vector<uint8_t>> runs(1);
+  std::size_t at = 0;
+  while (at + 8 <= file.size()) {
+    uint64_t size = be_at(file, at, 4);
+    std::size_t header = 8;
+    if (size == 1) {
+      size = be_at(file, at + 8, 8);
+      header = 16;
+    } else if (size == 0) {
+      size = file.size() - at;
+    }
+    const bool media = std::memcmp(&file[at + 4], "mdat", 4) == 0;
+    const std::size_t keep = media ? header : std::size_t(std::min<uint64_t>(size, file.size() - at));
+    runs.back().insert(runs.back().end(), file.begin() + long(at), file.begin() + long(at + keep));
+    if (media) runs.emplace_back();
+    if (size < 8) break;
+    at += std::size_t(size);
+  }
+  if (runs.back().empty()) runs.pop_back();
+  return runs;
+}
+
+// Sends the file to a fresh client and takes every header record. Each Send
+// must succeed.
+inline std::vector<QORVANE_MP4HDR> send_file(const char* client, const std::vector<uint8_t>& file, Cuts cuts,
+                                             unsigned seed = 1) {
+  std::vector<QORVANE_MP4HDR> headers;
+  EXPECT_TRUE(Boxlane_Parse_Insert(client));
+  std::mt19937 random(seed);
+  auto take = [&] {
+    QORVANE_MP4HDR hdr;
+    while (Boxlane_Parse_Recv(client, &hdr, nullptr)) headers.push_back(hdr);
+  };
+  for (const std::vector<uint8_t>& run : runs_without_media(file)) {
+    std::size_t at = 0;
+    while (at < run.size()) {
+      std::size_t piece = run.size() - at;
+      if (cuts == Cuts::bytes) piece = 1;
+      if (cuts == Cuts::random) piece = std::min(piece, std::size_t(std::uniform_int_distribution<int>(1, 4000)(random)));
+      EXPECT_TRUE(Boxlane_Parse_Send(client, run.data() + at, int32_t(piece)))
+          << "piece at " << at << " code " << std::hex << Boxlane_GetLastError(nullptr);
+      at += piece;
+      take();
+    }
+  }
+  take();
+  return headers;
+}
+
+struct ParsedTrack {
+  int32_t id = 0;
+  QORVANE_HDRTKHD tkhd{};
+  QORVANE_HDRMDHD mdhd{};
+  QORVANE_HDRHDLR hdlr{};
+  QORVANE_HDRVMSMHD vmsmhd{};
+  std::vector<QORVANE_HDRSAMPLENFO> stts, ctts, stsc, stsz, stco;
+  std::vector<int32_t> stss;
+  std::vector<uint8_t> sdtp;
+  BOXLANE_CODECINFO codec{};
+
+  // Per sample, in decode order.
+  std::vector<uint64_t> dts() const {
+    std::vector<uint64_t> out;
+    uint64_t t = 0;
+    for (const auto& e : stts)
+      for (uint32_t i = 0; i < e.nValue1; ++i, t += e.nValue2) out.push_back(t);
+    return out;
+  }
+  std::vector<int32_t> composition_offsets() const {
+    std::vector<int32_t> out;
+    for (const auto& e : ctts) out.insert(out.end(), e.nValue1, int32_t(e.nValue2));
+    return out;
+  }
+  std::vector<uint32_t> sizes() const {
+    std::vector<uint32_t> out;
+    for (const auto& e : stsz) out.push_back(e.nValue1);
+    return out;
+  }
+  // File offsets from the chunk offsets, the chunk runs and the sizes
+  // (ISO/IEC 14496-12 §8.7.4).
+  std::vector<uint64_t> offsets() const {
+    std::vector<uint64_t> out;
+    std::size_t sample = 0;
+    for (std::size_t run = 0; run < stsc.size(); ++run) {
+      const uint32_t last = run + 1 < stsc.size() ? stsc[run + 1].nValue1 - 1 : uint32_t(stco.size());
+      for (uint32_t chunk = stsc[run].nValue1; chunk <= last && chunk <= stco.size(); ++chunk) {
+        uint64_t at = stco[chunk - 1].nValue1;
+        for (uint32_t i = 0; i < stsc[run].nValue2 && sample < stsz.size(); ++i, ++sample) {
+          out.push_back(at);
+          at += stsz[sample].nValue1;
+        }
+      }
+    }
+    return out;
+  }
+};
+
+inline std::vector<QORVANE_HDRSAMPLENFO> table(const char* client, int32_t id, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code) {
+  QORVANE_HDRSAMPLENFO** list = nullptr;
+  int32_t count = 0;
+  EXPECT_TRUE(Boxlane_Parse_GetTrackList(client, id, &list, &count, code));
+  std::vector<QORVANE_HDRSAMPLENFO> out;
+  for (int32_t i = 0; i < count; ++i) out.push_back(*list[i]);
+  Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
+  return out;
+}
+
+// Every track the client knows with an id from 0 to 9, in id order.
+inline std::vector<ParsedTrack> parsed_tracks(const char* client) {
+  int32_t slots[10];
+  std::fill(std::begin(slots), std::end(slots), -1);
+  EXPECT_TRUE(Boxlane_Parse_GetTrack(client, slots));
+  std::vector<ParsedTrack> tracks;
+  for (int32_t id : slots) {
+    if (id < 0) continue;
+    ParsedTrack t;
+    t.id = id;
+    EXPECT_TRUE(Boxlane_Parse_GetTrackInfo(client, id, &t.tkhd, &t.mdhd, &t.hdlr, &t.vmsmhd));
+    t.stts = table(client, id, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS);
+    t.ctts = table(client, id, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS);
+    t.stsc = table(client, id, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSC);
+    t.stsz = table(client, id, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ);
+    t.stco = table(client, id, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO);
+    int32_t** keys = nullptr;
+    int32_t count = 0;
+    EXPECT_TRUE(Boxlane_Parse_GetTrackKey(client, id, &keys, &count));
+    for (int32_t i = 0; i < count; ++i) t.stss.push_back(*keys[i]);
+    Fundrel_Memory_Free(reinterpret_cast<void***>(&keys), count);
+    QORVANE_HDRSDTP** sdtp = nullptr;
+    EXPECT_TRUE(Boxlane_Parse_GetTrackSDtp(client, id, &sdtp, &count));
+    for (int32_t i = 0; i < count; ++i) t.sdtp.push_back(sdtp[i]->bySampleFlags);
+    Fundrel_Memory_Free(reinterpret_cast<void***>(&sdtp), count);
+    EXPECT_TRUE(Boxlane_Parse_GetTrackCodec(client, id, &t.codec));
+    tracks.push_back(std::move(t));
+  }
+  return tracks;
+}
+
+// The avcC record (ISO/IEC 14496-15 §5.3.3.1) rebuilt from what the parser
+// kept, without the optional high-profile tail.
+inline std::vector<uint8_t> rebuilt_avcc(const BOXLANE_CODECINFO& c) {
+  std::vector<uint8_t> out{1, c.byProfile, c.byCompatibility, c.byLevel, uint8_t(0xFC | (c.byNALLengthSize - 1)),
+                           uint8_t(0xE0 | c.nSPSCount)};
+  std::size_t at = 0;
+  auto sets = [&](int32_t count, const uint16_t* lengths) {
+    for (int32_t i = 0; i < count; ++i) {
+      out.push_back(uint8_t(lengths[i] >> 8));
+      out.push_back(uint8_t(lengths[i]));
+      out.insert(out.end(), c.byParamSets + at, c.byParamSets + at + lengths[i]);
+      at += lengths[i];
+    }
+  };
+  sets(c.nSPSCount, c.wSPSLen);
+  out.push_back(uint8_t(c.nPPSCount));
+  sets(c.nPPSCount, c.wPPSLen);
+  return out;
+}
+
+}  // namespace boxlane::test
