@@ -1,0 +1,177 @@
+// The parse client table, the intake of pieces with the reassembly of boxes
+// that arrive split, and the task-pool calls behind the parser's events.
+#include <boxlane/boxlane.hpp>
+
+#include "frame/last_error.hpp"
+#include "parse/client_lookup.hpp"
+#include "parse/intake.hpp"
+#include "platform/be_reader.hpp"
+#include "platform/task_pool.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <string_view>
+
+using boxlane::clear_error;
+using boxlane::fail;
+namespace parse = boxlane::parse;
+
+namespace boxlane::parse {
+
+Split take_piece(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* data, std::size_t length) {
+  BeReader piece(data, length);
+  auto& queue = *record.stl_ListMsg;
+  while (piece.remaining() != 0) {
+    if (queue.empty() || finished(queue.back())) return split_run(self, record, piece.current(), piece.remaining(), nullptr);
+
+    // Only the bytes the pending box still lacks are copied; whatever
+    // follows it in the piece is split in place on the next turn.
+    BOXLANE_MSGBUFFER& pending = queue.back();
+    const std::size_t held_bytes = static_cast<std::size_t>(pending.nMsgLen);
+    const std::size_t missing = static_cast<std::size_t>(pending.nBoxLen) - held_bytes;
+    const std::size_t take = std::min(missing, piece.remaining());
+    if (!reserve(pending, held_bytes + take)) {
+      fail(BOXLANE_ERROR_PARSE_MALLOC);
+      return Split::grow_failed;
+    }
+    (void)piece.copy(pending.ptszMsgBuffer + held_bytes, take);
+    pending.nMsgLen += static_cast<int32_t>(take);
+    if (take < missing) return Split::done;
+
+    HeldBuffer held;
+    held.data = pending.ptszMsgBuffer;
+    held.capacity = pending.nBufferSize;
+    const std::size_t whole = static_cast<std::size_t>(pending.nMsgLen);
+    queue.pop_back();
+    const Split result = split_run(self, record, held.data, whole, &held);
+    if (result != Split::done) return result;
+  }
+  return Split::done;
+}
+
+}  // namespace boxlane::parse
+
+CBoxlane_Parse::CBoxlane_Parse() = default;
+
+CBoxlane_Parse::~CBoxlane_Parse() {
+  for (auto& [client, record] : stl_MapClient)
+    if (record && record->stl_ListMsg) parse::release(*record->stl_ListMsg);
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_Init(int nPoolCount) {
+  clear_error();
+  void* pool = Rendavo_TaskPool_CreateEx(nPoolCount);
+  if (!pool) return fail(Rendavo_GetLastError(nullptr));
+  if (void* old = parse::swap_pool_handle(*this, pool)) Rendavo_TaskPool_DestoryEx(old);
+  return true;
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_Destory() {
+  clear_error();
+  if (void* old = parse::swap_pool_handle(*this, nullptr)) Rendavo_TaskPool_DestoryEx(old);
+  return true;
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_Insert(const char* lpszClient) {
+  clear_error();
+  if (!parse::valid_client(lpszClient)) return fail(BOXLANE_ERROR_PARSE_PARAMETER);
+  try {
+    std::unique_lock table(st_RWLocker);
+    if (stl_MapClient.find(std::string_view(lpszClient)) != stl_MapClient.end()) return true;
+    auto record = std::make_unique<QORVANE_MP4PARSE>();
+    std::memcpy(record->tszClient, lpszClient, std::strlen(lpszClient) + 1);
+    QORVANE_MP4PARSE& inserted = *stl_MapClient.emplace(std::string(lpszClient), std::move(record)).first->second;
+    // Registered under the table lock, so a Delete of the same client cannot
+    // slip between the pool entry and the table entry.
+    if (void* pool = parse::pool_handle(*this)) Rendavo_TaskPool_AddrInsertEx(pool, lpszClient, &inserted.nPoolIndex);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return fail(BOXLANE_ERROR_PARSE_MALLOC);
+  }
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_Delete(const char* lpszClient) {
+  clear_error();
+  if (!parse::valid_client(lpszClient)) return fail(BOXLANE_ERROR_PARSE_PARAMETER);
+  std::unique_lock table(st_RWLocker);
+  const auto it = stl_MapClient.find(std::string_view(lpszClient));
+  if (it == stl_MapClient.end()) return true;
+  std::unique_ptr<QORVANE_MP4PARSE> record = std::move(it->second);
+  {
+    std::lock_guard guard(*record->st_Locker);
+    parse::release(*record->stl_ListMsg);
+    record->stl_MapTrack->clear();
+    if (void* pool = parse::pool_handle(*this)) Rendavo_TaskPool_AddrDeleteEx(pool, record->nPoolIndex, lpszClient);
+  }
+  stl_MapClient.erase(it);
+  return true;
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_Send(const char* lpszClient, const uint8_t* lpszMsgBuffer, int nMsgLen) {
+  clear_error();
+  if (!parse::valid_client(lpszClient) || nMsgLen < 0 || (!lpszMsgBuffer && nMsgLen != 0))
+    return fail(BOXLANE_ERROR_PARSE_PARAMETER);
+  if (nMsgLen == 0) return true;
+  return parse::with_client(*this, lpszClient, [&](QORVANE_MP4PARSE& record) {
+    if (record.bStop) return fail(BOXLANE_ERROR_PARSE_NOTSUPPORT);
+    const auto& queue = *record.stl_ListMsg;
+    const bool pending = !queue.empty() && !parse::finished(queue.back());
+    parse::Split result;
+    try {
+      result = parse::take_piece(*this, record, lpszMsgBuffer, static_cast<std::size_t>(nMsgLen));
+    } catch (...) {
+      return fail(BOXLANE_ERROR_PARSE_MALLOC);
+    }
+    switch (result) {
+      case parse::Split::done:
+      case parse::Split::stopped:
+        return true;
+      // A piece that went through the append step was taken even when a
+      // later tail found no memory; the code stays set for the caller.
+      case parse::Split::no_memory:
+        return pending;
+      case parse::Split::refused:
+      case parse::Split::grow_failed:
+        return false;
+    }
+    return false;
+  });
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_Build(QORVANE_MP4PARSE* pSt_MP4Parse, const uint8_t* lpszMsgBuffer, int nMsgLen) {
+  clear_error();
+  if (!pSt_MP4Parse || nMsgLen < 0 || (!lpszMsgBuffer && nMsgLen != 0)) return fail(BOXLANE_ERROR_PARSE_PARAMETER);
+  try {
+    const auto result = parse::take_piece(*this, *pSt_MP4Parse, lpszMsgBuffer, static_cast<std::size_t>(nMsgLen));
+    return result == parse::Split::done || result == parse::Split::stopped;
+  } catch (...) {
+    return fail(BOXLANE_ERROR_PARSE_MALLOC);
+  }
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_GetPool(int nPoolIndex, QORVANE_RENDAVO_TASKEVENT*** pppSt_ListAddr, int* pInt_ListCount) {
+  clear_error();
+  void* pool = parse::pool_handle(*this);
+  if (!pool) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+  if (!Rendavo_TaskPool_AddrGetEx(pool, nPoolIndex, pppSt_ListAddr, pInt_ListCount)) return fail(Rendavo_GetLastError(nullptr));
+  return true;
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_WaitEvent(int nPoolIndex, int nTimeout) {
+  clear_error();
+  void* pool = parse::pool_handle(*this);
+  if (!pool) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+  if (!Rendavo_TaskPool_WaitEventEx(pool, nPoolIndex, nTimeout)) return fail(Rendavo_GetLastError(nullptr));
+  return true;
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_ActiveEvent(int nPoolIndex) {
+  clear_error();
+  void* pool = parse::pool_handle(*this);
+  if (!pool) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+  if (!Rendavo_TaskPool_ActiveEventEx(pool, nPoolIndex)) return fail(Rendavo_GetLastError(nullptr));
+  return true;
+}
