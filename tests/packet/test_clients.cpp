@@ -21,15 +21,13 @@ TEST_F(ClientTest, LifeCycleKeepsRecordsAcrossDuplicateInsertAndRenumbersAfterDe
   // A second Insert succeeds and keeps the frame and the track count.
   EXPECT_TRUE(Boxlane_Packet_Insert(client()));
   EXPECT_FALSE(Boxlane_IsErrorOccur);
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_STsz(client(), b, l, true); }),
-            bytes_hex("00000018 7374737A 00000000 00000000 00000001 00000007"));
+  EXPECT_EQ(box(Boxlane_Packet_STsz, true), bytes_hex("00000018 7374737A 00000000 00000000 00000001 00000007"));
   ASSERT_TRUE(Boxlane_Packet_TKhd(client(), buffer, &length, 0, 160, 120, 0));
   EXPECT_EQ(hex(buffer + 20, 4), "00 00 00 02");
 
   // Deleting removes the client; a new Insert starts over at track 1.
   EXPECT_TRUE(Boxlane_Packet_Delete(client()));
-  expect_refused([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FTyp(client(), b, l); },
-                 BOXLANE_ERROR_PACKET_NOTFOUND);
+  refuses(BOXLANE_ERROR_PACKET_NOTFOUND, Boxlane_Packet_FTyp);
   ASSERT_TRUE(Boxlane_Packet_Insert(client()));
   ASSERT_TRUE(Boxlane_Packet_TKhd(client(), buffer, &length, 0, 160, 120, 0));
   EXPECT_EQ(hex(buffer + 20, 4), "00 00 00 01");
@@ -90,21 +88,12 @@ TEST_F(ClientTest, TimeCountDividesFrameTimeByTimeScaleAndSurvivesZero) {
   EXPECT_EQ(m_MP4Packet.Boxlane_Packet_TimeCount(nullptr), 0);
 
   // The duration fields of mvhd and tkhd fall back on it when given 0.
-  auto duration_of = [&](auto&& call, int offset) {
-    std::vector<uint8_t> buffer(128, 0);
-    int32_t length = 0;
-    EXPECT_TRUE(call(buffer.data(), &length));
-    return hex(buffer.data() + offset, 4);
-  };
-  auto mvhd = [&](int scale) {
-    return [this, scale](uint8_t* b, int32_t* l) { return Boxlane_Packet_MVhd(client(), b, l, 0, scale); };
-  };
-  auto tkhd = [&](uint8_t* b, int32_t* l) { return Boxlane_Packet_TKhd(client(), b, l, 0, 160, 120, 0); };
-  EXPECT_EQ(duration_of(mvhd(0), 24), "00 00 00 00");
-  EXPECT_EQ(duration_of(tkhd, 28), "00 00 00 00");
-  EXPECT_EQ(duration_of(mvhd(1000), 24), "00 00 00 00");  // 40 / 1000
-  EXPECT_EQ(duration_of(mvhd(1), 24), "00 00 00 28");
-  EXPECT_EQ(duration_of(tkhd, 28), "00 00 00 28");
+  auto field = [](const std::string& box_hex, int offset) { return box_hex.substr(offset * 3, 11); };
+  EXPECT_EQ(field(box(Boxlane_Packet_MVhd, 0, 0), 24), "00 00 00 00");
+  EXPECT_EQ(field(box(Boxlane_Packet_TKhd, 0, 160, 120, 0), 28), "00 00 00 00");
+  EXPECT_EQ(field(box(Boxlane_Packet_MVhd, 0, 1000), 24), "00 00 00 00");  // 40 / 1000
+  EXPECT_EQ(field(box(Boxlane_Packet_MVhd, 0, 1), 24), "00 00 00 28");
+  EXPECT_EQ(field(box(Boxlane_Packet_TKhd, 0, 160, 120, 0), 28), "00 00 00 28");
   EXPECT_EQ(record().nVideoDuration, 40u);
   EXPECT_EQ(m_MP4Packet.Boxlane_Packet_TimeCount(&record()), 40);
 }

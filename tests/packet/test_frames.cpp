@@ -36,24 +36,17 @@ TEST_F(FrameTest, VideoStartCodeBecomesTheNalLength) {
   frame[0] = frame[1] = frame[2] = 0;
   frame[3] = 1;
   frame[4] = 0x65;
-  const std::string out = written(
-      [&](uint8_t* b, int32_t* l) {
-        return Boxlane_Packet_FrameVideo(client(), b, l, frame.data(), 1000, 48, 1, 40, 0);
-      },
-      1100);
   std::vector<uint8_t> expected = frame;
   expected[2] = 0x03;
   expected[3] = 0xE4;
-  EXPECT_EQ(out, hex(expected));
+  EXPECT_EQ(box(Boxlane_Packet_FrameVideo, frame.data(), 1000, 48, 1, 40, 0), hex(expected));
   EXPECT_EQ(record().listVideoSize, std::vector<uint32_t>{1000});
 
   // The start code is not examined: a 3-byte start code plus a zero byte,
   // or anything else, is replaced all the same. A 4-byte frame is an empty NAL.
   const uint8_t odd[] = {0xAA, 0xBB, 0xCC, 0xDD, 0x41};
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FrameVideo(client(), b, l, odd, 5, 0, 0, 40, 0); }),
-            bytes_hex("00000001 41"));
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FrameVideo(client(), b, l, odd, 4, 0, 0, 40, 0); }),
-            bytes_hex("00000000"));
+  EXPECT_EQ(box(Boxlane_Packet_FrameVideo, odd, 5, 0, 0, 40, 0), bytes_hex("00000001 41"));
+  EXPECT_EQ(box(Boxlane_Packet_FrameVideo, odd, 4, 0, 0, 40, 0), bytes_hex("00000000"));
   EXPECT_EQ(record().nVideoCount, 3u);
 }
 
@@ -66,37 +59,29 @@ TEST_F(FrameTest, RefusedFramesChangeNothing) {
   const int32_t too_long[2] = {INT_MAX / 2, INT_MAX / 2};  // with 8 length bytes, past INT_MAX
 
   for (const int length : {3, 0, -1, INT_MIN})
-    expect_refused(
-        [&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FrameVideo(client(), b, l, frame, length, 0, 1, 40, 40); },
-        BOXLANE_ERROR_PACKET_PARAMETER);
-  expect_refused([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FrameVideo(client(), b, l, nullptr, 6, 0, 1, 40, 40); },
-                 BOXLANE_ERROR_PACKET_PARAMETER);
+    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, frame, length, 0, 1, 40, 40);
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, nullptr, 6, 0, 1, 40, 40);
 
-  auto access_unit = [&](const uint8_t* const* n, const int32_t* lens, int count) {
-    return [=, this](uint8_t* b, int32_t* l) {
-      return Boxlane_Packet_FrameAccessUnit(client(), b, l, n, lens, count, 0, 1, 40, 40);
-    };
+  struct AccessUnit {
+    const uint8_t* const* nalus;
+    const int32_t* lengths;
+    int count;
   };
-  expect_refused(access_unit(nullptr, lengths, 2), BOXLANE_ERROR_PACKET_PARAMETER);
-  expect_refused(access_unit(nalus, nullptr, 2), BOXLANE_ERROR_PACKET_PARAMETER);
-  expect_refused(access_unit(nalus, lengths, 0), BOXLANE_ERROR_PACKET_PARAMETER);
-  expect_refused(access_unit(nalus, lengths, -1), BOXLANE_ERROR_PACKET_PARAMETER);
-  expect_refused(access_unit(with_null, lengths, 2), BOXLANE_ERROR_PACKET_PARAMETER);
-  expect_refused(access_unit(nalus, with_negative, 2), BOXLANE_ERROR_PACKET_PARAMETER);
-  expect_refused(access_unit(nalus, too_long, 2), BOXLANE_ERROR_PACKET_PARAMETER);
+  for (const AccessUnit& unit : {AccessUnit{nullptr, lengths, 2}, {nalus, nullptr, 2}, {nalus, lengths, 0},
+                                 {nalus, lengths, -1}, {with_null, lengths, 2}, {nalus, with_negative, 2},
+                                 {nalus, too_long, 2}})
+    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAccessUnit, unit.nalus, unit.lengths, unit.count,
+            int64_t{0}, 1, 40, 40);
 
-  expect_refused([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FrameAudio(client(), b, l, frame, -1, 0, 1024); },
-                 BOXLANE_ERROR_PACKET_PARAMETER);
-  expect_refused([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FrameAudio(client(), b, l, nullptr, 6, 0, 1024); },
-                 BOXLANE_ERROR_PACKET_PARAMETER);
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAudio, frame, -1, 0, 1024);
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAudio, nullptr, 6, 0, 1024);
 
-  EXPECT_EQ(record().nVideoCount, 0u);
-  EXPECT_EQ(video_tables(client()),
-            bytes_hex("00000010 73747473 00000000 00000000") + " | " + bytes_hex("00000010 73747373 00000000 00000000") +
-                " | " + bytes_hex("00000014 7374737A 00000000 00000000 00000000") + " | " +
-                bytes_hex("00000010 7374636F 00000000 00000000") + " | no ctts");
-  EXPECT_TRUE(record().listAudioSize.empty());
-  EXPECT_TRUE(record().listAudioSTts.empty());
+  const QORVANE_MP4PACKET& r = record();
+  EXPECT_EQ(r.nVideoCount, 0u);
+  for (const bool empty : {r.listVideoSTts.empty(), r.listVideoCTts.empty(), r.listVideoSTss.empty(),
+                           r.listVideoSize.empty(), r.listVideoOffset.empty(), r.listAudioSTts.empty(),
+                           r.listAudioSize.empty(), r.listAudioOffset.empty()})
+    EXPECT_TRUE(empty);
 }
 
 TEST_F(FrameTest, AccessUnitWritesEachNalWithItsOwnLength) {
@@ -105,9 +90,7 @@ TEST_F(FrameTest, AccessUnitWritesEachNalWithItsOwnLength) {
   const uint8_t empty[] = {0};
   const uint8_t* const nalus[] = {sei, slice, empty};
   const int32_t lengths[] = {3, 4, 0};
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) {
-              return Boxlane_Packet_FrameAccessUnit(client(), b, l, nalus, lengths, 3, 1000, 1, 40, 80);
-            }),
+  EXPECT_EQ(box(Boxlane_Packet_FrameAccessUnit, nalus, lengths, 3, int64_t{1000}, 1, 40, 80),
             bytes_hex("00000003 060501 00000004 65888421 00000000"));
   EXPECT_EQ(record().listVideoSize, std::vector<uint32_t>{19});
 }
@@ -130,9 +113,7 @@ TEST_F(FrameTest, AccessUnitsKeepTheSameBooksAsSingleNalFrames) {
     Bytes annexb;
     annexb.u32(1).add(f.nal);
     const auto size = static_cast<int32_t>(annexb.size());
-    const std::string single = written([&](uint8_t* b, int32_t* l) {
-      return Boxlane_Packet_FrameVideo(client(), b, l, annexb.data(), size, f.position, f.key, f.duration, f.cts);
-    });
+    const std::string single = box(Boxlane_Packet_FrameVideo, annexb.data(), size, f.position, f.key, f.duration, f.cts);
     const uint8_t* const nalu[] = {f.nal.data()};
     const int32_t length[] = {static_cast<int32_t>(f.nal.size())};
     const std::string unit = written([&](uint8_t* b, int32_t* l) {
@@ -168,22 +149,15 @@ Bytes adts_header(uint16_t frame_length, bool crc) {
 TEST_F(FrameTest, AudioDropsTheAdtsHeaderWithOrWithoutCrc) {
   Bytes plain = adts_header(371, false);
   for (int i = 0; i < 364; ++i) plain.u8(uint8_t(i));
-  const std::string plain_out =
-      written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FrameAudio(client(), b, l, plain.data(), 371, 100, 1024); });
+  const std::string plain_out = box(Boxlane_Packet_FrameAudio, plain.data(), 371, int64_t{100}, 1024);
   EXPECT_EQ(plain_out, hex(plain.data() + 7, 364));
 
   Bytes protected_frame = adts_header(373, true);
   for (int i = 0; i < 364; ++i) protected_frame.u8(uint8_t(i));
-  const std::string crc_out = written([&](uint8_t* b, int32_t* l) {
-    return Boxlane_Packet_FrameAudio(client(), b, l, protected_frame.data(), 373, 464, 1024);
-  });
-  EXPECT_EQ(crc_out, plain_out);
+  EXPECT_EQ(box(Boxlane_Packet_FrameAudio, protected_frame.data(), 373, int64_t{464}, 1024), plain_out);
 
   // Not ADTS (here: a frame_length past the bytes handed in): stored whole.
-  const std::string whole = written([&](uint8_t* b, int32_t* l) {
-    return Boxlane_Packet_FrameAudio(client(), b, l, plain.data(), 370, 828, 1024);
-  });
-  EXPECT_EQ(whole, hex(plain.data(), 370));
+  EXPECT_EQ(box(Boxlane_Packet_FrameAudio, plain.data(), 370, int64_t{828}, 1024), hex(plain.data(), 370));
   EXPECT_EQ(record().listAudioSize, (std::vector<uint32_t>{364, 364, 370}));
   EXPECT_EQ(record().listAudioOffset, (std::vector<int64_t>{100, 464, 828}));
 }

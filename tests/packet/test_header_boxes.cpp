@@ -15,63 +15,39 @@ constexpr const char* kMatrix =
     "00010000 00000000 00000000 00000000 00010000 00000000 00000000 00000000 40000000";
 
 TEST_F(HeaderBoxTest, FixedBoxes) {
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_FTyp(client(), b, l); }),
-            bytes_hex("00 00 00 20 66 74 79 70 69 73 6F 6D 00 00 02 00 "
-                      "69 73 6F 6D 69 73 6F 32 61 76 63 31 6D 70 34 31"));
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_DInf(client(), b, l); }),
-            bytes_hex("00 00 00 24 64 69 6E 66 00 00 00 1C 64 72 65 66 00 00 00 00 00 00 00 01 "
-                      "00 00 00 0C 75 72 6C 20 00 00 00 01"));
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_VMhd(client(), b, l); }),
-            bytes_hex("00 00 00 14 76 6D 68 64 00 00 00 01 00 00 00 00 00 00 00 00"));
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_SMhd(client(), b, l, 0); }),
-            bytes_hex("00 00 00 10 73 6D 68 64 00 00 00 00 00 00 00 00"));
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_SMhd(client(), b, l, -256); }),
-            bytes_hex("00 00 00 10 73 6D 68 64 00 00 00 00 FF 00 00 00"));
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_STsc(client(), b, l); }),
-            bytes_hex("0000001C 73747363 00000000 00000001 00000001 00000001 00000001"));
+  EXPECT_EQ(box(Boxlane_Packet_FTyp), bytes_hex("00 00 00 20 66 74 79 70 69 73 6F 6D 00 00 02 00 "
+                                                "69 73 6F 6D 69 73 6F 32 61 76 63 31 6D 70 34 31"));
+  EXPECT_EQ(box(Boxlane_Packet_DInf), bytes_hex("00 00 00 24 64 69 6E 66 00 00 00 1C 64 72 65 66 00 00 00 00 "
+                                                "00 00 00 01 00 00 00 0C 75 72 6C 20 00 00 00 01"));
+  EXPECT_EQ(box(Boxlane_Packet_VMhd), bytes_hex("00 00 00 14 76 6D 68 64 00 00 00 01 00 00 00 00 00 00 00 00"));
+  EXPECT_EQ(box(Boxlane_Packet_SMhd, 0), bytes_hex("00 00 00 10 73 6D 68 64 00 00 00 00 00 00 00 00"));
+  EXPECT_EQ(box(Boxlane_Packet_SMhd, -256), bytes_hex("00 00 00 10 73 6D 68 64 00 00 00 00 FF 00 00 00"));
+  EXPECT_EQ(box(Boxlane_Packet_STsc), bytes_hex("0000001C 73747363 00000000 00000001 00000001 00000001 00000001"));
 }
 
 TEST_F(HeaderBoxTest, BoxHeaderWithAndWithoutPayload) {
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_HDRBox(client(), b, l, "moov", nullptr, 1000); }),
-            bytes_hex("00 00 03 F0 6D 6F 6F 76"));
   const uint8_t payload[] = {0xDE, 0xAD, 0xBE, 0xEF};
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_HDRBox(client(), b, l, "free", payload, 4); }),
-            bytes_hex("00 00 00 0C 66 72 65 65 DE AD BE EF"));
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_HDRBox(client(), b, l, "mdat", payload, 0); }),
-            bytes_hex("00 00 00 08 6D 64 61 74"));
+  EXPECT_EQ(box(Boxlane_Packet_HDRBox, "moov", nullptr, 1000), bytes_hex("00 00 03 F0 6D 6F 6F 76"));
+  EXPECT_EQ(box(Boxlane_Packet_HDRBox, "free", payload, 4), bytes_hex("00 00 00 0C 66 72 65 65 DE AD BE EF"));
+  EXPECT_EQ(box(Boxlane_Packet_HDRBox, "mdat", payload, 0), bytes_hex("00 00 00 08 6D 64 61 74"));
+  EXPECT_EQ(box(Boxlane_Packet_HDRBox, "mdat", nullptr, INT_MAX - 8), bytes_hex("7F FF FF FF 6D 64 61 74"));
 
-  expect_refused([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_HDRBox(client(), b, l, nullptr, payload, 4); },
-                 BOXLANE_ERROR_PACKET_PARAMETER);
-  expect_refused([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_HDRBox(client(), b, l, "free", payload, -1); },
-                 BOXLANE_ERROR_PACKET_PARAMETER);
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_HDRBox, nullptr, payload, 4);
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_HDRBox, "free", payload, -1);
   // The size field must stay within a signed 32-bit length.
-  expect_refused(
-      [&](uint8_t* b, int32_t* l) { return Boxlane_Packet_HDRBox(client(), b, l, "mdat", nullptr, INT_MAX - 7); },
-      BOXLANE_ERROR_PACKET_PARAMETER);
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_HDRBox(client(), b, l, "mdat", nullptr, INT_MAX - 8); }),
-            bytes_hex("7F FF FF FF 6D 64 61 74"));
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_HDRBox, "mdat", nullptr, INT_MAX - 7);
 }
 
 TEST_F(HeaderBoxTest, HandlerTypes) {
-  auto hdlr = [&](uint8_t type) {
-    return written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_HDlr(client(), b, l, type); });
-  };
+  const std::string head = "68646C72 00000000 00000000";
   const std::string reserved = " 00000000 00000000 00000000 ";
-  EXPECT_EQ(hdlr(0), bytes_hex("0000002D 68646C72 00000000 00000000 76696465" + reserved +
-                               "56 69 64 65 6F 48 61 6E 64 6C 65 72 00"));  // "VideoHandler"
-  EXPECT_EQ(hdlr(1), bytes_hex("0000002D 68646C72 00000000 00000000 736F756E" + reserved +
-                               "53 6F 75 6E 64 48 61 6E 64 6C 65 72 00"));  // "SoundHandler"
-  EXPECT_EQ(hdlr(2), bytes_hex("0000002C 68646C72 00000000 00000000 68696E74" + reserved +
-                               "48 69 6E 74 48 61 6E 64 6C 65 72 00"));  // "HintHandler"
-  EXPECT_EQ(hdlr(3), bytes_hex("0000002C 68646C72 00000000 00000000 6D657461" + reserved +
-                               "4D 65 74 61 48 61 6E 64 6C 65 72 00"));  // "MetaHandler"
-  EXPECT_EQ(hdlr(4), bytes_hex("0000002C 68646C72 00000000 00000000 74657874" + reserved +
-                               "54 65 78 74 48 61 6E 64 6C 65 72 00"));  // "TextHandler"
-  for (const uint8_t type : {5, 255})
-    expect_refused([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_HDlr(client(), b, l, type); },
-                   BOXLANE_ERROR_PACKET_NOTSUPPORT);
+  EXPECT_EQ(box(Boxlane_Packet_HDlr, 0), bytes_hex("0000002D" + head + "76696465" + reserved +
+                                                   "56 69 64 65 6F 48 61 6E 64 6C 65 72 00"));  // "VideoHandler"
+  EXPECT_EQ(box(Boxlane_Packet_HDlr, 4), bytes_hex("0000002C" + head + "74657874" + reserved +
+                                                   "54 65 78 74 48 61 6E 64 6C 65 72 00"));  // "TextHandler"
+  for (const uint8_t type : {5, 255}) refuses(BOXLANE_ERROR_PACKET_NOTSUPPORT, Boxlane_Packet_HDlr, type);
   // The lookup comes first: an unknown client is reported whatever the type.
-  expect_refused([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_HDlr("writer/nobody", b, l, 9); },
+  expect_refused([](uint8_t* b, int32_t* l) { return Boxlane_Packet_HDlr("writer/nobody", b, l, 9); },
                  BOXLANE_ERROR_PACKET_NOTFOUND);
 }
 
@@ -79,7 +55,7 @@ TEST_F(HeaderBoxTest, HandlerTypes) {
 // durations through the record.
 TEST_F(HeaderBoxTest, MovieTrackAndMediaHeadersShareTheirValues) {
   const auto before = static_cast<uint32_t>(std::time(nullptr) + 2082844800LL);
-  const std::string mvhd = written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_MVhd(client(), b, l, 90000, 1000); });
+  const std::string mvhd = box(Boxlane_Packet_MVhd, 90000, 1000);
   const auto after = static_cast<uint32_t>(std::time(nullptr) + 2082844800LL);
   const uint32_t stamp = record().nCreateTime;
   EXPECT_GE(stamp, before);
@@ -92,11 +68,11 @@ TEST_F(HeaderBoxTest, MovieTrackAndMediaHeadersShareTheirValues) {
                             " 00000000 00000000 0000 " + kMatrix + std::string(48, '0') + " 00000002"));
 
   // A visual track: track 1, 1920x1080, its duration kept for mdhd.
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_TKhd(client(), b, l, 0, 1920, 1080, 5000); }),
+  EXPECT_EQ(box(Boxlane_Packet_TKhd, 0, 1920, 1080, 5000),
             bytes_hex("0000005C 746B6864 00000003" + times + "00000001 00000000 00001388 00000000 00000000" +
                       " 0000 0000 0000 0000 " + kMatrix + " 07800000 04380000"));
   // A sound track: track 2, full volume; its duration does not reach mdhd.
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_TKhd(client(), b, l, 0x0100, 0, 0, 7000); }),
+  EXPECT_EQ(box(Boxlane_Packet_TKhd, 0x0100, 0, 0, 7000),
             bytes_hex("0000005C 746B6864 00000003" + times + "00000002 00000000 00001B58 00000000 00000000" +
                       " 0000 0000 0100 0000 " + kMatrix + " 00000000 00000000"));
   EXPECT_EQ(record().nAudioDuration, 7000u);
@@ -104,9 +80,9 @@ TEST_F(HeaderBoxTest, MovieTrackAndMediaHeadersShareTheirValues) {
   EXPECT_EQ(record().nWidth, 0);
 
   // 0x55C4 packs "und" (ISO 639-2/T, ISO/IEC 14496-12 §8.4.2.3).
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_MDhd(client(), b, l, 0x55C4); }),
+  EXPECT_EQ(box(Boxlane_Packet_MDhd, 0x55C4),
             bytes_hex("00000020 6D646864 00000000" + times + "000003E8 00001388 55C4 0000"));
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_MDhdEx(client(), b, l, 0x15C7, 7000); }),
+  EXPECT_EQ(box(Boxlane_Packet_MDhdEx, 0x15C7, 7000),
             bytes_hex("00000020 6D646864 00000000" + times + "000003E8 00001B58 15C7 0000"));
   // MDhdEx leaves the record alone.
   EXPECT_EQ(record().nVideoDuration, 5000u);
@@ -114,15 +90,15 @@ TEST_F(HeaderBoxTest, MovieTrackAndMediaHeadersShareTheirValues) {
 }
 
 TEST_F(HeaderBoxTest, HeadersBeforeAnyMovieHeaderCarryZeroTimes) {
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_MDhd(client(), b, l, 0); }),
+  EXPECT_EQ(box(Boxlane_Packet_MDhd, 0),
             bytes_hex("00000020 6D646864 00000000 00000000 00000000 00000000 00000000 0000 0000"));
 }
 
 TEST_F(HeaderBoxTest, EditList) {
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_EDts(client(), b, l, 2000, 40); }),
+  EXPECT_EQ(box(Boxlane_Packet_EDts, 2000, 40),
             bytes_hex("00000024 65647473 0000001C 656C7374 00000000 00000001 000007D0 00000028 0001 0000"));
   // media_time -1 is an empty edit (ISO/IEC 14496-12 §8.6.6.3).
-  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_EDts(client(), b, l, 0xFFFFFFFF, -1); }),
+  EXPECT_EQ(box(Boxlane_Packet_EDts, 0xFFFFFFFF, -1),
             bytes_hex("00000024 65647473 0000001C 656C7374 00000000 00000001 FFFFFFFF FFFFFFFF 0001 0000"));
 }
 

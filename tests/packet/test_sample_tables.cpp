@@ -23,17 +23,11 @@ class SampleTableTest : public WriterTest {
     int32_t length = 0;
     ASSERT_TRUE(Boxlane_Packet_FrameAudio(client(), out.data(), &length, frame.data(), size, position, duration));
   }
-  std::string stts(bool video) {
-    return written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_STts(client(), b, l, video); });
-  }
-  std::string ctts() { return written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_CTts(client(), b, l); }); }
-  std::string stss() { return written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_STss(client(), b, l); }); }
-  std::string stsz(bool video) {
-    return written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_STsz(client(), b, l, video); });
-  }
-  std::string stco(bool video) {
-    return written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_STco(client(), b, l, video); });
-  }
+  std::string stts(bool video) { return box(Boxlane_Packet_STts, video); }
+  std::string ctts() { return box(Boxlane_Packet_CTts); }
+  std::string stss() { return box(Boxlane_Packet_STss); }
+  std::string stsz(bool video) { return box(Boxlane_Packet_STsz, video); }
+  std::string stco(bool video) { return box(Boxlane_Packet_STco, video); }
 };
 
 TEST_F(SampleTableTest, ClientWithoutFramesGivesEmptyTablesAndNoCompositionOffsets) {
@@ -43,8 +37,7 @@ TEST_F(SampleTableTest, ClientWithoutFramesGivesEmptyTablesAndNoCompositionOffse
     EXPECT_EQ(stco(video), bytes_hex("00000010 7374636F 00000000 00000000"));
   }
   EXPECT_EQ(stss(), bytes_hex("00000010 73747373 00000000 00000000"));
-  expect_refused([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_CTts(client(), b, l); },
-                 BOXLANE_ERROR_PACKET_NODATA);
+  refuses(BOXLANE_ERROR_PACKET_NODATA, Boxlane_Packet_CTts);
 }
 
 TEST_F(SampleTableTest, DurationsMergeOnlyWithTheLastRun) {

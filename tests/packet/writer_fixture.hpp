@@ -16,21 +16,6 @@
 
 namespace boxlane::test {
 
-class WriterTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    name_ = std::string("writer/") + info->test_suite_name() + "." + info->name();
-    ASSERT_TRUE(Boxlane_Packet_Insert(client()));
-  }
-  void TearDown() override { Boxlane_Packet_Delete(client()); }
-
-  const char* client() const { return name_.c_str(); }
-  QORVANE_MP4PACKET& record() { return *m_MP4Packet.stl_MapClient.find(name_)->second; }
-
-  std::string name_;
-};
-
 // Runs call(buffer, &length) on a buffer of 0xFF bytes; expects success and
 // no change past the reported length. Returns the reported bytes as hex.
 template <typename Call>
@@ -67,5 +52,31 @@ void expect_refused(Call&& call, uint64_t code) {
   EXPECT_EQ(length, -7);
   EXPECT_EQ(buffer, std::vector<uint8_t>(256, 0xAB));
 }
+
+class WriterTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    name_ = std::string("writer/") + info->test_suite_name() + "." + info->name();
+    ASSERT_TRUE(Boxlane_Packet_Insert(client()));
+  }
+  void TearDown() override { Boxlane_Packet_Delete(client()); }
+
+  const char* client() const { return name_.c_str(); }
+  QORVANE_MP4PACKET& record() { return *m_MP4Packet.stl_MapClient.find(name_)->second; }
+
+  // What a writer makes for this client, as hex; see written().
+  template <typename Writer, typename... Args>
+  std::string box(Writer writer, Args... args) {
+    return written([&](uint8_t* b, int32_t* l) { return writer(client(), b, l, args...); });
+  }
+  // Expects a writer to refuse this client's call with `code`; see expect_refused().
+  template <typename Writer, typename... Args>
+  void refuses(uint64_t code, Writer writer, Args... args) {
+    expect_refused([&](uint8_t* b, int32_t* l) { return writer(client(), b, l, args...); }, code);
+  }
+
+  std::string name_;
+};
 
 }  // namespace boxlane::test
