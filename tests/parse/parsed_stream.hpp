@@ -1,7 +1,6 @@
-// Whole files through the parser, the way a receiver uses it: the file is
-// sent in pieces with every mdat payload left out, the header records are
-// taken, and each track's tables are read back with the queries and expanded
-// into per-sample values that an independent reader can be compared with.
+// A parsed file read back through the queries: each track's header values
+// and tables, expanded into per-sample values that an independent reader can
+// be compared with.
 #pragma once
 
 #include <boxlane/boxlane.h>
@@ -10,71 +9,10 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
 namespace boxlane::test {
-
-enum class Cuts { whole, bytes, random };
-
-inline uint64_t be_at(const std::vector<uint8_t>& b, std::size_t at, int n) {
-  uint64_t v = 0;
-  for (int i = 0; i < n; ++i) v = (v << 8) | b.at(at + std::size_t(i));
-  return v;
-}
-
-// The stream as a sender passes it on: runs of bytes, each ending where an
-// mdat payload is skipped (the next run starts at the box after it).
-inline std::vector<std::vector<uint8_t>> runs_without_media(const std::vector<uint8_t>& file) {
-  std::vector<std::vector<uint8_t>> runs(1);
-  std::size_t at = 0;
-  while (at + 8 <= file.size()) {
-    uint64_t size = be_at(file, at, 4);
-    std::size_t header = 8;
-    if (size == 1) {
-      size = be_at(file, at + 8, 8);
-      header = 16;
-    } else if (size == 0) {
-      size = file.size() - at;
-    }
-    const bool media = std::memcmp(&file[at + 4], "mdat", 4) == 0;
-    const std::size_t keep = media ? header : std::size_t(std::min<uint64_t>(size, file.size() - at));
-    runs.back().insert(runs.back().end(), file.begin() + long(at), file.begin() + long(at + keep));
-    if (media) runs.emplace_back();
-    if (size < 8) break;
-    at += std::size_t(size);
-  }
-  if (runs.back().empty()) runs.pop_back();
-  return runs;
-}
-
-// Sends the file to a fresh client and takes every header record. Each Send
-// must succeed.
-inline std::vector<QORVANE_MP4HDR> send_file(const char* client, const std::vector<uint8_t>& file, Cuts cuts,
-                                             unsigned seed = 1) {
-  std::vector<QORVANE_MP4HDR> headers;
-  EXPECT_TRUE(Boxlane_Parse_Insert(client));
-  std::mt19937 random(seed);
-  auto take = [&] {
-    QORVANE_MP4HDR hdr;
-    while (Boxlane_Parse_Recv(client, &hdr, nullptr)) headers.push_back(hdr);
-  };
-  for (const std::vector<uint8_t>& run : runs_without_media(file)) {
-    std::size_t at = 0;
-    while (at < run.size()) {
-      std::size_t piece = run.size() - at;
-      if (cuts == Cuts::bytes) piece = 1;
-      if (cuts == Cuts::random) piece = std::min(piece, std::size_t(std::uniform_int_distribution<int>(1, 4000)(random)));
-      EXPECT_TRUE(Boxlane_Parse_Send(client, run.data() + at, int32_t(piece)))
-          << "piece at " << at << " code " << std::hex << Boxlane_GetLastError(nullptr);
-      at += piece;
-      take();
-    }
-  }
-  take();
-  return headers;
-}
 
 struct ParsedTrack {
   int32_t id = 0;

@@ -4,12 +4,15 @@
 // dimensions, handlers and the decoder configuration.
 #include "parsed_stream.hpp"
 #include "support/paths.hpp"
+#include "support/stream_feeder.hpp"
 
 #include <map>
 #include <sstream>
 
 namespace boxlane::test {
 namespace {
+
+enum class Cuts { whole, bytes, random };
 
 using Fields = std::map<std::string, std::string>;
 
@@ -174,7 +177,12 @@ class FfmpegFiles : public ::testing::Test {
     const std::string path = dir_ + "/" + name + ".mp4";
     const std::vector<uint8_t> file = read_file(path);
     const std::string client = "ffmpeg/" + name + "/" + std::to_string(int(cuts));
-    const std::vector<QORVANE_MP4HDR> headers = send_file(client.c_str(), file, cuts, seed);
+    ASSERT_TRUE(Boxlane_Parse_Insert(client.c_str()));
+    const FeedResult fed = cuts == Cuts::whole   ? feed_whole(client, file)
+                           : cuts == Cuts::bytes ? feed_pieces(client, file, 1)
+                                                 : feed(client, file, random_cuts(file.size(), file.size() / 1500 + 2, seed));
+    EXPECT_EQ(fed.error, 0u) << "at " << fed.error_offset;
+    const std::vector<QORVANE_MP4HDR>& headers = fed.headers;
     const std::vector<ParsedTrack> tracks = parsed_tracks(client.c_str());
     auto cached = streams_.find(name);
     if (cached == streams_.end()) cached = streams_.emplace(name, probe_streams(path)).first;
