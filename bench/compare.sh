@@ -40,7 +40,7 @@ install_missing() {
 build() {
   cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBOXLANE_BUILD_BENCH=ON \
     -DBOXLANE_BUILD_TESTS=OFF -DBOXLANE_BUILD_EXAMPLES=OFF >/dev/null
-  ninja -C "$BUILD" boxlane_tool boxlane_parse_index >/dev/null
+  ninja -C "$BUILD" boxlane_tool boxlane_parse_index boxlane_bench_parse >/dev/null
   cc -O2 -std=c99 -Wall -Wextra "$ROOT/bench/avformat_open.c" -o "$WORK/avformat_open" \
     $(pkg-config --cflags --libs libavformat libavutil)
   BOXLANE=$BUILD/boxlane
@@ -72,12 +72,17 @@ make_media() {
   fi
 }
 
-# Wall milliseconds of one run of a command (its output discarded).
-wall_ms() {
+# One run of a command, output discarded: "wall_ms cpu_ms". Called in a
+# subshell, whose only child is the command, so `times` gives its CPU time.
+measure() {
   local start=$EPOCHREALTIME
   "$@" >/dev/null
   local end=$EPOCHREALTIME
-  awk -v s="$start" -v e="$end" 'BEGIN { printf "%.1f\n", (e - s) * 1000 }'
+  times >"$WORK/times.$BASHPID"
+  awk -v s="$start" -v e="$end" '
+    function sec(t, m) { m = t; sub(/m.*/, "", m); sub(/^[0-9]+m/, "", t); sub(/s$/, "", t); return m * 60 + t }
+    NR == 2 { printf "%.1f %.1f\n", (e - s) * 1000, (sec($1) + sec($2)) * 1000 }' "$WORK/times.$BASHPID"
+  rm -f "$WORK/times.$BASHPID"
 }
 
 median() { sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
@@ -85,6 +90,28 @@ median() { sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] 
 peak_kib() {
   /usr/bin/time -f %M -o "$WORK/time.out" "$@" >/dev/null
   tail -n 1 "$WORK/time.out"
+}
+
+# Runs the commands held in the named arrays RUNS times each, taking turns,
+# and sets WALL, CPU (medians in ms), RUNS_WALL (every wall time) and PEAK
+# (KiB) for each, in the order given.
+contest() {
+  local names=("$@") walls=() cpus=() cmd=() i r w c
+  WALL=() CPU=() RUNS_WALL=() PEAK=()
+  for ((r = 0; r < RUNS; r++)); do
+    for i in "${!names[@]}"; do
+      eval "cmd=(\"\${${names[i]}[@]}\")"
+      read -r w c < <(measure "${cmd[@]}")
+      walls[i]+="$w " cpus[i]+="$c "
+    done
+  done
+  for i in "${!names[@]}"; do
+    eval "cmd=(\"\${${names[i]}[@]}\")"
+    WALL[i]=$(printf '%s\n' ${walls[i]} | median)
+    CPU[i]=$(printf '%s\n' ${cpus[i]} | median)
+    RUNS_WALL[i]=${walls[i]% }
+    PEAK[i]=$(peak_kib "${cmd[@]}")
+  done
 }
 
 # The "N ms" that a program reports for its own index work, median of RUNS.
@@ -122,27 +149,34 @@ video_packets() {
   ffprobe -v error -select_streams v:0 -count_packets -show_entries stream=nb_read_packets -of csv=p=0 "$1"
 }
 
+# The movie header that bench_parse times is read by ffprobe as well, with
+# the sample counts it was built with.
+check_synthetic_movie() {
+  "$BUILD/bench/boxlane_bench_parse" --movie_out="$WORK/synthetic_moov.mp4"
+  local counts
+  counts=$(ffprobe -v error -show_entries stream=codec_name,nb_frames -of csv=p=0 "$WORK/synthetic_moov.mp4" | tr '\n' ' ')
+  if [[ $counts == "h264,108000 aac,168750 " ]]; then
+    say "CHECK  ffprobe reads bench_parse's one-hour movie header: 108000 H.264 and 168750 AAC samples: PASSED"
+  else
+    say "CHECK  ffprobe reads bench_parse's movie header as: $counts: FAILED"
+  fi
+}
+
 compare_mux() {
-  local out_b=$WORK/boxlane.mp4 out_f=$WORK/ffmpeg.mp4 i
-  local mux_b=("$BOXLANE" mux --video "$WORK/video.h264" --audio "$WORK/audio.aac" --fps 30 -q -o "$out_b")
-  local mux_f=(ffmpeg -hide_banner -nostdin -loglevel error -y -framerate 30 -i "$WORK/video.h264"
+  local out_b=$WORK/boxlane.mp4 out_f=$WORK/ffmpeg.mp4
+  MUX_BOXLANE=("$BOXLANE" mux --video "$WORK/video.h264" --audio "$WORK/audio.aac" --fps 30 -q -o "$out_b")
+  MUX_FFMPEG=(ffmpeg -hide_banner -nostdin -loglevel error -y -framerate 30 -i "$WORK/video.h264"
     -i "$WORK/audio.aac" -map 0:v -map 1:a -c copy "$out_f")
   say
   say "== mux: $(du -m "$WORK/video.h264" | cut -f1) MB of H.264 and $(du -m "$WORK/audio.aac" | cut -f1) MB of AAC into MP4, $RUNS runs each"
-  "${mux_b[@]}" || die "boxlane mux failed"
-  "${mux_f[@]}" || die "ffmpeg -c copy failed"
-  local tb=() tf=()
-  for ((i = 0; i < RUNS; i++)); do
-    tb+=("$(wall_ms "${mux_b[@]}")")
-    tf+=("$(wall_ms "${mux_f[@]}")")
-  done
-  local mb mf pb pf
-  mb=$(printf '%s\n' "${tb[@]}" | median)
-  mf=$(printf '%s\n' "${tf[@]}" | median)
-  pb=$(peak_kib "${mux_b[@]}")
-  pf=$(peak_kib "${mux_f[@]}")
-  say "boxlane mux      median $mb ms (runs: ${tb[*]})  peak $pb KiB"
-  say "ffmpeg -c copy   median $mf ms (runs: ${tf[*]})  peak $pf KiB"
+  "${MUX_BOXLANE[@]}" || die "boxlane mux failed"
+  "${MUX_FFMPEG[@]}" || die "ffmpeg -c copy failed"
+  contest MUX_BOXLANE MUX_FFMPEG
+  say "boxlane mux      wall ${WALL[0]} ms (runs: ${RUNS_WALL[0]})  CPU ${CPU[0]} ms  peak ${PEAK[0]} KiB"
+  say "ffmpeg -c copy   wall ${WALL[1]} ms (runs: ${RUNS_WALL[1]})  CPU ${CPU[1]} ms  peak ${PEAK[1]} KiB"
+  MUX_SPEED=$(ratio "${WALL[1]}" "${WALL[0]}")
+  MUX_CPU=$(ratio "${CPU[1]}" "${CPU[0]}")
+  MUX_MEMORY=$(ratio "${PEAK[0]}" "${PEAK[1]}")
 
   local frames_b frames_f
   frames_b=$(video_packets "$out_b")
@@ -175,43 +209,37 @@ compare_mux() {
   else
     say "CHECK  AAC frames differ between the two files: FAILED"
   fi
-  MUX_SPEED=$(ratio "$mf" "$mb")
-  MUX_MEMORY=$(ratio "$pb" "$pf")
 }
 
 compare_index() {
-  local hour=$WORK/hour.mp4 i
-  local probe=("$BOXLANE" probe --json "$hour")
-  local parse=("$PARSE_INDEX" "$hour")
-  local open=("$AVFORMAT_OPEN" "$hour")
+  local hour=$WORK/hour.mp4
+  INDEX_PROBE=("$BOXLANE" probe --json "$hour")
+  INDEX_PARSE=("$PARSE_INDEX" "$hour")
+  INDEX_QUERIES=("$PARSE_INDEX" "$hour" --queries)
+  INDEX_AVFORMAT=("$AVFORMAT_OPEN" "$hour")
   say
   say "== index of a one-hour MP4 ($(du -m "$hour" | cut -f1) MB, moov first), $RUNS runs each"
-  say "boxlane_parse_index: $("${parse[@]}")"
-  say "avformat_open:       $("${open[@]}")"
-  "${probe[@]}" >/dev/null || die "boxlane probe failed"
-  local tp=() ti=() to=()
-  for ((i = 0; i < RUNS; i++)); do
-    tp+=("$(wall_ms "${probe[@]}")")
-    ti+=("$(wall_ms "${parse[@]}")")
-    to+=("$(wall_ms "${open[@]}")")
-  done
-  local mp mi mo pp pi po ii io
-  mp=$(printf '%s\n' "${tp[@]}" | median)
-  mi=$(printf '%s\n' "${ti[@]}" | median)
-  mo=$(printf '%s\n' "${to[@]}" | median)
-  pp=$(peak_kib "${probe[@]}")
-  pi=$(peak_kib "${parse[@]}")
-  po=$(peak_kib "${open[@]}")
-  ii=$(inner_ms "${parse[@]}")
-  io=$(inner_ms "${open[@]}")
-  say "boxlane probe --json   process median $mp ms (runs: ${tp[*]})  peak $pp KiB"
-  say "boxlane_parse_index    process median $mi ms (runs: ${ti[*]})  peak $pi KiB  index work $ii ms"
-  say "avformat_open          process median $mo ms (runs: ${to[*]})  peak $po KiB  avformat_open_input $io ms"
-  INDEX_PROBE=$(ratio "$mo" "$mp")
-  INDEX_PARSE=$(ratio "$mo" "$mi")
-  INDEX_INNER=$(ratio "$io" "$ii")
-  INDEX_PROBE_MEMORY=$(ratio "$pp" "$po")
-  INDEX_PARSE_MEMORY=$(ratio "$pi" "$po")
+  say "boxlane_parse_index --queries: $("${INDEX_QUERIES[@]}")"
+  say "avformat_open:                 $("${INDEX_AVFORMAT[@]}")"
+  "${INDEX_PROBE[@]}" >/dev/null || die "boxlane probe failed"
+  contest INDEX_PROBE INDEX_PARSE INDEX_QUERIES INDEX_AVFORMAT
+  local inner_parse inner_queries inner_open
+  inner_parse=$(inner_ms "${INDEX_PARSE[@]}")
+  inner_queries=$(inner_ms "${INDEX_QUERIES[@]}")
+  inner_open=$(inner_ms "${INDEX_AVFORMAT[@]}")
+  say "boxlane probe --json           wall ${WALL[0]} ms (runs: ${RUNS_WALL[0]})  CPU ${CPU[0]} ms  peak ${PEAK[0]} KiB"
+  say "boxlane_parse_index            wall ${WALL[1]} ms (runs: ${RUNS_WALL[1]})  CPU ${CPU[1]} ms  peak ${PEAK[1]} KiB  in-process $inner_parse ms"
+  say "boxlane_parse_index --queries  wall ${WALL[2]} ms (runs: ${RUNS_WALL[2]})  CPU ${CPU[2]} ms  peak ${PEAK[2]} KiB  in-process $inner_queries ms"
+  say "avformat_open                  wall ${WALL[3]} ms (runs: ${RUNS_WALL[3]})  CPU ${CPU[3]} ms  peak ${PEAK[3]} KiB  in-process $inner_open ms"
+  PROBE_SPEED=$(ratio "${WALL[3]}" "${WALL[0]}")
+  PARSE_SPEED=$(ratio "${WALL[3]}" "${WALL[1]}")
+  PARSE_CPU=$(ratio "${CPU[3]}" "${CPU[1]}")
+  PARSE_INNER=$(ratio "$inner_open" "$inner_parse")
+  QUERIES_SPEED=$(ratio "${WALL[3]}" "${WALL[2]}")
+  QUERIES_INNER=$(ratio "$inner_open" "$inner_queries")
+  PROBE_MEMORY=$(ratio "${PEAK[0]}" "${PEAK[3]}")
+  PARSE_MEMORY=$(ratio "${PEAK[1]}" "${PEAK[3]}")
+  QUERIES_MEMORY=$(ratio "${PEAK[2]}" "${PEAK[3]}")
 }
 
 main() {
@@ -220,17 +248,21 @@ main() {
   build
   make_media
   say "machine: $(nproc) cores, load average $(cut -d' ' -f1-3 /proc/loadavg)"
+  check_synthetic_movie
   compare_mux
   compare_index
   say
   say "load average at the end: $(cut -d' ' -f1-3 /proc/loadavg)"
-  target "mux: ffmpeg -c copy time / boxlane mux time" "$MUX_SPEED" 3 1
-  target "mux: boxlane peak memory / ffmpeg peak memory" "$MUX_MEMORY" 1 0
-  target "index: avformat_open time / boxlane probe --json time" "$INDEX_PROBE" 10 1
-  target "index: avformat_open time / boxlane_parse_index time" "$INDEX_PARSE" 10 1
-  target "index: avformat_open_input / parser's index work, in-process" "$INDEX_INNER" 10 1
-  target "index: boxlane probe peak memory / avformat_open peak memory" "$INDEX_PROBE_MEMORY" 1 0
-  target "index: boxlane_parse_index peak memory / avformat_open peak" "$INDEX_PARSE_MEMORY" 1 0
+  say "Ratios are FFmpeg's time over Boxlane's (higher is faster) and Boxlane's peak over FFmpeg's."
+  target "mux: ffmpeg -c copy / boxlane mux, wall time" "$MUX_SPEED" 3 1
+  target "mux: boxlane mux peak memory / ffmpeg -c copy peak memory" "$MUX_MEMORY" 1 0
+  target "index: avformat_open / boxlane probe --json, wall time" "$PROBE_SPEED" 10 1
+  target "index: avformat_open / boxlane_parse_index, wall time" "$PARSE_SPEED" 10 1
+  target "index: boxlane probe --json peak memory / avformat_open peak" "$PROBE_MEMORY" 1 0
+  target "index: boxlane_parse_index peak memory / avformat_open peak" "$PARSE_MEMORY" 1 0
+  say "INFO   mux, CPU time (user + system): $MUX_CPU x"
+  say "INFO   index, boxlane_parse_index: CPU time $PARSE_CPU x, in-process $PARSE_INNER x"
+  say "INFO   index, boxlane_parse_index --queries: wall $QUERIES_SPEED x, in-process $QUERIES_INNER x, peak memory $QUERIES_MEMORY x"
 }
 
 main "$@"
