@@ -1,0 +1,246 @@
+// `boxlane mux`: H.264 (Annex B) and AAC (ADTS) elementary streams into an
+// MP4 file.
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <numeric>
+#include <optional>
+#include <string>
+
+#include "tools/commands.hpp"
+#include "tools/mux_audio.hpp"
+#include "tools/mux_error.hpp"
+#include "tools/mux_input.hpp"
+#include "tools/mux_movie.hpp"
+#include "tools/mux_video.hpp"
+
+namespace boxlane::tool {
+
+namespace {
+
+constexpr const char* kUsage =
+    "usage: boxlane mux [--video IN.h264] [--audio IN.aac] [options] -o OUT.mp4\n"
+    "\n"
+    "Writes an H.264 Annex B stream and/or an AAC ADTS stream into one MP4 file,\n"
+    "without re-encoding. At least one of --video and --audio is needed.\n"
+    "\n"
+    "options:\n"
+    "  -v, --video FILE     H.264 elementary stream (Annex B, 3- or 4-byte start codes)\n"
+    "  -a, --audio FILE     AAC elementary stream with ADTS headers\n"
+    "  -o, --output FILE    the MP4 file to write (replaced only when muxing succeeds)\n"
+    "      --fps RATE       video frame rate: 25, 29.97 or 30000/1001 (default: the\n"
+    "                       stream's VUI timing, else 25)\n"
+    "      --timescale N    ticks per second of the movie (default: chosen so frame\n"
+    "                       and AAC durations are whole numbers)\n"
+    "      --faststart      put the movie header before the media data, so playback\n"
+    "                       over a network can start before the whole file arrives\n"
+    "  -q, --quiet          print nothing but errors\n"
+    "  -h, --help           show this help\n"
+    "\n"
+    "B-frames are ordered by the slices' picture order count and the video track\n"
+    "gets an edit list, so video and audio start together. Access units of several\n"
+    "slices become one sample each. The stream's SPS and PPS must not change.\n"
+    "\n"
+    "example:\n"
+    "  boxlane mux --video tests/data/sample.h264 --audio tests/data/sample.aac -o demo.mp4\n";
+
+struct Options {
+  std::string video;
+  std::string audio;
+  std::string output;
+  std::optional<FrameRate> fps;
+  uint32_t timescale = 0;
+  bool faststart = false;
+  bool quiet = false;
+};
+
+[[noreturn]] void usage_error(const std::string& message) {
+  throw MuxError(message + " (see 'boxlane mux --help')");
+}
+
+// "25", "30000/1001", "29.97" (the NTSC rates become their exact fractions).
+std::optional<FrameRate> parse_rate(const std::string& text) {
+  char* end = nullptr;
+  const std::size_t slash = text.find('/');
+  if (slash != std::string::npos) {
+    const unsigned long long num = std::strtoull(text.c_str(), &end, 10);
+    if (end != text.c_str() + slash) return std::nullopt;
+    const unsigned long long den = std::strtoull(text.c_str() + slash + 1, &end, 10);
+    if (*end || num == 0 || den == 0 || num > 1000000 || den > 1000000) return std::nullopt;
+    const unsigned long long g = std::gcd(num, den);
+    if (num / g > (den / g) * 1000) return std::nullopt;
+    return FrameRate{static_cast<uint32_t>(num / g), static_cast<uint32_t>(den / g)};
+  }
+  const double fps = std::strtod(text.c_str(), &end);
+  if (end == text.c_str() || *end || !(fps > 0) || fps > 1000) return std::nullopt;
+  const double ntsc = std::round(fps * 1.001);
+  if (std::fabs(fps - std::round(fps)) > 1e-9 && std::fabs(fps - ntsc / 1.001) < 0.005) {
+    return FrameRate{static_cast<uint32_t>(ntsc) * 1000, 1001};
+  }
+  const unsigned long long num = std::llround(fps * 1000);
+  if (num == 0) return std::nullopt;
+  const unsigned long long g = std::gcd(num, 1000ull);
+  return FrameRate{static_cast<uint32_t>(num / g), static_cast<uint32_t>(1000 / g)};
+}
+
+// Returns false when only help was asked for.
+bool parse_args(int argc, char** argv, Options& o) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    auto value = [&]() -> std::string {
+      if (i + 1 >= argc) usage_error(arg + " needs a value");
+      return argv[++i];
+    };
+    if (arg == "-h" || arg == "--help") return false;
+    if (arg == "-v" || arg == "--video") {
+      o.video = value();
+    } else if (arg == "-a" || arg == "--audio") {
+      o.audio = value();
+    } else if (arg == "-o" || arg == "--output") {
+      o.output = value();
+    } else if (arg == "--fps") {
+      const std::string text = value();
+      o.fps = parse_rate(text);
+      if (!o.fps) usage_error("--fps takes a rate such as 25, 29.97 or 30000/1001, not '" + text + "'");
+    } else if (arg == "--timescale") {
+      const std::string text = value();
+      char* end = nullptr;
+      const unsigned long long ts = std::strtoull(text.c_str(), &end, 10);
+      if (text.empty() || *end || ts == 0 || ts > INT32_MAX) {
+        usage_error("--timescale takes a whole number from 1 to 2147483647, not '" + text + "'");
+      }
+      o.timescale = static_cast<uint32_t>(ts);
+    } else if (arg == "--faststart") {
+      o.faststart = true;
+    } else if (arg == "-q" || arg == "--quiet") {
+      o.quiet = true;
+    } else {
+      usage_error("unknown option '" + arg + "'");
+    }
+  }
+  if (o.video.empty() && o.audio.empty()) usage_error("give --video, --audio or both");
+  if (o.output.empty()) usage_error("give the output file with -o");
+  return true;
+}
+
+std::string rate_text(const FrameRate& r) {
+  char text[32];
+  if (r.den == 1) {
+    std::snprintf(text, sizeof text, "%u", r.num);
+  } else {
+    std::snprintf(text, sizeof text, "%.3f", static_cast<double>(r.num) / r.den);
+  }
+  return text;
+}
+
+std::string size_text(uint64_t bytes) {
+  char text[32];
+  if (bytes < 10 * 1024) {
+    std::snprintf(text, sizeof text, "%llu bytes", static_cast<unsigned long long>(bytes));
+  } else if (bytes < 10ull * 1024 * 1024) {
+    std::snprintf(text, sizeof text, "%.1f KiB", bytes / 1024.0);
+  } else {
+    std::snprintf(text, sizeof text, "%.1f MiB", bytes / (1024.0 * 1024.0));
+  }
+  return text;
+}
+
+const char* channels_text(uint8_t config) {
+  switch (config) {
+    case 1: return "mono";
+    case 2: return "stereo";
+    case 6: return "5.1";
+    case 7: return "7.1";
+    default: return "multichannel";
+  }
+}
+
+int run(const Options& o) {
+  const auto started = std::chrono::steady_clock::now();
+  std::unique_ptr<MappedFile> video_file, audio_file;
+  VideoStream video;
+  AudioStream audio;
+  MovieInput in;
+  if (!o.video.empty()) {
+    video_file = std::make_unique<MappedFile>(o.video);
+    scan_video(video_file->data(), video_file->size(), o.video, video);
+    in.video = &video;
+    in.fps = o.fps ? *o.fps : (video.has_vui_rate ? video.vui_rate : FrameRate{});
+    if (!o.quiet && video.skipped_before_parameter_sets) {
+      std::fprintf(stderr, "boxlane mux: %s: skipped %u slices that came before the first SPS and PPS\n",
+                   o.video.c_str(), video.skipped_before_parameter_sets);
+    }
+    if (!o.quiet && !o.fps && !video.has_vui_rate) {
+      std::fprintf(stderr, "boxlane mux: %s: no frame rate in the stream; assuming 25 (set it with --fps)\n",
+                   o.video.c_str());
+    }
+  }
+  if (!o.audio.empty()) {
+    audio_file = std::make_unique<MappedFile>(o.audio);
+    scan_audio(audio_file->data(), audio_file->size(), o.audio, audio);
+    in.audio = &audio;
+  }
+  in.forced_timescale = o.timescale;
+  in.faststart = o.faststart;
+  in.output = o.output;
+  const uint64_t input_bytes = (video_file ? video_file->size() : 0) + (audio_file ? audio_file->size() : 0);
+  const bool show_progress = !o.quiet && ::isatty(STDERR_FILENO) && input_bytes >= (64u << 20);
+  int last_percent = -1;
+  if (show_progress) {
+    in.progress = [&](uint64_t done, uint64_t total) {
+      const int percent = total ? static_cast<int>(done * 100 / total) : 100;
+      if (percent == last_percent) return;
+      last_percent = percent;
+      std::fprintf(stderr, "\rboxlane mux: writing %s: %3d%%", o.output.c_str(), percent);
+      if (done == total) std::fputs("\r\033[K", stderr);
+      std::fflush(stderr);
+    };
+  }
+
+  const MovieResult result = write_movie(in);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  if (!o.quiet) {
+    std::string tracks;
+    if (in.video) {
+      tracks += "video H.264 " + std::to_string(video.sps.width) + "x" + std::to_string(video.sps.height) + ", " +
+                std::to_string(video.units.size()) + " frames at " + rate_text(in.fps) + " fps";
+      if (video.reordered) tracks += " with B-frames";
+    }
+    if (in.audio) {
+      if (!tracks.empty()) tracks += "; ";
+      tracks += "audio AAC " + std::to_string(audio.config.sample_rate) + " Hz " +
+                channels_text(audio.config.channel_config) + ", " + std::to_string(audio.frames.size()) + " frames";
+    }
+    std::printf("%s: %s; %.2f s, %s%s, written in %.2f s\n", o.output.c_str(), tracks.c_str(),
+                static_cast<double>(result.duration) / result.timescale, size_text(result.file_size).c_str(),
+                o.faststart ? " (faststart)" : "", seconds);
+  }
+  return 0;
+}
+
+}  // namespace
+
+int mux_main(int argc, char** argv) {
+  try {
+    Options o;
+    if (!parse_args(argc, argv, o)) {
+      std::fputs(kUsage, stdout);
+      return 0;
+    }
+    return run(o);
+  } catch (const MuxError& e) {
+    std::fprintf(stderr, "boxlane mux: %s\n", e.what());
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "boxlane mux: out of memory\n");
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "boxlane mux: %s\n", e.what());
+  }
+  return 1;
+}
+
+}  // namespace boxlane::tool

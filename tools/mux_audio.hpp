@@ -1,0 +1,33 @@
+// Reading an AAC ADTS elementary stream for muxing: one sample per ADTS
+// frame, the configuration from the first header.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/adts.hpp"
+
+namespace boxlane::tool {
+
+struct AudioFrame {
+  const uint8_t* data;  // the whole ADTS frame, header included
+  uint32_t size;
+  uint32_t header_size;  // 7, or 9 with the CRC
+};
+
+struct AudioStream {
+  AdtsHeader config;  // the first header
+  uint8_t audio_specific_config[2] = {0, 0};
+  std::vector<AudioFrame> frames;
+  uint64_t payload_bytes = 0;  // sum of the frames without their headers
+  uint32_t max_frame_size = 0;
+  static constexpr uint32_t kSamplesPerFrame = 1024;
+};
+
+// Throws MuxError naming the byte offset where sync is lost, a frame is cut
+// short, or the configuration changes.
+void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, AudioStream& out);
+
+}  // namespace boxlane::tool

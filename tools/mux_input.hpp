@@ -1,0 +1,29 @@
+// An input file mapped read-only into memory, so the elementary streams are
+// scanned and copied into samples without an intermediate copy.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace boxlane::tool {
+
+class MappedFile {
+ public:
+  // Throws MuxError naming the path when the file cannot be opened or read.
+  explicit MappedFile(const std::string& path);
+  ~MappedFile();
+  MappedFile(const MappedFile&) = delete;
+  MappedFile& operator=(const MappedFile&) = delete;
+
+  const uint8_t* data() const noexcept { return data_; }
+  std::size_t size() const noexcept { return size_; }
+  const std::string& path() const noexcept { return path_; }
+
+ private:
+  std::string path_;
+  const uint8_t* data_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+}  // namespace boxlane::tool

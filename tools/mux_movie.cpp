@@ -1,0 +1,409 @@
+#include "tools/mux_movie.hpp"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "boxlane/boxlane.h"
+#include "tools/mux_error.hpp"
+#include "tools/mux_output.hpp"
+
+namespace boxlane::tool {
+
+namespace {
+
+// "und", packed as three 5-bit letters (ISO/IEC 14496-12 §8.4.2.3).
+constexpr uint16_t kLanguageUndetermined = ((('u' - 0x60) << 10) | (('n' - 0x60) << 5) | ('d' - 0x60));
+constexpr uint32_t kFtypSize = 32;
+constexpr uint32_t kBoxHeader = 8;
+
+[[noreturn]] void refused(const char* what) {
+  char code[32];
+  std::snprintf(code, sizeof code, "0x%08llX", static_cast<unsigned long long>(Boxlane_GetLastError(nullptr)));
+  throw MuxError(std::string("the MP4 writer refused ") + what + " (error " + code + ")");
+}
+
+// The writer client of one run, removed however the run ends.
+class WriterClient {
+ public:
+  WriterClient() {
+    std::snprintf(name_, sizeof name_, "boxlane-mux-%ld", static_cast<long>(::getpid()));
+    if (!Boxlane_Packet_Insert(name_)) refused("a new client");
+  }
+  ~WriterClient() { Boxlane_Packet_Delete(name_); }
+  WriterClient(const WriterClient&) = delete;
+  WriterClient& operator=(const WriterClient&) = delete;
+  const char* name() const noexcept { return name_; }
+
+ private:
+  char name_[64];
+};
+
+uint32_t runs_of(uint64_t count, const Clock& clock) {
+  uint32_t runs = 0;
+  uint64_t last = 0;
+  for (uint64_t i = 0; i < count; ++i) {
+    const uint64_t d = clock.duration(i);
+    if (i == 0 || d != last) ++runs;
+    last = d;
+  }
+  return runs;
+}
+
+// Every box of moov with its size, known from the counts before any sample
+// is written.
+struct MoovPlan {
+  // video
+  uint32_t v_stsd = 0, v_stts = 0, v_ctts = 0, v_stss = 0, v_stsz = 0, v_stco = 0, v_edts = 0;
+  // audio
+  uint32_t a_stsd = 0, a_stts = 0, a_stsz = 0, a_stco = 0;
+
+  uint64_t v_stbl() const { return kBoxHeader + v_stsd + v_stts + v_ctts + v_stss + 28 + v_stsz + v_stco; }
+  uint64_t v_minf() const { return kBoxHeader + 20 + 36 + v_stbl(); }
+  uint64_t v_mdia() const { return kBoxHeader + 32 + 45 + v_minf(); }
+  uint64_t v_trak() const { return kBoxHeader + 92 + v_edts + v_mdia(); }
+  uint64_t a_stbl() const { return kBoxHeader + a_stsd + a_stts + 28 + a_stsz + a_stco; }
+  uint64_t a_minf() const { return kBoxHeader + 16 + 36 + a_stbl(); }
+  uint64_t a_mdia() const { return kBoxHeader + 32 + 45 + a_minf(); }
+  uint64_t a_trak() const { return kBoxHeader + 92 + a_mdia(); }
+  bool video = false, audio = false;
+  uint64_t moov() const { return kBoxHeader + 108 + (video ? v_trak() : 0) + (audio ? a_trak() : 0); }
+};
+
+// Appends the writer's boxes to one buffer, checking each against its
+// planned size before the next is written: the writer is not told the
+// buffer's capacity, so a size that differed from the plan must stop the run.
+class MoovBuilder {
+ public:
+  MoovBuilder(const char* client, std::size_t capacity) : client_(client), buf_(capacity) {}
+
+  template <typename Call>
+  void box(const char* what, uint64_t planned, Call call) {
+    if (buf_.size() - pos_ < planned) throw MuxError(std::string("internal: no room planned for ") + what);
+    int32_t len = 0;
+    if (!call(buf_.data() + pos_, &len)) refused(what);
+    if (len < 0 || static_cast<uint64_t>(len) != planned) {
+      throw MuxError(std::string("internal: ") + what + " came out " + std::to_string(len) + " bytes, planned " +
+                     std::to_string(planned));
+    }
+    pos_ += static_cast<std::size_t>(len);
+  }
+  void container(const char* type, uint64_t payload) {
+    box(type, kBoxHeader, [&](uint8_t* out, int32_t* len) {
+      return Boxlane_Packet_HDRBox(client_, out, len, type, nullptr, static_cast<int32_t>(payload));
+    });
+  }
+  const std::vector<uint8_t>& bytes() const noexcept { return buf_; }
+  std::size_t size() const noexcept { return pos_; }
+
+ private:
+  const char* client_;
+  std::vector<uint8_t> buf_;
+  std::size_t pos_ = 0;
+};
+
+struct VideoTiming {
+  uint32_t shift = 0;  // whole frames added to every composition time
+  uint64_t media_duration = 0;
+  uint64_t presentation = 0;
+};
+
+class MovieWriter {
+ public:
+  explicit MovieWriter(const MovieInput& in) : in_(in), v_(in.video), a_(in.audio) {}
+
+  MovieResult run() {
+    plan_timing();
+    plan_moov();
+    OutputFile out(in_.output);
+    write_ftyp(out);
+    const uint64_t moov_at = out.position();
+    if (in_.faststart) {
+      uint8_t* gap = out.reserve(plan_.moov());
+      std::memset(gap, 0, plan_.moov());
+      out.advance(plan_.moov());
+    }
+    const uint64_t mdat_at = out.position();
+    box_to(out, "mdat header", kBoxHeader, [&](uint8_t* p, int32_t* len) {
+      return Boxlane_Packet_HDRBox(client_.name(), p, len, "mdat", nullptr, 0);
+    });
+    write_samples(out);
+    const uint64_t mdat_size = out.position() - mdat_at;
+    const uint8_t size_field[4] = {static_cast<uint8_t>(mdat_size >> 24), static_cast<uint8_t>(mdat_size >> 16),
+                                   static_cast<uint8_t>(mdat_size >> 8), static_cast<uint8_t>(mdat_size)};
+    out.patch(mdat_at, size_field, sizeof size_field);
+
+    MoovBuilder moov(client_.name(), plan_.moov());
+    build_moov(moov);
+    if (in_.faststart) {
+      out.patch(moov_at, moov.bytes().data(), moov.size());
+    } else {
+      out.write(moov.bytes().data(), moov.size());
+    }
+    MovieResult result;
+    result.timescale = timing_.timescale;
+    result.duration = std::max(vt_.presentation, audio_duration());
+    result.file_size = out.position();
+    result.moov_size = moov.size();
+    out.commit();
+    return result;
+  }
+
+ private:
+  template <typename Call>
+  void box_to(OutputFile& out, const char* what, uint32_t planned, Call call) {
+    uint8_t* p = out.reserve(planned);
+    int32_t len = 0;
+    if (!call(p, &len)) refused(what);
+    if (len < 0 || static_cast<uint32_t>(len) != planned) throw MuxError(std::string("internal: unexpected size of ") + what);
+    out.advance(static_cast<std::size_t>(len));
+  }
+
+  uint64_t video_count() const { return v_ ? v_->units.size() : 0; }
+  uint64_t audio_count() const { return a_ ? a_->frames.size() : 0; }
+  uint64_t audio_duration() const { return a_ ? timing_.audio.at(audio_count()) : 0; }
+
+  void plan_timing() {
+    TimingInput t;
+    t.forced_timescale = in_.forced_timescale;
+    if (v_) {
+      t.video = true;
+      t.fps_num = in_.fps.num;
+      t.fps_den = in_.fps.den;
+      if (v_->reordered) {
+        // Every composition offset must come out positive (the writer keeps
+        // no zero offsets): shift by the largest lead of decoding over
+        // display, plus one frame.
+        uint64_t lead = 0;
+        for (uint64_t i = 0; i < v_->units.size(); ++i) {
+          if (i > v_->display[i]) lead = std::max<uint64_t>(lead, i - v_->display[i]);
+        }
+        vt_.shift = static_cast<uint32_t>(lead + 1);
+      }
+      t.video_units = v_->units.size() + vt_.shift;
+    }
+    if (a_) {
+      t.audio = true;
+      t.sample_rate = a_->config.sample_rate;
+      t.audio_frames = a_->frames.size();
+    }
+    timing_ = choose_timing(t);
+    if (v_) {
+      vt_.media_duration = timing_.video.at(v_->units.size());
+      vt_.presentation = timing_.video.at(v_->units.size() + vt_.shift) - timing_.video.at(vt_.shift);
+      if (v_->reordered) {
+        for (uint64_t i = 0; i < v_->units.size(); ++i) {
+          if (offset(i) > INT32_MAX) throw MuxError("a composition offset does not fit the 32-bit ctts field");
+        }
+      }
+    }
+  }
+
+  uint64_t offset(uint64_t i) const {
+    if (!v_->reordered) return 0;
+    return timing_.video.at(v_->display[i] + uint64_t{vt_.shift}) - timing_.video.at(i);
+  }
+
+  static uint32_t checked32(uint64_t v, const char* what) {
+    if (v > INT32_MAX) throw MuxError(std::string("the ") + what + " table is too large for one MP4 box");
+    return static_cast<uint32_t>(v);
+  }
+
+  void plan_moov() {
+    if (v_) {
+      plan_.video = true;
+      const uint64_t n = v_->units.size();
+      if (v_->sps_nal.size() + v_->pps_nal.size() + 8 > sizeof(tag_Qorvane_AVProtocol{}.tszVideoHdr)) {
+        throw MuxError("the SPS and PPS together exceed the 1016 bytes the sample description takes");
+      }
+      plan_.v_stsd = static_cast<uint32_t>(121 + v_->sps_nal.size() + v_->pps_nal.size());
+      plan_.v_stts = checked32(16 + 8 * uint64_t{runs_of(n, timing_.video)}, "stts");
+      plan_.v_ctts = v_->reordered ? checked32(16 + 8 * n, "ctts") : 0;
+      const uint64_t keys = std::count_if(v_->units.begin(), v_->units.end(), [](const AccessUnit& u) { return u.key; });
+      plan_.v_stss = checked32(16 + 4 * keys, "stss");
+      plan_.v_stsz = checked32(20 + 4 * n, "stsz");
+      plan_.v_stco = checked32(16 + 4 * n, "stco");
+      plan_.v_edts = vt_.shift ? 36 : 0;
+    }
+    if (a_) {
+      plan_.audio = true;
+      const uint64_t m = a_->frames.size();
+      plan_.a_stsd = 88 + 1 + 2;
+      plan_.a_stts = checked32(16 + 8 * uint64_t{runs_of(m, timing_.audio)}, "stts");
+      plan_.a_stsz = checked32(20 + 4 * m, "stsz");
+      plan_.a_stco = checked32(16 + 4 * m, "stco");
+    }
+    checked32(plan_.moov(), "moov");
+    // stco and the mdat size field are 32-bit: every byte must lie below 4 GiB.
+    const uint64_t payload = (v_ ? v_->payload_bytes : 0) + (a_ ? a_->payload_bytes : 0);
+    const uint64_t total = kFtypSize + plan_.moov() + kBoxHeader + payload;
+    if (total > UINT32_MAX) {
+      throw MuxError("the output would be " + std::to_string(total >> 20) +
+                     " MiB; files over 4 GiB need 64-bit chunk offsets, which this writer does not produce. "
+                     "Split the input.");
+    }
+  }
+
+  void write_ftyp(OutputFile& out) {
+    box_to(out, "ftyp", kFtypSize, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_FTyp(client_.name(), p, len); });
+  }
+
+  void write_samples(OutputFile& out) {
+    const uint64_t nv = video_count();
+    const uint64_t na = audio_count();
+    std::vector<const uint8_t*> nal_ptrs(v_ ? v_->max_nals_per_unit : 0);
+    std::vector<int32_t> nal_lens(nal_ptrs.size());
+    // Video decoding times on the movie clock start at -shift, audio at 0.
+    const uint64_t video_lead = v_ ? timing_.video.at(vt_.shift) : 0;
+    uint64_t iv = 0, ia = 0;
+    const uint64_t total = nv + na;
+    for (uint64_t done = 0; iv < nv || ia < na; ++done) {
+      if (in_.progress && (done & 1023) == 0) in_.progress(done, total);
+      const bool take_video =
+          iv < nv && (ia >= na || timing_.video.at(iv) < timing_.audio.at(ia) + video_lead);
+      if (take_video) {
+        const AccessUnit& u = v_->units[iv];
+        for (uint32_t k = 0; k < u.nal_count; ++k) {
+          const SampleNal& nal = v_->nals[u.first_nal + k];
+          nal_ptrs[k] = nal.data;
+          nal_lens[k] = static_cast<int32_t>(nal.size);
+        }
+        const int64_t pos = static_cast<int64_t>(out.position());
+        uint8_t* dst = out.reserve(u.sample_size);
+        int32_t len = 0;
+        if (!Boxlane_Packet_FrameAccessUnit(client_.name(), dst, &len, nal_ptrs.data(), nal_lens.data(),
+                                            static_cast<int32_t>(u.nal_count), pos, u.key ? 1 : 0,
+                                            static_cast<int32_t>(timing_.video.duration(iv)),
+                                            static_cast<int32_t>(offset(iv)))) {
+          refused("a video access unit");
+        }
+        if (static_cast<uint64_t>(len) != u.sample_size) throw MuxError("internal: video sample size changed");
+        out.advance(u.sample_size);
+        ++iv;
+      } else {
+        const AudioFrame& f = a_->frames[ia];
+        const int64_t pos = static_cast<int64_t>(out.position());
+        uint8_t* dst = out.reserve(f.size);
+        int32_t len = 0;
+        if (!Boxlane_Packet_FrameAudio(client_.name(), dst, &len, f.data, static_cast<int32_t>(f.size), pos,
+                                       static_cast<int32_t>(timing_.audio.duration(ia)))) {
+          refused("an audio frame");
+        }
+        if (static_cast<uint32_t>(len) != f.size - f.header_size) throw MuxError("internal: audio sample size changed");
+        out.advance(static_cast<std::size_t>(len));
+        ++ia;
+      }
+    }
+    if (in_.progress) in_.progress(total, total);
+  }
+
+  void build_moov(MoovBuilder& m) {
+    const char* c = client_.name();
+    m.container("moov", plan_.moov() - kBoxHeader);
+    const uint64_t duration = std::max(vt_.presentation, audio_duration());
+    m.box("mvhd", 108, [&](uint8_t* p, int32_t* len) {
+      return Boxlane_Packet_MVhd(c, p, len, static_cast<int32_t>(duration), static_cast<int32_t>(timing_.timescale));
+    });
+    if (v_) build_video_trak(m);
+    if (a_) build_audio_trak(m);
+  }
+
+  void build_video_trak(MoovBuilder& m) {
+    const char* c = client_.name();
+    m.container("trak", plan_.v_trak() - kBoxHeader);
+    m.box("tkhd", 92, [&](uint8_t* p, int32_t* len) {
+      return Boxlane_Packet_TKhd(c, p, len, 0, static_cast<int32_t>(v_->sps.width), static_cast<int32_t>(v_->sps.height),
+                                 static_cast<int32_t>(vt_.presentation));
+    });
+    if (plan_.v_edts) {
+      m.box("edts", plan_.v_edts, [&](uint8_t* p, int32_t* len) {
+        return Boxlane_Packet_EDts(c, p, len, static_cast<uint32_t>(vt_.presentation),
+                                   static_cast<int32_t>(timing_.video.at(vt_.shift)));
+      });
+    }
+    m.container("mdia", plan_.v_mdia() - kBoxHeader);
+    m.box("mdhd", 32, [&](uint8_t* p, int32_t* len) {
+      return Boxlane_Packet_MDhdEx(c, p, len, kLanguageUndetermined, static_cast<uint32_t>(vt_.media_duration));
+    });
+    m.box("hdlr", 45, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_HDlr(c, p, len, 0); });
+    m.container("minf", plan_.v_minf() - kBoxHeader);
+    m.box("vmhd", 20, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_VMhd(c, p, len); });
+    m.box("dinf", 36, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_DInf(c, p, len); });
+    m.container("stbl", plan_.v_stbl() - kBoxHeader);
+
+    tag_Qorvane_AVProtocol desc{};
+    desc.bVideo = 1;
+    desc.nVideoCodec = 27;
+    desc.nVideoWidth = static_cast<int32_t>(v_->sps.width);
+    desc.nVideoHeight = static_cast<int32_t>(v_->sps.height);
+    std::size_t at = 0;
+    for (const std::vector<uint8_t>* set : {&v_->sps_nal, &v_->pps_nal}) {
+      const uint8_t start[4] = {0, 0, 0, 1};
+      std::memcpy(desc.tszVideoHdr + at, start, 4);
+      std::memcpy(desc.tszVideoHdr + at + 4, set->data(), set->size());
+      at += 4 + set->size();
+    }
+    desc.nVideoHdrLen = static_cast<int32_t>(at);
+    m.box("the video stsd", plan_.v_stsd, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsd(c, p, len, &desc); });
+    m.box("the video stts", plan_.v_stts, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STts(c, p, len, true); });
+    if (plan_.v_ctts) {
+      m.box("ctts", plan_.v_ctts, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_CTts(c, p, len); });
+    }
+    m.box("stss", plan_.v_stss, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STss(c, p, len); });
+    m.box("the video stsc", 28, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsc(c, p, len); });
+    m.box("the video stsz", plan_.v_stsz, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsz(c, p, len, true); });
+    m.box("the video stco", plan_.v_stco, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STco(c, p, len, true); });
+  }
+
+  void build_audio_trak(MoovBuilder& m) {
+    const char* c = client_.name();
+    const uint64_t duration = audio_duration();
+    m.container("trak", plan_.a_trak() - kBoxHeader);
+    m.box("tkhd", 92, [&](uint8_t* p, int32_t* len) {
+      return Boxlane_Packet_TKhd(c, p, len, 0x0100, 0, 0, static_cast<int32_t>(duration));
+    });
+    m.container("mdia", plan_.a_mdia() - kBoxHeader);
+    m.box("mdhd", 32, [&](uint8_t* p, int32_t* len) {
+      return Boxlane_Packet_MDhdEx(c, p, len, kLanguageUndetermined, static_cast<uint32_t>(duration));
+    });
+    m.box("hdlr", 45, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_HDlr(c, p, len, 1); });
+    m.container("minf", plan_.a_minf() - kBoxHeader);
+    m.box("smhd", 16, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_SMhd(c, p, len, 0); });
+    m.box("dinf", 36, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_DInf(c, p, len); });
+    m.container("stbl", plan_.a_stbl() - kBoxHeader);
+
+    tag_Qorvane_AVProtocol desc{};
+    desc.bVideo = 0;
+    desc.bAudio = 1;
+    // ISO/IEC 14496-3 Table 1.19: configuration 7 is 7.1, eight channels.
+    desc.nAudioChannel = a_->config.channel_config == 7 ? 8 : a_->config.channel_config;
+    desc.nAudioSampleRate = static_cast<int32_t>(a_->config.sample_rate);
+    desc.nAudioSampleBit = 16;
+    desc.nAudioFrameSize = AudioStream::kSamplesPerFrame;
+    desc.nAudioCfgLen = 2;
+    std::memcpy(desc.tszAudioCfg, a_->audio_specific_config, 2);
+    m.box("the audio stsd", plan_.a_stsd, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsd(c, p, len, &desc); });
+    m.box("the audio stts", plan_.a_stts, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STts(c, p, len, false); });
+    m.box("the audio stsc", 28, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsc(c, p, len); });
+    m.box("the audio stsz", plan_.a_stsz, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsz(c, p, len, false); });
+    m.box("the audio stco", plan_.a_stco, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STco(c, p, len, false); });
+  }
+
+  const MovieInput& in_;
+  const VideoStream* v_;
+  const AudioStream* a_;
+  WriterClient client_;
+  Timing timing_;
+  VideoTiming vt_;
+  MoovPlan plan_;
+};
+
+}  // namespace
+
+MovieResult write_movie(const MovieInput& in) { return MovieWriter(in).run(); }
+
+}  // namespace boxlane::tool

@@ -1,0 +1,39 @@
+// Writing the MP4 file through the library's writer, as any caller would:
+// ftyp, the samples into mdat (interleaved by decoding time), then moov
+// built from the writer's boxes. With faststart, moov goes before mdat: its
+// size follows from the sample counts, so the space is reserved first and
+// the samples are given their final positions straight away.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "tools/mux_audio.hpp"
+#include "tools/mux_timing.hpp"
+#include "tools/mux_video.hpp"
+
+namespace boxlane::tool {
+
+struct MovieInput {
+  const VideoStream* video = nullptr;  // either or both
+  FrameRate fps;
+  const AudioStream* audio = nullptr;
+  uint32_t forced_timescale = 0;
+  bool faststart = false;
+  std::string output;
+  // Called now and then with samples written and samples in total.
+  std::function<void(uint64_t, uint64_t)> progress;
+};
+
+struct MovieResult {
+  uint32_t timescale = 0;
+  uint64_t duration = 0;  // movie time scale units
+  uint64_t file_size = 0;
+  uint64_t moov_size = 0;
+};
+
+// Throws MuxError; the target is then left as it was.
+MovieResult write_movie(const MovieInput& in);
+
+}  // namespace boxlane::tool

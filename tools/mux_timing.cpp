@@ -1,0 +1,57 @@
+#include "tools/mux_timing.hpp"
+
+#include <cstdint>
+#include <numeric>
+
+#include "tools/mux_error.hpp"
+
+namespace boxlane::tool {
+
+Clock::Clock(uint32_t timescale, uint64_t num, uint64_t den) noexcept : num_(num ? num : 1) {
+  const uint64_t ticks = uint64_t{timescale} * den;
+  whole_ = ticks / num_;
+  rest_ = ticks % num_;
+}
+
+namespace {
+
+constexpr uint64_t kMaxTicks = INT32_MAX;  // mvhd and tkhd durations are signed 32-bit here
+
+Timing make(uint32_t timescale, const TimingInput& in) {
+  Timing t;
+  t.timescale = timescale;
+  if (in.video) t.video = Clock(timescale, in.fps_num, in.fps_den);
+  if (in.audio) t.audio = Clock(timescale, in.sample_rate, 1024);
+  return t;
+}
+
+bool fits(const Timing& t, const TimingInput& in) {
+  if (in.video && t.video.at(in.video_units) > kMaxTicks) return false;
+  if (in.audio && t.audio.at(in.audio_frames) > kMaxTicks) return false;
+  return true;
+}
+
+}  // namespace
+
+Timing choose_timing(const TimingInput& in) {
+  if (in.forced_timescale) {
+    Timing t = make(in.forced_timescale, in);
+    if (!fits(t, in)) throw MuxError("the movie is too long for time scale " + std::to_string(in.forced_timescale));
+    return t;
+  }
+  // The audio sample rate makes every AAC frame 1024 ticks long; 90 kHz is
+  // the usual clock of video alone.
+  const uint64_t base = in.audio ? in.sample_rate : 90000;
+  uint64_t exact = base;
+  // A frame lasts timescale * den / num ticks, whole when num divides the
+  // time scale (num/den is in lowest terms).
+  if (in.video) exact = std::lcm(exact, uint64_t{in.fps_num} / std::gcd(in.fps_num, in.fps_den));
+  for (const uint64_t candidate : {exact, base, uint64_t{1000}}) {
+    if (candidate == 0 || candidate > kMaxTicks) continue;
+    Timing t = make(static_cast<uint32_t>(candidate), in);
+    if (fits(t, in)) return t;
+  }
+  throw MuxError("the movie is too long for the 32-bit durations of this writer");
+}
+
+}  // namespace boxlane::tool

@@ -1,0 +1,51 @@
+// The movie's single time scale and the sample times on it. mvhd and every
+// mdhd share one time scale in this writer, so it is chosen to make both the
+// video frame duration and the 1024-sample AAC frame duration whole numbers
+// where it can; where it cannot, times are rounded from the exact rational
+// time of each frame, so durations differ by one unit at most and no drift
+// builds up.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace boxlane::tool {
+
+// Time of unit k (frame k of a stream with `per_second` = num/den units per
+// second) on a clock of `timescale` ticks: floor(k * timescale * den / num).
+class Clock {
+ public:
+  Clock() = default;
+  Clock(uint32_t timescale, uint64_t num, uint64_t den) noexcept;
+  uint64_t at(uint64_t k) const noexcept { return k * whole_ + (k * rest_) / num_; }
+  uint64_t duration(uint64_t k) const noexcept { return at(k + 1) - at(k); }
+  // Every unit lasts the same number of ticks.
+  bool exact() const noexcept { return rest_ == 0; }
+
+ private:
+  uint64_t whole_ = 0;
+  uint64_t rest_ = 0;
+  uint64_t num_ = 1;
+};
+
+struct TimingInput {
+  bool video = false;
+  uint32_t fps_num = 25, fps_den = 1;
+  uint64_t video_units = 0;  // frames plus the composition shift
+  bool audio = false;
+  uint32_t sample_rate = 0;
+  uint64_t audio_frames = 0;
+  uint32_t forced_timescale = 0;  // --timescale, 0 when not given
+};
+
+struct Timing {
+  uint32_t timescale = 0;
+  Clock video;
+  Clock audio;
+};
+
+// Throws MuxError when no time scale keeps the movie's duration within the
+// 32-bit fields of mvhd and tkhd.
+Timing choose_timing(const TimingInput& in);
+
+}  // namespace boxlane::tool

@@ -1,0 +1,240 @@
+#include "tools/mux_video.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <numeric>
+
+#include "platform/annexb.hpp"
+#include "tools/mux_error.hpp"
+
+namespace boxlane::tool {
+
+namespace {
+
+std::string at(uint64_t offset) { return " at byte " + std::to_string(offset); }
+
+bool same_bytes(const std::vector<uint8_t>& kept, const NalUnit& nal) {
+  return kept.size() == nal.size && std::memcmp(kept.data(), nal.data, nal.size) == 0;
+}
+
+// §7.4.1.2.4: what tells the first slice of a new primary picture from
+// another slice of the same one.
+bool starts_new_picture(const h264::SliceHeader& prev, const h264::SliceHeader& cur, const h264::Sps& sps) {
+  if (cur.redundant_pic_cnt > 0) return false;
+  if (cur.first_mb == 0) return true;
+  if (cur.frame_num != prev.frame_num || cur.pps_id != prev.pps_id || cur.field_pic != prev.field_pic ||
+      cur.bottom_field != prev.bottom_field || (cur.nal_ref_idc == 0) != (prev.nal_ref_idc == 0) ||
+      cur.idr() != prev.idr() || (cur.idr() && cur.idr_pic_id != prev.idr_pic_id)) {
+    return true;
+  }
+  if (sps.poc_type == 0) return cur.poc_lsb != prev.poc_lsb || cur.delta_poc_bottom != prev.delta_poc_bottom;
+  if (sps.poc_type == 1) return cur.delta_poc != prev.delta_poc;
+  return false;
+}
+
+// Groups NAL units into access units as it goes.
+class Scanner {
+ public:
+  Scanner(const std::string& name, VideoStream& out) : name_(name), out_(out) {}
+
+  void nal(const NalUnit& nal) {
+    if (nal.size == 0) return;
+    if (nal.data[0] & 0x80) throw MuxError(name_ + ": damaged NAL unit (forbidden_zero_bit set)" + at(nal.offset));
+    const uint8_t type = nal.type();
+    switch (type) {
+      case h264::kNalSps:
+        close_unit();
+        sps(nal);
+        return;
+      case h264::kNalPps:
+        close_unit();
+        pps(nal);
+        return;
+      case h264::kNalSlice:
+      case h264::kNalPartitionA:
+      case h264::kNalIdrSlice:
+        slice(nal);
+        return;
+      case h264::kNalPartitionB:
+      case h264::kNalPartitionC:
+      case 19:  // auxiliary coded picture
+      case 20:  // coded slice extension
+      case 21:
+        if (open_) add(nal);
+        return;
+      case h264::kNalSei:
+      case h264::kNalAud:
+      case 14: case 15: case 16: case 17: case 18:
+        // §7.4.1.2.3: these come before the first slice of an access unit.
+        close_unit();
+        return;
+      default:
+        // End of sequence or stream, filler, reserved and unspecified types
+        // belong to the unit they follow and stay out of the samples.
+        return;
+    }
+  }
+
+  void finish() {
+    close_unit();
+    if (out_.sps_nal.empty()) throw MuxError(name_ + ": no sequence parameter set (SPS) found; is this an H.264 stream?");
+    if (out_.pps_nal.empty()) throw MuxError(name_ + ": no picture parameter set (PPS) found");
+    if (out_.units.empty()) throw MuxError(name_ + ": no coded pictures found");
+  }
+
+ private:
+  void sps(const NalUnit& nal) {
+    h264::Sps parsed;
+    if (!h264::parse_sps(nal.data, nal.size, parsed)) {
+      throw MuxError(name_ + ": cannot read the sequence parameter set" + at(nal.offset) + " (damaged or cut short)");
+    }
+    if (out_.sps_nal.empty()) {
+      out_.sps_nal.assign(nal.data, nal.data + nal.size);
+      out_.sps = parsed;
+      sets_.sps[parsed.id] = parsed;
+      sets_.has_sps[parsed.id] = true;
+      return;
+    }
+    if (!same_bytes(out_.sps_nal, nal)) {
+      throw MuxError(name_ + ": the sequence parameter set changes" + at(nal.offset) +
+                     "; one MP4 track holds one SPS, so split the stream there");
+    }
+  }
+
+  void pps(const NalUnit& nal) {
+    h264::Pps parsed;
+    if (!h264::parse_pps(nal.data, nal.size, parsed)) {
+      throw MuxError(name_ + ": cannot read the picture parameter set" + at(nal.offset) + " (damaged or cut short)");
+    }
+    if (out_.pps_nal.empty()) {
+      if (!sets_.has_sps[parsed.sps_id]) {
+        throw MuxError(name_ + ": the picture parameter set" + at(nal.offset) + " refers to an SPS that was not sent");
+      }
+      out_.pps_nal.assign(nal.data, nal.data + nal.size);
+      sets_.pps[parsed.id] = parsed;
+      sets_.has_pps[parsed.id] = true;
+      return;
+    }
+    if (!same_bytes(out_.pps_nal, nal)) {
+      throw MuxError(name_ + ": the picture parameter set changes" + at(nal.offset) +
+                     " (or a second one appears); one MP4 track holds one PPS, so split the stream there");
+    }
+  }
+
+  void slice(const NalUnit& nal) {
+    if (out_.pps_nal.empty()) {
+      // Pictures before the first parameter sets cannot be decoded by
+      // anyone; a stream cut from a broadcast starts like this.
+      ++out_.skipped_before_parameter_sets;
+      return;
+    }
+    h264::SliceHeader sh;
+    if (!h264::parse_slice_header(nal.data, nal.size, sets_, sh)) {
+      throw MuxError(name_ + ": cannot read the slice header" + at(nal.offset) +
+                     " (damaged, cut short, or it names a parameter set that was not sent)");
+    }
+    if (sh.field_pic) {
+      throw MuxError(name_ + ": pictures coded as separate fields" + at(nal.offset) +
+                     " are not supported; encode interlaced video as frames (MBAFF or progressive)");
+    }
+    if (open_ && starts_new_picture(first_, sh, out_.sps)) close_unit();
+    if (!open_) {
+      open_ = true;
+      first_ = sh;
+      unit_ = AccessUnit{};
+      unit_.first_nal = static_cast<uint32_t>(out_.nals.size());
+      unit_.input_offset = nal.offset;
+      unit_.key = sh.idr();
+    }
+    add(nal);
+  }
+
+  void add(const NalUnit& nal) {
+    out_.nals.push_back(SampleNal{nal.data, static_cast<uint32_t>(nal.size)});
+    ++unit_.nal_count;
+    unit_.sample_size += 4 + nal.size;
+  }
+
+  void close_unit() {
+    if (!open_) return;
+    open_ = false;
+    unit_.restart = out_.units.empty() || first_.idr() || first_.mmco5;
+    unit_.poc = poc_.next(first_, out_.sps);
+    out_.max_nals_per_unit = std::max(out_.max_nals_per_unit, unit_.nal_count);
+    out_.max_sample_size = std::max(out_.max_sample_size, unit_.sample_size);
+    out_.payload_bytes += unit_.sample_size;
+    out_.units.push_back(unit_);
+  }
+
+  const std::string& name_;
+  VideoStream& out_;
+  h264::ParameterSets sets_;
+  h264::PocCounter poc_;
+  bool open_ = false;
+  h264::SliceHeader first_;
+  AccessUnit unit_;
+};
+
+// Display order: pictures between two restarts are shown in order of their
+// picture order count; a restart shows everything before it first (§C.4.4).
+void order_for_display(const std::string& name, VideoStream& v) {
+  const std::size_t n = v.units.size();
+  v.display.assign(n, 0);
+  std::vector<uint32_t> order;
+  std::size_t begin = 0;
+  while (begin < n) {
+    std::size_t end = begin + 1;
+    while (end < n && !v.units[end].restart) ++end;
+    order.resize(end - begin);
+    std::iota(order.begin(), order.end(), static_cast<uint32_t>(begin));
+    std::stable_sort(order.begin(), order.end(),
+                     [&](uint32_t a, uint32_t b) { return v.units[a].poc < v.units[b].poc; });
+    for (std::size_t rank = 0; rank < order.size(); ++rank) {
+      if (rank > 0 && v.units[order[rank]].poc == v.units[order[rank - 1]].poc) {
+        const uint32_t later = std::max(order[rank], order[rank - 1]);
+        throw MuxError(name + ": two pictures have the same picture order count (the second" +
+                       at(v.units[later].input_offset) + "); their display order is unknown");
+      }
+      v.display[order[rank]] = static_cast<uint32_t>(begin + rank);
+      if (order[rank] != begin + rank) v.reordered = true;
+    }
+    begin = end;
+  }
+}
+
+}  // namespace
+
+void scan_video(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out) {
+  AnnexBSplitter splitter(data, size);
+  const std::size_t leading = splitter.leading_bytes();
+  if (leading == size) {
+    throw MuxError(name + ": no Annex B start code (00 00 01) found; this is not an H.264 elementary stream");
+  }
+  for (std::size_t i = 0; i < leading; ++i) {
+    if (data[i] != 0) {
+      throw MuxError(name + ": " + std::to_string(leading) +
+                     " bytes before the first start code; this is not an H.264 Annex B stream");
+    }
+  }
+  Scanner scanner(name, out);
+  NalUnit nal;
+  while (splitter.next(nal)) scanner.nal(nal);
+  scanner.finish();
+  order_for_display(name, out);
+  out.has_vui_rate = vui_frame_rate(out.sps, out.vui_rate);
+}
+
+bool vui_frame_rate(const h264::Sps& sps, FrameRate& out) noexcept {
+  if (!sps.timing_info_present || sps.num_units_in_tick == 0 || sps.time_scale == 0) return false;
+  // §E.2.1: a frame lasts two ticks (one per field).
+  uint64_t num = sps.time_scale;
+  uint64_t den = uint64_t{2} * sps.num_units_in_tick;
+  const uint64_t g = std::gcd(num, den);
+  num /= g;
+  den /= g;
+  if (num > den * 1000 || num * 2 < den || num > 1000000 || den > 1000000) return false;
+  out = FrameRate{static_cast<uint32_t>(num), static_cast<uint32_t>(den)};
+  return true;
+}
+
+}  // namespace boxlane::tool

@@ -1,0 +1,63 @@
+// Reading an H.264 Annex B elementary stream for muxing: NAL units grouped
+// into access units, the parameter sets for the sample description, key
+// frames, and the display order that picture order counts give.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/h264.hpp"
+
+namespace boxlane::tool {
+
+// A NAL unit that goes into a sample, as a slice of the mapped input.
+struct SampleNal {
+  const uint8_t* data;
+  uint32_t size;
+};
+
+struct AccessUnit {
+  uint32_t first_nal = 0;  // index into VideoStream::nals
+  uint32_t nal_count = 0;
+  uint64_t sample_size = 0;  // each NAL unit with its 4-byte length
+  uint64_t input_offset = 0;  // byte offset of its first slice in the input
+  int64_t poc = 0;
+  bool key = false;
+  // The first picture, an IDR or a picture with mmco 5: pictures before it
+  // are all shown before it and after it counting starts again.
+  bool restart = false;
+};
+
+struct FrameRate {
+  uint32_t num = 25;
+  uint32_t den = 1;
+};
+
+struct VideoStream {
+  h264::Sps sps;
+  std::vector<uint8_t> sps_nal;  // without start code
+  std::vector<uint8_t> pps_nal;
+  std::vector<SampleNal> nals;
+  std::vector<AccessUnit> units;  // decoding order
+  // Display position of every access unit (a permutation of 0..n-1).
+  std::vector<uint32_t> display;
+  bool reordered = false;  // some unit is shown out of decoding order
+  uint32_t max_nals_per_unit = 0;
+  uint64_t max_sample_size = 0;
+  uint64_t payload_bytes = 0;  // sum of sample sizes
+  uint32_t skipped_before_parameter_sets = 0;
+  bool has_vui_rate = false;
+  FrameRate vui_rate;
+};
+
+// Throws MuxError with the byte offset of the first thing it cannot accept.
+// `name` is the path, for messages.
+void scan_video(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out);
+
+// The frame rate the SPS's timing information gives (frames, not fields),
+// when it is present and plausible.
+bool vui_frame_rate(const h264::Sps& sps, FrameRate& out) noexcept;
+
+}  // namespace boxlane::tool
