@@ -134,14 +134,16 @@ bool ProbeFeed::send(const uint8_t* data, std::size_t size, uint64_t offset) {
     const bool ok = Boxlane_Parse_Send(client_, data, static_cast<int32_t>(size));
     code = Boxlane_GetLastError(nullptr);
     // A failure while a pending box is being completed leaves Send true but
-    // the error set; a new code is the reliable sign.
-    if (ok && !Boxlane_IsErrorOccur && code == before) {
+    // a code set. The flag is no help: a worker entering WaitEvent clears it
+    // at any moment. A new code is the reliable sign (no failure of Send
+    // sets the NODATA or NOTREADY code that a worker's Recv leaves behind).
+    if (ok && code == before) {
       sent_ += size;
       return true;
     }
   }
-  error_ = "parser error " + hex_code(code) + " " + error_name(code) + " on the " + std::to_string(size) +
-           " bytes at offset " + std::to_string(offset) + ", in " + box_label();
+  error_ = "parser error " + hex_code(code) + " " + error_name(code) + ": piece of " + std::to_string(size) +
+           (size == 1 ? " byte" : " bytes") + " at offset " + std::to_string(offset) + ", " + box_label();
   if (mode_ == Mode::kBody || mode_ == Mode::kSkip) error_ += " declaring " + std::to_string(size_field_) + " bytes";
   return false;
 }

@@ -85,11 +85,11 @@ void track_block(std::string& out, const ProbeTrack& track) {
   if (std::isfinite(f.bit_rate))
     add(out, "  bit rate:    %.1f kbit/s (%llu bytes of samples)\n", f.bit_rate / 1000, ull{f.sample_bytes});
   if (f.problems.empty()) {
-    add(out, "  tables:      consistent: stts %llu samples, stsz %llu sizes, stco %llu chunk%s holding %llu samples\n",
-        ull{f.sample_count}, ull{f.stsz_count}, ull{f.chunk_count}, f.chunk_count == 1 ? "" : "s",
-        ull{f.chunk_samples});
+    add(out, "  tables:      agree: %llu samples timed (stts), %llu sized (stsz), %llu placed in %llu chunk%s (stsc, stco)\n",
+        ull{f.sample_count}, ull{f.stsz_count}, ull{f.chunk_samples}, ull{f.chunk_count},
+        f.chunk_count == 1 ? "" : "s");
   } else {
-    add(out, "  tables:      INCONSISTENT\n");
+    add(out, "  tables:      DISAGREE, this file is inconsistent:\n");
     for (const auto& problem : f.problems) add(out, "    ! %s\n", problem.c_str());
   }
   for (const auto& note : f.notes) add(out, "  note:        %s\n", note.c_str());
