@@ -4,10 +4,9 @@
 // seeded random cuts, on hand-built streams and on files FFmpeg makes.
 #include <boxlane/boxlane.h>
 
-#include "support/box_builder.hpp"
+#include "intake_streams.hpp"
 #include "support/paths.hpp"
 #include "support/stream_feeder.hpp"
-#include "intake_streams.hpp"
 
 #include <gtest/gtest.h>
 
@@ -85,9 +84,7 @@ class CutInvariance : public ::testing::Test {
 TEST_F(CutInvariance, HandBuiltStreams) {
   const Bytes file = movie_file(600);
   const FeedResult whole = feed_fresh(file, {});
-  std::vector<int> codes;
-  for (const auto& h : whole.headers) codes.push_back(int(h.enHType));
-  ASSERT_EQ(codes, movie_file_codes());
+  ASSERT_EQ(codes(whole.headers), movie_file_codes());
   EXPECT_EQ(whole.final_position, file.size());
 
   {
