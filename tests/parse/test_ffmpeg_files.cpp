@@ -152,7 +152,7 @@ class FfmpegFiles : public ::testing::Test {
     const std::string x264 = "-c:v libx264 -preset veryfast -pix_fmt yuv420p ";
     const std::map<std::string, std::string> recipes = {
         {"moov_at_end", video + "-t 2 " + x264 + "-bf 0 -g 10"},
-        {"faststart_bframes", video + tone + "-t 2 " + x264 + "-bf 2 -g 12 -c:a aac -b:a 16k -movflags +faststart"},
+        {"faststart_bframes", video + tone + "-t 2 " + x264 + "-bf 2 -x264-params b-adapt=0 -g 12 -c:a aac -b:a 16k -movflags +faststart"},
         {"video_only", "-f lavfi -i testsrc2=size=320x240:rate=30 -t 1 " + x264 + "-profile:v baseline"},
         {"audio_only", "-f lavfi -i sine=sample_rate=44100 -ac 2 -t 1 -c:a aac -b:a 64k"},
         {"two_video_one_audio", video + "-f lavfi -i testsrc2=size=320x240:rate=30 " + tone +

@@ -27,7 +27,7 @@ Source make_source() {
   const std::string dir = temp_dir();
   const std::string mp4 = dir + "/src.mp4", h264 = dir + "/src.h264", aac = dir + "/src.aac";
   const std::string quiet = "ffmpeg -nostdin -hide_banner -loglevel error -y ";
-  EXPECT_EQ(run(quiet + "-f lavfi -i testsrc=size=160x120:rate=30 -t 1 -c:v libx264 -preset veryfast -bf 2 -g 12 "
+  EXPECT_EQ(run(quiet + "-f lavfi -i testsrc=size=160x120:rate=30 -t 1 -c:v libx264 -preset veryfast -bf 2 -x264-params b-adapt=0 -g 12 "
                         "-pix_fmt yuv420p '" + mp4 + "'"), 0);
   EXPECT_EQ(run(quiet + "-i '" + mp4 + "' -c:v copy -bsf:v h264_mp4toannexb -f h264 '" + h264 + "'"), 0);
   EXPECT_EQ(run(quiet + "-f lavfi -i sine=sample_rate=44100 -t 1 -c:a aac -b:a 32k -f adts '" + aac + "'"), 0);
