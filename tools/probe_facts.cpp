@@ -90,6 +90,9 @@ ProbeFacts derive_facts(const ProbeTrack& track) {
   f.frame_rate = timed ? static_cast<double>(f.sample_count) / f.duration_seconds : nan;
   f.bit_rate = timed && f.stsz_count > 0 ? 8.0 * static_cast<double>(f.sample_bytes) / f.duration_seconds : nan;
 
+  if (f.sample_count == 0)
+    f.notes.push_back("the tables list no samples (a fragmented file keeps them in moof boxes, "
+                      "which the parser does not read)");
   if (f.stsz_count > 0 && f.stsz_count != f.sample_count)
     f.problems.push_back("stts counts " + count_text(f.sample_count, "sample", "samples") + " but stsz lists " +
                          count_text(f.stsz_count, "size", "sizes"));

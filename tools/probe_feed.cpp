@@ -36,7 +36,7 @@ bool ProbeFeed::run(PieceSizes sizes) {
     }
     if (got == 0) return finish();
     if (!take(buffer.data(), static_cast<std::size_t>(got))) return false;
-    if (!skip_outside_piece()) return false;
+    skip_outside_piece();
   }
 }
 
@@ -73,9 +73,7 @@ bool ProbeFeed::take(const uint8_t* piece_data, std::size_t size) {
     position_ += n;
 
     if (mode_ == Mode::kHeader && header_have_ == sizeof header_) {
-      if (!on_header()) return false;
-      if (flush_here_ && !flush()) return false;
-      flush_here_ = false;
+      if (on_header() && !flush()) return false;
     }
     if ((mode_ == Mode::kBody || mode_ == Mode::kSkip) && left_ == 0) {
       mode_ = Mode::kHeader;
@@ -87,31 +85,32 @@ bool ProbeFeed::take(const uint8_t* piece_data, std::size_t size) {
 }
 
 bool ProbeFeed::on_header() {
+  bool flush_here;
   size_field_ = be32(std::span(header_).first<4>());
   const bool mdat = is_mdat(std::span(header_).subspan<4, 4>());
   if (size_field_ == 1 || (size_field_ >= 2 && size_field_ < 8)) {
     // The parser refuses these; what follows goes in a Send of its own so
     // that the refusal is reported at the same place for any piece size.
     mode_ = Mode::kPassThrough;
-    flush_here_ = true;
+    flush_here = true;
   } else if (size_field_ == 0) {
     // ISO/IEC 14496-12 §4.2: size 0 means the box runs to the end of the file.
     mode_ = mdat ? Mode::kDrain : Mode::kPassThrough;
-    flush_here_ = mdat;
+    flush_here = mdat;
   } else {
     left_ = size_field_ - sizeof header_;
     mode_ = mdat ? Mode::kSkip : Mode::kBody;
     // The parser reads no further than an mdat header within one piece.
-    flush_here_ = mdat;
+    flush_here = mdat;
   }
-  return true;
+  return flush_here;
 }
 
-bool ProbeFeed::skip_outside_piece() {
+void ProbeFeed::skip_outside_piece() {
   uint64_t want = 0;
   if (mode_ == Mode::kSkip) want = left_;
   else if (mode_ == Mode::kDrain) want = std::numeric_limits<uint64_t>::max();
-  if (want == 0) return true;
+  if (want == 0) return;
   const uint64_t skipped = input_.skip(want);
   position_ += skipped;
   if (mode_ == Mode::kSkip) {
@@ -122,7 +121,6 @@ bool ProbeFeed::skip_outside_piece() {
       box_start_ = position_;
     }
   }
-  return true;
 }
 
 bool ProbeFeed::send(const uint8_t* data, std::size_t size, uint64_t offset) {

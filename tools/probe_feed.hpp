@@ -43,9 +43,11 @@ class ProbeFeed {
   };
 
   bool take(const uint8_t* piece, std::size_t size);
+  // Reads the collected header; true when the Send must end right after it.
   bool on_header();
   bool send(const uint8_t* data, std::size_t size, uint64_t offset);
-  bool skip_outside_piece();
+  // Passes over the part of an mdat payload that lies beyond the piece.
+  void skip_outside_piece();
   bool finish();
   std::string box_label() const;
 
@@ -60,7 +62,6 @@ class ProbeFeed {
   std::size_t header_have_ = 0;
   uint32_t size_field_ = 0;
   uint64_t left_ = 0;       // bytes of the current box still to come
-  bool flush_here_ = false; // on_header asks take() to end the Send here
 };
 
 }  // namespace boxlane::tool
