@@ -12,7 +12,7 @@ namespace {
 constexpr uint32_t kMovieTimescale = 1000;
 constexpr uint32_t kVideoTimescale = 90000;
 constexpr uint32_t kAudioFrame = 1024;  // AAC samples per frame
-constexpr uint32_t kGop = 60;           // a key frame every two seconds at 30 fps
+constexpr uint32_t kGop = 60;           // a key frame every two seconds at 30 fps; a multiple of 3
 constexpr uint32_t kCreateTime = 3'786'912'000;  // 2024-01-01 in seconds since 1904
 
 // High profile parameter sets for 1280x720: the parser copies them, it does
@@ -25,17 +25,18 @@ constexpr uint8_t kAudioConfig[] = {0x11, 0x90};
 
 enum class Picture { I, P, B };
 
-// Decode order I P B B P B B ...: the B-frames of each pair are shown before
-// the P that precedes them in the stream.
+// Groups of three in decode order: an anchor (I at the start of a GOP, else
+// P) shown after the two B-frames that follow it, so decode positions
+// k, k+1, k+2 are shown at k+2, k, k+1.
 Picture picture_at(uint32_t index) {
-  const uint32_t k = index % kGop;
-  if (k == 0) return Picture::I;
-  return (k - 1) % 3 == 0 ? Picture::P : Picture::B;
+  if (index % 3 != 0) return Picture::B;
+  return index % kGop == 0 ? Picture::I : Picture::P;
 }
 
-// Composition offsets in frames, shifted by two frames so that none is
+// Composition offsets in frames, shifted by one frame so that none is
 // negative; the edit list takes the shift back out.
-uint32_t cts_frames(Picture p) { return p == Picture::I ? 2 : p == Picture::P ? 4 : 1; }
+constexpr uint32_t kShiftFrames = 1;
+uint32_t cts_frames(Picture p) { return p == Picture::B ? 0 : 3; }
 
 uint8_t sdtp_byte(Picture p) {
   // ISO/IEC 14496-12 §8.6.4: sample_depends_on in bits 5-4,
@@ -57,7 +58,7 @@ uint32_t next_random(uint32_t& state) {
 }
 
 uint32_t video_size(Picture p, uint32_t& rng) {
-  const uint32_t base = p == Picture::I ? 40000 : p == Picture::P ? 12000 : 5000;
+  const uint32_t base = p == Picture::I ? 30000 : p == Picture::P ? 9000 : 4000;
   return base + next_random(rng) % (base / 2);
 }
 
@@ -255,9 +256,8 @@ void write_one_per_chunk(BeWriter& w, const Track& track, TableCounts& counts) {
   counts.stco = static_cast<uint32_t>(track.offsets.size());
 }
 
-void write_video_tables(BeWriter& w, const Track& track, TableCounts& counts) {
+void write_video_tables(BeWriter& w, const Track& track, uint32_t delta, TableCounts& counts) {
   const auto samples = static_cast<uint32_t>(track.sizes.size());
-  const uint32_t delta = kVideoTimescale / 30;
   write_stts(w, samples, delta, counts);
 
   // Equal neighbouring offsets share an entry, as ISO/IEC 14496-12 §8.6.1.3 allows.
@@ -293,15 +293,18 @@ void write_video_tables(BeWriter& w, const Track& track, TableCounts& counts) {
   write_one_per_chunk(w, track, counts);
 }
 
-void write_track(BeWriter& w, uint32_t track_id, uint32_t duration_ms, bool video, const Track& track,
-                 uint32_t sample_rate, TableCounts& counts) {
+void write_track(BeWriter& w, uint32_t track_id, bool video, const Track& track, const MovieShape& shape,
+                 TableCounts& counts) {
   const auto samples = static_cast<uint32_t>(track.sizes.size());
+  const uint32_t duration_ms = shape.seconds * kMovieTimescale;
+  const uint32_t delta = kVideoTimescale / shape.fps;
+  const uint32_t sample_rate = shape.sample_rate;
   auto trak = w.open("trak");
   write_tkhd(w, track_id, duration_ms, video);
-  if (video) write_edts(w, duration_ms, 2 * (kVideoTimescale / 30));
+  if (video) write_edts(w, duration_ms, kShiftFrames * delta);
   auto mdia = w.open("mdia");
   if (video) {
-    write_mdhd(w, kVideoTimescale, samples * (kVideoTimescale / 30));
+    write_mdhd(w, kVideoTimescale, samples * delta);
     write_hdlr(w, "vide", "VideoHandler");
   } else {
     write_mdhd(w, sample_rate, samples * kAudioFrame);
@@ -321,7 +324,7 @@ void write_track(BeWriter& w, uint32_t track_id, uint32_t duration_ms, bool vide
   auto stbl = w.open("stbl");
   if (video) {
     write_avc1(w);
-    write_video_tables(w, track, counts);
+    write_video_tables(w, track, delta, counts);
   } else {
     write_mp4a(w, sample_rate);
     write_stts(w, samples, kAudioFrame, counts);
@@ -349,7 +352,8 @@ SyntheticMovie build_movie(const MovieShape& shape) {
   audio.sizes.reserve(audio_samples);
   audio.offsets.reserve(audio_samples);
   uint32_t rng = 0x9E3779B9;
-  uint64_t pos = 8u << 20;
+  constexpr uint64_t kMediaStart = 8u << 20;
+  uint64_t pos = kMediaStart;
   uint32_t a = 0;
   auto place_audio = [&] {
     const uint32_t size = 340 + next_random(rng) % 60;
@@ -371,6 +375,8 @@ SyntheticMovie build_movie(const MovieShape& shape) {
   if (pos > UINT32_MAX) throw std::length_error("synthetic movie needs 64-bit chunk offsets");
 
   SyntheticMovie movie;
+  movie.media_start = kMediaStart;
+  movie.media_bytes = pos - kMediaStart;
   const std::size_t bound =
       (64u << 10) + std::size_t{video_samples} * (8 + 4 + 4 + 4 + 1) + std::size_t{audio_samples} * (4 + 4);
   movie.bytes.resize(bound);
@@ -383,11 +389,10 @@ SyntheticMovie build_movie(const MovieShape& shape) {
   w.close(ftyp);
 
   movie.moov_offset = static_cast<uint32_t>(w.size());
-  const uint32_t duration_ms = shape.seconds * kMovieTimescale;
   auto moov = w.open("moov");
-  write_mvhd(w, duration_ms);
-  write_track(w, 1, duration_ms, true, video, shape.sample_rate, movie.video);
-  write_track(w, 2, duration_ms, false, audio, shape.sample_rate, movie.audio);
+  write_mvhd(w, shape.seconds * kMovieTimescale);
+  write_track(w, 1, true, video, shape, movie.video);
+  write_track(w, 2, false, audio, shape, movie.audio);
   w.close(moov);
 
   if (!w.ok()) throw std::length_error("synthetic movie outgrew its buffer");

@@ -33,6 +33,10 @@ struct TableCounts {
 struct SyntheticMovie {
   std::vector<uint8_t> bytes;  // ftyp, then moov
   uint32_t moov_offset = 0;
+  // Where the chunk offsets put the first sample, and the bytes of all
+  // samples from there: an mdat payload would start at media_start.
+  uint64_t media_start = 0;
+  uint64_t media_bytes = 0;
   TableCounts video;  // track 1
   TableCounts audio;  // track 2
 
