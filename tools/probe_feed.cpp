@@ -180,7 +180,7 @@ std::string ProbeFeed::box_label() const {
   const std::string where = "at offset " + std::to_string(box_start_);
   if (mode_ == Mode::kHeader && header_have_ < sizeof header_) return "box " + where;
   const auto type = std::span(header_).subspan<4, 4>();
-  std::string label = "box '" + fourcc_text(reinterpret_cast<const char*>(type.data())) + "' " + where;
+  std::string label = "box '" + printable_text(reinterpret_cast<const char*>(type.data())) + "' " + where;
   if (mode_ == Mode::kPassThrough || mode_ == Mode::kDrain)
     label += " (size field " + std::to_string(size_field_) + ")";
   if (std::any_of(type.begin(), type.end(), [](uint8_t c) { return c < 0x20 || c >= 0x7F; }))

@@ -127,7 +127,7 @@ std::string aac_object_name(int object_type) {
   }
 }
 
-std::string fourcc_text(const char* bytes, std::size_t size) {
+std::string printable_text(const char* bytes, std::size_t size) {
   std::string text;
   for (std::size_t i = 0; i < size; ++i) {
     const auto c = static_cast<unsigned char>(bytes[i]);
@@ -146,7 +146,9 @@ std::string language_text(uint16_t packed) {
   std::string text;
   for (int shift = 10; shift >= 0; shift -= 5) {
     const int letter = (packed >> shift) & 0x1F;
-    text += letter ? static_cast<char>(letter + 0x60) : '?';
+    // QuickTime files put a Macintosh language number here instead.
+    if (letter < 1 || letter > 26) return "code " + std::to_string(packed);
+    text += static_cast<char>(letter + 0x60);
   }
   return text;
 }

@@ -29,9 +29,10 @@ std::string avc_level_name(uint8_t level);
 // ISO/IEC 14496-3 §1.5.1.1 audio object types.
 std::string aac_object_name(int object_type);
 
-// Printable fourcc; other bytes as \xNN.
-std::string fourcc_text(const char* bytes, std::size_t size = 4);
-// ISO/IEC 14496-12 §8.4.2.3: three 5-bit letters, each stored less 0x60.
+// Printable ASCII as is, other bytes as \xNN (fourccs, names from files).
+std::string printable_text(const char* bytes, std::size_t size = 4);
+// ISO/IEC 14496-12 §8.4.2.3: three 5-bit letters, each stored less 0x60;
+// anything else as "code N".
 std::string language_text(uint16_t packed);
 std::string hex_bytes(const uint8_t* data, std::size_t size);
 

@@ -46,7 +46,7 @@ std::string codec_line(const ProbeTrack& track) {
   if (!track.codec) return "unknown (no sample description)";
   const BOXLANE_CODECINFO& c = *track.codec;
   const std::string fourcc = track.codec_fourcc();
-  std::string line = fourcc_text(fourcc.data(), fourcc.size());
+  std::string line = printable_text(fourcc.data(), fourcc.size());
   if (fourcc == "avc1") {
     const ProbeParameterSets sets = split_parameter_sets(c);
     add(line, ", H.264 %s profile, level %s, %ux%u, %u-byte NAL lengths, %zu SPS, %zu PPS",
@@ -60,8 +60,8 @@ std::string codec_line(const ProbeTrack& track) {
       add(line, ", %s, %u channel%s, %u Hz", aac_object_name(track.audio.object_type).c_str(), channels,
           channels == 1 ? "" : "s", track.audio.sample_rate);
     } else {
-      add(line, ", object type 0x%02X, %u channels, %u Hz", c.byObjectType, unsigned{c.wChannelCount},
-          c.nSampleRate);
+      add(line, ", object type 0x%02X, %u channel%s, %u Hz", c.byObjectType, unsigned{c.wChannelCount},
+          c.wChannelCount == 1 ? "" : "s", c.nSampleRate);
     }
   }
   if (c.bTruncated) line += " (description longer than the parser keeps)";
@@ -71,8 +71,9 @@ std::string codec_line(const ProbeTrack& track) {
 void track_block(std::string& out, const ProbeTrack& track) {
   const ProbeFacts& f = track.facts;
   const std::string handler = track.handler();
+  const std::string name = track.handler_name();
   add(out, "\ntrack %d: %s (handler '%s', \"%s\")\n", track.id, kind(handler).c_str(),
-      fourcc_text(handler.data(), handler.size()).c_str(), track.handler_name().c_str());
+      printable_text(handler.data(), handler.size()).c_str(), printable_text(name.data(), name.size()).c_str());
   add(out, "  codec:       %s\n", codec_line(track).c_str());
   if (track.tkhd.nWidth || track.tkhd.nHeight)
     add(out, "  dimensions:  %dx%d\n", track.tkhd.nWidth, track.tkhd.nHeight);
@@ -143,11 +144,11 @@ std::string text_report(const ProbeReport& report, const std::string& source, Te
   std::string out;
   add(out, "%s: %llu bytes\n", source.c_str(), ull{report.stream_bytes});
   if (report.have_ftyp) {
-    add(out, "file type:   %s, minor version %u", fourcc_text(report.major_brand.data(), report.major_brand.size()).c_str(),
+    add(out, "file type:   %s, minor version %u", printable_text(report.major_brand.data(), report.major_brand.size()).c_str(),
         report.minor_version);
     if (!report.compatible_brands.empty()) {
       out += ", compatible with";
-      for (const auto& brand : report.compatible_brands) out += " " + fourcc_text(brand.data(), brand.size());
+      for (const auto& brand : report.compatible_brands) out += " " + printable_text(brand.data(), brand.size());
     }
     out += '\n';
   } else {
