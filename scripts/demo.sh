@@ -16,7 +16,9 @@ echo
 echo "Muxing the sample into $demo:"
 "$build/boxlane" mux --video tests/data/sample.h264 --audio tests/data/sample.aac --faststart -o "$demo"
 
-# Reading the file back with `boxlane probe` goes here.
+echo
+echo "Reading it back through the stream parser, 1000 bytes at a time:"
+"$build/boxlane" probe --piece 1000 "$demo"
 
 echo
 echo "The file is $(pwd)/$demo"
