@@ -1,5 +1,6 @@
-// Hand-built streams for the intake, splitter and cut tests, and a look into
-// a client's record (under its locks) where a test checks what is kept.
+// Hand-built streams for the intake, splitter and cut tests, a fixture with
+// one client, and a look into a client's record (under its locks) where a
+// test checks what is kept.
 #pragma once
 
 #include <boxlane/boxlane.hpp>
@@ -7,10 +8,13 @@
 #include "parse/parse_record.hpp"
 #include "support/box_builder.hpp"
 
+#include <gtest/gtest.h>
+
 #include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace boxlane::test {
@@ -93,5 +97,28 @@ inline Peek peek(const std::string& client) {
   }
   return p;
 }
+
+// A pool and a client for each test; clients made with other() go with it.
+class ParseClientTest : public ::testing::Test {
+ protected:
+  ParseClientTest(std::string client, int pools) : client_(std::move(client)), pools_(pools) {}
+  void SetUp() override {
+    ASSERT_TRUE(Boxlane_Parse_Init(pools_));
+    ASSERT_TRUE(Boxlane_Parse_Insert(client_.c_str()));
+  }
+  void TearDown() override {
+    others_.push_back(client_);
+    for (const std::string& c : others_) Boxlane_Parse_Delete(c.c_str());
+    Boxlane_Parse_Destory();
+  }
+  std::string other(const std::string& name) {
+    others_.push_back(name);
+    EXPECT_TRUE(Boxlane_Parse_Insert(name.c_str()));
+    return name;
+  }
+  const std::string client_;
+  const int pools_;
+  std::vector<std::string> others_;
+};
 
 }  // namespace boxlane::test

@@ -15,17 +15,9 @@ namespace {
 
 using namespace boxlane::test;
 
-class Intake : public ::testing::Test {
+class Intake : public ParseClientTest {
  protected:
-  void SetUp() override {
-    ASSERT_TRUE(Boxlane_Parse_Init(2));
-    ASSERT_TRUE(Boxlane_Parse_Insert(client_.c_str()));
-  }
-  void TearDown() override {
-    for (const std::string& c : {client_, client_ + "/2", std::string(127, 'x')}) Boxlane_Parse_Delete(c.c_str());
-    Boxlane_Parse_Destory();
-  }
-  const std::string client_ = "intake";
+  Intake() : ParseClientTest("intake", 2) {}
 };
 
 TEST_F(Intake, BadArgumentsFailWithParameterAndChangeNothing) {
@@ -53,9 +45,9 @@ TEST_F(Intake, BadArgumentsFailWithParameterAndChangeNothing) {
   EXPECT_TRUE(Boxlane_Parse_Send(client_.c_str(), nullptr, 0) && Boxlane_Parse_Send(client_.c_str(), ftyp.data(), 0));
   EXPECT_EQ(peek(client_).queued, 0u);
   // 127 bytes and the NUL fit.
-  ASSERT_TRUE(Boxlane_Parse_Insert(std::string(127, 'x').c_str()));
-  EXPECT_TRUE(send(std::string(127, 'x'), ftyp));
-  EXPECT_EQ(pending_events(std::string(127, 'x')), 1);
+  const std::string longest = other(std::string(127, 'x'));
+  EXPECT_TRUE(send(longest, ftyp));
+  EXPECT_EQ(pending_events(longest), 1);
 }
 
 TEST_F(Intake, ClientTableKeysExactBytesAndKeepsRecordsOnReinsert) {
@@ -151,8 +143,7 @@ TEST_F(Intake, WithoutATaskPoolParsingGoesOnAndEventCallsFail) {
 
   // A new pool knows only the clients inserted after it.
   ASSERT_TRUE(Boxlane_Parse_Init(1));
-  const std::string fresh = client_ + "/2";
-  ASSERT_TRUE(Boxlane_Parse_Insert(fresh.c_str()));
+  const std::string fresh = other("intake/fresh");
   ASSERT_TRUE(send(client_, movie_ftyp()) && send(fresh, movie_ftyp()));
   ASSERT_TRUE(Boxlane_Parse_GetPool(0, &list, &count));
   ASSERT_EQ(count, 1);

@@ -15,16 +15,9 @@ namespace {
 
 using namespace boxlane::test;
 
-class Splitter : public ::testing::Test {
+class Splitter : public ParseClientTest {
  protected:
-  void SetUp() override {
-    ASSERT_TRUE(Boxlane_Parse_Init(1));
-    ASSERT_TRUE(Boxlane_Parse_Insert(client_.c_str()));
-  }
-  void TearDown() override {
-    for (const std::string& c : {client_, client_ + "/2", client_ + "/3"}) Boxlane_Parse_Delete(c.c_str());
-    Boxlane_Parse_Destory();
-  }
+  Splitter() : ParseClientTest("splitter", 1) {}
   // The major brand the ftyp reader stored.
   std::string major_brand(const std::string& client) {
     QORVANE_HDRFTYP ftyp{};
@@ -32,7 +25,6 @@ class Splitter : public ::testing::Test {
     Fundrel_Memory_Free(reinterpret_cast<void***>(&ftyp.pptszCompatibleBrand), ftyp.nBrandCount);
     return ftyp.tszMajorBrand;
   }
-  const std::string client_ = "splitter";
 };
 
 TEST_F(Splitter, OnePieceYieldsEveryBoxInStreamOrderUpToTheMdat) {
@@ -78,15 +70,14 @@ TEST_F(Splitter, SizeFieldsZeroAndOne) {
 
   // 1: reported with size 0, its reader not called, nothing after it split,
   // and the stream refused from then on.
-  const std::string other = client_ + "/2";
-  ASSERT_TRUE(Boxlane_Parse_Insert(other.c_str()));
-  ASSERT_TRUE(send(other, cat({box("ftyp", Bytes{}.u64(40).str("isom").u32(0), 1), movie_moov()})));
-  headers = drain(other);
+  const std::string second = other("splitter/1");
+  ASSERT_TRUE(send(second, cat({box("ftyp", Bytes{}.u64(40).str("isom").u32(0), 1), movie_moov()})));
+  headers = drain(second);
   ASSERT_EQ(codes(headers), std::vector<int>{1});
   EXPECT_EQ(headers[0].nBoxSize, 0u);
-  EXPECT_EQ(major_brand(other), "");
-  EXPECT_EQ(parse_position(other), 0u);
-  EXPECT_FALSE(send(other, ftyp));
+  EXPECT_EQ(major_brand(second), "");
+  EXPECT_EQ(parse_position(second), 0u);
+  EXPECT_FALSE(send(second, ftyp));
   EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PARSE_NOTSUPPORT);
 }
 
@@ -95,8 +86,7 @@ TEST_F(Splitter, MalformedAndOversizedBoxesStopTheStream) {
   // The box before is queued, nothing for the bad one, and later pieces are
   // refused. A bad header that arrives split is judged once complete.
   const auto expect_stopped = [&](const std::vector<Bytes>& pieces, uint64_t code, const std::string& what) {
-    const std::string client = client_ + "/3";
-    ASSERT_TRUE(Boxlane_Parse_Insert(client.c_str()));
+    const std::string client = other(what);
     for (std::size_t i = 0; i + 1 < pieces.size(); ++i) ASSERT_TRUE(send(client, pieces[i])) << what;
     EXPECT_FALSE(send(client, pieces.back())) << what;
     EXPECT_EQ(Boxlane_GetLastError(nullptr), code) << what;
@@ -105,7 +95,6 @@ TEST_F(Splitter, MalformedAndOversizedBoxesStopTheStream) {
     EXPECT_TRUE(p.stop && p.queued == 0) << what;
     EXPECT_FALSE(send(client, movie_ftyp())) << what;
     EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PARSE_NOTSUPPORT) << what;
-    Boxlane_Parse_Delete(client.c_str());
   };
   for (uint32_t size = 2; size <= 7; ++size)
     expect_stopped({cat({movie_ftyp(), box("moov", Bytes{}.zeros(40), size)})}, BOXLANE_ERROR_PARSE_MALFORMED,
@@ -120,8 +109,7 @@ TEST_F(Splitter, MalformedAndOversizedBoxesStopTheStream) {
   const Peek p = peek(client_);
   EXPECT_TRUE(!p.back_finished && p.back_box_len == int32_t(limit) && p.back_buffer == 10'485'760u);
   // An mdat is never buffered, so any size goes.
-  const std::string media = client_ + "/2";
-  ASSERT_TRUE(Boxlane_Parse_Insert(media.c_str()));
+  const std::string media = other("splitter/mdat");
   ASSERT_TRUE(send(media, box("mdat", Bytes{}.zeros(100), 0xFFFFFFF0u)));
   EXPECT_EQ(drain(media)[0].nBoxSize, 0xFFFFFFF0u);
   EXPECT_EQ(parse_position(media), 0xFFFFFFF0u);

@@ -5,7 +5,6 @@
 #include "parse/parse_record.hpp"
 
 #include <algorithm>
-#include <cstring>
 #include <mutex>
 #include <random>
 #include <shared_mutex>
@@ -15,23 +14,25 @@ namespace boxlane::test {
 
 namespace {
 
-// The client's pool index, or -1 when it is not in the table.
-int pool_index(const std::string& client) {
+// Pool index and parse position of a client; false when it is not in the table.
+bool look(const std::string& client, int& pool_index, uint64_t& position) {
   std::shared_lock table(m_MP4Parse.st_RWLocker);
   const auto it = m_MP4Parse.stl_MapClient.find(std::string_view(client));
-  if (it == m_MP4Parse.stl_MapClient.end()) return -1;
+  if (it == m_MP4Parse.stl_MapClient.end()) return false;
   std::lock_guard guard(*it->second->st_Locker);
-  return it->second->nPoolIndex;
+  pool_index = it->second->nPoolIndex;
+  position = it->second->nParsePos;
+  return true;
 }
 
 }  // namespace
 
 int pending_events(const std::string& client) {
-  const int index = pool_index(client);
-  if (index < 0) return -1;
+  int index = 0;
+  uint64_t position = 0;
   QORVANE_RENDAVO_TASKEVENT** list = nullptr;
   int32_t count = 0;
-  if (!Boxlane_Parse_GetPool(index, &list, &count)) return -1;
+  if (!look(client, index, position) || !Boxlane_Parse_GetPool(index, &list, &count)) return -1;
   int events = 0;
   for (int32_t i = 0; i < count; ++i)
     if (client == list[i]->tszClientAddr) events = list[i]->nEventCount;
@@ -40,11 +41,10 @@ int pending_events(const std::string& client) {
 }
 
 uint64_t parse_position(const std::string& client) {
-  std::shared_lock table(m_MP4Parse.st_RWLocker);
-  const auto it = m_MP4Parse.stl_MapClient.find(std::string_view(client));
-  if (it == m_MP4Parse.stl_MapClient.end()) return 0;
-  std::lock_guard guard(*it->second->st_Locker);
-  return it->second->nParsePos;
+  int index = 0;
+  uint64_t position = 0;
+  look(client, index, position);
+  return position;
 }
 
 std::vector<QORVANE_MP4HDR> drain(const std::string& client) {
@@ -55,17 +55,14 @@ std::vector<QORVANE_MP4HDR> drain(const std::string& client) {
 }
 
 FeedResult feed(const std::string& client, const std::vector<uint8_t>& stream, const std::vector<std::size_t>& cuts) {
-  std::vector<std::size_t> ends;
+  std::vector<std::size_t> ends{stream.size()};
   for (std::size_t cut : cuts)
     if (cut > 0 && cut < stream.size()) ends.push_back(cut);
-  ends.push_back(stream.size());
   std::sort(ends.begin(), ends.end());
-  ends.erase(std::unique(ends.begin(), ends.end()), ends.end());
 
   FeedResult result;
-  std::size_t offset = 0;
   bool ended = false;
-  while (offset < stream.size() && !ended) {
+  for (std::size_t offset = 0; offset < stream.size() && !ended;) {
     const std::size_t end = *std::upper_bound(ends.begin(), ends.end(), offset);
     ++result.sends;
     const bool sent = Boxlane_Parse_Send(client.c_str(), stream.data() + offset, static_cast<int32_t>(end - offset));
@@ -76,20 +73,19 @@ FeedResult feed(const std::string& client, const std::vector<uint8_t>& stream, c
     std::size_t next = end;
     QORVANE_MP4HDR header;
     uint64_t position = 0;
-    while (Boxlane_Parse_Recv(client.c_str(), &header, &position)) {
+    for (; Boxlane_Parse_Recv(client.c_str(), &header, &position); ++taken) {
       result.headers.push_back(header);
       result.positions.push_back(position);
-      ++taken;
-      // The splitter looks at nothing after an mdat header; the next box
-      // starts where the mdat ends, which is the position Recv reports.
+      // Nothing after an mdat header is looked at; the next box starts
+      // where the mdat ends, which is the position Recv reports.
       if (header.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT) {
-        if (header.nBoxSize == 0) ended = true;
+        ended = header.nBoxSize == 0;
         next = static_cast<std::size_t>(position);
       }
     }
     if (events >= 0) {
       result.events = std::max<int64_t>(result.events, 0) + events;
-      if (static_cast<std::size_t>(events) != taken) result.events_matched = false;
+      result.events_matched = result.events_matched && static_cast<std::size_t>(events) == taken;
     }
     if (!sent) {
       result.error = code;
@@ -110,12 +106,8 @@ FeedResult feed_pieces(const std::string& client, const std::vector<uint8_t>& st
 
 std::vector<std::size_t> random_cuts(std::size_t size, std::size_t count, uint32_t seed) {
   std::vector<std::size_t> cuts;
-  if (size < 2) return cuts;
   std::mt19937 generator(seed);
-  std::uniform_int_distribution<std::size_t> at(1, size - 1);
-  for (std::size_t i = 0; i < count; ++i) cuts.push_back(at(generator));
-  std::sort(cuts.begin(), cuts.end());
-  cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
+  for (std::size_t i = 0; i < count && size > 1; ++i) cuts.push_back(1 + generator() % (size - 1));
   return cuts;
 }
 
