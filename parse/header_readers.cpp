@@ -14,6 +14,7 @@
 
 using boxlane::BeReader;
 using boxlane::parse::current_track;
+using boxlane::parse::open_track_box;
 using boxlane::parse::take_version_flags;
 
 namespace {
@@ -88,7 +89,9 @@ bool CBoxlane_Parse::Boxlane_Parse_TKhd(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_
   BeReader r(lpszMsgBuffer, nMsgLen);
   take_version_flags(pSt_MSGBuffer, r);
   const bool wide = r.u8() != 0;
-  // Base B (24 or 36) plus the 60 bytes up to the end of height.
+  // Base B (24 or 36) plus the 60 bytes up to the end of height. A cut tkhd
+  // neither makes a track nor switches to one: its track_ID may be whatever
+  // bytes came next.
   if (!r.has((wide ? 36u : 24u) + 60u - 1u)) return true;
   r.skip(3);
   QORVANE_HDRTKHD tkhd{};
@@ -113,11 +116,9 @@ bool CBoxlane_Parse::Boxlane_Parse_TKhd(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_
 }
 
 bool CBoxlane_Parse::Boxlane_Parse_MDhd(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
-  boxlane::clear_error();
-  BOXLANE_TRACKINFO* track = current_track(pSt_MP4Parse);
-  if (!track) return false;
   BeReader r(lpszMsgBuffer, nMsgLen);
-  take_version_flags(pSt_MSGBuffer, r);
+  BOXLANE_TRACKINFO* track = open_track_box(pSt_MP4Parse, pSt_MSGBuffer, r);
+  if (!track) return false;
   const bool wide = r.u8() != 0;
   if (!r.has((wide ? 34u : 22u) - 1u)) return true;
   r.skip(3);
@@ -132,11 +133,9 @@ bool CBoxlane_Parse::Boxlane_Parse_MDhd(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_
 }
 
 bool CBoxlane_Parse::Boxlane_Parse_HDlr(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
-  boxlane::clear_error();
-  BOXLANE_TRACKINFO* track = current_track(pSt_MP4Parse);
-  if (!track) return false;
   BeReader r(lpszMsgBuffer, nMsgLen);
-  take_version_flags(pSt_MSGBuffer, r);
+  BOXLANE_TRACKINFO* track = open_track_box(pSt_MP4Parse, pSt_MSGBuffer, r);
+  if (!track) return false;
   if (!r.has(24)) return true;
   r.skip(8);
   QORVANE_HDRHDLR& out = track->stHDlr;
@@ -153,11 +152,9 @@ bool CBoxlane_Parse::Boxlane_Parse_HDlr(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_
 }
 
 bool CBoxlane_Parse::Boxlane_Parse_VMhd(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
-  boxlane::clear_error();
-  BOXLANE_TRACKINFO* track = current_track(pSt_MP4Parse);
-  if (!track) return false;
   BeReader r(lpszMsgBuffer, nMsgLen);
-  take_version_flags(pSt_MSGBuffer, r);
+  BOXLANE_TRACKINFO* track = open_track_box(pSt_MP4Parse, pSt_MSGBuffer, r);
+  if (!track) return false;
   if (!r.has(12)) return true;
   r.skip(4);
   track->stVMSMhd.wGraphicsMode = r.u16();
@@ -166,11 +163,9 @@ bool CBoxlane_Parse::Boxlane_Parse_VMhd(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_
 }
 
 bool CBoxlane_Parse::Boxlane_Parse_SMhd(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
-  boxlane::clear_error();
-  BOXLANE_TRACKINFO* track = current_track(pSt_MP4Parse);
-  if (!track) return false;
   BeReader r(lpszMsgBuffer, nMsgLen);
-  take_version_flags(pSt_MSGBuffer, r);
+  BOXLANE_TRACKINFO* track = open_track_box(pSt_MP4Parse, pSt_MSGBuffer, r);
+  if (!track) return false;
   if (!r.has(6)) return true;
   r.skip(4);
   track->stVMSMhd.wBalance = r.u16();

@@ -156,7 +156,7 @@ bool CBoxlane_Parse::Boxlane_Parse_GetTrackCodec(const char* lpszClient, int nTr
   return with_track(*this, lpszClient, nTrackID, [&](const BOXLANE_TRACKINFO& track) {
     const BOXLANE_TRACKCODEC& codec = track.stCodec;
     BOXLANE_CODECINFO& out = *pSt_CodecInfo;
-    out = BOXLANE_CODECINFO{};
+    std::memset(&out, 0, sizeof out);  // some 17 KiB: no temporary on the stack
     std::memcpy(out.tszCodec, codec.tszCodec, sizeof(out.tszCodec));
     out.wDataRefIndex = codec.wDataRefIndex;
     out.wWidth = codec.wWidth;

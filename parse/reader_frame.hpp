@@ -3,6 +3,7 @@
 // record the splitter is building.
 #pragma once
 
+#include "frame/last_error.hpp"
 #include "parse/parse_record.hpp"
 #include "parse/track_record.hpp"
 #include "platform/be_reader.hpp"
@@ -20,6 +21,16 @@ inline void take_version_flags(BOXLANE_MSGBUFFER* entry, BeReader r) noexcept {
   if (!entry || !r.has(4)) return;
   entry->st_MP4Hdr.byVersion = r.u8();
   r.copy(entry->st_MP4Hdr.byFlags, 3);
+}
+
+// The opening every per-track full-box reader shares: the error flag
+// cleared, the current track found, and only then version and flags taken,
+// so a box without a track leaves its header record as the splitter made it.
+inline BOXLANE_TRACKINFO* open_track_box(QORVANE_MP4PARSE* record, BOXLANE_MSGBUFFER* entry, const BeReader& r) noexcept {
+  clear_error();
+  BOXLANE_TRACKINFO* track = current_track(record);
+  if (track) take_version_flags(entry, r);
+  return track;
 }
 
 }  // namespace boxlane::parse

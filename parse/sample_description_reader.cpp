@@ -15,8 +15,7 @@
 #include <vector>
 
 using boxlane::BeReader;
-using boxlane::parse::current_track;
-using boxlane::parse::take_version_flags;
+using boxlane::parse::open_track_box;
 
 namespace {
 
@@ -164,11 +163,9 @@ void read_audio(BeReader entry, BOXLANE_TRACKCODEC& codec) {
 }  // namespace
 
 bool CBoxlane_Parse::Boxlane_Parse_STsd(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
-  boxlane::clear_error();
-  BOXLANE_TRACKINFO* track = current_track(pSt_MP4Parse);
-  if (!track) return false;
   BeReader r(lpszMsgBuffer, nMsgLen);
-  take_version_flags(pSt_MSGBuffer, r);
+  BOXLANE_TRACKINFO* track = open_track_box(pSt_MP4Parse, pSt_MSGBuffer, r);
+  if (!track) return false;
   BOXLANE_TRACKCODEC& codec = track->stCodec;
   // The first description read stays: a repeated trak for the same track id
   // must not change what a caller may already have configured a decoder with.

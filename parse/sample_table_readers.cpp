@@ -12,8 +12,7 @@
 #include <vector>
 
 using boxlane::BeReader;
-using boxlane::parse::current_track;
-using boxlane::parse::take_version_flags;
+using boxlane::parse::open_track_box;
 
 namespace {
 
@@ -30,11 +29,9 @@ uint32_t whole_entries(const BeReader& r, int32_t count, std::size_t entry_size)
 template <typename Element, typename ReadOne>
 bool read_counted(QORVANE_MP4PARSE* record, BOXLANE_MSGBUFFER* entry, const uint8_t* payload, uint64_t length,
                   std::vector<Element> BOXLANE_TRACKINFO::*list, std::size_t entry_size, ReadOne read_one) {
-  boxlane::clear_error();
-  BOXLANE_TRACKINFO* track = current_track(record);
-  if (!track) return false;
   BeReader r(payload, length);
-  take_version_flags(entry, r);
+  BOXLANE_TRACKINFO* track = open_track_box(record, entry, r);
+  if (!track) return false;
   if (!r.has(8)) return true;
   r.skip(4);
   const uint32_t n = whole_entries(r, r.i32(), entry_size);
@@ -83,11 +80,9 @@ bool CBoxlane_Parse::Boxlane_Parse_STss(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_
 // A non-zero sample_size means every sample has that size and no table
 // follows; that constant is not kept.
 bool CBoxlane_Parse::Boxlane_Parse_STsz(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
-  boxlane::clear_error();
-  BOXLANE_TRACKINFO* track = current_track(pSt_MP4Parse);
-  if (!track) return false;
   BeReader r(lpszMsgBuffer, nMsgLen);
-  take_version_flags(pSt_MSGBuffer, r);
+  BOXLANE_TRACKINFO* track = open_track_box(pSt_MP4Parse, pSt_MSGBuffer, r);
+  if (!track) return false;
   if (!r.has(12)) return true;
   r.skip(4);
   if (r.u32() != 0) return true;
@@ -100,11 +95,9 @@ bool CBoxlane_Parse::Boxlane_Parse_STsz(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_
 
 // sdtp carries no count: one byte per sample to the end of the box (§8.6.4.2).
 bool CBoxlane_Parse::Boxlane_Parse_SDtp(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
-  boxlane::clear_error();
-  BOXLANE_TRACKINFO* track = current_track(pSt_MP4Parse);
-  if (!track) return false;
   BeReader r(lpszMsgBuffer, nMsgLen);
-  take_version_flags(pSt_MSGBuffer, r);
+  BOXLANE_TRACKINFO* track = open_track_box(pSt_MP4Parse, pSt_MSGBuffer, r);
+  if (!track) return false;
   if (!r.skip(4)) return true;
   std::vector<QORVANE_HDRSDTP>& out = track->stl_ListSDtp;
   out.reserve(out.size() + r.remaining());
