@@ -1,0 +1,328 @@
+// The H.264 syntax parser on parameter sets and slice headers that x264 made
+// (the expected values come from the encoder settings and from ffprobe), and
+// on hand-made bit strings for what x264 never writes.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "platform/annexb.hpp"
+#include "platform/h264.hpp"
+#include "support/paths.hpp"
+
+namespace {
+
+using namespace boxlane::h264;
+using boxlane::test::unhex;
+
+// Writes RBSP bits, then wraps them as a NAL unit with emulation
+// prevention inserted (ISO/IEC 14496-10 §7.4.1).
+class Bits {
+ public:
+  Bits& u(unsigned n, uint32_t v) {
+    for (unsigned i = n; i-- > 0;) bit((v >> i) & 1);
+    return *this;
+  }
+  Bits& ue(uint32_t v) {
+    const uint64_t x = uint64_t{v} + 1;
+    unsigned len = 0;
+    while ((x >> len) > 1) ++len;
+    u(len, 0);
+    for (unsigned i = len + 1; i-- > 0;) bit((x >> i) & 1);
+    return *this;
+  }
+  Bits& se(int32_t v) { return ue(v > 0 ? uint32_t(2 * v - 1) : uint32_t(-2 * int64_t{v})); }
+  std::vector<uint8_t> nal(uint8_t ref_idc, uint8_t type) const {
+    std::vector<uint8_t> rbsp = bytes_;
+    uint8_t last = cur_;
+    unsigned n = n_;
+    last = uint8_t(last << 1 | 1);  // rbsp_stop_one_bit
+    ++n;
+    rbsp.push_back(uint8_t(last << (8 - n)));
+    std::vector<uint8_t> out{uint8_t(ref_idc << 5 | type)};
+    unsigned zeros = 0;
+    for (uint8_t b : rbsp) {
+      if (zeros >= 2 && b <= 3) {
+        out.push_back(3);
+        zeros = 0;
+      }
+      out.push_back(b);
+      zeros = b == 0 ? zeros + 1 : 0;
+    }
+    return out;
+  }
+
+ private:
+  void bit(unsigned b) {
+    cur_ = uint8_t(cur_ << 1 | b);
+    if (++n_ == 8) {
+      bytes_.push_back(cur_);
+      cur_ = 0;
+      n_ = 0;
+    }
+  }
+  std::vector<uint8_t> bytes_;
+  uint8_t cur_ = 0;
+  unsigned n_ = 0;
+};
+
+ParameterSets sets_of(const std::vector<uint8_t>& sps_nal, const std::vector<uint8_t>& pps_nal) {
+  ParameterSets sets;
+  Sps sps;
+  Pps pps;
+  EXPECT_TRUE(parse_sps(sps_nal.data(), sps_nal.size(), sps));
+  EXPECT_TRUE(parse_pps(pps_nal.data(), pps_nal.size(), pps));
+  sets.sps[sps.id] = sps;
+  sets.has_sps[sps.id] = true;
+  sets.pps[pps.id] = pps;
+  sets.has_pps[pps.id] = true;
+  return sets;
+}
+
+// POCs of slices fed in decoding order.
+std::vector<int64_t> pocs_of(const ParameterSets& sets, const std::vector<std::vector<uint8_t>>& slices) {
+  PocCounter counter;
+  std::vector<int64_t> pocs;
+  for (const auto& nal : slices) {
+    SliceHeader sh;
+    EXPECT_TRUE(parse_slice_header(nal.data(), nal.size(), sets, sh)) << boxlane::test::hex(nal);
+    pocs.push_back(counter.next(sh, sets.sps[sets.pps[sh.pps_id].sps_id]));
+  }
+  return pocs;
+}
+
+// Display position of each picture, from the ranks of the POCs.
+std::vector<int> display_of(const std::vector<int64_t>& pocs) {
+  std::vector<int> order(pocs.size());
+  std::iota(order.begin(), order.end(), 0);
+  std::sort(order.begin(), order.end(), [&](int a, int b) { return pocs[a] < pocs[b]; });
+  std::vector<int> display(pocs.size());
+  for (std::size_t rank = 0; rank < order.size(); ++rank) display[order[rank]] = int(rank);
+  return display;
+}
+
+TEST(H264BitReader, ExpGolombCodesAndEmulationPrevention) {
+  // ue: 1 -> 0, 010 -> 1, 011 -> 2, 00100 -> 3, 00111 -> 6; se of 010 is +1,
+  // of 011 is -1. Bits 1 010 011 00100 00111 010 011 then padding.
+  const std::vector<uint8_t> nal = {0x67, 0b10100110, 0b01000011, 0b10100110};
+  BitReader br(nal.data(), nal.size());
+  EXPECT_EQ(br.ue(), 0u);
+  EXPECT_EQ(br.ue(), 1u);
+  EXPECT_EQ(br.ue(), 2u);
+  EXPECT_EQ(br.ue(), 3u);
+  EXPECT_EQ(br.ue(), 6u);
+  EXPECT_EQ(br.se(), 1);
+  EXPECT_EQ(br.se(), -1);
+  EXPECT_TRUE(br.ok());
+
+  // Every 03 after two zeros is dropped, and counting zeros starts again
+  // after it; an 03 after a dropped one is data.
+  const std::vector<uint8_t> escaped = {0x06, 0x00, 0x00, 0x03, 0x01, 0x00, 0x00, 0x03, 0x00, 0x00, 0x03, 0x03, 0x03};
+  BitReader er(escaped.data(), escaped.size());
+  EXPECT_EQ(er.bits(32), 0x00000100u);
+  EXPECT_EQ(er.bits(24), 0x000000u);
+  EXPECT_EQ(er.bits(16), 0x0303u);
+  EXPECT_TRUE(er.ok());
+  EXPECT_EQ(er.bits(1), 0u);
+  EXPECT_FALSE(er.ok()) << "a read past the end fails";
+
+  // The largest ue (32 leading zeros) does not fit and fails instead of
+  // wrapping; 31 leading zeros is the largest legal code.
+  const std::vector<uint8_t> huge = {0x67, 0, 0, 0, 0, 0x80, 0, 0, 0, 0};
+  BitReader hr(huge.data(), huge.size());
+  EXPECT_EQ(hr.ue(), 0u);
+  EXPECT_FALSE(hr.ok());
+  const std::vector<uint8_t> largest = {0x67, 0, 0, 0, 1, 0xFF, 0xFF, 0xFF, 0xFE};
+  BitReader lr(largest.data(), largest.size());
+  EXPECT_EQ(lr.ue(), 0xFFFFFFFEu);
+  EXPECT_TRUE(lr.ok());
+}
+
+TEST(H264ParameterSets, X264SequenceParameterSets) {
+  // x264, Main, 1920x1080 at 30000/1001 with two B-frames.
+  const auto hd = unhex("674d4028eca03c0113f2e022000007d20001d4c01e30632c");
+  Sps sps;
+  ASSERT_TRUE(parse_sps(hd.data(), hd.size(), sps));
+  EXPECT_EQ(sps.profile_idc, 77);
+  EXPECT_EQ(sps.level_idc, 40);
+  EXPECT_EQ(sps.width, 1920u);
+  EXPECT_EQ(sps.height, 1080u) << "68 macroblock rows cropped by 8 lines";
+  EXPECT_EQ(sps.crop_bottom, 8u);
+  EXPECT_EQ(sps.poc_type, 0u);
+  EXPECT_TRUE(sps.timing_info_present);
+  EXPECT_EQ(sps.num_units_in_tick, 1001u);
+  EXPECT_EQ(sps.time_scale, 60000u);
+  EXPECT_TRUE(sps.bitstream_restriction);
+  EXPECT_GE(sps.max_num_reorder_frames, 1u);
+
+  // x264, Baseline, 1920x1080 at 25 fps, no B-frames: POC type 2.
+  const auto base = unhex("6742c028da01e0089f97011000000300100000030320f1832a");
+  Sps b;
+  ASSERT_TRUE(parse_sps(base.data(), base.size(), b));
+  EXPECT_EQ(b.profile_idc, 66);
+  EXPECT_EQ(b.poc_type, 2u);
+  EXPECT_EQ(b.width, 1920u);
+  EXPECT_EQ(b.height, 1080u);
+  EXPECT_EQ(b.num_units_in_tick, 1u);
+  EXPECT_EQ(b.time_scale, 50u);
+
+  // The committed x264 SPS/PPS of the foundation tests: 64x64 High.
+  const auto small = boxlane::test::read_file(boxlane::test::source_dir() + "/tests/data/x264_sps_pps.h264");
+  boxlane::AnnexBSplitter split(small.data(), small.size());
+  boxlane::NalUnit nal_sps, nal_pps;
+  ASSERT_TRUE(split.next(nal_sps) && split.next(nal_pps));
+  const std::vector<uint8_t> small_sps(nal_sps.data, nal_sps.data + nal_sps.size);
+  const std::vector<uint8_t> small_pps(nal_pps.data, nal_pps.data + nal_pps.size);
+  Sps s;
+  Pps p;
+  ASSERT_TRUE(parse_sps(small_sps.data(), small_sps.size(), s));
+  ASSERT_TRUE(parse_pps(small_pps.data(), small_pps.size(), p));
+  EXPECT_EQ(s.profile_idc, 100);
+  EXPECT_TRUE(p.entropy_coding_mode) << "x264 High uses CABAC";
+
+  // Cut short, wrong NAL type, empty: refused.
+  for (std::size_t cut : {std::size_t{1}, std::size_t{4}, std::size_t{10}}) {
+    EXPECT_FALSE(parse_sps(hd.data(), cut, sps)) << cut;
+  }
+  EXPECT_FALSE(parse_sps(small_pps.data(), small_pps.size(), sps));
+  EXPECT_FALSE(parse_pps(hd.data(), hd.size(), p));
+  EXPECT_FALSE(parse_pps(small_pps.data(), 1, p));
+}
+
+TEST(H264ParameterSets, HandMadeCroppingFor422AndFieldCoding) {
+  // High 4:2:2, 1280x720 coded as 1280x736, frame_mbs_only 0 (so map units
+  // are field pairs): the crop unit is 2 across and 2 (one line per field) down.
+  Bits b;
+  b.u(8, 122).u(8, 0).u(8, 40).ue(0).ue(2).ue(0).ue(0).u(1, 0).u(1, 0);
+  b.ue(0).ue(2).ue(4).u(1, 0);
+  b.ue(1280 / 16 - 1).ue(736 / 32 - 1).u(1, 0).u(1, 1).u(1, 1);
+  b.u(1, 1).ue(0).ue(0).ue(0).ue(8);  // cropping: 16 lines at the bottom
+  b.u(1, 1).u(1, 1).u(8, 255).u(16, 4).u(16, 3).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 0);
+  const auto nal = b.nal(3, kNalSps);
+  Sps sps;
+  ASSERT_TRUE(parse_sps(nal.data(), nal.size(), sps));
+  EXPECT_EQ(sps.chroma_format_idc, 2u);
+  EXPECT_FALSE(sps.frame_mbs_only);
+  EXPECT_EQ(sps.width, 1280u);
+  EXPECT_EQ(sps.height, 720u);
+  EXPECT_EQ(sps.sar_width, 4);
+  EXPECT_EQ(sps.sar_height, 3);
+  EXPECT_FALSE(sps.timing_info_present);
+}
+
+TEST(H264SliceHeader, X264StreamsInDisplayOrder) {
+  // The SPS, PPS and the first bytes of each slice of a six-frame x264
+  // stream (Main, B-frames). ffprobe shows the frames, in display order, at
+  // decoding positions 0, 2, 3, 1, 5, 4.
+  const auto sets = sets_of(unhex("674d4028eca03c0113f2e022000007d20001d4c01e30632c"), unhex("68ce0fc8"));
+  const std::vector<std::vector<uint8_t>> slices = {
+      unhex("65888400e831800788088570"), unhex("419a2302af0cc3879ee3df21"), unhex("419e4142afe78b9b82653953"),
+      unhex("019e6242455f1be000881571"), unhex("419a65344a72af5f127571e0"), unhex("019e844519e37c001180f102")};
+  EXPECT_EQ(display_of(pocs_of(sets, slices)), (std::vector<int>{0, 3, 1, 2, 5, 4}));
+
+  SliceHeader idr;
+  ASSERT_TRUE(parse_slice_header(slices[0].data(), slices[0].size(), sets, idr));
+  EXPECT_TRUE(idr.idr());
+  EXPECT_EQ(idr.first_mb, 0u);
+  EXPECT_EQ(idr.slice_type, 2u);
+  EXPECT_EQ(idr.frame_num, 0u);
+  SliceHeader b;
+  ASSERT_TRUE(parse_slice_header(slices[3].data(), slices[3].size(), sets, b));
+  EXPECT_EQ(b.slice_type, 1u);
+  EXPECT_EQ(b.nal_ref_idc, 0);
+
+  // Baseline without B-frames, POC type 2: display order is decoding order.
+  const auto base = sets_of(unhex("6742c028da01e0089f97011000000300100000030320f1832a"), unhex("68ce0fc8"));
+  const auto pocs = pocs_of(base, {unhex("6588843a0c6001e202215c21"), unhex("419a21af0cc3879ee69e4200"),
+                                   unhex("419a40a89cbc4395c6f8003b"), unhex("419a60a8bc2fe00160c4e724")});
+  EXPECT_EQ(pocs, (std::vector<int64_t>{0, 2, 4, 6}));
+
+  // A slice whose PPS was never sent, or cut inside its header, is refused.
+  ParameterSets none;
+  SliceHeader sh;
+  EXPECT_FALSE(parse_slice_header(slices[1].data(), slices[1].size(), none, sh));
+  EXPECT_FALSE(parse_slice_header(slices[1].data(), 2, sets, sh));
+  EXPECT_FALSE(parse_slice_header(unhex("68ce0fc8").data(), 4, sets, sh)) << "a PPS is no slice";
+}
+
+// A Baseline-like SPS with the given order count settings, 320x240, 16
+// frame numbers, and a PPS for it.
+std::vector<uint8_t> hand_sps(uint32_t poc_type, const std::vector<int32_t>& cycle = {}, int32_t non_ref = 0) {
+  Bits b;
+  b.u(8, 66).u(8, 0).u(8, 30).ue(0).ue(0).ue(poc_type);
+  if (poc_type == 0) b.ue(0);  // 16 values of pic_order_cnt_lsb
+  if (poc_type == 1) {
+    b.u(1, 0).se(non_ref).se(0).ue(uint32_t(cycle.size()));
+    for (int32_t c : cycle) b.se(c);
+  }
+  b.ue(2).u(1, 0).ue(19).ue(14).u(1, 1).u(1, 1).u(1, 0).u(1, 0);
+  return b.nal(3, kNalSps);
+}
+
+std::vector<uint8_t> hand_pps() {
+  Bits b;
+  b.ue(0).ue(0).u(1, 0).u(1, 0).ue(0).ue(0).ue(0).u(1, 0).u(2, 0).se(0).se(0).se(0).u(1, 1).u(1, 0).u(1, 0);
+  return b.nal(3, kNalPps);
+}
+
+// slice_type 0 P, 1 B, 2 I. `poc_field` is pic_order_cnt_lsb (type 0) or
+// delta_pic_order_cnt[0] (type 1).
+std::vector<uint8_t> hand_slice(uint32_t poc_type, bool idr, uint8_t ref_idc, uint32_t type, uint32_t frame_num,
+                                int32_t poc_field, bool mmco5 = false) {
+  Bits b;
+  b.ue(0).ue(type + 5).ue(0).u(4, frame_num);
+  if (idr) b.ue(0);
+  if (poc_type == 0) b.u(4, uint32_t(poc_field));
+  if (poc_type == 1) b.se(poc_field);
+  if (type == 1) b.u(1, 1);            // direct_spatial_mv_pred_flag
+  if (type != 2) b.u(1, 0).u(1, 0);    // no override, no list modification
+  if (type == 1) b.u(1, 0);
+  if (ref_idc) {
+    if (idr) {
+      b.u(1, 0).u(1, 0);
+    } else if (mmco5) {
+      b.u(1, 1).ue(5).ue(0);
+    } else {
+      b.u(1, 0);
+    }
+  }
+  return b.nal(ref_idc, idr ? kNalIdrSlice : kNalSlice);
+}
+
+TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
+  // Type 1: reference frames 6 apart, non-reference pictures 4 before the
+  // expected count; the second B moves 2 later with delta_pic_order_cnt[0].
+  const auto t1 = sets_of(hand_sps(1, {6}, -4), hand_pps());
+  EXPECT_EQ(pocs_of(t1, {hand_slice(1, true, 3, 2, 0, 0), hand_slice(1, false, 2, 0, 1, 0),
+                         hand_slice(1, false, 0, 1, 2, 0), hand_slice(1, false, 0, 1, 2, 2)}),
+            (std::vector<int64_t>{0, 6, 2, 4}));
+
+  // Type 1 across the wrap of a 4-bit frame_num: FrameNumOffset carries on.
+  std::vector<std::vector<uint8_t>> run{hand_slice(1, true, 3, 2, 0, 0)};
+  for (uint32_t i = 1; i < 20; ++i) run.push_back(hand_slice(1, false, 2, 0, i % 16, 0));
+  const auto wrapped = pocs_of(t1, run);
+  for (std::size_t i = 0; i < wrapped.size(); ++i) EXPECT_EQ(wrapped[i], int64_t(6 * i)) << i;
+
+  // Type 0 across the wrap of a 4-bit pic_order_cnt_lsb.
+  const auto t0 = sets_of(hand_sps(0), hand_pps());
+  run = {hand_slice(0, true, 3, 2, 0, 0)};
+  for (uint32_t i = 1; i < 20; ++i) run.push_back(hand_slice(0, false, 2, 0, i % 16, int32_t((2 * i) % 16)));
+  const auto msb = pocs_of(t0, run);
+  for (std::size_t i = 0; i < msb.size(); ++i) EXPECT_EQ(msb[i], int64_t(2 * i)) << i;
+
+  // memory_management_control_operation 5 restarts counting like an IDR:
+  // the picture itself counts 0, and the one after it counts from there.
+  const auto reset = pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 4),
+                                  hand_slice(0, false, 2, 0, 2, 8, true), hand_slice(0, false, 2, 0, 1, 2)});
+  EXPECT_EQ(reset, (std::vector<int64_t>{0, 4, 0, 2}));
+
+  // A type 2 IDR after other pictures starts again at 0.
+  const auto t2 = sets_of(hand_sps(2), hand_pps());
+  EXPECT_EQ(pocs_of(t2, {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0),
+                         hand_slice(2, false, 0, 0, 2, 0), hand_slice(2, true, 3, 2, 0, 0)}),
+            (std::vector<int64_t>{0, 2, 3, 0}));
+}
+
+}  // namespace
