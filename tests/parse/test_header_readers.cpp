@@ -35,8 +35,6 @@ TEST_F(HeaderReaders, MovieHeaderBothVersions) {
   v0.full(0, 0).u32(1).u32(2).u32(1000).u32(5000).u32(0x00010000).u16(0x0100).zeros(10).zeros(36).zeros(24).u32(3);
   ASSERT_EQ(v0.size(), 100u);
   EXPECT_TRUE(feed(&P::Boxlane_Parse_MVhd, v0));
-  EXPECT_EQ(record.stMVhd.nCreateTime, 1u);
-  EXPECT_EQ(record.stMVhd.nModifyTime, 2u);
   EXPECT_EQ(record.stMVhd.nTimeScale, 1000u);
   EXPECT_EQ(record.stMVhd.nDuration, 5000u);
   EXPECT_EQ(record.stMVhd.nRate, 0x00010000u);
@@ -71,8 +69,6 @@ TEST_F(HeaderReaders, TrackHeaderMakesAndSelectsTracks) {
   EXPECT_EQ(t1.nTrackID, 1);
   EXPECT_EQ(t1.nWidth, 1280);
   EXPECT_EQ(t1.nHeight, 720);
-  EXPECT_EQ(t1.nCreateTime, 0x11u);
-  EXPECT_EQ(t1.nModifyTime, 0x22u);
   EXPECT_EQ(t1.nDuration, 0x33u);
   EXPECT_EQ(t1.wLayer, 1);
   EXPECT_EQ(t1.wAlternateGroup, 2);

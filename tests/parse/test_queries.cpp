@@ -34,7 +34,7 @@ class Queries : public ReaderTest {
   std::string name_;
 };
 
-TEST_F(Queries, FileAndMovieHeaders) {
+TEST_F(Queries, FileType) {
   QORVANE_HDRFTYP ftyp;
   std::memset(&ftyp, 0xAB, sizeof ftyp);
   ASSERT_TRUE(Boxlane_Parse_GetFTyp(client(), &ftyp));
@@ -42,25 +42,18 @@ TEST_F(Queries, FileAndMovieHeaders) {
   EXPECT_EQ(ftyp.nBrandCount, 0);
   Fundrel_Memory_Free(reinterpret_cast<void***>(&ftyp.pptszCompatibleBrand), 0);
 
-  ASSERT_TRUE(feed_ftyp(Bytes{}.str("isom").u32(512).str("isom").str("av").u16(0).str("mp41")));
+  // Rows of 8 bytes, each brand NUL-terminated, a 2-character one included.
+  ASSERT_TRUE(feed_ftyp(Bytes{}.str("isom").u32(512).str("mp41").str("av").u16(0)));
   ASSERT_TRUE(Boxlane_Parse_GetFTyp(client(), &ftyp));
   EXPECT_STREQ(ftyp.tszMajorBrand, "isom");
-  EXPECT_EQ(ftyp.nMinorVersion, 512u);
-  ASSERT_EQ(ftyp.nBrandCount, 3);
-  EXPECT_STREQ(ftyp.pptszCompatibleBrand[0], "isom");
+  ASSERT_EQ(ftyp.nBrandCount, 2);
+  EXPECT_STREQ(ftyp.pptszCompatibleBrand[0], "mp41");
   EXPECT_STREQ(ftyp.pptszCompatibleBrand[1], "av");
-  EXPECT_STREQ(ftyp.pptszCompatibleBrand[2], "mp41");
   Fundrel_Memory_Free(reinterpret_cast<void***>(&ftyp.pptszCompatibleBrand), ftyp.nBrandCount);
-
-  QORVANE_HDRMVHD mvhd{};
-  ASSERT_TRUE(feed(&P::Boxlane_Parse_MVhd, Bytes{}.full(0, 0).u32(1).u32(2).u32(1000).u32(5000).u32(0x10000).u16(0x100).zeros(70).u32(3)));
-  ASSERT_TRUE(Boxlane_Parse_GetMVhd(client(), &mvhd));
-  EXPECT_EQ(mvhd.nTimeScale, 1000u);
-  EXPECT_EQ(mvhd.nNextTrackID, 3u);
 
   EXPECT_FALSE(Boxlane_Parse_GetFTyp("queries/nobody", &ftyp));
   expect_not_found();
-  EXPECT_FALSE(Boxlane_Parse_GetMVhd(client(), nullptr));
+  EXPECT_FALSE(Boxlane_Parse_GetFTyp(client(), nullptr));
   EXPECT_EQ(Boxlane_GetLastError(nullptr), uint64_t{BOXLANE_ERROR_PARSE_PARAMETER});
 }
 
