@@ -204,6 +204,33 @@ TEST_F(SampleReaders, AacDescription) {
   EXPECT_EQ(track(4).stCodec.byObjectType, 0);
 }
 
+// Every reader on every prefix of a well-formed payload: the sanitizer
+// catches a read past the exact allocation that feed() makes.
+TEST_F(SampleReaders, EveryPrefixStaysInside) {
+  Bytes avcc;
+  avcc.u8(1).u8(0x64).u8(0).u8(0x1F).u8(0xFF).u8(0xE1).u16(3).add({0x67, 1, 2}).u8(1).u16(2).add({0x68, 1});
+  const std::vector<uint8_t> esds = unhex("03 80 80 19 0002 E0 0007 01 61 0009 04 11 40 15 000000 00000001 00000002 05 02 1190 06 01 02");
+  const std::vector<std::pair<Reader, Bytes>> boxes = {
+      {&P::Boxlane_Parse_STsd, stsd(avc1_entry(avcc))},
+      {&P::Boxlane_Parse_STsd, stsd(mp4a_entry(esds))},
+      {&P::Boxlane_Parse_TKhd, tkhd_payload(1, 0, 0, 1)},
+      {&P::Boxlane_Parse_MVhd, Bytes{}.full(1, 0).zeros(108)},
+      {&P::Boxlane_Parse_MDhd, Bytes{}.full(1, 0).zeros(32)},
+      {&P::Boxlane_Parse_HDlr, Bytes{}.full(0, 0).zeros(20).str("name")},
+      {&P::Boxlane_Parse_Dinf, box("dref", Bytes{}.full(0, 0).u32(1).add(full_box("url ", 0, 0, Bytes{}.str("x"))))},
+      {&P::Boxlane_Parse_STsc, Bytes{}.full(0, 0).u32(2).zeros(24)},
+      {&P::Boxlane_Parse_STsz, Bytes{}.full(0, 0).u32(0).u32(2).zeros(8)},
+      {&P::Boxlane_Parse_SDtp, Bytes{}.full(0, 0).zeros(3)},
+  };
+  for (const auto& [reader, payload] : boxes) {
+    for (std::size_t len = 0; len <= payload.size(); ++len) {
+      record = QORVANE_MP4PARSE{};
+      make_track(1);
+      EXPECT_TRUE(feed(reader, std::vector<uint8_t>(payload.begin(), payload.begin() + long(len))));
+    }
+  }
+}
+
 TEST(DescriptorLen, DecodesUpToFourBytes) {
   struct Case {
     std::vector<uint8_t> bytes;
