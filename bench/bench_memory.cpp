@@ -68,25 +68,32 @@ constexpr uint32_t kFrames = 1'000'000;
 // composition offset, a key frame every 60. `ms_clock` gives the durations of
 // a millisecond clock at 30 fps (33, 33, 34), which costs an stts run for two
 // frames of every three; otherwise every duration is 3000 at 90 kHz.
+// A million frames into a fresh client: `write(pos, n)` hands in frame n to
+// be placed at pos and returns the bytes written.
+template <typename Write>
+void measure_frames(benchmark::State& state, const char* client, Write write) {
+  for (auto _ : state) {
+    Boxlane_Packet_Insert(client);
+    const Window w;
+    int64_t pos = 48;
+    for (uint32_t n = 0; n < kFrames; ++n) pos += write(pos, n);
+    report(state, w, kFrames);
+    Boxlane_Packet_Delete(client);
+  }
+}
+
 void BM_writer_video(benchmark::State& state, bool ms_clock) {
   constexpr char kClient[] = "memory-video";
   uint8_t frame[64] = {0, 0, 0, 1, 0x41};
   uint8_t out[sizeof frame];
   int32_t written = 0;
-  for (auto _ : state) {
-    Boxlane_Packet_Insert(kClient);
-    const Window w;
-    int64_t pos = 48;
-    for (uint32_t n = 0; n < kFrames; ++n) {
-      const auto duration =
-          ms_clock ? static_cast<int32_t>((uint64_t{n} + 1) * 1000 / 30 - uint64_t{n} * 1000 / 30) : 3000;
-      Boxlane_Packet_FrameVideo(kClient, out, &written, frame, sizeof frame, pos, n % 60 == 0 ? 1 : 0, duration,
-                                static_cast<int32_t>(n % 3 + 1) * duration);
-      pos += written;
-    }
-    report(state, w, kFrames);
-    Boxlane_Packet_Delete(kClient);
-  }
+  measure_frames(state, kClient, [&](int64_t pos, uint32_t n) {
+    const auto duration =
+        ms_clock ? static_cast<int32_t>((uint64_t{n} + 1) * 1000 / 30 - uint64_t{n} * 1000 / 30) : 3000;
+    Boxlane_Packet_FrameVideo(kClient, out, &written, frame, sizeof frame, pos, n % 60 == 0 ? 1 : 0, duration,
+                              static_cast<int32_t>(n % 3 + 1) * duration);
+    return written;
+  });
 }
 
 void BM_writer_audio(benchmark::State& state) {
@@ -94,17 +101,10 @@ void BM_writer_audio(benchmark::State& state) {
   uint8_t frame[64] = {0x21};
   uint8_t out[sizeof frame];
   int32_t written = 0;
-  for (auto _ : state) {
-    Boxlane_Packet_Insert(kClient);
-    const Window w;
-    int64_t pos = 48;
-    for (uint32_t n = 0; n < kFrames; ++n) {
-      Boxlane_Packet_FrameAudio(kClient, out, &written, frame, sizeof frame, pos, 1024);
-      pos += written;
-    }
-    report(state, w, kFrames);
-    Boxlane_Packet_Delete(kClient);
-  }
+  measure_frames(state, kClient, [&](int64_t pos, uint32_t) {
+    Boxlane_Packet_FrameAudio(kClient, out, &written, frame, sizeof frame, pos, 1024);
+    return written;
+  });
 }
 
 // 13,000 seconds: 390,000 video and 609,375 audio samples, about a million.
@@ -191,5 +191,5 @@ void operator delete[](void* p, const std::nothrow_t&) noexcept { counted_delete
 
 int main(int argc, char** argv) {
   register_all();
-  return boxlane::bench::run_benchmarks(argc, argv, summary);
+  return boxlane::bench::run_benchmarks(argc, argv, summary, 1);
 }

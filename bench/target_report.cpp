@@ -3,6 +3,8 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <string>
+#include <vector>
 
 namespace boxlane::bench {
 
@@ -60,9 +62,22 @@ bool print_target(const std::string& what, double value, double limit, bool at_l
   return holds;
 }
 
-int run_benchmarks(int argc, char** argv, const std::function<void(const Results&)>& summary) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+int run_benchmarks(int argc, char** argv, const std::function<void(const Results&)>& summary, int repetitions) {
+  // Defaults go first: a flag given on the command line comes later and wins.
+  std::string repeat = "--benchmark_repetitions=" + std::to_string(repetitions);
+  std::string interleave = "--benchmark_enable_random_interleaving=true";
+  std::string aggregates = "--benchmark_display_aggregates_only=true";
+  std::vector<char*> args{argv[0]};
+  if (repetitions > 1) {
+    args.push_back(repeat.data());
+    args.push_back(interleave.data());
+    args.push_back(aggregates.data());
+  }
+  args.insert(args.end(), argv + 1, argv + argc);
+  int count = static_cast<int>(args.size());
+  args.push_back(nullptr);
+  benchmark::Initialize(&count, args.data());
+  if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 2;
   Results results;
   KeepingReporter reporter(results);
   benchmark::RunSpecifiedBenchmarks(&reporter);

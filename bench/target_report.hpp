@@ -28,8 +28,13 @@ struct Results {
 bool print_target(const std::string& what, double value, double limit, bool at_least, const char* unit);
 
 // Runs what is registered with the command-line options of Google Benchmark,
-// then hands the results to `summary`. Exit status 1 when a benchmark
-// reported an error (its self-check failed), 2 for bad options, else 0.
-int run_benchmarks(int argc, char** argv, const std::function<void(const Results&)>& summary);
+// then hands the results to `summary`. Unless the command line says
+// otherwise, each benchmark is repeated `repetitions` times with the
+// repetitions of all benchmarks shuffled together, so that a baseline and
+// what is measured against it see the same machine, and the summary uses the
+// medians. Exit status 1 when a benchmark reported an error (its self-check
+// failed), 2 for bad options, else 0.
+int run_benchmarks(int argc, char** argv, const std::function<void(const Results&)>& summary,
+                   int repetitions = 5);
 
 }  // namespace boxlane::bench
