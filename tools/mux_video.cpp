@@ -108,7 +108,8 @@ class Scanner {
     }
     if (out_.pps_nal.empty()) {
       if (!sets_.has_sps[parsed.sps_id]) {
-        throw MuxError(name_ + ": the picture parameter set" + at(nal.offset) + " refers to an SPS that was not sent");
+        throw MuxError(name_ + ": no sequence parameter set (SPS) was sent before the picture parameter set" +
+                       at(nal.offset));
       }
       out_.pps_nal.assign(nal.data, nal.data + nal.size);
       sets_.pps[parsed.id] = parsed;
