@@ -57,6 +57,12 @@ int32_t BitReader::se() noexcept {
 
 namespace {
 
+// The NAL header byte (§7.3.1), or 0 (no valid NAL unit has it) when empty.
+uint8_t header_of(const uint8_t* nal, std::size_t size) {
+  BeReader r(nal, size);
+  return r.u8();
+}
+
 constexpr bool high_profile(uint8_t profile) {
   switch (profile) {
     case 100: case 110: case 122: case 244: case 44: case 83:
@@ -142,7 +148,7 @@ void parse_vui(BitReader& br, Sps& sps) {
 }  // namespace
 
 bool parse_sps(const uint8_t* nal, std::size_t size, Sps& out) noexcept {
-  if (size < 1 || (nal[0] & 0x1F) != kNalSps) return false;
+  if ((header_of(nal, size) & 0x1F) != kNalSps) return false;
   BitReader br(nal, size);
   Sps sps;
   sps.profile_idc = static_cast<uint8_t>(br.bits(8));
@@ -216,7 +222,7 @@ bool parse_sps(const uint8_t* nal, std::size_t size, Sps& out) noexcept {
 }
 
 bool parse_pps(const uint8_t* nal, std::size_t size, Pps& out) noexcept {
-  if (size < 1 || (nal[0] & 0x1F) != kNalPps) return false;
+  if ((header_of(nal, size) & 0x1F) != kNalPps) return false;
   BitReader br(nal, size);
   Pps pps;
   pps.id = br.ue();
@@ -309,13 +315,13 @@ bool read_dec_ref_pic_marking(BitReader& br, bool idr, bool& mmco5) {
 }  // namespace
 
 bool parse_slice_header(const uint8_t* nal, std::size_t size, const ParameterSets& sets, SliceHeader& out) noexcept {
-  if (size < 1) return false;
-  const uint8_t type = nal[0] & 0x1F;
+  const uint8_t header = header_of(nal, size);
+  const uint8_t type = header & 0x1F;
   if (type != kNalSlice && type != kNalIdrSlice && type != kNalPartitionA) return false;
   BitReader br(nal, size);
   SliceHeader sh;
   sh.nal_type = type;
-  sh.nal_ref_idc = static_cast<uint8_t>((nal[0] >> 5) & 3);
+  sh.nal_ref_idc = static_cast<uint8_t>((header >> 5) & 3);
   sh.first_mb = br.ue();
   const uint32_t raw_type = br.ue();
   if (raw_type > 9) return false;

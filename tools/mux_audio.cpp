@@ -15,10 +15,10 @@ std::string at(uint64_t offset) { return " at byte " + std::to_string(offset); }
 // "ID3", version, flags, then a 28-bit size in four 7-bit bytes.
 std::size_t id3_tag_size(const uint8_t* data, std::size_t size) {
   BeReader r(data, size);
-  if (r.u8() != 'I' || r.u8() != 'D' || r.u8() != '3' || !r.skip(3)) return 0;
+  if (r.u8() != 'I' || r.u8() != 'D' || r.u8() != '3' || !r.skip(2)) return 0;
+  const bool footer = r.u8() & 0x10;
   uint32_t body = 0;
   for (int i = 0; i < 4; ++i) body = (body << 7) | (r.u8() & 0x7F);
-  const bool footer = size > 5 && (data[5] & 0x10);
   const uint64_t total = 10 + uint64_t{body} + (footer ? 10 : 0);
   return r.ok() && total <= size ? static_cast<std::size_t>(total) : 0;
 }

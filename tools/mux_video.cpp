@@ -5,11 +5,18 @@
 #include <numeric>
 
 #include "platform/annexb.hpp"
+#include "platform/be_reader.hpp"
 #include "tools/mux_error.hpp"
 
 namespace boxlane::tool {
 
 namespace {
+
+// §7.4.1: forbidden_zero_bit set marks a unit damaged in transmission.
+bool forbidden_bit_set(const NalUnit& nal) {
+  BeReader r(nal.data, nal.size);
+  return (r.u8() & 0x80) != 0;
+}
 
 std::string at(uint64_t offset) { return " at byte " + std::to_string(offset); }
 
@@ -39,7 +46,7 @@ class Scanner {
 
   void nal(const NalUnit& nal) {
     if (nal.size == 0) return;
-    if (nal.data[0] & 0x80) throw MuxError(name_ + ": damaged NAL unit (forbidden_zero_bit set)" + at(nal.offset));
+    if (forbidden_bit_set(nal)) throw MuxError(name_ + ": damaged NAL unit (forbidden_zero_bit set)" + at(nal.offset));
     const uint8_t type = nal.type();
     switch (type) {
       case h264::kNalSps:
@@ -211,8 +218,9 @@ void scan_video(const uint8_t* data, std::size_t size, const std::string& name, 
   if (leading == size) {
     throw MuxError(name + ": no Annex B start code (00 00 01) found; this is not an H.264 elementary stream");
   }
-  for (std::size_t i = 0; i < leading; ++i) {
-    if (data[i] != 0) {
+  BeReader before(data, leading);
+  while (before.remaining()) {
+    if (before.u8() != 0) {
       throw MuxError(name + ": " + std::to_string(leading) +
                      " bytes before the first start code; this is not an H.264 Annex B stream");
     }
