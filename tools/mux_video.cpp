@@ -92,41 +92,41 @@ class Scanner {
  private:
   void sps(const NalUnit& nal) {
     h264::Sps parsed;
-    if (!h264::parse_sps(nal.data, nal.size, parsed)) {
-      throw MuxError(name_ + ": cannot read the sequence parameter set" + at(nal.offset) + " (damaged or cut short)");
-    }
-    if (out_.sps_nal.empty()) {
-      out_.sps_nal.assign(nal.data, nal.data + nal.size);
-      out_.sps = parsed;
-      sets_.sps[parsed.id] = parsed;
-      sets_.has_sps[parsed.id] = true;
-      return;
-    }
-    if (!same_bytes(out_.sps_nal, nal)) {
-      throw MuxError(name_ + ": the sequence parameter set changes" + at(nal.offset) +
-                     "; one MP4 track holds one SPS, so split the stream there");
-    }
+    if (!h264::parse_sps(nal.data, nal.size, parsed)) unreadable("sequence", nal);
+    if (!keep_first(out_.sps_nal, nal, "sequence", "SPS")) return;
+    out_.sps = parsed;
+    sets_.sps[parsed.id] = parsed;
+    sets_.has_sps[parsed.id] = true;
   }
 
   void pps(const NalUnit& nal) {
     h264::Pps parsed;
-    if (!h264::parse_pps(nal.data, nal.size, parsed)) {
-      throw MuxError(name_ + ": cannot read the picture parameter set" + at(nal.offset) + " (damaged or cut short)");
+    if (!h264::parse_pps(nal.data, nal.size, parsed)) unreadable("picture", nal);
+    if (out_.pps_nal.empty() && !sets_.has_sps[parsed.sps_id]) {
+      throw MuxError(name_ + ": no sequence parameter set (SPS) was sent before the picture parameter set" +
+                     at(nal.offset));
     }
-    if (out_.pps_nal.empty()) {
-      if (!sets_.has_sps[parsed.sps_id]) {
-        throw MuxError(name_ + ": no sequence parameter set (SPS) was sent before the picture parameter set" +
-                       at(nal.offset));
-      }
-      out_.pps_nal.assign(nal.data, nal.data + nal.size);
-      sets_.pps[parsed.id] = parsed;
-      sets_.has_pps[parsed.id] = true;
-      return;
+    if (!keep_first(out_.pps_nal, nal, "picture", "PPS")) return;
+    sets_.pps[parsed.id] = parsed;
+    sets_.has_pps[parsed.id] = true;
+  }
+
+  [[noreturn]] void unreadable(const char* kind, const NalUnit& nal) {
+    throw MuxError(name_ + ": cannot read the " + kind + " parameter set" + at(nal.offset) + " (damaged or cut short)");
+  }
+
+  // The sample description holds one parameter set of each kind: the first
+  // is kept (true), repeats must be identical (false), anything else stops.
+  bool keep_first(std::vector<uint8_t>& kept, const NalUnit& nal, const char* kind, const char* abbrev) {
+    if (kept.empty()) {
+      kept.assign(nal.data, nal.data + nal.size);
+      return true;
     }
-    if (!same_bytes(out_.pps_nal, nal)) {
-      throw MuxError(name_ + ": the picture parameter set changes" + at(nal.offset) +
-                     " (or a second one appears); one MP4 track holds one PPS, so split the stream there");
+    if (!same_bytes(kept, nal)) {
+      throw MuxError(name_ + ": the " + kind + " parameter set changes" + at(nal.offset) +
+                     " (or a second one appears); one MP4 track holds one " + abbrev + ", so split the stream there");
     }
+    return false;
   }
 
   void slice(const NalUnit& nal) {
