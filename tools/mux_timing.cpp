@@ -35,6 +35,11 @@ bool fits(const Timing& t, const TimingInput& in) {
 
 Timing choose_timing(const TimingInput& in) {
   if (in.forced_timescale) {
+    // Every sample needs at least one tick, or it would get no duration.
+    const uint64_t ts = in.forced_timescale;
+    if ((in.video && ts * in.fps_den < in.fps_num) || (in.audio && ts * 1024 < in.sample_rate)) {
+      throw MuxError("time scale " + std::to_string(ts) + " is too coarse: a frame would last less than one tick");
+    }
     Timing t = make(in.forced_timescale, in);
     if (!fits(t, in)) throw MuxError("the movie is too long for time scale " + std::to_string(in.forced_timescale));
     return t;

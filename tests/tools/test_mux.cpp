@@ -229,6 +229,7 @@ TEST(Mux, BrokenInputFailsAndLeavesNoFile) {
       {"--audio " + q(dir + "/garbage.aac"), "not an AAC ADTS stream"},
       {"--video " + q(src.video) + " --audio " + q(dir + "/lost.aac"), "sync lost"},
       {"--video " + q(src.video) + " --fps 0", "--fps"},
+      {"--video " + q(src.video) + " --timescale 20", "too coarse"},
       {"--video " + q(src.video) + " --bogus", "unknown option"},
       {"", "give --video, --audio or both"},
   };
