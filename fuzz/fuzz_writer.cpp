@@ -158,7 +158,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         auto record = std::make_unique<tag_Qorvane_AVProtocol>();
         std::memset(record.get(), 0, sizeof *record);
         record->bVideo = in.u8() & 1;
-        const auto header = in.bytes(1100);
+        auto header = in.bytes(1100);
+        header.reserve(1);  // a valid pointer for memcpy even when empty
         const int32_t claimed = static_cast<int32_t>(header.size()) - (in.u8() % 4 == 0 ? 40 : 0);
         if (record->bVideo) {
           std::memcpy(record->tszVideoHdr, header.data(), std::min<std::size_t>(header.size(), 1024));

@@ -25,7 +25,7 @@ for t in "${targets[@]}"; do
   seeds=()
   [ -d "fuzz/corpus/$t" ] && seeds=("fuzz/corpus/$t")
   echo "== fuzz_$t for ${seconds}s"
-  "$build/fuzz_$t" "$corpus" "${seeds[@]}" -dict=fuzz/dict/mp4.dict -max_total_time="$seconds" \
+  "$build/fuzz/fuzz_$t" "$corpus" "${seeds[@]}" -dict=fuzz/dict/mp4.dict -max_total_time="$seconds" \
     -artifact_prefix="$findings/" -print_final_stats=1 -rss_limit_mb=4096 "$@" 2>&1 | tail -n 12
   if compgen -G "$findings/*" >/dev/null; then
     echo "fuzz_$t found a problem: $(ls "$findings")" >&2

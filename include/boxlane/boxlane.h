@@ -94,7 +94,10 @@ typedef enum {
   ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO = 313365,
   ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSS = 313366,
   ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS = 313367,
-  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_SDTP = 313368
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_SDTP = 313368,
+  /* Never a box's code. It makes every 32-bit value a valid value of the
+   * enumeration, so a code from a C caller never leaves its range. */
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_INVALID = -2147483647 - 1
 } ENUM_QORVANE_MORVALY_BOXLANE_HTYPE;
 
 /* -------------------------------------------------------- parser records */
