@@ -100,8 +100,13 @@ bool CBoxlane_Parse::Boxlane_Parse_GetTrackInfo(const char* lpszClient, int nTra
 bool CBoxlane_Parse::Boxlane_Parse_GetTrackList(const char* lpszClient, int nTrackID, QORVANE_HDRSAMPLENFO*** pppSt_ListInfo, int* pInt_ListCount, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE enHType) {
   if (!pppSt_ListInfo || !pInt_ListCount) return bad_pointer();
   return with_track(*this, lpszClient, nTrackID, [&](const BOXLANE_TRACKINFO& track) {
+    // A C caller may pass any int; outside the enumerators' range that is no
+    // valid value of the C++ enum, so the code is read as its bits.
+    static_assert(sizeof enHType == sizeof(int32_t));
+    int32_t code = 0;
+    std::memcpy(&code, &enHType, sizeof code);
     const std::vector<QORVANE_HDRSAMPLENFO>* list = nullptr;
-    switch (enHType) {
+    switch (code) {
       case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS: list = &track.stl_ListSTts; break;
       case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS: list = &track.stl_ListCTts; break;
       case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSC: list = &track.stl_ListSTsc; break;
