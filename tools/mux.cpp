@@ -43,8 +43,9 @@ constexpr const char* kUsage =
     "  -h, --help           show this help\n"
     "\n"
     "B-frames are ordered by the slices' picture order count and the video track\n"
-    "gets an edit list, so video and audio start together. Access units of several\n"
-    "slices become one sample each. The stream's SPS and PPS must not change.\n"
+    "gets an edit list, so video and audio start together. An access unit of several\n"
+    "slices becomes one sample, and so do the two fields of a frame coded as fields.\n"
+    "The stream's SPS and PPS must not change.\n"
     "\n"
     "example:\n"
     "  boxlane mux --video tests/data/sample.h264 --audio tests/data/sample.aac -o demo.mp4\n";

@@ -141,10 +141,6 @@ class Scanner {
       throw MuxError(name_ + ": cannot read the slice header" + at(nal.offset) +
                      " (damaged, cut short, or it names a parameter set that was not sent)");
     }
-    if (sh.field_pic) {
-      throw MuxError(name_ + ": pictures coded as separate fields" + at(nal.offset) +
-                     " are not supported; encode interlaced video as frames (MBAFF or progressive)");
-    }
     if (open_ && starts_new_picture(first_, sh, out_.sps)) close_unit();
     if (!open_) {
       open_ = true;
@@ -168,10 +164,36 @@ class Scanner {
     open_ = false;
     unit_.restart = out_.units.empty() || first_.idr() || first_.mmco5;
     unit_.poc = poc_.next(first_, out_.sps);
-    out_.max_nals_per_unit = std::max(out_.max_nals_per_unit, unit_.nal_count);
-    out_.max_sample_size = std::max(out_.max_sample_size, unit_.sample_size);
     out_.payload_bytes += unit_.sample_size;
+    if (completes_field_pair()) {
+      // The two fields of a frame are one sample (ISO/IEC 14496-15 §5.3.2):
+      // their NAL units are adjacent, so the first field's unit grows.
+      AccessUnit& pair = out_.units.back();
+      pair.nal_count += unit_.nal_count;
+      pair.sample_size += unit_.sample_size;
+      pair.poc = std::min(pair.poc, unit_.poc);
+      note_size(pair);
+      waiting_field_ = false;
+      return;
+    }
+    waiting_field_ = first_.field_pic;
+    waiting_ = first_;
+    note_size(unit_);
     out_.units.push_back(unit_);
+  }
+
+  // §3.30, §3.31: a field pairs with the unpaired field just before it when
+  // the parities differ, the frame_num is the same, both or neither are
+  // reference fields, and it is neither an IDR nor carries mmco 5.
+  bool completes_field_pair() const {
+    return waiting_field_ && first_.field_pic && first_.bottom_field != waiting_.bottom_field &&
+           first_.frame_num == waiting_.frame_num && (first_.nal_ref_idc == 0) == (waiting_.nal_ref_idc == 0) &&
+           !first_.idr() && !first_.mmco5;
+  }
+
+  void note_size(const AccessUnit& u) {
+    out_.max_nals_per_unit = std::max(out_.max_nals_per_unit, u.nal_count);
+    out_.max_sample_size = std::max(out_.max_sample_size, u.sample_size);
   }
 
   const std::string& name_;
@@ -181,6 +203,8 @@ class Scanner {
   bool open_ = false;
   h264::SliceHeader first_;
   AccessUnit unit_;
+  bool waiting_field_ = false;  // the last unit is a field without its pair yet
+  h264::SliceHeader waiting_;
 };
 
 // Display order: pictures between two restarts are shown in order of their

@@ -18,6 +18,7 @@ struct SampleNal {
   uint32_t size;
 };
 
+// One sample: an access unit, or the two access units of a field pair.
 struct AccessUnit {
   uint32_t first_nal = 0;  // index into VideoStream::nals
   uint32_t nal_count = 0;

@@ -252,6 +252,28 @@ TEST(Mux, BrokenInputFailsAndLeavesNoFile) {
   }
 }
 
+TEST(Mux, FieldPairsBecomeOneSampleEach) {
+  BOXLANE_REQUIRE_FFMPEG();
+  // Made by hand (no encoder here codes separate fields): a 32x32 Main SPS
+  // with frame_mbs_only_flag 0 and 25 fps timing, a PPS, then eight field
+  // slices in decoding order, each a header and three filler bytes:
+  // IDR top + P bottom (frame_num 0, POC 0/1), P top + P bottom (frame_num 1,
+  // POC 12/13), two non-reference B pairs (POC 4/5 and 8/9).
+  const std::string dir = temp_dir();
+  write_file(dir + "/fields.h264",
+             unhex("00000001674d001ee5294a1000000300100000030328400000000168ce3c8000000001658885002088804000000001"
+                   "419a18088088804000000001419a30608088804000000001419a38688088804000000001019e5024408880400000"
+                   "0001019e582c4088804000000001019e50444088804000000001019e584c40888040"));
+  ASSERT_EQ(mux("--video " + q(dir + "/fields.h264") + " -q -o " + q(dir + "/out.mp4")).status, 0);
+  std::string packets;
+  run("ffprobe -v quiet -show_entries packet=pts_time,size,flags -of csv=p=0 " + q(dir + "/out.mp4"), &packets);
+  EXPECT_EQ(packets,
+            "0.000000,24,K_\n"
+            "0.120000,24,__\n"
+            "0.040000,24,__\n"
+            "0.080000,24,__\n");
+}
+
 TEST(Mux, HelpNamesEveryOption) {
   std::string text;
   ASSERT_EQ(run(q(tool_path()) + " mux --help", &text), 0);
