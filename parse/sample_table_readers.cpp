@@ -25,6 +25,15 @@ uint32_t whole_entries(const BeReader& r, int32_t count, std::size_t entry_size)
   return static_cast<uint32_t>(std::min<uint64_t>(uint64_t(count), r.remaining() / entry_size));
 }
 
+// Room for n more elements. A list filled by one box is sized exactly; when
+// many boxes append to one list it grows by at least a quarter, so a stream of
+// tiny boxes stays linear and a 12-byte element never costs more than 15.
+template <typename Element>
+void make_room(std::vector<Element>& list, std::size_t n) {
+  const std::size_t needed = list.size() + n;
+  if (needed > list.capacity()) list.reserve(std::max(needed, list.size() + list.size() / 4));
+}
+
 // Version, flags and entry_count at 0 and 4; the entries from 8 on.
 template <typename Element, typename ReadOne>
 bool read_counted(QORVANE_MP4PARSE* record, BOXLANE_MSGBUFFER* entry, const uint8_t* payload, uint64_t length,
@@ -36,7 +45,7 @@ bool read_counted(QORVANE_MP4PARSE* record, BOXLANE_MSGBUFFER* entry, const uint
   r.skip(4);
   const uint32_t n = whole_entries(r, r.i32(), entry_size);
   std::vector<Element>& out = track->*list;
-  out.reserve(out.size() + n);
+  make_room(out, n);
   for (uint32_t i = 0; i < n; ++i) out.push_back(read_one(r));
   return true;
 }
@@ -88,7 +97,7 @@ bool CBoxlane_Parse::Boxlane_Parse_STsz(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_
   if (r.u32() != 0) return true;
   const uint32_t n = whole_entries(r, r.i32(), 4);
   std::vector<QORVANE_HDRSAMPLENFO>& out = track->stl_ListSTsz;
-  out.reserve(out.size() + n);
+  make_room(out, n);
   for (uint32_t i = 0; i < n; ++i) out.push_back(single_entry(r));
   return true;
 }
@@ -100,7 +109,7 @@ bool CBoxlane_Parse::Boxlane_Parse_SDtp(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_
   if (!track) return false;
   if (!r.skip(4)) return true;
   std::vector<QORVANE_HDRSDTP>& out = track->stl_ListSDtp;
-  out.reserve(out.size() + r.remaining());
+  make_room(out, r.remaining());
   while (r.has(1)) out.push_back(QORVANE_HDRSDTP{r.u8()});
   return true;
 }

@@ -75,6 +75,16 @@ TEST_F(SampleReaders, CountsThatOverrunThePayload) {
   EXPECT_EQ(values(track(1).stl_ListSTsz), (Infos{{9, 0, 0}}));
   EXPECT_LE(track(1).stl_ListSTsz.capacity(), 1u);
 
+  // Many one-entry boxes: few reallocations, and little slack.
+  std::size_t moves = 0;
+  for (uint32_t i = 0; i < 5000; ++i) {
+    const void* before = track(1).stl_ListSTss.data();
+    feed(&P::Boxlane_Parse_STss, Bytes{}.full(0, 0).u32(1).u32(i));
+    moves += track(1).stl_ListSTss.data() != before;
+  }
+  EXPECT_LT(moves, 60u);
+  EXPECT_LE(track(1).stl_ListSTss.capacity(), 5000u * 5 / 4);
+
   // Cut inside the fixed part: version and flags only.
   EXPECT_TRUE(feed(&P::Boxlane_Parse_STco, Bytes{}.full(2, 0).u16(1)));
   EXPECT_EQ(hdr().byVersion, 2);
