@@ -152,6 +152,18 @@ TEST(Mux, VideoAndAudioDecodeLikeTheirSources) {
   }
 }
 
+TEST(Mux, CommittedDemoSample) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const Source src{source_dir() + "/tests/data/sample.h264", source_dir() + "/tests/data/sample.aac"};
+  const std::string out = temp_dir() + "/demo.mp4";
+  const Result r = mux("--video " + q(src.video) + " --audio " + q(src.audio) + " --faststart -o " + q(out));
+  ASSERT_EQ(r.status, 0) << r.output;
+  for (const char* says : {"320x240", "125 frames at 25 fps with B-frames", "48000 Hz stereo", "5.03 s"}) {
+    EXPECT_NE(r.output.find(says), std::string::npos) << says << " in " << r.output;
+  }
+  expect_faithful(out, src, 25);
+}
+
 TEST(Mux, OneTrackAloneAndTimingOptions) {
   BOXLANE_REQUIRE_FFMPEG();
   const std::string dir = temp_dir();
