@@ -38,9 +38,11 @@ install_missing() {
 }
 
 build() {
-  cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBOXLANE_BUILD_BENCH=ON \
-    -DBOXLANE_BUILD_TESTS=OFF -DBOXLANE_BUILD_EXAMPLES=OFF >/dev/null
-  ninja -C "$BUILD" boxlane_tool boxlane_parse_index boxlane_bench_parse >/dev/null
+  {
+    cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBOXLANE_BUILD_BENCH=ON \
+      -DBOXLANE_BUILD_TESTS=OFF -DBOXLANE_BUILD_EXAMPLES=OFF &&
+      ninja -C "$BUILD" boxlane_tool boxlane_parse_index boxlane_bench_parse
+  } >"$WORK/build.log" 2>&1 || { tail -n 30 "$WORK/build.log" >&2; die "the build failed (log: $WORK/build.log)"; }
   cc -O2 -std=c99 -Wall -Wextra "$ROOT/bench/avformat_open.c" -o "$WORK/avformat_open" \
     $(pkg-config --cflags --libs libavformat libavutil)
   BOXLANE=$BUILD/boxlane
