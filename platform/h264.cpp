@@ -78,7 +78,16 @@ void skip_scaling_list(BitReader& br, int size) {
   int32_t last = 8;
   int32_t next = 8;
   for (int j = 0; j < size && br.ok(); ++j) {
-    if (next != 0) next = (last + br.se() + 256) % 256;
+    if (next != 0) {
+      // delta_scale lies in -128..127 (§7.4.2.1.1.1); anything else is not
+      // H.264, and would overflow the sum below.
+      const int32_t delta = br.se();
+      if (delta < -128 || delta > 127) {
+        br.fail();
+        return;
+      }
+      next = (last + delta + 256) % 256;
+    }
     last = next == 0 ? last : next;
   }
 }
