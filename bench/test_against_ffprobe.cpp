@@ -1,8 +1,6 @@
-// The parse benchmarks measure against the synthetic movie's own table
-// counts, so the movie is checked by an independent reader: ffprobe must see
-// every picture once, in a valid presentation order, with the sample counts
-// the movie claims. (Key frames are not compared: the samples are zeros, and
-// FFmpeg's H.264 parser, finding no IDR slice in them, clears the flag.)
+// What the benchmarks rely on, checked by an independent reader, ffprobe:
+// the synthetic movie the parse benchmarks measure against, and
+// boxlane_parse_index's reading of FFmpeg-made files.
 #include "bench/synthetic_movie.hpp"
 
 #include <gtest/gtest.h>
@@ -22,7 +20,9 @@ namespace {
 using boxlane::bench::build_movie;
 using boxlane::bench::SyntheticMovie;
 
-bool have_ffprobe() { return std::system("ffprobe -version >/dev/null 2>&1") == 0; }
+bool have_ffmpeg() {
+  return std::system("ffprobe -version >/dev/null 2>&1") == 0 && std::system("ffmpeg -version >/dev/null 2>&1") == 0;
+}
 
 std::string run(const std::string& command) {
   std::string out;
@@ -75,8 +75,12 @@ std::map<int, std::vector<Packet>> probe_packets(const std::string& path) {
   return packets;
 }
 
+// ffprobe must see every picture once, in a gap-free presentation order, with
+// the sample counts the movie claims. (Key frames are not compared: the
+// samples are zeros, and FFmpeg's H.264 parser, finding no IDR slice in them,
+// clears the flag.)
 TEST(SyntheticMovie, FfprobeSeesEveryPictureOnceWithTheClaimedTables) {
-  if (!have_ffprobe()) GTEST_SKIP() << "ffprobe not installed";
+  if (!have_ffmpeg()) GTEST_SKIP() << "ffmpeg/ffprobe not installed";
   // Four seconds: two GOPs of 60 pictures, 187 AAC frames.
   const SyntheticMovie movie = build_movie({4, 30, 48000});
   auto packets = probe_packets(write_playable(movie, "synthetic_4s.mp4"));
@@ -116,6 +120,26 @@ TEST(SyntheticMovie, OneHourKeepsTheSampleCountsTheBenchmarksReport) {
   EXPECT_LT(movie.media_start + movie.media_bytes, uint64_t{1} << 32);
   // A moov this size is still reassembled whole when it arrives in pieces.
   EXPECT_LT(movie.bytes.size(), std::size_t{10485760});
+}
+
+// compare.sh times boxlane_parse_index on an FFmpeg-made file; it must read
+// the whole index whether the moov comes before the media or after it.
+TEST(ParseIndex, ReadsTheSampleCountsFfprobeReadsWhereverTheMoovStands) {
+  if (!have_ffmpeg()) GTEST_SKIP() << "ffmpeg/ffprobe not installed";
+  for (const std::string flags : {"", "-movflags +faststart"}) {
+    const std::string path = testing::TempDir() + "parse_index" + (flags.empty() ? "_moov_last" : "_moov_first") + ".mp4";
+    ASSERT_EQ(std::system(("ffmpeg -hide_banner -nostdin -loglevel error -y -f lavfi -i testsrc2=size=160x120:rate=30 "
+                           "-f lavfi -i sine=sample_rate=48000 -t 2 -c:v libx264 -preset ultrafast -bf 2 -c:a aac " +
+                           flags + " '" + path + "'")
+                              .c_str()),
+              0);
+    const std::string counts = run("ffprobe -v error -show_entries stream=nb_frames -of csv=p=0 '" + path + "'");
+    unsigned video = 0, audio = 0;
+    ASSERT_EQ(std::sscanf(counts.c_str(), "%u %u", &video, &audio), 2) << counts;
+    const std::string report = run(std::string(BOXLANE_PARSE_INDEX_PATH) + " '" + path + "' --queries");
+    EXPECT_NE(report.find("track 1: " + std::to_string(video) + " samples"), std::string::npos) << flags << report;
+    EXPECT_NE(report.find("track 2: " + std::to_string(audio) + " samples"), std::string::npos) << flags << report;
+  }
 }
 
 }  // namespace
