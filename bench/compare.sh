@@ -245,7 +245,7 @@ compare_index() {
 }
 
 main() {
-  install_missing ffmpeg libavformat-dev pkg-config time cmake ninja-build g++ libbenchmark-dev
+  install_missing ffmpeg libavformat-dev pkg-config time cmake ninja-build gcc g++ libbenchmark-dev
   mkdir -p "$WORK"
   build
   make_media
