@@ -62,7 +62,7 @@ TEST(ClientErrors, FlagClearsOnSuccessWhileTheCodeStays) {
   EXPECT_TRUE(Boxlane_Packet_Delete("writer/Case"));
 }
 
-TEST_F(ClientTest, SetTimeDerivesFrameTimesAndIgnoresRatesBelowOne) {
+TEST_F(ClientTest, SetTimeDerivesFrameTimesAndTimeCountDividesByTheTimeScale) {
   struct Case {
     int frame_rate, sample_rate;
     int64_t video_ms, audio_ms;
@@ -80,9 +80,8 @@ TEST_F(ClientTest, SetTimeDerivesFrameTimesAndIgnoresRatesBelowOne) {
   }
   EXPECT_EQ(record().nFrameRate, 1001);
   EXPECT_EQ(record().nSampleRate, 22050);
-}
 
-TEST_F(ClientTest, TimeCountDividesFrameTimeByTimeScaleAndSurvivesZero) {
+  // TimeCount divides the frame time by the time scale and survives zero.
   ASSERT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(client(), 25, 0));
   EXPECT_EQ(m_MP4Packet.Boxlane_Packet_TimeCount(&record()), 0);  // no mvhd: time scale 0
   EXPECT_EQ(m_MP4Packet.Boxlane_Packet_TimeCount(nullptr), 0);
@@ -105,32 +104,16 @@ TEST_F(ClientTest, EveryWriterRefusesMissingClientBufferOrLength) {
   static const uint8_t payload[4] = {1, 2, 3, 4};
   static const uint8_t* const nalus[1] = {kFrame + 4};
   static const int32_t nalu_lengths[1] = {3};
+#define WRITER(name, ...) \
+  { #name, [](auto c, auto b, auto l) { return Boxlane_Packet_##name(c, b, l __VA_OPT__(, ) __VA_ARGS__); } }
   const std::pair<const char*, Writer> writers[] = {
-      {"HDRBox", [](auto c, auto b, auto l) { return Boxlane_Packet_HDRBox(c, b, l, "free", payload, 4); }},
-      {"FTyp", [](auto c, auto b, auto l) { return Boxlane_Packet_FTyp(c, b, l); }},
-      {"MVhd", [](auto c, auto b, auto l) { return Boxlane_Packet_MVhd(c, b, l, 0, 1000); }},
-      {"TKhd", [](auto c, auto b, auto l) { return Boxlane_Packet_TKhd(c, b, l, 0, 1, 1, 0); }},
-      {"MDhd", [](auto c, auto b, auto l) { return Boxlane_Packet_MDhd(c, b, l, 0); }},
-      {"MDhdEx", [](auto c, auto b, auto l) { return Boxlane_Packet_MDhdEx(c, b, l, 0, 1); }},
-      {"HDlr", [](auto c, auto b, auto l) { return Boxlane_Packet_HDlr(c, b, l, 0); }},
-      {"VMhd", [](auto c, auto b, auto l) { return Boxlane_Packet_VMhd(c, b, l); }},
-      {"SMhd", [](auto c, auto b, auto l) { return Boxlane_Packet_SMhd(c, b, l, 0); }},
-      {"DInf", [](auto c, auto b, auto l) { return Boxlane_Packet_DInf(c, b, l); }},
-      {"EDts", [](auto c, auto b, auto l) { return Boxlane_Packet_EDts(c, b, l, 1, 0); }},
-      {"CTts", [](auto c, auto b, auto l) { return Boxlane_Packet_CTts(c, b, l); }},
-      {"STts", [](auto c, auto b, auto l) { return Boxlane_Packet_STts(c, b, l, true); }},
-      {"STss", [](auto c, auto b, auto l) { return Boxlane_Packet_STss(c, b, l); }},
-      {"STsc", [](auto c, auto b, auto l) { return Boxlane_Packet_STsc(c, b, l); }},
-      {"STsz", [](auto c, auto b, auto l) { return Boxlane_Packet_STsz(c, b, l, false); }},
-      {"STco", [](auto c, auto b, auto l) { return Boxlane_Packet_STco(c, b, l, false); }},
-      {"FrameVideo",
-       [](auto c, auto b, auto l) { return Boxlane_Packet_FrameVideo(c, b, l, kFrame, sizeof kFrame, 0, 1, 40, 40); }},
-      {"FrameAccessUnit",
-       [](auto c, auto b, auto l) {
-         return Boxlane_Packet_FrameAccessUnit(c, b, l, nalus, nalu_lengths, 1, 0, 1, 40, 40);
-       }},
-      {"FrameAudio", [](auto c, auto b, auto l) { return Boxlane_Packet_FrameAudio(c, b, l, payload, 4, 0, 1024); }},
+      WRITER(HDRBox, "free", payload, 4), WRITER(FTyp), WRITER(MVhd, 0, 1000), WRITER(TKhd, 0, 1, 1, 0),
+      WRITER(MDhd, 0), WRITER(MDhdEx, 0, 1), WRITER(HDlr, 0), WRITER(VMhd), WRITER(SMhd, 0), WRITER(DInf),
+      WRITER(EDts, 1, 0), WRITER(CTts), WRITER(STts, true), WRITER(STss), WRITER(STsc), WRITER(STsz, false),
+      WRITER(STco, false), WRITER(FrameVideo, kFrame, sizeof kFrame, 0, 1, 40, 40),
+      WRITER(FrameAccessUnit, nalus, nalu_lengths, 1, 0, 1, 40, 40), WRITER(FrameAudio, payload, 4, 0, 1024),
   };
+#undef WRITER
   for (const auto& [name, call] : writers) {
     SCOPED_TRACE(name);
     expect_refused([&](uint8_t* b, int32_t* l) { return call(nullptr, b, l); }, BOXLANE_ERROR_PACKET_PARAMETER);

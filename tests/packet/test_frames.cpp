@@ -58,9 +58,9 @@ TEST_F(FrameTest, RefusedFramesChangeNothing) {
   const int32_t with_negative[2] = {2, -1};
   const int32_t too_long[2] = {INT_MAX / 2, INT_MAX / 2};  // with 8 length bytes, past INT_MAX
 
-  for (const int length : {3, 0, -1, INT_MIN})
-    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, frame, length, 0, 1, 40, 40);
-  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, nullptr, 6, 0, 1, 40, 40);
+  using Frame = std::pair<const uint8_t*, int>;
+  for (const Frame& f : {Frame{frame, 3}, Frame{frame, 0}, Frame{frame, -1}, Frame{frame, INT_MIN}, Frame{nullptr, 6}})
+    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, f.first, f.second, 0, 1, 40, 40);
 
   struct AccessUnit {
     const uint8_t* const* nalus;
@@ -73,26 +73,14 @@ TEST_F(FrameTest, RefusedFramesChangeNothing) {
     refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAccessUnit, unit.nalus, unit.lengths, unit.count,
             int64_t{0}, 1, 40, 40);
 
-  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAudio, frame, -1, 0, 1024);
-  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAudio, nullptr, 6, 0, 1024);
+  for (const Frame& f : {Frame{frame, -1}, Frame{nullptr, 6}})
+    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAudio, f.first, f.second, int64_t{0}, 1024);
 
   const QORVANE_MP4PACKET& r = record();
   EXPECT_EQ(r.nVideoCount, 0u);
-  for (const bool empty : {r.listVideoSTts.empty(), r.listVideoCTts.empty(), r.listVideoSTss.empty(),
-                           r.listVideoSize.empty(), r.listVideoOffset.empty(), r.listAudioSTts.empty(),
-                           r.listAudioSize.empty(), r.listAudioOffset.empty()})
-    EXPECT_TRUE(empty);
-}
-
-TEST_F(FrameTest, AccessUnitWritesEachNalWithItsOwnLength) {
-  const uint8_t sei[] = {0x06, 0x05, 0x01};
-  const uint8_t slice[] = {0x65, 0x88, 0x84, 0x21};
-  const uint8_t empty[] = {0};
-  const uint8_t* const nalus[] = {sei, slice, empty};
-  const int32_t lengths[] = {3, 4, 0};
-  EXPECT_EQ(box(Boxlane_Packet_FrameAccessUnit, nalus, lengths, 3, int64_t{1000}, 1, 40, 80),
-            bytes_hex("00000003 060501 00000004 65888421 00000000"));
-  EXPECT_EQ(record().listVideoSize, std::vector<uint32_t>{19});
+  EXPECT_TRUE(r.listVideoSTts.empty() && r.listVideoCTts.empty() && r.listVideoSTss.empty() && r.listVideoSize.empty() &&
+              r.listVideoOffset.empty() && r.listAudioSTts.empty() && r.listAudioSize.empty() &&
+              r.listAudioOffset.empty());
 }
 
 // A stream fed NAL by NAL through FrameVideo and access unit by access unit
@@ -130,32 +118,25 @@ TEST_F(FrameTest, AccessUnitsKeepTheSameBooksAsSingleNalFrames) {
                 " | " +
                 bytes_hex("00000028 63747473 00000000 00000003 00000001 00000050 00000001 00000028 00000001 00000078"));
   EXPECT_TRUE(Boxlane_Packet_Delete(other.c_str()));
-}
 
-// An ADTS header for AAC-LC at 48 kHz, two channels (ISO/IEC 14496-3
-// §1.A.2.2), for a frame of `frame_length` bytes, header included.
-Bytes adts_header(uint16_t frame_length, bool crc) {
-  Bytes h;
-  h.u8(0xFF).u8(crc ? 0xF0 : 0xF1);  // syncword, MPEG-4, layer 0, protection_absent
-  h.u8(0x4C);                         // profile LC, sampling index 3, channel config high bit 0
-  h.u8(uint8_t(0x80 | (frame_length >> 11)));  // channel config 2, frame_length bits 12-11
-  h.u8(uint8_t(frame_length >> 3));
-  h.u8(uint8_t((frame_length & 7) << 5 | 0x1F));  // buffer fullness 0x7FF
-  h.u8(0xFC);                                     // one raw data block
-  if (crc) h.u16(0x1234);
-  return h;
+  // Several units in one access unit, an empty one too: each gets its own length.
+  const uint8_t sei[] = {0x06, 0x05, 0x01}, slice[] = {0x65, 0x88, 0x84, 0x21}, empty[] = {0};
+  const uint8_t* const nalus[] = {sei, slice, empty};
+  const int32_t lengths[] = {3, 4, 0};
+  EXPECT_EQ(box(Boxlane_Packet_FrameAccessUnit, nalus, lengths, 3, int64_t{1000}, 1, 40, 80),
+            bytes_hex("00000003 060501 00000004 65888421 00000000"));
+  EXPECT_EQ(record().listVideoSize.back(), 19u);
 }
 
 TEST_F(FrameTest, AudioDropsTheAdtsHeaderWithOrWithoutCrc) {
-  Bytes plain = adts_header(371, false);
-  for (int i = 0; i < 364; ++i) plain.u8(uint8_t(i));
+  // ADTS headers, AAC-LC 48 kHz stereo (ISO/IEC 14496-3 §1.A.2.2): 371 bytes
+  // without CRC, 373 with CRC 1234.
+  Bytes plain = Bytes().add(unhex("FFF1 4C80 2E7F FC"));
+  Bytes protected_frame = Bytes().add(unhex("FFF0 4C80 2EBF FC 1234"));
+  for (int i = 0; i < 364; ++i) plain.u8(uint8_t(i)), protected_frame.u8(uint8_t(i));
   const std::string plain_out = box(Boxlane_Packet_FrameAudio, plain.data(), 371, int64_t{100}, 1024);
   EXPECT_EQ(plain_out, hex(plain.data() + 7, 364));
-
-  Bytes protected_frame = adts_header(373, true);
-  for (int i = 0; i < 364; ++i) protected_frame.u8(uint8_t(i));
   EXPECT_EQ(box(Boxlane_Packet_FrameAudio, protected_frame.data(), 373, int64_t{464}, 1024), plain_out);
-
   // Not ADTS (here: a frame_length past the bytes handed in): stored whole.
   EXPECT_EQ(box(Boxlane_Packet_FrameAudio, plain.data(), 370, int64_t{828}, 1024), hex(plain.data(), 370));
   EXPECT_EQ(record().listAudioSize, (std::vector<uint32_t>{364, 364, 370}));

@@ -14,7 +14,7 @@ using HeaderBoxTest = WriterTest;
 constexpr const char* kMatrix =
     "00010000 00000000 00000000 00000000 00010000 00000000 00000000 00000000 40000000";
 
-TEST_F(HeaderBoxTest, FixedBoxes) {
+TEST_F(HeaderBoxTest, FixedBoxesEditListsAndZeroTimes) {
   EXPECT_EQ(box(Boxlane_Packet_FTyp), bytes_hex("00 00 00 20 66 74 79 70 69 73 6F 6D 00 00 02 00 "
                                                 "69 73 6F 6D 69 73 6F 32 61 76 63 31 6D 70 34 31"));
   EXPECT_EQ(box(Boxlane_Packet_DInf), bytes_hex("00 00 00 24 64 69 6E 66 00 00 00 1C 64 72 65 66 00 00 00 00 "
@@ -23,6 +23,14 @@ TEST_F(HeaderBoxTest, FixedBoxes) {
   EXPECT_EQ(box(Boxlane_Packet_SMhd, 0), bytes_hex("00 00 00 10 73 6D 68 64 00 00 00 00 00 00 00 00"));
   EXPECT_EQ(box(Boxlane_Packet_SMhd, -256), bytes_hex("00 00 00 10 73 6D 68 64 00 00 00 00 FF 00 00 00"));
   EXPECT_EQ(box(Boxlane_Packet_STsc), bytes_hex("0000001C 73747363 00000000 00000001 00000001 00000001 00000001"));
+  // Before any mvhd the times are zero.
+  EXPECT_EQ(box(Boxlane_Packet_MDhd, 0),
+            bytes_hex("00000020 6D646864 00000000 00000000 00000000 00000000 00000000 0000 0000"));
+  EXPECT_EQ(box(Boxlane_Packet_EDts, 2000, 40),
+            bytes_hex("00000024 65647473 0000001C 656C7374 00000000 00000001 000007D0 00000028 0001 0000"));
+  // media_time -1 is an empty edit (ISO/IEC 14496-12 §8.6.6.3).
+  EXPECT_EQ(box(Boxlane_Packet_EDts, 0xFFFFFFFF, -1),
+            bytes_hex("00000024 65647473 0000001C 656C7374 00000000 00000001 FFFFFFFF FFFFFFFF 0001 0000"));
 }
 
 TEST_F(HeaderBoxTest, BoxHeaderWithAndWithoutPayload) {
@@ -87,19 +95,6 @@ TEST_F(HeaderBoxTest, MovieTrackAndMediaHeadersShareTheirValues) {
   // MDhdEx leaves the record alone.
   EXPECT_EQ(record().nVideoDuration, 5000u);
   EXPECT_EQ(record().nTrackID, 3u);
-}
-
-TEST_F(HeaderBoxTest, HeadersBeforeAnyMovieHeaderCarryZeroTimes) {
-  EXPECT_EQ(box(Boxlane_Packet_MDhd, 0),
-            bytes_hex("00000020 6D646864 00000000 00000000 00000000 00000000 00000000 0000 0000"));
-}
-
-TEST_F(HeaderBoxTest, EditList) {
-  EXPECT_EQ(box(Boxlane_Packet_EDts, 2000, 40),
-            bytes_hex("00000024 65647473 0000001C 656C7374 00000000 00000001 000007D0 00000028 0001 0000"));
-  // media_time -1 is an empty edit (ISO/IEC 14496-12 §8.6.6.3).
-  EXPECT_EQ(box(Boxlane_Packet_EDts, 0xFFFFFFFF, -1),
-            bytes_hex("00000024 65647473 0000001C 656C7374 00000000 00000001 FFFFFFFF FFFFFFFF 0001 0000"));
 }
 
 }  // namespace

@@ -23,48 +23,41 @@ class SampleTableTest : public WriterTest {
     int32_t length = 0;
     ASSERT_TRUE(Boxlane_Packet_FrameAudio(client(), out.data(), &length, frame.data(), size, position, duration));
   }
-  std::string stts(bool video) { return box(Boxlane_Packet_STts, video); }
-  std::string ctts() { return box(Boxlane_Packet_CTts); }
-  std::string stss() { return box(Boxlane_Packet_STss); }
-  std::string stsz(bool video) { return box(Boxlane_Packet_STsz, video); }
-  std::string stco(bool video) { return box(Boxlane_Packet_STco, video); }
 };
 
 TEST_F(SampleTableTest, ClientWithoutFramesGivesEmptyTablesAndNoCompositionOffsets) {
   for (const bool video : {true, false}) {
-    EXPECT_EQ(stts(video), bytes_hex("00000010 73747473 00000000 00000000"));
-    EXPECT_EQ(stsz(video), bytes_hex("00000014 7374737A 00000000 00000000 00000000"));
-    EXPECT_EQ(stco(video), bytes_hex("00000010 7374636F 00000000 00000000"));
+    EXPECT_EQ(box(Boxlane_Packet_STts, video), bytes_hex("00000010 73747473 00000000 00000000"));
+    EXPECT_EQ(box(Boxlane_Packet_STsz, video), bytes_hex("00000014 7374737A 00000000 00000000 00000000"));
+    EXPECT_EQ(box(Boxlane_Packet_STco, video), bytes_hex("00000010 7374636F 00000000 00000000"));
   }
-  EXPECT_EQ(stss(), bytes_hex("00000010 73747373 00000000 00000000"));
+  EXPECT_EQ(box(Boxlane_Packet_STss), bytes_hex("00000010 73747373 00000000 00000000"));
   refuses(BOXLANE_ERROR_PACKET_NODATA, Boxlane_Packet_CTts);
 }
 
 TEST_F(SampleTableTest, DurationsMergeOnlyWithTheLastRun) {
   for (const int duration : {40, 40, 41, 40}) video(0, 0, duration, 0);
-  EXPECT_EQ(stts(true), bytes_hex("00000028 73747473 00000000 00000003 "
+  EXPECT_EQ(box(Boxlane_Packet_STts, true), bytes_hex("00000028 73747473 00000000 00000003 "
                                   "00000002 00000028 00000001 00000029 00000001 00000028"));
   // A frame without a duration is still a sample but in no run.
   video(0, 0, 0, 0);
   video(0, 0, -3, 0);
   video(0, 0, 40, 0);
-  EXPECT_EQ(stts(true), bytes_hex("00000028 73747473 00000000 00000003 "
+  EXPECT_EQ(box(Boxlane_Packet_STts, true), bytes_hex("00000028 73747473 00000000 00000003 "
                                   "00000002 00000028 00000001 00000029 00000002 00000028"));
   EXPECT_EQ(record().listVideoSize.size(), 7u);
   // Audio keeps its own runs.
   for (const int duration : {1024, 1024, 1024, 960}) audio(0, duration);
-  EXPECT_EQ(stts(false), bytes_hex("00000020 73747473 00000000 00000002 00000003 00000400 00000001 000003C0"));
+  EXPECT_EQ(box(Boxlane_Packet_STts, false), bytes_hex("00000020 73747473 00000000 00000002 00000003 00000400 00000001 000003C0"));
 }
 
-TEST_F(SampleTableTest, OnlyPositiveCompositionOffsetsAreRecordedOneEntryEach) {
-  for (const int cts : {0, 80, 0, 40, 40, -40}) video(0, 0, 40, cts);
-  EXPECT_EQ(ctts(), bytes_hex("00000028 63747473 00000000 00000003 "
-                              "00000001 00000050 00000001 00000028 00000001 00000028"));
-}
-
-TEST_F(SampleTableTest, OnlyKeyFlagOneMarksSyncSamples) {
-  for (const int key : {1, 0, 2, -1, 1, 1}) video(0, key, 40, 0);
-  EXPECT_EQ(stss(), bytes_hex("0000001C 73747373 00000000 00000003 00000001 00000005 00000006"));
+// Only positive composition offsets are recorded, one entry each; only key flag 1 marks a sync sample.
+TEST_F(SampleTableTest, CompositionOffsetsAndSyncSamples) {
+  const std::pair<int, int> frames[] = {{1, 0}, {0, 80}, {2, 0}, {-1, 40}, {1, 40}, {1, -40}};
+  for (const auto& [key, cts] : frames) video(0, key, 40, cts);
+  EXPECT_EQ(box(Boxlane_Packet_CTts), bytes_hex("00000028 63747473 00000000 00000003 "
+                                                "00000001 00000050 00000001 00000028 00000001 00000028"));
+  EXPECT_EQ(box(Boxlane_Packet_STss), bytes_hex("0000001C 73747373 00000000 00000003 00000001 00000005 00000006"));
 }
 
 TEST_F(SampleTableTest, SizesAndOffsetsPerTrack) {
@@ -74,12 +67,12 @@ TEST_F(SampleTableTest, SizesAndOffsetsPerTrack) {
   video((int64_t{1} << 32) + 100, 0, 40, 0, 300);  // stco keeps the low 32 bits
   audio(0x7FFFFFFF, 1024, 0);
 
-  EXPECT_EQ(stsz(true), bytes_hex("00000020 7374737A 00000000 00000000 00000003 00000064 000000C8 0000012C"));
-  EXPECT_EQ(stco(true), bytes_hex("0000001C 7374636F 00000000 00000003 00000030 0000009B 00000064"));
-  EXPECT_EQ(stsz(false), bytes_hex("0000001C 7374737A 00000000 00000000 00000002 00000007 00000000"));
-  EXPECT_EQ(stco(false), bytes_hex("00000018 7374636F 00000000 00000002 00000094 7FFFFFFF"));
+  EXPECT_EQ(box(Boxlane_Packet_STsz, true), bytes_hex("00000020 7374737A 00000000 00000000 00000003 00000064 000000C8 0000012C"));
+  EXPECT_EQ(box(Boxlane_Packet_STco, true), bytes_hex("0000001C 7374636F 00000000 00000003 00000030 0000009B 00000064"));
+  EXPECT_EQ(box(Boxlane_Packet_STsz, false), bytes_hex("0000001C 7374737A 00000000 00000000 00000002 00000007 00000000"));
+  EXPECT_EQ(box(Boxlane_Packet_STco, false), bytes_hex("00000018 7374636F 00000000 00000002 00000094 7FFFFFFF"));
   // Audio has no sync table of its own, and video keys are untouched by it.
-  EXPECT_EQ(stss(), bytes_hex("00000014 73747373 00000000 00000001 00000001"));
+  EXPECT_EQ(box(Boxlane_Packet_STss), bytes_hex("00000014 73747373 00000000 00000001 00000001"));
 }
 
 }  // namespace

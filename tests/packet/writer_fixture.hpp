@@ -9,6 +9,7 @@
 #include "packet/packet_record.hpp"
 #include "support/paths.hpp"
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -28,12 +29,9 @@ std::string written(Call&& call, std::size_t capacity = 4096) {
     ADD_FAILURE() << "reported length " << length;
     return {};
   }
-  for (std::size_t i = static_cast<std::size_t>(length); i < capacity; ++i) {
-    if (buffer[i] != 0xFF) {
-      ADD_FAILURE() << "byte " << i << " past the reported length " << length << " changed";
-      break;
-    }
-  }
+  const auto spill = std::find_if(buffer.begin() + length, buffer.end(), [](uint8_t b) { return b != 0xFF; });
+  EXPECT_EQ(spill, buffer.end()) << "byte " << (spill - buffer.begin()) << " past the reported length " << length
+                                 << " changed";
   return hex(buffer.data(), static_cast<std::size_t>(length));
 }
 

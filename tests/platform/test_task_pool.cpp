@@ -13,41 +13,43 @@
 namespace {
 
 using namespace std::chrono_literals;
+using List = std::vector<std::pair<std::string, int>>;
 
 // Long enough that a loaded machine never trips it; only a lost wake-up does.
 constexpr int kLongMs = 20000;
 constexpr auto kLong = std::chrono::milliseconds(kLongMs);
 
-struct WaitResult {
-  bool ok;
-  uint64_t code;
+struct Waiter {
+  std::atomic<bool> returned{false};
+  std::future<std::pair<bool, uint64_t>> result;
+  // Starts a wait on its own thread, then gives it time to block. Nothing
+  // asserts on how long anything took: a waiter that has not blocked yet
+  // still has to see the event.
+  Waiter(void* pool, int index, int timeout_ms) {
+    result = std::async(std::launch::async, [=, this] {
+      const bool ok = Rendavo_TaskPool_WaitEventEx(pool, index, timeout_ms);
+      const uint64_t code = Rendavo_GetLastError(nullptr);
+      returned = true;
+      return std::pair{ok, code};
+    });
+    std::this_thread::sleep_for(100ms);
+  }
+  std::pair<bool, uint64_t> get() {
+    EXPECT_EQ(result.wait_for(kLong), std::future_status::ready);
+    return result.get();
+  }
 };
 
-// Starts a waiter on its own thread; `returned` flips when the wait is over.
-std::future<WaitResult> start_waiter(void* pool, int index, int timeout_ms, std::atomic<bool>& returned) {
-  return std::async(std::launch::async, [=, &returned] {
-    const bool ok = Rendavo_TaskPool_WaitEventEx(pool, index, timeout_ms);
-    const uint64_t code = Rendavo_GetLastError(nullptr);
-    returned = true;
-    return WaitResult{ok, code};
-  });
-}
-
-// Gives a waiter time to block. Nothing asserts on how long anything took:
-// a waiter that has not blocked yet still has to see the event.
-void let_waiter_block() { std::this_thread::sleep_for(100ms); }
-
 bool refused(bool ok) { return !ok && Rendavo_GetLastError(nullptr) == RENDAVO_ERROR_TASKPOOL_PARAMETER; }
+bool timed_out(bool ok) { return !ok && Rendavo_GetLastError(nullptr) == RENDAVO_ERROR_TASKPOOL_TIMEOUT; }
 
-std::vector<std::pair<std::string, int>> listed(void* pool, int index) {
+List listed(void* pool, int index) {
   QORVANE_RENDAVO_TASKEVENT** list = nullptr;
   int count = -1;
   EXPECT_TRUE(Rendavo_TaskPool_AddrGetEx(pool, index, &list, &count));
-  std::vector<std::pair<std::string, int>> out;
+  List out;
   for (int i = 0; i < count; ++i) out.emplace_back(list[i]->tszClientAddr, list[i]->nEventCount);
-  if (count == 0) {
-    EXPECT_EQ(list, nullptr);
-  }
+  if (count == 0) { EXPECT_EQ(list, nullptr); }
   Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
   return out;
 }
@@ -58,33 +60,27 @@ TEST(TaskPool, WaitWakesOnEventOrActivationElseTimesOut) {
   int index = -1;
   ASSERT_TRUE(Rendavo_TaskPool_AddrInsertEx(pool, "10.0.0.1:5000", &index));
   ASSERT_EQ(index, 0);
-
-  std::atomic<bool> returned{false};
-  auto waiter = start_waiter(pool, 0, -1, returned);
-  let_waiter_block();
-  EXPECT_FALSE(returned) << "a wait with nothing pending returned";
-  // An event in the other pool must not wake this one.
-  ASSERT_TRUE(Rendavo_TaskPool_ActiveEventEx(pool, 1));
-  let_waiter_block();
-  EXPECT_FALSE(returned);
-  ASSERT_TRUE(Rendavo_TaskPool_AddrIncEx(pool, 0, "10.0.0.1:5000"));
-  ASSERT_EQ(waiter.wait_for(kLong), std::future_status::ready);
-  EXPECT_TRUE(waiter.get().ok);
+  {
+    Waiter waiter(pool, 0, -1);
+    EXPECT_FALSE(waiter.returned) << "a wait with nothing pending returned";
+    // An event in the other pool must not wake this one.
+    ASSERT_TRUE(Rendavo_TaskPool_ActiveEventEx(pool, 1));
+    std::this_thread::sleep_for(100ms);
+    EXPECT_FALSE(waiter.returned);
+    ASSERT_TRUE(Rendavo_TaskPool_AddrIncEx(pool, 0, "10.0.0.1:5000"));
+    EXPECT_TRUE(waiter.get().first);
+  }
   // A pending event keeps every wait returning at once until it is counted down.
   EXPECT_TRUE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
   ASSERT_TRUE(Rendavo_TaskPool_AddrDecEx(pool, 0, "10.0.0.1:5000"));
-
-  returned = false;
-  waiter = start_waiter(pool, 0, kLongMs, returned);
-  let_waiter_block();
-  EXPECT_FALSE(returned);
-  ASSERT_TRUE(Rendavo_TaskPool_ActiveEventEx(pool, 0));
-  ASSERT_EQ(waiter.wait_for(kLong), std::future_status::ready);
-  EXPECT_TRUE(waiter.get().ok);
+  {
+    Waiter waiter(pool, 0, kLongMs);
+    EXPECT_FALSE(waiter.returned);
+    ASSERT_TRUE(Rendavo_TaskPool_ActiveEventEx(pool, 0));
+    EXPECT_TRUE(waiter.get().first);
+  }
   // The activation was used up by the wait it woke.
-  EXPECT_FALSE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
-  EXPECT_EQ(Rendavo_GetLastError(nullptr), RENDAVO_ERROR_TASKPOOL_TIMEOUT);
-
+  EXPECT_TRUE(timed_out(Rendavo_TaskPool_WaitEventEx(pool, 0, 0)));
   // An activation with nobody waiting is kept for the next wait, once.
   ASSERT_TRUE(Rendavo_TaskPool_ActiveEventEx(pool, 0));
   ASSERT_TRUE(Rendavo_TaskPool_ActiveEventEx(pool, 0));
@@ -92,18 +88,11 @@ TEST(TaskPool, WaitWakesOnEventOrActivationElseTimesOut) {
   EXPECT_FALSE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
   // Pool 1 still holds its activation from above.
   EXPECT_TRUE(Rendavo_TaskPool_WaitEventEx(pool, 1, kLongMs));
-
   // With nothing pending a bounded wait gives up.
-  EXPECT_FALSE(Rendavo_TaskPool_WaitEventEx(pool, 0, 30));
-  EXPECT_EQ(Rendavo_GetLastError(nullptr), RENDAVO_ERROR_TASKPOOL_TIMEOUT);
+  EXPECT_TRUE(timed_out(Rendavo_TaskPool_WaitEventEx(pool, 0, 30)));
 
   // Another thread's failure does not overwrite this thread's code.
-  std::thread([pool] {
-    EXPECT_FALSE(Rendavo_TaskPool_WaitEventEx(pool, 7, 0));
-    EXPECT_EQ(Rendavo_GetLastError(nullptr), RENDAVO_ERROR_TASKPOOL_PARAMETER);
-  }).join();
-  EXPECT_EQ(Rendavo_GetLastError(nullptr), RENDAVO_ERROR_TASKPOOL_TIMEOUT);
-
+  std::thread([pool] { EXPECT_TRUE(refused(Rendavo_TaskPool_WaitEventEx(pool, 7, 0))); }).join();
   int sys = 0;
   errno = EINTR;
   EXPECT_EQ(Rendavo_GetLastError(&sys), RENDAVO_ERROR_TASKPOOL_TIMEOUT);
@@ -116,19 +105,10 @@ TEST(TaskPool, DestroyWakesBlockedWaitersAndRetiresTheHandle) {
   ASSERT_NE(pool, nullptr);
   int index = -1;
   ASSERT_TRUE(Rendavo_TaskPool_AddrInsertEx(pool, "peer", &index));
-
-  std::atomic<bool> first{false}, second{false}, third{false};
-  auto w0 = start_waiter(pool, 0, -1, first);
-  auto w0b = start_waiter(pool, 0, kLongMs, second);
-  auto w1 = start_waiter(pool, 1, -1, third);
-  let_waiter_block();
+  Waiter w0(pool, 0, -1), w0b(pool, 0, kLongMs), w1(pool, 1, -1);
   ASSERT_TRUE(Rendavo_TaskPool_DestoryEx(pool));
-  for (auto* waiter : {&w0, &w0b, &w1}) {
-    ASSERT_EQ(waiter->wait_for(kLong), std::future_status::ready);
-    const WaitResult result = waiter->get();
-    EXPECT_FALSE(result.ok);
-    EXPECT_EQ(result.code, RENDAVO_ERROR_TASKPOOL_CLOSED);
-  }
+  for (Waiter* waiter : {&w0, &w0b, &w1})
+    EXPECT_EQ(waiter->get(), std::pair(false, uint64_t{RENDAVO_ERROR_TASKPOOL_CLOSED}));
 
   // A new pool must not answer to the old handle.
   void* other = Rendavo_TaskPool_CreateEx(1);
@@ -142,42 +122,35 @@ TEST(TaskPool, DestroyWakesBlockedWaitersAndRetiresTheHandle) {
   EXPECT_TRUE(Rendavo_TaskPool_DestoryEx(other));
 }
 
-TEST(TaskPool, BalancingCountsAndListOrder) {
+TEST(TaskPool, BalancingCountsListOrderAndBadArguments) {
+  for (int n : {0, -1}) {
+    EXPECT_EQ(Rendavo_TaskPool_CreateEx(n), nullptr);
+    EXPECT_EQ(Rendavo_GetLastError(nullptr), RENDAVO_ERROR_TASKPOOL_PARAMETER);
+  }
   void* pool = Rendavo_TaskPool_CreateEx(3);
   ASSERT_NE(pool, nullptr);
+  // "b" again keeps its first placement; client strings are exact bytes.
+  const std::pair<const char*, int> inserts[] = {{"a", 0}, {"b", 1}, {"c", 2}, {"d", 0}, {"b", 1}, {"B", 1}};
   int index = -1;
-  const char* names[] = {"a", "b", "c", "d"};
-  const int expected[] = {0, 1, 2, 0};
-  for (int i = 0; i < 4; ++i) {
-    ASSERT_TRUE(Rendavo_TaskPool_AddrInsertEx(pool, names[i], &index));
-    EXPECT_EQ(index, expected[i]) << names[i];
+  for (const auto& [name, expected] : inserts) {
+    ASSERT_TRUE(Rendavo_TaskPool_AddrInsertEx(pool, name, &index));
+    EXPECT_EQ(index, expected) << name;
   }
-  // A repeated insert keeps the first placement.
-  ASSERT_TRUE(Rendavo_TaskPool_AddrInsertEx(pool, "b", &index));
-  EXPECT_EQ(index, 1);
-  // Client strings are exact bytes.
-  ASSERT_TRUE(Rendavo_TaskPool_AddrInsertEx(pool, "B", &index));
-  EXPECT_EQ(index, 1);
   ASSERT_TRUE(Rendavo_TaskPool_AddrDeleteEx(pool, 0, "a"));
-  ASSERT_TRUE(Rendavo_TaskPool_AddrInsertEx(pool, "e", &index));
-  EXPECT_EQ(index, 0);
-  ASSERT_TRUE(Rendavo_TaskPool_AddrInsertEx(pool, "f", &index));
-  EXPECT_EQ(index, 2);
+  for (const auto& [name, expected] : {std::pair{"e", 0}, std::pair{"f", 2}}) {
+    ASSERT_TRUE(Rendavo_TaskPool_AddrInsertEx(pool, name, &index));
+    EXPECT_EQ(index, expected) << name;
+  }
 
   // Pool 0 holds d then e; the list follows insertion, not event order.
   EXPECT_TRUE(listed(pool, 0).empty());
-  ASSERT_TRUE(Rendavo_TaskPool_AddrIncEx(pool, 0, "e"));
-  ASSERT_TRUE(Rendavo_TaskPool_AddrIncEx(pool, 0, "e"));
-  ASSERT_TRUE(Rendavo_TaskPool_AddrIncEx(pool, 0, "d"));
-  using List = std::vector<std::pair<std::string, int>>;
+  for (const char* name : {"e", "e", "d"}) ASSERT_TRUE(Rendavo_TaskPool_AddrIncEx(pool, 0, name));
   EXPECT_EQ(listed(pool, 0), (List{{"d", 1}, {"e", 2}}));
-
   // Counts stop at zero: two extra decrements are lost, not owed.
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(Rendavo_TaskPool_AddrDecEx(pool, 0, "d"));
   EXPECT_EQ(listed(pool, 0), (List{{"e", 2}}));
   ASSERT_TRUE(Rendavo_TaskPool_AddrIncEx(pool, 0, "d"));
   EXPECT_EQ(listed(pool, 0), (List{{"d", 1}, {"e", 2}}));
-
   // Deleting clients with events takes their events out of the wait.
   ASSERT_TRUE(Rendavo_TaskPool_AddrDeleteEx(pool, 0, "d"));
   ASSERT_TRUE(Rendavo_TaskPool_AddrDeleteEx(pool, 0, "e"));
@@ -185,38 +158,26 @@ TEST(TaskPool, BalancingCountsAndListOrder) {
   EXPECT_FALSE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
 
   // A client is only known in the pool it was placed in.
-  EXPECT_FALSE(Rendavo_TaskPool_AddrIncEx(pool, 0, "b"));
-  EXPECT_EQ(Rendavo_GetLastError(nullptr), RENDAVO_ERROR_TASKPOOL_PARAMETER);
+  EXPECT_TRUE(refused(Rendavo_TaskPool_AddrIncEx(pool, 0, "b")));
   EXPECT_FALSE(Rendavo_TaskPool_AddrDeleteEx(pool, 0, "b"));
-  EXPECT_TRUE(Rendavo_TaskPool_DestoryEx(pool));
-}
+  EXPECT_TRUE(refused(Rendavo_TaskPool_AddrDecEx(pool, 0, "never inserted")));
 
-TEST(TaskPool, RefusesBadArguments) {
-  for (int n : {0, -1}) {
-    EXPECT_EQ(Rendavo_TaskPool_CreateEx(n), nullptr);
-    EXPECT_EQ(Rendavo_GetLastError(nullptr), RENDAVO_ERROR_TASKPOOL_PARAMETER);
-  }
-  void* pool = Rendavo_TaskPool_CreateEx(2);
-  ASSERT_NE(pool, nullptr);
-  int index = 0;
-  QORVANE_RENDAVO_TASKEVENT** list = nullptr;
-  const std::string longest(127, 'x');
-  const std::string too_long(128, 'x');
+  // 127 bytes is the longest client string.
+  const std::string longest(127, 'x'), too_long(128, 'x');
   EXPECT_TRUE(Rendavo_TaskPool_AddrInsertEx(pool, longest.c_str(), &index));
   ASSERT_TRUE(Rendavo_TaskPool_AddrIncEx(pool, index, longest.c_str()));
-  EXPECT_EQ(listed(pool, index), (std::vector<std::pair<std::string, int>>{{longest, 1}}));
-
+  EXPECT_EQ(listed(pool, index), (List{{longest, 1}}));
   EXPECT_TRUE(refused(Rendavo_TaskPool_AddrInsertEx(pool, too_long.c_str(), &index)));
   EXPECT_TRUE(refused(Rendavo_TaskPool_AddrInsertEx(pool, nullptr, &index)));
   EXPECT_TRUE(refused(Rendavo_TaskPool_AddrInsertEx(pool, "x", nullptr)));
-  for (int bad : {-1, 2}) {
+  QORVANE_RENDAVO_TASKEVENT** list = nullptr;
+  for (int bad : {-1, 3}) {
     EXPECT_TRUE(refused(Rendavo_TaskPool_AddrGetEx(pool, bad, &list, &index)));
     EXPECT_TRUE(refused(Rendavo_TaskPool_WaitEventEx(pool, bad, 0)));
   }
   EXPECT_TRUE(refused(Rendavo_TaskPool_AddrGetEx(pool, 0, nullptr, &index)));
   EXPECT_TRUE(refused(Rendavo_TaskPool_AddrGetEx(pool, 0, &list, nullptr)));
   EXPECT_TRUE(refused(Rendavo_TaskPool_AddrIncEx(pool, 0, nullptr)));
-  EXPECT_TRUE(refused(Rendavo_TaskPool_AddrDecEx(pool, 0, "never inserted")));
   EXPECT_TRUE(Rendavo_TaskPool_DestoryEx(pool));
 }
 
