@@ -17,17 +17,11 @@ using FrameTest = WriterTest;
 std::string video_tables(const char* client) {
   using Table = bool (*)(const char*, uint8_t*, int32_t*);
   const Table tables[] = {
-      [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STts(c, b, l, true); },
-      Boxlane_Packet_STss,
+      [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STts(c, b, l, true); }, Boxlane_Packet_STss,
       [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STsz(c, b, l, true); },
-      [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STco(c, b, l, true); },
-  };
+      [](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STco(c, b, l, true); }, Boxlane_Packet_CTts};
   std::string all;
-  for (const Table table : tables)
-    all += written([&](uint8_t* b, int32_t* l) { return table(client, b, l); }) + " | ";
-  std::vector<uint8_t> buffer(4096);
-  int32_t length = 0;
-  all += Boxlane_Packet_CTts(client, buffer.data(), &length) ? hex(buffer.data(), length) : "no ctts";
+  for (const Table table : tables) all += written([&](uint8_t* b, int32_t* l) { return table(client, b, l); }) + " | ";
   return all;
 }
 
@@ -110,13 +104,15 @@ TEST_F(FrameTest, AccessUnitsKeepTheSameBooksAsSingleNalFrames) {
     EXPECT_EQ(single, unit);
   }
   EXPECT_EQ(video_tables(client()), video_tables(other.c_str()));
-  EXPECT_EQ(video_tables(client()),
-            bytes_hex("00000028 73747473 00000000 00000003 00000002 00000028 00000001 00000029 00000001 00000028") +
-                " | " + bytes_hex("00000018 73747373 00000000 00000002 00000001 00000004") + " | " +
-                bytes_hex("00000028 7374737A 00000000 00000000 00000005 00000008 00000006 00000005 00000007 00000006") +
-                " | " + bytes_hex("00000024 7374636F 00000000 00000005 00000030 00000038 0000003E 00000043 0000004A") +
-                " | " +
-                bytes_hex("00000028 63747473 00000000 00000003 00000001 00000050 00000001 00000028 00000001 00000078"));
+  std::string expected;
+  for (const char* table :
+       {"00000028 73747473 00000000 00000003 00000002 00000028 00000001 00000029 00000001 00000028",
+        "00000018 73747373 00000000 00000002 00000001 00000004",
+        "00000028 7374737A 00000000 00000000 00000005 00000008 00000006 00000005 00000007 00000006",
+        "00000024 7374636F 00000000 00000005 00000030 00000038 0000003E 00000043 0000004A",
+        "00000028 63747473 00000000 00000003 00000001 00000050 00000001 00000028 00000001 00000078"})
+    expected += bytes_hex(table) + " | ";
+  EXPECT_EQ(video_tables(client()), expected);
   EXPECT_TRUE(Boxlane_Packet_Delete(other.c_str()));
 
   // Several units in one access unit, an empty one too: each gets its own length.

@@ -27,12 +27,8 @@ std::unique_ptr<tag_Qorvane_AVProtocol> protocol(bool video, const std::vector<u
 
 class SampleDescription : public boxlane::test::WriterTest {
  protected:
-  std::string stsd(const tag_Qorvane_AVProtocol* av) {
-    return boxlane::test::written([&](uint8_t* b, int32_t* n) { return Boxlane_Packet_STsd(client(), b, n, av); });
-  }
-  void tkhd(int volume, int width, int height) {
-    boxlane::test::written([&](uint8_t* b, int32_t* n) { return Boxlane_Packet_TKhd(client(), b, n, volume, width, height, 0); });
-  }
+  std::string stsd(const tag_Qorvane_AVProtocol* av) { return box(Boxlane_Packet_STsd, av); }
+  void tkhd(int volume, int width, int height) { box(Boxlane_Packet_TKhd, volume, width, height, 0); }
 };
 
 const std::string kAvc1Fixed =  // bytes 24-101 of the entry for a given size
@@ -89,18 +85,17 @@ TEST_F(SampleDescription, AudioEntry) {
 }
 
 TEST_F(SampleDescription, RefusesBadRecordsAndUnknownClients) {
-  const auto refused = [](const char* client, const tag_Qorvane_AVProtocol* av, uint64_t code) {
-    boxlane::test::expect_refused([&](uint8_t* b, int32_t* n) { return Boxlane_Packet_STsd(client, b, n, av); }, code);
-  };
   for (int32_t bad : {-1, 1025, INT_MIN}) {
     for (bool video : {true, false}) {
       auto av = protocol(video, {});
       (video ? av->nVideoHdrLen : av->nAudioCfgLen) = bad;
-      refused(client(), av.get(), BOXLANE_ERROR_PACKET_PARAMETER);
+      refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsd, av.get());
     }
   }
-  refused(client(), nullptr, BOXLANE_ERROR_PACKET_PARAMETER);
-  refused("no such client", nullptr, BOXLANE_ERROR_PACKET_NOTFOUND);  // the lookup comes first
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsd, static_cast<const tag_Qorvane_AVProtocol*>(nullptr));
+  boxlane::test::expect_refused(  // the lookup comes first
+      [](uint8_t* b, int32_t* n) { return Boxlane_Packet_STsd("no such client", b, n, nullptr); },
+      BOXLANE_ERROR_PACKET_NOTFOUND);
   const auto av = protocol(false, {0x12, 0x10});
   int32_t length = -7;
   EXPECT_FALSE(Boxlane_Packet_STsd(client(), nullptr, &length, av.get()));

@@ -36,15 +36,10 @@ TEST_F(SampleTableTest, ClientWithoutFramesGivesEmptyTablesAndNoCompositionOffse
 }
 
 TEST_F(SampleTableTest, DurationsMergeOnlyWithTheLastRun) {
-  for (const int duration : {40, 40, 41, 40}) video(0, 0, duration, 0);
-  EXPECT_EQ(box(Boxlane_Packet_STts, true), bytes_hex("00000028 73747473 00000000 00000003 "
-                                  "00000002 00000028 00000001 00000029 00000001 00000028"));
   // A frame without a duration is still a sample but in no run.
-  video(0, 0, 0, 0);
-  video(0, 0, -3, 0);
-  video(0, 0, 40, 0);
+  for (const int duration : {40, 40, 41, 40, 0, -3, 40}) video(0, 0, duration, 0);
   EXPECT_EQ(box(Boxlane_Packet_STts, true), bytes_hex("00000028 73747473 00000000 00000003 "
-                                  "00000002 00000028 00000001 00000029 00000002 00000028"));
+                                                      "00000002 00000028 00000001 00000029 00000002 00000028"));
   EXPECT_EQ(record().listVideoSize.size(), 7u);
   // Audio keeps its own runs.
   for (const int duration : {1024, 1024, 1024, 960}) audio(0, duration);

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <numeric>
+#include <bit>
 #include <string>
 #include <vector>
 
@@ -16,67 +16,43 @@ namespace {
 using namespace boxlane::h264;
 using boxlane::test::unhex;
 
-// Writes RBSP bits, then wraps them as a NAL unit with emulation
-// prevention inserted (ISO/IEC 14496-10 §7.4.1).
-class Bits {
- public:
-  Bits& u(unsigned n, uint32_t v) {
-    for (unsigned i = n; i-- > 0;) bit((v >> i) & 1);
+// Writes RBSP bits, then wraps them as a NAL unit with the stop bit and
+// emulation prevention inserted (ISO/IEC 14496-10 §7.4.1).
+struct Bits {
+  std::vector<bool> bits;
+  Bits& u(unsigned n, uint64_t v) {
+    for (unsigned i = n; i-- > 0;) bits.push_back((v >> i) & 1);
     return *this;
   }
   Bits& ue(uint32_t v) {
-    const uint64_t x = uint64_t{v} + 1;
-    unsigned len = 0;
-    while ((x >> len) > 1) ++len;
-    u(len, 0);
-    for (unsigned i = len + 1; i-- > 0;) bit((x >> i) & 1);
-    return *this;
+    const unsigned len = unsigned(std::bit_width(uint64_t{v} + 1)) - 1;
+    return u(len, 0).u(len + 1, uint64_t{v} + 1);
   }
   Bits& se(int32_t v) { return ue(v > 0 ? uint32_t(2 * v - 1) : uint32_t(-2 * int64_t{v})); }
   std::vector<uint8_t> nal(uint8_t ref_idc, uint8_t type) const {
-    std::vector<uint8_t> rbsp = bytes_;
-    uint8_t last = cur_;
-    unsigned n = n_;
-    last = uint8_t(last << 1 | 1);  // rbsp_stop_one_bit
-    ++n;
-    rbsp.push_back(uint8_t(last << (8 - n)));
+    Bits rbsp = *this;
+    for (rbsp.u(1, 1); rbsp.bits.size() % 8;) rbsp.u(1, 0);
     std::vector<uint8_t> out{uint8_t(ref_idc << 5 | type)};
     unsigned zeros = 0;
-    for (uint8_t b : rbsp) {
-      if (zeros >= 2 && b <= 3) {
-        out.push_back(3);
-        zeros = 0;
-      }
+    for (std::size_t i = 0; i < rbsp.bits.size(); i += 8) {
+      uint8_t b = 0;
+      for (std::size_t k = i; k < i + 8; ++k) b = uint8_t(b << 1 | rbsp.bits[k]);
+      if (zeros >= 2 && b <= 3) out.push_back(3), zeros = 0;
       out.push_back(b);
       zeros = b == 0 ? zeros + 1 : 0;
     }
     return out;
   }
-
- private:
-  void bit(unsigned b) {
-    cur_ = uint8_t(cur_ << 1 | b);
-    if (++n_ == 8) {
-      bytes_.push_back(cur_);
-      cur_ = 0;
-      n_ = 0;
-    }
-  }
-  std::vector<uint8_t> bytes_;
-  uint8_t cur_ = 0;
-  unsigned n_ = 0;
 };
 
 ParameterSets sets_of(const std::vector<uint8_t>& sps_nal, const std::vector<uint8_t>& pps_nal) {
   ParameterSets sets;
   Sps sps;
   Pps pps;
-  EXPECT_TRUE(parse_sps(sps_nal.data(), sps_nal.size(), sps));
-  EXPECT_TRUE(parse_pps(pps_nal.data(), pps_nal.size(), pps));
+  EXPECT_TRUE(parse_sps(sps_nal.data(), sps_nal.size(), sps) && parse_pps(pps_nal.data(), pps_nal.size(), pps));
   sets.sps[sps.id] = sps;
-  sets.has_sps[sps.id] = true;
   sets.pps[pps.id] = pps;
-  sets.has_pps[pps.id] = true;
+  sets.has_sps[sps.id] = sets.has_pps[pps.id] = true;
   return sets;
 }
 
@@ -92,13 +68,10 @@ std::vector<int64_t> pocs_of(const ParameterSets& sets, const std::vector<std::v
   return pocs;
 }
 
-// Display position of each picture, from the ranks of the POCs.
+// Display position of each picture: how many POCs come before its own.
 std::vector<int> display_of(const std::vector<int64_t>& pocs) {
-  std::vector<int> order(pocs.size());
-  std::iota(order.begin(), order.end(), 0);
-  std::sort(order.begin(), order.end(), [&](int a, int b) { return pocs[a] < pocs[b]; });
-  std::vector<int> display(pocs.size());
-  for (std::size_t rank = 0; rank < order.size(); ++rank) display[order[rank]] = int(rank);
+  std::vector<int> display;
+  for (int64_t poc : pocs) display.push_back(int(std::count_if(pocs.begin(), pocs.end(), [&](int64_t p) { return p < poc; })));
   return display;
 }
 
@@ -257,15 +230,7 @@ std::vector<uint8_t> hand_slice(uint32_t poc_type, bool idr, uint8_t ref_idc, ui
   if (type == 1) b.u(1, 1);            // direct_spatial_mv_pred_flag
   if (type != 2) b.u(1, 0).u(1, 0);    // no override, no list modification
   if (type == 1) b.u(1, 0);
-  if (ref_idc) {
-    if (idr) {
-      b.u(1, 0).u(1, 0);
-    } else if (mmco5) {
-      b.u(1, 1).ue(5).ue(0);
-    } else {
-      b.u(1, 0);
-    }
-  }
+  if (ref_idc) idr ? b.u(2, 0) : mmco5 ? b.u(1, 1).ue(5).ue(0) : b.u(1, 0);  // dec_ref_pic_marking
   return b.nal(ref_idc, idr ? kNalIdrSlice : kNalSlice);
 }
 
