@@ -14,7 +14,6 @@
 #include <shared_mutex>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 namespace boxlane::test {
@@ -98,12 +97,11 @@ inline Peek peek(const std::string& client) {
   return p;
 }
 
-// A pool and a client for each test; clients made with other() go with it.
+// Two pools and a client for each test; clients made with other() go with it.
 class ParseClientTest : public ::testing::Test {
  protected:
-  ParseClientTest(std::string client, int pools) : client_(std::move(client)), pools_(pools) {}
   void SetUp() override {
-    ASSERT_TRUE(Boxlane_Parse_Init(pools_));
+    ASSERT_TRUE(Boxlane_Parse_Init(2));
     ASSERT_TRUE(Boxlane_Parse_Insert(client_.c_str()));
   }
   void TearDown() override {
@@ -116,8 +114,7 @@ class ParseClientTest : public ::testing::Test {
     EXPECT_TRUE(Boxlane_Parse_Insert(name.c_str()));
     return name;
   }
-  const std::string client_;
-  const int pools_;
+  const std::string client_ = "intake";
   std::vector<std::string> others_;
 };
 

@@ -6,6 +6,8 @@
 #include <boxlane/boxlane.h>
 #include <gtest/gtest.h>
 
+#include "support/stream_feeder.hpp"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -66,10 +68,7 @@ inline std::vector<QORVANE_HDRSAMPLENFO> table(const char* client, int32_t id, E
   QORVANE_HDRSAMPLENFO** list = nullptr;
   int32_t count = 0;
   EXPECT_TRUE(Boxlane_Parse_GetTrackList(client, id, &list, &count, code));
-  std::vector<QORVANE_HDRSAMPLENFO> out;
-  for (int32_t i = 0; i < count; ++i) out.push_back(*list[i]);
-  Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
-  return out;
+  return take_list(list, count);
 }
 
 // Every track the client knows with an id from 0 to 9, in id order.
@@ -89,14 +88,12 @@ inline std::vector<ParsedTrack> parsed_tracks(const char* client) {
     t.stsz = table(client, id, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ);
     t.stco = table(client, id, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO);
     int32_t** keys = nullptr;
+    QORVANE_HDRSDTP** sdtp = nullptr;
     int32_t count = 0;
     EXPECT_TRUE(Boxlane_Parse_GetTrackKey(client, id, &keys, &count));
-    for (int32_t i = 0; i < count; ++i) t.stss.push_back(*keys[i]);
-    Fundrel_Memory_Free(reinterpret_cast<void***>(&keys), count);
-    QORVANE_HDRSDTP** sdtp = nullptr;
+    t.stss = take_list(keys, count);
     EXPECT_TRUE(Boxlane_Parse_GetTrackSDtp(client, id, &sdtp, &count));
-    for (int32_t i = 0; i < count; ++i) t.sdtp.push_back(sdtp[i]->bySampleFlags);
-    Fundrel_Memory_Free(reinterpret_cast<void***>(&sdtp), count);
+    for (const QORVANE_HDRSDTP& e : take_list(sdtp, count)) t.sdtp.push_back(e.bySampleFlags);
     EXPECT_TRUE(Boxlane_Parse_GetTrackCodec(client, id, &t.codec));
     tracks.push_back(std::move(t));
   }

@@ -9,12 +9,21 @@
 #include "parse/parse_record.hpp"
 #include "support/box_builder.hpp"
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <vector>
 
 namespace boxlane::test {
+
+using Ints = std::vector<int64_t>;
+using Infos = std::vector<std::array<uint32_t, 3>>;
+inline Infos values(const std::vector<QORVANE_HDRSAMPLENFO>& list) {
+  Infos out;
+  for (const auto& e : list) out.push_back({e.nValue1, e.nValue2, e.nValue3});
+  return out;
+}
 
 using Reader = bool (CBoxlane_Parse::*)(QORVANE_MP4PARSE*, BOXLANE_MSGBUFFER*, const uint8_t*, uint64_t);
 
@@ -33,17 +42,15 @@ inline Bytes tkhd_payload(uint32_t track_id, uint32_t width_16_16 = 0, uint32_t 
 
 class ReaderTest : public ::testing::Test {
  protected:
+  // The ftyp reader when `reader` is null.
   bool feed(Reader reader, const std::vector<uint8_t>& payload) {
     entry = BOXLANE_MSGBUFFER{};
     auto exact = std::make_unique<uint8_t[]>(payload.size() ? payload.size() : 1);
     if (!payload.empty()) std::memcpy(exact.get(), payload.data(), payload.size());
+    if (!reader) return m_MP4Parse.Boxlane_Parse_FTyp(target, exact.get(), payload.size());
     return (m_MP4Parse.*reader)(target, &entry, exact.get(), payload.size());
   }
-  bool feed_ftyp(const std::vector<uint8_t>& payload) {
-    auto exact = std::make_unique<uint8_t[]>(payload.size() ? payload.size() : 1);
-    if (!payload.empty()) std::memcpy(exact.get(), payload.data(), payload.size());
-    return m_MP4Parse.Boxlane_Parse_FTyp(target, exact.get(), payload.size());
-  }
+  bool feed_ftyp(const std::vector<uint8_t>& payload) { return feed(nullptr, payload); }
   void make_track(uint32_t id) { ASSERT_TRUE(feed(&CBoxlane_Parse::Boxlane_Parse_TKhd, tkhd_payload(id))); }
   BOXLANE_TRACKINFO& track(int32_t id) { return target->stl_MapTrack->at(id); }
   const QORVANE_MP4HDR& hdr() const { return entry.st_MP4Hdr; }

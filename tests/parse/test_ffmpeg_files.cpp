@@ -1,18 +1,21 @@
 // Files made by FFmpeg, streamed into the parser in several cuts, agree with
 // what ffprobe reports about the same files: per-sample sizes, file offsets,
 // decode times, composition offsets and key frames, time scales, durations,
-// dimensions, handlers and the decoder configuration.
+// dimensions, handlers and the decoder configuration. Every cut also yields
+// the records, events and positions of the whole file in one piece. One file
+// is the B-frame video and AAC of another rewritten by our own writer.
 #include "parsed_stream.hpp"
+#include "support/ffmpeg.hpp"
+#include "support/mp4_file_writer.hpp"
 #include "support/paths.hpp"
 #include "support/stream_feeder.hpp"
 
+#include <cmath>
 #include <map>
 #include <sstream>
 
 namespace boxlane::test {
 namespace {
-
-enum class Cuts { whole, bytes, random };
 
 using Fields = std::map<std::string, std::string>;
 
@@ -36,11 +39,6 @@ std::string probe(const std::string& args, const std::string& path) {
   std::string out;
   EXPECT_EQ(run("ffprobe -v error " + args + " '" + path + "'", &out), 0);
   return out;
-}
-
-std::string format_duration(const std::string& path) {
-  const std::vector<Fields> rows = compact_rows(probe("-show_entries format=duration -of compact=p=0", path));
-  return rows.empty() ? "nan" : rows[0].at("duration");
 }
 
 struct Stream {
@@ -111,10 +109,8 @@ void expect_agree(const ParsedTrack& t, const Stream& s, uint32_t movie_time_sca
   const std::vector<uint64_t> offsets = t.offsets();
   std::vector<int32_t> cts = t.composition_offsets();
   if (cts.empty()) cts.assign(n, 0);
-  ASSERT_EQ(dts.size(), n);
-  ASSERT_EQ(sizes.size(), n);
-  ASSERT_EQ(offsets.size(), n);
-  ASSERT_EQ(cts.size(), n);
+  ASSERT_TRUE(dts.size() == n && sizes.size() == n && offsets.size() == n && cts.size() == n)
+      << dts.size() << " " << sizes.size() << " " << offsets.size() << " " << cts.size() << " for " << n;
   uint64_t total = 0;
   for (const auto& e : t.stts) total += uint64_t{e.nValue1} * e.nValue2;
   EXPECT_EQ(t.mdhd.nDuration, total);
@@ -126,19 +122,15 @@ void expect_agree(const ParsedTrack& t, const Stream& s, uint32_t movie_time_sca
     keys[std::size_t(k - 1)] = true;
   }
   const int64_t first_dts = std::stoll(s.packets[0].at("dts"));
-  std::size_t mismatches = 0;
-  for (std::size_t i = 0; i < n && mismatches < 5; ++i) {
+  for (std::size_t i = 0, mismatches = 0; i < n && mismatches < 5; ++i) {
     const Fields& p = s.packets[i];
-    const bool same = std::stoll(p.at("size")) == sizes[i] && std::stoull(p.at("pos")) == offsets[i] &&
-                      std::stoll(p.at("dts")) - first_dts == int64_t(dts[i]) &&
-                      std::stoll(p.at("pts")) - std::stoll(p.at("dts")) == cts[i] && (p.at("flags")[0] == 'K') == keys[i];
-    if (!same) {
-      ++mismatches;
-      ADD_FAILURE() << "sample " << i << ": ffprobe size " << p.at("size") << " pos " << p.at("pos") << " dts "
-                    << p.at("dts") << " pts " << p.at("pts") << " flags " << p.at("flags") << "; parsed size " << sizes[i]
-                    << " offset " << offsets[i] << " dts " << dts[i] << "+" << first_dts << " cts " << cts[i]
-                    << " key " << keys[i];
-    }
+    const int64_t packet_dts = std::stoll(p.at("dts"));
+    const std::string want = p.at("size") + " at " + p.at("pos") + " dts " + std::to_string(packet_dts - first_dts) +
+                             " cts " + std::to_string(std::stoll(p.at("pts")) - packet_dts) + (p.at("flags")[0] == 'K' ? " key" : "");
+    const std::string got = std::to_string(sizes[i]) + " at " + std::to_string(offsets[i]) + " dts " +
+                            std::to_string(dts[i]) + " cts " + std::to_string(cts[i]) + (keys[i] ? " key" : "");
+    EXPECT_EQ(got, want) << "sample " << i;
+    mismatches += got != want;
   }
 }
 
@@ -167,82 +159,85 @@ class FfmpegFiles : public ::testing::Test {
         ADD_FAILURE() << name << ": " << log;
       }
     }
+    const std::string source = dir_ + "/faststart_bframes.mp4";
+    EXPECT_EQ(ffmpeg("-i '" + source + "' -c copy -bsf:v h264_mp4toannexb -f h264 '" + dir_ + "/src.h264'"), 0);
+    EXPECT_EQ(ffmpeg("-i '" + source + "' -c copy -f adts '" + dir_ + "/src.aac'"), 0);
+    Mp4VideoInput h264{read_file(dir_ + "/src.h264"), 25, 160, 120, {}};
+    for (const ProbedPacket& p : probe_packets(source, 'v')) h264.composition_frames.push_back(int(std::lround((p.pts - p.dts) * 25)));
+    const Mp4AudioInput aac{read_file(dir_ + "/src.aac")};
+    write_file(dir_ + "/written.mp4", write_mp4("ffmpeg/writer", &h264, &aac).file);
   }
 
   void SetUp() override { BOXLANE_REQUIRE_FFMPEG(); }
 
-  // Sends the file in the given cut and compares every track with ffprobe.
-  void check(const std::string& name, Cuts cuts, std::size_t expect_tracks, unsigned seed = 1) {
-    SCOPED_TRACE(name + " cut " + std::to_string(int(cuts)));
+  // Sends the file whole, then in 1-byte pieces if asked, then cut at random
+  // for each seed, and compares every track with ffprobe each time.
+  void check(const std::string& name, std::size_t expect_tracks, bool bytes, const std::vector<uint32_t>& seeds,
+             uint32_t next_track_id = 0) {
     const std::string path = dir_ + "/" + name + ".mp4";
     const std::vector<uint8_t> file = read_file(path);
-    const std::string client = "ffmpeg/" + name + "/" + std::to_string(int(cuts));
-    ASSERT_TRUE(Boxlane_Parse_Insert(client.c_str()));
-    const FeedResult fed = cuts == Cuts::whole   ? feed_whole(client, file)
-                           : cuts == Cuts::bytes ? feed_pieces(client, file, 1)
-                                                 : feed(client, file, random_cuts(file.size(), file.size() / 1500 + 2, seed));
-    EXPECT_EQ(fed.error, 0u) << "at " << fed.error_offset;
-    const std::vector<QORVANE_MP4HDR>& headers = fed.headers;
-    const std::vector<ParsedTrack> tracks = parsed_tracks(client.c_str());
-    auto cached = streams_.find(name);
-    if (cached == streams_.end()) cached = streams_.emplace(name, probe_streams(path)).first;
-    const std::vector<Stream>& streams = cached->second;
-    QORVANE_HDRMVHD mvhd{};
-    EXPECT_TRUE(Boxlane_Parse_GetMVhd(client.c_str(), &mvhd));
-    EXPECT_EQ(mvhd.nNextTrackID, expect_tracks + 1);
-    ASSERT_NE(mvhd.nTimeScale, 0u);
-    EXPECT_NEAR(double(mvhd.nDuration) / mvhd.nTimeScale, std::stod(format_duration(path)), 0.001);
-    ASSERT_EQ(tracks.size(), expect_tracks);
-    ASSERT_EQ(streams.size(), expect_tracks);
-    for (std::size_t i = 0; i < tracks.size(); ++i) expect_agree(tracks[i], streams[i], mvhd.nTimeScale);
+    const std::vector<Stream> streams = probe_streams(path);
+    const std::vector<Fields> format = compact_rows(probe("-show_entries format=duration -of compact=p=0", path));
+    ASSERT_EQ(format.size(), 1u);
+    std::vector<std::pair<std::string, std::vector<std::size_t>>> runs{{"whole", {}}};
+    if (bytes) runs.push_back({"1-byte pieces", {}});
+    for (uint32_t seed : seeds)
+      runs.push_back({"seed " + std::to_string(seed), random_cuts(file.size(), file.size() / 1500 + 2, seed)});
+    FeedResult whole;
+    for (const auto& [how, cuts] : runs) {
+      SCOPED_TRACE(name + ", " + how);
+      const std::string client = "ffmpeg/" + name + "/" + how;
+      ASSERT_TRUE(Boxlane_Parse_Insert(client.c_str()));
+      const FeedResult fed = feed(client, file, cuts, how == "1-byte pieces" ? 1 : 0);
+      EXPECT_EQ(fed.error, 0u) << "at " << fed.error_offset;
+      if (how == "whole") {
+        whole = fed;
+        EXPECT_EQ(fed.final_position, file.size());  // every top-level box was seen
+      } else {
+        expect_same_feed(fed, whole, how);
+      }
+      const std::vector<ParsedTrack> tracks = parsed_tracks(client.c_str());
+      QORVANE_HDRMVHD mvhd{};
+      EXPECT_TRUE(Boxlane_Parse_GetMVhd(client.c_str(), &mvhd));
+      EXPECT_EQ(mvhd.nNextTrackID, next_track_id ? next_track_id : expect_tracks + 1);
+      ASSERT_NE(mvhd.nTimeScale, 0u);
+      EXPECT_NEAR(double(mvhd.nDuration) / mvhd.nTimeScale, std::stod(format[0].at("duration")), 0.001);
+      ASSERT_EQ(tracks.size(), expect_tracks);
+      ASSERT_EQ(streams.size(), expect_tracks);
+      for (std::size_t i = 0; i < tracks.size(); ++i) expect_agree(tracks[i], streams[i], mvhd.nTimeScale);
 
-    // One header record per box down to the sample tables, the mdat's with
-    // its full size.
-    std::size_t stsd = 0;
-    uint64_t mdat_size = 0;
-    for (const QORVANE_MP4HDR& h : headers) {
-      stsd += h.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSD;
-      if (h.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT) mdat_size = h.nBoxSize;
+      // One header record per box down to the sample tables, the mdat's with
+      // its full size.
+      std::size_t stsd = 0;
+      uint64_t mdat_size = 0;
+      for (const QORVANE_MP4HDR& h : fed.headers) {
+        stsd += h.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSD;
+        if (h.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT) mdat_size = h.nBoxSize;
+      }
+      EXPECT_EQ(stsd, expect_tracks);
+      EXPECT_GT(mdat_size, 8u);
+      QORVANE_HDRFTYP ftyp{};
+      EXPECT_TRUE(Boxlane_Parse_GetFTyp(client.c_str(), &ftyp));
+      EXPECT_STREQ(ftyp.tszMajorBrand, "isom");
+      EXPECT_GE(ftyp.nBrandCount, 1);
+      Fundrel_Memory_Free(reinterpret_cast<void***>(&ftyp.pptszCompatibleBrand), ftyp.nBrandCount);
+      EXPECT_TRUE(Boxlane_Parse_Delete(client.c_str()));
     }
-    EXPECT_EQ(stsd, expect_tracks);
-    EXPECT_GT(mdat_size, 8u);
-    QORVANE_HDRFTYP ftyp{};
-    EXPECT_TRUE(Boxlane_Parse_GetFTyp(client.c_str(), &ftyp));
-    EXPECT_STREQ(ftyp.tszMajorBrand, "isom");
-    EXPECT_GE(ftyp.nBrandCount, 1);
-    Fundrel_Memory_Free(reinterpret_cast<void***>(&ftyp.pptszCompatibleBrand), ftyp.nBrandCount);
-    EXPECT_TRUE(Boxlane_Parse_Delete(client.c_str()));
   }
 
   static std::string dir_;
-  static std::map<std::string, std::vector<Stream>> streams_;
 };
 
 std::string FfmpegFiles::dir_;
-std::map<std::string, std::vector<Stream>> FfmpegFiles::streams_;
 
-TEST_F(FfmpegFiles, MoovAtTheEnd) {
-  for (Cuts cuts : {Cuts::whole, Cuts::bytes, Cuts::random}) check("moov_at_end", cuts, 1);
-}
-
-TEST_F(FfmpegFiles, FaststartWithBFramesAndAudio) {
-  for (Cuts cuts : {Cuts::whole, Cuts::bytes, Cuts::random}) check("faststart_bframes", cuts, 2);
-}
-
-TEST_F(FfmpegFiles, SingleKindFiles) {
-  for (Cuts cuts : {Cuts::whole, Cuts::random}) {
-    check("video_only", cuts, 1, 7);
-    check("audio_only", cuts, 1, 8);
-  }
-}
-
-TEST_F(FfmpegFiles, TwoVideoTracksAndOneAudio) {
-  for (Cuts cuts : {Cuts::whole, Cuts::random}) check("two_video_one_audio", cuts, 3, 3);
-}
-
-TEST_F(FfmpegFiles, TensOfThousandsOfSamples) {
-  for (unsigned seed : {11u, 12u}) check("long", Cuts::random, 2, seed);
-  check("long", Cuts::whole, 2);
+TEST_F(FfmpegFiles, AgreeWithFfprobeHoweverCut) {
+  check("moov_at_end", 1, true, {1});
+  check("faststart_bframes", 2, true, {1});
+  check("video_only", 1, false, {7});
+  check("audio_only", 1, false, {8});
+  check("two_video_one_audio", 3, false, {3});
+  check("long", 2, false, {11, 12});  // tens of thousands of samples
+  check("written", 2, true, {5}, 2);  // our writer puts 2 there whatever the track count
 }
 
 }  // namespace

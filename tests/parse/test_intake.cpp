@@ -1,6 +1,8 @@
 // Parse clients and intake: argument checks, the client table, boxes that
 // arrive in pieces, a box larger than the first buffer, and what still
-// works while there is no task pool.
+// works while there is no task pool. Then the splitter: which records a run
+// yields, in what order, with what sizes and codes; size fields that do not
+// describe one buffered box; the parse position; Recv's answers.
 #include <boxlane/boxlane.hpp>
 
 #include "intake_streams.hpp"
@@ -15,31 +17,31 @@ namespace {
 
 using namespace boxlane::test;
 
-class Intake : public ParseClientTest {
- protected:
-  Intake() : ParseClientTest("intake", 2) {}
-};
+using Intake = ParseClientTest;
+using Splitter = ParseClientTest;
+
+// The major brand the ftyp reader stored.
+std::string major_brand(const std::string& client) {
+  QORVANE_HDRFTYP ftyp{};
+  EXPECT_TRUE(Boxlane_Parse_GetFTyp(client.c_str(), &ftyp));
+  Fundrel_Memory_Free(reinterpret_cast<void***>(&ftyp.pptszCompatibleBrand), ftyp.nBrandCount);
+  return ftyp.tszMajorBrand;
+}
 
 TEST_F(Intake, BadArgumentsFailWithParameterAndChangeNothing) {
   const std::string too_long(128, 'x');
   const Bytes ftyp = movie_ftyp();
   const std::size_t clients = m_MP4Parse.stl_MapClient.size();
   QORVANE_MP4HDR h;
-  int call = 0;
-  const auto expect_parameter = [&call](bool result) {
-    ++call;
-    EXPECT_FALSE(result) << "call " << call;
-    EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PARSE_PARAMETER) << "call " << call;
-  };
-  expect_parameter(Boxlane_Parse_Insert(nullptr));
-  expect_parameter(Boxlane_Parse_Insert(too_long.c_str()));
-  expect_parameter(Boxlane_Parse_Delete(nullptr));
-  expect_parameter(Boxlane_Parse_Send(nullptr, ftyp.data(), 8));
-  expect_parameter(Boxlane_Parse_Send(too_long.c_str(), ftyp.data(), 8));
-  expect_parameter(Boxlane_Parse_Send(client_.c_str(), nullptr, 8));
-  expect_parameter(Boxlane_Parse_Send(client_.c_str(), ftyp.data(), -1));
-  expect_parameter(Boxlane_Parse_Recv(too_long.c_str(), &h, nullptr));
-  expect_parameter(Boxlane_Parse_Recv(client_.c_str(), nullptr, nullptr));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Insert(nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Insert(too_long.c_str()), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Delete(nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Send(nullptr, ftyp.data(), 8), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Send(too_long.c_str(), ftyp.data(), 8), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Send(client_.c_str(), nullptr, 8), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Send(client_.c_str(), ftyp.data(), -1), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Recv(too_long.c_str(), &h, nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Recv(client_.c_str(), nullptr, nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
   EXPECT_EQ(m_MP4Parse.stl_MapClient.size(), clients);
   // Length 0 does nothing, with or without data.
   EXPECT_TRUE(Boxlane_Parse_Send(client_.c_str(), nullptr, 0) && Boxlane_Parse_Send(client_.c_str(), ftyp.data(), 0));
@@ -57,8 +59,7 @@ TEST_F(Intake, ClientTableKeysExactBytesAndKeepsRecordsOnReinsert) {
   EXPECT_EQ(parse_position(client_), ftyp.size());
   EXPECT_EQ(pending_events(client_), 1);
 
-  EXPECT_FALSE(send("Intake", ftyp));
-  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PARSE_NOTFOUND);
+  EXPECT_TRUE(fails_with(send("Intake", ftyp), BOXLANE_ERROR_PARSE_NOTFOUND));
   EXPECT_TRUE(Boxlane_Parse_Delete("Intake"));
   EXPECT_FALSE(Boxlane_IsErrorOccur);
 
@@ -67,21 +68,34 @@ TEST_F(Intake, ClientTableKeysExactBytesAndKeepsRecordsOnReinsert) {
   ASSERT_TRUE(send(client_, movie_moov(), 0, 100));
   ASSERT_TRUE(Boxlane_Parse_Delete(client_.c_str()));
   QORVANE_MP4HDR h;
-  EXPECT_FALSE(Boxlane_Parse_Recv(client_.c_str(), &h, nullptr));
-  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PARSE_NOTFOUND);
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Recv(client_.c_str(), &h, nullptr), BOXLANE_ERROR_PARSE_NOTFOUND));
   ASSERT_TRUE(Boxlane_Parse_Insert(client_.c_str()));
   EXPECT_EQ(parse_position(client_), 0u);
   EXPECT_EQ(peek(client_).queued, 0u);
   EXPECT_EQ(pending_events(client_), 0);
 }
 
+// The movie's moov grown to `size` bytes by one last child of an unknown type.
+Bytes padded_moov(std::size_t size) {
+  const Bytes inner = movie_moov();
+  Bytes payload;
+  payload.reserve(size);
+  payload.insert(payload.end(), inner.begin() + 8, inner.end());
+  const std::size_t filler = size - 16 - payload.size();
+  payload.u32(uint32_t(filler + 8)).str("junk").zeros(filler);
+  return box("moov", payload);
+}
+
+std::vector<int> padded_moov_codes() {
+  std::vector<int> codes = kMovieMoovCodes;
+  codes.push_back(0);
+  return codes;
+}
+
 TEST_F(Intake, BoxesArrivingInPiecesAreSplitOnceWhole) {
   // A 5,000-byte moov in five pieces of 1,000: nothing until the fifth.
-  const Bytes inner = movie_moov();
-  const Bytes moov = box("moov", cat({std::vector<uint8_t>(inner.begin() + 8, inner.end()),
-                                      box("free", Bytes{}.zeros(5000 - inner.size() - 8))}));
-  std::vector<int> expected = kMovieMoovCodes;
-  expected.push_back(0);
+  const Bytes moov = padded_moov(5000);
+  const std::vector<int> expected = padded_moov_codes();
   for (std::size_t at = 0; at < 5000; at += 1000) {
     ASSERT_TRUE(send(client_, moov, at, at + 1000));
     EXPECT_EQ(pending_events(client_), at < 4000 ? 0 : int(expected.size())) << at;
@@ -105,13 +119,7 @@ TEST_F(Intake, BoxesArrivingInPiecesAreSplitOnceWhole) {
 
 TEST_F(Intake, MoovLargerThanTheFirstBufferParsesFromSmallPieces) {
   // 40 MB of moov, most of it one unknown child, in 64 KiB pieces.
-  const Bytes inner = movie_moov();
-  Bytes payload;
-  payload.reserve(40'000'000);
-  payload.insert(payload.end(), inner.begin() + 8, inner.end());
-  const std::size_t filler = 40'000'000 - 16 - payload.size();
-  payload.u32(uint32_t(filler + 8)).str("junk").zeros(filler);
-  const Bytes moov = box("moov", payload);
+  const Bytes moov = padded_moov(40'000'000);
 
   std::size_t largest = 0;
   for (std::size_t at = 0; at < moov.size(); at += 65536) {
@@ -121,9 +129,7 @@ TEST_F(Intake, MoovLargerThanTheFirstBufferParsesFromSmallPieces) {
   }
   // Doubled from 10 MiB, to no more than the box needs.
   EXPECT_EQ(largest, moov.size());
-  std::vector<int> expected = kMovieMoovCodes;
-  expected.push_back(0);
-  EXPECT_EQ(codes(drain(client_)), expected);
+  EXPECT_EQ(codes(drain(client_)), padded_moov_codes());
   EXPECT_EQ(parse_position(client_), moov.size());
 }
 
@@ -132,12 +138,9 @@ TEST_F(Intake, WithoutATaskPoolParsingGoesOnAndEventCallsFail) {
   EXPECT_TRUE(Boxlane_Parse_Destory());
   QORVANE_RENDAVO_TASKEVENT** list = nullptr;
   int32_t count = 0;
-  EXPECT_FALSE(Boxlane_Parse_GetPool(0, &list, &count));
-  EXPECT_EQ(Boxlane_GetLastError(nullptr), RENDAVO_ERROR_TASKPOOL_PARAMETER);
-  EXPECT_FALSE(Boxlane_Parse_WaitEvent(0, -1));
-  EXPECT_EQ(Boxlane_GetLastError(nullptr), RENDAVO_ERROR_TASKPOOL_PARAMETER);
-  EXPECT_FALSE(Boxlane_Parse_ActiveEvent(0));
-  EXPECT_EQ(Boxlane_GetLastError(nullptr), RENDAVO_ERROR_TASKPOOL_PARAMETER);
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetPool(0, &list, &count), RENDAVO_ERROR_TASKPOOL_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_WaitEvent(0, -1), RENDAVO_ERROR_TASKPOOL_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_ActiveEvent(0), RENDAVO_ERROR_TASKPOOL_PARAMETER));
   ASSERT_TRUE(send(client_, movie_ftyp()));
   EXPECT_EQ(codes(drain(client_)), std::vector<int>{1});
 
@@ -146,15 +149,119 @@ TEST_F(Intake, WithoutATaskPoolParsingGoesOnAndEventCallsFail) {
   const std::string fresh = other("intake/fresh");
   ASSERT_TRUE(send(client_, movie_ftyp()) && send(fresh, movie_ftyp()));
   ASSERT_TRUE(Boxlane_Parse_GetPool(0, &list, &count));
-  ASSERT_EQ(count, 1);
-  EXPECT_EQ(std::string(list[0]->tszClientAddr), fresh);
-  Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
+  const auto listed = take_list(list, count);
+  ASSERT_EQ(listed.size(), 1u);
+  EXPECT_EQ(std::string(listed[0].tszClientAddr), fresh);
 
   // The pool's own codes come through unchanged.
-  EXPECT_FALSE(Boxlane_Parse_WaitEvent(1, 0));
-  EXPECT_EQ(Boxlane_GetLastError(nullptr), RENDAVO_ERROR_TASKPOOL_PARAMETER);
-  EXPECT_TRUE(drain(fresh).size() == 1 && !Boxlane_Parse_WaitEvent(0, 0));
-  EXPECT_EQ(Boxlane_GetLastError(nullptr), RENDAVO_ERROR_TASKPOOL_TIMEOUT);
+  EXPECT_TRUE(fails_with(Boxlane_Parse_WaitEvent(1, 0), RENDAVO_ERROR_TASKPOOL_PARAMETER));
+  EXPECT_EQ(drain(fresh).size(), 1u);
+  EXPECT_TRUE(fails_with(Boxlane_Parse_WaitEvent(0, 0), RENDAVO_ERROR_TASKPOOL_TIMEOUT));
+}
+
+TEST_F(Splitter, OnePieceYieldsEveryBoxInStreamOrderUpToTheMdat) {
+  const Bytes file = movie_file(600, "MOOV");
+  const std::size_t mdat_at = file.size() - 608 - 11;
+  // The piece ends 100 bytes into the mdat payload.
+  ASSERT_TRUE(send(client_, file, 0, mdat_at + 108));
+  std::vector<int> expected = movie_file_codes();
+  expected.pop_back();  // the free box after the mdat is not reached
+  EXPECT_EQ(pending_events(client_), int(expected.size()));
+
+  std::vector<QORVANE_MP4HDR> headers;
+  QORVANE_MP4HDR h;
+  uint64_t pos = 0;
+  while (Boxlane_Parse_Recv(client_.c_str(), &h, &pos)) {
+    headers.push_back(h);
+    EXPECT_EQ(pos, mdat_at + 608);  // the position at Recv: past the whole mdat
+  }
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PARSE_NODATA);
+  EXPECT_EQ(pending_events(client_), 0);
+  ASSERT_EQ(codes(headers), expected);
+  EXPECT_EQ((std::vector<uint64_t>{headers[0].nBoxSize, headers[1].nBoxSize, headers.back().nBoxSize}),
+            (std::vector<uint64_t>{movie_ftyp().size(), movie_moov().size(), 608}));
+  EXPECT_EQ(headers[4].byFlags[2], 3);  // tkhd: what its reader left in the record
+  const auto* uuid_head = reinterpret_cast<const uint8_t*>(&headers[headers.size() - 2].wUUIDHead);
+  EXPECT_TRUE(uuid_head[0] == 0xAB && uuid_head[1] == 0xCD);
+}
+
+TEST_F(Splitter, SizeFieldsZeroAndOne) {
+  // 0: the box takes the rest of its piece (its reader gets all of it) and
+  // the next piece starts a new box.
+  const Bytes ftyp = movie_ftyp();
+  ASSERT_TRUE(send(client_, cat({box("ftyp", Bytes{}.str("qt  ").u32(0).str("qt  "), 0), ftyp})));
+  auto headers = drain(client_);
+  ASSERT_EQ(codes(headers), std::vector<int>{1});
+  EXPECT_EQ(headers[0].nBoxSize, 0u);
+  EXPECT_EQ(parse_position(client_), 20 + ftyp.size());
+  EXPECT_EQ(major_brand(client_), "qt  ");
+  ASSERT_TRUE(send(client_, ftyp));
+  EXPECT_EQ(codes(drain(client_)), std::vector<int>{1});
+
+  // 1: reported with size 0, its reader not called, nothing after it split,
+  // and the stream refused from then on.
+  const std::string second = other("splitter/1");
+  ASSERT_TRUE(send(second, cat({box("ftyp", Bytes{}.u64(40).str("isom").u32(0), 1), movie_moov()})));
+  headers = drain(second);
+  ASSERT_EQ(codes(headers), std::vector<int>{1});
+  EXPECT_EQ(headers[0].nBoxSize, 0u);
+  EXPECT_EQ(major_brand(second), "");
+  EXPECT_EQ(parse_position(second), 0u);
+  EXPECT_TRUE(fails_with(send(second, ftyp), BOXLANE_ERROR_PARSE_NOTSUPPORT));
+}
+
+TEST_F(Splitter, MalformedAndOversizedBoxesStopTheStream) {
+  constexpr uint32_t limit = 256u << 20;
+  // The box before is queued, nothing for the bad one, and later pieces are
+  // refused. A bad header that arrives split is judged once complete.
+  const auto expect_stopped = [&](const std::vector<Bytes>& pieces, uint64_t code, const std::string& what) {
+    const std::string client = other(what);
+    for (std::size_t i = 0; i + 1 < pieces.size(); ++i) ASSERT_TRUE(send(client, pieces[i])) << what;
+    EXPECT_TRUE(fails_with(send(client, pieces.back()), code)) << what;
+    EXPECT_EQ(codes(drain(client)), std::vector<int>{1}) << what;
+    const Peek p = peek(client);
+    EXPECT_TRUE(p.stop && p.queued == 0) << what;
+    EXPECT_TRUE(fails_with(send(client, movie_ftyp()), BOXLANE_ERROR_PARSE_NOTSUPPORT)) << what;
+  };
+  for (uint32_t size = 2; size <= 7; ++size)
+    expect_stopped({cat({movie_ftyp(), box("moov", Bytes{}.zeros(40), size)})}, BOXLANE_ERROR_PARSE_MALFORMED,
+                   "size " + std::to_string(size));
+  expect_stopped({cat({movie_ftyp(), Bytes{0, 0, 0}}), Bytes{4, 'f', 'r', 'e', 'e', 0, 0}},
+                 BOXLANE_ERROR_PARSE_MALFORMED, "split size 4");
+  expect_stopped({cat({movie_ftyp(), box("free", Bytes{}.zeros(100), limit + 1)})}, BOXLANE_ERROR_PARSE_NOTSUPPORT,
+                 "256 MiB + 1");
+
+  // Exactly the limit waits in a buffer of the initial size.
+  ASSERT_TRUE(send(client_, box("moov", Bytes{}.zeros(100), limit)));
+  const Peek p = peek(client_);
+  EXPECT_TRUE(!p.back_finished && p.back_box_len == int32_t(limit) && p.back_buffer == 10'485'760u);
+  // An mdat is never buffered, so any size goes.
+  const std::string media = other("splitter/mdat");
+  ASSERT_TRUE(send(media, box("mdat", Bytes{}.zeros(100), 0xFFFFFFF0u)));
+  EXPECT_EQ(drain(media)[0].nBoxSize, 0xFFFFFFF0u);
+  EXPECT_EQ(parse_position(media), 0xFFFFFFF0u);
+}
+
+TEST_F(Splitter, PartialTailsCountOnlyOnceSplit) {
+  const Bytes ftyp = movie_ftyp();
+  const Bytes moov = movie_moov();
+  ASSERT_TRUE(send(client_, cat({ftyp, std::vector<uint8_t>(moov.begin(), moov.begin() + 3)})));
+  QORVANE_MP4HDR h;
+  uint64_t pos = 0;
+  ASSERT_TRUE(Boxlane_Parse_Recv(client_.c_str(), &h, &pos));
+  EXPECT_EQ(pos, ftyp.size());
+  // A partial header: not ready, no event, 3 of 8 bytes held.
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Recv(client_.c_str(), &h, &pos), BOXLANE_ERROR_PARSE_NOTREADY));
+  EXPECT_EQ(pending_events(client_), 0);
+  const Peek p = peek(client_);
+  EXPECT_TRUE(p.back_msg_len == 3 && p.back_box_len == 8);
+
+  ASSERT_TRUE(send(client_, moov, 3));
+  EXPECT_EQ(parse_position(client_), ftyp.size() + moov.size());
+  EXPECT_EQ(codes(drain(client_)), kMovieMoovCodes);
+  // An mdat header moves the position past the whole mdat.
+  ASSERT_TRUE(send(client_, Bytes{0, 0, 0x10, 0, 'm', 'd', 'a', 't', 1, 2}));
+  EXPECT_EQ(parse_position(client_), ftyp.size() + moov.size() + 0x1000);
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 // The queries over a client whose record sits in the parser's client table and
 // is filled by the readers: what they copy out, what they leave untouched,
 // and how they fail.
+#include "parsed_stream.hpp"
 #include "reader_fixture.hpp"
+#include "support/stream_feeder.hpp"
 
 #include <mutex>
 #include <string>
@@ -14,8 +16,7 @@ using P = CBoxlane_Parse;
 class Queries : public ReaderTest {
  protected:
   void SetUp() override {
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    name_ = std::string("queries/") + info->name();
+    name_ = std::string("queries/") + ::testing::UnitTest::GetInstance()->current_test_info()->name();
     auto owned = std::make_unique<QORVANE_MP4PARSE>();
     target = owned.get();
     std::unique_lock lock(m_MP4Parse.st_RWLocker);
@@ -26,35 +27,38 @@ class Queries : public ReaderTest {
     m_MP4Parse.stl_MapClient.erase(name_);
   }
   const char* client() const { return name_.c_str(); }
-  static void expect_not_found() {
-    EXPECT_TRUE(Boxlane_IsErrorOccur);
-    EXPECT_EQ(Boxlane_GetLastError(nullptr), uint64_t{BOXLANE_ERROR_PARSE_NOTFOUND});
+  // Major brand, minor version and compatible brands, read through the query.
+  std::vector<std::string> file_type() {
+    QORVANE_HDRFTYP ftyp;
+    std::memset(&ftyp, 0xAB, sizeof ftyp);
+    EXPECT_TRUE(Boxlane_Parse_GetFTyp(client(), &ftyp));
+    std::vector<std::string> out{ftyp.tszMajorBrand, std::to_string(ftyp.nMinorVersion)};
+    out.insert(out.end(), ftyp.pptszCompatibleBrand, ftyp.pptszCompatibleBrand + ftyp.nBrandCount);
+    Fundrel_Memory_Free(reinterpret_cast<void***>(&ftyp.pptszCompatibleBrand), ftyp.nBrandCount);
+    return out;
   }
 
   std::string name_;
 };
 
+using Strings = std::vector<std::string>;
+
 TEST_F(Queries, FileType) {
+  EXPECT_EQ(file_type(), (Strings{"", "0"}));
+  ASSERT_TRUE(feed_ftyp(Bytes{}.str("isom").u32(512)));
+  EXPECT_EQ(file_type(), (Strings{"isom", "512"}));
+
+  // Rows of 8 bytes, each brand NUL-terminated: four brands, one with a zero
+  // third byte; two trailing bytes are no brand.
+  ASSERT_TRUE(feed_ftyp(Bytes{}.str("mp42").u32(1).str("isom").str("av").u16(0).str("mp41").str("dash").u16(0x6162)));
+  EXPECT_EQ(file_type(), (Strings{"mp42", "1", "isom", "av", "mp41", "dash"}));
+  // Too short for major brand and version: nothing changes.
+  EXPECT_TRUE(feed_ftyp(Bytes{}.str("qt  ").u16(1)));
+  EXPECT_EQ(file_type(), (Strings{"mp42", "1", "isom", "av", "mp41", "dash"}));
+
   QORVANE_HDRFTYP ftyp;
-  std::memset(&ftyp, 0xAB, sizeof ftyp);
-  ASSERT_TRUE(Boxlane_Parse_GetFTyp(client(), &ftyp));
-  EXPECT_EQ(ftyp.tszMajorBrand[0], 0);
-  EXPECT_EQ(ftyp.nBrandCount, 0);
-  Fundrel_Memory_Free(reinterpret_cast<void***>(&ftyp.pptszCompatibleBrand), 0);
-
-  // Rows of 8 bytes, each brand NUL-terminated, a 2-character one included.
-  ASSERT_TRUE(feed_ftyp(Bytes{}.str("isom").u32(512).str("mp41").str("av").u16(0)));
-  ASSERT_TRUE(Boxlane_Parse_GetFTyp(client(), &ftyp));
-  EXPECT_STREQ(ftyp.tszMajorBrand, "isom");
-  ASSERT_EQ(ftyp.nBrandCount, 2);
-  EXPECT_STREQ(ftyp.pptszCompatibleBrand[0], "mp41");
-  EXPECT_STREQ(ftyp.pptszCompatibleBrand[1], "av");
-  Fundrel_Memory_Free(reinterpret_cast<void***>(&ftyp.pptszCompatibleBrand), ftyp.nBrandCount);
-
-  EXPECT_FALSE(Boxlane_Parse_GetFTyp("queries/nobody", &ftyp));
-  expect_not_found();
-  EXPECT_FALSE(Boxlane_Parse_GetFTyp(client(), nullptr));
-  EXPECT_EQ(Boxlane_GetLastError(nullptr), uint64_t{BOXLANE_ERROR_PARSE_PARAMETER});
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetFTyp("queries/nobody", &ftyp), BOXLANE_ERROR_PARSE_NOTFOUND));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetFTyp(client(), nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
 }
 
 TEST_F(Queries, TrackSlotsAndInfo) {
@@ -79,11 +83,9 @@ TEST_F(Queries, TrackSlotsAndInfo) {
   EXPECT_EQ(tkhd.nTrackID, INT32_MIN);
 
   tkhd.nTrackID = 99;
-  EXPECT_FALSE(Boxlane_Parse_GetTrackInfo(client(), 3, &tkhd, nullptr, nullptr, nullptr));
-  expect_not_found();
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackInfo(client(), 3, &tkhd, nullptr, nullptr, nullptr), BOXLANE_ERROR_PARSE_NOTFOUND));
   EXPECT_EQ(tkhd.nTrackID, 99);
-  EXPECT_FALSE(Boxlane_Parse_GetTrack("queries/nobody", slots));
-  expect_not_found();
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrack("queries/nobody", slots), BOXLANE_ERROR_PARSE_NOTFOUND));
 }
 
 TEST_F(Queries, SampleLists) {
@@ -94,28 +96,14 @@ TEST_F(Queries, SampleLists) {
   ASSERT_TRUE(feed(&P::Boxlane_Parse_STss, Bytes{}.full(0, 0).u32(2).u32(1).u32(31)));
   ASSERT_TRUE(feed(&P::Boxlane_Parse_SDtp, Bytes{}.full(0, 0).u8(0x20).u8(0x18)));
 
-  QORVANE_HDRSAMPLENFO** list = nullptr;
-  int32_t count = -1;
-  ASSERT_TRUE(Boxlane_Parse_GetTrackList(client(), 1, &list, &count, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS));
-  ASSERT_EQ(count, 2);
-  EXPECT_EQ(list[0]->nValue1, 3u);
-  EXPECT_EQ(list[0]->nValue2, 1000u);
-  EXPECT_EQ(list[1]->nValue1, 1u);
-  EXPECT_EQ(list[1]->nValue2, 500u);
-  EXPECT_EQ(list[1]->nValue3, 0u);
-  Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
-
-  ASSERT_TRUE(Boxlane_Parse_GetTrackList(client(), 1, &list, &count, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS));
-  ASSERT_EQ(count, 1);
-  EXPECT_EQ(list[0]->nValue2, 4294967294u);
-  Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
-
+  EXPECT_EQ(values(table(client(), 1, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS)), (Infos{{3, 1000, 0}, {1, 500, 0}}));
+  EXPECT_EQ(values(table(client(), 1, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS)), (Infos{{1, 4294967294u, 0}}));
   // An empty list (constant sample size) comes back with count 0.
-  ASSERT_TRUE(Boxlane_Parse_GetTrackList(client(), 1, &list, &count, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ));
-  EXPECT_EQ(count, 0);
-  Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
+  EXPECT_TRUE(table(client(), 1, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ).empty());
 
   // Codes that name no table succeed and touch neither out-parameter.
+  int32_t count = 0;
+  QORVANE_HDRSAMPLENFO** list = nullptr;
   auto* const sentinel = reinterpret_cast<QORVANE_HDRSAMPLENFO**>(&count);
   for (auto code : {ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSS, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_SDTP,
                     ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSD, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_UNKNOWN}) {
@@ -123,32 +111,22 @@ TEST_F(Queries, SampleLists) {
     count = 77;
     EXPECT_TRUE(Boxlane_Parse_GetTrackList(client(), 1, &list, &count, code));
     EXPECT_FALSE(Boxlane_IsErrorOccur);
-    EXPECT_EQ(list, sentinel);
-    EXPECT_EQ(count, 77);
+    EXPECT_TRUE(list == sentinel && count == 77) << code;
   }
-
-  int32_t** keys = nullptr;
-  ASSERT_TRUE(Boxlane_Parse_GetTrackKey(client(), 1, &keys, &count));
-  ASSERT_EQ(count, 2);
-  EXPECT_EQ(*keys[1], 31);
-  Fundrel_Memory_Free(reinterpret_cast<void***>(&keys), count);
 
   // Asking twice gives equal arrays: the lists are copied, never drained.
   for (int round = 0; round < 2; ++round) {
-    QORVANE_HDRSDTP** sdtp = nullptr;
-    ASSERT_TRUE(Boxlane_Parse_GetTrackSDtp(client(), 1, &sdtp, &count));
-    ASSERT_EQ(count, 2);
-    EXPECT_EQ(sdtp[0]->bySampleFlags, 0x20);
-    EXPECT_EQ(sdtp[1]->bySampleFlags, 0x18);
-    Fundrel_Memory_Free(reinterpret_cast<void***>(&sdtp), count);
+    const ParsedTrack t = parsed_tracks(client())[0];
+    EXPECT_EQ(t.stss, (std::vector<int32_t>{1, 31}));
+    EXPECT_EQ(t.sdtp, (std::vector<uint8_t>{0x20, 0x18}));
   }
 
   list = sentinel;
-  EXPECT_FALSE(Boxlane_Parse_GetTrackList(client(), 2, &list, &count, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS));
-  expect_not_found();
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackList(client(), 2, &list, &count, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS),
+                         BOXLANE_ERROR_PARSE_NOTFOUND));
   EXPECT_EQ(list, sentinel);
-  EXPECT_FALSE(Boxlane_Parse_GetTrackKey("queries/nobody", 1, &keys, &count));
-  expect_not_found();
+  int32_t** keys = nullptr;
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackKey("queries/nobody", 1, &keys, &count), BOXLANE_ERROR_PARSE_NOTFOUND));
 }
 
 TEST_F(Queries, CodecInfoAndTruncation) {
@@ -168,15 +146,10 @@ TEST_F(Queries, CodecInfoAndTruncation) {
   for (int i = 0; i < 40; ++i) codec.stl_ListPPS.push_back({0x68});
   ASSERT_TRUE(Boxlane_Parse_GetTrackCodec(client(), 1, &info));
   EXPECT_STREQ(info.tszCodec, "avc1");
-  EXPECT_EQ(info.wWidth, 160);
-  ASSERT_EQ(info.nSPSCount, 2);
-  EXPECT_EQ(info.wSPSLen[0], 2);
-  EXPECT_EQ(info.wSPSLen[1], BOXLANE_CODEC_PARAMSET_BYTES - 3);
-  EXPECT_EQ(info.nPPSCount, 1);
-  EXPECT_EQ(info.byParamSets[0], 0x67);
-  EXPECT_EQ(info.byParamSets[2], 0x11);
-  EXPECT_EQ(info.byParamSets[BOXLANE_CODEC_PARAMSET_BYTES - 1], 0x68);
-  EXPECT_TRUE(info.bTruncated);
+  EXPECT_EQ((Ints{info.wWidth, info.nSPSCount, info.wSPSLen[0], info.wSPSLen[1], info.nPPSCount, info.bTruncated}),
+            (Ints{160, 2, 2, BOXLANE_CODEC_PARAMSET_BYTES - 3, 1, true}));
+  EXPECT_EQ((Ints{info.byParamSets[0], info.byParamSets[2], info.byParamSets[BOXLANE_CODEC_PARAMSET_BYTES - 1]}),
+            (Ints{0x67, 0x11, 0x68}));
 
   codec.stl_ListSPS.resize(1);
   codec.stl_ListPPS.resize(40);
@@ -193,8 +166,7 @@ TEST_F(Queries, CodecInfoAndTruncation) {
   EXPECT_TRUE(info.bTruncated);
   EXPECT_EQ(info.byAudioCfg[BOXLANE_CODEC_AUDIOCFG_BYTES - 1], 0x12);
 
-  EXPECT_FALSE(Boxlane_Parse_GetTrackCodec(client(), 5, &info));
-  expect_not_found();
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackCodec(client(), 5, &info), BOXLANE_ERROR_PARSE_NOTFOUND));
 }
 
 }  // namespace

@@ -34,9 +34,8 @@ int pending_events(const std::string& client) {
   int32_t count = 0;
   if (!look(client, index, position) || !Boxlane_Parse_GetPool(index, &list, &count)) return -1;
   int events = 0;
-  for (int32_t i = 0; i < count; ++i)
-    if (client == list[i]->tszClientAddr) events = list[i]->nEventCount;
-  Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
+  for (const auto& event : take_list(list, count))
+    if (client == event.tszClientAddr) events = event.nEventCount;
   return events;
 }
 
@@ -54,7 +53,9 @@ std::vector<QORVANE_MP4HDR> drain(const std::string& client) {
   return headers;
 }
 
-FeedResult feed(const std::string& client, const std::vector<uint8_t>& stream, const std::vector<std::size_t>& cuts) {
+FeedResult feed(const std::string& client, const std::vector<uint8_t>& stream, std::vector<std::size_t> cuts,
+                std::size_t piece) {
+  for (std::size_t at = piece; piece && at < stream.size(); at += piece) cuts.push_back(at);
   std::vector<std::size_t> ends{stream.size()};
   for (std::size_t cut : cuts)
     if (cut > 0 && cut < stream.size()) ends.push_back(cut);
@@ -64,7 +65,6 @@ FeedResult feed(const std::string& client, const std::vector<uint8_t>& stream, c
   bool ended = false;
   for (std::size_t offset = 0; offset < stream.size() && !ended;) {
     const std::size_t end = *std::upper_bound(ends.begin(), ends.end(), offset);
-    ++result.sends;
     const bool sent = Boxlane_Parse_Send(client.c_str(), stream.data() + offset, static_cast<int32_t>(end - offset));
     const uint64_t code = Boxlane_GetLastError(nullptr);
 
@@ -98,10 +98,21 @@ FeedResult feed(const std::string& client, const std::vector<uint8_t>& stream, c
   return result;
 }
 
-FeedResult feed_pieces(const std::string& client, const std::vector<uint8_t>& stream, std::size_t piece) {
-  std::vector<std::size_t> cuts;
-  for (std::size_t at = piece; at < stream.size(); at += piece) cuts.push_back(at);
-  return feed(client, stream, cuts);
+void expect_same_feed(const FeedResult& got, const FeedResult& want, const std::string& how) {
+  ASSERT_EQ(got.headers.size(), want.headers.size()) << how;
+  for (std::size_t i = 0; i < want.headers.size(); ++i) {
+    const QORVANE_MP4HDR& a = got.headers[i];
+    const QORVANE_MP4HDR& b = want.headers[i];
+    ASSERT_TRUE(a.nBoxSize == b.nBoxSize && a.enHType == b.enHType && a.wUUIDHead == b.wUUIDHead &&
+                a.byVersion == b.byVersion && a.byFlags[0] == b.byFlags[0] && a.byFlags[1] == b.byFlags[1] &&
+                a.byFlags[2] == b.byFlags[2])
+        << how << ", record " << i;
+    if (b.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT) EXPECT_EQ(got.positions[i], want.positions[i]) << how;
+  }
+  EXPECT_EQ(got.final_position, want.final_position) << how;
+  EXPECT_EQ(got.events, want.events) << how;
+  EXPECT_TRUE(got.events_matched) << how;
+  EXPECT_EQ(got.error, want.error) << how;
 }
 
 std::vector<std::size_t> random_cuts(std::size_t size, std::size_t count, uint32_t seed) {

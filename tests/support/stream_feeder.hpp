@@ -4,6 +4,7 @@
 #pragma once
 
 #include <boxlane/boxlane.h>
+#include <gtest/gtest.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -18,22 +19,22 @@ struct FeedResult {
   uint64_t final_position = 0;          // the client's parse position at the end
   int64_t events = -1;                  // the pool's count before each drain, summed; -1: no pool
   bool events_matched = true;           // every drain took as many records as the pool counted
-  int sends = 0;
   uint64_t error = 0;                   // the code of a failed Send, which ends the feed
   std::size_t error_offset = 0;         // and the stream offset of its piece
 };
 
 // `client` must be inserted. Pieces end at the given stream offsets (in any
-// order; out-of-range ones are ignored) and at the end of the stream. After
-// an mdat record the feed resumes at the box after the mdat; an mdat of size
-// 0 ends it.
-FeedResult feed(const std::string& client, const std::vector<uint8_t>& stream, const std::vector<std::size_t>& cuts);
-inline FeedResult feed_whole(const std::string& client, const std::vector<uint8_t>& stream) {
-  return feed(client, stream, {});
-}
-FeedResult feed_pieces(const std::string& client, const std::vector<uint8_t>& stream, std::size_t piece);
+// order; out-of-range ones are ignored), every `piece` bytes when it is not
+// 0, and at the end of the stream. After an mdat record the feed resumes at
+// the box after the mdat; an mdat of size 0 ends it.
+FeedResult feed(const std::string& client, const std::vector<uint8_t>& stream, std::vector<std::size_t> cuts = {},
+                std::size_t piece = 0);
 // `count` cut offsets in [1, size - 1] from a seeded generator.
 std::vector<std::size_t> random_cuts(std::size_t size, std::size_t count, uint32_t seed);
+// The same records field by field, events as the pool counted them, the same
+// final position and error, and the same position with each mdat record (the
+// end of the mdat, whatever the cut).
+void expect_same_feed(const FeedResult& got, const FeedResult& want, const std::string& how);
 
 // The pool's event count for the client (0 when not listed); -1 when there
 // is no pool or no such client.
@@ -42,5 +43,21 @@ int pending_events(const std::string& client);
 uint64_t parse_position(const std::string& client);
 // Takes every finished header record of the client.
 std::vector<QORVANE_MP4HDR> drain(const std::string& client);
+
+// Copies a list the library allocated and frees it.
+template <class T>
+std::vector<T> take_list(T** list, int32_t count) {
+  std::vector<T> out;
+  for (int32_t i = 0; i < count; ++i) out.push_back(*list[i]);
+  Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
+  return out;
+}
+
+// The call failed and left the given code as the last error.
+inline ::testing::AssertionResult fails_with(bool result, uint64_t code) {
+  const uint64_t last = Boxlane_GetLastError(nullptr);
+  if (!result && Boxlane_IsErrorOccur && last == code) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "returned " << result << " with last error " << last << ", wanted " << code;
+}
 
 }  // namespace boxlane::test
