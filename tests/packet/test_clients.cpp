@@ -14,24 +14,19 @@ using ClientTest = WriterTest;
 const uint8_t kFrame[] = {0, 0, 0, 1, 0x65, 0x88, 0x84};
 
 TEST_F(ClientTest, LifeCycleKeepsRecordsAcrossDuplicateInsertAndRenumbersAfterDelete) {
-  int32_t length = 0;
-  uint8_t buffer[128];
-  ASSERT_TRUE(Boxlane_Packet_FrameVideo(client(), buffer, &length, kFrame, sizeof kFrame, 48, 1, 40, 0));
-  ASSERT_TRUE(Boxlane_Packet_TKhd(client(), buffer, &length, 0, 160, 120, 0));
-
+  const auto track_id = [&] { return box(Boxlane_Packet_TKhd, 0, 160, 120, 0).substr(20 * 3, 11); };
+  box(Boxlane_Packet_FrameVideo, kFrame, int32_t{sizeof kFrame}, int64_t{48}, 1, 40, 0);
+  EXPECT_EQ(track_id(), "00 00 00 01");
   // A second Insert succeeds and keeps the frame and the track count.
   EXPECT_TRUE(Boxlane_Packet_Insert(client()));
   EXPECT_FALSE(Boxlane_IsErrorOccur);
   EXPECT_EQ(box(Boxlane_Packet_STsz, true), bytes_hex("00000018 7374737A 00000000 00000000 00000001 00000007"));
-  ASSERT_TRUE(Boxlane_Packet_TKhd(client(), buffer, &length, 0, 160, 120, 0));
-  EXPECT_EQ(hex(buffer + 20, 4), "00 00 00 02");
-
+  EXPECT_EQ(track_id(), "00 00 00 02");
   // Deleting removes the client; a new Insert starts over at track 1.
   EXPECT_TRUE(Boxlane_Packet_Delete(client()));
   refuses(BOXLANE_ERROR_PACKET_NOTFOUND, Boxlane_Packet_FTyp);
   ASSERT_TRUE(Boxlane_Packet_Insert(client()));
-  ASSERT_TRUE(Boxlane_Packet_TKhd(client(), buffer, &length, 0, 160, 120, 0));
-  EXPECT_EQ(hex(buffer + 20, 4), "00 00 00 01");
+  EXPECT_EQ(track_id(), "00 00 00 01");
   EXPECT_TRUE(record().listVideoSize.empty());
 }
 
