@@ -26,13 +26,9 @@ std::string video_tables(const char* client) {
 }
 
 TEST_F(FrameTest, VideoStartCodeBecomesTheNalLength) {
-  std::vector<uint8_t> frame(1000, 0x5A);
-  frame[0] = frame[1] = frame[2] = 0;
-  frame[3] = 1;
-  frame[4] = 0x65;
-  std::vector<uint8_t> expected = frame;
-  expected[2] = 0x03;
-  expected[3] = 0xE4;
+  Bytes frame = Bytes().add(unhex("00000001 65")), expected = Bytes().add(unhex("000003E4 65"));
+  frame.resize(1000, 0x5A);
+  expected.resize(1000, 0x5A);
   EXPECT_EQ(box(Boxlane_Packet_FrameVideo, frame.data(), 1000, 48, 1, 40, 0), hex(expected));
   EXPECT_EQ(record().listVideoSize, std::vector<uint32_t>{1000});
 
