@@ -86,25 +86,31 @@ Bytes padded_moov(std::size_t size) {
   return box("moov", payload);
 }
 
-std::vector<int> padded_moov_codes() {
-  std::vector<int> codes = kMovieMoovCodes;
-  codes.push_back(0);
-  return codes;
-}
-
 TEST_F(Intake, BoxesArrivingInPiecesAreSplitOnceWhole) {
-  // A 5,000-byte moov in five pieces of 1,000: nothing until the fifth.
-  const Bytes moov = padded_moov(5000);
-  const std::vector<int> expected = padded_moov_codes();
-  for (std::size_t at = 0; at < 5000; at += 1000) {
-    ASSERT_TRUE(send(client_, moov, at, at + 1000));
-    EXPECT_EQ(pending_events(client_), at < 4000 ? 0 : int(expected.size())) << at;
+  // A 5,000-byte moov in pieces of 1,000 and one of 40 MB in 64 KiB pieces:
+  // nothing until the last piece. The big one's buffer is doubled from
+  // 10 MiB to no more than the box needs.
+  std::vector<int> expected = kMovieMoovCodes;
+  expected.push_back(0);
+  for (const auto& [size, piece] : {std::pair<std::size_t, std::size_t>{5000, 1000}, {40'000'000, 65536}}) {
+    const std::string client = other("intake/" + std::to_string(size));
+    const Bytes moov = padded_moov(size);
+    std::size_t largest = 0;
+    for (std::size_t at = 0; at < size; at += piece) {
+      ASSERT_TRUE(send(client, moov, at, at + piece)) << at;
+      EXPECT_EQ(pending_events(client), at + piece < size ? 0 : int(expected.size())) << at;
+      const Peek p = peek(client);
+      if (!p.back_finished) largest = std::max(largest, p.back_buffer);
+    }
+    EXPECT_EQ(largest, std::max<std::size_t>(size, 10'485'760));
+    EXPECT_EQ(codes(drain(client)), expected);
+    EXPECT_EQ(parse_position(client), size);
   }
-  EXPECT_EQ(codes(drain(client_)), expected);
 
   // A piece that completes a box, holds whole boxes and ends inside another
   // yields the whole ones at once and keeps only the unfinished tail.
   const Bytes ftyp = movie_ftyp();
+  const Bytes moov = padded_moov(5000);
   const Bytes stream = cat({ftyp, ftyp, movie_uuid(), moov});
   const std::size_t tail_at = stream.size() - moov.size() + 30;
   ASSERT_TRUE(send(client_, stream, 0, 10));
@@ -114,23 +120,7 @@ TEST_F(Intake, BoxesArrivingInPiecesAreSplitOnceWhole) {
   EXPECT_TRUE(!p.back_finished && p.back_msg_len == 30 && p.back_box_len == 5000);
   ASSERT_TRUE(send(client_, stream, tail_at));
   EXPECT_EQ(codes(drain(client_)), expected);
-  EXPECT_EQ(parse_position(client_), 5000 + stream.size());
-}
-
-TEST_F(Intake, MoovLargerThanTheFirstBufferParsesFromSmallPieces) {
-  // 40 MB of moov, most of it one unknown child, in 64 KiB pieces.
-  const Bytes moov = padded_moov(40'000'000);
-
-  std::size_t largest = 0;
-  for (std::size_t at = 0; at < moov.size(); at += 65536) {
-    ASSERT_TRUE(send(client_, moov, at, at + 65536)) << at;
-    const Peek p = peek(client_);
-    if (!p.back_finished) largest = std::max(largest, p.back_buffer);
-  }
-  // Doubled from 10 MiB, to no more than the box needs.
-  EXPECT_EQ(largest, moov.size());
-  EXPECT_EQ(codes(drain(client_)), padded_moov_codes());
-  EXPECT_EQ(parse_position(client_), moov.size());
+  EXPECT_EQ(parse_position(client_), stream.size());
 }
 
 TEST_F(Intake, WithoutATaskPoolParsingGoesOnAndEventCallsFail) {
