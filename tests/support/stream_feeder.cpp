@@ -9,42 +9,35 @@
 #include <random>
 #include <shared_mutex>
 #include <string_view>
+#include <utility>
 
 namespace boxlane::test {
 
 namespace {
 
-// Pool index and parse position of a client; false when it is not in the table.
-bool look(const std::string& client, int& pool_index, uint64_t& position) {
+// Pool index and parse position of a client; -1 and 0 when it is not in the table.
+std::pair<int, uint64_t> look(const std::string& client) {
   std::shared_lock table(m_MP4Parse.st_RWLocker);
   const auto it = m_MP4Parse.stl_MapClient.find(std::string_view(client));
-  if (it == m_MP4Parse.stl_MapClient.end()) return false;
+  if (it == m_MP4Parse.stl_MapClient.end()) return {-1, 0};
   std::lock_guard guard(*it->second->st_Locker);
-  pool_index = it->second->nPoolIndex;
-  position = it->second->nParsePos;
-  return true;
+  return {it->second->nPoolIndex, it->second->nParsePos};
 }
 
 }  // namespace
 
 int pending_events(const std::string& client) {
-  int index = 0;
-  uint64_t position = 0;
   QORVANE_RENDAVO_TASKEVENT** list = nullptr;
   int32_t count = 0;
-  if (!look(client, index, position) || !Boxlane_Parse_GetPool(index, &list, &count)) return -1;
+  const int index = look(client).first;
+  if (index < 0 || !Boxlane_Parse_GetPool(index, &list, &count)) return -1;
   int events = 0;
   for (const auto& event : take_list(list, count))
     if (client == event.tszClientAddr) events = event.nEventCount;
   return events;
 }
 
-uint64_t parse_position(const std::string& client) {
-  int index = 0;
-  uint64_t position = 0;
-  look(client, index, position);
-  return position;
-}
+uint64_t parse_position(const std::string& client) { return look(client).second; }
 
 std::vector<QORVANE_MP4HDR> drain(const std::string& client) {
   std::vector<QORVANE_MP4HDR> headers;
@@ -107,7 +100,9 @@ void expect_same_feed(const FeedResult& got, const FeedResult& want, const std::
                 a.byVersion == b.byVersion && a.byFlags[0] == b.byFlags[0] && a.byFlags[1] == b.byFlags[1] &&
                 a.byFlags[2] == b.byFlags[2])
         << how << ", record " << i;
-    if (b.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT) EXPECT_EQ(got.positions[i], want.positions[i]) << how;
+    if (b.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT) {
+      EXPECT_EQ(got.positions[i], want.positions[i]) << how;
+    }
   }
   EXPECT_EQ(got.final_position, want.final_position) << how;
   EXPECT_EQ(got.events, want.events) << how;
