@@ -5,29 +5,19 @@
 #include <cmath>
 #include <cstdlib>
 #include <sstream>
-#include <string_view>
+#include <utility>
 
 namespace boxlane::test {
 
 namespace {
 
-std::string stream_map(char kind) { return std::string("0:") + kind + ":0"; }
-
-double seconds(std::string_view text) {
-  if (text.empty() || text == "N/A") return std::nan("");
-  return std::strtod(std::string(text).c_str(), nullptr);
-}
+double seconds(const std::string& text) { return text == "N/A" ? std::nan("") : std::strtod(text.c_str(), nullptr); }
 
 }  // namespace
 
-std::string quoted(const std::string& path) {
+std::string shell_quote(const std::string& path) {
   std::string out = "'";
-  for (const char c : path) {
-    if (c == '\'')
-      out += "'\\''";
-    else
-      out += c;
-  }
+  for (const char c : path) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return out + "'";
 }
 
@@ -40,47 +30,42 @@ std::vector<std::string> decoded_md5s(const std::string& path, char kind) {
   // Passthrough keeps every decoded picture whatever its timestamp, so a
   // timestamp fault shows up as a mismatch rather than a silent drop.
   const std::string sync = kind == 'v' ? " -fps_mode passthrough" : "";
-  if (run("ffmpeg -nostdin -v error -i " + quoted(path) + " -map " + stream_map(kind) + sync + " -f framemd5 - 2>/dev/null",
+  if (run("ffmpeg -nostdin -v error -i " + shell_quote(path) + " -map 0:" + kind + ":0" + sync + " -f framemd5 - 2>/dev/null",
           &text) != 0)
     return {};
   std::vector<std::string> hashes;
   std::istringstream lines(text);
-  std::string line;
-  while (std::getline(lines, line)) {
-    if (line.empty() || line[0] == '#') continue;
+  for (std::string line; std::getline(lines, line);) {
     const auto comma = line.rfind(',');
-    if (comma == std::string::npos) continue;
+    if (line.empty() || line[0] == '#' || comma == std::string::npos) continue;
     hashes.push_back(line.substr(line.find_first_not_of(' ', comma + 1)));
   }
   return hashes;
 }
 
-std::vector<ProbedPacket> probe_packets(const std::string& path, char kind) {
+void expect_decodes_like(const std::string& file, const std::string& video_source, const std::string& audio_source) {
+  std::string complaints;
+  EXPECT_EQ(run("ffmpeg -nostdin -v warning -xerror -i " + shell_quote(file) + " -f null - 2>&1", &complaints), 0);
+  EXPECT_EQ(complaints, "") << "FFmpeg complains about " << file;
+  for (const auto& [source, kind] : {std::pair{video_source, 'v'}, std::pair{audio_source, 'a'}}) {
+    if (source.empty()) continue;
+    const auto want = decoded_md5s(source, kind);
+    EXPECT_FALSE(want.empty()) << source;
+    EXPECT_EQ(decoded_md5s(file, kind), want) << (kind == 'v' ? "video" : "audio") << " frames differ from the source";
+  }
+}
+
+std::vector<ProbedPacket> probe_packets(const std::string& path, char kind, bool as_stored) {
   std::string text;
-  if (run("ffprobe -v error -select_streams " + std::string(1, kind) +
-              ":0 -show_entries packet=pts_time,dts_time,size,flags -of compact=p=0 " + quoted(path),
+  if (run("ffprobe -v error" + std::string(as_stored ? " -ignore_editlist 1" : "") + " -select_streams " + kind +
+              ":0 -show_entries packet=pts_time,dts_time,size,flags -of csv=p=0 " + shell_quote(path),
           &text) != 0)
     return {};
   std::vector<ProbedPacket> packets;
-  std::istringstream lines(text);
-  std::string line;
-  while (std::getline(lines, line)) {
-    if (line.empty()) continue;
-    ProbedPacket packet;
-    std::istringstream fields(line);
-    std::string field;
-    while (std::getline(fields, field, '|')) {
-      const auto eq = field.find('=');
-      if (eq == std::string::npos) continue;
-      const std::string_view key(field.data(), eq);
-      const std::string_view value(field.data() + eq + 1, field.size() - eq - 1);
-      if (key == "pts_time") packet.pts = seconds(value);
-      else if (key == "dts_time") packet.dts = seconds(value);
-      else if (key == "size") packet.size = std::strtoll(std::string(value).c_str(), nullptr, 10);
-      else if (key == "flags") packet.key = value.find('K') != std::string_view::npos;
-    }
-    packets.push_back(packet);
-  }
+  std::istringstream rows(text);
+  for (std::string pts, dts, size, flags; std::getline(rows, pts, ',') && std::getline(rows, dts, ',') &&
+                                          std::getline(rows, size, ',') && std::getline(rows, flags);)
+    packets.push_back({seconds(pts), seconds(dts), std::stoll(size), flags.find('K') != std::string::npos});
   return packets;
 }
 

@@ -13,13 +13,18 @@ namespace boxlane::test {
 int ffmpeg(const std::string& args, std::string* log = nullptr);
 
 // Shell-quotes a path for the argument strings above.
-std::string quoted(const std::string& path);
+std::string shell_quote(const std::string& path);
 
 // The MD5 of every frame FFmpeg decodes from the first stream of a kind
 // ('v' video, 'a' audio), in output order. Timestamps are left out, so two
 // files that decode to the same pictures or samples compare equal. Empty
 // when FFmpeg fails.
 std::vector<std::string> decoded_md5s(const std::string& path, char kind);
+
+// FFmpeg reads all of `file` without an error or warning, and decodes its
+// video and audio to exactly the frames of the sources (an empty source
+// path skips that kind).
+void expect_decodes_like(const std::string& file, const std::string& video_source, const std::string& audio_source);
 
 struct ProbedPacket {
   double pts = 0;  // seconds; NaN when ffprobe reports none
@@ -28,7 +33,8 @@ struct ProbedPacket {
   bool key = false;
 };
 
-// The packets of the first stream of a kind, in file (decode) order.
-std::vector<ProbedPacket> probe_packets(const std::string& path, char kind);
+// The packets of the first stream of a kind, in file (decode) order; as
+// stored ignores the edit lists.
+std::vector<ProbedPacket> probe_packets(const std::string& path, char kind, bool as_stored = false);
 
 }  // namespace boxlane::test

@@ -23,7 +23,6 @@ constexpr int kAacFrameSamples = 1024;
 struct AccessUnit {
   std::vector<const uint8_t*> nalus;
   std::vector<int32_t> lengths;
-  bool has_slice = false;
   bool key = false;
 };
 
@@ -32,22 +31,15 @@ struct SplitVideo {
   std::vector<uint8_t> sps, pps;  // the first of each, without start code
 };
 
-bool is_slice(uint8_t type) { return type == 1 || type == 5; }
-
-// NAL types that begin the next access unit once the current one holds its
-// picture (ISO/IEC 14496-10 §7.4.1.2.3). With one slice per picture a second
-// slice does too.
-bool opens_unit(uint8_t type) { return is_slice(type) || (type >= 6 && type <= 9) || (type >= 14 && type <= 18); }
-
+// With one slice per picture, an access unit is whatever precedes its slice
+// (AUD, SEI) and the slice itself.
 SplitVideo split_access_units(const std::vector<uint8_t>& annexb) {
   SplitVideo out;
   AccessUnit current;
   AnnexBSplitter splitter(annexb.data(), annexb.size());
-  NalUnit nal;
-  while (splitter.next(nal)) {
-    if (nal.size == 0) continue;
+  for (NalUnit nal; splitter.next(nal);) {
     const uint8_t type = nal.type();
-    if (current.has_slice && opens_unit(type)) out.units.push_back(std::exchange(current, {}));
+    if (nal.size == 0) continue;
     if (type == 7 || type == 8) {
       auto& kept = type == 7 ? out.sps : out.pps;
       if (kept.empty()) kept.assign(nal.data, nal.data + nal.size);
@@ -55,10 +47,9 @@ SplitVideo split_access_units(const std::vector<uint8_t>& annexb) {
     }
     current.nalus.push_back(nal.data);
     current.lengths.push_back(static_cast<int32_t>(nal.size));
-    current.has_slice = current.has_slice || is_slice(type);
-    current.key = current.key || type == 5;
+    current.key = type == 5;
+    if (type == 1 || type == 5) out.units.push_back(std::exchange(current, {}));
   }
-  if (current.has_slice) out.units.push_back(std::move(current));
   return out;
 }
 
@@ -84,13 +75,14 @@ class FileWriter {
  public:
   explicit FileWriter(const std::string& client) : client_(client) {}
 
-  // Runs one writer call into a buffer of `capacity` bytes and returns what
-  // it wrote, or nothing (and a test failure) when it fails.
-  template <typename Call>
-  std::vector<uint8_t> produce(const char* what, std::size_t capacity, Call&& call) {
+  // Runs fn(client, buffer, &length, args...) into a buffer of `capacity`
+  // bytes and returns what it wrote, or nothing (and a test failure) when it
+  // fails.
+  template <typename Fn, typename... Args>
+  std::vector<uint8_t> produce(const char* what, std::size_t capacity, Fn fn, Args... args) {
     scratch_.assign(capacity, 0);
     int32_t length = -1;
-    if (!call(client_.c_str(), scratch_.data(), &length)) {
+    if (!fn(client_.c_str(), scratch_.data(), &length, args...)) {
       ADD_FAILURE() << what << " failed with 0x" << std::hex << Boxlane_GetLastError(nullptr);
       return {};
     }
@@ -104,35 +96,30 @@ class FileWriter {
   std::vector<uint8_t> container(const char* type, std::initializer_list<std::vector<uint8_t>> children) {
     std::vector<uint8_t> payload;
     for (const auto& child : children) payload.insert(payload.end(), child.begin(), child.end());
-    return produce(type, payload.size() + 8, [&](const char* c, uint8_t* b, int32_t* l) {
-      return Boxlane_Packet_HDRBox(c, b, l, type, payload.data(), static_cast<int32_t>(payload.size()));
-    });
+    return produce(type, payload.size() + 8, Boxlane_Packet_HDRBox, type, payload.data(), static_cast<int32_t>(payload.size()));
   }
 
-  // The stbl of one track. Only video has composition offsets and a sync
-  // table; every audio sample is a sync sample.
-  std::vector<uint8_t> sample_tables(const tag_Qorvane_AVProtocol& description, bool video, bool with_ctts,
-                                     std::size_t room) {
-    const auto stsd = produce("stsd", 256 + sizeof description.tszVideoHdr, [&](const char* c, uint8_t* b, int32_t* l) {
-      return Boxlane_Packet_STsd(c, b, l, &description);
-    });
-    const auto stts = produce("stts", room, [&](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STts(c, b, l, video); });
-    const auto ctts = with_ctts ? produce("ctts", room, Boxlane_Packet_CTts) : std::vector<uint8_t>{};
-    const auto stss = video ? produce("stss", room, Boxlane_Packet_STss) : std::vector<uint8_t>{};
-    const auto stsz = produce("stsz", room, [&](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STsz(c, b, l, video); });
-    const auto stco = produce("stco", room, [&](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_STco(c, b, l, video); });
-    return container("stbl", {stsd, stts, ctts, stss, produce("stsc", 28, Boxlane_Packet_STsc), stsz, stco});
-  }
-
-  // trak[tkhd, edts, mdia[mdhd, hdlr, minf[vmhd or smhd, dinf, stbl]]]
-  std::vector<uint8_t> track(const std::vector<uint8_t>& tkhd, const std::vector<uint8_t>& edts, uint32_t duration,
-                             uint8_t handler, const std::vector<uint8_t>& media_header, const std::vector<uint8_t>& stbl) {
-    const auto minf = container("minf", {media_header, produce("dinf", 36, Boxlane_Packet_DInf), stbl});
-    const auto mdhd = produce("mdhd", 32, [&](const char* c, uint8_t* b, int32_t* l) {
-      return Boxlane_Packet_MDhdEx(c, b, l, kUndetermined, duration);
-    });
-    const auto hdlr = produce("hdlr", 45, [&](const char* c, uint8_t* b, int32_t* l) { return Boxlane_Packet_HDlr(c, b, l, handler); });
-    return container("trak", {tkhd, edts, container("mdia", {mdhd, hdlr, minf})});
+  // trak[tkhd, edts, mdia[mdhd, hdlr, minf[vmhd or smhd, dinf, stbl]]], made
+  // in file order: the avc1 entry takes the picture size from the latest
+  // track header. Only video has a
+  // sync table, and composition offsets and an edit list when media_time >= 0.
+  std::vector<uint8_t> track(const tag_Qorvane_AVProtocol& description, int width, int height, uint32_t duration,
+                             int media_time, std::size_t room) {
+    const bool video = description.bVideo != 0;
+    const std::vector<uint8_t> none;
+    const auto tkhd = produce("tkhd", 92, Boxlane_Packet_TKhd, video ? 0 : 0x0100, width, height, int32_t(duration));
+    const auto edts = media_time < 0 ? none : produce("edts", 36, Boxlane_Packet_EDts, duration, media_time);
+    const auto mdhd = produce("mdhd", 32, Boxlane_Packet_MDhdEx, kUndetermined, duration);
+    const auto hdlr = produce("hdlr", 45, Boxlane_Packet_HDlr, video ? 0 : 1);
+    const auto xmhd = video ? produce("vmhd", 20, Boxlane_Packet_VMhd) : produce("smhd", 16, Boxlane_Packet_SMhd, 0);
+    const auto dinf = produce("dinf", 36, Boxlane_Packet_DInf);
+    const auto stbl = container("stbl", {produce("stsd", 256 + sizeof description.tszVideoHdr, Boxlane_Packet_STsd, &description),
+                                         produce("stts", room, Boxlane_Packet_STts, video),
+                                         media_time < 0 ? none : produce("ctts", room, Boxlane_Packet_CTts),
+                                         video ? produce("stss", room, Boxlane_Packet_STss) : none,
+                                         produce("stsc", 28, Boxlane_Packet_STsc), produce("stsz", room, Boxlane_Packet_STsz, video),
+                                         produce("stco", room, Boxlane_Packet_STco, video)});
+    return container("trak", {tkhd, edts, container("mdia", {mdhd, hdlr, container("minf", {xmhd, dinf, stbl})})});
   }
 
  private:
@@ -171,7 +158,7 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
     ADD_FAILURE() << "frame rate does not divide the time scale";
 
   std::vector<int> offsets;
-  int media_time = 0;
+  int media_time = -1;  // none without composition offsets
   if (video && !video->composition_frames.empty()) {
     EXPECT_EQ(video->composition_frames.size(), split.units.size());
     const int lowest = *std::min_element(video->composition_frames.begin(), video->composition_frames.end());
@@ -187,9 +174,7 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
 
   append(file, writer.produce("ftyp", 32, Boxlane_Packet_FTyp));
   const std::size_t mdat_at = file.size();
-  append(file, writer.produce("mdat", 8, [](const char* c, uint8_t* b, int32_t* l) {
-    return Boxlane_Packet_HDRBox(c, b, l, "mdat", nullptr, 0);
-  }));
+  append(file, writer.produce("mdat", 8, Boxlane_Packet_HDRBox, "mdat", nullptr, 0));
 
   // Interleaved by decode time, as a recorder receives them.
   std::size_t v = 0, a = 0;
@@ -202,19 +187,16 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
       uint32_t size = 0;
       for (const int32_t length : unit.lengths) size += 4 + static_cast<uint32_t>(length);
       const int offset = offsets.empty() ? 0 : offsets[v];
-      append(file, writer.produce("FrameAccessUnit", size, [&](const char* c, uint8_t* b, int32_t* l) {
-        return Boxlane_Packet_FrameAccessUnit(c, b, l, unit.nalus.data(), unit.lengths.data(),
-                                              static_cast<int32_t>(unit.nalus.size()), position, unit.key ? 1 : 0,
-                                              frame_ticks, offset);
-      }));
+      append(file, writer.produce("FrameAccessUnit", size, Boxlane_Packet_FrameAccessUnit, unit.nalus.data(),
+                                  unit.lengths.data(), static_cast<int32_t>(unit.nalus.size()), position,
+                                  unit.key ? 1 : 0, frame_ticks, offset));
       result.video_sizes.push_back(size);
       result.video_keys.push_back(unit.key);
       ++v;
     } else {
       const AudioFrame& frame = audio_frames[a];
-      const auto bytes = writer.produce("FrameAudio", static_cast<std::size_t>(frame.size), [&](const char* c, uint8_t* b, int32_t* l) {
-        return Boxlane_Packet_FrameAudio(c, b, l, frame.data, frame.size, position, kAacFrameSamples);
-      });
+      const auto bytes = writer.produce("FrameAudio", static_cast<std::size_t>(frame.size), Boxlane_Packet_FrameAudio,
+                                        frame.data, frame.size, position, kAacFrameSamples);
       append(file, bytes);
       result.audio_sizes.push_back(static_cast<uint32_t>(bytes.size()));
       ++a;
@@ -225,23 +207,11 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
   const auto video_duration = static_cast<uint32_t>(split.units.size() * static_cast<std::size_t>(frame_ticks));
   const auto audio_duration = static_cast<uint32_t>(audio_frames.size() * kAacFrameSamples);
   const std::size_t table_room = 64 + 8 * std::max(split.units.size(), audio_frames.size());
-  const auto mvhd = writer.produce("mvhd", 108, [&](const char* c, uint8_t* b, int32_t* l) {
-    return Boxlane_Packet_MVhd(c, b, l, static_cast<int32_t>(std::max(video_duration, audio_duration)),
-                               static_cast<int32_t>(result.time_scale));
-  });
+  const auto mvhd = writer.produce("mvhd", 108, Boxlane_Packet_MVhd, static_cast<int32_t>(std::max(video_duration, audio_duration)),
+                                   static_cast<int32_t>(result.time_scale));
 
-  // Each track's tkhd comes before its stsd: the avc1 entry takes the picture
-  // size from the latest track header.
-  std::vector<uint8_t> video_trak;
+  std::vector<uint8_t> video_trak, audio_trak;
   if (video) {
-    const auto tkhd = writer.produce("tkhd", 92, [&](const char* c, uint8_t* b, int32_t* l) {
-      return Boxlane_Packet_TKhd(c, b, l, 0, video->width, video->height, static_cast<int32_t>(video_duration));
-    });
-    std::vector<uint8_t> edts;
-    if (!offsets.empty())
-      edts = writer.produce("edts", 36, [&](const char* c, uint8_t* b, int32_t* l) {
-        return Boxlane_Packet_EDts(c, b, l, video_duration, media_time);
-      });
     tag_Qorvane_AVProtocol description{};
     description.bVideo = 1;
     description.nVideoCodec = 27;
@@ -253,33 +223,32 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
     EXPECT_LE(header.size(), sizeof description.tszVideoHdr);
     description.nVideoHdrLen = static_cast<int32_t>(std::min(header.size(), sizeof description.tszVideoHdr));
     std::memcpy(description.tszVideoHdr, header.data(), static_cast<std::size_t>(description.nVideoHdrLen));
-
-    video_trak = writer.track(tkhd, edts, video_duration, 0, writer.produce("vmhd", 20, Boxlane_Packet_VMhd),
-                              writer.sample_tables(description, true, !offsets.empty(), table_room));
+    video_trak = writer.track(description, video->width, video->height, video_duration, media_time, table_room);
   }
-
-  std::vector<uint8_t> audio_trak;
   if (audio) {
-    const auto tkhd = writer.produce("tkhd", 92, [&](const char* c, uint8_t* b, int32_t* l) {
-      return Boxlane_Packet_TKhd(c, b, l, 0x0100, 0, 0, static_cast<int32_t>(audio_duration));
-    });
     tag_Qorvane_AVProtocol description{};
-    description.bVideo = 0;
     description.nAudioChannel = audio_header.channel_config;
     description.nAudioSampleRate = static_cast<int32_t>(audio_header.sample_rate);
     description.nAudioSampleBit = 16;
     description.nAudioCfgLen = 2;
     audio_specific_config(audio_header, description.tszAudioCfg);
-
-    const auto smhd = writer.produce("smhd", 16, [](const char* c, uint8_t* b, int32_t* l) {
-      return Boxlane_Packet_SMhd(c, b, l, 0);
-    });
-    audio_trak = writer.track(tkhd, {}, audio_duration, 1, smhd, writer.sample_tables(description, false, false, table_room));
+    audio_trak = writer.track(description, 0, 0, audio_duration, -1, table_room);
   }
 
   append(file, writer.container("moov", {mvhd, video_trak, audio_trak}));
   EXPECT_TRUE(Boxlane_Packet_Delete(client.c_str()));
   return result;
+}
+
+std::vector<TopBox> top_boxes(const std::vector<uint8_t>& file) {
+  std::vector<TopBox> boxes;
+  for (uint64_t at = 0; at + 8 <= file.size();) {
+    const uint64_t size = uint64_t{file[at]} << 24 | file[at + 1] << 16 | file[at + 2] << 8 | file[at + 3];
+    boxes.push_back({std::string(file.begin() + at + 4, file.begin() + at + 8), at, size});
+    if (size < 8) break;
+    at += size;
+  }
+  return boxes;
 }
 
 }  // namespace boxlane::test

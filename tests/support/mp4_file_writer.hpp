@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -43,5 +44,15 @@ struct Mp4WriteResult {
 // Either input may be null. Failures are reported to the running test; the
 // file is then incomplete.
 Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, const Mp4AudioInput* audio);
+
+struct TopBox {
+  std::string type;
+  uint64_t offset = 0, size = 0;
+  bool operator==(const TopBox&) const = default;
+};
+inline void PrintTo(const TopBox& box, std::ostream* os) { *os << box.type << " at " << box.offset << " size " << box.size; }
+
+// The top-level boxes of a file, read straight from its bytes.
+std::vector<TopBox> top_boxes(const std::vector<uint8_t>& file);
 
 }  // namespace boxlane::test
