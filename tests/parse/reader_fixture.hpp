@@ -1,6 +1,7 @@
-// What the reader suites share: a parse record of their own, a call into a
-// reader with a payload copied into an allocation of exactly its length (so
-// the address sanitizer catches any read past it), and hand-built tkhd boxes.
+// What the reader and query suites share: a parse record of their own, a
+// call into a reader with a payload copied into an allocation of exactly its
+// length (so the address sanitizer catches any read past it), and hand-built
+// tkhd boxes.
 #pragma once
 
 #include <boxlane/boxlane.hpp>
@@ -13,6 +14,9 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
 #include <vector>
 
 namespace boxlane::test {
@@ -40,26 +44,37 @@ inline Bytes tkhd_payload(uint32_t track_id, uint32_t width_16_16 = 0, uint32_t 
   return p;
 }
 
+// The record the readers fill sits in the client table under the test's
+// name, so the queries see it too.
 class ReaderTest : public ::testing::Test {
  protected:
+  void SetUp() override {
+    name_ = std::string("readers/") + ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    std::unique_lock lock(m_MP4Parse.st_RWLocker);
+    m_MP4Parse.stl_MapClient.emplace(name_, std::move(owned_));
+  }
+  void TearDown() override {
+    std::unique_lock lock(m_MP4Parse.st_RWLocker);
+    m_MP4Parse.stl_MapClient.erase(name_);
+  }
+  const char* client() const { return name_.c_str(); }
   // The ftyp reader when `reader` is null.
   bool feed(Reader reader, const std::vector<uint8_t>& payload) {
     entry = BOXLANE_MSGBUFFER{};
     auto exact = std::make_unique<uint8_t[]>(payload.size() ? payload.size() : 1);
     if (!payload.empty()) std::memcpy(exact.get(), payload.data(), payload.size());
-    if (!reader) return m_MP4Parse.Boxlane_Parse_FTyp(target, exact.get(), payload.size());
-    return (m_MP4Parse.*reader)(target, &entry, exact.get(), payload.size());
+    if (!reader) return m_MP4Parse.Boxlane_Parse_FTyp(&record, exact.get(), payload.size());
+    return (m_MP4Parse.*reader)(&record, &entry, exact.get(), payload.size());
   }
   bool feed_ftyp(const std::vector<uint8_t>& payload) { return feed(nullptr, payload); }
   void make_track(uint32_t id) { ASSERT_TRUE(feed(&CBoxlane_Parse::Boxlane_Parse_TKhd, tkhd_payload(id))); }
-  BOXLANE_TRACKINFO& track(int32_t id) { return target->stl_MapTrack->at(id); }
+  BOXLANE_TRACKINFO& track(int32_t id) { return record.stl_MapTrack->at(id); }
   const QORVANE_MP4HDR& hdr() const { return entry.st_MP4Hdr; }
 
-  QORVANE_MP4PARSE record;
-  // The record the readers fill: `record` unless a suite points it at one
-  // that sits in the client table.
-  QORVANE_MP4PARSE* target = &record;
+  std::unique_ptr<QORVANE_MP4PARSE> owned_ = std::make_unique<QORVANE_MP4PARSE>();
+  QORVANE_MP4PARSE& record = *owned_;  // stays put when the table takes owned_
   BOXLANE_MSGBUFFER entry;
+  std::string name_;
 };
 
 }  // namespace boxlane::test
