@@ -9,12 +9,6 @@
 
 namespace boxlane::test {
 
-namespace {
-
-double seconds(const std::string& text) { return text == "N/A" ? std::nan("") : std::strtod(text.c_str(), nullptr); }
-
-}  // namespace
-
 std::string shell_quote(const std::string& path) {
   std::string out = "'";
   for (const char c : path) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
@@ -61,6 +55,7 @@ std::vector<ProbedPacket> probe_packets(const std::string& path, char kind, bool
               ":0 -show_entries packet=pts_time,dts_time,size,flags -of csv=p=0 " + shell_quote(path),
           &text) != 0)
     return {};
+  const auto seconds = [](const std::string& text) { return text == "N/A" ? std::nan("") : std::strtod(text.c_str(), nullptr); };
   std::vector<ProbedPacket> packets;
   std::istringstream rows(text);
   for (std::string pts, dts, size, flags; std::getline(rows, pts, ',') && std::getline(rows, dts, ',') &&

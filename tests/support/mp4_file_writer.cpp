@@ -71,18 +71,18 @@ std::vector<AudioFrame> split_adts(const std::vector<uint8_t>& adts, AdtsHeader&
   return frames;
 }
 
-class FileWriter {
- public:
-  explicit FileWriter(const std::string& client) : client_(client) {}
+struct FileWriter {
+  std::string client;
+  std::vector<uint8_t> scratch;
 
   // Runs fn(client, buffer, &length, args...) into a buffer of `capacity`
   // bytes and returns what it wrote, or nothing (and a test failure) when it
   // fails.
   template <typename Fn, typename... Args>
   std::vector<uint8_t> produce(const char* what, std::size_t capacity, Fn fn, Args... args) {
-    scratch_.assign(capacity, 0);
+    scratch.assign(capacity, 0);
     int32_t length = -1;
-    if (!fn(client_.c_str(), scratch_.data(), &length, args...)) {
+    if (!fn(client.c_str(), scratch.data(), &length, args...)) {
       ADD_FAILURE() << what << " failed with 0x" << std::hex << Boxlane_GetLastError(nullptr);
       return {};
     }
@@ -90,7 +90,7 @@ class FileWriter {
       ADD_FAILURE() << what << " reported " << length << " bytes for a buffer of " << capacity;
       return {};
     }
-    return {scratch_.begin(), scratch_.begin() + length};
+    return {scratch.begin(), scratch.begin() + length};
   }
 
   std::vector<uint8_t> container(const char* type, std::initializer_list<std::vector<uint8_t>> children) {
@@ -122,16 +122,9 @@ class FileWriter {
     return container("trak", {tkhd, edts, container("mdia", {mdhd, hdlr, container("minf", {xmhd, dinf, stbl})})});
   }
 
- private:
-  std::string client_;
-  std::vector<uint8_t> scratch_;
 };
 
 void append(std::vector<uint8_t>& to, const std::vector<uint8_t>& bytes) { to.insert(to.end(), bytes.begin(), bytes.end()); }
-
-void patch_u32(std::vector<uint8_t>& file, std::size_t at, uint32_t value) {
-  for (int i = 0; i < 4; ++i) file.at(at + i) = static_cast<uint8_t>(value >> (24 - 8 * i));
-}
 
 }  // namespace
 
@@ -141,14 +134,12 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
     ADD_FAILURE() << "Insert failed";
     return result;
   }
-  FileWriter writer(client);
+  FileWriter writer{client, {}};
   auto& file = result.file;
 
-  SplitVideo split;
-  if (video) split = split_access_units(video->annexb);
+  const SplitVideo split = video ? split_access_units(video->annexb) : SplitVideo{};
   AdtsHeader audio_header;
-  std::vector<AudioFrame> audio_frames;
-  if (audio) audio_frames = split_adts(audio->adts, audio_header);
+  const auto audio_frames = audio ? split_adts(audio->adts, audio_header) : std::vector<AudioFrame>{};
 
   // One time scale for the movie and both media: the audio sample rate makes
   // every AAC frame 1024 ticks, and 44100 and 48000 are whole multiples of 30 fps.
@@ -202,7 +193,7 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
       ++a;
     }
   }
-  patch_u32(file, mdat_at, static_cast<uint32_t>(file.size() - mdat_at));
+  for (int i = 0; i < 4; ++i) file.at(mdat_at + i) = static_cast<uint8_t>((file.size() - mdat_at) >> (24 - 8 * i));
 
   const auto video_duration = static_cast<uint32_t>(split.units.size() * static_cast<std::size_t>(frame_ticks));
   const auto audio_duration = static_cast<uint32_t>(audio_frames.size() * kAacFrameSamples);

@@ -39,10 +39,6 @@ struct Json {
       if (name == key) return value;
     return missing;
   }
-  const Json& operator[](std::size_t i) const {
-    static const Json missing;
-    return i < items.size() ? items[i] : missing;
-  }
   // ffprobe prints some numbers as strings.
   double num() const { return kind == kString ? std::stod(text) : number; }
 };
@@ -349,23 +345,23 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
     EXPECT_NE(text.find(says), std::string::npos) << says << " in " << text;
 
   const Json bad = probe_json(shell_quote(dir + "bad.mp4"));
-  const Json& track = bad["tracks"][0];
+  const Json& track = bad["tracks"].items.at(0);
   EXPECT_FALSE(track["consistency"]["consistent"].flag);
   EXPECT_EQ(track["consistency"]["problems"].items.size(), 3u);
   EXPECT_EQ(track["handler_name"].text, "Tables\"\\\n");
   EXPECT_EQ(track["language"].text, "und");
   EXPECT_EQ(track["tables"]["stss"].items.size(), 2u);
-  EXPECT_EQ(track["tables"]["stco"][1].num(), 1400);
+  EXPECT_EQ(track["tables"]["stco"].items.at(1).num(), 1400);
   EXPECT_EQ(track["frame_rate"].num(), 1.0);
 
   write_file(dir + "constant.mp4", movie_with_tables(full_box("stsz", 0, 0, Bytes().u32(100).u32(10)), Bytes(), 3));
   const Json constant = probe_json(shell_quote(dir + "constant.mp4"));
-  const Json& same_size = constant["tracks"][0];
+  const Json& same_size = constant["tracks"].items.at(0);
   EXPECT_EQ(same_size["bit_rate"].kind, Json::kNull);
   EXPECT_EQ(same_size["key_frames"].num(), 10);
   EXPECT_TRUE(same_size["all_sync"].flag);
   EXPECT_EQ(same_size["consistency"]["notes"].items.size(), 1u);
-  EXPECT_NE(same_size["consistency"]["notes"][0].text.find("one size for every sample"), std::string::npos);
+  EXPECT_NE(same_size["consistency"]["notes"].items.at(0).text.find("one size for every sample"), std::string::npos);
   // 3 chunks of 4 against 10 samples.
   EXPECT_EQ(same_size["consistency"]["problems"].items.size(), 1u);
 }
