@@ -55,7 +55,7 @@ std::vector<ProbedPacket> probe_packets(const std::string& path, char kind, bool
               ":0 -show_entries packet=pts_time,dts_time,size,flags -of csv=p=0 " + shell_quote(path),
           &text) != 0)
     return {};
-  const auto seconds = [](const std::string& text) { return text == "N/A" ? std::nan("") : std::strtod(text.c_str(), nullptr); };
+  const auto seconds = [](const std::string& t) { return t == "N/A" ? std::nan("") : std::strtod(t.c_str(), nullptr); };
   std::vector<ProbedPacket> packets;
   std::istringstream rows(text);
   for (std::string pts, dts, size, flags; std::getline(rows, pts, ',') && std::getline(rows, dts, ',') &&

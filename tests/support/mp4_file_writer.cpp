@@ -96,7 +96,7 @@ struct FileWriter {
   std::vector<uint8_t> container(const char* type, std::initializer_list<std::vector<uint8_t>> children) {
     std::vector<uint8_t> payload;
     for (const auto& child : children) payload.insert(payload.end(), child.begin(), child.end());
-    return produce(type, payload.size() + 8, Boxlane_Packet_HDRBox, type, payload.data(), static_cast<int32_t>(payload.size()));
+    return produce(type, payload.size() + 8, Boxlane_Packet_HDRBox, type, payload.data(), int32_t(payload.size()));
   }
 
   // trak[tkhd, edts, mdia[mdhd, hdlr, minf[vmhd or smhd, dinf, stbl]]], made
@@ -113,11 +113,12 @@ struct FileWriter {
     const auto hdlr = produce("hdlr", 45, Boxlane_Packet_HDlr, video ? 0 : 1);
     const auto xmhd = video ? produce("vmhd", 20, Boxlane_Packet_VMhd) : produce("smhd", 16, Boxlane_Packet_SMhd, 0);
     const auto dinf = produce("dinf", 36, Boxlane_Packet_DInf);
-    const auto stbl = container("stbl", {produce("stsd", 256 + sizeof description.tszVideoHdr, Boxlane_Packet_STsd, &description),
-                                         produce("stts", room, Boxlane_Packet_STts, video),
+    const auto stsd = produce("stsd", 256 + sizeof description.tszVideoHdr, Boxlane_Packet_STsd, &description);
+    const auto stbl = container("stbl", {stsd, produce("stts", room, Boxlane_Packet_STts, video),
                                          media_time < 0 ? none : produce("ctts", room, Boxlane_Packet_CTts),
                                          video ? produce("stss", room, Boxlane_Packet_STss) : none,
-                                         produce("stsc", 28, Boxlane_Packet_STsc), produce("stsz", room, Boxlane_Packet_STsz, video),
+                                         produce("stsc", 28, Boxlane_Packet_STsc),
+                                         produce("stsz", room, Boxlane_Packet_STsz, video),
                                          produce("stco", room, Boxlane_Packet_STco, video)});
     return container("trak", {tkhd, edts, container("mdia", {mdhd, hdlr, container("minf", {xmhd, dinf, stbl})})});
   }
@@ -198,8 +199,8 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
   const auto video_duration = static_cast<uint32_t>(split.units.size() * static_cast<std::size_t>(frame_ticks));
   const auto audio_duration = static_cast<uint32_t>(audio_frames.size() * kAacFrameSamples);
   const std::size_t table_room = 64 + 8 * std::max(split.units.size(), audio_frames.size());
-  const auto mvhd = writer.produce("mvhd", 108, Boxlane_Packet_MVhd, static_cast<int32_t>(std::max(video_duration, audio_duration)),
-                                   static_cast<int32_t>(result.time_scale));
+  const auto mvhd = writer.produce("mvhd", 108, Boxlane_Packet_MVhd, int32_t(std::max(video_duration, audio_duration)),
+                                   int32_t(result.time_scale));
 
   std::vector<uint8_t> video_trak, audio_trak;
   if (video) {

@@ -81,8 +81,8 @@ TEST(Mux, WrittenFilesDecodeLikeTheirSources) {
     const Source src{m.video ? sources[m.source].video : "", m.audio ? sources[m.source].audio : ""};
     SCOPED_TRACE(src.video + " " + src.audio + " " + m.options);
     const std::string out = dir + "out.mp4";
-    const Result r = mux((m.video ? "--video " + shell_quote(src.video) : "") + (m.audio ? " --audio " + shell_quote(src.audio) : "") +
-                         " " + m.options + " -o " + shell_quote(out));
+    const Result r = mux((m.video ? "--video " + shell_quote(src.video) : "") +
+                         (m.audio ? " --audio " + shell_quote(src.audio) : "") + " " + m.options + " -o " + shell_quote(out));
     ASSERT_EQ(r.status, 0) << r.output;
     if (m.says.empty()) {
       EXPECT_EQ(r.output, "");
@@ -125,7 +125,8 @@ TEST(Mux, BrokenInputFailsAndLeavesNoFile) {
   const std::size_t second_frame = ((lost[3] & 3u) << 11) | (lost[4] << 3) | (lost[5] >> 5);
   lost[second_frame] = 0x12;  // the second frame's sync word
   // A second stream of another size appended: the SPS changes.
-  ASSERT_EQ(ffmpeg("-f lavfi -i testsrc2=size=176x144:rate=25:duration=0.2 -c:v libx264 -f h264 " + shell_quote(dir + "other.h264")), 0);
+  ASSERT_EQ(ffmpeg("-f lavfi -i testsrc2=size=176x144:rate=25:duration=0.2 -c:v libx264 -f h264 " +
+                   shell_quote(dir + "other.h264")), 0);
   const auto input = [&](const std::string& name, const std::vector<uint8_t>& bytes) {
     write_file(dir + name, bytes);
     return shell_quote(dir + name);
@@ -164,8 +165,8 @@ TEST(Mux, BrokenInputFailsAndLeavesNoFile) {
   write_file(out, {'o', 'l', 'd'});
   EXPECT_NE(mux("--audio " + shell_quote(dir + "lost.aac") + " -o " + shell_quote(out)).status, 0);
   EXPECT_EQ(read_file(out), (std::vector<uint8_t>{'o', 'l', 'd'}));
-  EXPECT_NE(mux("--audio " + shell_quote(src.audio) + " -o " + shell_quote(dir + "no/such/dir/out.mp4")).output.find("cannot write"),
-            std::string::npos);
+  const Result unwritable = mux("--audio " + shell_quote(src.audio) + " -o " + shell_quote(dir + "no/such/dir/out.mp4"));
+  EXPECT_NE(unwritable.output.find("cannot write"), std::string::npos);
   for (const auto& entry : fs::directory_iterator(dir))
     EXPECT_EQ(entry.path().filename().string().find(".boxlane-"), std::string::npos) << entry.path();
 }
