@@ -25,7 +25,10 @@ Split take_piece(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* 
   BeReader piece(data, length);
   auto& queue = *record.stl_ListMsg;
   while (piece.remaining() != 0) {
-    if (queue.empty() || finished(queue.back())) return split_run(self, record, piece.current(), piece.remaining(), nullptr);
+    if (queue.empty() || finished(queue.back())) {
+      const Split result = split_run(self, record, piece.current(), piece.remaining(), nullptr);
+      return result == Split::media ? Split::stopped : result;
+    }
 
     // Only the bytes the pending box still lacks are copied; whatever
     // follows it in the piece is split in place on the next turn.
@@ -46,7 +49,16 @@ Split take_piece(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* 
     held.capacity = pending.nBufferSize;
     const std::size_t whole = static_cast<std::size_t>(pending.nMsgLen);
     queue.pop_back();
+    const uint64_t start = record.nParsePos;  // where the held bytes stand in the stream
     const Split result = split_run(self, record, held.data, whole, &held);
+    if (result == Split::media) {
+      // The mdat whose header completed goes on into this piece. Where it
+      // also ends here, step over the rest of it and go on splitting.
+      const uint64_t rest = record.nParsePos - (start + whole);
+      if (rest >= piece.remaining()) return Split::stopped;
+      (void)piece.skip(rest);
+      continue;
+    }
     if (result != Split::done) return result;
   }
   return Split::done;
@@ -128,6 +140,7 @@ bool CBoxlane_Parse::Boxlane_Parse_Send(const char* lpszClient, const uint8_t* l
     switch (result) {
       case parse::Split::done:
       case parse::Split::stopped:
+      case parse::Split::media:
         return true;
       // A piece that went through the append step was taken even when a
       // later tail found no memory; the code stays set for the caller.
@@ -146,7 +159,7 @@ bool CBoxlane_Parse::Boxlane_Parse_Build(QORVANE_MP4PARSE* pSt_MP4Parse, const u
   if (!pSt_MP4Parse || nMsgLen < 0 || (!lpszMsgBuffer && nMsgLen != 0)) return fail(BOXLANE_ERROR_PARSE_PARAMETER);
   try {
     const auto result = parse::take_piece(*this, *pSt_MP4Parse, lpszMsgBuffer, static_cast<std::size_t>(nMsgLen));
-    return result == parse::Split::done || result == parse::Split::stopped;
+    return result == parse::Split::done || result == parse::Split::stopped || result == parse::Split::media;
   } catch (...) {
     return fail(BOXLANE_ERROR_PARSE_MALLOC);
   }

@@ -68,7 +68,8 @@ inline void* swap_pool_handle(CBoxlane_Parse& self, void* pool) noexcept {
 
 enum class Split : uint8_t {
   done,        // every box of the run split, or its tail stored
-  stopped,     // an mdat, or a box with size field 0 or 1, ended the run
+  stopped,     // a box with size field 0 or 1 ended the run
+  media,       // an mdat whose payload reaches past the run ended it
   refused,     // a malformed or oversized box stopped the stream (code set)
   no_memory,   // the run's first box had to be stored and no buffer was had
   grow_failed, // a pending box could not grow to take the piece (nothing appended)

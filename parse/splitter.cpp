@@ -91,12 +91,16 @@ Split split_run(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* d
     if (size > left && row.kind != BoxKind::media_data) return store_tail(record, run, size, size, held, first);
 
     entry.st_MP4Hdr.nBoxSize = to_end ? 0 : size;
-    // mdat: what follows its header is media payload, which the sender skips;
-    // the next run starts at the box after it.
+    // mdat is never read or buffered. One that lies inside the run is
+    // stepped over; when its payload reaches past the run, the rest of the
+    // run is media the sender skips, and the next run starts after the mdat.
     if (row.kind == BoxKind::media_data) {
       queue_finished(self, record, entry);
       record.nParsePos += size;
-      return Split::stopped;
+      if (to_end) return Split::stopped;
+      if (size > left) return Split::media;
+      (void)run.skip(size);
+      continue;
     }
 
     const uint64_t payload_length = size - kBoxHeader;
@@ -128,7 +132,8 @@ bool CBoxlane_Parse::Boxlane_Parse_Packet(QORVANE_MP4PARSE* pSt_MP4Parse, const 
   if (!pSt_MP4Parse || nMsgLen < 0 || (!lpszMsgBuffer && nMsgLen != 0)) return boxlane::fail(BOXLANE_ERROR_PARSE_PARAMETER);
   try {
     const auto result = boxlane::parse::split_run(*this, *pSt_MP4Parse, lpszMsgBuffer, static_cast<std::size_t>(nMsgLen), nullptr);
-    return result == boxlane::parse::Split::done || result == boxlane::parse::Split::stopped;
+    return result == boxlane::parse::Split::done || result == boxlane::parse::Split::stopped ||
+           result == boxlane::parse::Split::media;
   } catch (...) {
     return boxlane::fail(BOXLANE_ERROR_PARSE_MALLOC);
   }

@@ -153,6 +153,15 @@ TEST_F(Intake, WithoutATaskPoolParsingGoesOnAndEventCallsFail) {
   EXPECT_TRUE(fails_with(Boxlane_Parse_WaitEvent(0, 0), RENDAVO_ERROR_TASKPOOL_TIMEOUT));
 }
 
+// An mdat that lies wholly inside the piece is stepped over, unread, and
+// the boxes after it are split in the same call (a small file sent whole).
+TEST_F(Splitter, AnMdatInsideThePieceIsSteppedOver) {
+  const Bytes file = movie_file(600, "MOOV");
+  ASSERT_TRUE(send(client_, file));
+  EXPECT_EQ(codes(drain(client_)), movie_file_codes());
+  EXPECT_EQ(parse_position(client_), file.size());
+}
+
 TEST_F(Splitter, OnePieceYieldsEveryBoxInStreamOrderUpToTheMdat) {
   const Bytes file = movie_file(600, "MOOV");
   const std::size_t mdat_at = file.size() - 608 - 11;
