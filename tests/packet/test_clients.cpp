@@ -101,8 +101,9 @@ TEST_F(ClientTest, EveryWriterRefusesMissingClientBufferOrLength) {
       WRITER(FrameAccessUnit, nalus, nalu_lengths, 1, 0, 1, 40, 40), WRITER(FrameAudio, payload, 4, 0, 1024),
   };
 #undef WRITER
-  for (const auto& [name, call] : writers) {
-    SCOPED_TRACE(name);
+  for (const auto& row : writers) {
+    SCOPED_TRACE(row.first);
+    const auto& call = row.second;  // Clang 14 cannot capture a structured binding
     expect_refused([&](uint8_t* b, int32_t* l) { return call(nullptr, b, l); }, BOXLANE_ERROR_PACKET_PARAMETER);
     expect_refused([&](uint8_t* b, int32_t* l) { return call("writer/nobody", b, l); }, BOXLANE_ERROR_PACKET_NOTFOUND);
     expect_refused([&](uint8_t*, int32_t* l) { return call(client(), nullptr, l); }, BOXLANE_ERROR_PACKET_PARAMETER);

@@ -31,12 +31,15 @@ struct Json {
   double number = 0;
   std::string text;
   std::vector<Json> items;
-  std::vector<std::pair<std::string, Json>> members;
+  // An object's members, as parallel lists: a pair holding the incomplete
+  // Json is refused by Clang's standard library checks.
+  std::vector<std::string> names;
+  std::vector<Json> members;
 
   const Json& operator[](std::string_view key) const {
     static const Json missing;
-    for (const auto& [name, value] : members)
-      if (name == key) return value;
+    for (std::size_t i = 0; i < names.size(); ++i)
+      if (names[i] == key) return members[i];
     return missing;
   }
   // ffprobe prints some numbers as strings.
@@ -86,8 +89,7 @@ struct JsonReader {
       v.kind = Json::kObject;
       if (eat("}")) return true;
       do {
-        auto& [key, member] = v.members.emplace_back();
-        if (!string(key) || !eat(":") || !value(member, depth + 1)) return false;
+        if (!string(v.names.emplace_back()) || !eat(":") || !value(v.members.emplace_back(), depth + 1)) return false;
       } while (eat(","));
       return eat("}");
     }
