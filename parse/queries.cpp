@@ -20,14 +20,20 @@ namespace {
 
 // Copies a list into a fresh pointer array: count written, allocator called
 // even for an empty list, then element i into block i.
-template <typename Element, typename Out, typename Copy>
-bool hand_out(const std::vector<Element>& list, Out*** out, int* count, Copy copy) {
+// The element i of a list: a plain list's own, a sample table's widened.
+template <typename Element, typename Alloc>
+const Element& element(const std::vector<Element, Alloc>& list, std::size_t i) noexcept { return list[i]; }
+template <std::size_t N>
+QORVANE_HDRSAMPLENFO element(const BOXLANE_TABLE<N>& table, std::size_t i) noexcept { return table.entry(i); }
+
+template <typename List, typename Out, typename Copy>
+bool hand_out(const List& list, Out*** out, int* count, Copy copy) {
   const int n = static_cast<int>(list.size());
   Out** array = nullptr;
   if (!Fundrel_Memory_Malloc(reinterpret_cast<void***>(&array), n, static_cast<int>(sizeof(Out)))) {
     return boxlane::fail(BOXLANE_ERROR_PARSE_MALLOC);
   }
-  for (int i = 0; i < n; ++i) copy(*array[i], list[static_cast<std::size_t>(i)]);
+  for (int i = 0; i < n; ++i) copy(*array[i], element(list, static_cast<std::size_t>(i)));
   *count = n;
   *out = array;
   return true;
@@ -105,19 +111,20 @@ bool CBoxlane_Parse::Boxlane_Parse_GetTrackList(const char* lpszClient, int nTra
     static_assert(sizeof enHType == sizeof(int32_t));
     int32_t code = 0;
     std::memcpy(&code, &enHType, sizeof code);
-    const std::vector<QORVANE_HDRSAMPLENFO>* list = nullptr;
+    const auto table = [&](const auto& list) {
+      return hand_out(list, pppSt_ListInfo, pInt_ListCount,
+                      [](QORVANE_HDRSAMPLENFO& to, const QORVANE_HDRSAMPLENFO& from) { to = from; });
+    };
     switch (code) {
-      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS: list = &track.stl_ListSTts; break;
-      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS: list = &track.stl_ListCTts; break;
-      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSC: list = &track.stl_ListSTsc; break;
-      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ: list = &track.stl_ListSTsz; break;
-      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO: list = &track.stl_ListSTco; break;
+      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS: return table(track.stl_ListSTts);
+      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS: return table(track.stl_ListCTts);
+      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSC: return table(track.stl_ListSTsc);
+      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ: return table(track.stl_ListSTsz);
+      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO: return table(track.stl_ListSTco);
       // Sync samples and sdtp have their own queries; any other code is not a
       // table and is answered with nothing rather than an error.
       default: return true;
     }
-    return hand_out(*list, pppSt_ListInfo, pInt_ListCount,
-                    [](QORVANE_HDRSAMPLENFO& to, const QORVANE_HDRSAMPLENFO& from) { to = from; });
   });
 }
 

@@ -28,62 +28,65 @@ uint32_t whole_entries(const BeReader& r, int32_t count, std::size_t entry_size)
 // Room for n more elements. A list filled by one box is sized exactly; when
 // many boxes append to one list it grows by at least a quarter, so a stream of
 // tiny boxes stays linear and a 12-byte element never costs more than 15.
-template <typename Element>
-void make_room(std::vector<Element>& list, std::size_t n) {
+template <typename List>
+void make_room(List& list, std::size_t n) {
   const std::size_t needed = list.size() + n;
   if (needed > list.capacity()) list.reserve(std::max(needed, list.size() + list.size() / 4));
 }
 
+// Appends n entries of N fields from the cursor to the table in one pass.
+template <std::size_t N>
+void append(BeReader& r, BOXLANE_TABLE<N>& table, uint32_t n) {
+  auto& fields = table.fields;
+  const std::size_t old = fields.size();
+  make_room(fields, std::size_t{n} * N);
+  fields.resize(old + std::size_t{n} * N);
+  (void)r.u32s(fields.data() + old, std::size_t{n} * N);  // n was bounded by the payload
+}
+
 // Version, flags and entry_count at 0 and 4; the entries from 8 on.
-template <typename Element, typename ReadOne>
+template <std::size_t N>
 bool read_counted(QORVANE_MP4PARSE* record, BOXLANE_MSGBUFFER* entry, const uint8_t* payload, uint64_t length,
-                  std::vector<Element> BOXLANE_TRACKINFO::*list, std::size_t entry_size, ReadOne read_one) {
+                  BOXLANE_TABLE<N> BOXLANE_TRACKINFO::*list) {
   BeReader r(payload, length);
   BOXLANE_TRACKINFO* track = open_track_box(record, entry, r);
   if (!track) return false;
   if (!r.has(8)) return true;
   r.skip(4);
-  const uint32_t n = whole_entries(r, r.i32(), entry_size);
-  std::vector<Element>& out = track->*list;
-  make_room(out, n);
-  for (uint32_t i = 0; i < n; ++i) out.push_back(read_one(r));
+  append(r, track->*list, whole_entries(r, r.i32(), 4 * N));
   return true;
 }
-
-QORVANE_HDRSAMPLENFO pair_entry(BeReader& r) noexcept {
-  const uint32_t first = r.u32();
-  return {first, r.u32(), 0};
-}
-
-QORVANE_HDRSAMPLENFO single_entry(BeReader& r) noexcept { return {r.u32(), 0, 0}; }
 
 }  // namespace
 
 bool CBoxlane_Parse::Boxlane_Parse_STts(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
-  return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListSTts, 8, pair_entry);
+  return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListSTts);
 }
 
 // Version 1 offsets are signed (§8.6.1.3); both versions keep the raw 32 bits.
 bool CBoxlane_Parse::Boxlane_Parse_CTts(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
-  return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListCTts, 8, pair_entry);
+  return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListCTts);
 }
 
 bool CBoxlane_Parse::Boxlane_Parse_STsc(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
-  return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListSTsc, 12,
-                      [](BeReader& r) noexcept {
-                        const uint32_t first_chunk = r.u32();
-                        const uint32_t per_chunk = r.u32();
-                        return QORVANE_HDRSAMPLENFO{first_chunk, per_chunk, r.u32()};
-                      });
+  return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListSTsc);
 }
 
 bool CBoxlane_Parse::Boxlane_Parse_STco(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
-  return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListSTco, 4, single_entry);
+  return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListSTco);
 }
 
 bool CBoxlane_Parse::Boxlane_Parse_STss(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
-  return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListSTss, 4,
-                      [](BeReader& r) noexcept { return r.i32(); });
+  BeReader r(lpszMsgBuffer, nMsgLen);
+  BOXLANE_TRACKINFO* track = open_track_box(pSt_MP4Parse, pSt_MSGBuffer, r);
+  if (!track) return false;
+  if (!r.has(8)) return true;
+  r.skip(4);
+  const uint32_t n = whole_entries(r, r.i32(), 4);
+  std::vector<int32_t>& out = track->stl_ListSTss;
+  make_room(out, n);
+  for (uint32_t i = 0; i < n; ++i) out.push_back(r.i32());
+  return true;
 }
 
 // A non-zero sample_size means every sample has that size and no table
@@ -95,10 +98,7 @@ bool CBoxlane_Parse::Boxlane_Parse_STsz(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_
   if (!r.has(12)) return true;
   r.skip(4);
   if (r.u32() != 0) return true;
-  const uint32_t n = whole_entries(r, r.i32(), 4);
-  std::vector<QORVANE_HDRSAMPLENFO>& out = track->stl_ListSTsz;
-  make_room(out, n);
-  for (uint32_t i = 0; i < n; ++i) out.push_back(single_entry(r));
+  append(r, track->stl_ListSTsz, whole_entries(r, r.i32(), 4));
   return true;
 }
 
@@ -108,8 +108,11 @@ bool CBoxlane_Parse::Boxlane_Parse_SDtp(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_
   BOXLANE_TRACKINFO* track = open_track_box(pSt_MP4Parse, pSt_MSGBuffer, r);
   if (!track) return false;
   if (!r.skip(4)) return true;
-  std::vector<QORVANE_HDRSDTP>& out = track->stl_ListSDtp;
-  make_room(out, r.remaining());
-  while (r.has(1)) out.push_back(QORVANE_HDRSDTP{r.u8()});
+  auto& out = track->stl_ListSDtp;
+  const std::size_t old = out.size(), n = r.remaining();
+  static_assert(sizeof(QORVANE_HDRSDTP) == 1);
+  make_room(out, n);
+  out.resize(old + n);
+  (void)r.copy(out.data() + old, n);
   return true;
 }

@@ -6,6 +6,8 @@
 #include <boxlane/boxlane.h>
 
 #include <cstdint>
+#include <memory>
+#include <utility>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -37,17 +39,50 @@ struct BOXLANE_TRACKCODEC {
   std::vector<uint8_t> stl_AudioCfg;
 };
 
+// Grows a list without zeroing what it adds: every new element is written
+// by the reader right after the list grows.
+template <typename T>
+struct BOXLANE_UNINIT_ALLOC : std::allocator<T> {
+  using std::allocator<T>::allocator;
+  template <typename U>
+  void construct(U* p) noexcept {
+    ::new (static_cast<void*>(p)) U;
+  }
+  template <typename U, typename... Args>
+  void construct(U* p, Args&&... args) {
+    ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+  }
+};
+
+// A sample table as its box carries it: N 32-bit fields per entry, decoded
+// back to back into one array, so a table is read in one pass and keeps 4
+// bytes a field. The queries widen each entry to a QORVANE_HDRSAMPLENFO.
+template <std::size_t N>
+struct BOXLANE_TABLE {
+  std::vector<uint32_t, BOXLANE_UNINIT_ALLOC<uint32_t>> fields;
+
+  std::size_t size() const noexcept { return fields.size() / N; }
+  bool empty() const noexcept { return fields.empty(); }
+  std::size_t capacity() const noexcept { return fields.capacity() / N; }
+  QORVANE_HDRSAMPLENFO entry(std::size_t i) const noexcept {
+    QORVANE_HDRSAMPLENFO e{fields[i * N], 0, 0};
+    if constexpr (N > 1) e.nValue2 = fields[i * N + 1];
+    if constexpr (N > 2) e.nValue3 = fields[i * N + 2];
+    return e;
+  }
+};
+
 struct BOXLANE_TRACKINFO {
   QORVANE_HDRTKHD stTKhd{};
   QORVANE_HDRMDHD stMDhd{};
   QORVANE_HDRHDLR stHDlr{};
   QORVANE_HDRVMSMHD stVMSMhd{};
-  std::vector<QORVANE_HDRSAMPLENFO> stl_ListSTts;
-  std::vector<QORVANE_HDRSAMPLENFO> stl_ListCTts;
-  std::vector<QORVANE_HDRSAMPLENFO> stl_ListSTsc;
-  std::vector<QORVANE_HDRSAMPLENFO> stl_ListSTsz;
-  std::vector<QORVANE_HDRSAMPLENFO> stl_ListSTco;
-  std::vector<QORVANE_HDRSDTP> stl_ListSDtp;
+  BOXLANE_TABLE<2> stl_ListSTts;  // sample_count, sample_delta
+  BOXLANE_TABLE<2> stl_ListCTts;  // sample_count, sample_offset
+  BOXLANE_TABLE<3> stl_ListSTsc;  // first_chunk, samples_per_chunk, sample_description_index
+  BOXLANE_TABLE<1> stl_ListSTsz;  // entry_size
+  BOXLANE_TABLE<1> stl_ListSTco;  // chunk_offset
+  std::vector<QORVANE_HDRSDTP, BOXLANE_UNINIT_ALLOC<QORVANE_HDRSDTP>> stl_ListSDtp;
   std::vector<std::string> stl_ListDinf;
   std::vector<int32_t> stl_ListSTss;
   BOXLANE_TRACKCODEC stCodec;

@@ -28,6 +28,15 @@ inline Infos values(const std::vector<QORVANE_HDRSAMPLENFO>& list) {
   for (const auto& e : list) out.push_back({e.nValue1, e.nValue2, e.nValue3});
   return out;
 }
+template <std::size_t N>
+Infos values(const BOXLANE_TABLE<N>& table) {
+  Infos out;
+  for (std::size_t i = 0; i < table.size(); ++i) {
+    const QORVANE_HDRSAMPLENFO e = table.entry(i);
+    out.push_back({e.nValue1, e.nValue2, e.nValue3});
+  }
+  return out;
+}
 
 using Reader = bool (CBoxlane_Parse::*)(QORVANE_MP4PARSE*, BOXLANE_MSGBUFFER*, const uint8_t*, uint64_t);
 
