@@ -148,7 +148,10 @@ std::string text_report(const ProbeReport& report, const std::string& source, Te
         report.minor_version);
     if (!report.compatible_brands.empty()) {
       out += ", compatible with";
-      for (const auto& brand : report.compatible_brands) out += " " + printable_text(brand.data(), brand.size());
+      for (const auto& brand : report.compatible_brands) {
+        out += ' ';
+        out += printable_text(brand.data(), brand.size());
+      }
     }
     out += '\n';
   } else {

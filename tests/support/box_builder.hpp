@@ -20,7 +20,7 @@ struct Bytes : std::vector<uint8_t> {
   Bytes& u32(uint32_t v) { return u16(uint16_t(v >> 16)).u16(uint16_t(v)); }
   Bytes& u64(uint64_t v) { return u32(uint32_t(v >> 32)).u32(uint32_t(v)); }
   Bytes& str(std::string_view s) { insert(end(), s.begin(), s.end()); return *this; }
-  Bytes& zeros(std::size_t n) { insert(end(), n, 0); return *this; }
+  Bytes& zeros(std::size_t n) { resize(size() + n); return *this; }
   Bytes& add(const std::vector<uint8_t>& more) { insert(end(), more.begin(), more.end()); return *this; }
   // Version and flags of a full box.
   Bytes& full(uint8_t version, uint32_t flags) { return u8(version).u24(flags); }
