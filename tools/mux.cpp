@@ -169,7 +169,10 @@ int run(const Options& o) {
   MovieInput in;
   if (!o.video.empty()) {
     video_file = std::make_unique<MappedFile>(o.video);
-    scan_video(video_file->data(), video_file->size(), o.video, video);
+    // The inputs are read front to back twice (scan, then write); pages
+    // behind the reader are let go so a long recording never stays resident.
+    in.video_read = [&](const uint8_t* p) { video_file->release_before(p); };
+    scan_video(video_file->data(), video_file->size(), o.video, video, in.video_read);
     in.video = &video;
     in.fps = o.fps ? *o.fps : (video.has_vui_rate ? video.vui_rate : FrameRate{});
     if (!o.quiet && video.skipped_before_parameter_sets) {
@@ -183,7 +186,8 @@ int run(const Options& o) {
   }
   if (!o.audio.empty()) {
     audio_file = std::make_unique<MappedFile>(o.audio);
-    scan_audio(audio_file->data(), audio_file->size(), o.audio, audio);
+    in.audio_read = [&](const uint8_t* p) { audio_file->release_before(p); };
+    scan_audio(audio_file->data(), audio_file->size(), o.audio, audio, in.audio_read);
     in.audio = &audio;
   }
   in.forced_timescale = o.timescale;

@@ -30,7 +30,8 @@ bool has_sync(const uint8_t* data, std::size_t size) {
 
 }  // namespace
 
-void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, AudioStream& out) {
+void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, AudioStream& out,
+                const std::function<void(const uint8_t*)>& read_to) {
   std::size_t pos = id3_tag_size(data, size);
   while (pos < size) {
     AdtsHeader h;
@@ -62,6 +63,7 @@ void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, 
     out.payload_bytes += h.frame_length - h.header_length;
     out.max_frame_size = std::max<uint32_t>(out.max_frame_size, h.frame_length);
     pos += h.frame_length;
+    if (read_to) read_to(data + pos);
   }
   if (out.frames.empty()) throw MuxError(name + ": no ADTS frames found");
 }

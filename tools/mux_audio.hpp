@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,8 @@ struct AudioStream {
 
 // Throws MuxError naming the byte offset where sync is lost, a frame is cut
 // short, or the configuration changes.
-void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, AudioStream& out);
+// `read_to`, when given, is told how far the scan has read.
+void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, AudioStream& out,
+                const std::function<void(const uint8_t*)>& read_to = {});
 
 }  // namespace boxlane::tool

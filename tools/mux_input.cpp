@@ -34,6 +34,20 @@ MappedFile::MappedFile(const std::string& path) : path_(path) {
   data_ = static_cast<const uint8_t*>(map);
 }
 
+void MappedFile::release_before(const uint8_t* p) noexcept {
+  constexpr std::size_t kStep = std::size_t{8} << 20;
+  if (!data_ || p < data_ || p > data_ + size_) return;
+  static const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  const std::size_t end = static_cast<std::size_t>(p - data_) / page * page;
+  if (end < released_) {
+    released_ = end;  // a second pass starts again from the front
+    return;
+  }
+  if (end - released_ < kStep) return;
+  ::madvise(const_cast<uint8_t*>(data_) + released_, end - released_, MADV_DONTNEED);
+  released_ = end;
+}
+
 MappedFile::~MappedFile() {
   if (data_) ::munmap(const_cast<uint8_t*>(data_), size_);
 }

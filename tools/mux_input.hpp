@@ -20,10 +20,16 @@ class MappedFile {
   std::size_t size() const noexcept { return size_; }
   const std::string& path() const noexcept { return path_; }
 
+  // Lets the pages wholly before `p` leave memory (touched again, they are
+  // read back from the file), a few MiB at a time, so a long input read
+  // front to back never stays resident whole. Going back is allowed.
+  void release_before(const uint8_t* p) noexcept;
+
  private:
   std::string path_;
   const uint8_t* data_ = nullptr;
   std::size_t size_ = 0;
+  std::size_t released_ = 0;  // pages before this offset were let go
 };
 
 }  // namespace boxlane::tool

@@ -283,6 +283,7 @@ class MovieWriter {
         }
         if (static_cast<uint64_t>(len) != u.sample_size) throw MuxError("internal: video sample size changed");
         out.advance(u.sample_size);
+        if (in_.video_read) in_.video_read(nal_ptrs[0]);
         ++iv;
       } else {
         const AudioFrame& f = a_->frames[ia];
@@ -295,6 +296,7 @@ class MovieWriter {
         }
         if (static_cast<uint32_t>(len) != f.size - f.header_size) throw MuxError("internal: audio sample size changed");
         out.advance(static_cast<std::size_t>(len));
+        if (in_.audio_read) in_.audio_read(f.data);
         ++ia;
       }
     }

@@ -24,6 +24,8 @@ struct MovieInput {
   std::string output;
   // Called now and then with samples written and samples in total.
   std::function<void(uint64_t, uint64_t)> progress;
+  // Told the input bytes each sample was copied from, in order per stream.
+  std::function<void(const uint8_t*)> video_read, audio_read;
 };
 
 struct MovieResult {

@@ -236,7 +236,8 @@ void order_for_display(const std::string& name, VideoStream& v) {
 
 }  // namespace
 
-void scan_video(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out) {
+void scan_video(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out,
+                const std::function<void(const uint8_t*)>& read_to) {
   AnnexBSplitter splitter(data, size);
   const std::size_t leading = splitter.leading_bytes();
   if (leading == size) {
@@ -251,7 +252,10 @@ void scan_video(const uint8_t* data, std::size_t size, const std::string& name, 
   }
   Scanner scanner(name, out);
   NalUnit nal;
-  while (splitter.next(nal)) scanner.nal(nal);
+  while (splitter.next(nal)) {
+    scanner.nal(nal);
+    if (read_to) read_to(nal.data);
+  }
   scanner.finish();
   order_for_display(name, out);
   out.has_vui_rate = vui_frame_rate(out.sps, out.vui_rate);

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -55,7 +56,9 @@ struct VideoStream {
 
 // Throws MuxError with the byte offset of the first thing it cannot accept.
 // `name` is the path, for messages.
-void scan_video(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out);
+// `read_to`, when given, is told how far the scan has read.
+void scan_video(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out,
+                const std::function<void(const uint8_t*)>& read_to = {});
 
 // The frame rate the SPS's timing information gives (frames, not fields),
 // when it is present and plausible.
