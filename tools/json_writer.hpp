@@ -33,8 +33,8 @@ class JsonWriter {
   }
 
   void string(std::string_view text) { prefix(); append_string(text); }
-  void number(int64_t v) { prefix(); out_ += std::to_string(v); }
-  void number(uint64_t v) { prefix(); out_ += std::to_string(v); }
+  void number(int64_t v) { prefix(); append_integer(v); }
+  void number(uint64_t v) { prefix(); append_integer(v); }
   void number(int32_t v) { number(int64_t{v}); }
   void number(uint32_t v) { number(uint64_t{v}); }
   // JSON has no NaN or infinity; those become null.
@@ -87,6 +87,14 @@ class JsonWriter {
   }
 
  private:
+  // Table rows are most of a document: integers go straight into it.
+  template <typename T>
+  void append_integer(T v) {
+    char text[24];
+    const auto done = std::to_chars(text, text + sizeof text, v);
+    out_.append(text, done.ptr);
+  }
+
   struct Level {
     bool inline_elements;
     bool empty;
