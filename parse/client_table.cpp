@@ -108,17 +108,21 @@ bool CBoxlane_Parse::Boxlane_Parse_Insert(const char* lpszClient) {
 bool CBoxlane_Parse::Boxlane_Parse_Delete(const char* lpszClient) {
   clear_error();
   if (!parse::valid_client(lpszClient)) return fail(BOXLANE_ERROR_PARSE_PARAMETER);
-  std::unique_lock table(st_RWLocker);
-  const auto it = stl_MapClient.find(std::string_view(lpszClient));
-  if (it == stl_MapClient.end()) return true;
-  std::unique_ptr<QORVANE_MP4PARSE> record = std::move(it->second);
+  std::unique_ptr<QORVANE_MP4PARSE> record;
   {
-    std::lock_guard guard(*record->st_Locker);
-    parse::release(*record->stl_ListMsg);
-    record->stl_MapTrack->clear();
-    if (void* pool = parse::pool_handle(*this)) Rendavo_TaskPool_AddrDeleteEx(pool, record->nPoolIndex, lpszClient);
+    std::unique_lock table(st_RWLocker);
+    const auto it = stl_MapClient.find(std::string_view(lpszClient));
+    if (it == stl_MapClient.end()) return true;
+    record = std::move(it->second);
+    {
+      std::lock_guard guard(*record->st_Locker);
+      if (void* pool = parse::pool_handle(*this)) Rendavo_TaskPool_AddrDeleteEx(pool, record->nPoolIndex, lpszClient);
+    }
+    stl_MapClient.erase(it);
   }
-  stl_MapClient.erase(it);
+  // No call can reach the record any more: its buffers and tables are freed
+  // outside the table lock, so other clients do not wait for them.
+  parse::release(*record->stl_ListMsg);
   return true;
 }
 
