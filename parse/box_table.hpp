@@ -17,7 +17,7 @@ namespace boxlane::parse {
 enum class BoxKind : uint8_t {
   leaf,       // skipped whole after its reader (if any)
   container,  // the next box read is its first child
-  media_data, // mdat: never buffered, ends the run
+  media_data, // mdat: never read or buffered; ends the run when it reaches past it
   uuid,       // leaf whose two bytes after the fourcc go to wUUIDHead
 };
 
