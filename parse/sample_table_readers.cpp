@@ -41,7 +41,7 @@ void append(BeReader& r, BOXLANE_TABLE<N>& table, uint32_t n) {
   const std::size_t old = fields.size();
   make_room(fields, std::size_t{n} * N);
   fields.resize(old + std::size_t{n} * N);
-  (void)r.u32s(fields.data() + old, std::size_t{n} * N);  // n was bounded by the payload
+  (void)r.copy(fields.data() + old, std::size_t{n} * N * 4);  // n was bounded by the payload
 }
 
 // Version, flags and entry_count at 0 and 4; the entries from 8 on.

@@ -5,6 +5,8 @@
 
 #include <boxlane/boxlane.h>
 
+#include "platform/byte_order.hpp"
+
 #include <cstdint>
 #include <memory>
 #include <utility>
@@ -54,9 +56,10 @@ struct BOXLANE_UNINIT_ALLOC : std::allocator<T> {
   }
 };
 
-// A sample table as its box carries it: N 32-bit fields per entry, decoded
-// back to back into one array, so a table is read in one pass and keeps 4
-// bytes a field. The queries widen each entry to a QORVANE_HDRSAMPLENFO.
+// A sample table as its box carries it: N 32-bit fields per entry, kept back
+// to back in the box's own byte order, so reading a table is one bounded
+// copy and it keeps 4 bytes a field. entry() converts and widens an entry to
+// the QORVANE_HDRSAMPLENFO the queries hand out.
 template <std::size_t N>
 struct BOXLANE_TABLE {
   std::vector<uint32_t, BOXLANE_UNINIT_ALLOC<uint32_t>> fields;
@@ -65,9 +68,9 @@ struct BOXLANE_TABLE {
   bool empty() const noexcept { return fields.empty(); }
   std::size_t capacity() const noexcept { return fields.capacity() / N; }
   QORVANE_HDRSAMPLENFO entry(std::size_t i) const noexcept {
-    QORVANE_HDRSAMPLENFO e{fields[i * N], 0, 0};
-    if constexpr (N > 1) e.nValue2 = fields[i * N + 1];
-    if constexpr (N > 2) e.nValue3 = fields[i * N + 2];
+    QORVANE_HDRSAMPLENFO e{Olbrant_Endain_ntohl(fields[i * N]), 0, 0};
+    if constexpr (N > 1) e.nValue2 = Olbrant_Endain_ntohl(fields[i * N + 1]);
+    if constexpr (N > 2) e.nValue3 = Olbrant_Endain_ntohl(fields[i * N + 2]);
     return e;
   }
 };

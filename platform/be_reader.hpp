@@ -8,8 +8,6 @@
 #include <cstdint>
 #include <cstring>
 
-#include "platform/byte_order.hpp"
-
 namespace boxlane {
 
 class BeReader {
@@ -70,21 +68,6 @@ class BeReader {
       return empty;
     }
     return BeReader(p, static_cast<std::size_t>(n));
-  }
-  // Decodes `count` consecutive big-endian 32-bit values into out[0, count),
-  // or fails and reads nothing. The loop compiles to vector loads and byte
-  // swaps: this is how whole sample tables are read once their count is
-  // bounded.
-  bool u32s(uint32_t* out, std::size_t count) noexcept {
-    if (count > remaining() / 4) return fail();
-    const uint8_t* p = data_ ? data_ + pos_ : nullptr;
-    for (std::size_t i = 0; i < count; ++i, p += 4) {
-      uint32_t stored;
-      std::memcpy(&stored, p, 4);
-      out[i] = Olbrant_Endain_ntohl(stored);
-    }
-    pos_ += count * 4;
-    return true;
   }
   // Looks at the byte at offset ahead of the position without moving.
   bool peek(uint64_t ahead, uint8_t& out) const noexcept {
