@@ -12,7 +12,12 @@ alignas(std::atomic_ref<uint64_t>::required_alignment) uint64_t Boxlane_dwErrorC
 
 namespace boxlane {
 
-void clear_error() noexcept { std::atomic_ref<bool>(Boxlane_IsErrorOccur).store(false, std::memory_order_relaxed); }
+// Written only when set: a store on every call would make every calling
+// thread take the flag's cache line for writing.
+void clear_error() noexcept {
+  std::atomic_ref<bool> flag(Boxlane_IsErrorOccur);
+  if (flag.load(std::memory_order_relaxed)) flag.store(false, std::memory_order_relaxed);
+}
 
 bool fail(uint64_t code) noexcept {
   std::atomic_ref<uint64_t>(Boxlane_dwErrorCode).store(code, std::memory_order_relaxed);

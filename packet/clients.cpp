@@ -5,13 +5,62 @@
 #include "packet/client_lookup.hpp"
 #include "packet/packet_record.hpp"
 
+#include <atomic>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <string>
 #include <string_view>
 
-CBoxlane_Packet::CBoxlane_Packet() = default;
+namespace boxlane::packet {
+namespace {
+
+std::atomic<uint64_t> g_versions{0};
+
+// A thread's last successful lookup, in one cache line. A short key is
+// copied into the line; a longer one is the table's own copy of the string,
+// alive as long as the table's version is unchanged. A 16 KiB frame copy
+// cycles through the whole L1 data cache, so every other line a call touches
+// is fetched again on the next call: the fewer, the closer FrameVideo comes
+// to the bare copy.
+struct alignas(64) LastLookup {
+  const CBoxlane_Packet* table = nullptr;
+  uint64_t version = 0;
+  QORVANE_MP4PACKET* record = nullptr;
+  const char* key = nullptr;
+  char short_key[32] = {};
+};
+
+// Initial-exec: a fixed offset from the thread pointer, no call per access.
+[[gnu::tls_model("initial-exec")]] constinit thread_local LastLookup t_last;
+
+}  // namespace
+
+uint64_t next_table_version() noexcept { return g_versions.fetch_add(1, std::memory_order_relaxed) + 1; }
+
+QORVANE_MP4PACKET* find_client(CBoxlane_Packet& self, const char* client) noexcept {
+  LastLookup& last = t_last;
+  if (last.table == &self && last.version == self.nTableVersion && std::strcmp(last.key, client) == 0)
+    return last.record;
+  const auto it = self.stl_MapClient.find(std::string_view(client));
+  if (it == self.stl_MapClient.end()) return nullptr;
+  const std::string& key = it->first;
+  last.table = &self;
+  last.version = self.nTableVersion;
+  last.record = it->second.get();
+  if (key.size() < sizeof last.short_key) {
+    std::memcpy(last.short_key, key.c_str(), key.size() + 1);
+    last.key = last.short_key;
+  } else {
+    last.key = key.c_str();
+  }
+  return last.record;
+}
+
+}  // namespace boxlane::packet
+
+CBoxlane_Packet::CBoxlane_Packet() : nTableVersion(boxlane::packet::next_table_version()) {}
 CBoxlane_Packet::~CBoxlane_Packet() = default;
 
 bool CBoxlane_Packet::Boxlane_Packet_Insert(const char* lpszClient) {
@@ -23,7 +72,8 @@ bool CBoxlane_Packet::Boxlane_Packet_Insert(const char* lpszClient) {
     std::string key(lpszClient);
     std::unique_lock lock(st_RWLocker);
     // An existing client keeps its record: a second Insert must not drop frames.
-    stl_MapClient.try_emplace(std::move(key), std::move(record));
+    if (stl_MapClient.try_emplace(std::move(key), std::move(record)).second)
+      nTableVersion = boxlane::packet::next_table_version();
   } catch (const std::bad_alloc&) {
     return boxlane::fail(BOXLANE_ERROR_PACKET_MALLOC);
   }
@@ -40,6 +90,7 @@ bool CBoxlane_Packet::Boxlane_Packet_Delete(const char* lpszClient) {
     if (it == stl_MapClient.end()) return true;
     released = std::move(it->second);
     stl_MapClient.erase(it);
+    nTableVersion = boxlane::packet::next_table_version();
   }
   // The record's lists are freed here, outside the exclusive section.
   return true;

@@ -135,6 +135,11 @@ class BOXLANE_API CBoxlane_Packet {
   bool Boxlane_Packet_FrameAccessUnit(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, const uint8_t* const* pptszNalu, const int* pInt_NaluLen, int nNaluCount, int64_t nFilePos, int nKeyFrame, int nDuration, int nCTSOffset);
   bool Boxlane_Packet_FrameAudio(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, const uint8_t* lpszFrame, int nFrameLen, int64_t nFilePos, int nDuration);
 
+  // Changed, under the exclusive lock, whenever a client is entered or
+  // removed, and unique across instances, so that a thread may reuse its last
+  // lookup while the table stays as it was. Aligned so that it and the lock,
+  // which every writer call reads, share one cache line.
+  alignas(64) uint64_t nTableVersion;
   std::shared_mutex st_RWLocker;
   BOXLANE_CLIENTMAP<QORVANE_MP4PACKET> stl_MapClient;
 };

@@ -4,6 +4,8 @@
 
 #include <cctype>
 #include <functional>
+#include <string>
+#include <string_view>
 #include <utility>
 
 namespace boxlane::test {
@@ -28,6 +30,50 @@ TEST_F(ClientTest, LifeCycleKeepsRecordsAcrossDuplicateInsertAndRenumbersAfterDe
   ASSERT_TRUE(Boxlane_Packet_Insert(client()));
   EXPECT_EQ(track_id(), "00 00 00 01");
   EXPECT_TRUE(record().listVideoSize.empty());
+}
+
+// A thread reuses its last lookup while the table is unchanged; what it
+// finds must still follow the bytes of the name, the table and the version.
+TEST_F(ClientTest, LookupsFollowTheNameInTheBufferNotTheBuffer) {
+  const auto frames = [](CBoxlane_Packet& table, const char* client) {
+    return table.stl_MapClient.find(std::string_view(client))->second->listVideoSize.size();
+  };
+  const auto frame = [](CBoxlane_Packet& table, const char* client) {
+    uint8_t out[sizeof kFrame];
+    int32_t length = 0;
+    return table.Boxlane_Packet_FrameVideo(client, out, &length, kFrame, sizeof kFrame, 48, 1, 40, 0);
+  };
+  // Short names sit in the lookup's own line, long ones are the table's.
+  for (const std::string stem : {"lookup/", "lookup/a name longer than the thirty-two bytes kept/"}) {
+    const std::string a = stem + "a", b = stem + "b", c = stem + "c";
+    ASSERT_TRUE(Boxlane_Packet_Insert(a.c_str()) && Boxlane_Packet_Insert(b.c_str()));
+    std::string buffer = a;
+    EXPECT_TRUE(frame(m_MP4Packet, buffer.c_str()));
+    buffer.back() = 'b';  // same address, another client
+    EXPECT_TRUE(frame(m_MP4Packet, buffer.c_str()));
+    EXPECT_TRUE(frame(m_MP4Packet, buffer.c_str()));
+    EXPECT_EQ(frames(m_MP4Packet, a.c_str()), 1u);
+    EXPECT_EQ(frames(m_MP4Packet, b.c_str()), 2u);
+    buffer.back() = 'c';
+    EXPECT_FALSE(frame(m_MP4Packet, buffer.c_str()));
+    EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_NOTFOUND);
+    // Deleted and entered again: the old record is not reached.
+    buffer.back() = 'a';
+    ASSERT_TRUE(Boxlane_Packet_Delete(a.c_str()));
+    EXPECT_FALSE(frame(m_MP4Packet, buffer.c_str()));
+    ASSERT_TRUE(Boxlane_Packet_Insert(a.c_str()));
+    EXPECT_TRUE(frame(m_MP4Packet, buffer.c_str()));
+    EXPECT_EQ(frames(m_MP4Packet, a.c_str()), 1u);
+    // Another writer with the same client name keeps its own record.
+    CBoxlane_Packet other;
+    ASSERT_TRUE(other.Boxlane_Packet_Insert(a.c_str()));
+    EXPECT_TRUE(frame(other, a.c_str()));
+    EXPECT_TRUE(frame(m_MP4Packet, a.c_str()));
+    EXPECT_EQ(frames(other, a.c_str()), 1u);
+    EXPECT_EQ(frames(m_MP4Packet, a.c_str()), 2u);
+    Boxlane_Packet_Delete(a.c_str());
+    Boxlane_Packet_Delete(b.c_str());
+  }
 }
 
 TEST_F(ClientTest, SetTimeAndDeleteRefuseBadNamesAndNamesAreExactBytes) {
