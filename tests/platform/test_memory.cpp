@@ -10,7 +10,9 @@ namespace {
 uintptr_t addr(const void* p) { return reinterpret_cast<uintptr_t>(p); }
 
 TEST(Memory, BlocksFollowTheArrayZeroedAlignedAndDisjoint) {
-  const std::pair<int, int> shapes[] = {{1, 1}, {3, 12}, {5, 7}, {2, 1024}, {9, 8}, {4, 0}};
+  // The last two are large enough to be mapped on their own.
+  const std::pair<int, int> shapes[] = {{1, 1},      {3, 12}, {5, 7}, {2, 1024}, {9, 8},
+                                        {4, 0},      {200000, 12}, {1, 3 << 20}};
   for (const auto& [count, size] : shapes) {
     SCOPED_TRACE(testing::Message() << count << " x " << size);
     void** rows = nullptr;
