@@ -2,11 +2,19 @@
 // arrays can be asked to stay on one line (table rows), and every string is
 // escaped as RFC 8259 §7 requires, so any byte a file carries (handler names,
 // brands) gives valid JSON.
+//
+// Text is gathered in a fixed block and handed on whenever it fills: to a
+// string, or straight to a FILE, so a report of many megabytes (every sample
+// table of an hour-long file) never sits in memory whole.
 #pragma once
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -16,7 +24,22 @@ namespace boxlane::tool {
 
 class JsonWriter {
  public:
-  explicit JsonWriter(std::string& out) : out_(out) {}
+  // Appends the document to `out`.
+  explicit JsonWriter(std::string& out) : text_(&out) {}
+  // Writes the document to `sink`; ok() tells whether every write succeeded.
+  explicit JsonWriter(std::FILE* sink) : sink_(sink) {}
+  ~JsonWriter() { flush(); }
+  JsonWriter(const JsonWriter&) = delete;
+  JsonWriter& operator=(const JsonWriter&) = delete;
+
+  // Hands on what is gathered; the destructor does it too.
+  void flush() {
+    if (used_ == 0) return;
+    if (text_) text_->append(block_.get(), used_);
+    else if (std::fwrite(block_.get(), 1, used_, sink_) != used_) write_failed_ = true;
+    used_ = 0;
+  }
+  bool ok() const { return !write_failed_; }
 
   // Inline objects keep their members on one line (a row of a list).
   void begin_object(bool inline_members = false) { open('{', inline_members); }
@@ -28,7 +51,7 @@ class JsonWriter {
   void key(std::string_view name) {
     separate();
     append_string(name);
-    out_ += ": ";
+    put(": ");
     after_key_ = true;
   }
 
@@ -41,15 +64,39 @@ class JsonWriter {
   void real(double v) {
     prefix();
     if (!std::isfinite(v)) {
-      out_ += "null";
+      put("null");
       return;
     }
-    char text[32];
-    const auto done = std::to_chars(text, text + sizeof text, v);
-    out_.append(text, done.ptr);
+    char* at = room(32);
+    used_ = static_cast<std::size_t>(std::to_chars(at, at + 32, v).ptr - block_.get());
   }
-  void boolean(bool v) { prefix(); out_ += v ? "true" : "false"; }
-  void null() { prefix(); out_ += "null"; }
+  void boolean(bool v) { prefix(); put(v ? "true" : "false"); }
+  void null() { prefix(); put("null"); }
+
+  // A table on one line, formatted straight into the block: [a, b, ...] for
+  // one column, [[a, b], [c, d], ...] for more. column(row, i) is column i
+  // of a row, an unsigned 32-bit number.
+  template <typename Rows, typename Column>
+  void table(const Rows& rows, int width, Column column) {
+    prefix();
+    put('[');
+    const std::size_t most = static_cast<std::size_t>(width) * 12 + 4;
+    bool first = true;
+    for (const auto& row : rows) {
+      char* const start = room(most);
+      char* at = start;
+      if (!first) at = copy(at, ", ");
+      first = false;
+      if (width > 1) *at++ = '[';
+      for (int i = 0; i < width; ++i) {
+        if (i) at = copy(at, ", ");
+        at = std::to_chars(at, at + 10, static_cast<uint32_t>(column(row, i))).ptr;
+      }
+      if (width > 1) *at++ = ']';
+      used_ += static_cast<std::size_t>(at - start);
+    }
+    put(']');
+  }
 
   template <typename T>
   void member(std::string_view name, T v) {
@@ -64,7 +111,7 @@ class JsonWriter {
   // backslash are escaped, and bytes that do not form UTF-8 are taken as
   // Latin-1 so the document stays well-formed.
   void append_string(std::string_view text) {
-    out_ += '"';
+    put('"');
     std::size_t i = 0;
     while (i < text.size()) {
       const auto c = static_cast<unsigned char>(text[i]);
@@ -75,24 +122,47 @@ class JsonWriter {
       }
       const std::size_t len = utf8_length(text.substr(i));
       if (len) {
-        out_.append(text.substr(i, len));
+        put(text.substr(i, len));
         i += len;
       } else {
-        out_ += static_cast<char>(0xC0 | (c >> 6));
-        out_ += static_cast<char>(0x80 | (c & 0x3F));
+        put(static_cast<char>(0xC0 | (c >> 6)));
+        put(static_cast<char>(0x80 | (c & 0x3F)));
         ++i;
       }
     }
-    out_ += '"';
+    put('"');
   }
 
  private:
-  // Table rows are most of a document: integers go straight into it.
+  static constexpr std::size_t kBlock = 64 << 10;
+
+  // Table rows are most of a document: integers are formatted in place.
   template <typename T>
   void append_integer(T v) {
-    char text[24];
-    const auto done = std::to_chars(text, text + sizeof text, v);
-    out_.append(text, done.ptr);
+    char* at = room(24);
+    used_ = static_cast<std::size_t>(std::to_chars(at, at + 24, v).ptr - block_.get());
+  }
+
+  // Space for n more bytes (n at most kBlock) at the end of the block.
+  char* room(std::size_t n) {
+    if (kBlock - used_ < n) flush();
+    return block_.get() + used_;
+  }
+  static char* copy(char* at, std::string_view text) {
+    std::memcpy(at, text.data(), text.size());
+    return at + text.size();
+  }
+  void put(char c) {
+    *room(1) = c;
+    ++used_;
+  }
+  void put(std::string_view text) {
+    while (!text.empty()) {
+      const std::size_t n = std::min(text.size(), kBlock);
+      std::memcpy(room(n), text.data(), n);
+      used_ += n;
+      text.remove_prefix(n);
+    }
   }
 
   struct Level {
@@ -102,7 +172,7 @@ class JsonWriter {
 
   void open(char bracket, bool inline_elements) {
     prefix();
-    out_ += bracket;
+    put(bracket);
     const bool parent_inline = !levels_.empty() && levels_.back().inline_elements;
     levels_.push_back({inline_elements || parent_inline, true});
   }
@@ -111,14 +181,14 @@ class JsonWriter {
     const Level level = levels_.back();
     levels_.pop_back();
     if (!level.empty && !level.inline_elements) newline();
-    out_ += bracket;
-    if (levels_.empty()) out_ += '\n';
+    put(bracket);
+    if (levels_.empty()) put('\n');
   }
 
   void separate() {
     if (levels_.empty()) return;
     Level& level = levels_.back();
-    if (!level.empty) out_ += level.inline_elements ? ", " : ",";
+    if (!level.empty) put(level.inline_elements ? std::string_view(", ") : std::string_view(","));
     if (!level.inline_elements) newline();
     level.empty = false;
   }
@@ -134,29 +204,31 @@ class JsonWriter {
   }
 
   void newline() {
-    out_ += '\n';
-    out_.append(2 * levels_.size(), ' ');
+    const std::size_t indent = 2 * levels_.size();
+    put('\n');
+    std::memset(room(indent), ' ', indent);
+    used_ += indent;
   }
 
   void append_ascii(unsigned char c) {
     switch (c) {
-      case '"': out_ += "\\\""; return;
-      case '\\': out_ += "\\\\"; return;
-      case '\n': out_ += "\\n"; return;
-      case '\r': out_ += "\\r"; return;
-      case '\t': out_ += "\\t"; return;
-      case '\b': out_ += "\\b"; return;
-      case '\f': out_ += "\\f"; return;
+      case '"': put("\\\""); return;
+      case '\\': put("\\\\"); return;
+      case '\n': put("\\n"); return;
+      case '\r': put("\\r"); return;
+      case '\t': put("\\t"); return;
+      case '\b': put("\\b"); return;
+      case '\f': put("\\f"); return;
       default: break;
     }
     if (c < 0x20 || c == 0x7F) {
       static const char digits[] = "0123456789abcdef";
-      out_ += "\\u00";
-      out_ += digits[c >> 4];
-      out_ += digits[c & 15];
+      put("\\u00");
+      put(digits[c >> 4]);
+      put(digits[c & 15]);
       return;
     }
-    out_ += static_cast<char>(c);
+    put(static_cast<char>(c));
   }
 
   // Length of the well-formed UTF-8 sequence at the start of text, 0 if none
@@ -185,7 +257,11 @@ class JsonWriter {
     return len;
   }
 
-  std::string& out_;
+  std::string* text_ = nullptr;
+  std::FILE* sink_ = nullptr;
+  std::unique_ptr<char[]> block_ = std::make_unique_for_overwrite<char[]>(kBlock);
+  std::size_t used_ = 0;
+  bool write_failed_ = false;
   std::vector<Level> levels_;
   bool after_key_ = false;
 };

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 #include <span>
+#include <type_traits>
 
 namespace boxlane::tool {
 namespace {
@@ -31,31 +32,32 @@ void take_array(Element** list, int32_t count, std::vector<Out>& out, Convert co
   Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
 }
 
+// One table through GetTrackList, each row cut down to the row type.
+template <typename Row>
 bool fetch_table(const char* client, ProbeTrack& track, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code,
-                 std::vector<QORVANE_HDRSAMPLENFO>& out) {
+                 std::vector<Row>& out, std::string& error) {
   QORVANE_HDRSAMPLENFO** list = nullptr;
   int32_t count = 0;
-  if (!Boxlane_Parse_GetTrackList(client, track.id, &list, &count, code)) return false;
-  take_array(list, count, out, [](const QORVANE_HDRSAMPLENFO* e) { return *e; });
+  if (!Boxlane_Parse_GetTrackList(client, track.id, &list, &count, code)) {
+    error = query_error(std::string("the ") + std::string(box_name(code)) + " table", track.id);
+    return false;
+  }
+  take_array(list, count, out, [](const QORVANE_HDRSAMPLENFO* e) {
+    if constexpr (std::is_same_v<Row, uint32_t>) return e->nValue1;
+    else if constexpr (std::is_same_v<Row, ProbeRun>) return ProbeRun{e->nValue1, e->nValue2};
+    else return *e;
+  });
   return true;
 }
 
 bool fetch_tables(const char* client, ProbeTrack& track, std::string& error) {
   ProbeTables& t = track.tables;
-  const struct {
-    ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code;
-    std::vector<QORVANE_HDRSAMPLENFO>* list;
-  } lists[] = {
-      {ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS, &t.stts}, {ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS, &t.ctts},
-      {ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSC, &t.stsc}, {ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ, &t.stsz},
-      {ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO, &t.stco},
-  };
-  for (const auto& entry : lists) {
-    if (!fetch_table(client, track, entry.code, *entry.list)) {
-      error = query_error(std::string("the ") + std::string(box_name(entry.code)) + " table", track.id);
-      return false;
-    }
-  }
+  if (!fetch_table(client, track, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS, t.stts, error) ||
+      !fetch_table(client, track, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS, t.ctts, error) ||
+      !fetch_table(client, track, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSC, t.stsc, error) ||
+      !fetch_table(client, track, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ, t.stsz, error) ||
+      !fetch_table(client, track, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO, t.stco, error))
+    return false;
   int32_t** keys = nullptr;
   int32_t key_count = 0;
   if (!Boxlane_Parse_GetTrackKey(client, track.id, &keys, &key_count)) {

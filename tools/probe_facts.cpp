@@ -78,7 +78,7 @@ ProbeFacts derive_facts(const ProbeTrack& track) {
     f.table_duration = saturating_add(f.table_duration, uint64_t{run.nValue1} * run.nValue2);
   }
   f.stsz_count = t.stsz.size();
-  for (const auto& size : t.stsz) f.sample_bytes += size.nValue1;
+  for (const uint32_t size : t.stsz) f.sample_bytes += size;
   f.chunk_count = t.stco.size();
   f.all_sync = t.stss.empty();
   f.key_frames = f.all_sync ? f.sample_count : t.stss.size();

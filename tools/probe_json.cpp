@@ -63,22 +63,12 @@ void write_codec(JsonWriter& json, const ProbeTrack& track) {
   json.end_object();
 }
 
-void write_table(JsonWriter& json, std::string_view name, const std::vector<QORVANE_HDRSAMPLENFO>& rows,
-                 int columns) {
+// A table stays on one line: rows are what a script reads, and an hour of
+// samples is a few hundred thousand of them.
+template <typename Row>
+void write_table(JsonWriter& json, std::string_view name, const std::vector<Row>& rows, int columns) {
   json.key(name);
-  json.begin_array(columns == 1);
-  for (const auto& row : rows) {
-    if (columns == 1) {
-      json.number(row.nValue1);
-      continue;
-    }
-    json.begin_array(true);
-    json.number(row.nValue1);
-    json.number(row.nValue2);
-    if (columns == 3) json.number(row.nValue3);
-    json.end_array();
-  }
-  json.end_array();
+  json.table(rows, columns, [](const Row& row, int i) { return column(row, i); });
 }
 
 void write_tables(JsonWriter& json, const ProbeTables& t) {
@@ -94,9 +84,7 @@ void write_tables(JsonWriter& json, const ProbeTables& t) {
   for (const int32_t number : t.stss) json.number(number);
   json.end_array();
   json.key("sdtp");
-  json.begin_array(true);
-  for (const uint8_t flags : t.sdtp) json.number(uint32_t{flags});
-  json.end_array();
+  json.table(t.sdtp, 1, [](uint8_t flags, int) { return uint32_t{flags}; });
   json.end_object();
 }
 
@@ -163,9 +151,8 @@ void write_track(JsonWriter& json, const ProbeTrack& track) {
 
 }  // namespace
 
-std::string json_report(const ProbeReport& report) {
-  std::string out;
-  JsonWriter json(out);
+bool write_json_report(const ProbeReport& report, std::FILE* sink) {
+  JsonWriter json(sink);
   json.begin_object();
   json.member("stream_bytes", report.stream_bytes);
 
@@ -226,7 +213,8 @@ std::string json_report(const ProbeReport& report) {
   }
   json.end_array();
   json.end_object();
-  return out;
+  json.flush();
+  return json.ok();
 }
 
 }  // namespace boxlane::tool

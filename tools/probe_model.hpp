@@ -20,11 +20,27 @@ struct ProbeBox {
   int depth;
 };
 
+// A table row kept no wider than the table: an hour of samples is several
+// hundred thousand rows, and every byte kept is memory to fault in.
+struct ProbeRun {
+  uint32_t nValue1;  // sample count
+  uint32_t nValue2;  // delta (stts) or composition offset (ctts)
+};
+
 struct ProbeTables {
-  std::vector<QORVANE_HDRSAMPLENFO> stts, ctts, stsc, stsz, stco;
+  std::vector<ProbeRun> stts, ctts;
+  std::vector<QORVANE_HDRSAMPLENFO> stsc;
+  std::vector<uint32_t> stsz, stco;  // sample sizes, chunk offsets
   std::vector<int32_t> stss;
   std::vector<uint8_t> sdtp;
 };
+
+// Column i (from 0) of a row of any of the tables above.
+inline uint32_t column(uint32_t row, int) { return row; }
+inline uint32_t column(const ProbeRun& row, int i) { return i == 0 ? row.nValue1 : row.nValue2; }
+inline uint32_t column(const QORVANE_HDRSAMPLENFO& row, int i) {
+  return i == 0 ? row.nValue1 : i == 1 ? row.nValue2 : row.nValue3;
+}
 
 // Numbers worked out from one track's tables (ISO/IEC 14496-12 §8.6, §8.7).
 struct ProbeFacts {

@@ -3,6 +3,7 @@
 
 #include "tools/probe_model.hpp"
 
+#include <cstdio>
 #include <string>
 
 namespace boxlane::tool {
@@ -13,7 +14,8 @@ struct TextOptions {
 };
 
 std::string text_report(const ProbeReport& report, const std::string& source, TextOptions options);
-// Everything, tables and box tree included, as one JSON document.
-std::string json_report(const ProbeReport& report);
+// Everything, tables and box tree included, as one JSON document streamed to
+// the sink; false when a write failed.
+bool write_json_report(const ProbeReport& report, std::FILE* sink);
 
 }  // namespace boxlane::tool

@@ -96,14 +96,13 @@ void track_block(std::string& out, const ProbeTrack& track) {
   for (const auto& note : f.notes) add(out, "  note:        %s\n", note.c_str());
 }
 
-void table_rows(std::string& out, const char* name, const char* columns,
-                const std::vector<QORVANE_HDRSAMPLENFO>& rows, int width) {
+template <typename Row>
+void table_rows(std::string& out, const char* name, const char* columns, const std::vector<Row>& rows, int width) {
   add(out, "  %s: %zu entr%s (%s)\n", name, rows.size(), rows.size() == 1 ? "y" : "ies", columns);
   std::size_t index = 0;
   for (const auto& row : rows) {
-    add(out, "    %6zu: %u", ++index, row.nValue1);
-    if (width > 1) add(out, " %u", row.nValue2);
-    if (width > 2) add(out, " %u", row.nValue3);
+    add(out, "    %6zu: %u", ++index, column(row, 0));
+    for (int i = 1; i < width; ++i) add(out, " %u", column(row, i));
     out += '\n';
   }
 }

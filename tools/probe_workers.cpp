@@ -17,14 +17,17 @@ void ProbeWorkers::stop() {
   if (threads_.empty()) return;
   done_.store(true, std::memory_order_release);
   // A wake-up can land before a worker has begun to wait; repeat it until
-  // every worker has seen the stop.
+  // every worker has seen the stop, returning as soon as the last one leaves.
+  std::unique_lock lock(stopped_mutex_);
   while (running_.load(std::memory_order_acquire) > 0) {
     for (int pool = 0; pool < pools_; ++pool) {
       std::lock_guard gate(library_gate());
       Boxlane_Parse_ActiveEvent(pool);
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    stopped_.wait_for(lock, std::chrono::milliseconds(2),
+                      [this] { return running_.load(std::memory_order_acquire) == 0; });
   }
+  lock.unlock();
   for (auto& thread : threads_) thread.join();
   threads_.clear();
 }
@@ -43,7 +46,9 @@ void ProbeWorkers::run(int pool) {
     drain(pool);
     if (last_round) break;
   }
+  std::lock_guard lock(stopped_mutex_);
   running_.fetch_sub(1, std::memory_order_release);
+  stopped_.notify_all();
 }
 
 void ProbeWorkers::drain(int pool) {

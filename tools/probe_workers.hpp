@@ -6,6 +6,7 @@
 #include <boxlane/boxlane.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -34,6 +35,8 @@ class ProbeWorkers {
   std::vector<std::thread> threads_;
   std::atomic<bool> done_{false};
   std::atomic<int> running_{0};
+  std::mutex stopped_mutex_;
+  std::condition_variable stopped_;  // signalled as each worker leaves
   std::mutex records_mutex_;
   std::vector<QORVANE_MP4HDR> records_;
 };

@@ -385,12 +385,51 @@ TEST(JsonWriter, AnyBytesBecomeValidJson) {
   json.begin_object();
   json.end_object();
   json.end_object();
+  json.flush();
 
   const auto doc = parse_json(out);
   ASSERT_TRUE(doc) << out;
   // Bytes that are not UTF-8 come back as the Latin-1 letters they would be.
   EXPECT_EQ((*doc)["text"].text, ascii + utf8 + "\xC3\xBF\xC3\x80\xC2\x80\xC3\xA2\xC2\x82" + nul);
   EXPECT_NE(out.find("\"row\": [null, 2.5, -7, []],\n  \"empty\": {}\n}"), std::string::npos) << out;
+}
+
+// Documents larger than the writer's block come out whole and alike, whether
+// gathered in a string or streamed to a file.
+TEST(JsonWriter, DocumentsLargerThanTheBlockStreamWhole) {
+  const std::string long_text(200000, 'x');
+  const auto write = [&](tool::JsonWriter& json) {
+    json.begin_object();
+    json.key("numbers");
+    json.begin_array(true);
+    for (uint32_t i = 0; i < 40000; ++i) json.number(i * 2654435761u);
+    json.end_array();
+    json.member("text", std::string_view(long_text));
+    json.end_object();
+  };
+  std::string gathered;
+  {
+    tool::JsonWriter json(gathered);
+    write(json);
+  }
+  std::FILE* file = std::tmpfile();
+  ASSERT_NE(file, nullptr);
+  {
+    tool::JsonWriter json(file);
+    write(json);
+    json.flush();
+    EXPECT_TRUE(json.ok());
+  }
+  std::string streamed(static_cast<std::size_t>(std::ftell(file)), '\0');
+  std::rewind(file);
+  ASSERT_EQ(std::fread(streamed.data(), 1, streamed.size(), file), streamed.size());
+  std::fclose(file);
+  EXPECT_EQ(streamed, gathered);
+  const auto doc = parse_json(gathered);
+  ASSERT_TRUE(doc);
+  ASSERT_EQ((*doc)["numbers"].items.size(), 40000u);
+  EXPECT_EQ((*doc)["numbers"].items.at(39999).number, double{39999 * 2654435761u});
+  EXPECT_EQ((*doc)["text"].text, long_text);
 }
 
 }  // namespace
