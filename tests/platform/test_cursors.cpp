@@ -6,8 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -162,6 +164,41 @@ TEST(AnnexB, SplitsOnThreeAndFourByteStartCodes) {
   AnnexBSplitter null_stream(nullptr, 16);
   NalUnit nal;
   EXPECT_FALSE(null_stream.next(nal));
+}
+
+// The splitter searches for 01 bytes and looks back; a byte-by-byte search
+// for 00 00 01, written out here, must find the same units in streams dense
+// with zeros and ones.
+TEST(AnnexB, FindsWhatAByteByByteSearchFinds) {
+  uint32_t x = 7;
+  for (int round = 0; round < 2000; ++round) {
+    std::vector<uint8_t> stream(static_cast<std::size_t>(round % 97));
+    for (auto& b : stream) {
+      x = x * 1664525u + 1013904223u;
+      const uint8_t alphabet[] = {0, 0, 0, 1, 1, 2, 3, 0x65};
+      b = alphabet[x >> 29];
+    }
+    std::vector<std::pair<std::size_t, std::size_t>> expected;  // offset, size
+    std::size_t open = SIZE_MAX, leading = stream.size();
+    const auto close_at = [&](std::size_t end) {
+      while (end > open && stream[end - 1] == 0) --end;
+      expected.emplace_back(open, end - open);
+    };
+    for (std::size_t i = 0; i + 3 <= stream.size(); ++i) {
+      if (stream[i] != 0 || stream[i + 1] != 0 || stream[i + 2] != 1) continue;
+      if (open == SIZE_MAX) leading = (i > 0 && stream[i - 1] == 0) ? i - 1 : i;
+      else close_at(i);
+      open = i + 3;
+      i += 2;
+    }
+    if (open != SIZE_MAX && open < stream.size()) close_at(stream.size());
+
+    AnnexBSplitter splitter(stream.data(), stream.size());
+    std::vector<std::pair<std::size_t, std::size_t>> found;
+    for (NalUnit nal; splitter.next(nal);) found.emplace_back(nal.offset, nal.size);
+    ASSERT_EQ(found, expected) << hex(stream.data(), stream.size());
+    ASSERT_EQ(splitter.leading_bytes(), leading) << hex(stream.data(), stream.size());
+  }
 }
 
 }  // namespace
