@@ -96,13 +96,15 @@ peak_kib() {
 
 # Runs the commands held in the named arrays RUNS times each, taking turns,
 # and sets WALL, CPU (medians in ms), RUNS_WALL (every wall time) and PEAK
-# (KiB) for each, in the order given.
+# (KiB) for each, in the order given. When PREPARE names a command, it runs
+# untimed before every run.
 contest() {
   local names=("$@") walls=() cpus=() cmd=() i r w c
   WALL=() CPU=() RUNS_WALL=() PEAK=()
   for ((r = 0; r < RUNS; r++)); do
     for i in "${!names[@]}"; do
       eval "cmd=(\"\${${names[i]}[@]}\")"
+      [[ -z ${PREPARE:-} ]] || $PREPARE
       read -r w c < <(measure "${cmd[@]}")
       walls[i]+="$w " cpus[i]+="$c "
     done
@@ -164,6 +166,11 @@ check_synthetic_movie() {
   fi
 }
 
+fresh_mux_outputs() {
+  rm -f "$WORK/boxlane.mp4" "$WORK/ffmpeg.mp4"
+  sync
+}
+
 compare_mux() {
   local out_b=$WORK/boxlane.mp4 out_f=$WORK/ffmpeg.mp4
   MUX_BOXLANE=("$BOXLANE" mux --video "$WORK/video.h264" --audio "$WORK/audio.aac" --fps 30 -q -o "$out_b")
@@ -173,7 +180,12 @@ compare_mux() {
   say "== mux: $(du -m "$WORK/video.h264" | cut -f1) MB of H.264 and $(du -m "$WORK/audio.aac" | cut -f1) MB of AAC into MP4, $RUNS runs each"
   "${MUX_BOXLANE[@]}" || die "boxlane mux failed"
   "${MUX_FFMPEG[@]}" || die "ffmpeg -c copy failed"
-  contest MUX_BOXLANE MUX_FFMPEG
+  # Every run writes a new file into an empty page cache: the output of the
+  # run before is removed and the disk brought up to date untimed, so that
+  # neither program waits for the other's writeback or pays for freeing a
+  # previous output (which boxlane frees only when it renames its finished
+  # file over it, FFmpeg when it truncates it).
+  PREPARE=fresh_mux_outputs contest MUX_BOXLANE MUX_FFMPEG
   say "boxlane mux      wall ${WALL[0]} ms (runs: ${RUNS_WALL[0]})  CPU ${CPU[0]} ms  peak ${PEAK[0]} KiB"
   say "ffmpeg -c copy   wall ${WALL[1]} ms (runs: ${RUNS_WALL[1]})  CPU ${CPU[1]} ms  peak ${PEAK[1]} KiB"
   MUX_SPEED=$(ratio "${WALL[1]}" "${WALL[0]}")
