@@ -57,6 +57,7 @@ uint32_t runs_of(uint64_t count, const Clock& clock) {
 // Every box of moov with its size, known from the counts before any sample
 // is written.
 struct MoovPlan {
+  uint64_t file_size = 0;  // ftyp, moov, mdat header and payload
   // video
   uint32_t v_stsd = 0, v_stts = 0, v_ctts = 0, v_stss = 0, v_stsz = 0, v_stco = 0, v_edts = 0;
   // audio
@@ -120,6 +121,7 @@ class MovieWriter {
     plan_timing();
     plan_moov();
     OutputFile out(in_.output);
+    out.preallocate(plan_.file_size);
     write_ftyp(out);
     const uint64_t moov_at = out.position();
     if (in_.faststart) {
@@ -241,6 +243,7 @@ class MovieWriter {
     // stco and the mdat size field are 32-bit: every byte must lie below 4 GiB.
     const uint64_t payload = (v_ ? v_->payload_bytes : 0) + (a_ ? a_->payload_bytes : 0);
     const uint64_t total = kFtypSize + plan_.moov() + kBoxHeader + payload;
+    plan_.file_size = total;
     if (total > UINT32_MAX) {
       throw MuxError("the output would be " + std::to_string(total >> 20) +
                      " MiB; files over 4 GiB need 64-bit chunk offsets, which this writer does not produce. "

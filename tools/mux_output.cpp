@@ -75,6 +75,14 @@ void OutputFile::write(const uint8_t* data, std::size_t n) {
   advance(n);
 }
 
+// The file system reserves the blocks once instead of page by page as the
+// writes arrive (about a tenth of mux's time on ext4). The file keeps its
+// size, so a plan that were ever too large leaves no tail of zeros; where
+// the file system cannot do it, nothing changes.
+void OutputFile::preallocate(uint64_t size) noexcept {
+  ::fallocate(fd_, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(size));
+}
+
 void OutputFile::flush() {
   std::size_t done = 0;
   while (done < used_) {

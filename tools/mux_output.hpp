@@ -24,6 +24,8 @@ class OutputFile {
   uint8_t* reserve(std::size_t n);
   void advance(std::size_t n) noexcept { used_ += n; }
   void write(const uint8_t* data, std::size_t n);
+  // Reserves room for a file of `size` bytes, if the file system can.
+  void preallocate(uint64_t size) noexcept;
   // File position of the next byte written.
   uint64_t position() const noexcept { return flushed_ + used_; }
   // Overwrites bytes already written (a size field, a reserved moov).
