@@ -5,7 +5,9 @@
 // A 16-byte header in front of the pointer array says how the allocation was
 // made. Results of a mebibyte or more (the tables of a long movie) are mapped
 // on their own and asked for transparent huge pages: the caller writes every
-// block, and with 4 KiB pages each page of a table would cost a fault.
+// block, and with 4 KiB pages each page of a table would cost a fault. The
+// last such mapping released is kept for the next large result, so a caller
+// that asks for tables again and again reuses pages already in place.
 #include <boxlane/boxlane.h>
 
 #include <sys/mman.h>
@@ -13,7 +15,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
+#include <mutex>
+#include <utility>
 
 namespace {
 
@@ -21,6 +26,8 @@ constexpr uint64_t kBlockAlign = 8;
 constexpr uint64_t kHeader = 16;
 constexpr uint64_t kMapFrom = uint64_t{1} << 20;
 constexpr uint64_t kHugePage = uint64_t{2} << 20;
+
+constexpr uint64_t kSpareLimit = uint64_t{256} << 20;
 
 struct Header {
   uint64_t mapped_bytes;  // 0: from calloc
@@ -46,6 +53,38 @@ unsigned char* map_zeroed(uint64_t bytes) noexcept {
   return base;
 }
 
+// One released mapping kept for reuse (null base: none).
+struct Mapping {
+  unsigned char* base = nullptr;
+  uint64_t bytes = 0;
+};
+std::mutex g_spare_mutex;
+Mapping g_spare;
+
+// A mapping of at least `bytes`, its first `bytes` zeroed: the spare when it
+// is large enough, a new one otherwise (base null when there is none).
+Mapping take_mapping(uint64_t bytes) noexcept {
+  Mapping spare;
+  {
+    std::lock_guard lock(g_spare_mutex);
+    if (g_spare.base && g_spare.bytes >= bytes) spare = std::exchange(g_spare, Mapping{});
+  }
+  if (spare.base) {
+    std::memset(spare.base, 0, static_cast<std::size_t>(bytes));
+    return spare;
+  }
+  return {map_zeroed(bytes), round_up(bytes, kHugePage)};
+}
+
+// Keeps the larger of a released mapping and the spare, unmaps the other.
+void give_back(Mapping released) noexcept {
+  if (released.bytes <= kSpareLimit) {
+    std::lock_guard lock(g_spare_mutex);
+    if (released.bytes > g_spare.bytes) std::swap(released, g_spare);
+  }
+  if (released.base) munmap(released.base, static_cast<std::size_t>(released.bytes));
+}
+
 }  // namespace
 
 bool Fundrel_Memory_Malloc(void*** pppArray, int nCount, int nSize) {
@@ -67,8 +106,9 @@ bool Fundrel_Memory_Malloc(void*** pppArray, int nCount, int nSize) {
   unsigned char* base = nullptr;
   Header header{0, 0};
   if (total >= kMapFrom) {
-    base = map_zeroed(total);
-    header.mapped_bytes = round_up(total, kHugePage);
+    const Mapping mapping = take_mapping(total);
+    base = mapping.base;
+    header.mapped_bytes = mapping.bytes;
   }
   if (base == nullptr) {
     base = static_cast<unsigned char*>(std::calloc(1, static_cast<std::size_t>(total)));
@@ -87,7 +127,7 @@ void Fundrel_Memory_Free(void*** pppArray, int) {
   if (pppArray == nullptr || *pppArray == nullptr) return;
   auto* base = reinterpret_cast<unsigned char*>(*pppArray) - kHeader;
   const uint64_t mapped = reinterpret_cast<const Header*>(base)->mapped_bytes;
-  if (mapped) munmap(base, static_cast<std::size_t>(mapped));
+  if (mapped) give_back({base, mapped});
   else std::free(base);
   *pppArray = nullptr;
 }
