@@ -29,17 +29,14 @@ void make_room(std::vector<T>& list) {
   if (list.size() == list.capacity()) list.reserve(list.empty() ? 256 : list.size() * 2);
 }
 
-// Whether a duration opens a new stts run rather than extending the last.
-bool opens_run(const std::vector<BOXLANE_RUN>& runs, int duration) {
-  return duration > 0 && (runs.empty() || runs.back().nValue != static_cast<uint32_t>(duration));
+// Makes sure a duration can be added to the runs without allocating; a
+// duration of 0 or less is not timed and adds nothing.
+void make_room_for(BOXLANE_RUNS& runs, int duration) {
+  if (duration > 0 && runs.closes(static_cast<uint32_t>(duration))) make_room(runs.listClosed);
 }
 
-void add_duration(std::vector<BOXLANE_RUN>& runs, int duration, bool new_run) {
-  if (duration <= 0) return;
-  if (new_run)
-    runs.push_back({1, static_cast<uint32_t>(duration)});
-  else
-    ++runs.back().nCount;
+void add_duration(BOXLANE_RUNS& runs, int duration) noexcept {
+  if (duration > 0) runs.add(static_cast<uint32_t>(duration));
 }
 
 struct VideoSample {
@@ -53,29 +50,25 @@ struct VideoSample {
 // The bookkeeping of one video sample, shared by the single-NAL and the
 // access-unit writers.
 void record_video(QORVANE_MP4PACKET& record, const VideoSample& sample) {
-  const bool new_run = opens_run(record.listVideoSTts, sample.duration);
-  if (new_run) make_room(record.listVideoSTts);
-  if (sample.cts_offset > 0) make_room(record.listVideoCTts);
+  make_room_for(record.listVideoSTts, sample.duration);
   if (sample.key == 1) make_room(record.listVideoSTss);
-  make_room(record.listVideoSize);
-  make_room(record.listVideoOffset);
+  make_room(record.listVideoSample);
 
   ++record.nVideoCount;
-  add_duration(record.listVideoSTts, sample.duration, new_run);
-  // Offsets are never merged: each entry describes exactly one sample.
-  if (sample.cts_offset > 0) record.listVideoCTts.push_back(static_cast<uint32_t>(sample.cts_offset));
+  add_duration(record.listVideoSTts, sample.duration);
   if (sample.key == 1) record.listVideoSTss.push_back(record.nVideoCount);
-  record.listVideoSize.push_back(sample.size);
-  record.listVideoOffset.push_back(sample.position);
+  // Offsets are never merged: each ctts entry describes exactly one sample.
+  const uint32_t offset = sample.cts_offset > 0 ? static_cast<uint32_t>(sample.cts_offset) : 0;
+  if (offset) ++record.nVideoCTtsCount;
+  record.listVideoSample.push_back({sample.size, offset, sample.position});
 }
 
 void record_audio(QORVANE_MP4PACKET& record, uint32_t size, int64_t position, int duration) {
-  const bool new_run = opens_run(record.listAudioSTts, duration);
-  if (new_run) make_room(record.listAudioSTts);
+  make_room_for(record.listAudioSTts, duration);
   make_room(record.listAudioSize);
   make_room(record.listAudioOffset);
 
-  add_duration(record.listAudioSTts, duration, new_run);
+  add_duration(record.listAudioSTts, duration);
   record.listAudioSize.push_back(size);
   record.listAudioOffset.push_back(position);
 }

@@ -4,6 +4,7 @@
 // contiguous array grown geometrically: no heap node per sample.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -13,20 +14,55 @@ struct BOXLANE_RUN {
   uint32_t nValue;
 };
 
-// Laid out by use: the first two cache lines hold all that a video frame
-// touches, the third what an audio frame touches. A frame copy can push every
-// other line out of the L1 cache, so each line a frame writer needs costs a
-// refetch on every call.
+// The stts runs of a track, the last one kept open in the record itself: a
+// frame that extends it touches no array. A run closes when a different
+// duration arrives.
+struct BOXLANE_RUNS {
+  std::vector<BOXLANE_RUN> listClosed;
+  BOXLANE_RUN stOpen{0, 0};  // nCount 0: no run yet
+
+  bool empty() const noexcept { return stOpen.nCount == 0; }
+  std::size_t size() const noexcept { return listClosed.size() + (empty() ? 0 : 1); }
+  // Whether adding `duration` moves the open run into listClosed.
+  bool closes(uint32_t duration) const noexcept { return !empty() && stOpen.nValue != duration; }
+  // listClosed must have room when closes(duration).
+  void add(uint32_t duration) noexcept {
+    if (closes(duration)) {
+      listClosed.push_back(stOpen);
+      stOpen = {0, duration};
+    }
+    stOpen.nValue = duration;
+    ++stOpen.nCount;
+  }
+  template <typename Visit>
+  void each(Visit visit) const {
+    for (const BOXLANE_RUN& run : listClosed) visit(run);
+    if (!empty()) visit(stOpen);
+  }
+};
+
+// One video sample as stsz, stco and ctts need it, kept together so that a
+// frame appends to one array: 16 bytes, as much as the three separate lists
+// took for a stream with B-frames.
+struct BOXLANE_VIDEOSAMPLE {
+  uint32_t nSize;       // sample size in bytes
+  uint32_t nCTsOffset;  // composition offset; 0 when the frame had none
+  int64_t nPosition;    // file position of the sample
+};
+
+// Laid out by use: the first cache line holds all that a video frame touches
+// but for the rare key frame, the next what an audio frame touches. A frame
+// copy can push every other line out of the L1 cache, so each line a frame
+// writer needs costs a refetch on every call.
 struct alignas(64) QORVANE_MP4PACKET {
   uint32_t nVideoCount = 0;
-  std::vector<BOXLANE_RUN> listVideoSTts;
-  // ctts entries always count one sample, so only the offset is kept.
-  std::vector<uint32_t> listVideoCTts;
+  // Frames with a positive composition offset: the entries of ctts.
+  uint32_t nVideoCTtsCount = 0;
+  BOXLANE_RUNS listVideoSTts;
+  std::vector<BOXLANE_VIDEOSAMPLE> listVideoSample;
   std::vector<uint32_t> listVideoSTss;
-  std::vector<uint32_t> listVideoSize;
-  std::vector<int64_t> listVideoOffset;
 
-  std::vector<BOXLANE_RUN> listAudioSTts;
+  BOXLANE_RUNS listAudioSTts;
   std::vector<uint32_t> listAudioSize;
   std::vector<int64_t> listAudioOffset;
 

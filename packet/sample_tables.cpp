@@ -24,10 +24,10 @@ bool CBoxlane_Packet::Boxlane_Packet_STts(const char* lpszClient, uint8_t* ptszM
     if (!fits_length(16, runs.size(), 8)) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
     const auto box = out.open_full("stts", 0, 0);
     out.u32(static_cast<uint32_t>(runs.size()));
-    for (const BOXLANE_RUN& run : runs) {
+    runs.each([&](const BOXLANE_RUN& run) {
       out.u32(run.nCount);
       out.u32(run.nValue);
-    }
+    });
     out.close(box);
     return true;
   });
@@ -35,15 +35,17 @@ bool CBoxlane_Packet::Boxlane_Packet_STts(const char* lpszClient, uint8_t* ptszM
 
 bool CBoxlane_Packet::Boxlane_Packet_CTts(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen) {
   return write_box(*this, lpszClient, ptszMsgBuffer, pInt_MsgLen, [&](QORVANE_MP4PACKET& record, BeWriter& out) {
-    const auto& offsets = record.listVideoCTts;
-    if (offsets.empty()) return boxlane::fail(BOXLANE_ERROR_PACKET_NODATA);
-    if (!fits_length(16, offsets.size(), 8)) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
-    // Version 0: only positive offsets are ever recorded (ISO/IEC 14496-12 §8.6.1.3).
+    const uint32_t entries = record.nVideoCTtsCount;
+    if (entries == 0) return boxlane::fail(BOXLANE_ERROR_PACKET_NODATA);
+    if (!fits_length(16, entries, 8)) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
+    // Version 0: only frames with a positive offset get an entry (ISO/IEC
+    // 14496-12 §8.6.1.3).
     const auto box = out.open_full("ctts", 0, 0);
-    out.u32(static_cast<uint32_t>(offsets.size()));
-    for (const uint32_t offset : offsets) {
+    out.u32(entries);
+    for (const BOXLANE_VIDEOSAMPLE& sample : record.listVideoSample) {
+      if (sample.nCTsOffset == 0) continue;
       out.u32(1);
-      out.u32(offset);
+      out.u32(sample.nCTsOffset);
     }
     out.close(box);
     return true;
@@ -77,12 +79,16 @@ bool CBoxlane_Packet::Boxlane_Packet_STsc(const char* lpszClient, uint8_t* ptszM
 bool CBoxlane_Packet::Boxlane_Packet_STsz(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen,
                                           bool bVideo) {
   return write_box(*this, lpszClient, ptszMsgBuffer, pInt_MsgLen, [&](QORVANE_MP4PACKET& record, BeWriter& out) {
-    const auto& sizes = bVideo ? record.listVideoSize : record.listAudioSize;
-    if (!fits_length(20, sizes.size(), 4)) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
+    const std::size_t count = bVideo ? record.listVideoSample.size() : record.listAudioSize.size();
+    if (!fits_length(20, count, 4)) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
     const auto box = out.open_full("stsz", 0, 0);
     out.u32(0);  // sample_size 0: a size per sample follows, even when all are equal
-    out.u32(static_cast<uint32_t>(sizes.size()));
-    for (const uint32_t size : sizes) out.u32(size);
+    out.u32(static_cast<uint32_t>(count));
+    if (bVideo) {
+      for (const BOXLANE_VIDEOSAMPLE& sample : record.listVideoSample) out.u32(sample.nSize);
+    } else {
+      for (const uint32_t size : record.listAudioSize) out.u32(size);
+    }
     out.close(box);
     return true;
   });
@@ -91,12 +97,16 @@ bool CBoxlane_Packet::Boxlane_Packet_STsz(const char* lpszClient, uint8_t* ptszM
 bool CBoxlane_Packet::Boxlane_Packet_STco(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen,
                                           bool bVideo) {
   return write_box(*this, lpszClient, ptszMsgBuffer, pInt_MsgLen, [&](QORVANE_MP4PACKET& record, BeWriter& out) {
-    const auto& positions = bVideo ? record.listVideoOffset : record.listAudioOffset;
-    if (!fits_length(16, positions.size(), 4)) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
+    const std::size_t count = bVideo ? record.listVideoSample.size() : record.listAudioOffset.size();
+    if (!fits_length(16, count, 4)) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
     const auto box = out.open_full("stco", 0, 0);
-    out.u32(static_cast<uint32_t>(positions.size()));
+    out.u32(static_cast<uint32_t>(count));
     // stco holds 32-bit offsets; a sample at or past 4 GiB keeps its low 32 bits.
-    for (const int64_t position : positions) out.u32(static_cast<uint32_t>(position));
+    if (bVideo) {
+      for (const BOXLANE_VIDEOSAMPLE& sample : record.listVideoSample) out.u32(static_cast<uint32_t>(sample.nPosition));
+    } else {
+      for (const int64_t position : record.listAudioOffset) out.u32(static_cast<uint32_t>(position));
+    }
     out.close(box);
     return true;
   });

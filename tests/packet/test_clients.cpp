@@ -29,14 +29,14 @@ TEST_F(ClientTest, LifeCycleKeepsRecordsAcrossDuplicateInsertAndRenumbersAfterDe
   refuses(BOXLANE_ERROR_PACKET_NOTFOUND, Boxlane_Packet_FTyp);
   ASSERT_TRUE(Boxlane_Packet_Insert(client()));
   EXPECT_EQ(track_id(), "00 00 00 01");
-  EXPECT_TRUE(record().listVideoSize.empty());
+  EXPECT_TRUE(record().listVideoSample.empty());
 }
 
 // A thread reuses its last lookup while the table is unchanged; what it
 // finds must still follow the bytes of the name, the table and the version.
 TEST_F(ClientTest, LookupsFollowTheNameInTheBufferNotTheBuffer) {
   const auto frames = [](CBoxlane_Packet& table, const char* client) {
-    return table.stl_MapClient.find(std::string_view(client))->second->listVideoSize.size();
+    return table.stl_MapClient.find(std::string_view(client))->second->listVideoSample.size();
   };
   const auto frame = [](CBoxlane_Packet& table, const char* client) {
     uint8_t out[sizeof kFrame];
@@ -159,7 +159,7 @@ TEST_F(ClientTest, EveryWriterRefusesMissingClientBufferOrLength) {
   EXPECT_EQ(record().nVideoCount, 0u);
   EXPECT_EQ(record().nTrackID, 1u);
   EXPECT_EQ(record().nTimeScale, 0);
-  EXPECT_TRUE(record().listVideoSize.empty());
+  EXPECT_TRUE(record().listVideoSample.empty());
   EXPECT_TRUE(record().listAudioSize.empty());
 }
 

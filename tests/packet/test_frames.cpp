@@ -30,7 +30,8 @@ TEST_F(FrameTest, VideoStartCodeBecomesTheNalLength) {
   frame.resize(1000, 0x5A);
   expected.resize(1000, 0x5A);
   EXPECT_EQ(box(Boxlane_Packet_FrameVideo, frame.data(), 1000, 48, 1, 40, 0), hex(expected));
-  EXPECT_EQ(record().listVideoSize, std::vector<uint32_t>{1000});
+  ASSERT_EQ(record().listVideoSample.size(), 1u);
+  EXPECT_EQ(record().listVideoSample[0].nSize, 1000u);
 
   // The start code is not examined: a 3-byte start code plus a zero byte,
   // or anything else, is replaced all the same. A 4-byte frame is an empty NAL.
@@ -68,8 +69,8 @@ TEST_F(FrameTest, RefusedFramesChangeNothing) {
 
   const QORVANE_MP4PACKET& r = record();
   EXPECT_EQ(r.nVideoCount, 0u);
-  EXPECT_TRUE(r.listVideoSTts.empty() && r.listVideoCTts.empty() && r.listVideoSTss.empty() && r.listVideoSize.empty() &&
-              r.listVideoOffset.empty() && r.listAudioSTts.empty() && r.listAudioSize.empty() &&
+  EXPECT_TRUE(r.listVideoSTts.empty() && r.nVideoCTtsCount == 0 && r.listVideoSTss.empty() &&
+              r.listVideoSample.empty() && r.listAudioSTts.empty() && r.listAudioSize.empty() &&
               r.listAudioOffset.empty());
 }
 
@@ -117,7 +118,7 @@ TEST_F(FrameTest, AccessUnitsKeepTheSameBooksAsSingleNalFrames) {
   const int32_t lengths[] = {3, 4, 0};
   EXPECT_EQ(box(Boxlane_Packet_FrameAccessUnit, nalus, lengths, 3, int64_t{1000}, 1, 40, 80),
             bytes_hex("00000003 060501 00000004 65888421 00000000"));
-  EXPECT_EQ(record().listVideoSize.back(), 19u);
+  EXPECT_EQ(record().listVideoSample.back().nSize, 19u);
 }
 
 TEST_F(FrameTest, AudioDropsTheAdtsHeaderWithOrWithoutCrc) {

@@ -40,7 +40,7 @@ TEST_F(SampleTableTest, DurationsMergeOnlyWithTheLastRun) {
   for (const int duration : {40, 40, 41, 40, 0, -3, 40}) video(0, 0, duration, 0);
   EXPECT_EQ(box(Boxlane_Packet_STts, true), bytes_hex("00000028 73747473 00000000 00000003 "
                                                       "00000002 00000028 00000001 00000029 00000002 00000028"));
-  EXPECT_EQ(record().listVideoSize.size(), 7u);
+  EXPECT_EQ(record().listVideoSample.size(), 7u);
   // Audio keeps its own runs.
   for (const int duration : {1024, 1024, 1024, 960}) audio(0, duration);
   EXPECT_EQ(box(Boxlane_Packet_STts, false), bytes_hex("00000020 73747473 00000000 00000002 00000003 00000400 00000001 000003C0"));
