@@ -90,7 +90,7 @@ class JsonWriter {
       if (width > 1) *at++ = '[';
       for (int i = 0; i < width; ++i) {
         if (i) at = copy(at, ", ");
-        at = std::to_chars(at, at + 10, static_cast<uint32_t>(column(row, i))).ptr;
+        at = decimal(at, static_cast<uint32_t>(column(row, i)));
       }
       if (width > 1) *at++ = ']';
       used_ += static_cast<std::size_t>(at - start);
@@ -148,6 +148,31 @@ class JsonWriter {
     if (kBlock - used_ < n) flush();
     return block_.get() + used_;
   }
+  // v in decimal at `at` (at most 10 bytes); returns the end. Two digits at
+  // a time from a table, written into place once the length is known.
+  static char* decimal(char* at, uint32_t v) {
+    static constexpr char kPairs[] =
+        "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+        "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+        "8081828384858687888990919293949596979899";
+    const int digits = v < 10 ? 1 : v < 100 ? 2 : v < 1000 ? 3 : v < 10000 ? 4 : v < 100000 ? 5
+                     : v < 1000000 ? 6 : v < 10000000 ? 7 : v < 100000000 ? 8 : v < 1000000000 ? 9 : 10;
+    char* end = at + digits;
+    char* p = end;
+    while (v >= 100) {
+      const uint32_t pair = (v % 100) * 2;
+      v /= 100;
+      p -= 2;
+      std::memcpy(p, kPairs + pair, 2);
+    }
+    if (v >= 10) {
+      std::memcpy(p - 2, kPairs + v * 2, 2);
+    } else {
+      p[-1] = static_cast<char>('0' + v);
+    }
+    return end;
+  }
+
   static char* copy(char* at, std::string_view text) {
     std::memcpy(at, text.data(), text.size());
     return at + text.size();

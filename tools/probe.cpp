@@ -30,7 +30,9 @@ constexpr const char* kUsage =
     "scale, duration, samples, key frames, frame rate, bit rate, and whether the\n"
     "sample tables agree with each other. mdat payloads are skipped, never parsed.\n"
     "\n"
-    "  --piece N              read and send N bytes at a time (default 65536)\n"
+    "  --piece N              send N bytes at a time (default: a file is mapped and\n"
+    "                         sent in pieces of up to 64 MiB, standard input in\n"
+    "                         pieces of 65536 bytes)\n"
     "  --random-pieces MAX    read pieces of 1 to MAX bytes, sizes drawn from --seed\n"
     "  --seed S               seed for --random-pieces (default 1)\n"
     "  --pools N              task pools for the parser's events (default 1)\n"
@@ -41,11 +43,14 @@ constexpr const char* kUsage =
     "Exit status: 0 when the stream was read, 1 when it could not be (the message\n"
     "names the parser's error code and the byte offset), 2 for bad usage.\n";
 
-// The parser's reassembly buffer holds 10 MiB; larger pieces buy nothing.
+// A mapped file is sent in pieces this large: a movie header that fits in
+// one is split where it lies, with no copy into the reassembly buffer, and
+// the mdat payloads inside a piece are stepped over without being read.
 constexpr uint64_t kMaxPiece = 64u << 20;
+constexpr uint64_t kStreamPiece = 65536;
 
 struct Options {
-  uint64_t piece = 65536;
+  uint64_t piece = 0;  // 0: the default for the input
   uint64_t random_max = 0;
   uint64_t seed = 1;
   uint64_t pools = 1;
@@ -131,7 +136,8 @@ int probe(const Options& o) {
   static constexpr char kClient[] = "boxlane-probe";
   Boxlane_Parse_Insert(kClient);
   const PieceSizes sizes = o.random_max ? PieceSizes::random(static_cast<uint32_t>(o.random_max), o.seed)
-                                        : PieceSizes::fixed(static_cast<uint32_t>(o.piece));
+                                        : PieceSizes::fixed(static_cast<uint32_t>(
+                                              o.piece ? o.piece : input.mapped() ? kMaxPiece : kStreamPiece));
   const SessionResult session = run_session(kClient, static_cast<int>(o.pools), input, sizes);
 
   int status = 0;

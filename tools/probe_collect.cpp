@@ -23,8 +23,8 @@ std::string query_error(const std::string& what, int32_t track) {
 
 // Every query array is made by Fundrel_Memory_Malloc: count pointers to
 // blocks of one element each (a brand row is 8 bytes); the caller releases it.
-template <typename Element, typename Out, typename Convert>
-void take_array(Element** list, int32_t count, std::vector<Out>& out, Convert convert) {
+template <typename Element, typename List, typename Convert>
+void take_array(Element** list, int32_t count, List& out, Convert convert) {
   if (list && count > 0) {
     out.reserve(static_cast<std::size_t>(count));
     for (const Element* element : std::span(list, static_cast<std::size_t>(count))) out.push_back(convert(element));
@@ -33,9 +33,9 @@ void take_array(Element** list, int32_t count, std::vector<Out>& out, Convert co
 }
 
 // One table through GetTrackList, each row cut down to the row type.
-template <typename Row>
+template <typename Row, typename Allocator>
 bool fetch_table(const char* client, ProbeTrack& track, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code,
-                 std::vector<Row>& out, std::string& error) {
+                 std::vector<Row, Allocator>& out, std::string& error) {
   QORVANE_HDRSAMPLENFO** list = nullptr;
   int32_t count = 0;
   if (!Boxlane_Parse_GetTrackList(client, track.id, &list, &count, code)) {

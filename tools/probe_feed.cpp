@@ -25,6 +25,14 @@ bool is_mdat(std::span<const uint8_t, 4> type) {
 }  // namespace
 
 bool ProbeFeed::run(PieceSizes sizes) {
+  if (input_.mapped()) {
+    for (;;) {
+      const std::span<const uint8_t> piece = input_.view(sizes.next());
+      if (piece.empty()) return finish();
+      if (!take(piece.data(), piece.size())) return false;
+      skip_outside_piece();
+    }
+  }
   std::vector<uint8_t> buffer;
   for (;;) {
     const uint32_t want = sizes.next();

@@ -2,15 +2,18 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace boxlane::tool {
 
 ProbeInput::~ProbeInput() {
+  if (map_) ::munmap(const_cast<uint8_t*>(map_), static_cast<std::size_t>(size_));
   if (owned_ && fd_ >= 0) ::close(fd_);
 }
 
@@ -33,8 +36,21 @@ bool ProbeInput::open(const std::string& path) {
     size_ = static_cast<uint64_t>(info.st_size);
     const off_t here = ::lseek(fd_, 0, SEEK_CUR);
     position_ = here > 0 ? static_cast<uint64_t>(here) : 0;
+    // Mapped when it can be; otherwise it is read like any other input.
+    if (size_ > 0 && size_ <= SIZE_MAX) {
+      void* map = ::mmap(nullptr, static_cast<std::size_t>(size_), PROT_READ, MAP_PRIVATE, fd_, 0);
+      if (map != MAP_FAILED) map_ = static_cast<const uint8_t*>(map);
+    }
   }
   return true;
+}
+
+std::span<const uint8_t> ProbeInput::view(std::size_t size) {
+  const uint64_t left = size_ > position_ ? size_ - position_ : 0;
+  const auto n = static_cast<std::size_t>(std::min<uint64_t>(size, left));
+  const std::span<const uint8_t> piece(map_ + position_, n);
+  position_ += n;
+  return piece;
 }
 
 long ProbeInput::read(uint8_t* data, std::size_t size) {
@@ -51,6 +67,11 @@ long ProbeInput::read(uint8_t* data, std::size_t size) {
 }
 
 uint64_t ProbeInput::skip(uint64_t count) {
+  if (map_) {
+    const uint64_t present = std::min(count, size_ > position_ ? size_ - position_ : 0);
+    position_ += present;
+    return present;
+  }
   if (seekable_) {
     // A seek past the end succeeds silently, so the file size decides what
     // was really there.

@@ -1,10 +1,13 @@
 // Where probe reads from: a named file or standard input, read piece by
 // piece, with a skip that seeks when the input is a regular file and reads
-// and discards otherwise (pipes, sockets).
+// and discards otherwise (pipes, sockets). A regular file is mapped, and its
+// pieces are views into the mapping: nothing is copied, and the bytes of a
+// skipped mdat are never touched.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 
 namespace boxlane::tool {
@@ -20,6 +23,10 @@ class ProbeInput {
   bool open(const std::string& path);
   // Fills up to size bytes; 0 at the end of the input, -1 on a read error.
   long read(uint8_t* data, std::size_t size);
+  // Whether the input is a mapped file, read with view() instead of read().
+  bool mapped() const { return map_ != nullptr; }
+  // The next piece of up to size bytes of a mapped file; empty at the end.
+  std::span<const uint8_t> view(std::size_t size);
   // Moves count bytes on without reading them into the caller's buffer.
   // Returns how many were skipped: fewer than count only at the end.
   uint64_t skip(uint64_t count);
@@ -28,6 +35,7 @@ class ProbeInput {
   const std::string& name() const { return name_; }
 
  private:
+  const uint8_t* map_ = nullptr;
   int fd_ = -1;
   bool owned_ = false;
   bool seekable_ = false;

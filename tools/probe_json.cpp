@@ -65,10 +65,10 @@ void write_codec(JsonWriter& json, const ProbeTrack& track) {
 
 // A table stays on one line: rows are what a script reads, and an hour of
 // samples is a few hundred thousand of them.
-template <typename Row>
-void write_table(JsonWriter& json, std::string_view name, const std::vector<Row>& rows, int columns) {
+template <typename Rows>
+void write_table(JsonWriter& json, std::string_view name, const Rows& rows, int columns) {
   json.key(name);
-  json.table(rows, columns, [](const Row& row, int i) { return column(row, i); });
+  json.table(rows, columns, [](const auto& row, int i) { return column(row, i); });
 }
 
 void write_tables(JsonWriter& json, const ProbeTables& t) {

@@ -96,8 +96,8 @@ void track_block(std::string& out, const ProbeTrack& track) {
   for (const auto& note : f.notes) add(out, "  note:        %s\n", note.c_str());
 }
 
-template <typename Row>
-void table_rows(std::string& out, const char* name, const char* columns, const std::vector<Row>& rows, int width) {
+template <typename Rows>
+void table_rows(std::string& out, const char* name, const char* columns, const Rows& rows, int width) {
   add(out, "  %s: %zu entr%s (%s)\n", name, rows.size(), rows.size() == 1 ? "y" : "ies", columns);
   std::size_t index = 0;
   for (const auto& row : rows) {

@@ -384,6 +384,15 @@ TEST(JsonWriter, AnyBytesBecomeValidJson) {
   json.key("empty");
   json.begin_object();
   json.end_object();
+  // Tables are formatted by hand: every digit count, both ends of the range.
+  const std::vector<uint32_t> column{0, 9, 10, 99, 100, 12345, 999999999, 1000000000, 4294967295u};
+  json.key("column");
+  json.table(column, 1, [](uint32_t v, int) { return v; });
+  const std::vector<std::pair<uint32_t, uint32_t>> pairs{{1, 20}, {300, 4000}};
+  json.key("pairs");
+  json.table(pairs, 2, [](const auto& p, int i) { return i ? p.second : p.first; });
+  json.key("none");
+  json.table(std::vector<uint32_t>{}, 2, [](uint32_t v, int) { return v; });
   json.end_object();
   json.flush();
 
@@ -391,7 +400,11 @@ TEST(JsonWriter, AnyBytesBecomeValidJson) {
   ASSERT_TRUE(doc) << out;
   // Bytes that are not UTF-8 come back as the Latin-1 letters they would be.
   EXPECT_EQ((*doc)["text"].text, ascii + utf8 + "\xC3\xBF\xC3\x80\xC2\x80\xC3\xA2\xC2\x82" + nul);
-  EXPECT_NE(out.find("\"row\": [null, 2.5, -7, []],\n  \"empty\": {}\n}"), std::string::npos) << out;
+  EXPECT_NE(out.find("\"row\": [null, 2.5, -7, []],\n  \"empty\": {},\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("\"column\": [0, 9, 10, 99, 100, 12345, 999999999, 1000000000, 4294967295],\n"
+                     "  \"pairs\": [[1, 20], [300, 4000]],\n  \"none\": []\n}"),
+            std::string::npos)
+      << out;
 }
 
 // Documents larger than the writer's block come out whole and alike, whether
