@@ -29,7 +29,7 @@ struct BOXLANE_RUNS {
   void add(uint32_t duration) noexcept {
     if (closes(duration)) {
       listClosed.push_back(stOpen);
-      stOpen = {0, duration};
+      stOpen.nCount = 0;
     }
     stOpen.nValue = duration;
     ++stOpen.nCount;

@@ -27,7 +27,6 @@ constexpr uint64_t kBlockAlign = 8;
 constexpr uint64_t kHeader = 16;
 constexpr uint64_t kMapFrom = uint64_t{1} << 20;
 constexpr uint64_t kHugePage = uint64_t{2} << 20;
-
 constexpr uint64_t kSpareLimit = uint64_t{32} << 20;
 
 struct Header {
