@@ -10,9 +10,6 @@
 
 #include <charconv>
 #include <cstdio>
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
 #include <cstring>
 #include <exception>
 #include <string>
@@ -115,18 +112,7 @@ int fail(const std::string& source, const std::string& message) {
   return 1;
 }
 
-// The queries hand out every table in a new array, which probe copies and
-// frees at once. Kept in the heap rather than mapped and unmapped each time,
-// the freed memory serves the next array instead of being faulted in anew.
-void keep_freed_memory() {
-#ifdef __GLIBC__
-  mallopt(M_MMAP_THRESHOLD, 32 << 20);
-  mallopt(M_TRIM_THRESHOLD, 64 << 20);
-#endif
-}
-
 int probe(const Options& o) {
-  keep_freed_memory();
   ProbeInput input;
   if (!input.open(o.path)) return fail(o.path, input.error());
   if (!Boxlane_Parse_Init(static_cast<int32_t>(o.pools))) {
