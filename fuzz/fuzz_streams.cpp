@@ -1,11 +1,11 @@
 // The H.264 syntax parser and the `boxlane mux` stream scanners on arbitrary
 // bytes. The first byte picks the scanner; the scanners may refuse the input
-// with a MuxError, but must never read outside it or return a stream whose
+// with a ToolError, but must never read outside it or return a stream whose
 // pieces lie outside it.
 #include "platform/h264.hpp"
-#include "tools/mux_audio.hpp"
-#include "tools/mux_error.hpp"
-#include "tools/mux_video.hpp"
+#include "tools/mux/audio.hpp"
+#include "tools/common/tool_error.hpp"
+#include "tools/mux/video.hpp"
 
 #include <cstdint>
 #include <cstdlib>
@@ -21,7 +21,7 @@ void scan_video_stream(const std::vector<uint8_t>& bytes) {
   boxlane::tool::VideoStream video;
   try {
     boxlane::tool::scan_video(bytes.data(), bytes.size(), "fuzz.h264", video);
-  } catch (const boxlane::tool::MuxError&) {
+  } catch (const boxlane::tool::ToolError&) {
     return;
   }
   for (const auto& nal : video.nals)
@@ -40,7 +40,7 @@ void scan_audio_stream(const std::vector<uint8_t>& bytes) {
   boxlane::tool::AudioStream audio;
   try {
     boxlane::tool::scan_audio(bytes.data(), bytes.size(), "fuzz.aac", audio);
-  } catch (const boxlane::tool::MuxError&) {
+  } catch (const boxlane::tool::ToolError&) {
     return;
   }
   for (const auto& frame : audio.frames)

@@ -6,7 +6,7 @@
 #include "support/ffmpeg.hpp"
 #include "support/mp4_file_writer.hpp"
 #include "support/paths.hpp"
-#include "tools/json_writer.hpp"
+#include "tools/common/json_writer.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-#include "tools/probe_names.hpp"
-#include "tools/probe_report.hpp"
+#include "tools/probe/names.hpp"
+#include "tools/probe/report.hpp"
 
 #include <cmath>
 #include <cstdarg>

@@ -1,9 +1,9 @@
-#include "tools/mux_timing.hpp"
+#include "tools/mux/timing.hpp"
 
 #include <cstdint>
 #include <numeric>
 
-#include "tools/mux_error.hpp"
+#include "tools/common/tool_error.hpp"
 
 namespace boxlane::tool {
 
@@ -38,10 +38,10 @@ Timing choose_timing(const TimingInput& in) {
     // Every sample needs at least one tick, or it would get no duration.
     const uint64_t ts = in.forced_timescale;
     if ((in.video && ts * in.fps_den < in.fps_num) || (in.audio && ts * 1024 < in.sample_rate)) {
-      throw MuxError("time scale " + std::to_string(ts) + " is too coarse: a frame would last less than one tick");
+      throw ToolError("time scale " + std::to_string(ts) + " is too coarse: a frame would last less than one tick");
     }
     Timing t = make(in.forced_timescale, in);
-    if (!fits(t, in)) throw MuxError("the movie is too long for time scale " + std::to_string(in.forced_timescale));
+    if (!fits(t, in)) throw ToolError("the movie is too long for time scale " + std::to_string(in.forced_timescale));
     return t;
   }
   // The audio sample rate makes every AAC frame 1024 ticks long; 90 kHz is
@@ -56,7 +56,7 @@ Timing choose_timing(const TimingInput& in) {
     Timing t = make(static_cast<uint32_t>(candidate), in);
     if (fits(t, in)) return t;
   }
-  throw MuxError("the movie is too long for the 32-bit durations of this writer");
+  throw ToolError("the movie is too long for the 32-bit durations of this writer");
 }
 
 }  // namespace boxlane::tool

@@ -1,4 +1,4 @@
-#include "tools/probe_input.hpp"
+#include "tools/probe/input.hpp"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,9 +1,9 @@
-#include "tools/mux_audio.hpp"
+#include "tools/mux/audio.hpp"
 
 #include <algorithm>
 
 #include "platform/be_reader.hpp"
-#include "tools/mux_error.hpp"
+#include "tools/common/tool_error.hpp"
 
 namespace boxlane::tool {
 
@@ -38,34 +38,34 @@ void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, 
     const std::size_t left = size - pos;
     if (!parse_adts(data + pos, left, h)) {
       if (has_sync(data + pos, left)) {
-        throw MuxError(name + ": ADTS frame" + at(pos) + " is cut short or damaged (" + std::to_string(left) +
+        throw ToolError(name + ": ADTS frame" + at(pos) + " is cut short or damaged (" + std::to_string(left) +
                        " bytes left)");
       }
-      throw MuxError(name + ": ADTS sync lost" + at(pos) +
+      throw ToolError(name + ": ADTS sync lost" + at(pos) +
                      (out.frames.empty() ? "; this is not an AAC ADTS stream" : ""));
     }
     if (out.frames.empty()) {
       if (h.channel_config == 0) {
-        throw MuxError(name + ": the channel layout is given in the stream (channel_configuration 0), which is not supported");
+        throw ToolError(name + ": the channel layout is given in the stream (channel_configuration 0), which is not supported");
       }
       out.config = h;
       audio_specific_config(h, out.audio_specific_config);
     } else if (h.sampling_index != out.config.sampling_index || h.channel_config != out.config.channel_config ||
                h.profile != out.config.profile) {
-      throw MuxError(name + ": the ADTS header" + at(pos) +
+      throw ToolError(name + ": the ADTS header" + at(pos) +
                      " changes the sample rate, channels or profile; one MP4 track holds one configuration");
     }
     if (h.raw_data_blocks != 0) {
-      throw MuxError(name + ": ADTS frame" + at(pos) + " holds several raw data blocks, which is not supported");
+      throw ToolError(name + ": ADTS frame" + at(pos) + " holds several raw data blocks, which is not supported");
     }
-    if (h.frame_length <= h.header_length) throw MuxError(name + ": empty ADTS frame" + at(pos));
+    if (h.frame_length <= h.header_length) throw ToolError(name + ": empty ADTS frame" + at(pos));
     out.frames.push_back(AudioFrame{data + pos, h.frame_length, h.header_length});
     out.payload_bytes += h.frame_length - h.header_length;
     out.max_frame_size = std::max<uint32_t>(out.max_frame_size, h.frame_length);
     pos += h.frame_length;
     if (read_to) read_to(data + pos);
   }
-  if (out.frames.empty()) throw MuxError(name + ": no ADTS frames found");
+  if (out.frames.empty()) throw ToolError(name + ": no ADTS frames found");
 }
 
 }  // namespace boxlane::tool

@@ -1,7 +1,7 @@
-#include "tools/probe_feed.hpp"
+#include "tools/probe/feed.hpp"
 
-#include "tools/probe_gate.hpp"
-#include "tools/probe_names.hpp"
+#include "tools/probe/gate.hpp"
+#include "tools/probe/names.hpp"
 
 #include <algorithm>
 #include <limits>

@@ -10,7 +10,7 @@ namespace boxlane::tool {
 
 class MappedFile {
  public:
-  // Throws MuxError naming the path when the file cannot be opened or read.
+  // Throws ToolError naming the path when the file cannot be opened or read.
   explicit MappedFile(const std::string& path);
   ~MappedFile();
   MappedFile(const MappedFile&) = delete;

@@ -54,7 +54,7 @@ struct VideoStream {
   FrameRate vui_rate;
 };
 
-// Throws MuxError with the byte offset of the first thing it cannot accept.
+// Throws ToolError with the byte offset of the first thing it cannot accept.
 // `name` is the path, for messages.
 // `read_to`, when given, is told how far the scan has read.
 void scan_video(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out,

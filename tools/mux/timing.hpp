@@ -44,7 +44,7 @@ struct Timing {
   Clock audio;
 };
 
-// Throws MuxError when no time scale keeps the movie's duration within the
+// Throws ToolError when no time scale keeps the movie's duration within the
 // 32-bit fields of mvhd and tkhd.
 Timing choose_timing(const TimingInput& in);
 

@@ -1,9 +1,9 @@
-#include "tools/probe_session.hpp"
+#include "tools/probe/session.hpp"
 
-#include "tools/probe_feed.hpp"
-#include "tools/probe_gate.hpp"
-#include "tools/probe_names.hpp"
-#include "tools/probe_workers.hpp"
+#include "tools/probe/feed.hpp"
+#include "tools/probe/gate.hpp"
+#include "tools/probe/names.hpp"
+#include "tools/probe/workers.hpp"
 
 namespace boxlane::tool {
 

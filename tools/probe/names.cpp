@@ -1,4 +1,4 @@
-#include "tools/probe_names.hpp"
+#include "tools/probe/names.hpp"
 
 #include <array>
 #include <cstdio>

@@ -9,9 +9,9 @@
 #include <functional>
 #include <string>
 
-#include "tools/mux_audio.hpp"
-#include "tools/mux_timing.hpp"
-#include "tools/mux_video.hpp"
+#include "tools/mux/audio.hpp"
+#include "tools/mux/timing.hpp"
+#include "tools/mux/video.hpp"
 
 namespace boxlane::tool {
 
@@ -35,7 +35,7 @@ struct MovieResult {
   uint64_t moov_size = 0;
 };
 
-// Throws MuxError; the target is then left as it was.
+// Throws ToolError; the target is then left as it was.
 MovieResult write_movie(const MovieInput& in);
 
 }  // namespace boxlane::tool

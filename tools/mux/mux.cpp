@@ -13,11 +13,11 @@
 #include <string>
 
 #include "tools/commands.hpp"
-#include "tools/mux_audio.hpp"
-#include "tools/mux_error.hpp"
-#include "tools/mux_input.hpp"
-#include "tools/mux_movie.hpp"
-#include "tools/mux_video.hpp"
+#include "tools/mux/audio.hpp"
+#include "tools/common/tool_error.hpp"
+#include "tools/common/mapped_file.hpp"
+#include "tools/mux/movie.hpp"
+#include "tools/mux/video.hpp"
 
 namespace boxlane::tool {
 
@@ -61,7 +61,7 @@ struct Options {
 };
 
 [[noreturn]] void usage_error(const std::string& message) {
-  throw MuxError(message + " (see 'boxlane mux --help')");
+  throw ToolError(message + " (see 'boxlane mux --help')");
 }
 
 // "25", "30000/1001", "29.97" (the NTSC rates become their exact fractions).
@@ -238,7 +238,7 @@ int mux_main(int argc, char** argv) {
       return 0;
     }
     return run(o);
-  } catch (const MuxError& e) {
+  } catch (const ToolError& e) {
     std::fprintf(stderr, "boxlane mux: %s\n", e.what());
   } catch (const std::bad_alloc&) {
     std::fprintf(stderr, "boxlane mux: out of memory\n");

@@ -1,4 +1,4 @@
-#include "tools/mux_input.hpp"
+#include "tools/common/mapped_file.hpp"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -8,28 +8,28 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tools/mux_error.hpp"
+#include "tools/common/tool_error.hpp"
 
 namespace boxlane::tool {
 
 MappedFile::MappedFile(const std::string& path) : path_(path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw MuxError("cannot open '" + path + "': " + std::strerror(errno));
+  if (fd < 0) throw ToolError("cannot open '" + path + "': " + std::strerror(errno));
   struct stat st {};
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     const int err = errno;
     ::close(fd);
-    throw MuxError("'" + path + "' is not a regular file" + (err ? std::string(": ") + std::strerror(err) : ""));
+    throw ToolError("'" + path + "' is not a regular file" + (err ? std::string(": ") + std::strerror(err) : ""));
   }
   size_ = static_cast<std::size_t>(st.st_size);
   if (size_ == 0) {
     ::close(fd);
-    throw MuxError("'" + path + "' is empty");
+    throw ToolError("'" + path + "' is empty");
   }
   void* map = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd, 0);
   const int err = errno;
   ::close(fd);
-  if (map == MAP_FAILED) throw MuxError("cannot read '" + path + "': " + std::strerror(err));
+  if (map == MAP_FAILED) throw ToolError("cannot read '" + path + "': " + std::strerror(err));
   ::madvise(map, size_, MADV_SEQUENTIAL);
   data_ = static_cast<const uint8_t*>(map);
 }

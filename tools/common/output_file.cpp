@@ -1,4 +1,4 @@
-#include "tools/mux_output.hpp"
+#include "tools/common/output_file.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,7 +9,7 @@
 #include <csignal>
 #include <cstring>
 
-#include "tools/mux_error.hpp"
+#include "tools/common/tool_error.hpp"
 
 namespace boxlane::tool {
 
@@ -38,15 +38,15 @@ OutputFile::OutputFile(const std::string& target) : target_(target), buffer_(kBu
   const std::size_t slash = target.rfind('/');
   const std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : target.substr(0, slash));
   const std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
-  if (base.empty()) throw MuxError("output '" + target + "' names a directory, not a file");
+  if (base.empty()) throw ToolError("output '" + target + "' names a directory, not a file");
   struct stat st {};
   if (::stat(target.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-    throw MuxError("output '" + target + "' is a directory");
+    throw ToolError("output '" + target + "' is a directory");
   }
   std::string pattern = (slash == std::string::npos ? "" : dir + "/") + "." + base + ".boxlane-XXXXXX";
-  if (pattern.size() >= sizeof g_temp_path) throw MuxError("output path too long: " + target);
+  if (pattern.size() >= sizeof g_temp_path) throw ToolError("output path too long: " + target);
   fd_ = ::mkstemp(pattern.data());
-  if (fd_ < 0) throw MuxError("cannot write in '" + dir + "': " + error_text());
+  if (fd_ < 0) throw ToolError("cannot write in '" + dir + "': " + error_text());
   temp_ = pattern;
   std::memcpy(g_temp_path, temp_.c_str(), temp_.size() + 1);
   g_temp_live.store(true);
@@ -88,7 +88,7 @@ void OutputFile::flush() {
   while (done < used_) {
     const ssize_t w = ::write(fd_, buffer_.data() + done, used_ - done);
     if (w < 0 && errno == EINTR) continue;
-    if (w <= 0) throw MuxError("cannot write '" + target_ + "': " + error_text());
+    if (w <= 0) throw ToolError("cannot write '" + target_ + "': " + error_text());
     done += static_cast<std::size_t>(w);
   }
   flushed_ += used_;
@@ -105,7 +105,7 @@ void OutputFile::patch(uint64_t at, const uint8_t* data, std::size_t n) {
   while (done < n) {
     const ssize_t w = ::pwrite(fd_, data + done, n - done, static_cast<off_t>(at + done));
     if (w < 0 && errno == EINTR) continue;
-    if (w <= 0) throw MuxError("cannot write '" + target_ + "': " + error_text());
+    if (w <= 0) throw ToolError("cannot write '" + target_ + "': " + error_text());
     done += static_cast<std::size_t>(w);
   }
 }
@@ -117,11 +117,11 @@ void OutputFile::commit() {
   ::umask(mask);
   if (::fchmod(fd_, 0666 & ~mask) != 0 || ::close(fd_) != 0) {
     fd_ = -1;
-    throw MuxError("cannot finish '" + target_ + "': " + error_text());
+    throw ToolError("cannot finish '" + target_ + "': " + error_text());
   }
   fd_ = -1;
   if (::rename(temp_.c_str(), target_.c_str()) != 0) {
-    throw MuxError("cannot rename the finished file to '" + target_ + "': " + error_text());
+    throw ToolError("cannot rename the finished file to '" + target_ + "': " + error_text());
   }
   committed_ = true;
   g_temp_live.store(false);

@@ -12,7 +12,7 @@ namespace boxlane::tool {
 
 class OutputFile {
  public:
-  // Creates the temporary file; throws MuxError when the directory is not
+  // Creates the temporary file; throws ToolError when the directory is not
   // writable.
   explicit OutputFile(const std::string& target);
   ~OutputFile();  // removes the temporary file unless commit() succeeded

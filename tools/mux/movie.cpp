@@ -1,4 +1,4 @@
-#include "tools/mux_movie.hpp"
+#include "tools/mux/movie.hpp"
 
 #include <unistd.h>
 
@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "boxlane/boxlane.h"
-#include "tools/mux_error.hpp"
-#include "tools/mux_output.hpp"
+#include "tools/common/tool_error.hpp"
+#include "tools/common/output_file.hpp"
 
 namespace boxlane::tool {
 
@@ -24,7 +24,7 @@ constexpr uint32_t kBoxHeader = 8;
 [[noreturn]] void refused(const char* what) {
   char code[32];
   std::snprintf(code, sizeof code, "0x%08llX", static_cast<unsigned long long>(Boxlane_GetLastError(nullptr)));
-  throw MuxError(std::string("the MP4 writer refused ") + what + " (error " + code + ")");
+  throw ToolError(std::string("the MP4 writer refused ") + what + " (error " + code + ")");
 }
 
 // The writer client of one run, removed however the run ends.
@@ -84,11 +84,11 @@ class MoovBuilder {
 
   template <typename Call>
   void box(const char* what, uint64_t planned, Call call) {
-    if (buf_.size() - pos_ < planned) throw MuxError(std::string("internal: no room planned for ") + what);
+    if (buf_.size() - pos_ < planned) throw ToolError(std::string("internal: no room planned for ") + what);
     int32_t len = 0;
     if (!call(buf_.data() + pos_, &len)) refused(what);
     if (len < 0 || static_cast<uint64_t>(len) != planned) {
-      throw MuxError(std::string("internal: ") + what + " came out " + std::to_string(len) + " bytes, planned " +
+      throw ToolError(std::string("internal: ") + what + " came out " + std::to_string(len) + " bytes, planned " +
                      std::to_string(planned));
     }
     pos_ += static_cast<std::size_t>(len);
@@ -161,7 +161,7 @@ class MovieWriter {
     uint8_t* p = out.reserve(planned);
     int32_t len = 0;
     if (!call(p, &len)) refused(what);
-    if (len < 0 || static_cast<uint32_t>(len) != planned) throw MuxError(std::string("internal: unexpected size of ") + what);
+    if (len < 0 || static_cast<uint32_t>(len) != planned) throw ToolError(std::string("internal: unexpected size of ") + what);
     out.advance(static_cast<std::size_t>(len));
   }
 
@@ -199,7 +199,7 @@ class MovieWriter {
       vt_.presentation = timing_.video.at(v_->units.size() + vt_.shift) - timing_.video.at(vt_.shift);
       if (v_->reordered) {
         for (uint64_t i = 0; i < v_->units.size(); ++i) {
-          if (offset(i) > INT32_MAX) throw MuxError("a composition offset does not fit the 32-bit ctts field");
+          if (offset(i) > INT32_MAX) throw ToolError("a composition offset does not fit the 32-bit ctts field");
         }
       }
     }
@@ -211,7 +211,7 @@ class MovieWriter {
   }
 
   static uint32_t checked32(uint64_t v, const char* what) {
-    if (v > INT32_MAX) throw MuxError(std::string("the ") + what + " table is too large for one MP4 box");
+    if (v > INT32_MAX) throw ToolError(std::string("the ") + what + " table is too large for one MP4 box");
     return static_cast<uint32_t>(v);
   }
 
@@ -220,7 +220,7 @@ class MovieWriter {
       plan_.video = true;
       const uint64_t n = v_->units.size();
       if (v_->sps_nal.size() + v_->pps_nal.size() + 8 > sizeof(tag_Qorvane_AVProtocol{}.tszVideoHdr)) {
-        throw MuxError("the SPS and PPS together exceed the 1016 bytes the sample description takes");
+        throw ToolError("the SPS and PPS together exceed the 1016 bytes the sample description takes");
       }
       plan_.v_stsd = static_cast<uint32_t>(121 + v_->sps_nal.size() + v_->pps_nal.size());
       plan_.v_stts = checked32(16 + 8 * uint64_t{runs_of(n, timing_.video)}, "stts");
@@ -245,7 +245,7 @@ class MovieWriter {
     const uint64_t total = kFtypSize + plan_.moov() + kBoxHeader + payload;
     plan_.file_size = total;
     if (total > UINT32_MAX) {
-      throw MuxError("the output would be " + std::to_string(total >> 20) +
+      throw ToolError("the output would be " + std::to_string(total >> 20) +
                      " MiB; files over 4 GiB need 64-bit chunk offsets, which this writer does not produce. "
                      "Split the input.");
     }
@@ -284,7 +284,7 @@ class MovieWriter {
                                             static_cast<int32_t>(offset(iv)))) {
           refused("a video access unit");
         }
-        if (static_cast<uint64_t>(len) != u.sample_size) throw MuxError("internal: video sample size changed");
+        if (static_cast<uint64_t>(len) != u.sample_size) throw ToolError("internal: video sample size changed");
         out.advance(u.sample_size);
         if (in_.video_read) in_.video_read(nal_ptrs[0]);
         ++iv;
@@ -297,7 +297,7 @@ class MovieWriter {
                                        static_cast<int32_t>(timing_.audio.duration(ia)))) {
           refused("an audio frame");
         }
-        if (static_cast<uint32_t>(len) != f.size - f.header_size) throw MuxError("internal: audio sample size changed");
+        if (static_cast<uint32_t>(len) != f.size - f.header_size) throw ToolError("internal: audio sample size changed");
         out.advance(static_cast<std::size_t>(len));
         if (in_.audio_read) in_.audio_read(f.data);
         ++ia;

@@ -1,6 +1,6 @@
-#include "tools/probe_workers.hpp"
+#include "tools/probe/workers.hpp"
 
-#include "tools/probe_gate.hpp"
+#include "tools/probe/gate.hpp"
 
 #include <chrono>
 #include <span>

@@ -2,9 +2,9 @@
 // would, through the parser road of the public interface, and shows what the
 // parser found.
 #include "tools/commands.hpp"
-#include "tools/probe_input.hpp"
-#include "tools/probe_report.hpp"
-#include "tools/probe_session.hpp"
+#include "tools/probe/input.hpp"
+#include "tools/probe/report.hpp"
+#include "tools/probe/session.hpp"
 
 #include <boxlane/boxlane.h>
 

@@ -1,6 +1,6 @@
 // The numbers probe works out from a track's tables, and the checks of one
 // table against another that the parser leaves to its callers.
-#include "tools/probe_model.hpp"
+#include "tools/probe/model.hpp"
 
 #include <algorithm>
 #include <array>

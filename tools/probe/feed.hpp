@@ -13,8 +13,8 @@
 // how much.
 #pragma once
 
-#include "tools/probe_input.hpp"
-#include "tools/probe_session.hpp"
+#include "tools/probe/input.hpp"
+#include "tools/probe/session.hpp"
 
 #include <cstdint>
 #include <string>

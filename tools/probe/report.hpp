@@ -1,7 +1,7 @@
 // The two ways probe shows a report: text for people, JSON for scripts.
 #pragma once
 
-#include "tools/probe_model.hpp"
+#include "tools/probe/model.hpp"
 
 #include <cstdio>
 #include <string>

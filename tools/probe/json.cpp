@@ -1,6 +1,6 @@
-#include "tools/json_writer.hpp"
-#include "tools/probe_names.hpp"
-#include "tools/probe_report.hpp"
+#include "tools/common/json_writer.hpp"
+#include "tools/probe/names.hpp"
+#include "tools/probe/report.hpp"
 
 #include <algorithm>
 

@@ -27,7 +27,7 @@ struct AudioStream {
   static constexpr uint32_t kSamplesPerFrame = 1024;
 };
 
-// Throws MuxError naming the byte offset where sync is lost, a frame is cut
+// Throws ToolError naming the byte offset where sync is lost, a frame is cut
 // short, or the configuration changes.
 // `read_to`, when given, is told how far the scan has read.
 void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, AudioStream& out,

@@ -1,4 +1,4 @@
-#include "tools/mux_video.hpp"
+#include "tools/mux/video.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -6,7 +6,7 @@
 
 #include "platform/annexb.hpp"
 #include "platform/be_reader.hpp"
-#include "tools/mux_error.hpp"
+#include "tools/common/tool_error.hpp"
 
 namespace boxlane::tool {
 
@@ -46,7 +46,7 @@ class Scanner {
 
   void nal(const NalUnit& nal) {
     if (nal.size == 0) return;
-    if (forbidden_bit_set(nal)) throw MuxError(name_ + ": damaged NAL unit (forbidden_zero_bit set)" + at(nal.offset));
+    if (forbidden_bit_set(nal)) throw ToolError(name_ + ": damaged NAL unit (forbidden_zero_bit set)" + at(nal.offset));
     const uint8_t type = nal.type();
     switch (type) {
       case h264::kNalSps:
@@ -84,9 +84,9 @@ class Scanner {
 
   void finish() {
     close_unit();
-    if (out_.sps_nal.empty()) throw MuxError(name_ + ": no sequence parameter set (SPS) found; is this an H.264 stream?");
-    if (out_.pps_nal.empty()) throw MuxError(name_ + ": no picture parameter set (PPS) found");
-    if (out_.units.empty()) throw MuxError(name_ + ": no coded pictures found");
+    if (out_.sps_nal.empty()) throw ToolError(name_ + ": no sequence parameter set (SPS) found; is this an H.264 stream?");
+    if (out_.pps_nal.empty()) throw ToolError(name_ + ": no picture parameter set (PPS) found");
+    if (out_.units.empty()) throw ToolError(name_ + ": no coded pictures found");
   }
 
  private:
@@ -103,7 +103,7 @@ class Scanner {
     h264::Pps parsed;
     if (!h264::parse_pps(nal.data, nal.size, parsed)) unreadable("picture", nal);
     if (out_.pps_nal.empty() && !sets_.has_sps[parsed.sps_id]) {
-      throw MuxError(name_ + ": no sequence parameter set (SPS) was sent before the picture parameter set" +
+      throw ToolError(name_ + ": no sequence parameter set (SPS) was sent before the picture parameter set" +
                      at(nal.offset));
     }
     if (!keep_first(out_.pps_nal, nal, "picture", "PPS")) return;
@@ -112,7 +112,7 @@ class Scanner {
   }
 
   [[noreturn]] void unreadable(const char* kind, const NalUnit& nal) {
-    throw MuxError(name_ + ": cannot read the " + kind + " parameter set" + at(nal.offset) + " (damaged or cut short)");
+    throw ToolError(name_ + ": cannot read the " + kind + " parameter set" + at(nal.offset) + " (damaged or cut short)");
   }
 
   // The sample description holds one parameter set of each kind: the first
@@ -123,7 +123,7 @@ class Scanner {
       return true;
     }
     if (!same_bytes(kept, nal)) {
-      throw MuxError(name_ + ": the " + kind + " parameter set changes" + at(nal.offset) +
+      throw ToolError(name_ + ": the " + kind + " parameter set changes" + at(nal.offset) +
                      " (or a second one appears); one MP4 track holds one " + abbrev + ", so split the stream there");
     }
     return false;
@@ -138,7 +138,7 @@ class Scanner {
     }
     h264::SliceHeader sh;
     if (!h264::parse_slice_header(nal.data, nal.size, sets_, sh)) {
-      throw MuxError(name_ + ": cannot read the slice header" + at(nal.offset) +
+      throw ToolError(name_ + ": cannot read the slice header" + at(nal.offset) +
                      " (damaged, cut short, or it names a parameter set that was not sent)");
     }
     if (open_ && starts_new_picture(first_, sh, out_.sps)) close_unit();
@@ -224,7 +224,7 @@ void order_for_display(const std::string& name, VideoStream& v) {
     for (std::size_t rank = 0; rank < order.size(); ++rank) {
       if (rank > 0 && v.units[order[rank]].poc == v.units[order[rank - 1]].poc) {
         const uint32_t later = std::max(order[rank], order[rank - 1]);
-        throw MuxError(name + ": two pictures have the same picture order count (the second" +
+        throw ToolError(name + ": two pictures have the same picture order count (the second" +
                        at(v.units[later].input_offset) + "); their display order is unknown");
       }
       v.display[order[rank]] = static_cast<uint32_t>(begin + rank);
@@ -241,12 +241,12 @@ void scan_video(const uint8_t* data, std::size_t size, const std::string& name, 
   AnnexBSplitter splitter(data, size);
   const std::size_t leading = splitter.leading_bytes();
   if (leading == size) {
-    throw MuxError(name + ": no Annex B start code (00 00 01) found; this is not an H.264 elementary stream");
+    throw ToolError(name + ": no Annex B start code (00 00 01) found; this is not an H.264 elementary stream");
   }
   BeReader before(data, leading);
   while (before.remaining()) {
     if (before.u8() != 0) {
-      throw MuxError(name + ": " + std::to_string(leading) +
+      throw ToolError(name + ": " + std::to_string(leading) +
                      " bytes before the first start code; this is not an H.264 Annex B stream");
     }
   }
