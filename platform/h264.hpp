@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "platform/be_reader.hpp"
+#include "platform/rbsp_reader.hpp"
 
 namespace boxlane::h264 {
 
@@ -28,31 +28,8 @@ enum NalType : uint8_t {
   kNalFiller = 12,
 };
 
-// Reads the RBSP of one NAL unit bit by bit. The emulation_prevention_three_byte
-// of §7.4.1 (00 00 03) is skipped as the bytes are fetched, so callers see
-// the RBSP. A read past the end yields zeros and makes ok() false for good.
-class BitReader {
- public:
-  // `nal` starts with the NAL header; `header_bytes` of it are skipped.
-  BitReader(const uint8_t* nal, std::size_t size, std::size_t header_bytes = 1) noexcept;
-
-  uint32_t bits(unsigned n) noexcept;  // n up to 32
-  bool flag() noexcept { return bits(1) != 0; }
-  uint32_t ue() noexcept;  // §9.1, values up to 2^32 - 2
-  int32_t se() noexcept;   // §9.1.1
-  bool ok() const noexcept { return ok_; }
-  // Marks the reader failed, for a value out of its legal range.
-  void fail() noexcept { ok_ = false; }
-
- private:
-  bool fetch() noexcept;  // loads the next RBSP byte into cur_
-
-  BeReader in_;
-  unsigned zeros_ = 0;  // consecutive zero bytes just read, for 00 00 03
-  uint8_t cur_ = 0;
-  unsigned left_ = 0;  // bits of cur_ not yet read
-  bool ok_ = true;
-};
+// The RBSP bit reader (§7.4.1 emulation prevention removed, §9.1 codes).
+using BitReader = RbspReader;
 
 struct Sps {
   uint8_t profile_idc = 0;

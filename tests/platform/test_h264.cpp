@@ -4,47 +4,19 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <bit>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "platform/h264.hpp"
 #include "support/paths.hpp"
+#include "support/rbsp_writer.hpp"
 
 namespace {
 
 using namespace boxlane::h264;
+using boxlane::test::Bits;
 using boxlane::test::unhex;
-
-// Writes RBSP bits, then wraps them as a NAL unit with the stop bit and
-// emulation prevention inserted (ISO/IEC 14496-10 §7.4.1).
-struct Bits {
-  std::vector<bool> bits;
-  Bits& u(unsigned n, uint64_t v) {
-    for (unsigned i = n; i-- > 0;) bits.push_back((v >> i) & 1);
-    return *this;
-  }
-  Bits& ue(uint32_t v) {
-    const unsigned len = unsigned(std::bit_width(uint64_t{v} + 1)) - 1;
-    return u(len, 0).u(len + 1, uint64_t{v} + 1);
-  }
-  Bits& se(int32_t v) { return ue(v > 0 ? uint32_t(2 * v - 1) : uint32_t(-2 * int64_t{v})); }
-  std::vector<uint8_t> nal(uint8_t ref_idc, uint8_t type) const {
-    Bits rbsp = *this;
-    for (rbsp.u(1, 1); rbsp.bits.size() % 8;) rbsp.u(1, 0);
-    std::vector<uint8_t> out{uint8_t(ref_idc << 5 | type)};
-    unsigned zeros = 0;
-    for (std::size_t i = 0; i < rbsp.bits.size(); i += 8) {
-      uint8_t b = 0;
-      for (std::size_t k = i; k < i + 8; ++k) b = uint8_t(b << 1 | rbsp.bits[k]);
-      if (zeros >= 2 && b <= 3) out.push_back(3), zeros = 0;
-      out.push_back(b);
-      zeros = b == 0 ? zeros + 1 : 0;
-    }
-    return out;
-  }
-};
 
 ParameterSets sets_of(const std::vector<uint8_t>& sps_nal, const std::vector<uint8_t>& pps_nal) {
   ParameterSets sets;

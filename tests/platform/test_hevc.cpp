@@ -1,0 +1,501 @@
+// The H.265 syntax parser on parameter sets that libx265 made (the expected
+// values are those FFmpeg's trace_headers filter prints for them), on
+// hand-made bit strings for what libx265 never writes, and on whole streams
+// whose display order FFmpeg reports.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/annexb.hpp"
+#include "platform/hevc.hpp"
+#include "support/ffmpeg.hpp"
+#include "support/paths.hpp"
+#include "support/rbsp_writer.hpp"
+
+namespace {
+
+using namespace boxlane::hevc;
+using boxlane::test::Bits;
+using boxlane::test::unhex;
+
+// libx265, testsrc2 320x240 at 25 fps, yuv420p (Main).
+const char* kMainVps = "40010c01ffff01600000030090000003000003003c959809";
+const char* kMainSps = "42010101600000030090000003000003003ca00a080f165959a4932bc05a020000030002000003003210";
+const char* kMainPps = "4401c172b46240";
+// libx265, testsrc2 322x182 at 30000/1001, yuv420p10le (Main 10), with HRD
+// parameters in the VUI.
+const char* kMain10Vps = "40010c01ffff02200000030090000003000003003c959409";
+const char* kMain10Sps =
+    "42010102200000030090000003000003003ca00a480b9c94d96565924caf01680800001f480003a98300a4837000493e000927c4";
+
+std::string summary(const Sps& s) {
+  std::ostringstream o;
+  o << "sps " << s.id << " vps " << s.vps_id << " sub " << s.max_sub_layers << " nest " << s.temporal_id_nesting
+    << " | space " << +s.ptl.profile_space << " tier " << s.ptl.tier << " profile " << +s.ptl.profile_idc << " compat "
+    << std::hex << s.ptl.compatibility_flags << " constraints " << s.ptl.constraint_flags << std::dec << " level "
+    << +s.ptl.level_idc << " | chroma " << s.chroma_format_idc << " " << s.coded_width << "x" << s.coded_height
+    << " window " << s.crop_left << " " << s.crop_right << " " << s.crop_top << " " << s.crop_bottom << " = "
+    << s.width << "x" << s.height << " depth " << s.bit_depth_luma << " " << s.bit_depth_chroma << " lsb "
+    << s.log2_max_poc_lsb << " dpb " << s.max_dec_pic_buffering << " reorder " << s.max_num_reorder_pics << " ctb "
+    << s.log2_ctb_size << " rps " << s.num_short_term_ref_pic_sets << " | sar " << s.sar_width << ":" << s.sar_height;
+  if (s.timing_info_present) o << " tick " << s.num_units_in_tick << "/" << s.time_scale;
+  if (s.bitstream_restriction) o << " segmentation " << s.min_spatial_segmentation_idc;
+  return o.str();
+}
+
+TEST(HevcNalHeader, FieldsAndRefusals) {
+  struct Case {
+    std::vector<uint8_t> bytes;
+    bool ok;
+    int type, layer, tid;
+  } cases[] = {
+      {{0x40, 0x01}, true, 32, 0, 0},  // VPS
+      {{0x26, 0x01}, true, 19, 0, 0},  // IDR_W_RADL
+      {{0x02, 0x03}, true, 1, 0, 2},   // TRAIL_R, TemporalId 2
+      {{0x7F, 0xFF}, true, 63, 63, 6}, // every field at its largest
+      {{0x80, 0x01}, false, 0, 0, 0},  // forbidden_zero_bit
+      {{0x02, 0x00}, false, 0, 0, 0},  // nuh_temporal_id_plus1 0
+      {{0x02}, false, 0, 0, 0},        // one byte
+      {{}, false, 0, 0, 0},
+  };
+  for (const Case& c : cases) {
+    NalHeader h;
+    ASSERT_EQ(parse_nal_header(c.bytes.data(), c.bytes.size(), h), c.ok) << boxlane::test::hex(c.bytes);
+    if (c.ok) {
+      EXPECT_EQ((std::array<int, 3>{h.type, h.layer_id, h.temporal_id}), (std::array<int, 3>{c.type, c.layer, c.tid}));
+    }
+  }
+}
+
+TEST(HevcParameterSets, X265MainAndMain10) {
+  const auto main_sps = unhex(kMainSps);
+  Sps sps;
+  ASSERT_TRUE(parse_sps(main_sps.data(), main_sps.size(), sps));
+  EXPECT_EQ(summary(sps),
+            "sps 0 vps 0 sub 1 nest 1 | space 0 tier 0 profile 1 compat 60000000 constraints 900000000000 level 60 | "
+            "chroma 1 320x240 window 0 0 0 0 = 320x240 depth 8 8 lsb 8 dpb 5 reorder 2 ctb 6 rps 0 | sar 1:1 tick 1/25");
+
+  // 4:2:0: conf_win_right_offset 3 and conf_win_bottom_offset 1 are in
+  // chroma samples, 6 and 2 luma samples. The HRD parameters lie between the
+  // timing and the end.
+  const auto m10_sps = unhex(kMain10Sps);
+  ASSERT_TRUE(parse_sps(m10_sps.data(), m10_sps.size(), sps));
+  EXPECT_EQ(summary(sps),
+            "sps 0 vps 0 sub 1 nest 1 | space 0 tier 0 profile 2 compat 20000000 constraints 900000000000 level 60 | "
+            "chroma 1 328x184 window 0 6 0 2 = 322x182 depth 10 10 lsb 8 dpb 5 reorder 2 ctb 6 rps 0 | sar 1:1 "
+            "tick 1001/30000");
+
+  Vps vps;
+  const auto m10_vps = unhex(kMain10Vps);
+  ASSERT_TRUE(parse_vps(m10_vps.data(), m10_vps.size(), vps));
+  EXPECT_EQ((std::array<uint32_t, 5>{vps.id, vps.max_sub_layers, vps.temporal_id_nesting, vps.ptl.profile_idc,
+                                     vps.ptl.level_idc}),
+            (std::array<uint32_t, 5>{0, 1, 1, 2, 60}));
+
+  // WPP on, no tiles, no dependent slice segments, no extra header bits.
+  Pps pps;
+  const auto main_pps = unhex(kMainPps);
+  ASSERT_TRUE(parse_pps(main_pps.data(), main_pps.size(), pps));
+  EXPECT_EQ((std::array<uint32_t, 6>{pps.id, pps.sps_id, pps.dependent_slice_segments_enabled, pps.num_extra_slice_header_bits,
+                                     pps.tiles_enabled, pps.entropy_coding_sync_enabled}),
+            (std::array<uint32_t, 6>{0, 0, 0, 0, 0, 1}));
+
+  // Each parser refuses the others' units, and every unit cut before its
+  // last field.
+  EXPECT_FALSE(parse_sps(main_pps.data(), main_pps.size(), sps));
+  EXPECT_FALSE(parse_pps(main_sps.data(), main_sps.size(), pps));
+  EXPECT_FALSE(parse_vps(main_sps.data(), main_sps.size(), vps));
+  for (std::size_t cut = 0; cut + 2 < m10_sps.size(); ++cut) EXPECT_FALSE(parse_sps(m10_sps.data(), cut, sps)) << cut;
+  for (std::size_t cut = 0; cut + 2 < m10_vps.size(); ++cut) EXPECT_FALSE(parse_vps(m10_vps.data(), cut, vps)) << cut;
+  for (std::size_t cut = 0; cut + 1 < main_pps.size(); ++cut) EXPECT_FALSE(parse_pps(main_pps.data(), cut, pps)) << cut;
+}
+
+// An SPS built field by field; every default is legal.
+struct HandSps {
+  uint32_t sub_layers_minus1 = 0;
+  bool sub_layer_profile = false;  // sub_layer_profile_present_flag of every sub-layer
+  uint32_t id = 0;
+  uint32_t chroma = 1;
+  uint32_t width = 1280, height = 720;
+  std::vector<uint32_t> window;  // left, right, top bottom in chroma units
+  uint32_t luma_minus8 = 0, chroma_minus8 = 0;
+  uint32_t lsb_minus4 = 4;
+  uint32_t buffering_minus1 = 4;
+  uint32_t min_cb_minus3 = 0, cb_diff = 3;
+  bool scaling_list = false;
+  bool pcm = false;
+  std::vector<Bits> rps;
+  uint32_t long_term = 0;
+  uint32_t min_spatial = 1000;
+  bool hrd = false;
+
+  std::vector<uint8_t> nal() const {
+    Bits b;
+    b.u(4, 0).u(3, sub_layers_minus1).u(1, 1);
+    // profile_tier_level: space 1, high tier, Main 10 compatible with Main 10 only.
+    b.u(2, 1).u(1, 1).u(5, 2).u(32, 0x20000000).u(16, 0x8000).u(32, 1).u(8, 153);
+    for (uint32_t i = 0; i < sub_layers_minus1; ++i) b.u(1, sub_layer_profile).u(1, 1);
+    if (sub_layers_minus1) b.u(2 * (8 - sub_layers_minus1), 0);
+    for (uint32_t i = 0; i < sub_layers_minus1; ++i) {
+      if (sub_layer_profile) b.u(8, 0xFF).u(32, 0xFFFFFFFF).u(32, 0xFFFFFFFF).u(16, 0xFFFF);
+      b.u(8, 0xAA);
+    }
+    b.ue(id).ue(chroma);
+    if (chroma == 3) b.u(1, 0);
+    b.ue(width).ue(height).u(1, !window.empty());
+    for (uint32_t w : window) b.ue(w);
+    b.ue(luma_minus8).ue(chroma_minus8).ue(lsb_minus4);
+    b.u(1, 1);
+    for (uint32_t i = 0; i <= sub_layers_minus1; ++i) b.ue(buffering_minus1).ue(0).ue(0);
+    b.ue(min_cb_minus3).ue(cb_diff).ue(0).ue(3).ue(1).ue(1);
+    b.u(1, scaling_list);
+    if (scaling_list) {
+      b.u(1, 1);
+      for (int size_id = 0; size_id < 4; ++size_id) {
+        for (int m = 0; m < 6; m += size_id == 3 ? 3 : 1) {
+          if (m % 2) {  // predicted from the list before
+            b.u(1, 0).ue(1);
+            continue;
+          }
+          b.u(1, 1);
+          if (size_id > 1) b.se(8);
+          for (int i = 0; i < std::min(64, 1 << (4 + 2 * size_id)); ++i) b.se(i % 2 ? -3 : 3);
+        }
+      }
+    }
+    b.u(1, 0).u(1, 1).u(1, pcm);
+    if (pcm) b.u(4, 7).u(4, 7).ue(0).ue(2).u(1, 0);
+    b.ue(uint32_t(rps.size()));
+    for (const Bits& set : rps) b.add(set);
+    b.u(1, long_term != 0);
+    if (long_term) {
+      b.ue(long_term);
+      for (uint32_t i = 0; i < long_term; ++i) b.u(lsb_minus4 + 4, i).u(1, 1);
+    }
+    b.u(1, 1).u(1, 1).u(1, 1);
+    // VUI: SAR 255 (given), video signal, default display window, timing,
+    // HRD when asked, bitstream restriction.
+    b.u(1, 1).u(8, 255).u(16, 64).u(16, 45).u(1, 0).u(1, 1).u(3, 5).u(1, 0).u(1, 1).u(24, 0x010101);
+    b.u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 1).ue(0).ue(8).ue(0).ue(4);
+    b.u(1, 1).u(32, 1001).u(32, 60000).u(1, 1).ue(1).u(1, hrd);
+    if (hrd) {
+      b.u(1, 1).u(1, 1).u(1, 1).u(8, 90).u(5, 23).u(1, 1).u(5, 23).u(4, 4).u(4, 6).u(4, 2).u(5, 23).u(5, 23).u(5, 23);
+      for (uint32_t i = 0; i <= sub_layers_minus1; ++i) {
+        b.u(1, 0).u(1, 0).u(1, 0).ue(1);  // not fixed rate, not low delay, two CPBs
+        for (int k = 0; k < 2 * 2; ++k) b.ue(1000).ue(2000).ue(300).ue(400).u(1, 1);  // NAL and VCL
+      }
+    }
+    b.u(1, 1).u(1, 0).u(1, 1).u(1, 0).ue(min_spatial).ue(2).ue(1).ue(15).ue(15);
+    b.u(1, 0);  // sps_extension_present_flag
+    return b.hevc_nal(kSps);
+  }
+};
+
+// st_ref_pic_set written out: explicit negative and positive deltas ...
+Bits explicit_rps(const std::vector<uint32_t>& negative, const std::vector<uint32_t>& positive, bool first) {
+  Bits b;
+  if (!first) b.u(1, 0);
+  b.ue(uint32_t(negative.size())).ue(uint32_t(positive.size()));
+  for (uint32_t d : negative) b.ue(d - 1).u(1, 1);
+  for (uint32_t d : positive) b.ue(d - 1).u(1, 1);
+  return b;
+}
+// ... or predicted from the set before: `flags` holds used_by_curr_pic_flag
+// and use_delta_flag for each of its deltas and for delta_rps itself.
+Bits predicted_rps(int32_t delta_rps, const std::vector<std::array<bool, 2>>& flags) {
+  Bits b;
+  b.u(1, 1).u(1, delta_rps < 0).ue(uint32_t(std::abs(delta_rps)) - 1);
+  for (const auto& f : flags) {
+    b.u(1, f[0]);
+    if (!f[0]) b.u(1, f[1]);
+  }
+  return b;
+}
+
+std::string parsed(const HandSps& hand) {
+  const auto nal = hand.nal();
+  Sps sps;
+  if (!parse_sps(nal.data(), nal.size(), sps)) return "refused";
+  return summary(sps);
+}
+
+TEST(HevcParameterSets, HandMadeSequenceParameterSetsReadToTheEnd) {
+  // Every field the syntax skips must be skipped exactly, or the VUI at the
+  // end (SAR 64:45, 1001/60000, segmentation 1000) comes out wrong.
+  HandSps plain;
+  EXPECT_EQ(parsed(plain),
+            "sps 0 vps 0 sub 1 nest 1 | space 1 tier 1 profile 2 compat 20000000 constraints 800000000001 level 153 | "
+            "chroma 1 1280x720 window 0 0 0 0 = 1280x720 depth 8 8 lsb 8 dpb 5 reorder 0 ctb 6 rps 0 | sar 64:45 "
+            "tick 1001/60000 segmentation 1000");
+
+  // Sub-layers with their own profiles and levels, scaling lists, PCM,
+  // explicit and predicted reference picture sets, long-term pictures and
+  // HRD parameters for every sub-layer.
+  HandSps full;
+  full.sub_layers_minus1 = 2;
+  full.sub_layer_profile = true;
+  full.scaling_list = true;
+  full.pcm = true;
+  full.hrd = true;
+  full.long_term = 3;
+  full.rps = {explicit_rps({1, 2}, {3}, true),
+              // From {-1, -3 | +3} with delta_rps -1: -2 and -4 from the
+              // negatives, +2 from the positive; delta_rps itself unused.
+              predicted_rps(-1, {{true, true}, {false, true}, {true, true}, {false, false}}),
+              // From that set's 3 deltas with delta_rps 2: -2 + 2 and -4 + 2
+              // dropped (0, and use_delta_flag 0), +2 + 2 and delta_rps kept.
+              predicted_rps(2, {{true, true}, {false, false}, {true, true}, {true, true}}),
+              explicit_rps({}, {}, false)};
+  EXPECT_EQ(parsed(full),
+            "sps 0 vps 0 sub 3 nest 1 | space 1 tier 1 profile 2 compat 20000000 constraints 800000000001 level 153 | "
+            "chroma 1 1280x720 window 0 0 0 0 = 1280x720 depth 8 8 lsb 8 dpb 5 reorder 0 ctb 6 rps 4 | sar 64:45 "
+            "tick 1001/60000 segmentation 1000");
+
+  // The conformance window is counted in chroma samples: 2 x 2 for 4:2:0,
+  // 2 x 1 for 4:2:2, 1 x 1 for 4:4:4 and monochrome.
+  for (const auto& [chroma, size] : std::vector<std::pair<uint32_t, std::string>>{
+           {0, "window 1 2 3 4 = 1277x713"}, {1, "window 2 4 6 8 = 1274x706"},
+           {2, "window 2 4 3 4 = 1274x713"}, {3, "window 1 2 3 4 = 1277x713"}}) {
+    HandSps windowed;
+    windowed.chroma = chroma;
+    windowed.window = {1, 2, 3, 4};
+    EXPECT_NE(parsed(windowed).find(size), std::string::npos) << chroma << ": " << parsed(windowed);
+  }
+}
+
+TEST(HevcParameterSets, LimitsOnBothSides) {
+  // Each row sets one field to the largest value allowed and to one past it.
+  struct Limit {
+    const char* what;
+    void (*set)(HandSps&, bool past);
+  } limits[] = {
+      {"sps_seq_parameter_set_id 15", [](HandSps& s, bool past) { s.id = past ? 16 : 15; }},
+      {"chroma_format_idc 3", [](HandSps& s, bool past) { s.chroma = past ? 4 : 3; }},
+      {"sps_max_sub_layers_minus1 6", [](HandSps& s, bool past) { s.sub_layers_minus1 = past ? 7 : 6; }},
+      {"bit_depth_luma_minus8 8", [](HandSps& s, bool past) { s.luma_minus8 = past ? 9 : 8; }},
+      {"bit_depth_chroma_minus8 8", [](HandSps& s, bool past) { s.chroma_minus8 = past ? 9 : 8; }},
+      {"log2_max_pic_order_cnt_lsb_minus4 12", [](HandSps& s, bool past) { s.lsb_minus4 = past ? 13 : 12; }},
+      {"sps_max_dec_pic_buffering_minus1 15", [](HandSps& s, bool past) { s.buffering_minus1 = past ? 16 : 15; }},
+      {"CtbLog2SizeY 6", [](HandSps& s, bool past) { s.cb_diff = past ? 4 : 3; }},
+      {"min_spatial_segmentation_idc 4095", [](HandSps& s, bool past) { s.min_spatial = past ? 4096 : 4095; }},
+      {"pic_width_in_luma_samples 32768", [](HandSps& s, bool past) { s.width = past ? 32776 : 32768; }},
+      {"width a multiple of MinCbSizeY", [](HandSps& s, bool past) { s.width = past ? 1284 : 1288; }},
+      {"conformance window narrower than the picture",
+       [](HandSps& s, bool past) { s.window = {past ? 320u : 319u, 320, 0, 0}; }},
+      {"num_short_term_ref_pic_sets 64",
+       [](HandSps& s, bool past) {
+         s.rps.assign(past ? 65 : 64, explicit_rps({1}, {}, false));
+         s.rps[0] = explicit_rps({1}, {}, true);
+       }},
+      {"num_negative_pics below sps_max_dec_pic_buffering",
+       [](HandSps& s, bool past) { s.rps = {explicit_rps(past ? std::vector<uint32_t>{1, 2, 3, 4, 5} : std::vector<uint32_t>{1, 2, 3, 4}, {}, true)}; }},
+      {"num_long_term_ref_pics_sps 32", [](HandSps& s, bool past) { s.long_term = past ? 33 : 32; }},
+  };
+  for (const Limit& limit : limits) {
+    HandSps at, past;
+    limit.set(at, false);
+    limit.set(past, true);
+    EXPECT_NE(parsed(at), "refused") << limit.what;
+    EXPECT_EQ(parsed(past), "refused") << limit.what;
+  }
+}
+
+// A picture parameter set for the slices below.
+std::vector<uint8_t> hand_pps(uint32_t id, bool dependent, bool output_flag, uint32_t extra_bits) {
+  Bits b;
+  b.ue(id).ue(0).u(1, dependent).u(1, output_flag).u(3, extra_bits).u(1, 0).u(1, 0).ue(0).ue(0).se(0);
+  b.u(1, 0).u(1, 0).u(1, 0).se(0).se(0).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 1).u(1, 1);
+  return b.hevc_nal(kPps);
+}
+
+ParameterSets hand_sets(uint32_t lsb_minus4) {
+  HandSps hand;
+  hand.lsb_minus4 = lsb_minus4;
+  ParameterSets sets;
+  const auto sps = hand.nal();
+  EXPECT_TRUE(parse_sps(sps.data(), sps.size(), sets.sps[0]));
+  sets.has_sps[0] = true;
+  const auto plain = hand_pps(0, false, false, 0);
+  const auto rich = hand_pps(1, true, true, 2);
+  EXPECT_TRUE(parse_pps(plain.data(), plain.size(), sets.pps[0]));
+  EXPECT_TRUE(parse_pps(rich.data(), rich.size(), sets.pps[1]));
+  sets.has_pps[0] = sets.has_pps[1] = true;
+  return sets;
+}
+
+// The first slice segment of a picture through PPS 0.
+std::vector<uint8_t> hand_slice(uint8_t type, uint32_t lsb, uint8_t temporal_id = 0, uint32_t lsb_bits = 4) {
+  Bits b;
+  b.u(1, 1);
+  if (is_irap(type)) b.u(1, 0);
+  b.ue(0).ue(type == kIdrWRadl ? 2 : 1);
+  if (!is_idr(type)) b.u(lsb_bits, lsb);
+  return b.hevc_nal(type, temporal_id);
+}
+
+std::vector<int64_t> pocs_of(const ParameterSets& sets, const std::vector<std::vector<uint8_t>>& slices) {
+  PocCounter counter;
+  std::vector<int64_t> pocs;
+  for (const auto& nal : slices) {
+    SliceHeader sh;
+    EXPECT_TRUE(parse_slice_header(nal.data(), nal.size(), sets, sh)) << boxlane::test::hex(nal);
+    pocs.push_back(counter.next(sh, sets.sps[0], is_idr(sh.nal.type) || is_bla(sh.nal.type)));
+  }
+  return pocs;
+}
+
+TEST(HevcPictureOrder, WrapAtHalfTheRangeAndTheTid0Picture) {
+  const ParameterSets sets = hand_sets(0);  // 16 values of slice_pic_order_cnt_lsb
+  // A step of exactly half the range back counts as a wrap forwards; a step
+  // of exactly half forwards does not count as a wrap backwards.
+  EXPECT_EQ(pocs_of(sets, {hand_slice(kIdrWRadl, 0), hand_slice(kTrailR, 8), hand_slice(kTrailR, 0),
+                           hand_slice(kTrailR, 9), hand_slice(kTrailR, 1)}),
+            (std::vector<int64_t>{0, 8, 16, 9, 17}));
+  // Going forwards by more than half wraps backwards: leading pictures of
+  // an IDR come out negative.
+  EXPECT_EQ(pocs_of(sets, {hand_slice(kIdrWRadl, 0), hand_slice(kRadlN, 14), hand_slice(kRadlN + 1, 15)}),
+            (std::vector<int64_t>{0, -2, -1}));
+  // Only pictures of temporal layer 0 that are neither leading nor
+  // sub-layer non-reference pictures move the reference point: after the
+  // IDR, lsb 7 (non-reference, leading, or in layer 1) leaves it at 0, so
+  // lsb 9 counts as -7; after a TRAIL_R with lsb 7, it counts as 9.
+  for (const auto& skipped : {hand_slice(kTrailN, 7), hand_slice(kRadlN + 1, 7), hand_slice(kRaslR, 7),
+                              hand_slice(kTrailR, 7, 1)}) {
+    EXPECT_EQ(pocs_of(sets, {hand_slice(kIdrWRadl, 0), skipped, hand_slice(kTrailR, 9)})[2], -7);
+  }
+  EXPECT_EQ(pocs_of(sets, {hand_slice(kIdrWRadl, 0), hand_slice(kTrailR, 7), hand_slice(kTrailR, 9)})[2], 9);
+  // An IDR or BLA starts again from its own lsb; a CRA in mid-stream does not.
+  EXPECT_EQ(pocs_of(sets, {hand_slice(kIdrWRadl, 0), hand_slice(kTrailR, 6), hand_slice(kTrailR, 12),
+                           hand_slice(kBlaWLp, 3), hand_slice(kCra, 13)}),
+            (std::vector<int64_t>{0, 6, 12, 3, -3}));
+
+  // The widest lsb: 16 bits.
+  const ParameterSets wide = hand_sets(12);
+  EXPECT_EQ(pocs_of(wide, {hand_slice(kIdrWRadl, 0), hand_slice(kTrailR, 30000, 0, 16),
+                           hand_slice(kTrailR, 60000, 0, 16), hand_slice(kTrailR, 100, 0, 16)}),
+            (std::vector<int64_t>{0, 30000, 60000, 65636}));
+}
+
+TEST(HevcSliceHeader, SegmentsAndRefusals) {
+  const ParameterSets sets = hand_sets(4);
+  // 1280x720 in 64x64 tree blocks: 20 x 12 = 240, so 8 address bits.
+  EXPECT_EQ(sets.sps[0].ctbs_in_picture(), 240u);
+  struct Case {
+    const char* what;
+    std::vector<uint8_t> nal;
+    bool ok;
+    std::array<uint32_t, 5> fields;  // first, dependent, address, slice_type, poc_lsb
+    bool output = true;
+  };
+  const auto slice = [](uint8_t type, const Bits& b) { return b.hevc_nal(type); };
+  const Case cases[] = {
+      {"IDR: no lsb", slice(kIdrNLp, Bits().u(1, 1).u(1, 1).ue(0).ue(2)), true, {1, 0, 0, 2, 0}},
+      {"CRA with lsb", slice(kCra, Bits().u(1, 1).u(1, 0).ue(0).ue(2).u(8, 200)), true, {1, 0, 0, 2, 200}},
+      {"second segment", slice(kTrailR, Bits().u(1, 0).ue(0).u(8, 239).ue(1).u(8, 33)), true, {0, 0, 239, 1, 33}},
+      {"address past the picture", slice(kTrailR, Bits().u(1, 0).ue(0).u(8, 240).ue(1).u(8, 33)), false, {}},
+      {"dependent segment: nothing more", slice(kTrailR, Bits().u(1, 0).ue(1).u(1, 1).u(8, 5)), true, {0, 1, 5, 0, 0}},
+      {"extra bits and pic_output_flag 0",
+       slice(kTrailN, Bits().u(1, 1).ue(1).u(2, 3).ue(0).u(1, 0).u(8, 77)), true, {1, 0, 0, 0, 77}, false},
+      {"slice_type 3", slice(kTrailR, Bits().u(1, 1).ue(0).ue(3).u(8, 1)), false, {}},
+      {"unknown PPS", slice(kTrailR, Bits().u(1, 1).ue(2).ue(1).u(8, 1)), false, {}},
+      {"reserved VCL type 10", slice(10, Bits().u(1, 1).ue(0).ue(1).u(8, 1)), false, {}},
+      {"a VPS is no slice", unhex(kMainVps), false, {}},
+  };
+  for (const Case& c : cases) {
+    SliceHeader sh;
+    ASSERT_EQ(parse_slice_header(c.nal.data(), c.nal.size(), sets, sh), c.ok) << c.what;
+    if (!c.ok) continue;
+    EXPECT_EQ((std::array<uint32_t, 5>{sh.first_slice_segment_in_pic, sh.dependent_slice_segment, sh.segment_address,
+                                       sh.slice_type, sh.poc_lsb}),
+              c.fields)
+        << c.what;
+    EXPECT_EQ(sh.pic_output, c.output) << c.what;
+  }
+  // Cut short: refused.
+  const auto cra = slice(kCra, Bits().u(1, 1).u(1, 0).ue(0).ue(2).u(8, 200));
+  SliceHeader sh;
+  EXPECT_FALSE(parse_slice_header(cra.data(), cra.size() - 2, sets, sh));
+}
+
+// Whole libx265 streams (B-frames, open GOPs with CRA pictures, the 8-bit
+// lsb wrapping several times): our picture order counts must put the
+// pictures in the order FFmpeg presents them.
+TEST(HevcPictureOrder, X265StreamsInTheOrderFFmpegPresents) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const std::string dir = boxlane::test::temp_dir();
+  for (const char* params : {"bframes=3:keyint=50:open-gop=1", "bframes=4:b-pyramid=1:keyint=30:open-gop=0"}) {
+    const std::string es = dir + "/order.h265";
+    ASSERT_EQ(boxlane::test::ffmpeg("-f lavfi -i testsrc2=size=128x96:rate=25 -frames:v 300 -c:v libx265 -x265-params "
+                                    "log-level=error:" + std::string(params) + " -f hevc " + es),
+              0);
+    // FFmpeg decodes the raw stream and hands out frames in display order,
+    // each with the input position of its access unit; positions grow in
+    // decoding order, so their ranks are the decoding positions.
+    std::string listing;
+    ASSERT_EQ(boxlane::test::run("ffprobe -v error -show_entries frame=pkt_pos -of csv=p=0 " + es, &listing), 0);
+    std::vector<long long> shown;
+    std::istringstream lines(listing);
+    for (std::string line; std::getline(lines, line);) {
+      if (!line.empty() && std::isdigit(static_cast<unsigned char>(line[0]))) shown.push_back(std::stoll(line));
+    }
+    std::vector<long long> decoded = shown;
+    std::sort(decoded.begin(), decoded.end());
+    std::vector<std::size_t> display(shown.size());  // display position of each picture in decoding order
+    for (std::size_t k = 0; k < shown.size(); ++k) {
+      display[std::size_t(std::lower_bound(decoded.begin(), decoded.end(), shown[k]) - decoded.begin())] = k;
+    }
+
+    const auto bytes = boxlane::test::read_file(es);
+    boxlane::AnnexBSplitter splitter(bytes.data(), bytes.size());
+    boxlane::NalUnit nal;
+    ParameterSets sets;
+    PocCounter counter;
+    std::vector<int64_t> pocs;
+    std::vector<int> segment;  // counting starts again at each IDR
+    std::size_t cras = 0;
+    while (splitter.next(nal)) {
+      NalHeader h;
+      ASSERT_TRUE(parse_nal_header(nal.data, nal.size, h));
+      if (h.type == kSps) {
+        Sps sps;
+        ASSERT_TRUE(parse_sps(nal.data, nal.size, sps));
+        sets.sps[sps.id] = sps;
+        sets.has_sps[sps.id] = true;
+      } else if (h.type == kPps) {
+        Pps pps;
+        ASSERT_TRUE(parse_pps(nal.data, nal.size, pps));
+        sets.pps[pps.id] = pps;
+        sets.has_pps[pps.id] = true;
+      } else if (is_vcl(h.type)) {
+        SliceHeader sh;
+        ASSERT_TRUE(parse_slice_header(nal.data, nal.size, sets, sh));
+        if (!sh.first_slice_segment_in_pic) continue;
+        cras += h.type == kCra;
+        const bool restart = pocs.empty() || is_idr(h.type);
+        segment.push_back((segment.empty() ? 0 : segment.back()) + (restart ? 1 : 0));
+        pocs.push_back(counter.next(sh, sets.sps[sets.pps[sh.pps_id].sps_id], restart));
+      }
+    }
+    ASSERT_EQ(pocs.size(), display.size()) << params;
+    if (std::string(params).find("open-gop=1") != std::string::npos) {
+      EXPECT_GT(cras, 1u);
+      EXPECT_GT(*std::max_element(pocs.begin(), pocs.end()), 256) << "the lsb wrapped";
+    }
+    for (std::size_t i = 0; i < pocs.size(); ++i) {
+      for (std::size_t j = i + 1; j < pocs.size() && j < i + 16; ++j) {
+        if (segment[i] != segment[j]) {
+          ASSERT_LT(display[i], display[j]) << params << ": a picture before an IDR is shown before it";
+          continue;
+        }
+        ASSERT_EQ(pocs[i] < pocs[j], display[i] < display[j]) << params << ": pictures " << i << " and " << j;
+      }
+    }
+  }
+}
+
+}  // namespace
