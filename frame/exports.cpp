@@ -18,6 +18,7 @@ bool Boxlane_Parse_GetTrackList(const char* lpszClient, int32_t nTrackID, QORVAN
 bool Boxlane_Parse_GetTrackKey(const char* lpszClient, int32_t nTrackID, int32_t*** pppInt_KeyList, int32_t* pInt_ListCount) { return m_MP4Parse.Boxlane_Parse_GetTrackKey(lpszClient, nTrackID, pppInt_KeyList, pInt_ListCount); }
 bool Boxlane_Parse_GetTrackSDtp(const char* lpszClient, int32_t nTrackID, QORVANE_HDRSDTP*** pppSt_ListSDtp, int32_t* pInt_ListCount) { return m_MP4Parse.Boxlane_Parse_GetTrackSDtp(lpszClient, nTrackID, pppSt_ListSDtp, pInt_ListCount); }
 bool Boxlane_Parse_GetTrackCodec(const char* lpszClient, int32_t nTrackID, BOXLANE_CODECINFO* pSt_CodecInfo) { return m_MP4Parse.Boxlane_Parse_GetTrackCodec(lpszClient, nTrackID, pSt_CodecInfo); }
+bool Boxlane_Parse_GetTrackHEVC(const char* lpszClient, int32_t nTrackID, BOXLANE_HEVCINFO* pSt_HEVCInfo) { return m_MP4Parse.Boxlane_Parse_GetTrackHEVC(lpszClient, nTrackID, pSt_HEVCInfo); }
 bool Boxlane_Parse_GetPool(int32_t nPoolIndex, QORVANE_RENDAVO_TASKEVENT*** pppSt_ListAddr, int32_t* pInt_ListCount) { return m_MP4Parse.Boxlane_Parse_GetPool(nPoolIndex, pppSt_ListAddr, pInt_ListCount); }
 bool Boxlane_Parse_WaitEvent(int32_t nPoolIndex, int32_t nTimeout) { return m_MP4Parse.Boxlane_Parse_WaitEvent(nPoolIndex, nTimeout); }
 bool Boxlane_Parse_ActiveEvent(int32_t nPoolIndex) { return m_MP4Parse.Boxlane_Parse_ActiveEvent(nPoolIndex); }
@@ -35,6 +36,7 @@ bool Boxlane_Packet_SMhd(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t
 bool Boxlane_Packet_DInf(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen) { return m_MP4Packet.Boxlane_Packet_DInf(lpszClient, ptszMsgBuffer, pInt_MsgLen); }
 bool Boxlane_Packet_EDts(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, uint32_t nSegmentDuration, int32_t nMediaTime) { return m_MP4Packet.Boxlane_Packet_EDts(lpszClient, ptszMsgBuffer, pInt_MsgLen, nSegmentDuration, nMediaTime); }
 bool Boxlane_Packet_STsd(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const tag_Qorvane_AVProtocol* pSt_AVProtocol) { return m_MP4Packet.Boxlane_Packet_STsd(lpszClient, ptszMsgBuffer, pInt_MsgLen, pSt_AVProtocol); }
+bool Boxlane_Packet_STsdHEVC(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const uint8_t* lpszParamSets, int32_t nParamSetsLen) { return m_MP4Packet.Boxlane_Packet_STsdHEVC(lpszClient, ptszMsgBuffer, pInt_MsgLen, lpszParamSets, nParamSetsLen); }
 bool Boxlane_Packet_STts(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, bool bVideo) { return m_MP4Packet.Boxlane_Packet_STts(lpszClient, ptszMsgBuffer, pInt_MsgLen, bVideo); }
 bool Boxlane_Packet_CTts(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen) { return m_MP4Packet.Boxlane_Packet_CTts(lpszClient, ptszMsgBuffer, pInt_MsgLen); }
 bool Boxlane_Packet_STss(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen) { return m_MP4Packet.Boxlane_Packet_STss(lpszClient, ptszMsgBuffer, pInt_MsgLen); }

@@ -5,6 +5,7 @@
 
 #include "frame/last_error.hpp"
 #include "packet/box_output.hpp"
+#include "packet/visual_entry.hpp"
 #include "platform/be_writer.hpp"
 #include "platform/sanvik.hpp"
 
@@ -58,21 +59,8 @@ void write_video_entry(BeWriter& w, const QORVANE_MP4PACKET& record, const tag_Q
                         &pps_len, nullptr, nullptr);
 
   const auto entry = w.open("avc1");
-  w.zeros(6);
-  w.u16(1);  // data_reference_index
-  w.zeros(16);
-  w.u16(static_cast<uint16_t>(record.nWidth));
-  w.u16(static_cast<uint16_t>(record.nHeight));
-  w.u32(0x00480000);  // 72 dpi
-  w.u32(0x00480000);
-  w.u32(0);
-  w.u16(1);  // frame_count
-  // compressorname: a Pascal string in a 32-byte field.
-  w.u8(3);
-  w.bytes("AVC", 3);
-  w.zeros(28);
-  w.u16(0x0018);  // depth
-  w.u16(0xFFFF);  // pre_defined = -1
+  boxlane::packet::put_visual_entry_fields(w, static_cast<uint16_t>(record.nWidth), static_cast<uint16_t>(record.nHeight),
+                                           "AVC");
 
   const auto config = w.open("avcC");
   w.u8(1);  // configurationVersion

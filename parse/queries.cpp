@@ -195,3 +195,51 @@ bool CBoxlane_Parse::Boxlane_Parse_GetTrackCodec(const char* lpszClient, int nTr
     return true;
   });
 }
+
+bool CBoxlane_Parse::Boxlane_Parse_GetTrackHEVC(const char* lpszClient, int nTrackID, BOXLANE_HEVCINFO* pSt_HEVCInfo) {
+  if (!pSt_HEVCInfo) return bad_pointer();
+  return with_track(*this, lpszClient, nTrackID, [&](const BOXLANE_TRACKINFO& track) {
+    const BOXLANE_TRACKCODEC& codec = track.stCodec;
+    const BOXLANE_HEVCCONFIG& hevc = codec.stHEVC;
+    BOXLANE_HEVCINFO& out = *pSt_HEVCInfo;
+    std::memset(&out, 0, sizeof out);
+    std::memcpy(out.tszCodec, codec.tszCodec, sizeof(out.tszCodec));
+    out.wWidth = codec.wWidth;
+    out.wHeight = codec.wHeight;
+    out.byConfigurationVersion = hevc.byConfigurationVersion;
+    out.byProfileSpace = hevc.byProfileSpace;
+    out.byTier = hevc.byTier;
+    out.byProfile = hevc.byProfile;
+    out.nCompatibilityFlags = hevc.nCompatibilityFlags;
+    out.nConstraintFlags = hevc.nConstraintFlags;
+    out.byLevel = hevc.byLevel;
+    out.wMinSpatialSegmentation = hevc.wMinSpatialSegmentation;
+    out.byParallelismType = hevc.byParallelismType;
+    out.byChromaFormat = hevc.byChromaFormat;
+    out.byBitDepthLuma = hevc.byBitDepthLuma;
+    out.byBitDepthChroma = hevc.byBitDepthChroma;
+    out.wAvgFrameRate = hevc.wAvgFrameRate;
+    out.byConstantFrameRate = hevc.byConstantFrameRate;
+    out.byNumTemporalLayers = hevc.byNumTemporalLayers;
+    out.byTemporalIdNested = hevc.byTemporalIdNested;
+    out.byNALLengthSize = hevc.byNALLengthSize;
+    // Units go back to back; the first that does not fit ends the run, so
+    // no unit is cut.
+    std::size_t used = 0;
+    out.bTruncated = hevc.bMore;
+    for (const BOXLANE_HEVCCONFIG::Unit& unit : hevc.stl_ListNalu) {
+      const std::vector<uint8_t>& bytes = unit.stl_Bytes;
+      if (bytes.size() > sizeof(out.byNalus) - used) {
+        out.bTruncated = true;
+        break;
+      }
+      const auto i = static_cast<std::size_t>(out.nNaluCount++);
+      out.byNaluType[i] = unit.byType;
+      out.byArrayComplete[i] = unit.bComplete ? 1 : 0;
+      out.wNaluLen[i] = static_cast<uint16_t>(bytes.size());
+      std::copy(bytes.begin(), bytes.end(), out.byNalus + used);
+      used += bytes.size();
+    }
+    return true;
+  });
+}

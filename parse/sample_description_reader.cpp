@@ -1,6 +1,7 @@
 // The stsd reader (ISO/IEC 14496-12 §8.5.2) and the MPEG-4 descriptor size
 // decoder. Of the first sample entry the track keeps what a decoder needs:
 // for avc1 the picture size and the avcC record (ISO/IEC 14496-15 §5.3.3.1),
+// for hvc1 and hev1 the picture size and the hvcC record (§8.3.3.1),
 // for mp4a the audio fields and the esds decoder configuration
 // (ISO/IEC 14496-1 §7.2.6.5 to §7.2.6.7), for anything else the fourcc.
 // Every field is read through a cursor bounded by the box it sits in.
@@ -102,6 +103,50 @@ void read_avcc(BeReader r, BOXLANE_TRACKCODEC& codec) {
   read_param_sets(r, pps_count, codec.stl_ListPPS);
 }
 
+// §8.3.3.1. Arrays and units are taken while whole ones remain; a unit that
+// runs past the box ends the reading, the ones before it are kept. Empty
+// units are no parameter sets and are passed over.
+void read_hvcc(BeReader r, BOXLANE_HEVCCONFIG& hevc) {
+  if (!r.has(23)) return;
+  hevc.byConfigurationVersion = r.u8();
+  const uint8_t profile = r.u8();
+  hevc.byProfileSpace = static_cast<uint8_t>(profile >> 6);
+  hevc.byTier = static_cast<uint8_t>((profile >> 5) & 1u);
+  hevc.byProfile = static_cast<uint8_t>(profile & 0x1Fu);
+  hevc.nCompatibilityFlags = r.u32();
+  hevc.nConstraintFlags = uint64_t{r.u16()} << 32;
+  hevc.nConstraintFlags |= r.u32();
+  hevc.byLevel = r.u8();
+  hevc.wMinSpatialSegmentation = static_cast<uint16_t>(r.u16() & 0x0FFFu);
+  hevc.byParallelismType = static_cast<uint8_t>(r.u8() & 0x03u);
+  hevc.byChromaFormat = static_cast<uint8_t>(r.u8() & 0x03u);
+  hevc.byBitDepthLuma = static_cast<uint8_t>((r.u8() & 0x07u) + 8);
+  hevc.byBitDepthChroma = static_cast<uint8_t>((r.u8() & 0x07u) + 8);
+  hevc.wAvgFrameRate = r.u16();
+  const uint8_t layers = r.u8();
+  hevc.byConstantFrameRate = static_cast<uint8_t>(layers >> 6);
+  hevc.byNumTemporalLayers = static_cast<uint8_t>((layers >> 3) & 0x07u);
+  hevc.byTemporalIdNested = static_cast<uint8_t>((layers >> 2) & 1u);
+  hevc.byNALLengthSize = static_cast<uint8_t>((layers & 0x03u) + 1);
+  const unsigned arrays = r.u8();
+  for (unsigned a = 0; a < arrays && r.has(3); ++a) {
+    const uint8_t kind = r.u8();
+    const unsigned units = r.u16();
+    for (unsigned i = 0; i < units; ++i) {
+      if (!r.has(2)) return;
+      const uint16_t len = r.u16();
+      const uint8_t* bytes = r.bytes(len);
+      if (!bytes && len) return;
+      if (len == 0) continue;
+      if (hevc.stl_ListNalu.size() == BOXLANE_HEVC_MAX_NALUS) {
+        hevc.bMore = true;
+        return;
+      }
+      hevc.stl_ListNalu.push_back({static_cast<uint8_t>(kind & 0x3Fu), (kind & 0x80u) != 0, {bytes, bytes + len}});
+    }
+  }
+}
+
 void read_esds(BeReader r, BOXLANE_TRACKCODEC& codec) {
   BeReader es;
   if (!r.skip(4) || !find_descriptor(r, 0x03, es)) return;  // version and flags, ES_DescrTag
@@ -131,15 +176,15 @@ void read_esds(BeReader r, BOXLANE_TRACKCODEC& codec) {
 }
 
 // VisualSampleEntry (§12.1.3): 78 bytes after the 8-byte entry header that
-// this cursor starts behind, then child boxes.
-void read_visual(BeReader entry, BOXLANE_TRACKCODEC& codec) {
-  if (!entry.has(78)) return;
+// this cursor starts behind, then child boxes, which the returned cursor
+// covers (empty when the fixed fields are cut short).
+BeReader read_visual(BeReader entry, BOXLANE_TRACKCODEC& codec) {
+  if (!entry.has(78)) return {};
   entry.skip(8 + 16);  // SampleEntry fields, pre_defined and reserved
   codec.wWidth = entry.u16();
   codec.wHeight = entry.u16();
   entry.skip(4 + 4 + 4 + 2 + 32 + 2 + 2);
-  BeReader avcc;
-  if (find_child(entry, "avcC", avcc)) read_avcc(avcc, codec);
+  return entry;
 }
 
 // AudioSampleEntry (§12.2.3): 28 bytes after the entry header, then child
@@ -184,8 +229,11 @@ bool CBoxlane_Parse::Boxlane_Parse_STsd(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_
   codec.bKept = true;
   std::copy(type, type + 4, codec.tszCodec);
   codec.wDataRefIndex = header.u16();
+  BeReader config;
   if (same_fourcc(type, "avc1")) {
-    read_visual(entry, codec);
+    if (find_child(read_visual(entry, codec), "avcC", config)) read_avcc(config, codec);
+  } else if (same_fourcc(type, "hvc1") || same_fourcc(type, "hev1")) {
+    if (find_child(read_visual(entry, codec), "hvcC", config)) read_hvcc(config, codec.stHEVC);
   } else if (same_fourcc(type, "mp4a")) {
     read_audio(entry, codec);
   }

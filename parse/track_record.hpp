@@ -14,6 +14,37 @@
 #include <unordered_map>
 #include <vector>
 
+// The hvcC record of an hvc1 or hev1 entry (ISO/IEC 14496-15 §8.3.3.1), as
+// stored; Boxlane_Parse_GetTrackHEVC hands it out as a BOXLANE_HEVCINFO.
+struct BOXLANE_HEVCCONFIG {
+  struct Unit {
+    uint8_t byType = 0;
+    bool bComplete = false;  // array_completeness of its array
+    std::vector<uint8_t> stl_Bytes;
+  };
+  uint8_t byConfigurationVersion = 0;
+  uint8_t byProfileSpace = 0;
+  uint8_t byTier = 0;
+  uint8_t byProfile = 0;
+  uint32_t nCompatibilityFlags = 0;
+  uint64_t nConstraintFlags = 0;
+  uint8_t byLevel = 0;
+  uint16_t wMinSpatialSegmentation = 0;
+  uint8_t byParallelismType = 0;
+  uint8_t byChromaFormat = 0;
+  uint8_t byBitDepthLuma = 0;
+  uint8_t byBitDepthChroma = 0;
+  uint16_t wAvgFrameRate = 0;
+  uint8_t byConstantFrameRate = 0;
+  uint8_t byNumTemporalLayers = 0;
+  uint8_t byTemporalIdNested = 0;
+  uint8_t byNALLengthSize = 0;
+  // At most BOXLANE_HEVC_MAX_NALUS, all a query can hand out; bMore when the
+  // record held more.
+  std::vector<Unit> stl_ListNalu;
+  bool bMore = false;
+};
+
 // The first stsd entry, kept compactly; Boxlane_Parse_GetTrackCodec expands
 // it into the caller's BOXLANE_CODECINFO. Only the first stsd read for a
 // track is kept (bKept), so a repeated trak cannot swap the decoder setup
@@ -39,6 +70,7 @@ struct BOXLANE_TRACKCODEC {
   uint32_t nMaxBitrate = 0;
   uint32_t nAvgBitrate = 0;
   std::vector<uint8_t> stl_AudioCfg;
+  BOXLANE_HEVCCONFIG stHEVC;
 };
 
 // Grows a list without zeroing what it adds: every new element is written

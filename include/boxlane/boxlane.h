@@ -213,6 +213,45 @@ typedef struct {
   bool bTruncated;
 } BOXLANE_CODECINFO;
 
+#define BOXLANE_HEVC_MAX_NALUS 64
+
+/* The hvcC record of a track's first sample entry when it is hvc1 or hev1
+ * (ISO/IEC 14496-15 §8.3.3.1), handed out by Boxlane_Parse_GetTrackHEVC. */
+typedef struct {
+  char tszCodec[8];             /* "hvc1" or "hev1" as stored */
+  uint16_t wWidth;              /* of the visual sample entry */
+  uint16_t wHeight;
+  uint8_t byConfigurationVersion; /* 1; 0 when the entry has no hvcC */
+  uint8_t byProfileSpace;       /* general_profile_space */
+  uint8_t byTier;               /* general_tier_flag */
+  uint8_t byProfile;            /* general_profile_idc: 1 Main, 2 Main 10, ... */
+  uint32_t nCompatibilityFlags; /* general_profile_compatibility_flags; flag 0 is the top bit */
+  uint64_t nConstraintFlags;    /* general_constraint_indicator_flags, the low 48 bits */
+  uint8_t byLevel;              /* general_level_idc: 30 times the level */
+  uint16_t wMinSpatialSegmentation; /* min_spatial_segmentation_idc */
+  uint8_t byParallelismType;
+  uint8_t byChromaFormat;       /* chroma_format_idc: 1 is 4:2:0 */
+  uint8_t byBitDepthLuma;       /* bit_depth_luma_minus8 + 8 */
+  uint8_t byBitDepthChroma;
+  uint16_t wAvgFrameRate;       /* frames per 256 seconds; 0: not given */
+  uint8_t byConstantFrameRate;
+  uint8_t byNumTemporalLayers;
+  uint8_t byTemporalIdNested;
+  uint8_t byNALLengthSize;      /* lengthSizeMinusOne + 1 */
+  /* The NAL units of every array in stored order: unit i has NAL unit type
+   * byNaluType[i], comes from an array whose array_completeness is
+   * byArrayComplete[i], and is wNaluLen[i] bytes long. */
+  int32_t nNaluCount;
+  uint8_t byNaluType[BOXLANE_HEVC_MAX_NALUS];
+  uint8_t byArrayComplete[BOXLANE_HEVC_MAX_NALUS];
+  uint16_t wNaluLen[BOXLANE_HEVC_MAX_NALUS];
+  /* The units back to back, without start codes or lengths. */
+  uint8_t byNalus[BOXLANE_CODEC_PARAMSET_BYTES];
+  /* true when the record held more units than fit above; what fit is still
+   * handed out, whole units only. */
+  bool bTruncated;
+} BOXLANE_HEVCINFO;
+
 /* --------------------------------------------------------- writer input */
 
 #pragma pack(push, 1)
@@ -304,6 +343,11 @@ BOXLANE_API bool Boxlane_Parse_GetTrackSDtp(const char* lpszClient, int32_t nTra
  * sets or the mp4a/esds configuration. A track whose stsd has not been read
  * comes back zero. */
 BOXLANE_API bool Boxlane_Parse_GetTrackCodec(const char* lpszClient, int32_t nTrackID, BOXLANE_CODECINFO* pSt_CodecInfo);
+/* The hvcC of the track's first sample entry (hvc1 or hev1): its profile,
+ * tier, level, picture format and parameter sets. A track whose first entry
+ * is of another kind, or has no hvcC, comes back zero but for tszCodec, the
+ * size and a configuration version of 0. */
+BOXLANE_API bool Boxlane_Parse_GetTrackHEVC(const char* lpszClient, int32_t nTrackID, BOXLANE_HEVCINFO* pSt_HEVCInfo);
 /* The clients of pool nPoolIndex with pending events (array from
  * Fundrel_Memory_Malloc; count 0 and NULL when none). */
 BOXLANE_API bool Boxlane_Parse_GetPool(int32_t nPoolIndex, QORVANE_RENDAVO_TASKEVENT*** pppSt_ListAddr, int32_t* pInt_ListCount);
@@ -352,6 +396,20 @@ BOXLANE_API bool Boxlane_Packet_EDts(const char* lpszClient, uint8_t* ptszMsgBuf
  * 121 + SPS + PPS bytes; audio: 88 + AudioSpecificConfig bytes, more when the
  * configuration exceeds 104 bytes. */
 BOXLANE_API bool Boxlane_Packet_STsd(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const tag_Qorvane_AVProtocol* pSt_AVProtocol);
+/* stsd with one hvc1/hvcC entry for H.265 video (ISO/IEC 14496-15 §8.3.3).
+ * lpszParamSets holds the stream's parameter sets in Annex B form
+ * (start-code-prefixed NAL units), nParamSetsLen bytes, 1 to 65536: at least
+ * one VPS, SPS and PPS, each readable (ISO/IEC 23008-2 §7.3.2). They go into
+ * the hvcC arrays in the order given, repeats of identical bytes once, at
+ * most 64 in all; other NAL units there are left out. Profile, tier, level,
+ * chroma format, bit depths and the picture size (after the conformance
+ * window) come from the sequence parameter sets, parallelismType from the
+ * picture parameter sets. Samples must then carry NAL units with 4-byte
+ * lengths and no parameter sets, as Boxlane_Packet_FrameAccessUnit writes
+ * them. Buffer: 142 + nParamSetsLen bytes is always enough. Fails with
+ * BOXLANE_ERROR_PACKET_PARAMETER when a parameter set is missing, unreadable
+ * or cannot be described (bit depth above 15). */
+BOXLANE_API bool Boxlane_Packet_STsdHEVC(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const uint8_t* lpszParamSets, int32_t nParamSetsLen);
 /* Sample tables from the frames handed in so far. Buffer sizes: stts 16 + 8
  * per run, ctts 16 + 8 per offset, stss 16 + 4 per key frame, stsc 28, stsz
  * 20 + 4 per sample, stco 16 + 4 per sample. */

@@ -85,6 +85,7 @@ class BOXLANE_API CBoxlane_Parse {
   bool Boxlane_Parse_GetTrackKey(const char* lpszClient, int nTrackID, int*** pppInt_KeyList, int* pInt_ListCount);
   bool Boxlane_Parse_GetTrackSDtp(const char* lpszClient, int nTrackID, QORVANE_HDRSDTP*** pppSt_ListSDtp, int* pInt_ListCount);
   bool Boxlane_Parse_GetTrackCodec(const char* lpszClient, int nTrackID, BOXLANE_CODECINFO* pSt_CodecInfo);
+  bool Boxlane_Parse_GetTrackHEVC(const char* lpszClient, int nTrackID, BOXLANE_HEVCINFO* pSt_HEVCInfo);
 
   void* xhPool = nullptr;
   std::shared_mutex st_RWLocker;
@@ -119,6 +120,7 @@ class BOXLANE_API CBoxlane_Packet {
 
   // Sample description.
   bool Boxlane_Packet_STsd(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, const tag_Qorvane_AVProtocol* pSt_AVProtocol);
+  bool Boxlane_Packet_STsdHEVC(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, const uint8_t* lpszParamSets, int nParamSetsLen);
   // Encodes an ISO/IEC 14496-1 expandable size field; always true.
   bool Boxlane_Packet_DescriptorLen(uint8_t* ptszMsgBuffer, int* pInt_MsgLen, int nLen);
 

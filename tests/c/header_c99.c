@@ -28,6 +28,10 @@ int main(void) {
   CHECK(offsetof(tag_Qorvane_AVProtocol, tszAudioCfg) == 1126);
   CHECK(sizeof(QORVANE_HDRSAMPLENFO) == 12);
   CHECK(sizeof(QORVANE_RENDAVO_TASKEVENT) == 132);
+  CHECK(offsetof(BOXLANE_HEVCINFO, nConstraintFlags) == 24);
+  CHECK(offsetof(BOXLANE_HEVCINFO, nNaluCount) == 48);
+  CHECK(offsetof(BOXLANE_HEVCINFO, byNalus) == 308);
+  CHECK(sizeof(BOXLANE_HEVCINFO) == 16696);
 
   /* Right after loading: no failure recorded. */
   CHECK(!Boxlane_IsErrorOccur);
@@ -45,10 +49,14 @@ int main(void) {
   CHECK(memcmp(box + 4, "ftypisom", 8) == 0);
   CHECK(!Boxlane_Packet_FTyp("nobody", box, &size));
   CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PACKET_NOTFOUND);
+  CHECK(!Boxlane_Packet_STsdHEVC("c99", box, &size, box, 0));
+  CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PACKET_PARAMETER);
   CHECK(Boxlane_Packet_Delete("c99"));
 
   CHECK(!Boxlane_Parse_Send("nobody", box, 8));
   CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PARSE_NOTFOUND);
+  CHECK(!Boxlane_Parse_GetTrackHEVC("nobody", 1, NULL));
+  CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PARSE_PARAMETER);
 
   if (failures) fprintf(stderr, "%d check(s) failed\n", failures);
   return failures ? 1 : 0;

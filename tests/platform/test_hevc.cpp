@@ -15,12 +15,15 @@
 #include "platform/hevc.hpp"
 #include "support/ffmpeg.hpp"
 #include "support/paths.hpp"
+#include "support/hevc_units.hpp"
 #include "support/rbsp_writer.hpp"
 
 namespace {
 
 using namespace boxlane::hevc;
 using boxlane::test::Bits;
+using boxlane::test::HandSps;
+using boxlane::test::hand_pps;
 using boxlane::test::unhex;
 
 // libx265, testsrc2 320x240 at 25 fps, yuv420p (Main).
@@ -114,87 +117,6 @@ TEST(HevcParameterSets, X265MainAndMain10) {
   for (std::size_t cut = 0; cut + 2 < m10_vps.size(); ++cut) EXPECT_FALSE(parse_vps(m10_vps.data(), cut, vps)) << cut;
   for (std::size_t cut = 0; cut + 1 < main_pps.size(); ++cut) EXPECT_FALSE(parse_pps(main_pps.data(), cut, pps)) << cut;
 }
-
-// An SPS built field by field; every default is legal.
-struct HandSps {
-  uint32_t sub_layers_minus1 = 0;
-  bool sub_layer_profile = false;  // sub_layer_profile_present_flag of every sub-layer
-  uint32_t id = 0;
-  uint32_t chroma = 1;
-  uint32_t width = 1280, height = 720;
-  std::vector<uint32_t> window;  // left, right, top bottom in chroma units
-  uint32_t luma_minus8 = 0, chroma_minus8 = 0;
-  uint32_t lsb_minus4 = 4;
-  uint32_t buffering_minus1 = 4;
-  uint32_t min_cb_minus3 = 0, cb_diff = 3;
-  bool scaling_list = false;
-  bool pcm = false;
-  std::vector<Bits> rps;
-  uint32_t long_term = 0;
-  uint32_t min_spatial = 1000;
-  bool hrd = false;
-
-  std::vector<uint8_t> nal() const {
-    Bits b;
-    b.u(4, 0).u(3, sub_layers_minus1).u(1, 1);
-    // profile_tier_level: space 1, high tier, Main 10 compatible with Main 10 only.
-    b.u(2, 1).u(1, 1).u(5, 2).u(32, 0x20000000).u(16, 0x8000).u(32, 1).u(8, 153);
-    for (uint32_t i = 0; i < sub_layers_minus1; ++i) b.u(1, sub_layer_profile).u(1, 1);
-    if (sub_layers_minus1) b.u(2 * (8 - sub_layers_minus1), 0);
-    for (uint32_t i = 0; i < sub_layers_minus1; ++i) {
-      if (sub_layer_profile) b.u(8, 0xFF).u(32, 0xFFFFFFFF).u(32, 0xFFFFFFFF).u(16, 0xFFFF);
-      b.u(8, 0xAA);
-    }
-    b.ue(id).ue(chroma);
-    if (chroma == 3) b.u(1, 0);
-    b.ue(width).ue(height).u(1, !window.empty());
-    for (uint32_t w : window) b.ue(w);
-    b.ue(luma_minus8).ue(chroma_minus8).ue(lsb_minus4);
-    b.u(1, 1);
-    for (uint32_t i = 0; i <= sub_layers_minus1; ++i) b.ue(buffering_minus1).ue(0).ue(0);
-    b.ue(min_cb_minus3).ue(cb_diff).ue(0).ue(3).ue(1).ue(1);
-    b.u(1, scaling_list);
-    if (scaling_list) {
-      b.u(1, 1);
-      for (int size_id = 0; size_id < 4; ++size_id) {
-        for (int m = 0; m < 6; m += size_id == 3 ? 3 : 1) {
-          if (m % 2) {  // predicted from the list before
-            b.u(1, 0).ue(1);
-            continue;
-          }
-          b.u(1, 1);
-          if (size_id > 1) b.se(8);
-          for (int i = 0; i < std::min(64, 1 << (4 + 2 * size_id)); ++i) b.se(i % 2 ? -3 : 3);
-        }
-      }
-    }
-    b.u(1, 0).u(1, 1).u(1, pcm);
-    if (pcm) b.u(4, 7).u(4, 7).ue(0).ue(2).u(1, 0);
-    b.ue(uint32_t(rps.size()));
-    for (const Bits& set : rps) b.add(set);
-    b.u(1, long_term != 0);
-    if (long_term) {
-      b.ue(long_term);
-      for (uint32_t i = 0; i < long_term; ++i) b.u(lsb_minus4 + 4, i).u(1, 1);
-    }
-    b.u(1, 1).u(1, 1).u(1, 1);
-    // VUI: SAR 255 (given), video signal, default display window, timing,
-    // HRD when asked, bitstream restriction.
-    b.u(1, 1).u(8, 255).u(16, 64).u(16, 45).u(1, 0).u(1, 1).u(3, 5).u(1, 0).u(1, 1).u(24, 0x010101);
-    b.u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 1).ue(0).ue(8).ue(0).ue(4);
-    b.u(1, 1).u(32, 1001).u(32, 60000).u(1, 1).ue(1).u(1, hrd);
-    if (hrd) {
-      b.u(1, 1).u(1, 1).u(1, 1).u(8, 90).u(5, 23).u(1, 1).u(5, 23).u(4, 4).u(4, 6).u(4, 2).u(5, 23).u(5, 23).u(5, 23);
-      for (uint32_t i = 0; i <= sub_layers_minus1; ++i) {
-        b.u(1, 0).u(1, 0).u(1, 0).ue(1);  // not fixed rate, not low delay, two CPBs
-        for (int k = 0; k < 2 * 2; ++k) b.ue(1000).ue(2000).ue(300).ue(400).u(1, 1);  // NAL and VCL
-      }
-    }
-    b.u(1, 1).u(1, 0).u(1, 1).u(1, 0).ue(min_spatial).ue(2).ue(1).ue(15).ue(15);
-    b.u(1, 0);  // sps_extension_present_flag
-    return b.hevc_nal(kSps);
-  }
-};
 
 // st_ref_pic_set written out: explicit negative and positive deltas ...
 Bits explicit_rps(const std::vector<uint32_t>& negative, const std::vector<uint32_t>& positive, bool first) {
@@ -305,14 +227,6 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
   }
 }
 
-// A picture parameter set for the slices below.
-std::vector<uint8_t> hand_pps(uint32_t id, bool dependent, bool output_flag, uint32_t extra_bits) {
-  Bits b;
-  b.ue(id).ue(0).u(1, dependent).u(1, output_flag).u(3, extra_bits).u(1, 0).u(1, 0).ue(0).ue(0).se(0);
-  b.u(1, 0).u(1, 0).u(1, 0).se(0).se(0).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 1).u(1, 1);
-  return b.hevc_nal(kPps);
-}
-
 ParameterSets hand_sets(uint32_t lsb_minus4) {
   HandSps hand;
   hand.lsb_minus4 = lsb_minus4;
@@ -320,7 +234,7 @@ ParameterSets hand_sets(uint32_t lsb_minus4) {
   const auto sps = hand.nal();
   EXPECT_TRUE(parse_sps(sps.data(), sps.size(), sets.sps[0]));
   sets.has_sps[0] = true;
-  const auto plain = hand_pps(0, false, false, 0);
+  const auto plain = hand_pps(0);
   const auto rich = hand_pps(1, true, true, 2);
   EXPECT_TRUE(parse_pps(plain.data(), plain.size(), sets.pps[0]));
   EXPECT_TRUE(parse_pps(rich.data(), rich.size(), sets.pps[1]));

@@ -1,0 +1,161 @@
+// The hvc1/hvcC stsd writer against boxes worked out by hand field by field
+// from the parameter sets (ISO/IEC 14496-15 §8.3.3.1).
+#include "writer_fixture.hpp"
+
+#include "support/hevc_units.hpp"
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using boxlane::test::Bits;
+using boxlane::test::bytes_hex;
+using boxlane::test::HandSps;
+using boxlane::test::hand_pps;
+using boxlane::test::hex;
+using boxlane::test::unhex;
+using Bytes = std::vector<uint8_t>;
+
+// libx265 Main, 320x240 (see tests/platform/test_hevc.cpp).
+const std::string kVps = "40010c01ffff01600000030090000003000003003c959809";
+const std::string kSps = "42010101600000030090000003000003003ca00a080f165959a4932bc05a020000030002000003003210";
+const std::string kPps = "4401c172b46240";
+// libx265 Main 10, 328x184 coded, 322x182 shown.
+const std::string kVps10 = "40010c01ffff02200000030090000003000003003c959409";
+const std::string kSps10 =
+    "42010102200000030090000003000003003ca00a480b9c94d96565924caf01680800001f480003a98300a4837000493e000927c4";
+
+Bytes annexb(const std::vector<Bytes>& units) {
+  Bytes out;
+  for (const Bytes& u : units) {
+    out.insert(out.end(), {0, 0, 0, 1});
+    out.insert(out.end(), u.begin(), u.end());
+  }
+  return out;
+}
+
+// Bytes 24-101 of an hvc1 entry: the VisualSampleEntry fields for a size,
+// with the compressor name "HEVC".
+std::string hvc1_fixed(const std::string& size) {
+  std::string zeros27;
+  for (int i = 0; i < 27; ++i) zeros27 += " 00";
+  return "00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 " + size +
+         " 00 48 00 00 00 48 00 00 00 00 00 00 00 01 04 48 45 56 43" + zeros27 + " 00 18 FF FF ";
+}
+
+class HevcSampleDescription : public boxlane::test::WriterTest {
+ protected:
+  std::string stsd(const Bytes& sets) { return box(Boxlane_Packet_STsdHEVC, sets.data(), int32_t(sets.size())); }
+  // The hvcC payload after its 8-byte header, as hex.
+  std::string hvcc(const Bytes& sets) {
+    const std::string all = stsd(sets);
+    return all.size() > 133 * 3 ? all.substr(110 * 3) : "";
+  }
+  void refused(const Bytes& sets) { refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdHEVC, sets.data(), int32_t(sets.size())); }
+};
+
+TEST_F(HevcSampleDescription, X265MainAndMain10ByHand) {
+  // 142 + 24 + 42 + 7 + 3 * 2 = 221 bytes. general_profile_space 0, tier 0,
+  // profile 1; compatibility flags 1 and 2; progressive and frame-only
+  // constraints; level 60; no segmentation restriction, so parallelismType 0;
+  // 4:2:0, 8 bits; avgFrameRate 0; constantFrameRate 0, one temporal layer,
+  // nested, 4-byte lengths (0F); three complete arrays.
+  EXPECT_EQ(stsd(annexb({unhex(kVps), unhex(kSps), unhex(kPps)})),
+            bytes_hex("00 00 00 DD 73 74 73 64 00 00 00 00 00 00 00 01 00 00 00 CD 68 76 63 31" +
+                      hvc1_fixed("01 40 00 F0") +
+                      "00 00 00 77 68 76 63 43 01 01 60 00 00 00 90 00 00 00 00 00 3C F0 00 FC FD F8 F8 00 00 0F 03"
+                      "A0 00 01 00 18" + kVps + "A1 00 01 00 2A" + kSps + "A2 00 01 00 07" + kPps));
+
+  // Main 10: profile 2, compatibility flag 2 only, 10-bit (FA FA), and the
+  // size after the conformance window, 322 x 182. The PPS comes first in the
+  // input and repeats; the arrays keep their order and the repeat goes.
+  EXPECT_EQ(hvcc(annexb({unhex(kPps), unhex(kVps10), unhex(kSps10), unhex(kPps)})),
+            bytes_hex("01 02 20 00 00 00 90 00 00 00 00 00 3C F0 00 FC FD FA FA 00 00 0F 03"
+                      "A0 00 01 00 18" + kVps10 + "A1 00 01 00 34" + kSps10 + "A2 00 01 00 07" + kPps));
+  EXPECT_EQ(stsd(annexb({unhex(kVps10), unhex(kSps10), unhex(kPps)})).substr(48 * 3, 11), "01 42 00 B6");
+}
+
+TEST_F(HevcSampleDescription, FieldsThatDescribeEverySet) {
+  // A hand-made SPS: space 1, high tier, profile 2, compatibility 0x20000000,
+  // constraints 0x800000000001, level 153, three temporal layers, nested,
+  // min_spatial_segmentation_idc 1000.
+  HandSps hand;
+  hand.sub_layers_minus1 = 2;
+  const Bytes vps = unhex(kVps);
+  const auto head = [&](const std::vector<Bytes>& units) { return hvcc(annexb(units)).substr(0, 22 * 3 - 1); };
+  EXPECT_EQ(head({vps, hand.nal(), hand_pps(0, false, false, 0, true, false)}),
+            bytes_hex("01 62 20 00 00 00 80 00 00 00 00 01 99 F3 E8 FF FD F8 F8 00 00 1F"));
+
+  // With the x265 SPS as well: the first SPS gives space and profile; a
+  // flag stays only if both set it; tier and level are the highest, the
+  // segmentation the lowest (none given: 0, and so parallelismType 0).
+  EXPECT_EQ(head({vps, unhex(kSps), hand.nal(), unhex(kPps)}),
+            bytes_hex("01 21 20 00 00 00 80 00 00 00 00 00 99 F0 00 FC FD F8 F8 00 00 1F"));
+
+  // parallelismType from the PPSs: all wavefronts 3, all tiles 2, neither 1,
+  // a mixture 0.
+  const Bytes wpp = hand_pps(0, false, false, 0, true, false), tiles = hand_pps(1, false, false, 0, false, true),
+              neither = hand_pps(2, false, false, 0, false, false), both = hand_pps(3, false, false, 0, true, true);
+  const std::vector<std::pair<std::vector<Bytes>, std::string>> cases = {
+      {{wpp}, "FF"}, {{tiles}, "FE"}, {{neither}, "FD"}, {{both}, "FC"}, {{wpp, tiles}, "FC"}, {{wpp, neither}, "FC"}};
+  for (const auto& [pps, type] : cases) {
+    std::vector<Bytes> units{vps, hand.nal()};
+    units.insert(units.end(), pps.begin(), pps.end());
+    EXPECT_EQ(head(units).substr(15 * 3, 2), type) << pps.size();
+  }
+
+  // 16-bit 4:4:4 is not describable (3 bits for bit_depth_luma_minus8);
+  // 15-bit luma with 14-bit chroma is.
+  HandSps deep;
+  deep.chroma = 3;
+  deep.luma_minus8 = 7;
+  deep.chroma_minus8 = 6;
+  EXPECT_EQ(head({vps, deep.nal(), wpp}).substr(16 * 3), bytes_hex("FF FF FE 00 00 0F"));
+  deep.luma_minus8 = 8;
+  refused(annexb({vps, deep.nal(), wpp}));
+}
+
+TEST_F(HevcSampleDescription, WhatTheInputMayHold) {
+  const Bytes vps = unhex(kVps), sps = unhex(kSps), pps = unhex(kPps);
+  // Other units are left out: an access unit delimiter, a prefix SEI, and
+  // bytes that are no NAL unit header. Three-byte start codes do too.
+  Bytes mixed = annexb({unhex("4601 50"), vps, unhex("4e01 05 02 aa bb 80"), sps, {0x80}, pps});
+  mixed.insert(mixed.end(), {0, 0, 1});
+  mixed.insert(mixed.end(), pps.begin(), pps.end());
+  EXPECT_EQ(stsd(mixed), stsd(annexb({vps, sps, pps})));
+
+  // The largest input, 65536 bytes (a long filler unit), and one byte more.
+  Bytes filler = {0x4C, 0x01};
+  Bytes big = annexb({vps, sps, pps});
+  filler.resize(65536 - big.size() - 4, 0xFF);
+  big = annexb({vps, sps, pps, filler});
+  ASSERT_EQ(big.size(), 65536u);
+  EXPECT_EQ(stsd(big), stsd(annexb({vps, sps, pps})));
+  big.push_back(0xFF);
+  refused(big);
+
+  // 64 parameter sets in all, and 65.
+  std::vector<Bytes> many{vps, sps};
+  for (uint32_t id = 0; id < 62; ++id) many.push_back(hand_pps(id));
+  const std::string at_limit = stsd(annexb(many));
+  EXPECT_EQ(at_limit.substr(209 * 3, 8), "A2 00 3E") << "62 PPS after the VPS and SPS arrays";
+  many.push_back(hand_pps(62));
+  refused(annexb(many));
+
+  // Missing, unreadable or absent parameter sets.
+  refused(annexb({sps, pps}));
+  refused(annexb({vps, pps}));
+  refused(annexb({vps, sps}));
+  refused(annexb({vps, Bytes(sps.begin(), sps.begin() + 20), pps}));
+  refused(annexb({vps, sps, unhex("4401 ff ff")}));
+  refused({});
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdHEVC, static_cast<const uint8_t*>(nullptr), 10);
+  const Bytes fine = annexb({vps, sps, pps});
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdHEVC, fine.data(), -1);
+  boxlane::test::expect_refused(
+      [&](uint8_t* b, int32_t* l) { return Boxlane_Packet_STsdHEVC("nobody", b, l, fine.data(), int32_t(fine.size())); },
+      BOXLANE_ERROR_PACKET_NOTFOUND);
+}
+
+}  // namespace
