@@ -1,5 +1,5 @@
-// The H.264 syntax parser and the `boxlane mux` stream scanners on arbitrary
-// bytes. The first byte picks the scanner; the scanners may refuse the input
+// The H.264 syntax parser and the `boxlane mux` stream scanners (H.264,
+// H.265 and ADTS) on arbitrary bytes. The first byte picks the scanner; the scanners may refuse the input
 // with a ToolError, but must never read outside it or return a stream whose
 // pieces lie outside it.
 #include "platform/h264.hpp"
@@ -17,10 +17,14 @@ bool inside(const uint8_t* piece, uint64_t size, const std::vector<uint8_t>& who
   return piece >= whole.data() && size <= whole.size() && piece - whole.data() <= static_cast<std::ptrdiff_t>(whole.size() - size);
 }
 
-void scan_video_stream(const std::vector<uint8_t>& bytes) {
+void scan_video_stream(const std::vector<uint8_t>& bytes, bool hevc) {
   boxlane::tool::VideoStream video;
   try {
-    boxlane::tool::scan_video(bytes.data(), bytes.size(), "fuzz.h264", video);
+    if (hevc) {
+      boxlane::tool::scan_hevc(bytes.data(), bytes.size(), "fuzz.h265", video);
+    } else {
+      boxlane::tool::scan_video(bytes.data(), bytes.size(), "fuzz.h264", video);
+    }
   } catch (const boxlane::tool::ToolError&) {
     return;
   }
@@ -34,6 +38,9 @@ void scan_video_stream(const std::vector<uint8_t>& bytes) {
   }
   for (const auto& unit : video.units)
     if (uint64_t{unit.first_nal} + unit.nal_count > video.nals.size()) std::abort();
+  std::size_t set_bytes = 0;
+  for (const auto& set : video.hevc_sets) set_bytes += 4 + set.size();
+  if (video.hevc_sets.size() > 64 || set_bytes > 65536) std::abort();  // what the hvcC writer takes
 }
 
 void scan_audio_stream(const std::vector<uint8_t>& bytes) {
@@ -74,10 +81,14 @@ void parse_units(const std::vector<uint8_t>& bytes) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   if (size < 1) return 0;
   const std::vector<uint8_t> bytes(data + 1, data + size);  // exact heap block: overreads are caught
-  switch (data[0] % 3) {
-    case 0: scan_video_stream(bytes); break;
+  switch (data[0] % 4) {
+    case 0: scan_video_stream(bytes, false); break;
     case 1: scan_audio_stream(bytes); break;
-    default: parse_units(bytes); break;
+    case 2: parse_units(bytes); break;
+    default:
+      boxlane::tool::detect_codec(bytes.data(), bytes.size());
+      scan_video_stream(bytes, true);
+      break;
   }
   return 0;
 }

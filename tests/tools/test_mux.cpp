@@ -140,7 +140,7 @@ TEST(Mux, BrokenInputFailsAndLeavesNoFile) {
       {"--video " + input("nosps.h264", without_sps), "no sequence parameter set"},
       {"--video " + input("cut.h264", {video.begin(), video.begin() + 20}), "cut short"},
       {"--video " + input("empty.h264", {}), "is empty"},
-      {"--video " + input("garbage.h264", garbage), "not an H.264"},
+      {"--video " + input("garbage.h264", garbage), "neither an H.264 nor an H.265"},
       {"--video " + shell_quote(dir + "missing.h264"), "cannot open"},
       {"--video " + input("changing.h264", cat({video, read_file(dir + "other.h264")})),
        "sequence parameter set changes at byte " + std::to_string(video.size() + 4)},

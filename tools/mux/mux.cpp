@@ -1,5 +1,5 @@
-// `boxlane mux`: H.264 (Annex B) and AAC (ADTS) elementary streams into an
-// MP4 file.
+// `boxlane mux`: H.264 or H.265 (Annex B) and AAC (ADTS) elementary streams
+// into an MP4 file.
 #include <unistd.h>
 
 #include <chrono>
@@ -24,13 +24,16 @@ namespace boxlane::tool {
 namespace {
 
 constexpr const char* kUsage =
-    "usage: boxlane mux [--video IN.h264] [--audio IN.aac] [options] -o OUT.mp4\n"
+    "usage: boxlane mux [--video IN.h264|IN.h265] [--audio IN.aac] [options] -o OUT.mp4\n"
     "\n"
-    "Writes an H.264 Annex B stream and/or an AAC ADTS stream into one MP4 file,\n"
-    "without re-encoding. At least one of --video and --audio is needed.\n"
+    "Writes an H.264 or H.265 Annex B stream and/or an AAC ADTS stream into one MP4\n"
+    "file, without re-encoding. At least one of --video and --audio is needed.\n"
     "\n"
     "options:\n"
-    "  -v, --video FILE     H.264 elementary stream (Annex B, 3- or 4-byte start codes)\n"
+    "  -v, --video FILE     H.264 or H.265 elementary stream (Annex B, 3- or 4-byte\n"
+    "                       start codes)\n"
+    "      --video-codec C  h264, h265 (or hevc), or auto (default: told by the\n"
+    "                       stream's first parameter set)\n"
     "  -a, --audio FILE     AAC elementary stream with ADTS headers\n"
     "  -o, --output FILE    the MP4 file to write (replaced only when muxing succeeds)\n"
     "      --fps RATE       video frame rate: 25, 29.97 or 30000/1001 (default: the\n"
@@ -45,7 +48,9 @@ constexpr const char* kUsage =
     "B-frames are ordered by the slices' picture order count and the video track\n"
     "gets an edit list, so video and audio start together. An access unit of several\n"
     "slices becomes one sample, and so do the two fields of a frame coded as fields.\n"
-    "The stream's SPS and PPS must not change.\n"
+    "The stream's SPS and PPS must not change. H.265 goes into an hvc1 track with\n"
+    "its VPS, SPS and PPS in the sample description; IDR, CRA and BLA pictures are\n"
+    "its key frames.\n"
     "\n"
     "example:\n"
     "  boxlane mux --video tests/data/sample.h264 --audio tests/data/sample.aac -o demo.mp4\n";
@@ -54,6 +59,7 @@ struct Options {
   std::string video;
   std::string audio;
   std::string output;
+  VideoCodec video_codec = VideoCodec::kUnknown;  // kUnknown: detect
   std::optional<FrameRate> fps;
   uint32_t timescale = 0;
   bool faststart = false;
@@ -104,6 +110,17 @@ bool parse_args(int argc, char** argv, Options& o) {
       o.audio = value();
     } else if (arg == "-o" || arg == "--output") {
       o.output = value();
+    } else if (arg == "--video-codec") {
+      const std::string text = value();
+      if (text == "h264" || text == "avc") {
+        o.video_codec = VideoCodec::kH264;
+      } else if (text == "h265" || text == "hevc") {
+        o.video_codec = VideoCodec::kH265;
+      } else if (text == "auto") {
+        o.video_codec = VideoCodec::kUnknown;
+      } else {
+        usage_error("--video-codec takes h264, h265 (or hevc) or auto, not '" + text + "'");
+      }
     } else if (arg == "--fps") {
       const std::string text = value();
       o.fps = parse_rate(text);
@@ -172,12 +189,22 @@ int run(const Options& o) {
     // The inputs are read front to back twice (scan, then write); pages
     // behind the reader are let go so a long recording never stays resident.
     in.video_read = [&](const uint8_t* p) { video_file->release_before(p); };
-    scan_video(video_file->data(), video_file->size(), o.video, video, in.video_read);
+    const VideoCodec codec = o.video_codec != VideoCodec::kUnknown ? o.video_codec
+                                                                    : detect_codec(video_file->data(), video_file->size());
+    // A stream that reads as neither goes to the H.264 reader, which says
+    // what it misses.
+    if (codec == VideoCodec::kH265) {
+      scan_hevc(video_file->data(), video_file->size(), o.video, video, in.video_read);
+    } else {
+      scan_video(video_file->data(), video_file->size(), o.video, video, in.video_read);
+    }
     in.video = &video;
     in.fps = o.fps ? *o.fps : (video.has_vui_rate ? video.vui_rate : FrameRate{});
     if (!o.quiet && video.skipped_before_parameter_sets) {
-      std::fprintf(stderr, "boxlane mux: %s: skipped %u slices that came before the first SPS and PPS\n",
-                   o.video.c_str(), video.skipped_before_parameter_sets);
+      std::fprintf(stderr, "boxlane mux: %s: skipped %u %s\n", o.video.c_str(), video.skipped_before_parameter_sets,
+                   video.codec == VideoCodec::kH265
+                       ? "pictures that cannot be decoded (before the first random access point, or its RASL pictures)"
+                       : "slices that came before the first SPS and PPS");
     }
     if (!o.quiet && !o.fps && !video.has_vui_rate) {
       std::fprintf(stderr, "boxlane mux: %s: no frame rate in the stream; assuming 25 (set it with --fps)\n",
@@ -212,7 +239,8 @@ int run(const Options& o) {
   if (!o.quiet) {
     std::string tracks;
     if (in.video) {
-      tracks += "video H.264 " + std::to_string(video.sps.width) + "x" + std::to_string(video.sps.height) + ", " +
+      tracks += std::string("video ") + (video.codec == VideoCodec::kH265 ? "H.265 " : "H.264 ") +
+                std::to_string(video.width) + "x" + std::to_string(video.height) + ", " +
                 std::to_string(video.units.size()) + " frames at " + rate_text(in.fps) + " fps";
       if (video.reordered) tracks += " with B-frames";
     }

@@ -84,7 +84,9 @@ class Scanner {
 
   void finish() {
     close_unit();
-    if (out_.sps_nal.empty()) throw ToolError(name_ + ": no sequence parameter set (SPS) found; is this an H.264 stream?");
+    if (out_.sps_nal.empty()) {
+      throw ToolError(name_ + ": no sequence parameter set (SPS) found; this is neither an H.264 nor an H.265 stream");
+    }
     if (out_.pps_nal.empty()) throw ToolError(name_ + ": no picture parameter set (PPS) found");
     if (out_.units.empty()) throw ToolError(name_ + ": no coded pictures found");
   }
@@ -207,6 +209,8 @@ class Scanner {
   h264::SliceHeader waiting_;
 };
 
+}  // namespace
+
 // Display order: pictures between two restarts are shown in order of their
 // picture order count; a restart shows everything before it first (§C.4.4).
 void order_for_display(const std::string& name, VideoStream& v) {
@@ -234,44 +238,54 @@ void order_for_display(const std::string& name, VideoStream& v) {
   }
 }
 
-}  // namespace
-
-void scan_video(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out,
-                const std::function<void(const uint8_t*)>& read_to) {
+void walk_annexb(const uint8_t* data, std::size_t size, const std::string& name,
+                 const std::function<void(const NalUnit&)>& take, const std::function<void(const uint8_t*)>& read_to) {
   AnnexBSplitter splitter(data, size);
   const std::size_t leading = splitter.leading_bytes();
   if (leading == size) {
-    throw ToolError(name + ": no Annex B start code (00 00 01) found; this is not an H.264 elementary stream");
+    throw ToolError(name + ": no Annex B start code (00 00 01) found; this is neither an H.264 nor an H.265 "
+                    "elementary stream");
   }
   BeReader before(data, leading);
   while (before.remaining()) {
     if (before.u8() != 0) {
       throw ToolError(name + ": " + std::to_string(leading) +
-                     " bytes before the first start code; this is not an H.264 Annex B stream");
+                     " bytes before the first start code; this is not an H.264 or H.265 Annex B stream");
     }
   }
-  Scanner scanner(name, out);
   NalUnit nal;
   while (splitter.next(nal)) {
-    scanner.nal(nal);
+    take(nal);
     if (read_to) read_to(nal.data);
   }
+}
+
+void scan_video(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out,
+                const std::function<void(const uint8_t*)>& read_to) {
+  Scanner scanner(name, out);
+  walk_annexb(data, size, name, [&](const NalUnit& nal) { scanner.nal(nal); }, read_to);
   scanner.finish();
   order_for_display(name, out);
+  out.codec = VideoCodec::kH264;
+  out.width = out.sps.width;
+  out.height = out.sps.height;
   out.has_vui_rate = vui_frame_rate(out.sps, out.vui_rate);
 }
 
-bool vui_frame_rate(const h264::Sps& sps, FrameRate& out) noexcept {
-  if (!sps.timing_info_present || sps.num_units_in_tick == 0 || sps.time_scale == 0) return false;
-  // §E.2.1: a frame lasts two ticks (one per field).
-  uint64_t num = sps.time_scale;
-  uint64_t den = uint64_t{2} * sps.num_units_in_tick;
+bool plausible_rate(uint64_t num, uint64_t den, FrameRate& out) noexcept {
+  if (num == 0 || den == 0) return false;
   const uint64_t g = std::gcd(num, den);
   num /= g;
   den /= g;
   if (num > den * 1000 || num * 2 < den || num > 1000000 || den > 1000000) return false;
   out = FrameRate{static_cast<uint32_t>(num), static_cast<uint32_t>(den)};
   return true;
+}
+
+bool vui_frame_rate(const h264::Sps& sps, FrameRate& out) noexcept {
+  if (!sps.timing_info_present || sps.num_units_in_tick == 0 || sps.time_scale == 0) return false;
+  // §E.2.1: a frame lasts two ticks (one per field).
+  return plausible_rate(sps.time_scale, uint64_t{2} * sps.num_units_in_tick, out);
 }
 
 }  // namespace boxlane::tool

@@ -1,6 +1,6 @@
-// Reading an H.264 Annex B elementary stream for muxing: NAL units grouped
-// into access units, the parameter sets for the sample description, key
-// frames, and the display order that picture order counts give.
+// Reading an H.264 or H.265 Annex B elementary stream for muxing: NAL units
+// grouped into access units, the parameter sets for the sample description,
+// key frames, and the display order that picture order counts give.
 #pragma once
 
 #include <cstddef>
@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/annexb.hpp"
 #include "platform/h264.hpp"
 
 namespace boxlane::tool {
@@ -32,12 +33,20 @@ struct AccessUnit {
   bool restart = false;
 };
 
+enum class VideoCodec { kUnknown, kH264, kH265 };
+
 struct FrameRate {
   uint32_t num = 25;
   uint32_t den = 1;
 };
 
 struct VideoStream {
+  VideoCodec codec = VideoCodec::kH264;
+  uint32_t width = 0;  // shown picture size, from the first SPS
+  uint32_t height = 0;
+  // H.265: every distinct VPS, SPS and PPS in the order they first appear,
+  // without start codes, for the hvcC record.
+  std::vector<std::vector<uint8_t>> hevc_sets;
   h264::Sps sps;
   std::vector<uint8_t> sps_nal;  // without start code
   std::vector<uint8_t> pps_nal;
@@ -59,6 +68,33 @@ struct VideoStream {
 // `read_to`, when given, is told how far the scan has read.
 void scan_video(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out,
                 const std::function<void(const uint8_t*)>& read_to = {});
+
+// The same for H.265 (ISO/IEC 23008-2): a sample per picture, IRAP pictures
+// (IDR, CRA, BLA) as key frames, the parameter sets in hevc_sets and none in
+// the samples. Pictures before the first IRAP picture, and the RASL pictures
+// of a CRA or BLA picture that starts decoding, cannot be decoded and are
+// left out (counted in skipped_before_parameter_sets).
+void scan_hevc(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out,
+               const std::function<void(const uint8_t*)>& read_to = {});
+
+// Which codec an Annex B stream holds, told by the first parameter set that
+// reads as one of either kind; kUnknown when none does.
+VideoCodec detect_codec(const uint8_t* data, std::size_t size) noexcept;
+
+// Puts the units in display order (VideoStream::display, reordered): by
+// picture order count between two restarts, everything before a restart
+// first. Throws ToolError on two pictures with the same count.
+void order_for_display(const std::string& name, VideoStream& v);
+
+// What both scanners share: hands every NAL unit of an Annex B stream to
+// `take` in order, telling `read_to` how far it has read. Throws ToolError
+// when the stream holds no start code or something other than zero bytes
+// before the first.
+void walk_annexb(const uint8_t* data, std::size_t size, const std::string& name,
+                 const std::function<void(const NalUnit&)>& take, const std::function<void(const uint8_t*)>& read_to);
+
+// num/den frames per second in lowest terms, when it is a plausible rate.
+bool plausible_rate(uint64_t num, uint64_t den, FrameRate& out) noexcept;
 
 // The frame rate the SPS's timing information gives (frames, not fields),
 // when it is present and plausible.
