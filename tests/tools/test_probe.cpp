@@ -163,7 +163,7 @@ void expect_agrees_with_ffprobe(const std::string& file) {
   SCOPED_TRACE(file);
   const Json mine = probe_json(shell_quote(file));
   std::string streams_text;
-  ASSERT_EQ(run("ffprobe -v error -ignore_editlist 1 -show_entries stream=codec_type,profile,level,width,"
+  ASSERT_EQ(run("ffprobe -v error -ignore_editlist 1 -show_entries stream=codec_type,codec_tag_string,profile,level,width,"
                 "height,channels,sample_rate,nb_frames,duration_ts,time_base -of json " + shell_quote(file),
                 &streams_text), 0);
   const auto streams = parse_json(streams_text);
@@ -190,7 +190,7 @@ void expect_agrees_with_ffprobe(const std::string& file) {
     EXPECT_TRUE(t["consistency"]["consistent"].flag);
     const Json& codec = t["codec"];
     if (video) {
-      EXPECT_EQ(codec["fourcc"].text, "avc1");
+      EXPECT_EQ(codec["fourcc"].text, stream["codec_tag_string"].text);
       EXPECT_EQ(codec["profile_name"].text, stream["profile"].text);
       EXPECT_EQ(codec["level"].num(), stream["level"].num());
       EXPECT_EQ(codec["width"].num(), stream["width"].num());
@@ -239,6 +239,61 @@ TEST_F(ProbeTool, JsonAgreesWithFfprobeOnOurWriter) {
       GTEST_SKIP() << "boxlane mux cannot write the file yet";
     expect_agrees_with_ffprobe(out);
   }
+}
+
+// H.265: files from our writer agree with ffprobe in full; files FFmpeg
+// writes (hvc1, hev1, fragmented) in their codec; the parameter sets are
+// those of the stream.
+TEST_F(ProbeTool, HevcAgreesWithFfprobe) {
+  const std::string d = temp_dir() + "/";
+  struct Case {
+    std::string pix_fmt;
+    int bits;
+  } cases[] = {{"yuv420p", 8}, {"yuv420p10le", 10}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.pix_fmt);
+    const std::string es = d + "in.h265", aac = d + "in.aac", ours = d + "ours.mp4";
+    ASSERT_EQ(ffmpeg("-f lavfi -i testsrc2=size=200x120:rate=25:duration=1 -map 0:v -pix_fmt " + c.pix_fmt +
+                     " -c:v libx265 -x265-params log-level=error:bframes=3 -f hevc " + shell_quote(es) +
+                     " -f lavfi -i sine=sample_rate=48000:duration=1 -map 1:a -c:a aac -f adts " + shell_quote(aac)), 0);
+    ASSERT_EQ(run(shell_quote(tool_path()) + " mux -q --video " + shell_quote(es) + " --audio " + shell_quote(aac) +
+                  " -o " + shell_quote(ours)), 0);
+    expect_agrees_with_ffprobe(ours);
+
+    const auto stream = read_file(es);
+    for (const std::string& args : {std::string("-tag:v hvc1"), std::string("-tag:v hev1"),
+                                    std::string("-tag:v hvc1 -movflags frag_keyframe+empty_moov")}) {
+      SCOPED_TRACE(args);
+      const std::string theirs = d + "theirs.mp4";
+      ASSERT_EQ(ffmpeg("-i " + shell_quote(es) + " -c copy " + args + " " + shell_quote(theirs)), 0);
+      for (const std::string& file : {ours, theirs}) {
+        std::string text;
+        ASSERT_EQ(run("ffprobe -v error -select_streams v -show_entries stream=codec_tag_string,profile,level,width,"
+                      "height,pix_fmt -of json " + shell_quote(file), &text), 0);
+        const Json ff = (*parse_json(text))["streams"].items.at(0);
+        const Json mine = probe_json(shell_quote(file));
+        const Json& codec = mine["tracks"].items.at(0)["codec"];
+        EXPECT_EQ(codec["fourcc"].text, ff["codec_tag_string"].text);
+        EXPECT_EQ(codec["profile_name"].text, ff["profile"].text);
+        EXPECT_EQ(codec["profile"].num(), c.bits == 8 ? 1 : 2);
+        EXPECT_EQ(codec["level"].num(), ff["level"].num());
+        EXPECT_EQ(codec["tier"].num(), 0);
+        EXPECT_EQ(codec["width"].num(), ff["width"].num());
+        EXPECT_EQ(codec["height"].num(), ff["height"].num());
+        EXPECT_EQ(codec["chroma_format"].num(), 1) << ff["pix_fmt"].text;
+        EXPECT_EQ(codec["bit_depth"].num(), c.bits) << ff["pix_fmt"].text;
+        for (const char* kind : {"vps", "sps", "pps"}) {
+          ASSERT_EQ(codec[kind].items.size(), 1u) << kind;
+          const auto unit = unhex(codec[kind].items[0].text);
+          EXPECT_NE(std::search(stream.begin(), stream.end(), unit.begin(), unit.end()), stream.end()) << kind;
+        }
+      }
+    }
+  }
+  std::string text;
+  ASSERT_EQ(probe(shell_quote(d + "ours.mp4"), &text), 0);
+  EXPECT_NE(text.find("hvc1, H.265 Main 10 profile, Main tier, level 2, 4:2:0, 10-bit, 200x120, 4-byte NAL lengths, "
+                      "1 VPS, 1 SPS, 1 PPS"), std::string::npos) << text;
 }
 
 TEST_F(ProbeTool, SameJsonForEveryPieceSizeAndFromStandardInput) {

@@ -4,6 +4,7 @@
 #include "tools/probe/names.hpp"
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <span>
 #include <type_traits>
@@ -83,6 +84,12 @@ std::string ProbeTrack::codec_fourcc() const {
   return codec ? field_text(codec->tszCodec, sizeof codec->tszCodec) : std::string();
 }
 
+bool ProbeTrack::is_hevc() const {
+  std::string fourcc = codec_fourcc();
+  std::transform(fourcc.begin(), fourcc.end(), fourcc.begin(), [](unsigned char c) { return std::tolower(c); });
+  return fourcc == "hvc1" || fourcc == "hev1";
+}
+
 std::vector<ProbeBox> place_boxes(const std::vector<QORVANE_MP4HDR>& records) {
   std::vector<ProbeBox> boxes;
   boxes.reserve(records.size());
@@ -142,6 +149,10 @@ bool collect_report(const char* client, ProbeReport& report, std::string& error)
     if (Boxlane_Parse_GetTrackCodec(client, id, codec.get())) {
       track.audio = read_audio_config(*codec);
       track.codec = std::move(codec);
+    }
+    if (track.is_hevc()) {
+      auto hevc = std::make_unique<BOXLANE_HEVCINFO>();
+      if (Boxlane_Parse_GetTrackHEVC(client, id, hevc.get())) track.hevc = std::move(hevc);
     }
     if (!fetch_tables(client, track, error)) return false;
     track.facts = derive_facts(track);

@@ -171,4 +171,22 @@ ProbeParameterSets split_parameter_sets(const BOXLANE_CODECINFO& codec) {
   return sets;
 }
 
+ProbeHevcUnits split_hevc_units(const BOXLANE_HEVCINFO& hevc) {
+  ProbeHevcUnits units;
+  const std::span<const uint8_t> all(hevc.byNalus);
+  const auto n = static_cast<std::size_t>(std::clamp<int32_t>(hevc.nNaluCount, 0, BOXLANE_HEVC_MAX_NALUS));
+  std::size_t at = 0;
+  for (std::size_t i = 0; i < n && hevc.wNaluLen[i] <= all.size() - at; ++i) {
+    const auto unit = all.subspan(at, hevc.wNaluLen[i]);
+    at += hevc.wNaluLen[i];
+    switch (hevc.byNaluType[i]) {
+      case 32: units.vps.push_back(unit); break;
+      case 33: units.sps.push_back(unit); break;
+      case 34: units.pps.push_back(unit); break;
+      default: units.other.push_back(unit); break;
+    }
+  }
+  return units;
+}
+
 }  // namespace boxlane::tool

@@ -3,6 +3,7 @@
 #include "tools/probe/report.hpp"
 
 #include <algorithm>
+#include <span>
 
 namespace boxlane::tool {
 namespace {
@@ -12,6 +13,45 @@ void write_strings(JsonWriter& json, std::string_view name, const std::vector<st
   json.begin_array();
   for (const auto& item : items) json.string(item);
   json.end_array();
+}
+
+void write_hex_list(JsonWriter& json, std::string_view name, const std::vector<std::span<const uint8_t>>& list) {
+  json.key(name);
+  json.begin_array();
+  for (const auto unit : list) json.string(hex_bytes(unit.data(), unit.size()));
+  json.end_array();
+}
+
+// The hvcC record (ISO/IEC 14496-15 §8.3.3.1), field by field.
+void write_hevc(JsonWriter& json, const BOXLANE_HEVCINFO& h) {
+  json.member("width", uint32_t{h.wWidth});
+  json.member("height", uint32_t{h.wHeight});
+  json.member("configuration_version", uint32_t{h.byConfigurationVersion});
+  json.member("profile_space", uint32_t{h.byProfileSpace});
+  json.member("tier", uint32_t{h.byTier});
+  json.member("tier_name", h.byTier ? "High" : "Main");
+  json.member("profile", uint32_t{h.byProfile});
+  json.member("profile_name", hevc_profile_name(h.byProfile, h.nCompatibilityFlags));
+  json.member("compatibility", h.nCompatibilityFlags);
+  uint8_t constraints[6];
+  for (int i = 0; i < 6; ++i) constraints[i] = static_cast<uint8_t>(h.nConstraintFlags >> (40 - 8 * i));
+  json.member("constraints", hex_bytes(constraints, sizeof constraints));
+  json.member("level", uint32_t{h.byLevel});
+  json.member("level_name", hevc_level_name(h.byLevel));
+  json.member("chroma_format", uint32_t{h.byChromaFormat});
+  json.member("chroma_format_name", chroma_format_name(h.byChromaFormat));
+  json.member("bit_depth", uint32_t{h.byBitDepthLuma});
+  json.member("bit_depth_chroma", uint32_t{h.byBitDepthChroma});
+  json.member("min_spatial_segmentation", uint32_t{h.wMinSpatialSegmentation});
+  json.member("parallelism_type", uint32_t{h.byParallelismType});
+  json.member("temporal_layers", uint32_t{h.byNumTemporalLayers});
+  json.member("temporal_id_nested", h.byTemporalIdNested != 0);
+  json.member("nal_length_size", uint32_t{h.byNALLengthSize});
+  const ProbeHevcUnits units = split_hevc_units(h);
+  write_hex_list(json, "vps", units.vps);
+  write_hex_list(json, "sps", units.sps);
+  write_hex_list(json, "pps", units.pps);
+  write_hex_list(json, "other_units", units.other);
 }
 
 void write_codec(JsonWriter& json, const ProbeTrack& track) {
@@ -35,12 +75,10 @@ void write_codec(JsonWriter& json, const ProbeTrack& track) {
     json.member("level_name", avc_level_name(c.byLevel));
     json.member("nal_length_size", uint32_t{c.byNALLengthSize});
     const ProbeParameterSets sets = split_parameter_sets(c);
-    for (const auto& [name, list] : {std::pair{"sps", &sets.sps}, std::pair{"pps", &sets.pps}}) {
-      json.key(name);
-      json.begin_array();
-      for (const auto set : *list) json.string(hex_bytes(set.data(), set.size()));
-      json.end_array();
-    }
+    write_hex_list(json, "sps", sets.sps);
+    write_hex_list(json, "pps", sets.pps);
+  } else if (track.hevc) {
+    write_hevc(json, *track.hevc);
   } else if (fourcc == "mp4a") {
     json.member("channels", uint32_t{c.wChannelCount});
     json.member("sample_size", uint32_t{c.wSampleSize});
@@ -59,7 +97,7 @@ void write_codec(JsonWriter& json, const ProbeTrack& track) {
       json.member("config_channels", track.audio.channel_config);
     }
   }
-  json.member("truncated", c.bTruncated);
+  json.member("truncated", c.bTruncated || (track.hevc && track.hevc->bTruncated));
   json.end_object();
 }
 

@@ -75,6 +75,7 @@ struct ProbeTrack {
   QORVANE_HDRHDLR hdlr{};
   QORVANE_HDRVMSMHD media_header{};
   std::unique_ptr<BOXLANE_CODECINFO> codec;  // large; null when the query failed
+  std::unique_ptr<BOXLANE_HEVCINFO> hevc;    // for hvc1 and hev1 entries only
   ProbeAudioConfig audio;
   ProbeTables tables;
   ProbeFacts facts;
@@ -82,6 +83,7 @@ struct ProbeTrack {
   std::string handler() const;
   std::string handler_name() const;
   std::string codec_fourcc() const;
+  bool is_hevc() const;  // an hvc1 or hev1 entry, in any letter case
 };
 
 struct ProbeReport {
@@ -112,5 +114,13 @@ struct ProbeParameterSets {
   std::vector<std::span<const uint8_t>> sps, pps;
 };
 ProbeParameterSets split_parameter_sets(const BOXLANE_CODECINFO& codec);
+
+// The hvcC units by kind (ISO/IEC 23008-2 Table 7-1: 32 VPS, 33 SPS, 34 PPS;
+// SEI and the rest in other). Units that would reach past the record are
+// left out.
+struct ProbeHevcUnits {
+  std::vector<std::span<const uint8_t>> vps, sps, pps, other;
+};
+ProbeHevcUnits split_hevc_units(const BOXLANE_HEVCINFO& hevc);
 
 }  // namespace boxlane::tool

@@ -115,6 +115,41 @@ std::string avc_level_name(uint8_t level) {
   return std::to_string(level / 10) + "." + std::to_string(level % 10);
 }
 
+std::string hevc_profile_name(uint8_t profile, uint32_t compatibility) {
+  for (uint8_t j = 1; profile == 0 && j < 32; ++j) {
+    if (compatibility & (0x80000000u >> j)) profile = j;
+  }
+  switch (profile) {
+    case 1: return "Main";
+    case 2: return "Main 10";
+    case 3: return "Main Still Picture";
+    case 4: return "Format Range Extensions";
+    case 5: return "High Throughput";
+    case 6: return "Multiview Main";
+    case 7: return "Scalable Main";
+    case 8: return "3D Main";
+    case 9: return "Screen Content Coding";
+    case 10: return "Scalable Format Range Extensions";
+    case 11: return "High Throughput Screen Content Coding";
+    default: return "profile " + std::to_string(profile);
+  }
+}
+
+std::string hevc_level_name(uint8_t level) {
+  if (level == 0 || level % 3) return "level_idc " + std::to_string(level);
+  const int tenths = level / 3;
+  return std::to_string(tenths / 10) + (tenths % 10 ? "." + std::to_string(tenths % 10) : "");
+}
+
+std::string chroma_format_name(uint8_t chroma_format_idc) {
+  switch (chroma_format_idc) {
+    case 0: return "4:0:0";
+    case 1: return "4:2:0";
+    case 2: return "4:2:2";
+    default: return "4:4:4";
+  }
+}
+
 std::string aac_object_name(int object_type) {
   switch (object_type) {
     case 1: return "AAC Main";

@@ -1,5 +1,5 @@
 // Words for the numbers probe prints: box type codes, parser error codes,
-// H.264 profiles and levels, AAC object types, languages and fourccs.
+// H.264 and H.265 profiles and levels, AAC object types, languages and fourccs.
 #pragma once
 
 #include <boxlane/boxlane.h>
@@ -26,6 +26,13 @@ std::string hex_code(uint64_t code);
 std::string avc_profile_name(uint8_t profile, uint8_t compatibility);
 // level_idc 31 is "3.1"; level 11 with constraint_set3 in Baseline is 1b.
 std::string avc_level_name(uint8_t level);
+// ISO/IEC 23008-2 Annex A: general_profile_idc, or for 0 the first profile
+// the compatibility flags name.
+std::string hevc_profile_name(uint8_t profile, uint32_t compatibility);
+// general_level_idc is 30 times the level: 93 is "3.1".
+std::string hevc_level_name(uint8_t level);
+// chroma_format_idc: "4:2:0" for 1.
+std::string chroma_format_name(uint8_t chroma_format_idc);
 // ISO/IEC 14496-3 §1.5.1.1 audio object types.
 std::string aac_object_name(int object_type);
 

@@ -52,6 +52,15 @@ std::string codec_line(const ProbeTrack& track) {
     add(line, ", H.264 %s profile, level %s, %ux%u, %u-byte NAL lengths, %zu SPS, %zu PPS",
         avc_profile_name(c.byProfile, c.byCompatibility).c_str(), avc_level_name(c.byLevel).c_str(), c.wWidth,
         c.wHeight, c.byNALLengthSize, sets.sps.size(), sets.pps.size());
+  } else if (track.hevc && track.hevc->byConfigurationVersion) {
+    const BOXLANE_HEVCINFO& h = *track.hevc;
+    const ProbeHevcUnits units = split_hevc_units(h);
+    add(line, ", H.265 %s profile, %s tier, level %s, %s, %u-bit, %ux%u, %u-byte NAL lengths, %zu VPS, %zu SPS, %zu PPS",
+        hevc_profile_name(h.byProfile, h.nCompatibilityFlags).c_str(), h.byTier ? "High" : "Main",
+        hevc_level_name(h.byLevel).c_str(), chroma_format_name(h.byChromaFormat).c_str(), unsigned{h.byBitDepthLuma},
+        unsigned{h.wWidth}, unsigned{h.wHeight}, unsigned{h.byNALLengthSize}, units.vps.size(), units.sps.size(),
+        units.pps.size());
+    if (h.bTruncated) line += " (description longer than the parser keeps)";
   } else if (fourcc == "mp4a") {
     // The AudioSpecificConfig is what a decoder goes by; writers often put
     // 2 channels in the sample entry whatever the stream holds.
