@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Boxlane beside FFmpeg, side by side in one run, printing ratios:
 #   1. `boxlane mux` against `ffmpeg -c copy`, the same job: ten minutes of
-#      720p H.264 with B-frames plus AAC, elementary streams into MP4. Both
+#      720p H.264 with B-frames plus AAC, elementary streams into MP4; and
+#      the same with ten minutes of 720p H.265 (Main, B-frames). Both
 #      outputs are decoded and must give the same frames.
 #   2. Reading the index of a one-hour MP4: `boxlane probe --json` and
 #      boxlane_parse_index (the parser only) against avformat_open (only
@@ -62,6 +63,13 @@ make_media() {
       -pix_fmt yuv420p -f h264 "$WORK/clip.h264"
     for _ in $(seq 30); do cat "$WORK/clip.h264"; done >"$WORK/video.h264.part"
     mv "$WORK/video.h264.part" "$WORK/video.h264"
+  fi
+  if [[ ! -s $WORK/video.h265 ]]; then
+    say "making 10 minutes of 720p H.265 (B-frames) ..."
+    ff -f lavfi -i testsrc2=size=1280x720:rate=30 -t 20 -c:v libx265 -preset ultrafast -x265-params \
+      log-level=error:bframes=3:keyint=60:crf=28 -pix_fmt yuv420p -f hevc "$WORK/clip.h265"
+    for _ in $(seq 30); do cat "$WORK/clip.h265"; done >"$WORK/video.h265.part"
+    mv "$WORK/video.h265.part" "$WORK/video.h265"
   fi
   if [[ ! -s $WORK/audio.aac ]]; then
     ff -f lavfi -i sine=frequency=440:sample_rate=48000 -t 600 -ac 2 -c:a aac -b:a 128k -f adts "$WORK/audio.aac"
@@ -171,13 +179,16 @@ fresh_mux_outputs() {
   sync
 }
 
+# compare_mux VIDEO CODEC PREFIX: the mux job on one video stream (and the
+# AAC); sets PREFIX_SPEED, PREFIX_CPU and PREFIX_MEMORY.
 compare_mux() {
+  local video=$1 codec=$2 prefix=$3
   local out_b=$WORK/boxlane.mp4 out_f=$WORK/ffmpeg.mp4
-  MUX_BOXLANE=("$BOXLANE" mux --video "$WORK/video.h264" --audio "$WORK/audio.aac" --fps 30 -q -o "$out_b")
-  MUX_FFMPEG=(ffmpeg -hide_banner -nostdin -loglevel error -y -framerate 30 -i "$WORK/video.h264"
+  MUX_BOXLANE=("$BOXLANE" mux --video "$video" --audio "$WORK/audio.aac" --fps 30 -q -o "$out_b")
+  MUX_FFMPEG=(ffmpeg -hide_banner -nostdin -loglevel error -y -framerate 30 -i "$video"
     -i "$WORK/audio.aac" -map 0:v -map 1:a -c copy "$out_f")
   say
-  say "== mux: $(du -m "$WORK/video.h264" | cut -f1) MB of H.264 and $(du -m "$WORK/audio.aac" | cut -f1) MB of AAC into MP4, $RUNS runs each"
+  say "== mux: $(du -m "$video" | cut -f1) MB of $codec and $(du -m "$WORK/audio.aac" | cut -f1) MB of AAC into MP4, $RUNS runs each"
   "${MUX_BOXLANE[@]}" || die "boxlane mux failed"
   "${MUX_FFMPEG[@]}" || die "ffmpeg -c copy failed"
   # Every run writes a new file into an empty page cache: the output of the
@@ -188,9 +199,9 @@ compare_mux() {
   PREPARE=fresh_mux_outputs contest MUX_BOXLANE MUX_FFMPEG
   say "boxlane mux      wall ${WALL[0]} ms (runs: ${RUNS_WALL[0]})  CPU ${CPU[0]} ms  peak ${PEAK[0]} KiB"
   say "ffmpeg -c copy   wall ${WALL[1]} ms (runs: ${RUNS_WALL[1]})  CPU ${CPU[1]} ms  peak ${PEAK[1]} KiB"
-  MUX_SPEED=$(ratio "${WALL[1]}" "${WALL[0]}")
-  MUX_CPU=$(ratio "${CPU[1]}" "${CPU[0]}")
-  MUX_MEMORY=$(ratio "${PEAK[0]}" "${PEAK[1]}")
+  printf -v "${prefix}_SPEED" '%s' "$(ratio "${WALL[1]}" "${WALL[0]}")"
+  printf -v "${prefix}_CPU" '%s' "$(ratio "${CPU[1]}" "${CPU[0]}")"
+  printf -v "${prefix}_MEMORY" '%s' "$(ratio "${PEAK[0]}" "${PEAK[1]}")"
 
   local frames_b frames_f
   frames_b=$(video_packets "$out_b")
@@ -202,7 +213,7 @@ compare_mux() {
   fi
   local shown=$CHECK_FRAMES
   ((CHECK_FRAMES > 0)) || shown=all
-  decoded_frames "$WORK/video.h264" "$WORK/source.md5"
+  decoded_frames "$video" "$WORK/source.md5"
   decoded_frames "$out_b" "$WORK/boxlane.md5"
   decoded_frames "$out_b" "$WORK/boxlane_all.md5" -ignore_editlist 1
   decoded_frames "$out_f" "$WORK/ffmpeg_all.md5" -ignore_editlist 1
@@ -263,18 +274,21 @@ main() {
   make_media
   say "machine: $(nproc) cores, load average $(cut -d' ' -f1-3 /proc/loadavg)"
   check_synthetic_movie
-  compare_mux
+  compare_mux "$WORK/video.h264" H.264 MUX
+  compare_mux "$WORK/video.h265" H.265 HEVC_MUX
   compare_index
   say
   say "load average at the end: $(cut -d' ' -f1-3 /proc/loadavg)"
   say "Ratios are FFmpeg's time over Boxlane's (higher is faster) and Boxlane's peak over FFmpeg's."
   target "mux: ffmpeg -c copy / boxlane mux, wall time" "$MUX_SPEED" 3 1
   target "mux: boxlane mux peak memory / ffmpeg -c copy peak memory" "$MUX_MEMORY" 1 0
+  target "mux H.265: ffmpeg -c copy / boxlane mux, wall time" "$HEVC_MUX_SPEED" 3 1
+  target "mux H.265: boxlane mux peak memory / ffmpeg -c copy peak memory" "$HEVC_MUX_MEMORY" 1 0
   target "index: avformat_open / boxlane probe --json, wall time" "$PROBE_SPEED" 10 1
   target "index: avformat_open / boxlane_parse_index, wall time" "$PARSE_SPEED" 10 1
   target "index: boxlane probe --json peak memory / avformat_open peak" "$PROBE_MEMORY" 1 0
   target "index: boxlane_parse_index peak memory / avformat_open peak" "$PARSE_MEMORY" 1 0
-  say "INFO   mux, CPU time (user + system): $MUX_CPU x"
+  say "INFO   mux, CPU time (user + system): $MUX_CPU x; H.265: $HEVC_MUX_CPU x"
   say "INFO   index, boxlane_parse_index: CPU time $PARSE_CPU x, in-process $PARSE_INNER x"
   say "INFO   index, boxlane_parse_index --queries: wall $QUERIES_SPEED x, in-process $QUERIES_INNER x, peak memory $QUERIES_MEMORY x"
 }

@@ -107,6 +107,13 @@ void query_tracks(const char* client) {
       for (int i = 0; i < codec.nPPSCount; ++i) total += codec.wPPSLen[i];
       if (total > sizeof codec.byParamSets) std::abort();
     }
+    static BOXLANE_HEVCINFO hevc;
+    if (Boxlane_Parse_GetTrackHEVC(client, id, &hevc)) {
+      if (hevc.nNaluCount < 0 || hevc.nNaluCount > BOXLANE_HEVC_MAX_NALUS) std::abort();
+      std::size_t total = 0;
+      for (int i = 0; i < hevc.nNaluCount; ++i) total += hevc.wNaluLen[i];
+      if (total > sizeof hevc.byNalus) std::abort();
+    }
   }
 }
 

@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   Boxlane_Packet_Insert(kClient);
   std::size_t video_frames = 0, audio_frames = 0;
   while (!in.empty()) {
-    switch (in.u8() % 16) {
+    switch (in.u8() % 17) {
       case 0: {
         const int rate = static_cast<int>(in.u32()), sample_rate = static_cast<int>(in.u32());
         m_MP4Packet.Boxlane_Packet_SetTime(kClient, rate, sample_rate);
@@ -188,6 +188,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         write_box(16 + 4 * video_frames, [&](uint8_t* b, int32_t* n) { return Boxlane_Packet_STss(kClient, b, n); });
         write_box(28, [&](uint8_t* b, int32_t* n) { return Boxlane_Packet_STsc(kClient, b, n); });
         break;
+      case 15: {
+        // H.265 parameter sets (or anything) for the hvc1 entry: 142 + the
+        // input length is the most it may write.
+        auto sets = in.bytes(in.u8() % 2 ? 300 : 70000);
+        sets.reserve(1);
+        write_box(142 + sets.size(), [&](uint8_t* b, int32_t* n) {
+          return Boxlane_Packet_STsdHEVC(kClient, b, n, sets.data(), static_cast<int32_t>(sets.size()));
+        });
+        break;
+      }
       case 14: {
         uint8_t encoded[8];
         int count = 0;
