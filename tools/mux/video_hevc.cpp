@@ -1,8 +1,8 @@
 // Reading an H.265 Annex B elementary stream (ISO/IEC 23008-2) for muxing
 // into hvc1 samples (ISO/IEC 14496-15 §8): access units found by
-// first_slice_segment_in_pic_flag, parameter sets kept for the hvcC record, IRAP pictures as
-// key frames, and picture order counts for the display order, which
-// video.cpp's ordering shares with H.264.
+// first_slice_segment_in_pic_flag, parameter sets kept for the hvcC record,
+// IRAP pictures as key frames, and picture order counts for the display
+// order, which video.cpp's ordering shares with H.264.
 #include "tools/mux/video.hpp"
 
 #include <algorithm>
@@ -37,13 +37,12 @@ class HevcScanner {
     if (!hevc::parse_nal_header(nal.data, nal.size, h)) {
       throw ToolError(name_ + ": damaged NAL unit header (forbidden_zero_bit set, or cut short)" + at(nal.offset));
     }
-    if (h.layer_id != 0 && !has_[0]) {
-      throw ToolError(name_ + ": the NAL unit" + at(nal.offset) + " does not read as H.265 (it would be of layer " +
-                     std::to_string(h.layer_id) + "); is this an H.265 stream?");
-    }
     if (h.layer_id != 0) {
-      throw ToolError(name_ + ": a NAL unit of layer " + std::to_string(h.layer_id) + at(nal.offset) +
-                     "; layered H.265 (scalable or multiview) is not supported, only the base layer");
+      // Before any VPS, a layer other than 0 means other bytes than H.265.
+      throw ToolError(name_ + (has_[0] ? ": a NAL unit of layer " + std::to_string(h.layer_id) + at(nal.offset) +
+                                             "; layered H.265 (scalable or multiview) is not supported, only the base layer"
+                                       : ": the NAL unit" + at(nal.offset) + " does not read as H.265 (it would be of layer " +
+                                             std::to_string(h.layer_id) + "); is this an H.265 stream?"));
     }
     // A picture's units end at the next picture's first slice segment: the
     // units that may come between (§7.4.2.4.4) are parameter sets, which go
@@ -61,12 +60,9 @@ class HevcScanner {
         if (open_) add(nal);
         return;
       case hevc::kEos:
-        // The next picture starts decoding anew (NoRaslOutputFlag 1).
-        if (open_) add(nal);
-        close_unit();
-        after_eos_ = true;
-        return;
       case hevc::kEob:
+        // They end their access unit; the next picture starts decoding
+        // anew (NoRaslOutputFlag 1).
         if (open_) add(nal);
         close_unit();
         after_eos_ = true;
@@ -77,9 +73,7 @@ class HevcScanner {
     // Access unit delimiters, filler data, and reserved or unspecified
     // non-VCL types stay out of the samples; so do the reserved VCL types,
     // which decoders ignore (§7.4.2.2).
-    if (hevc::is_vcl(h.type) && !(h.type > hevc::kRaslR && h.type < hevc::kBlaWLp) && h.type <= hevc::kCra) {
-      slice(nal);
-    }
+    if (h.type <= hevc::kRaslR || (h.type >= hevc::kBlaWLp && h.type <= hevc::kCra)) slice(nal);
   }
 
   void finish() {
@@ -92,35 +86,26 @@ class HevcScanner {
 
  private:
   void parameter_set(const NalUnit& nal, uint8_t type) {
-    uint32_t id = 0;
-    const char* kind = "video";
-    if (type == hevc::kVps) {
-      hevc::Vps vps;
-      if (!hevc::parse_vps(nal.data, nal.size, vps)) unreadable("video", nal);
-      id = vps.id;
-    } else if (type == hevc::kSps) {
-      hevc::Sps sps;
-      if (!hevc::parse_sps(nal.data, nal.size, sps)) unreadable("sequence", nal);
+    static constexpr const char* kKinds[] = {"video", "sequence", "picture"};
+    const int kind = type - hevc::kVps;
+    hevc::Vps vps;
+    hevc::Sps sps;
+    hevc::Pps pps;
+    const bool readable = type == hevc::kVps   ? hevc::parse_vps(nal.data, nal.size, vps)
+                          : type == hevc::kSps ? hevc::parse_sps(nal.data, nal.size, sps)
+                                               : hevc::parse_pps(nal.data, nal.size, pps);
+    if (!readable) unreadable(kKinds[kind], nal);
+    const uint32_t id = type == hevc::kVps ? vps.id : type == hevc::kSps ? sps.id : pps.id;
+    if (!keep(nal, type, id, kKinds[kind])) return;
+    if (type == hevc::kSps) {
       if (!has_[1]) first_sps_ = sps;
-      id = sps.id;
-      kind = "sequence";
-      if (!keep(nal, type, id, kind)) return;
       sets_.sps[id] = sps;
       sets_.has_sps[id] = true;
-      has_[1] = true;
-      return;
-    } else {
-      hevc::Pps pps;
-      if (!hevc::parse_pps(nal.data, nal.size, pps)) unreadable("picture", nal);
-      id = pps.id;
-      kind = "picture";
-      if (!keep(nal, type, id, kind)) return;
+    } else if (type == hevc::kPps) {
       sets_.pps[id] = pps;
       sets_.has_pps[id] = true;
-      has_[2] = true;
-      return;
     }
-    if (keep(nal, type, id, kind)) has_[0] = true;
+    has_[kind] = true;
   }
 
   [[noreturn]] void unreadable(const char* kind, const NalUnit& nal) {
