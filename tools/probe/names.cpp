@@ -136,9 +136,16 @@ std::string hevc_profile_name(uint8_t profile, uint32_t compatibility) {
 }
 
 std::string hevc_level_name(uint8_t level) {
-  if (level == 0 || level % 3) return "level_idc " + std::to_string(level);
+  char text[16];
   const int tenths = level / 3;
-  return std::to_string(tenths / 10) + (tenths % 10 ? "." + std::to_string(tenths % 10) : "");
+  if (level == 0 || level % 3) {
+    std::snprintf(text, sizeof text, "level_idc %d", level);
+  } else if (tenths % 10) {
+    std::snprintf(text, sizeof text, "%d.%d", tenths / 10, tenths % 10);
+  } else {
+    std::snprintf(text, sizeof text, "%d", tenths / 10);
+  }
+  return text;
 }
 
 std::string chroma_format_name(uint8_t chroma_format_idc) {
