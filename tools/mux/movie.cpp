@@ -11,6 +11,7 @@
 #include "boxlane/boxlane.h"
 #include "tools/common/tool_error.hpp"
 #include "tools/common/output_file.hpp"
+#include "tools/mux/video_description.hpp"
 
 namespace boxlane::tool {
 
@@ -219,18 +220,7 @@ class MovieWriter {
     if (v_) {
       plan_.video = true;
       const uint64_t n = v_->units.size();
-      if (v_->codec == VideoCodec::kH265) {
-        // stsd, hvc1 and hvcC heads (142 bytes with three arrays), then a
-        // 2-byte length and the bytes of each parameter set.
-        uint64_t sets = 0;
-        for (const std::vector<uint8_t>& set : v_->hevc_sets) sets += 2 + set.size();
-        plan_.v_stsd = checked32(142 + sets, "stsd");
-      } else {
-        if (v_->sps_nal.size() + v_->pps_nal.size() + 8 > sizeof(tag_Qorvane_AVProtocol{}.tszVideoHdr)) {
-          throw ToolError("the SPS and PPS together exceed the 1016 bytes the sample description takes");
-        }
-        plan_.v_stsd = static_cast<uint32_t>(121 + v_->sps_nal.size() + v_->pps_nal.size());
-      }
+      plan_.v_stsd = video_stsd_size(*v_);
       plan_.v_stts = checked32(16 + 8 * uint64_t{runs_of(n, timing_.video)}, "stts");
       plan_.v_ctts = v_->reordered ? checked32(16 + 8 * n, "ctts") : 0;
       const uint64_t keys = std::count_if(v_->units.begin(), v_->units.end(), [](const AccessUnit& u) { return u.key; });
@@ -348,18 +338,7 @@ class MovieWriter {
     m.box("dinf", 36, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_DInf(c, p, len); });
     m.container("stbl", plan_.v_stbl() - kBoxHeader);
 
-    if (v_->codec == VideoCodec::kH265) {
-      std::vector<uint8_t> sets;
-      for (const std::vector<uint8_t>& set : v_->hevc_sets) {
-        sets.insert(sets.end(), {0, 0, 0, 1});
-        sets.insert(sets.end(), set.begin(), set.end());
-      }
-      m.box("the video stsd", plan_.v_stsd, [&](uint8_t* p, int32_t* len) {
-        return Boxlane_Packet_STsdHEVC(c, p, len, sets.data(), static_cast<int32_t>(sets.size()));
-      });
-    } else {
-      write_avc_stsd(m);
-    }
+    m.box("the video stsd", plan_.v_stsd, [&](uint8_t* p, int32_t* len) { return write_video_stsd(c, *v_, p, len); });
     m.box("the video stts", plan_.v_stts, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STts(c, p, len, true); });
     if (plan_.v_ctts) {
       m.box("ctts", plan_.v_ctts, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_CTts(c, p, len); });
@@ -368,24 +347,6 @@ class MovieWriter {
     m.box("the video stsc", 28, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsc(c, p, len); });
     m.box("the video stsz", plan_.v_stsz, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsz(c, p, len, true); });
     m.box("the video stco", plan_.v_stco, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STco(c, p, len, true); });
-  }
-
-  void write_avc_stsd(MoovBuilder& m) {
-    const char* c = client_.name();
-    tag_Qorvane_AVProtocol desc{};
-    desc.bVideo = 1;
-    desc.nVideoCodec = 27;
-    desc.nVideoWidth = static_cast<int32_t>(v_->sps.width);
-    desc.nVideoHeight = static_cast<int32_t>(v_->sps.height);
-    std::size_t at = 0;
-    for (const std::vector<uint8_t>* set : {&v_->sps_nal, &v_->pps_nal}) {
-      const uint8_t start[4] = {0, 0, 0, 1};
-      std::memcpy(desc.tszVideoHdr + at, start, 4);
-      std::memcpy(desc.tszVideoHdr + at + 4, set->data(), set->size());
-      at += 4 + set->size();
-    }
-    desc.nVideoHdrLen = static_cast<int32_t>(at);
-    m.box("the video stsd", plan_.v_stsd, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsd(c, p, len, &desc); });
   }
 
   void build_audio_trak(MoovBuilder& m) {
