@@ -5,8 +5,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
-ensure_packages "${BOXLANE_BUILD_PACKAGES[@]}" ffmpeg gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-libav \
-  nodejs npm
+ensure_packages "${BOXLANE_BUILD_PACKAGES[@]}" ffmpeg gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-libav
+# A Node.js that comes with its own npm is used as it is.
+command -v npm >/dev/null || ensure_packages nodejs npm
 
 build=${BOXLANE_TEST_BUILD:-build/test}
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBOXLANE_SANITIZE=address ${BOXLANE_CMAKE_ARGS:-}
