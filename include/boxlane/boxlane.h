@@ -366,7 +366,8 @@ BOXLANE_API bool Boxlane_Packet_Insert(const char* lpszClient);
 BOXLANE_API bool Boxlane_Packet_Delete(const char* lpszClient);
 /* A box header (size nPayloadLen + 8, the four bytes at lpszBoxType), followed
  * by the payload when lpszPayload is not NULL. With a NULL payload only the 8
- * header bytes are written: the form for containers and mdat. */
+ * header bytes are written: the form for containers and mdat. An mdat that may
+ * pass 2^31 - 9 payload bytes needs Boxlane_Packet_HDRBox64. */
 BOXLANE_API bool Boxlane_Packet_HDRBox(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const char* lpszBoxType, const uint8_t* lpszPayload, int32_t nPayloadLen);
 /* ftyp: isom, minor 512, compatible isom iso2 avc1 mp41 (32 bytes). */
 BOXLANE_API bool Boxlane_Packet_FTyp(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen);
@@ -392,6 +393,38 @@ BOXLANE_API bool Boxlane_Packet_DInf(const char* lpszClient, uint8_t* ptszMsgBuf
  * time nMediaTime. Put it in the trak after the tkhd. A track whose
  * composition offsets were shifted by D (see FrameVideo) uses nMediaTime D. */
 BOXLANE_API bool Boxlane_Packet_EDts(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, uint32_t nSegmentDuration, int32_t nMediaTime);
+
+/* Recordings past 4 GiB or 2^32 ticks. Each writer below writes exactly the
+ * bytes of its 32-bit counterpart while its values fit the 32-bit fields, and
+ * the 64-bit form (ISO/IEC 14496-12 version 1, or a 64-bit box size) only
+ * when one does not. The sizes given are exact. */
+
+/* A 16-byte box header in the 64-bit form (ISO/IEC 14496-12 §4.2): size field
+ * 1, the four bytes at lpszBoxType, then a 64-bit largesize of
+ * nPayloadLen + 16. It is valid for any payload length, so a recording whose
+ * mdat may pass 4 GiB writes it at the start (nPayloadLen 0) and writes it
+ * again over the same 16 bytes when the length is known. No payload is
+ * copied. A NULL type, or nPayloadLen above 2^64 - 17, fails with
+ * BOXLANE_ERROR_PACKET_PARAMETER. */
+BOXLANE_API bool Boxlane_Packet_HDRBox64(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const char* lpszBoxType, uint64_t nPayloadLen);
+/* mvhd as Boxlane_Packet_MVhd (it stamps the creation time and keeps
+ * nTimeScale for the track headers), but nDuration is written as given, 0
+ * included: 108 bytes (version 0) when nDuration is below 2^32, else 120
+ * bytes (version 1: 64-bit times and duration, ISO/IEC 14496-12 §8.2.2). */
+BOXLANE_API bool Boxlane_Packet_MVhd64(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, uint64_t nDuration, int32_t nTimeScale);
+/* tkhd as Boxlane_Packet_TKhd, nDuration written as given: 92 bytes (version
+ * 0) when nDuration is below 2^32, else 104 bytes (version 1, §8.3.2). A
+ * duration of 2^32 or more reaches Boxlane_Packet_MDhd as 0xFFFFFFFF; write
+ * the media header with Boxlane_Packet_MDhd64. */
+BOXLANE_API bool Boxlane_Packet_TKhd64(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, int32_t nVolume, int32_t nWidth, int32_t nHeight, uint64_t nDuration);
+/* mdhd as Boxlane_Packet_MDhdEx: 32 bytes (version 0) when nDuration is below
+ * 2^32, else 44 bytes (version 1, §8.4.2). */
+BOXLANE_API bool Boxlane_Packet_MDhd64(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, uint16_t wLanguage, uint64_t nDuration);
+/* edts as Boxlane_Packet_EDts: 36 bytes (elst version 0) when
+ * nSegmentDuration is below 2^32 and nMediaTime below 2^31, else 44 bytes
+ * (elst version 1, §8.6.6). nMediaTime -1 is an empty edit; a media time
+ * below -1 fails with BOXLANE_ERROR_PACKET_PARAMETER. */
+BOXLANE_API bool Boxlane_Packet_EDts64(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, uint64_t nSegmentDuration, int64_t nMediaTime);
 /* stsd with one avc1/avcC (bVideo non-zero) or mp4a/esds entry. Video:
  * 121 + SPS + PPS bytes; audio: 88 + AudioSpecificConfig bytes, more when the
  * configuration exceeds 104 bytes. */
@@ -419,6 +452,28 @@ BOXLANE_API bool Boxlane_Packet_STss(const char* lpszClient, uint8_t* ptszMsgBuf
 BOXLANE_API bool Boxlane_Packet_STsc(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen);
 BOXLANE_API bool Boxlane_Packet_STsz(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, bool bVideo);
 BOXLANE_API bool Boxlane_Packet_STco(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, bool bVideo);
+/* The chunk offsets of a track (ISO/IEC 14496-12 §8.7.5): each sample's
+ * recorded file position plus nOffsetDelta. The box is an stco of
+ * 16 + 4 x samples bytes while every offset is below 2^32, and a co64 of
+ * 16 + 8 x samples bytes once one offset is 2^32 or more.
+ * Boxlane_Packet_STco64Size gives the size beforehand.
+ *
+ * nOffsetDelta is for a caller who records positions before it knows where
+ * the samples will lie. With the moov before the mdat, record each position
+ * as if there were no moov and pass the moov's size as the delta; that size
+ * depends on whether the tables are stco or co64, so find it by repeating
+ * (delta = moov size with the table sizes STco64Size gives for that delta)
+ * until it stops changing. It only grows, so this ends after one more round
+ * per track.
+ *
+ * An offset below 0 or above 2^63 - 1, or a box larger than 2^31 - 1 bytes,
+ * fails with BOXLANE_ERROR_PACKET_PARAMETER and writes nothing. */
+BOXLANE_API bool Boxlane_Packet_STco64(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, bool bVideo, int64_t nOffsetDelta);
+/* Stores in *pInt_BoxSize the number of bytes Boxlane_Packet_STco64 writes
+ * for the same track and delta with the frames handed in so far. Writes no
+ * box and changes nothing; fails as Boxlane_Packet_STco64 does, and with
+ * BOXLANE_ERROR_PACKET_PARAMETER for a NULL pInt_BoxSize. */
+BOXLANE_API bool Boxlane_Packet_STco64Size(const char* lpszClient, bool bVideo, int64_t nOffsetDelta, int32_t* pInt_BoxSize);
 /* One H.264 NAL unit with its 4-byte start code in, the same bytes with the
  * start code replaced by the big-endian length out (buffer: nFrameLen bytes).
  * nFilePos is where the caller will put the sample in the file. nKeyFrame 1

@@ -117,6 +117,12 @@ class BOXLANE_API CBoxlane_Packet {
   bool Boxlane_Packet_SMhd(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, int16_t wBalance);
   bool Boxlane_Packet_DInf(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen);
   bool Boxlane_Packet_EDts(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, uint32_t nSegmentDuration, int nMediaTime);
+  // 64-bit forms: version 1 (or a 64-bit box size) when a value needs it.
+  bool Boxlane_Packet_HDRBox64(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, const char* lpszBoxType, uint64_t nPayloadLen);
+  bool Boxlane_Packet_MVhd64(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, uint64_t nDuration, int nTimeScale);
+  bool Boxlane_Packet_TKhd64(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, int nVolume, int nWidth, int nHeight, uint64_t nDuration);
+  bool Boxlane_Packet_MDhd64(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, uint16_t wLanguage, uint64_t nDuration);
+  bool Boxlane_Packet_EDts64(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, uint64_t nSegmentDuration, int64_t nMediaTime);
 
   // Sample description.
   bool Boxlane_Packet_STsd(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, const tag_Qorvane_AVProtocol* pSt_AVProtocol);
@@ -131,6 +137,8 @@ class BOXLANE_API CBoxlane_Packet {
   bool Boxlane_Packet_STsc(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen);
   bool Boxlane_Packet_STsz(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, bool bVideo);
   bool Boxlane_Packet_STco(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, bool bVideo);
+  bool Boxlane_Packet_STco64(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, bool bVideo, int64_t nOffsetDelta);
+  bool Boxlane_Packet_STco64Size(const char* lpszClient, bool bVideo, int64_t nOffsetDelta, int* pInt_BoxSize);
 
   // Frames.
   bool Boxlane_Packet_FrameVideo(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, const uint8_t* lpszFrame, int nFrameLen, int64_t nFilePos, int nKeyFrame, int nDuration, int nCTSOffset);

@@ -106,8 +106,9 @@ TEST(Exports, SharedLibraryExportsOnlyTheInterface) {
     if (name.rfind("Boxlane_Parse_", 0) == 0 || name.rfind("Boxlane_Packet_", 0) == 0) ++flat;
   }
   // 16 parser and 20 writer functions, GetTrackCodec, MDhdEx, EDts,
-  // FrameAccessUnit, STsdHEVC and GetTrackHEVC.
-  EXPECT_EQ(flat, 42);
+  // FrameAccessUnit, STsdHEVC, GetTrackHEVC, and the 64-bit forms HDRBox64,
+  // MVhd64, TKhd64, MDhd64, EDts64, STco64 and STco64Size.
+  EXPECT_EQ(flat, 49);
   EXPECT_NE(symbols.find("Boxlane_GetLastError"), std::string::npos);
   EXPECT_NE(symbols.find("Boxlane_dwErrorCode"), std::string::npos);
   EXPECT_NE(symbols.find("Boxlane_IsErrorOccur"), std::string::npos);

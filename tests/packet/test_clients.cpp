@@ -143,7 +143,8 @@ TEST_F(ClientTest, EveryWriterRefusesMissingClientBufferOrLength) {
       WRITER(HDRBox, "free", payload, 4), WRITER(FTyp), WRITER(MVhd, 0, 1000), WRITER(TKhd, 0, 1, 1, 0),
       WRITER(MDhd, 0), WRITER(MDhdEx, 0, 1), WRITER(HDlr, 0), WRITER(VMhd), WRITER(SMhd, 0), WRITER(DInf),
       WRITER(EDts, 1, 0), WRITER(CTts), WRITER(STts, true), WRITER(STss), WRITER(STsc), WRITER(STsz, false),
-      WRITER(STco, false), WRITER(FrameVideo, kFrame, sizeof kFrame, 0, 1, 40, 40),
+      WRITER(STco, false), WRITER(HDRBox64, "mdat", 0), WRITER(MVhd64, 0, 1000), WRITER(TKhd64, 0, 1, 1, 0),
+      WRITER(MDhd64, 0, 1), WRITER(EDts64, 1, 0), WRITER(STco64, true, 0), WRITER(FrameVideo, kFrame, sizeof kFrame, 0, 1, 40, 40),
       WRITER(FrameAccessUnit, nalus, nalu_lengths, 1, 0, 1, 40, 40), WRITER(FrameAudio, payload, 4, 0, 1024),
   };
 #undef WRITER

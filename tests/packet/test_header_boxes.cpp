@@ -101,5 +101,79 @@ TEST_F(HeaderBoxTest, MovieTrackAndMediaHeadersShareTheirValues) {
   EXPECT_EQ(record().nTrackID, 3u);
 }
 
+// The 64-bit forms on both sides of each limit: the version 0 bytes while a
+// value fits its 32-bit field, version 1 (64-bit times and durations) from
+// the first value that does not.
+TEST_F(HeaderBoxTest, SixtyFourBitFormsOnBothSidesOfTheirLimits) {
+  constexpr uint64_t k32 = uint64_t{1} << 32;
+  const auto stamp = [&](bool wide) {
+    Bytes b;
+    if (wide) b.u32(0);
+    b.u32(record().nCreateTime);
+    const std::string one = hex(b);
+    std::string both = " ";  // built by appends, as above
+    both += one;
+    both += ' ';
+    both += one;
+    both += ' ';
+    return both;
+  };
+  const std::string movie_tail = " 00010000 0100 00000000 00000000 0000 " + std::string(kMatrix) +
+                                 std::string(48, '0') + " 00000002";
+  std::string mvhd = box(Boxlane_Packet_MVhd64, k32 - 1, 90000);
+  EXPECT_EQ(mvhd, bytes_hex("0000006C 6D766864 00000000" + stamp(false) + "00015F90 FFFFFFFF" + movie_tail));
+  mvhd = box(Boxlane_Packet_MVhd64, k32, 90000);
+  EXPECT_EQ(mvhd, bytes_hex("00000078 6D766864 01000000" + stamp(true) + "00015F90 00000001 00000000" + movie_tail));
+  // Unlike MVhd, a zero duration is written as given.
+  mvhd = box(Boxlane_Packet_MVhd64, 0, 1000);
+  EXPECT_EQ(mvhd, bytes_hex("0000006C 6D766864 00000000" + stamp(false) + "000003E8 00000000" + movie_tail));
+  EXPECT_EQ(record().nTimeScale, 1000);
+
+  const std::string track_tail = std::string(kMatrix) + " 02800000 01E00000";
+  EXPECT_EQ(box(Boxlane_Packet_TKhd64, 0, 640, 480, k32 - 1),
+            bytes_hex("0000005C 746B6864 00000003" + stamp(false) + "00000001 00000000 FFFFFFFF 00000000 00000000" +
+                      " 0000 0000 0000 0000 " + track_tail));
+  EXPECT_EQ(record().nVideoDuration, 0xFFFFFFFFu);
+  EXPECT_EQ(box(Boxlane_Packet_TKhd64, 0x0100, 640, 480, k32 + 0x1234),
+            bytes_hex("00000068 746B6864 01000003" + stamp(true) + "00000002 00000000 00000001 00001234" +
+                      " 00000000 00000000 0000 0000 0100 0000 " + track_tail));
+  // The record keeps what a 32-bit MDhd can write: the most it can hold.
+  EXPECT_EQ(record().nAudioDuration, 0xFFFFFFFFu);
+  EXPECT_EQ(record().nTrackID, 3u);
+  EXPECT_EQ(record().nWidth, 640);
+
+  EXPECT_EQ(box(Boxlane_Packet_MDhd64, 0x55C4, k32 - 1),
+            bytes_hex("00000020 6D646864 00000000" + stamp(false) + "000003E8 FFFFFFFF 55C4 0000"));
+  EXPECT_EQ(box(Boxlane_Packet_MDhd64, 0x55C4, ~uint64_t{0}),
+            bytes_hex("0000002C 6D646864 01000000" + stamp(true) + "000003E8 FFFFFFFF FFFFFFFF 55C4 0000"));
+
+  const struct {
+    uint64_t segment;
+    int64_t media_time;
+    const char* elst;  // from the version byte on
+  } edits[] = {
+      {k32 - 1, INT32_MAX, "00000000 00000001 FFFFFFFF 7FFFFFFF 0001 0000"},
+      {k32 - 1, -1, "00000000 00000001 FFFFFFFF FFFFFFFF 0001 0000"},
+      {k32, 0, "01000000 00000001 00000001 00000000 00000000 00000000 0001 0000"},
+      {5, int64_t{INT32_MAX} + 1, "01000000 00000001 00000000 00000005 00000000 80000000 0001 0000"},
+      {k32, -1, "01000000 00000001 00000001 00000000 FFFFFFFF FFFFFFFF 0001 0000"},
+  };
+  for (const auto& e : edits) {
+    SCOPED_TRACE(e.elst);
+    const bool wide = e.elst[1] == '1';
+    const std::string head = wide ? "0000002C 65647473 00000024 656C7374 " : "00000024 65647473 0000001C 656C7374 ";
+    EXPECT_EQ(box(Boxlane_Packet_EDts64, e.segment, e.media_time), bytes_hex(head + e.elst));
+  }
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_EDts64, uint64_t{5}, int64_t{-2});
+}
+
+TEST_F(HeaderBoxTest, LargeSizeBoxHeader) {
+  EXPECT_EQ(box(Boxlane_Packet_HDRBox64, "mdat", uint64_t{0}), bytes_hex("00000001 6D646174 00000000 00000010"));
+  EXPECT_EQ(box(Boxlane_Packet_HDRBox64, "mdat", uint64_t{0xFFFFFFF0}), bytes_hex("00000001 6D646174 00000001 00000000"));
+  EXPECT_EQ(box(Boxlane_Packet_HDRBox64, "free", ~uint64_t{0} - 16), bytes_hex("00000001 66726565 FFFFFFFF FFFFFFFF"));
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_HDRBox64, "mdat", ~uint64_t{0} - 15);
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_HDRBox64, nullptr, uint64_t{0});
+}
+
 }  // namespace
 }  // namespace boxlane::test
