@@ -20,85 +20,7 @@ namespace {
 constexpr uint16_t kUndetermined = 0x55C4;  // "und", ISO/IEC 14496-12 §8.4.2.3
 constexpr int kAacFrameSamples = 1024;
 
-struct AccessUnit {
-  std::vector<const uint8_t*> nalus;
-  std::vector<int32_t> lengths;
-  bool key = false;
-};
-
-struct SplitVideo {
-  std::vector<AccessUnit> units;
-  std::vector<uint8_t> sps, pps;  // the first of each, without start code
-};
-
-// With one slice per picture, an access unit is whatever precedes its slice
-// (AUD, SEI) and the slice itself.
-SplitVideo split_access_units(const std::vector<uint8_t>& annexb) {
-  SplitVideo out;
-  AccessUnit current;
-  AnnexBSplitter splitter(annexb.data(), annexb.size());
-  for (NalUnit nal; splitter.next(nal);) {
-    const uint8_t type = nal.type();
-    if (nal.size == 0) continue;
-    if (type == 7 || type == 8) {
-      auto& kept = type == 7 ? out.sps : out.pps;
-      if (kept.empty()) kept.assign(nal.data, nal.data + nal.size);
-      continue;
-    }
-    current.nalus.push_back(nal.data);
-    current.lengths.push_back(static_cast<int32_t>(nal.size));
-    current.key = type == 5;
-    if (type == 1 || type == 5) out.units.push_back(std::exchange(current, {}));
-  }
-  return out;
-}
-
-struct AudioFrame {
-  const uint8_t* data;
-  int32_t size;
-};
-
-std::vector<AudioFrame> split_adts(const std::vector<uint8_t>& adts, AdtsHeader& first) {
-  std::vector<AudioFrame> frames;
-  std::size_t pos = 0;
-  AdtsHeader header;
-  while (pos < adts.size() && parse_adts(adts.data() + pos, adts.size() - pos, header)) {
-    if (frames.empty()) first = header;
-    frames.push_back({adts.data() + pos, header.frame_length});
-    pos += header.frame_length;
-  }
-  EXPECT_EQ(pos, adts.size()) << "ADTS stream has bytes that are not frames";
-  return frames;
-}
-
-struct FileWriter {
-  std::string client;
-  std::vector<uint8_t> scratch;
-
-  // Runs fn(client, buffer, &length, args...) into a buffer of `capacity`
-  // bytes and returns what it wrote, or nothing (and a test failure) when it
-  // fails.
-  template <typename Fn, typename... Args>
-  std::vector<uint8_t> produce(const char* what, std::size_t capacity, Fn fn, Args... args) {
-    scratch.assign(capacity, 0);
-    int32_t length = -1;
-    if (!fn(client.c_str(), scratch.data(), &length, args...)) {
-      ADD_FAILURE() << what << " failed with 0x" << std::hex << Boxlane_GetLastError(nullptr);
-      return {};
-    }
-    if (length < 0 || static_cast<std::size_t>(length) > capacity) {
-      ADD_FAILURE() << what << " reported " << length << " bytes for a buffer of " << capacity;
-      return {};
-    }
-    return {scratch.begin(), scratch.begin() + length};
-  }
-
-  std::vector<uint8_t> container(const char* type, std::initializer_list<std::vector<uint8_t>> children) {
-    std::vector<uint8_t> payload;
-    for (const auto& child : children) payload.insert(payload.end(), child.begin(), child.end());
-    return produce(type, payload.size() + 8, Boxlane_Packet_HDRBox, type, payload.data(), int32_t(payload.size()));
-  }
-
+struct FileWriter : Mp4BoxWriter {
   // trak[tkhd, edts, mdia[mdhd, hdlr, minf[vmhd or smhd, dinf, stbl]]], made
   // in file order: the avc1 entry takes the picture size from the latest
   // track header. Only video has a
@@ -129,18 +51,59 @@ void append(std::vector<uint8_t>& to, const std::vector<uint8_t>& bytes) { to.in
 
 }  // namespace
 
+std::vector<uint8_t> Mp4BoxWriter::container(const char* type, std::initializer_list<std::vector<uint8_t>> children) {
+  std::vector<uint8_t> payload;
+  for (const auto& child : children) payload.insert(payload.end(), child.begin(), child.end());
+  return produce(type, payload.size() + 8, Boxlane_Packet_HDRBox, type, payload.data(), int32_t(payload.size()));
+}
+
+// With one slice per picture, an access unit is whatever precedes its slice
+// (AUD, SEI) and the slice itself.
+SplitVideo split_access_units(const std::vector<uint8_t>& annexb) {
+  SplitVideo out;
+  SplitAccessUnit current;
+  AnnexBSplitter splitter(annexb.data(), annexb.size());
+  for (NalUnit nal; splitter.next(nal);) {
+    const uint8_t type = nal.type();
+    if (nal.size == 0) continue;
+    if (type == 7 || type == 8) {
+      auto& kept = type == 7 ? out.sps : out.pps;
+      if (kept.empty()) kept.assign(nal.data, nal.data + nal.size);
+      continue;
+    }
+    current.nalus.push_back(nal.data);
+    current.lengths.push_back(static_cast<int32_t>(nal.size));
+    current.key = type == 5;
+    if (type == 1 || type == 5) out.units.push_back(std::exchange(current, {}));
+  }
+  return out;
+}
+
+std::vector<SplitAudioFrame> split_adts(const std::vector<uint8_t>& adts, AdtsHeader& first) {
+  std::vector<SplitAudioFrame> frames;
+  std::size_t pos = 0;
+  AdtsHeader header;
+  while (pos < adts.size() && parse_adts(adts.data() + pos, adts.size() - pos, header)) {
+    if (frames.empty()) first = header;
+    frames.push_back({adts.data() + pos, header.frame_length});
+    pos += header.frame_length;
+  }
+  EXPECT_EQ(pos, adts.size()) << "ADTS stream has bytes that are not frames";
+  return frames;
+}
+
 Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, const Mp4AudioInput* audio) {
   Mp4WriteResult result;
   if (!Boxlane_Packet_Insert(client.c_str())) {
     ADD_FAILURE() << "Insert failed";
     return result;
   }
-  FileWriter writer{client, {}};
+  FileWriter writer{{client, {}}};
   auto& file = result.file;
 
   const SplitVideo split = video ? split_access_units(video->annexb) : SplitVideo{};
   AdtsHeader audio_header;
-  const auto audio_frames = audio ? split_adts(audio->adts, audio_header) : std::vector<AudioFrame>{};
+  const auto audio_frames = audio ? split_adts(audio->adts, audio_header) : std::vector<SplitAudioFrame>{};
 
   // One time scale for the movie and both media: the audio sample rate makes
   // every AAC frame 1024 ticks, and 44100 and 48000 are whole multiples of 30 fps.
@@ -175,7 +138,7 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
                             (v < split.units.size() && int64_t(v) * frame_ticks <= int64_t(a) * kAacFrameSamples);
     const auto position = static_cast<int64_t>(file.size());
     if (take_video) {
-      const AccessUnit& unit = split.units[v];
+      const SplitAccessUnit& unit = split.units[v];
       uint32_t size = 0;
       for (const int32_t length : unit.lengths) size += 4 + static_cast<uint32_t>(length);
       const int offset = offsets.empty() ? 0 : offsets[v];
@@ -186,7 +149,7 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
       result.video_keys.push_back(unit.key);
       ++v;
     } else {
-      const AudioFrame& frame = audio_frames[a];
+      const SplitAudioFrame& frame = audio_frames[a];
       const auto bytes = writer.produce("FrameAudio", static_cast<std::size_t>(frame.size), Boxlane_Packet_FrameAudio,
                                         frame.data, frame.size, position, kAacFrameSamples);
       append(file, bytes);
