@@ -150,6 +150,7 @@ TEST(Mux, BrokenInputFailsAndLeavesNoFile) {
       {"--video " + shell_quote(src.video) + " --audio " + shell_quote(dir + "lost.aac"), "sync lost"},
       {"--video " + shell_quote(src.video) + " --fps 0", "--fps"},
       {"--video " + shell_quote(src.video) + " --timescale 20", "too coarse"},
+      {"--video " + shell_quote(src.video) + " --fps 1/100000 --timescale 90000", "too fine"},
       {"--video " + shell_quote(src.video) + " --bogus", "unknown option"},
       {"", "give --video, --audio or both"},
   };
@@ -169,6 +170,53 @@ TEST(Mux, BrokenInputFailsAndLeavesNoFile) {
   EXPECT_NE(unwritable.output.find("cannot write"), std::string::npos);
   for (const auto& entry : fs::directory_iterator(dir))
     EXPECT_EQ(entry.path().filename().string().find(".boxlane-"), std::string::npos) << entry.path();
+}
+
+// Three seconds on a clock of 1.92 GHz pass 2^32 ticks: the movie, track and
+// media headers and the edit list take their 64-bit form, and FFmpeg reads
+// the same durations and times from them as from a file on a 48 kHz clock.
+TEST(Mux, DurationsPastTwoToThe32TicksGetVersionOneHeaders) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const std::string dir = temp_dir() + "/";
+  const Source src{dir + "in.h264", dir + "in.aac"};
+  ASSERT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=160x120:rate=30:duration=3 -map 0:v -c:v libx264 -preset veryfast "
+                   "-pix_fmt yuv420p -bf 2 -f h264 " + shell_quote(src.video) +
+                   " -f lavfi -i sine=frequency=330:sample_rate=48000:duration=3 -map 1:a -c:a aac -ac 2 -f adts " +
+                   shell_quote(src.audio)), 0);
+  const auto durations = [](const std::string& file) {
+    std::string text;
+    run("ffprobe -v error -show_entries format=duration:stream=duration,start_time -of csv=p=0 " + shell_quote(file), &text);
+    return text;
+  };
+  const std::string inputs = "--video " + shell_quote(src.video) + " --audio " + shell_quote(src.audio) + " -q ";
+  ASSERT_EQ(mux(inputs + "-o " + shell_quote(dir + "short.mp4")).status, 0);
+  const std::string expected = durations(dir + "short.mp4");
+  EXPECT_NE(expected.find("3.000000"), std::string::npos) << expected;  // the video track
+
+  for (const std::string options : {"", "--faststart "}) {
+    SCOPED_TRACE(options);
+    const std::string out = dir + "long.mp4";
+    ASSERT_EQ(mux(inputs + options + "--timescale 1920000000 -o " + shell_quote(out)).status, 0);
+    expect_decodes_like(out, src.video, src.audio);
+    EXPECT_EQ(durations(out), expected);
+    const auto packets = probe_packets(out, 'v');
+    ASSERT_EQ(packets.size(), 90u);
+    EXPECT_NEAR(packets.back().dts, 89 / 30.0 - 2 / 30.0, 1e-9);  // decoding starts two frames early
+
+    const auto file = read_file(out);
+    const auto boxes = top_boxes(file);
+    const auto moov = std::find_if(boxes.begin(), boxes.end(), [](const TopBox& b) { return b.type == "moov"; });
+    ASSERT_NE(moov, boxes.end());
+    const std::string header(file.begin() + moov->offset, file.begin() + moov->offset + moov->size);
+    for (const char* type : {"mvhd", "tkhd", "mdhd", "elst"}) {
+      std::size_t found = 0;
+      for (std::size_t at = header.find(type); at != std::string::npos; at = header.find(type, at + 4)) {
+        EXPECT_EQ(header[at + 4], 1) << type << " at " << at << " is not version 1";
+        ++found;
+      }
+      EXPECT_EQ(found, std::string(type) == "mvhd" || std::string(type) == "elst" ? 1u : 2u) << type;
+    }
+  }
 }
 
 TEST(Mux, FieldPairsBecomeOneSampleEach) {

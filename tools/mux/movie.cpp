@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -55,25 +56,46 @@ uint32_t runs_of(uint64_t count, const Clock& clock) {
   return runs;
 }
 
+// The size of a header box whose duration may need version 1: the writer
+// switches once the value passes the 32-bit field (ISO/IEC 14496-12 §8.2.2).
+constexpr uint32_t sized_for(uint64_t duration, uint32_t version0, uint32_t version1) {
+  return duration > UINT32_MAX ? version1 : version0;
+}
+
+// A track's chunk offset table: one offset per sample, 32-bit (stco) until
+// one of them reaches 2^32, then 64-bit (co64, ISO/IEC 14496-12 §8.7.5).
+struct OffsetPlan {
+  uint64_t samples = 0;
+  bool wide = false;
+  uint64_t size() const { return 16 + (wide ? 8 : 4) * samples; }
+};
+
 // Every box of moov with its size, known from the counts before any sample
 // is written.
 struct MoovPlan {
   uint64_t file_size = 0;  // ftyp, moov, mdat header and payload
+  uint64_t payload = 0;    // the samples in mdat
+  uint32_t mdat_header = kBoxHeader;  // 16 with a 64-bit size
+  uint32_t mvhd = 108;
   // video
-  uint32_t v_stsd = 0, v_stts = 0, v_ctts = 0, v_stss = 0, v_stsz = 0, v_stco = 0, v_edts = 0;
+  uint32_t v_tkhd = 92, v_mdhd = 32;
+  uint32_t v_stsd = 0, v_stts = 0, v_ctts = 0, v_stss = 0, v_stsz = 0, v_edts = 0;
+  OffsetPlan v_stco;
   // audio
-  uint32_t a_stsd = 0, a_stts = 0, a_stsz = 0, a_stco = 0;
+  uint32_t a_tkhd = 92, a_mdhd = 32;
+  uint32_t a_stsd = 0, a_stts = 0, a_stsz = 0;
+  OffsetPlan a_stco;
 
-  uint64_t v_stbl() const { return kBoxHeader + v_stsd + v_stts + v_ctts + v_stss + 28 + v_stsz + v_stco; }
+  uint64_t v_stbl() const { return kBoxHeader + v_stsd + v_stts + v_ctts + v_stss + 28 + v_stsz + v_stco.size(); }
   uint64_t v_minf() const { return kBoxHeader + 20 + 36 + v_stbl(); }
-  uint64_t v_mdia() const { return kBoxHeader + 32 + 45 + v_minf(); }
-  uint64_t v_trak() const { return kBoxHeader + 92 + v_edts + v_mdia(); }
-  uint64_t a_stbl() const { return kBoxHeader + a_stsd + a_stts + 28 + a_stsz + a_stco; }
+  uint64_t v_mdia() const { return kBoxHeader + v_mdhd + 45 + v_minf(); }
+  uint64_t v_trak() const { return kBoxHeader + v_tkhd + v_edts + v_mdia(); }
+  uint64_t a_stbl() const { return kBoxHeader + a_stsd + a_stts + 28 + a_stsz + a_stco.size(); }
   uint64_t a_minf() const { return kBoxHeader + 16 + 36 + a_stbl(); }
-  uint64_t a_mdia() const { return kBoxHeader + 32 + 45 + a_minf(); }
-  uint64_t a_trak() const { return kBoxHeader + 92 + a_mdia(); }
+  uint64_t a_mdia() const { return kBoxHeader + a_mdhd + 45 + a_minf(); }
+  uint64_t a_trak() const { return kBoxHeader + a_tkhd + a_mdia(); }
   bool video = false, audio = false;
-  uint64_t moov() const { return kBoxHeader + 108 + (video ? v_trak() : 0) + (audio ? a_trak() : 0); }
+  uint64_t moov() const { return kBoxHeader + mvhd + (video ? v_trak() : 0) + (audio ? a_trak() : 0); }
 };
 
 // Appends the writer's boxes to one buffer, checking each against its
@@ -131,14 +153,22 @@ class MovieWriter {
       out.advance(plan_.moov());
     }
     const uint64_t mdat_at = out.position();
-    box_to(out, "mdat header", kBoxHeader, [&](uint8_t* p, int32_t* len) {
-      return Boxlane_Packet_HDRBox(client_.name(), p, len, "mdat", nullptr, 0);
-    });
+    box_to(out, "mdat header", plan_.mdat_header, [&](uint8_t* p, int32_t* len) { return mdat_header(p, len, 0); });
     write_samples(out);
-    const uint64_t mdat_size = out.position() - mdat_at;
-    const uint8_t size_field[4] = {static_cast<uint8_t>(mdat_size >> 24), static_cast<uint8_t>(mdat_size >> 16),
-                                   static_cast<uint8_t>(mdat_size >> 8), static_cast<uint8_t>(mdat_size)};
-    out.patch(mdat_at, size_field, sizeof size_field);
+    const uint64_t payload = out.position() - mdat_at - plan_.mdat_header;
+    if (payload != plan_.payload) throw ToolError("internal: the samples took other room than planned");
+    if (plan_.mdat_header == kBoxHeader) {
+      // HDRBox takes a signed 32-bit length; the size field holds up to 4 GiB.
+      const uint64_t mdat_size = kBoxHeader + payload;
+      const uint8_t size_field[4] = {static_cast<uint8_t>(mdat_size >> 24), static_cast<uint8_t>(mdat_size >> 16),
+                                     static_cast<uint8_t>(mdat_size >> 8), static_cast<uint8_t>(mdat_size)};
+      out.patch(mdat_at, size_field, sizeof size_field);
+    } else {
+      uint8_t header[16];
+      int32_t len = 0;
+      if (!mdat_header(header, &len, payload) || len != 16) refused("the mdat header");
+      out.patch(mdat_at, header, sizeof header);
+    }
 
     MoovBuilder moov(client_.name(), plan_.moov());
     build_moov(moov);
@@ -166,6 +196,12 @@ class MovieWriter {
     out.advance(static_cast<std::size_t>(len));
   }
 
+  // A 32-bit mdat header while the box fits 4 GiB, else the 64-bit form.
+  bool mdat_header(uint8_t* p, int32_t* len, uint64_t payload) {
+    if (plan_.mdat_header == kBoxHeader) return Boxlane_Packet_HDRBox(client_.name(), p, len, "mdat", nullptr, 0);
+    return Boxlane_Packet_HDRBox64(client_.name(), p, len, "mdat", payload);
+  }
+
   uint64_t video_count() const { return v_ ? v_->units.size() : 0; }
   uint64_t audio_count() const { return a_ ? a_->frames.size() : 0; }
   uint64_t audio_duration() const { return a_ ? timing_.audio.at(audio_count()) : 0; }
@@ -187,12 +223,10 @@ class MovieWriter {
         }
         vt_.shift = static_cast<uint32_t>(lead + 1);
       }
-      t.video_units = v_->units.size() + vt_.shift;
     }
     if (a_) {
       t.audio = true;
       t.sample_rate = a_->config.sample_rate;
-      t.audio_frames = a_->frames.size();
     }
     timing_ = choose_timing(t);
     if (v_) {
@@ -226,8 +260,12 @@ class MovieWriter {
       const uint64_t keys = std::count_if(v_->units.begin(), v_->units.end(), [](const AccessUnit& u) { return u.key; });
       plan_.v_stss = checked32(16 + 4 * keys, "stss");
       plan_.v_stsz = checked32(20 + 4 * n, "stsz");
-      plan_.v_stco = checked32(16 + 4 * n, "stco");
-      plan_.v_edts = vt_.shift ? 36 : 0;
+      plan_.v_stco.samples = n;
+      plan_.v_tkhd = sized_for(vt_.presentation, 92, 104);
+      plan_.v_mdhd = sized_for(vt_.media_duration, 32, 44);
+      if (vt_.shift) {
+        plan_.v_edts = vt_.presentation > UINT32_MAX || timing_.video.at(vt_.shift) > INT32_MAX ? 44 : 36;
+      }
     }
     if (a_) {
       plan_.audio = true;
@@ -235,17 +273,53 @@ class MovieWriter {
       plan_.a_stsd = 88 + 1 + 2;
       plan_.a_stts = checked32(16 + 8 * uint64_t{runs_of(m, timing_.audio)}, "stts");
       plan_.a_stsz = checked32(20 + 4 * m, "stsz");
-      plan_.a_stco = checked32(16 + 4 * m, "stco");
+      plan_.a_stco.samples = m;
+      plan_.a_tkhd = sized_for(audio_duration(), 92, 104);
+      plan_.a_mdhd = sized_for(audio_duration(), 32, 44);
     }
+    plan_.mvhd = sized_for(std::max(vt_.presentation, audio_duration()), 108, 120);
+    plan_.payload = (v_ ? v_->payload_bytes : 0) + (a_ ? a_->payload_bytes : 0);
+    plan_.mdat_header = kBoxHeader + plan_.payload > UINT32_MAX ? 16 : kBoxHeader;
+    plan_offsets();
     checked32(plan_.moov(), "moov");
-    // stco and the mdat size field are 32-bit: every byte must lie below 4 GiB.
-    const uint64_t payload = (v_ ? v_->payload_bytes : 0) + (a_ ? a_->payload_bytes : 0);
-    const uint64_t total = kFtypSize + plan_.moov() + kBoxHeader + payload;
-    plan_.file_size = total;
-    if (total > UINT32_MAX) {
-      throw ToolError("the output would be " + std::to_string(total >> 20) +
-                     " MiB; files over 4 GiB need 64-bit chunk offsets, which this writer does not produce. "
-                     "Split the input.");
+    plan_.file_size = kFtypSize + plan_.moov() + plan_.mdat_header + plan_.payload;
+  }
+
+  // Chooses stco or co64 for each track from where its last sample starts.
+  // With the moov first, co64 makes the moov 4 bytes a sample larger and so
+  // moves every sample further: the choice is repeated until it holds. Tables
+  // only ever widen, so this ends after at most one round per track.
+  void plan_offsets() {
+    if (kFtypSize + plan_.moov() + plan_.mdat_header + plan_.payload <= UINT32_MAX) return;  // every offset fits
+    uint64_t at = 0, last_video = 0, last_audio = 0;  // in the mdat payload
+    interleave([&](bool video, uint64_t i) {
+      (video ? last_video : last_audio) = at;
+      at += video ? v_->units[i].sample_size : a_->frames[i].size - a_->frames[i].header_size;
+    });
+    for (;;) {
+      const uint64_t payload_at = kFtypSize + (in_.faststart ? plan_.moov() : 0) + plan_.mdat_header;
+      const bool video_wide = v_ && payload_at + last_video > UINT32_MAX;
+      const bool audio_wide = a_ && payload_at + last_audio > UINT32_MAX;
+      if (video_wide == plan_.v_stco.wide && audio_wide == plan_.a_stco.wide) return;
+      plan_.v_stco.wide = video_wide;
+      plan_.a_stco.wide = audio_wide;
+    }
+  }
+
+  // Calls take(is_video, index) for every sample in file order: by decoding
+  // time on the movie clock, where video starts at -shift and audio at 0.
+  template <typename Take>
+  void interleave(Take&& take) const {
+    const uint64_t nv = video_count();
+    const uint64_t na = audio_count();
+    const uint64_t video_lead = v_ ? timing_.video.at(vt_.shift) : 0;
+    uint64_t iv = 0, ia = 0;
+    while (iv < nv || ia < na) {
+      if (iv < nv && (ia >= na || timing_.video.at(iv) < timing_.audio.at(ia) + video_lead)) {
+        take(true, iv++);
+      } else {
+        take(false, ia++);
+      }
     }
   }
 
@@ -254,20 +328,15 @@ class MovieWriter {
   }
 
   void write_samples(OutputFile& out) {
-    const uint64_t nv = video_count();
-    const uint64_t na = audio_count();
     std::vector<const uint8_t*> nal_ptrs(v_ ? v_->max_nals_per_unit : 0);
     std::vector<int32_t> nal_lens(nal_ptrs.size());
-    // Video decoding times on the movie clock start at -shift, audio at 0.
-    const uint64_t video_lead = v_ ? timing_.video.at(vt_.shift) : 0;
-    uint64_t iv = 0, ia = 0;
-    const uint64_t total = nv + na;
-    for (uint64_t done = 0; iv < nv || ia < na; ++done) {
+    const uint64_t total = video_count() + audio_count();
+    uint64_t done = 0;
+    interleave([&](bool video, uint64_t i) {
       if (in_.progress && (done & 1023) == 0) in_.progress(done, total);
-      const bool take_video =
-          iv < nv && (ia >= na || timing_.video.at(iv) < timing_.audio.at(ia) + video_lead);
-      if (take_video) {
-        const AccessUnit& u = v_->units[iv];
+      ++done;
+      if (video) {
+        const AccessUnit& u = v_->units[i];
         for (uint32_t k = 0; k < u.nal_count; ++k) {
           const SampleNal& nal = v_->nals[u.first_nal + k];
           nal_ptrs[k] = nal.data;
@@ -278,29 +347,27 @@ class MovieWriter {
         int32_t len = 0;
         if (!Boxlane_Packet_FrameAccessUnit(client_.name(), dst, &len, nal_ptrs.data(), nal_lens.data(),
                                             static_cast<int32_t>(u.nal_count), pos, u.key ? 1 : 0,
-                                            static_cast<int32_t>(timing_.video.duration(iv)),
-                                            static_cast<int32_t>(offset(iv)))) {
+                                            static_cast<int32_t>(timing_.video.duration(i)),
+                                            static_cast<int32_t>(offset(i)))) {
           refused("a video access unit");
         }
         if (static_cast<uint64_t>(len) != u.sample_size) throw ToolError("internal: video sample size changed");
         out.advance(u.sample_size);
         if (in_.video_read) in_.video_read(nal_ptrs[0]);
-        ++iv;
       } else {
-        const AudioFrame& f = a_->frames[ia];
+        const AudioFrame& f = a_->frames[i];
         const int64_t pos = static_cast<int64_t>(out.position());
         uint8_t* dst = out.reserve(f.size);
         int32_t len = 0;
         if (!Boxlane_Packet_FrameAudio(client_.name(), dst, &len, f.data, static_cast<int32_t>(f.size), pos,
-                                       static_cast<int32_t>(timing_.audio.duration(ia)))) {
+                                       static_cast<int32_t>(timing_.audio.duration(i)))) {
           refused("an audio frame");
         }
         if (static_cast<uint32_t>(len) != f.size - f.header_size) throw ToolError("internal: audio sample size changed");
         out.advance(static_cast<std::size_t>(len));
         if (in_.audio_read) in_.audio_read(f.data);
-        ++ia;
       }
-    }
+    });
     if (in_.progress) in_.progress(total, total);
   }
 
@@ -308,8 +375,8 @@ class MovieWriter {
     const char* c = client_.name();
     m.container("moov", plan_.moov() - kBoxHeader);
     const uint64_t duration = std::max(vt_.presentation, audio_duration());
-    m.box("mvhd", 108, [&](uint8_t* p, int32_t* len) {
-      return Boxlane_Packet_MVhd(c, p, len, static_cast<int32_t>(duration), static_cast<int32_t>(timing_.timescale));
+    m.box("mvhd", plan_.mvhd, [&](uint8_t* p, int32_t* len) {
+      return Boxlane_Packet_MVhd64(c, p, len, duration, static_cast<int32_t>(timing_.timescale));
     });
     if (v_) build_video_trak(m);
     if (a_) build_audio_trak(m);
@@ -318,19 +385,18 @@ class MovieWriter {
   void build_video_trak(MoovBuilder& m) {
     const char* c = client_.name();
     m.container("trak", plan_.v_trak() - kBoxHeader);
-    m.box("tkhd", 92, [&](uint8_t* p, int32_t* len) {
-      return Boxlane_Packet_TKhd(c, p, len, 0, static_cast<int32_t>(v_->width), static_cast<int32_t>(v_->height),
-                                 static_cast<int32_t>(vt_.presentation));
+    m.box("tkhd", plan_.v_tkhd, [&](uint8_t* p, int32_t* len) {
+      return Boxlane_Packet_TKhd64(c, p, len, 0, static_cast<int32_t>(v_->width), static_cast<int32_t>(v_->height),
+                                   vt_.presentation);
     });
     if (plan_.v_edts) {
       m.box("edts", plan_.v_edts, [&](uint8_t* p, int32_t* len) {
-        return Boxlane_Packet_EDts(c, p, len, static_cast<uint32_t>(vt_.presentation),
-                                   static_cast<int32_t>(timing_.video.at(vt_.shift)));
+        return Boxlane_Packet_EDts64(c, p, len, vt_.presentation, static_cast<int64_t>(timing_.video.at(vt_.shift)));
       });
     }
     m.container("mdia", plan_.v_mdia() - kBoxHeader);
-    m.box("mdhd", 32, [&](uint8_t* p, int32_t* len) {
-      return Boxlane_Packet_MDhdEx(c, p, len, kLanguageUndetermined, static_cast<uint32_t>(vt_.media_duration));
+    m.box("mdhd", plan_.v_mdhd, [&](uint8_t* p, int32_t* len) {
+      return Boxlane_Packet_MDhd64(c, p, len, kLanguageUndetermined, vt_.media_duration);
     });
     m.box("hdlr", 45, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_HDlr(c, p, len, 0); });
     m.container("minf", plan_.v_minf() - kBoxHeader);
@@ -346,19 +412,20 @@ class MovieWriter {
     m.box("stss", plan_.v_stss, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STss(c, p, len); });
     m.box("the video stsc", 28, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsc(c, p, len); });
     m.box("the video stsz", plan_.v_stsz, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsz(c, p, len, true); });
-    m.box("the video stco", plan_.v_stco, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STco(c, p, len, true); });
+    m.box("the video chunk offsets", plan_.v_stco.size(),
+          [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STco64(c, p, len, true, 0); });
   }
 
   void build_audio_trak(MoovBuilder& m) {
     const char* c = client_.name();
     const uint64_t duration = audio_duration();
     m.container("trak", plan_.a_trak() - kBoxHeader);
-    m.box("tkhd", 92, [&](uint8_t* p, int32_t* len) {
-      return Boxlane_Packet_TKhd(c, p, len, 0x0100, 0, 0, static_cast<int32_t>(duration));
+    m.box("tkhd", plan_.a_tkhd, [&](uint8_t* p, int32_t* len) {
+      return Boxlane_Packet_TKhd64(c, p, len, 0x0100, 0, 0, duration);
     });
     m.container("mdia", plan_.a_mdia() - kBoxHeader);
-    m.box("mdhd", 32, [&](uint8_t* p, int32_t* len) {
-      return Boxlane_Packet_MDhdEx(c, p, len, kLanguageUndetermined, static_cast<uint32_t>(duration));
+    m.box("mdhd", plan_.a_mdhd, [&](uint8_t* p, int32_t* len) {
+      return Boxlane_Packet_MDhd64(c, p, len, kLanguageUndetermined, duration);
     });
     m.box("hdlr", 45, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_HDlr(c, p, len, 1); });
     m.container("minf", plan_.a_minf() - kBoxHeader);
@@ -380,7 +447,8 @@ class MovieWriter {
     m.box("the audio stts", plan_.a_stts, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STts(c, p, len, false); });
     m.box("the audio stsc", 28, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsc(c, p, len); });
     m.box("the audio stsz", plan_.a_stsz, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsz(c, p, len, false); });
-    m.box("the audio stco", plan_.a_stco, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STco(c, p, len, false); });
+    m.box("the audio chunk offsets", plan_.a_stco.size(),
+          [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STco64(c, p, len, false, 0); });
   }
 
   const MovieInput& in_;

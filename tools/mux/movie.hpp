@@ -2,7 +2,9 @@
 // ftyp, the samples into mdat (interleaved by decoding time), then moov
 // built from the writer's boxes. With faststart, moov goes before mdat: its
 // size follows from the sample counts, so the space is reserved first and
-// the samples are given their final positions straight away.
+// the samples are given their final positions straight away. Files of any
+// size: past 4 GiB the mdat gets a 64-bit size and a track whose samples
+// reach 2^32 a co64 table; past 2^32 ticks the headers are version 1.
 #pragma once
 
 #include <cstdint>

@@ -15,7 +15,10 @@ Clock::Clock(uint32_t timescale, uint64_t num, uint64_t den) noexcept : num_(num
 
 namespace {
 
-constexpr uint64_t kMaxTicks = INT32_MAX;  // mvhd and tkhd durations are signed 32-bit here
+// The time scale goes into mvhd and mdhd as a 32-bit field that the writer
+// takes signed, and every sample's duration into the 32-bit stts delta that
+// the frame writers take signed. Movie and track durations are 64-bit.
+constexpr uint64_t kMaxTicks = INT32_MAX;
 
 Timing make(uint32_t timescale, const TimingInput& in) {
   Timing t;
@@ -26,8 +29,8 @@ Timing make(uint32_t timescale, const TimingInput& in) {
 }
 
 bool fits(const Timing& t, const TimingInput& in) {
-  if (in.video && t.video.at(in.video_units) > kMaxTicks) return false;
-  if (in.audio && t.audio.at(in.audio_frames) > kMaxTicks) return false;
+  if (in.video && t.video.longest() > kMaxTicks) return false;
+  if (in.audio && t.audio.longest() > kMaxTicks) return false;
   return true;
 }
 
@@ -41,7 +44,9 @@ Timing choose_timing(const TimingInput& in) {
       throw ToolError("time scale " + std::to_string(ts) + " is too coarse: a frame would last less than one tick");
     }
     Timing t = make(in.forced_timescale, in);
-    if (!fits(t, in)) throw ToolError("the movie is too long for time scale " + std::to_string(in.forced_timescale));
+    if (!fits(t, in)) {
+      throw ToolError("time scale " + std::to_string(ts) + " is too fine: a frame would last more than 2^31 - 1 ticks");
+    }
     return t;
   }
   // The audio sample rate makes every AAC frame 1024 ticks long; 90 kHz is
@@ -56,7 +61,7 @@ Timing choose_timing(const TimingInput& in) {
     Timing t = make(static_cast<uint32_t>(candidate), in);
     if (fits(t, in)) return t;
   }
-  throw ToolError("the movie is too long for the 32-bit durations of this writer");
+  throw ToolError("no time scale gives every frame a duration of at most 2^31 - 1 ticks");
 }
 
 }  // namespace boxlane::tool

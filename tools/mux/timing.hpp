@@ -21,6 +21,8 @@ class Clock {
   uint64_t duration(uint64_t k) const noexcept { return at(k + 1) - at(k); }
   // Every unit lasts the same number of ticks.
   bool exact() const noexcept { return rest_ == 0; }
+  // The duration of the longest unit.
+  uint64_t longest() const noexcept { return whole_ + (rest_ ? 1 : 0); }
 
  private:
   uint64_t whole_ = 0;
@@ -31,10 +33,8 @@ class Clock {
 struct TimingInput {
   bool video = false;
   uint32_t fps_num = 25, fps_den = 1;
-  uint64_t video_units = 0;  // frames plus the composition shift
   bool audio = false;
   uint32_t sample_rate = 0;
-  uint64_t audio_frames = 0;
   uint32_t forced_timescale = 0;  // --timescale, 0 when not given
 };
 
@@ -44,8 +44,9 @@ struct Timing {
   Clock audio;
 };
 
-// Throws ToolError when no time scale keeps the movie's duration within the
-// 32-bit fields of mvhd and tkhd.
+// Throws ToolError when no time scale gives every sample a duration that
+// fits the signed 32-bit stts delta. The movie's length is not limited: past
+// 2^32 ticks the headers are written in their 64-bit form.
 Timing choose_timing(const TimingInput& in);
 
 }  // namespace boxlane::tool
