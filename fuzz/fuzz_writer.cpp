@@ -46,6 +46,16 @@ void write_box(std::size_t capacity, Call&& call) {
   }
 }
 
+// A 64-bit value from the input that is often near the 32-bit limits.
+uint64_t wide(Input& in) {
+  const uint8_t shape = in.u8();
+  if (shape & 1) {
+    const uint64_t high = in.u32();
+    return high << 32 | in.u32();
+  }
+  return uint64_t{0xFFFFFFFF} - 64 + (shape >> 1);  // 2^32 - 65 to 2^32 + 62
+}
+
 // ISO/IEC 14496-1 expandable size: bytes needed for n.
 std::size_t descriptor_len_size(std::size_t n) {
   std::size_t bytes = 1;
@@ -128,16 +138,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         write_box(108, [&](uint8_t* b, int32_t* n) {
           return Boxlane_Packet_MVhd(kClient, b, n, static_cast<int32_t>(in.u32()), static_cast<int32_t>(in.u32()));
         });
+        write_box(120, [&](uint8_t* b, int32_t* n) {
+          return Boxlane_Packet_MVhd64(kClient, b, n, wide(in), static_cast<int32_t>(in.u32()));
+        });
         break;
       case 6:
         write_box(92, [&](uint8_t* b, int32_t* n) {
           return Boxlane_Packet_TKhd(kClient, b, n, in.u8() & 1 ? 0x100 : 0, static_cast<int32_t>(in.u32()),
                                      static_cast<int32_t>(in.u32()), static_cast<int32_t>(in.u32()));
         });
+        write_box(104, [&](uint8_t* b, int32_t* n) {
+          return Boxlane_Packet_TKhd64(kClient, b, n, in.u8() & 1 ? 0x100 : 0, static_cast<int32_t>(in.u32()),
+                                       static_cast<int32_t>(in.u32()), wide(in));
+        });
         break;
       case 7:
         write_box(32, [&](uint8_t* b, int32_t* n) { return Boxlane_Packet_MDhd(kClient, b, n, 0x55C4); });
         write_box(32, [&](uint8_t* b, int32_t* n) { return Boxlane_Packet_MDhdEx(kClient, b, n, 0x55C4, in.u32()); });
+        write_box(44, [&](uint8_t* b, int32_t* n) { return Boxlane_Packet_MDhd64(kClient, b, n, 0x55C4, wide(in)); });
         break;
       case 8: {
         const uint8_t type = in.u8();
@@ -152,6 +170,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         write_box(36, [&](uint8_t* b, int32_t* n) {
           return Boxlane_Packet_EDts(kClient, b, n, in.u32(), static_cast<int32_t>(in.u32()));
         });
+        write_box(44, [&](uint8_t* b, int32_t* n) {
+          return Boxlane_Packet_EDts64(kClient, b, n, wide(in), static_cast<int64_t>(wide(in)));
+        });
+        write_box(16, [&](uint8_t* b, int32_t* n) { return Boxlane_Packet_HDRBox64(kClient, b, n, "mdat", wide(in)); });
         break;
       case 10:
       case 11: {
@@ -181,6 +203,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         write_box(16 + 8 * frames, [&](uint8_t* b, int32_t* n) { return Boxlane_Packet_STts(kClient, b, n, video); });
         write_box(20 + 4 * frames, [&](uint8_t* b, int32_t* n) { return Boxlane_Packet_STsz(kClient, b, n, video); });
         write_box(16 + 4 * frames, [&](uint8_t* b, int32_t* n) { return Boxlane_Packet_STco(kClient, b, n, video); });
+        // The size STco64Size announces is exactly what STco64 writes, and
+        // both refuse the same deltas.
+        const int64_t delta = int64_t{static_cast<int32_t>(in.u32())} * (int64_t{1} << (in.u8() % 32));
+        int32_t announced = -1;
+        const bool sized = Boxlane_Packet_STco64Size(kClient, video, delta, &announced);
+        write_box(sized ? static_cast<std::size_t>(announced) : 0, [&](uint8_t* b, int32_t* n) {
+          const bool written = Boxlane_Packet_STco64(kClient, b, n, video, delta);
+          if (written != sized || (written && *n != announced)) std::abort();
+          return written;
+        });
         break;
       }
       case 13:
