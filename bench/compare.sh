@@ -293,4 +293,5 @@ main() {
   say "INFO   index, boxlane_parse_index --queries: wall $QUERIES_SPEED x, in-process $QUERIES_INNER x, peak memory $QUERIES_MEMORY x"
 }
 
-main "$@"
+# Sourced by compare_large.sh for its helpers; run, it compares.
+if [[ ${BASH_SOURCE[0]} == "$0" ]]; then main "$@"; fi
