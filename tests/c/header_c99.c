@@ -47,6 +47,12 @@ int main(void) {
   CHECK(Boxlane_Packet_FTyp("c99", box, &size));
   CHECK(size == 32);
   CHECK(memcmp(box + 4, "ftypisom", 8) == 0);
+  /* The 64-bit forms, through the shared library. */
+  CHECK(Boxlane_Packet_HDRBox64("c99", box, &size, "mdat", UINT64_C(0xFFFFFFF0)));
+  CHECK(size == 16);
+  CHECK(memcmp(box, "\0\0\0\1mdat\0\0\0\1\0\0\0\0", 16) == 0);
+  CHECK(Boxlane_Packet_STco64Size("c99", true, INT64_C(1) << 32, &size));
+  CHECK(size == 16);
   CHECK(!Boxlane_Packet_FTyp("nobody", box, &size));
   CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PACKET_NOTFOUND);
   CHECK(!Boxlane_Packet_STsdHEVC("c99", box, &size, box, 0));
