@@ -7,11 +7,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <vector>
 
 #include "boxlane/boxlane.h"
 #include "tools/common/tool_error.hpp"
 #include "tools/common/output_file.hpp"
+#include "tools/mux/chunk_offsets.hpp"
 #include "tools/mux/video_description.hpp"
 
 namespace boxlane::tool {
@@ -286,9 +288,6 @@ class MovieWriter {
   }
 
   // Chooses stco or co64 for each track from where its last sample starts.
-  // With the moov first, co64 makes the moov 4 bytes a sample larger and so
-  // moves every sample further: the choice is repeated until it holds. Tables
-  // only ever widen, so this ends after at most one round per track.
   void plan_offsets() {
     if (kFtypSize + plan_.moov() + plan_.mdat_header + plan_.payload <= UINT32_MAX) return;  // every offset fits
     uint64_t at = 0, last_video = 0, last_audio = 0;  // in the mdat payload
@@ -296,14 +295,15 @@ class MovieWriter {
       (video ? last_video : last_audio) = at;
       at += video ? v_->units[i].sample_size : a_->frames[i].size - a_->frames[i].header_size;
     });
-    for (;;) {
-      const uint64_t payload_at = kFtypSize + (in_.faststart ? plan_.moov() : 0) + plan_.mdat_header;
-      const bool video_wide = v_ && payload_at + last_video > UINT32_MAX;
-      const bool audio_wide = a_ && payload_at + last_audio > UINT32_MAX;
-      if (video_wide == plan_.v_stco.wide && audio_wide == plan_.a_stco.wide) return;
-      plan_.v_stco.wide = video_wide;
-      plan_.a_stco.wide = audio_wide;
-    }
+    const auto payload_at = [&](OffsetTables tables) {
+      plan_.v_stco.wide = tables.video_wide;
+      plan_.a_stco.wide = tables.audio_wide;
+      return kFtypSize + (in_.faststart ? plan_.moov() : 0) + plan_.mdat_header;
+    };
+    const OffsetTables chosen = choose_offset_tables(payload_at, v_ ? std::optional(last_video) : std::nullopt,
+                                                     a_ ? std::optional(last_audio) : std::nullopt);
+    plan_.v_stco.wide = chosen.video_wide;
+    plan_.a_stco.wide = chosen.audio_wide;
   }
 
   // Calls take(is_video, index) for every sample in file order: by decoding
