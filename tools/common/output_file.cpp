@@ -75,6 +75,12 @@ void OutputFile::write(const uint8_t* data, std::size_t n) {
   advance(n);
 }
 
+void OutputFile::skip(uint64_t n) {
+  flush();
+  if (::lseek(fd_, static_cast<off_t>(n), SEEK_CUR) < 0) throw ToolError("cannot write '" + target_ + "': " + error_text());
+  flushed_ += n;
+}
+
 // The file system reserves the blocks once instead of page by page as the
 // writes arrive (about a tenth of mux's time on ext4). The file keeps its
 // size, so a plan that were ever too large leaves no tail of zeros; where

@@ -24,6 +24,9 @@ class OutputFile {
   uint8_t* reserve(std::size_t n);
   void advance(std::size_t n) noexcept { used_ += n; }
   void write(const uint8_t* data, std::size_t n);
+  // Leaves the next n bytes of the file to be written later with patch(),
+  // without passing them through the buffer.
+  void skip(uint64_t n);
   // Reserves room for a file of `size` bytes, if the file system can.
   void preallocate(uint64_t size) noexcept;
   // File position of the next byte written.

@@ -149,11 +149,10 @@ class MovieWriter {
     out.preallocate(plan_.file_size);
     write_ftyp(out);
     const uint64_t moov_at = out.position();
-    if (in_.faststart) {
-      uint8_t* gap = out.reserve(plan_.moov());
-      std::memset(gap, 0, plan_.moov());
-      out.advance(plan_.moov());
-    }
+    // The moov's room is left unwritten until the moov is known; passed
+    // through the write buffer, it would grow the buffer past the cache for
+    // the rest of the run.
+    if (in_.faststart) out.skip(plan_.moov());
     const uint64_t mdat_at = out.position();
     box_to(out, "mdat header", plan_.mdat_header, [&](uint8_t* p, int32_t* len) { return mdat_header(p, len, 0); });
     write_samples(out);
