@@ -219,6 +219,29 @@ TEST(Mux, DurationsPastTwoToThe32TicksGetVersionOneHeaders) {
   }
 }
 
+// Lossless pictures of noise, over a megabyte each, between small AAC
+// frames: samples larger than the output's write block land whole and in
+// place.
+TEST(Mux, SamplesLargerThanTheWriteBlock) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const std::string dir = temp_dir() + "/";
+  const Source src{dir + "big.h264", dir + "big.aac"};
+  ASSERT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=1280x720:rate=25:duration=0.4,noise=alls=40:allf=t+u -map 0:v "
+                   "-c:v libx264 -preset ultrafast -qp 0 -g 5 -bf 0 -f h264 " + shell_quote(src.video) +
+                   " -f lavfi -i sine=sample_rate=48000:duration=0.4 -map 1:a -c:a aac -f adts " + shell_quote(src.audio)),
+            0);
+  for (const std::string options : {"", "--faststart "}) {
+    SCOPED_TRACE(options);
+    const std::string out = dir + "big.mp4";
+    ASSERT_EQ(mux("--video " + shell_quote(src.video) + " --audio " + shell_quote(src.audio) + " -q " + options + "-o " +
+                  shell_quote(out)).status, 0);
+    expect_decodes_like(out, src.video, src.audio);
+    const auto packets = probe_packets(out, 'v');
+    ASSERT_EQ(packets.size(), 10u);
+    for (const auto& packet : packets) EXPECT_GT(packet.size, 1 << 20);
+  }
+}
+
 TEST(Mux, FieldPairsBecomeOneSampleEach) {
   BOXLANE_REQUIRE_FFMPEG();
   // Made by hand (no encoder here codes separate fields): a 32x32 Main SPS

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -61,11 +62,12 @@ OutputFile::~OutputFile() {
   g_temp_live.store(false);
 }
 
+// A request larger than the block gets a block of its own; once it is
+// written, filling goes back to blocks of kBufferSize, even though the
+// buffer keeps its larger allocation.
 uint8_t* OutputFile::reserve(std::size_t n) {
-  if (buffer_.size() - used_ < n) {
-    flush();
-    if (buffer_.size() < n) buffer_.resize(n);
-  }
+  if (used_ + n > std::max(kBufferSize, n)) flush();
+  if (buffer_.size() < n) buffer_.resize(n);
   return buffer_.data() + used_;
 }
 
