@@ -9,11 +9,13 @@
 #include <ostream>
 
 namespace boxlane::tool {
-namespace {
 
-void PrintTo(const OffsetTables& t, std::ostream* os) {
+// Found by GoogleTest through the type's namespace.
+inline void PrintTo(const OffsetTables& t, std::ostream* os) {
   *os << "video " << (t.video_wide ? "co64" : "stco") << ", audio " << (t.audio_wide ? "co64" : "stco");
 }
+
+namespace {
 
 constexpr uint64_t k4GiB = uint64_t{1} << 32;
 constexpr uint64_t kHeaders = 32 + 16;  // ftyp and a 64-bit mdat header
