@@ -5,6 +5,7 @@
 
 #include "frame/last_error.hpp"
 #include "packet/box_output.hpp"
+#include "packet/fragments.hpp"
 #include "packet/packet_record.hpp"
 #include "platform/be_reader.hpp"
 #include "platform/be_writer.hpp"
@@ -19,6 +20,7 @@ namespace {
 
 using boxlane::BeReader;
 using boxlane::BeWriter;
+using boxlane::packet::FragmentFrame;
 using boxlane::packet::write_box;
 
 // Grows a list ahead of its append. Once every list a frame touches has room,
@@ -49,7 +51,7 @@ struct VideoSample {
 
 // The bookkeeping of one video sample, shared by the single-NAL and the
 // access-unit writers.
-void record_video(QORVANE_MP4PACKET& record, const VideoSample& sample) {
+void record_movie_video(QORVANE_MP4PACKET& record, const VideoSample& sample) {
   make_room_for(record.listVideoSTts, sample.duration);
   if (sample.key == 1) make_room(record.listVideoSTss);
   make_room(record.listVideoSample);
@@ -59,11 +61,23 @@ void record_video(QORVANE_MP4PACKET& record, const VideoSample& sample) {
   if (sample.key == 1) record.listVideoSTss.push_back(record.nVideoCount);
   // Offsets are never merged: each ctts entry describes exactly one sample.
   const uint32_t offset = sample.cts_offset > 0 ? static_cast<uint32_t>(sample.cts_offset) : 0;
-  if (offset) ++record.nVideoCTtsCount;
   record.listVideoSample.push_back({sample.size, offset, sample.position});
 }
 
-void record_audio(QORVANE_MP4PACKET& record, uint32_t size, int64_t position, int duration) {
+// A client in fragment mode keeps the sample for its pending fragment only.
+[[nodiscard]] bool record_video(QORVANE_MP4PACKET& record, const VideoSample& sample) {
+  if (record.bFragments) {
+    return boxlane::packet::add_fragment_sample(*record.pFragments, FragmentFrame{BOXLANE_FRAGMENTS::kVideo, sample.size,
+                                                                 sample.duration, sample.cts_offset, sample.key == 1});
+  }
+  record_movie_video(record, sample);
+  return true;
+}
+
+[[nodiscard]] bool record_audio(QORVANE_MP4PACKET& record, uint32_t size, int64_t position, int duration) {
+  if (record.bFragments) {
+    return boxlane::packet::add_fragment_sample(*record.pFragments, FragmentFrame{BOXLANE_FRAGMENTS::kAudio, size, duration, 0, true});
+  }
   make_room_for(record.listAudioSTts, duration);
   make_room(record.listAudioSize);
   make_room(record.listAudioOffset);
@@ -71,6 +85,7 @@ void record_audio(QORVANE_MP4PACKET& record, uint32_t size, int64_t position, in
   add_duration(record.listAudioSTts, duration);
   record.listAudioSize.push_back(size);
   record.listAudioOffset.push_back(position);
+  return true;
 }
 
 // The ADTS header length the frame starts with, 0 without one, or -1 when
@@ -93,7 +108,8 @@ bool CBoxlane_Packet::Boxlane_Packet_FrameVideo(const char* lpszClient, uint8_t*
                                                 int nKeyFrame, int nDuration, int nCTSOffset) {
   return write_box(*this, lpszClient, ptszMsgBuffer, pInt_MsgLen, [&](QORVANE_MP4PACKET& record, BeWriter& out) {
     if (!lpszFrame || nFrameLen < 4) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
-    record_video(record, {static_cast<uint32_t>(nFrameLen), nFilePos, nKeyFrame, nDuration, nCTSOffset});
+    if (!record_video(record, {static_cast<uint32_t>(nFrameLen), nFilePos, nKeyFrame, nDuration, nCTSOffset}))
+      return false;
     BeReader frame(lpszFrame, static_cast<std::size_t>(nFrameLen));
     // The start code is replaced unseen by the NAL length (ISO/IEC 14496-15
     // §5.3.2: lengthSizeMinusOne 3 in the avcC we write).
@@ -118,7 +134,7 @@ bool CBoxlane_Packet::Boxlane_Packet_FrameAccessUnit(const char* lpszClient, uin
       total += 4 + int64_t{lengths[i]};
       if (total > INT_MAX) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
     }
-    record_video(record, {static_cast<uint32_t>(total), nFilePos, nKeyFrame, nDuration, nCTSOffset});
+    if (!record_video(record, {static_cast<uint32_t>(total), nFilePos, nKeyFrame, nDuration, nCTSOffset})) return false;
     for (std::size_t i = 0; i < nalus.size(); ++i) {
       out.u32(static_cast<uint32_t>(lengths[i]));
       out.bytes(nalus[i], static_cast<std::size_t>(lengths[i]));
@@ -136,7 +152,7 @@ bool CBoxlane_Packet::Boxlane_Packet_FrameAudio(const char* lpszClient, uint8_t*
     if (header_length < 0) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
     BeReader frame(lpszFrame, static_cast<std::size_t>(nFrameLen));
     frame.skip(static_cast<uint64_t>(header_length));
-    record_audio(record, static_cast<uint32_t>(frame.remaining()), nFilePos, nDuration);
+    if (!record_audio(record, static_cast<uint32_t>(frame.remaining()), nFilePos, nDuration)) return false;
     out.bytes(frame.current(), frame.remaining());
     return true;
   });

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 // A run of equal values: sample count, then the value (stts).
@@ -50,14 +51,62 @@ struct BOXLANE_VIDEOSAMPLE {
   int64_t nPosition;    // file position of the sample
 };
 
+// One sample waiting for its fragment (ISO/IEC 14496-12 §8.8), in the order
+// the frames were handed in, which is the order of their bytes in the mdat.
+struct BOXLANE_FRAGMENTSAMPLE {
+  uint32_t nSize;
+  uint32_t nDuration;
+  int32_t nCTsOffset;  // signed: trun version 1
+  uint8_t byTrack;     // 0 video, 1 audio
+  uint8_t bSync;
+  uint16_t wReserved;
+};
+
+// Where a fragment of a track can be entered: the first sync sample of the
+// track in that fragment (a tfra entry, ISO/IEC 14496-12 §8.8.10).
+struct BOXLANE_RANDOMACCESS {
+  uint64_t nTime;        // presentation time of the sample
+  uint64_t nMoofOffset;  // file position of its moof
+  uint32_t nTrafNumber;  // 1-based, within the moof
+  uint32_t nTrunNumber;  // 1-based, within the traf
+  uint32_t nSampleNumber;  // 1-based, within the trun
+};
+
+struct BOXLANE_FRAGMENTTRACK {
+  uint32_t nTrackID = 0;  // 0: the client has no such track
+  uint64_t nDecodeTime = 0;  // of the first sample of the next fragment
+  // The pending fragment: its samples of this track, the trun boxes they
+  // need (one per stretch not interrupted by the other track), and whether
+  // any has a composition offset.
+  uint32_t nSamples = 0;
+  uint32_t nRuns = 0;
+  bool bAnyCTs = false;
+  std::vector<BOXLANE_RANDOMACCESS> listRandomAccess;
+};
+
+// The state of a client in fragment mode. Only the pending fragment's
+// samples are kept; they are dropped when it is written.
+struct BOXLANE_FRAGMENTS {
+  static constexpr int kVideo = 0;
+  static constexpr int kAudio = 1;
+  bool bIndex = false;  // keep the random access index for mfra
+  int32_t nCTSShift = 0;
+  uint32_t nSequence = 0;  // of the last fragment written
+  int nLastTrack = -1;     // track of the last sample pending, -1: none
+  uint64_t nPayload = 0;   // bytes of the pending samples
+  std::vector<BOXLANE_FRAGMENTSAMPLE> listSample;
+  BOXLANE_FRAGMENTTRACK stTrack[2];
+};
+
 // Laid out by use: the first cache line holds all that a video frame touches
 // but for the rare key frame, the next what an audio frame touches. A frame
 // copy can push every other line out of the L1 cache, so each line a frame
 // writer needs costs a refetch on every call.
 struct alignas(64) QORVANE_MP4PACKET {
   uint32_t nVideoCount = 0;
-  // Frames with a positive composition offset: the entries of ctts.
-  uint32_t nVideoCTtsCount = 0;
+  // Set once Boxlane_Packet_FragmentMode switched the client to fragments;
+  // kept here, in the line every frame reads, rather than beside the state.
+  uint32_t bFragments = 0;
   BOXLANE_RUNS listVideoSTts;
   std::vector<BOXLANE_VIDEOSAMPLE> listVideoSample;
   std::vector<uint32_t> listVideoSTss;
@@ -78,4 +127,5 @@ struct alignas(64) QORVANE_MP4PACKET {
   int32_t nWidth = 0;
   int32_t nHeight = 0;
   uint16_t nVolume = 0;
+  std::unique_ptr<BOXLANE_FRAGMENTS> pFragments;  // set with bFragments
 };

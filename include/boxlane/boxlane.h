@@ -13,6 +13,11 @@
  * Boxlane_Parse_Send per received piece, a worker that waits with
  * Boxlane_Parse_WaitEvent, lists clients with Boxlane_Parse_GetPool and takes
  * one header record per box with Boxlane_Parse_Recv, then the queries.
+ *
+ * Fragment road (ISO/IEC 14496-12 §8.8): Boxlane_Packet_FragmentMode right
+ * after Insert, the init segment (ftyp, then a moov whose sample tables are
+ * empty and which holds Boxlane_Packet_MVex), then per fragment the frames,
+ * Boxlane_Packet_Fragment (moof and mdat header) and the frames' bytes.
  */
 #ifndef BOXLANE_BOXLANE_H
 #define BOXLANE_BOXLANE_H
@@ -48,7 +53,9 @@ extern "C" {
 #define BOXLANE_ERROR_PACKET_MALLOC 0x091B1002    /* per-sample bookkeeping could not grow */
 #define BOXLANE_ERROR_PACKET_NOTFOUND 0x091B1003  /* the client is not in the writer's table */
 #define BOXLANE_ERROR_PACKET_NOTSUPPORT 0x091B1004 /* handler type greater than 4 */
-#define BOXLANE_ERROR_PACKET_NODATA 0x091B1005    /* no composition offset has been recorded */
+#define BOXLANE_ERROR_PACKET_NODATA 0x091B1005    /* no composition offset has been recorded; no sample pending for a fragment */
+#define BOXLANE_ERROR_PACKET_ORDER 0x091B1006     /* not in the client's mode: a fragment call before Boxlane_Packet_FragmentMode, FragmentMode after frames, a frame of a track the fragments do not have */
+#define BOXLANE_ERROR_PACKET_FULL 0x091B1007      /* the pending fragment cannot take this frame: write it with Boxlane_Packet_Fragment first */
 
 /* Task pool (copied unchanged into Boxlane_dwErrorCode by the parser's event
  * functions): 0x0A2E00xx. */
@@ -492,6 +499,76 @@ BOXLANE_API bool Boxlane_Packet_FrameVideo(const char* lpszClient, uint8_t* ptsz
 BOXLANE_API bool Boxlane_Packet_FrameAccessUnit(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const uint8_t* const* pptszNalu, const int32_t* pInt_NaluLen, int32_t nNaluCount, int64_t nFilePos, int32_t nKeyFrame, int32_t nDuration, int32_t nCTSOffset);
 /* One AAC frame; an ADTS header (7 bytes, 9 with CRC) is dropped. */
 BOXLANE_API bool Boxlane_Packet_FrameAudio(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const uint8_t* lpszFrame, int32_t nFrameLen, int64_t nFilePos, int32_t nDuration);
+
+/* -------------------------------------------------------------- fragments */
+
+/* Boxlane_Packet_FragmentMode flag: keep a random access index (about 28
+ * bytes per fragment and track) for Boxlane_Packet_MFra. */
+#define BOXLANE_FRAGMENT_INDEX 1u
+
+/* Switches a client that has not been handed a frame yet to fragments
+ * (ISO/IEC 14496-12 §8.8). nVideoTrackID and nAudioTrackID are the track_IDs
+ * of the moov's tracks (0: no such track; at least one, and not the same).
+ * From then on:
+ * - FrameVideo, FrameAccessUnit and FrameAudio keep each sample only until
+ *   the next Boxlane_Packet_Fragment, which describes it and forgets it: the
+ *   client's memory does not grow with the length of the recording. nFilePos
+ *   is not used; the bytes they return go into the fragment's mdat, in the
+ *   order the frames were handed in. nDuration 0 or less is a duration of 0.
+ * - nCTSOffset is signed: the sample is presented nCTSOffset - nCTSShift
+ *   after it is decoded, which may be negative (trun version 1). A caller
+ *   whose offsets were made positive by a shift D (see FrameVideo) passes
+ *   nCTSShift D, so the first picture is presented at its decode time and
+ *   no edit list is needed; a caller with signed offsets passes 0.
+ * - The sample table writers describe no samples: STts, STss, STsz and STco
+ *   write the empty tables an init segment holds, and CTts fails with
+ *   BOXLANE_ERROR_PACKET_NODATA. The whole recording's tables can no longer
+ *   be asked for.
+ * - A frame of a track given as 0 fails with BOXLANE_ERROR_PACKET_ORDER, and
+ *   one the pending fragment cannot take (moof, mdat header and samples
+ *   would pass 2^31 - 1 bytes) with BOXLANE_ERROR_PACKET_FULL; both change
+ *   nothing.
+ * Fails with BOXLANE_ERROR_PACKET_ORDER after frames or a second time. */
+BOXLANE_API bool Boxlane_Packet_FragmentMode(const char* lpszClient, uint32_t nVideoTrackID, uint32_t nAudioTrackID, int32_t nCTSShift, uint32_t nFlags);
+/* mvex for the init segment's moov: mehd with nDuration (movie time scale
+ * units; version 1 past 32 bits) unless it is 0, then one trex per track,
+ * video first, with sample description 1 and default sample flags
+ * 0x01010000 (video: not a sync sample) or 0x02000000 (audio: sync).
+ * Size: 8, + 16 with mehd (20 past 32 bits), + 32 per track. */
+BOXLANE_API bool Boxlane_Packet_MVex(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, uint64_t nDuration);
+/* Sizes, without changing anything (any pointer may be NULL):
+ * *pInt_HeaderLen: what Boxlane_Packet_Fragment would write now, 0 when no
+ * sample is pending; *pInt_MediaLen: the bytes of the pending samples, the
+ * mdat payload that follows; *pInt_MFraLen: what Boxlane_Packet_MFra would
+ * write (0 without BOXLANE_FRAGMENT_INDEX). The header is 24 bytes + per
+ * track with pending samples 44 + 20 per stretch of its samples that the
+ * other track does not interrupt + per sample 8 (audio), 12 (video) or 16
+ * (video when a pending video sample has a composition offset), + 8. */
+BOXLANE_API bool Boxlane_Packet_FragmentSize(const char* lpszClient, int32_t* pInt_HeaderLen, int64_t* pInt_MediaLen, int32_t* pInt_MFraLen);
+/* The next fragment: a moof describing every sample handed in since the
+ * previous one (mfhd sequence numbers 1, 2, 3, ...; a traf per track with
+ * samples, its tfhd with default-base-is-moof, tfdt version 1 with the
+ * track's decode time, and trun boxes with data offsets, durations, sizes,
+ * composition offsets and, for video, sample flags), then the 8-byte header
+ * of the mdat, whose payload is the samples' bytes in the order they were
+ * handed in: the caller appends them right after. nFilePos is where the
+ * caller puts the moof (kept for the mfra index). Fails with
+ * BOXLANE_ERROR_PACKET_NODATA when no sample is pending. */
+BOXLANE_API bool Boxlane_Packet_Fragment(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, int64_t nFilePos);
+/* styp opening a media segment: brand msdh (20 bytes). */
+BOXLANE_API bool Boxlane_Packet_STyp(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen);
+/* sidx (version 1, 52 bytes) indexing the pending fragment as one
+ * subsegment: call it before Boxlane_Packet_Fragment and put it right
+ * before the moof. It describes the video track when there is one, else
+ * the audio track, in the mvhd time scale; the subsegment starts with a SAP
+ * when that track's first pending sample is a sync sample. Fails with
+ * BOXLANE_ERROR_PACKET_NODATA when that track has no pending sample. */
+BOXLANE_API bool Boxlane_Packet_SIdx(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen);
+/* mfra for the end of a finished file: a tfra (version 1) per track with the
+ * first sync sample of each fragment written so far, then mfro. Needs
+ * BOXLANE_FRAGMENT_INDEX; size from Boxlane_Packet_FragmentSize, or
+ * 24 + per track 24 + 28 per fragment in which it had a sync sample. */
+BOXLANE_API bool Boxlane_Packet_MFra(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen);
 
 #ifdef __cplusplus
 }

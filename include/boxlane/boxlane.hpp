@@ -145,6 +145,15 @@ class BOXLANE_API CBoxlane_Packet {
   bool Boxlane_Packet_FrameAccessUnit(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, const uint8_t* const* pptszNalu, const int* pInt_NaluLen, int nNaluCount, int64_t nFilePos, int nKeyFrame, int nDuration, int nCTSOffset);
   bool Boxlane_Packet_FrameAudio(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, const uint8_t* lpszFrame, int nFrameLen, int64_t nFilePos, int nDuration);
 
+  // Fragments.
+  bool Boxlane_Packet_FragmentMode(const char* lpszClient, uint32_t nVideoTrackID, uint32_t nAudioTrackID, int nCTSShift, uint32_t nFlags);
+  bool Boxlane_Packet_MVex(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, uint64_t nDuration);
+  bool Boxlane_Packet_FragmentSize(const char* lpszClient, int* pInt_HeaderLen, int64_t* pInt_MediaLen, int* pInt_MFraLen);
+  bool Boxlane_Packet_Fragment(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, int64_t nFilePos);
+  bool Boxlane_Packet_STyp(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen);
+  bool Boxlane_Packet_SIdx(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen);
+  bool Boxlane_Packet_MFra(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen);
+
   // Changed, under the exclusive lock, whenever a client is entered or
   // removed, and unique across instances, so that a thread may reuse its last
   // lookup while the table stays as it was. Aligned so that it and the lock,

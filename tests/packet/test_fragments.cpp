@@ -1,0 +1,269 @@
+// The fragment writer against bytes written out by hand from ISO/IEC
+// 14496-12 §8.8 and §8.16: mvex, the moof of each fragment with its mdat
+// header, styp, sidx and mfra; what fragment mode refuses; and that a
+// fragment's samples are forgotten once it is written.
+#include "writer_fixture.hpp"
+
+#include "packet/fragments.hpp"
+
+#include <climits>
+#include <cstdint>
+#include <vector>
+
+namespace boxlane::test {
+namespace {
+
+class FragmentTest : public WriterTest {
+ protected:
+  // Video track 1, audio track 2; offsets handed in are shifted by 3000.
+  void fragments(uint32_t flags = 0, uint32_t video = 1, uint32_t audio = 2) {
+    ASSERT_TRUE(Boxlane_Packet_FragmentMode(client(), video, audio, 3000, flags));
+  }
+  // A video frame of `size` bytes; returns the sample bytes as hex.
+  std::string video(int size, int key, int duration, int cts) {
+    std::vector<uint8_t> frame(static_cast<std::size_t>(size), 0x41);
+    frame[0] = frame[1] = frame[2] = 0;
+    frame[3] = 1;
+    return box(Boxlane_Packet_FrameVideo, frame.data(), size, int64_t{-1}, key, duration, cts);
+  }
+  std::string audio(int size, int duration) {
+    std::vector<uint8_t> frame(static_cast<std::size_t>(size), 0x21);  // raw AAC: no ADTS sync word
+    return box(Boxlane_Packet_FrameAudio, frame.data(), size, int64_t{-1}, duration);
+  }
+  // Video, video, audio, video: two stretches of video, one of audio. The
+  // offsets given are 6000 and 0, so 3000 and -3000 after the shift.
+  void first_fragment_samples() {
+    EXPECT_EQ(video(10, 1, 3000, 6000), bytes_hex("00000006 414141414141"));
+    video(8, 0, 3000, 0);
+    EXPECT_EQ(audio(6, 1024), bytes_hex("212121212121"));
+    video(6, 0, 3000, 6000);
+  }
+  std::string fragment(int64_t position = 0) {
+    return written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_Fragment(client(), b, l, position); });
+  }
+  void sizes(int32_t header, int64_t media, int32_t mfra = -1) {
+    int32_t h = -1, m = -1;
+    int64_t p = -1;
+    ASSERT_TRUE(Boxlane_Packet_FragmentSize(client(), &h, &p, &m));
+    EXPECT_EQ(h, header);
+    EXPECT_EQ(p, media);
+    if (mfra >= 0) {
+      EXPECT_EQ(m, mfra);
+    }
+  }
+};
+
+constexpr const char* kTrexVideo1 = "00000020 74726578 00000000 00000001 00000001 00000000 00000000 01010000";
+constexpr const char* kTrexAudio2 = "00000020 74726578 00000000 00000002 00000001 00000000 00000000 02000000";
+
+TEST_F(FragmentTest, MovieExtendsWithAndWithoutDuration) {
+  fragments();
+  const std::string trex = std::string(kTrexVideo1) + kTrexAudio2;
+  EXPECT_EQ(box(Boxlane_Packet_MVex, uint64_t{0}), bytes_hex("00000048 6D766578" + trex));
+  EXPECT_EQ(box(Boxlane_Packet_MVex, uint64_t{90000}),
+            bytes_hex("00000058 6D766578 00000010 6D656864 00000000 00015F90" + trex));
+  // The largest duration of version 0, and the first that needs version 1.
+  EXPECT_EQ(box(Boxlane_Packet_MVex, uint64_t{0xFFFFFFFF}),
+            bytes_hex("00000058 6D766578 00000010 6D656864 00000000 FFFFFFFF" + trex));
+  EXPECT_EQ(box(Boxlane_Packet_MVex, uint64_t{0x100000000}),
+            bytes_hex("0000005C 6D766578 00000014 6D656864 01000000 00000001 00000000" + trex));
+
+  const std::string audio_only = name_ + ".audio";
+  ASSERT_TRUE(Boxlane_Packet_Insert(audio_only.c_str()));
+  ASSERT_TRUE(Boxlane_Packet_FragmentMode(audio_only.c_str(), 0, 7, 0, 0));
+  EXPECT_EQ(written([&](uint8_t* b, int32_t* l) { return Boxlane_Packet_MVex(audio_only.c_str(), b, l, 0); }),
+            bytes_hex("00000028 6D766578 00000020 74726578 00000000 00000007 00000001 00000000 00000000 02000000"));
+  Boxlane_Packet_Delete(audio_only.c_str());
+}
+
+TEST_F(FragmentTest, MoofDescribesTheSamplesInTheOrderHandedIn) {
+  fragments();
+  first_fragment_samples();
+  sizes(236, 30);
+  EXPECT_EQ(fragment(), bytes_hex(
+      "000000E4 6D6F6F66"
+      "00000010 6D666864 00000000 00000001"
+      "00000084 74726166"
+      "  00000010 74666864 00020000 00000001"
+      "  00000014 74666474 01000000 00000000 00000000"
+      // Version 1: the offsets are signed. The first stretch starts at the
+      // mdat payload, 228 + 8 bytes from the moof.
+      "  00000034 7472756E 01000F01 00000002 000000EC"
+      "    00000BB8 0000000A 02000000 00000BB8"
+      "    00000BB8 00000008 01010000 FFFFF448"
+      // The third video sample comes after the audio one: 10 + 8 + 6 bytes on.
+      "  00000024 7472756E 01000F01 00000001 00000104"
+      "    00000BB8 00000006 01010000 00000BB8"
+      "00000048 74726166"
+      "  00000010 74666864 00020000 00000002"
+      "  00000014 74666474 01000000 00000000 00000000"
+      "  0000001C 7472756E 00000301 00000001 000000FE 00000400 00000006"
+      "00000026 6D646174"));
+  sizes(0, 0);
+
+  // Audio alone: no video traf; the audio decode time has moved on by 1024.
+  audio(6, 1024);
+  EXPECT_EQ(fragment(), bytes_hex(
+      "00000060 6D6F6F66 00000010 6D666864 00000000 00000002"
+      "00000048 74726166 00000010 74666864 00020000 00000002 00000014 74666474 01000000 00000000 00000400"
+      "  0000001C 7472756E 00000301 00000001 00000068 00000400 00000006"
+      "0000000E 6D646174"));
+
+  // Video alone, without composition offsets after the shift: version 0, no
+  // offset field; the video decode time is 3 x 3000.
+  video(8, 1, 3000, 3000);
+  EXPECT_EQ(fragment(), bytes_hex(
+      "00000064 6D6F6F66 00000010 6D666864 00000000 00000003"
+      "0000004C 74726166 00000010 74666864 00020000 00000001 00000014 74666474 01000000 00000000 00002328"
+      "  00000020 7472756E 00000701 00000001 0000006C 00000BB8 00000008 02000000"
+      "00000010 6D646174"));
+}
+
+TEST_F(FragmentTest, DecodeTimesPassThirtyTwoBits) {
+  fragments(0, 1, 0);
+  for (int i = 0; i < 3; ++i) video(5, i == 0, INT32_MAX, 3000);
+  fragment();
+  video(5, 1, 1, 3000);
+  // 3 x (2^31 - 1) = 0x1_7FFF_FFFD.
+  EXPECT_EQ(fragment().substr(0, 3 * 68 - 1),
+            bytes_hex("00000064 6D6F6F66 00000010 6D666864 00000000 00000002 0000004C 74726166"
+                      "00000010 74666864 00020000 00000001 00000014 74666474 01000000 00000001 7FFFFFFD"));
+}
+
+TEST_F(FragmentTest, SegmentTypeAndIndex) {
+  EXPECT_EQ(box(Boxlane_Packet_STyp), bytes_hex("00000014 73747970 6D736468 00000000 6D736468"));
+  fragments();
+  int32_t length = 0;
+  std::vector<uint8_t> mvhd(108);
+  ASSERT_TRUE(Boxlane_Packet_MVhd(client(), mvhd.data(), &length, 0, 90000));
+  first_fragment_samples();
+  // Earliest presentation: the second sample, decoded at 3000 and shown
+  // 3000 earlier. The subsegment is the moof, mdat header and 30 bytes.
+  EXPECT_EQ(box(Boxlane_Packet_SIdx),
+            bytes_hex("00000034 73696478 01000000 00000001 00015F90 00000000 00000000 00000000 00000000"
+                      "0000 0001 0000010A 00002328 90000000"));
+  fragment();
+  // A subsegment that does not start with a sync sample has no SAP.
+  video(8, 0, 3000, 3000);
+  EXPECT_EQ(box(Boxlane_Packet_SIdx),
+            bytes_hex("00000034 73696478 01000000 00000001 00015F90 00000000 00002328 00000000 00000000"
+                      "0000 0001 00000074 00000BB8 00000000"));
+}
+
+TEST_F(FragmentTest, RandomAccessIndexListsTheFirstSyncSampleOfEachFragment) {
+  fragments(BOXLANE_FRAGMENT_INDEX);
+  sizes(0, 0, 24 + 24 + 24);
+  first_fragment_samples();
+  fragment(1000);
+  audio(6, 1024);
+  fragment(2000);
+  // The first sync sample is the second of its stretch, after an audio sample.
+  video(8, 0, 3000, 3000);
+  audio(6, 1024);
+  video(8, 1, 3000, 3000);
+  fragment(0x100000000);
+  sizes(0, 0, 24 + 24 + 2 * 28 + 24 + 3 * 28);
+  EXPECT_EQ(box(Boxlane_Packet_MFra), bytes_hex(
+      "000000D4 6D667261"
+      "00000050 74667261 01000000 00000001 0000003F 00000002"
+      "  00000000 00000BB8 00000000 000003E8 00000001 00000001 00000001"
+      "  00000000 00002EE0 00000001 00000000 00000001 00000002 00000001"
+      "0000006C 74667261 01000000 00000002 0000003F 00000003"
+      "  00000000 00000000 00000000 000003E8 00000002 00000001 00000001"
+      "  00000000 00000400 00000000 000007D0 00000001 00000001 00000001"
+      "  00000000 00000800 00000001 00000000 00000002 00000001 00000001"
+      "00000010 6D66726F 00000000 000000D4"));
+}
+
+// Every refusal leaves buffer and length alone and changes nothing.
+TEST_F(FragmentTest, RefusalsOutsideFragmentMode) {
+  const auto order = BOXLANE_ERROR_PACKET_ORDER;
+  refuses(order, Boxlane_Packet_MVex, uint64_t{0});
+  refuses(order, Boxlane_Packet_Fragment, int64_t{0});
+  refuses(order, Boxlane_Packet_SIdx);
+  refuses(order, Boxlane_Packet_MFra);
+  int32_t header = -7;
+  EXPECT_FALSE(Boxlane_Packet_FragmentSize(client(), &header, nullptr, nullptr));
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), order);
+  EXPECT_EQ(header, -7);
+
+  for (const auto& [video, audio, flags] : {std::tuple{0u, 0u, 0u}, {3u, 3u, 0u}, {1u, 2u, 2u}}) {
+    EXPECT_FALSE(Boxlane_Packet_FragmentMode(client(), video, audio, 0, flags));
+    EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_PARAMETER);
+  }
+  EXPECT_FALSE(Boxlane_Packet_FragmentMode("no such client", 1, 2, 0, 0));
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_NOTFOUND);
+  // After a frame the client stays a movie.
+  audio(6, 1024);
+  EXPECT_FALSE(Boxlane_Packet_FragmentMode(client(), 1, 2, 0, 0));
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), order);
+  EXPECT_EQ(record().pFragments, nullptr);
+}
+
+TEST_F(FragmentTest, RefusalsInFragmentMode) {
+  fragments(0, 0, 2);
+  EXPECT_FALSE(Boxlane_Packet_FragmentMode(client(), 0, 2, 0, 0));
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_ORDER);
+  refuses(BOXLANE_ERROR_PACKET_NODATA, Boxlane_Packet_Fragment, int64_t{0});
+  refuses(BOXLANE_ERROR_PACKET_NODATA, Boxlane_Packet_SIdx);
+  refuses(BOXLANE_ERROR_PACKET_ORDER, Boxlane_Packet_MFra);  // no index asked for
+  const uint8_t frame[] = {0, 0, 0, 1, 0x65, 0x88};
+  refuses(BOXLANE_ERROR_PACKET_ORDER, Boxlane_Packet_FrameVideo, frame, 6, int64_t{0}, 1, 3000, 0);
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_Fragment, int64_t{-1});
+  sizes(0, 0, 0);
+
+  // An audio sample has no composition offset, whatever the video shift.
+  audio(6, 1024);
+  EXPECT_EQ(record().pFragments->listSample.back().nCTsOffset, 0);
+  // The movie's tables stay empty: they are the init segment's.
+  EXPECT_EQ(box(Boxlane_Packet_STsz, false), bytes_hex("00000014 7374737A 00000000 00000000 00000000"));
+  EXPECT_EQ(box(Boxlane_Packet_STts, false), bytes_hex("00000010 73747473 00000000 00000000"));
+  sizes(24 + 44 + 20 + 8 + 8, 6);
+}
+
+TEST_F(FragmentTest, CompositionOffsetMustFitAfterTheShift) {
+  ASSERT_TRUE(Boxlane_Packet_FragmentMode(client(), 1, 0, INT32_MAX, 0));
+  const uint8_t frame[] = {0, 0, 0, 1, 0x65, 0x88};
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, frame, 6, int64_t{0}, 1, 3000, -2);
+  video(6, 1, 3000, -1);  // -1 - (2^31 - 1) = INT32_MIN still fits
+  sizes(24 + 44 + 20 + 16 + 8, 6);
+}
+
+// A fragment holds at most 2^31 - 1 bytes with its moof and mdat header.
+TEST(FragmentLimit, FullFragmentRefusesTheNextFrame) {
+  BOXLANE_FRAGMENTS f;
+  f.stTrack[0].nTrackID = 1;
+  const uint32_t moof = 24 + 44 + 20 + 12;
+  const uint32_t most = INT32_MAX - moof - 8;
+  EXPECT_FALSE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, most + 1, 1, 0, true}));
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_FULL);
+  EXPECT_TRUE(f.listSample.empty());
+  EXPECT_TRUE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, most, 1, 0, true}));
+  EXPECT_FALSE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, 0, 1, 0, false}));
+  EXPECT_EQ(f.listSample.size(), 1u);
+  EXPECT_EQ(f.nPayload, most);
+}
+
+// The samples of a fragment are forgotten once it is written: however many
+// fragments, the client keeps one fragment's worth.
+TEST_F(FragmentTest, MemoryStaysOneFragmentsWorth) {
+  fragments(0, 1, 2);
+  std::size_t capacity = 0;
+  for (int n = 0; n < 200; ++n) {
+    for (int i = 0; i < 30; ++i) {
+      video(64, i == 0, 3000, 3000);
+      audio(16, 1024);
+    }
+    EXPECT_EQ(record().pFragments->listSample.size(), 60u);
+    fragment();
+    EXPECT_TRUE(record().pFragments->listSample.empty());
+    if (n == 0) capacity = record().pFragments->listSample.capacity();
+    EXPECT_EQ(record().pFragments->listSample.capacity(), capacity);
+  }
+  EXPECT_TRUE(record().listVideoSample.empty());
+  EXPECT_TRUE(record().listAudioSize.empty());
+  EXPECT_EQ(record().pFragments->nSequence, 200u);
+}
+
+}  // namespace
+}  // namespace boxlane::test
