@@ -86,8 +86,9 @@ void write_runs(BeWriter& out, const Fragments& f, int track, uint64_t moof, uin
                 BOXLANE_RANDOMACCESS* entry) {
   const Track& t = f.stTrack[track];
   const uint32_t flags = trun_flags(track, t);
-  // §8.8.8.2: composition offsets are signed in version 1.
-  const uint8_t version = (flags & kSampleCTsOffset) ? 1 : 0;
+  // §8.8.8.2: composition offsets are signed in version 1; without a
+  // negative one, version 0 says the same to readers that know only it.
+  const uint8_t version = t.bNegativeCTs ? 1 : 0;
   uint64_t mdat_offset = 0;  // of the sample, from the start of the payload
   uint64_t decode_time = t.nDecodeTime;
   uint32_t trun_number = 0;
@@ -157,7 +158,7 @@ bool add_fragment_sample(BOXLANE_FRAGMENTS& f, const FragmentFrame& frame) {
   Track after = t;
   if (f.nLastTrack != frame.track) ++after.nRuns;
   ++after.nSamples;
-  after.bAnyCTs = t.bAnyCTs || (frame.track == Fragments::kVideo && offset != 0);
+  after.bAnyCTs = t.bAnyCTs || offset != 0;
   const uint64_t moof = moof_size(f) - traf_size(frame.track, t) + traf_size(frame.track, after);
   if (!fits_fragment(moof, f.nPayload + frame.size)) return fail(BOXLANE_ERROR_PACKET_FULL);
 
@@ -169,6 +170,7 @@ bool add_fragment_sample(BOXLANE_FRAGMENTS& f, const FragmentFrame& frame) {
   t.nRuns = after.nRuns;
   t.nSamples = after.nSamples;
   t.bAnyCTs = after.bAnyCTs;
+  t.bNegativeCTs = t.bNegativeCTs || offset < 0;
   f.nLastTrack = frame.track;
   f.nPayload += frame.size;
   return true;
@@ -294,6 +296,7 @@ bool CBoxlane_Packet::Boxlane_Packet_Fragment(const char* lpszClient, uint8_t* p
       t.nSamples = 0;
       t.nRuns = 0;
       t.bAnyCTs = false;
+      t.bNegativeCTs = false;
     }
     f->listSample.clear();
     f->nPayload = 0;

@@ -77,10 +77,11 @@ struct BOXLANE_FRAGMENTTRACK {
   uint64_t nDecodeTime = 0;  // of the first sample of the next fragment
   // The pending fragment: its samples of this track, the trun boxes they
   // need (one per stretch not interrupted by the other track), and whether
-  // any has a composition offset.
+  // any has a composition offset, and a negative one.
   uint32_t nSamples = 0;
   uint32_t nRuns = 0;
   bool bAnyCTs = false;
+  bool bNegativeCTs = false;
   std::vector<BOXLANE_RANDOMACCESS> listRandomAccess;
 };
 

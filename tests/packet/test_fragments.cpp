@@ -229,6 +229,18 @@ TEST_F(FragmentTest, CompositionOffsetMustFitAfterTheShift) {
   sizes(24 + 44 + 20 + 16 + 8, 6);
 }
 
+TEST_F(FragmentTest, PositiveOffsetsKeepTrunVersionZero) {
+  ASSERT_TRUE(Boxlane_Packet_FragmentMode(client(), 1, 0, 0, 0));
+  video(8, 1, 3000, 3000);
+  video(8, 0, 3000, 0);
+  EXPECT_EQ(fragment(), bytes_hex(
+      "00000078 6D6F6F66 00000010 6D666864 00000000 00000001"
+      "00000060 74726166 00000010 74666864 00020000 00000001 00000014 74666474 01000000 00000000 00000000"
+      "  00000034 7472756E 00000F01 00000002 00000080"
+      "    00000BB8 00000008 02000000 00000BB8 00000BB8 00000008 01010000 00000000"
+      "00000018 6D646174"));
+}
+
 // A fragment holds at most 2^31 - 1 bytes with its moof and mdat header.
 TEST(FragmentLimit, FullFragmentRefusesTheNextFrame) {
   BOXLANE_FRAGMENTS f;

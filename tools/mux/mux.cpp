@@ -1,5 +1,6 @@
 // `boxlane mux`: H.264 or H.265 (Annex B) and AAC (ADTS) elementary streams
 // into an MP4 file.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -15,7 +16,9 @@
 #include "tools/commands.hpp"
 #include "tools/mux/audio.hpp"
 #include "tools/common/tool_error.hpp"
+#include "tools/common/live_input.hpp"
 #include "tools/common/mapped_file.hpp"
+#include "tools/mux/fragmented.hpp"
 #include "tools/mux/movie.hpp"
 #include "tools/mux/video.hpp"
 
@@ -31,11 +34,21 @@ constexpr const char* kUsage =
     "\n"
     "options:\n"
     "  -v, --video FILE     H.264 or H.265 elementary stream (Annex B, 3- or 4-byte\n"
-    "                       start codes)\n"
+    "                       start codes); '-' reads standard input, and a FIFO is\n"
+    "                       read as it is written\n"
     "      --video-codec C  h264, h265 (or hevc), or auto (default: told by the\n"
     "                       stream's first parameter set)\n"
-    "  -a, --audio FILE     AAC elementary stream with ADTS headers\n"
+    "  -a, --audio FILE     AAC elementary stream with ADTS headers (also '-' or a FIFO)\n"
     "  -o, --output FILE    the MP4 file to write (replaced only when muxing succeeds)\n"
+    "      --fragment SECONDS\n"
+    "                       write a fragmented MP4 as the input arrives: the init\n"
+    "                       segment first, then each fragment as soon as it is whole.\n"
+    "                       A fragment starts at the first video key frame at least\n"
+    "                       SECONDS after the start of the one before (audio alone:\n"
+    "                       every SECONDS). OUT is written in place: a run that is\n"
+    "                       stopped or killed leaves every whole fragment playable\n"
+    "      --fsync          with --fragment: each fragment reaches the disk before\n"
+    "                       the next is cut (safe against power loss)\n"
     "      --fps RATE       video frame rate: 25, 29.97 or 30000/1001 (default: the\n"
     "                       stream's VUI timing, else 25)\n"
     "      --timescale N    ticks per second of the movie (default: chosen so frame\n"
@@ -52,8 +65,18 @@ constexpr const char* kUsage =
     "its VPS, SPS and PPS in the sample description; IDR, CRA and BLA pictures are\n"
     "its key frames.\n"
     "\n"
+    "Without --fragment, input from a pipe or FIFO is copied to a temporary file\n"
+    "beside OUT as it arrives, and the file appears when the input ends. With\n"
+    "--fragment, memory holds about one fragment, however long the input runs;\n"
+    "an mfra index for seeking ends the file when every input is a regular file,\n"
+    "and a finished file gets its duration in mvex. Composition offsets are signed\n"
+    "(trun version 1), so the first picture is shown at 0 without an edit list.\n"
+    "An input that stops in the middle of a frame ends the file with the last\n"
+    "whole frames, a message, and exit status 1.\n"
+    "\n"
     "example:\n"
-    "  boxlane mux --video tests/data/sample.h264 --audio tests/data/sample.aac -o demo.mp4\n";
+    "  boxlane mux --video tests/data/sample.h264 --audio tests/data/sample.aac -o demo.mp4\n"
+    "  camera | boxlane mux --video - --fragment 2 -o live.mp4\n";
 
 struct Options {
   std::string video;
@@ -64,6 +87,8 @@ struct Options {
   uint32_t timescale = 0;
   bool faststart = false;
   bool quiet = false;
+  double fragment = 0;  // seconds; 0: one movie
+  bool fsync = false;
 };
 
 [[noreturn]] void usage_error(const std::string& message) {
@@ -135,6 +160,16 @@ bool parse_args(int argc, char** argv, Options& o) {
       o.timescale = static_cast<uint32_t>(ts);
     } else if (arg == "--faststart") {
       o.faststart = true;
+    } else if (arg == "--fragment") {
+      const std::string text = value();
+      char* end = nullptr;
+      const double seconds = std::strtod(text.c_str(), &end);
+      if (text.empty() || *end || !(seconds > 0) || seconds > 86400) {
+        usage_error("--fragment takes a number of seconds above 0 and at most 86400, not '" + text + "'");
+      }
+      o.fragment = seconds;
+    } else if (arg == "--fsync") {
+      o.fsync = true;
     } else if (arg == "-q" || arg == "--quiet") {
       o.quiet = true;
     } else {
@@ -143,6 +178,9 @@ bool parse_args(int argc, char** argv, Options& o) {
   }
   if (o.video.empty() && o.audio.empty()) usage_error("give --video, --audio or both");
   if (o.output.empty()) usage_error("give the output file with -o");
+  if (o.fragment > 0 && o.faststart) usage_error("--faststart and --fragment do not go together");
+  if (o.fsync && o.fragment == 0) usage_error("--fsync needs --fragment");
+  if (o.video == "-" && o.audio == "-") usage_error("only one input can be standard input");
   return true;
 }
 
@@ -178,14 +216,95 @@ const char* channels_text(uint8_t config) {
   }
 }
 
-int run(const Options& o) {
+// A path that is standard input, a pipe or a FIFO: read as it arrives.
+bool is_live(const std::string& path) {
+  if (path == "-") return true;
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode);
+}
+
+// The inputs that are live, copied whole into temporary files: the movie is
+// written from them as from any file, and only the copy's block of a few
+// hundred KiB is in memory while the input arrives.
+struct Spooled {
+  std::unique_ptr<SpoolFile> video, audio;
+};
+
+Spooled spool_live_inputs(const Options& o) {
+  Spooled s;
+  std::unique_ptr<LiveInput> inputs[2];
+  LiveInput* live[2];
+  SpoolFile* files[2];
+  std::size_t n = 0;
+  for (const auto& [path, file] : {std::pair{&o.video, &s.video}, std::pair{&o.audio, &s.audio}}) {
+    if (path->empty() || !is_live(*path)) continue;
+    inputs[n] = std::make_unique<LiveInput>(*path);
+    *file = std::make_unique<SpoolFile>(o.output);
+    live[n] = inputs[n].get();
+    files[n] = file->get();
+    ++n;
+  }
+  if (n == 0) return s;
+  const bool show = !o.quiet && ::isatty(STDERR_FILENO);
+  void (*progress)(uint64_t, void*) = [](uint64_t bytes, void*) {
+    std::fprintf(stderr, "\rboxlane mux: %.0f MiB of input read", bytes / (1024.0 * 1024.0));
+    std::fflush(stderr);
+  };
+  spool_inputs(std::span(live, n), std::span(files, n), show ? progress : nullptr);
+  if (show) std::fputs("\r\033[K", stderr);
+  for (std::size_t i = 0; i < n; ++i) {
+    if (files[i]->size() == 0) throw ToolError("'" + live[i]->name() + "' is empty");
+  }
+  return s;
+}
+
+int run_fragmented(const Options& o) {
   const auto started = std::chrono::steady_clock::now();
+  FragmentedInput in;
+  in.video = o.video;
+  in.audio = o.audio;
+  in.output = o.output;
+  in.seconds = o.fragment;
+  in.fps = o.fps;
+  in.forced_timescale = o.timescale;
+  in.fsync = o.fsync;
+  in.quiet = o.quiet;
+  const FragmentedResult r = write_fragmented(in);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  if (!o.quiet) {
+    std::string tracks;
+    if (!o.video.empty()) {
+      tracks += "video H.264 " + std::to_string(r.width) + "x" + std::to_string(r.height) + ", " +
+                std::to_string(r.video_frames) + " frames at " + rate_text(r.fps) + " fps";
+      if (r.reordered) tracks += " with B-frames";
+    }
+    if (!o.audio.empty()) {
+      if (!tracks.empty()) tracks += "; ";
+      tracks += "audio AAC " + std::to_string(r.sample_rate) + " Hz " + channels_text(r.channel_config) + ", " +
+                std::to_string(r.audio_frames) + " frames";
+    }
+    std::printf("%s: %s; %.2f s, %s in %llu fragments, written in %.2f s\n", o.output.c_str(), tracks.c_str(),
+                static_cast<double>(r.duration) / r.timescale, size_text(r.file_size).c_str(),
+                static_cast<unsigned long long>(r.fragments), seconds);
+  }
+  if (!r.problem.empty()) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "boxlane mux: %s\n", r.problem.c_str());
+    return 1;
+  }
+  return 0;
+}
+
+int run(const Options& o) {
+  if (o.fragment > 0) return run_fragmented(o);
+  const auto started = std::chrono::steady_clock::now();
+  const Spooled spooled = spool_live_inputs(o);
   std::unique_ptr<MappedFile> video_file, audio_file;
   VideoStream video;
   AudioStream audio;
   MovieInput in;
   if (!o.video.empty()) {
-    video_file = std::make_unique<MappedFile>(o.video);
+    video_file = std::make_unique<MappedFile>(spooled.video ? spooled.video->path() : o.video);
     // The inputs are read front to back twice (scan, then write); pages
     // behind the reader are let go so a long recording never stays resident.
     in.video_read = [&](const uint8_t* p) { video_file->release_before(p); };
@@ -212,7 +331,7 @@ int run(const Options& o) {
     }
   }
   if (!o.audio.empty()) {
-    audio_file = std::make_unique<MappedFile>(o.audio);
+    audio_file = std::make_unique<MappedFile>(spooled.audio ? spooled.audio->path() : o.audio);
     in.audio_read = [&](const uint8_t* p) { audio_file->release_before(p); };
     scan_audio(audio_file->data(), audio_file->size(), o.audio, audio, in.audio_read);
     in.audio = &audio;

@@ -1,0 +1,674 @@
+#include "tools/mux/fragmented.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "boxlane/boxlane.h"
+#include "tools/common/live_input.hpp"
+#include "platform/h264.hpp"
+#include "tools/common/tool_error.hpp"
+#include "tools/mux/stream_chunks.hpp"
+
+namespace boxlane::tool {
+
+namespace {
+
+// "und", packed as three 5-bit letters (ISO/IEC 14496-12 §8.4.2.3).
+constexpr uint16_t kLanguageUndetermined = ((('u' - 0x60) << 10) | (('n' - 0x60) << 5) | ('d' - 0x60));
+// A pipe is read ahead of what the next fragment needs, up to this much, so
+// that a program writing its two streams one after the other into two FIFOs
+// is not blocked on the one not being read.
+constexpr std::size_t kReadAhead = std::size_t{8} << 20;
+constexpr std::size_t kFileRead = std::size_t{1} << 20;
+// The free box in mvex that becomes mehd (16 or 20 bytes) and a smaller
+// free box when the run finishes.
+constexpr uint32_t kMehdRoom = 28;
+
+volatile bool g_stop = false;
+extern "C" void stop_reading(int) { g_stop = true; }
+
+[[noreturn]] void refused(const char* what) {
+  char code[32];
+  std::snprintf(code, sizeof code, "0x%08llX", static_cast<unsigned long long>(Boxlane_GetLastError(nullptr)));
+  throw ToolError(std::string("the MP4 writer refused ") + what + " (error " + code + ")");
+}
+
+class Client {
+ public:
+  Client() {
+    std::snprintf(name_, sizeof name_, "boxlane-mux-fragments-%ld", static_cast<long>(::getpid()));
+    if (!Boxlane_Packet_Insert(name_)) refused("a new client");
+  }
+  ~Client() { Boxlane_Packet_Delete(name_); }
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+  const char* name() const noexcept { return name_; }
+
+ private:
+  char name_[64];
+};
+
+using Bytes = std::vector<uint8_t>;
+
+// One writer call into a buffer of `room` bytes, kept as its own vector.
+template <typename Call>
+Bytes call_box(const char* what, std::size_t room, Call call) {
+  Bytes out(room);
+  int32_t len = 0;
+  if (!call(out.data(), &len)) refused(what);
+  if (len < 0 || static_cast<std::size_t>(len) > room) throw ToolError(std::string("internal: ") + what + " overran");
+  out.resize(static_cast<std::size_t>(len));
+  return out;
+}
+
+void append(Bytes& to, const Bytes& from) { to.insert(to.end(), from.begin(), from.end()); }
+
+class Output {
+ public:
+  explicit Output(const std::string& path) : path_(path) {
+    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd_ < 0) throw ToolError("cannot write '" + path + "': " + std::strerror(errno));
+    struct stat st {};
+    regular_ = ::fstat(fd_, &st) == 0 && S_ISREG(st.st_mode);
+  }
+  ~Output() { ::close(fd_); }
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+
+  // Both pieces in one call, so a fragment is torn only by the kernel.
+  void write(const uint8_t* a, std::size_t na, const uint8_t* b, std::size_t nb) {
+    iovec parts[2] = {{const_cast<uint8_t*>(a), na}, {const_cast<uint8_t*>(b), nb}};
+    int first = 0;
+    while (first < 2) {
+      const ssize_t w = ::writev(fd_, parts + first, 2 - first);
+      if (w < 0 && errno == EINTR) continue;
+      if (w <= 0) throw ToolError("cannot write '" + path_ + "': " + std::strerror(errno));
+      position_ += static_cast<uint64_t>(w);
+      for (auto left = static_cast<std::size_t>(w); first < 2 && left >= parts[first].iov_len;) {
+        left -= parts[first].iov_len;
+        parts[first].iov_len = 0;
+        ++first;
+        if (first < 2 && left) {
+          parts[first].iov_base = static_cast<uint8_t*>(parts[first].iov_base) + left;
+          parts[first].iov_len -= left;
+          left = 0;
+        }
+        if (left == 0) break;
+      }
+      while (first < 2 && parts[first].iov_len == 0) ++first;
+    }
+  }
+  void patch(uint64_t at, const Bytes& bytes) {
+    if (::pwrite(fd_, bytes.data(), bytes.size(), static_cast<off_t>(at)) != static_cast<ssize_t>(bytes.size()))
+      throw ToolError("cannot write '" + path_ + "': " + std::strerror(errno));
+  }
+  void sync() {
+    if (::fdatasync(fd_) != 0 && errno != EINVAL) throw ToolError("cannot sync '" + path_ + "': " + std::strerror(errno));
+  }
+  bool regular() const noexcept { return regular_; }
+  uint64_t position() const noexcept { return position_; }
+
+ private:
+  std::string path_;
+  int fd_ = -1;
+  bool regular_ = false;
+  uint64_t position_ = 0;
+};
+
+// Pieces of a stream scanned and waiting to be written, with the stream's
+// sample numbering.
+struct VideoQueue {
+  std::deque<VideoChunk> chunks;
+  std::deque<uint64_t> first;  // sample number of each chunk's first unit
+  uint64_t written = 0;        // samples written
+  uint64_t scanned = 0;        // samples in every chunk so far
+  std::size_t bytes = 0;
+};
+
+struct AudioQueue {
+  std::deque<AudioChunk> chunks;
+  std::size_t used = 0;  // frames of the front chunk already written
+  uint64_t written = 0;
+  uint64_t scanned = 0;
+  std::size_t bytes = 0;
+};
+
+class FragmentWriter {
+ public:
+  explicit FragmentWriter(const FragmentedInput& in) : in_(in) {}
+
+  FragmentedResult run() {
+    started_ = std::chrono::steady_clock::now();
+    struct sigaction act {};
+    act.sa_handler = stop_reading;
+    sigemptyset(&act.sa_mask);
+    for (const int sig : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(sig, &act, nullptr);
+    if (!in_.video.empty()) {
+      vin_ = std::make_unique<LiveInput>(in_.video);
+      vchunks_ = std::make_unique<VideoChunker>(*vin_);
+    }
+    if (!in_.audio.empty()) {
+      ain_ = std::make_unique<LiveInput>(in_.audio);
+      achunks_ = std::make_unique<AudioChunker>(*ain_);
+    }
+    index_ = (!vin_ || vin_->regular()) && (!ain_ || ain_->regular());
+
+    while ((vin_ && v_.chunks.empty() && !vchunks_->finished()) || (ain_ && a_.chunks.empty() && !achunks_->finished())) {
+      if (g_stop) throw ToolError("stopped before the first frames arrived");
+      pump(vin_ && v_.chunks.empty(), ain_ && a_.chunks.empty());
+    }
+    if (vin_ && v_.chunks.empty()) throw ToolError(empty_message(*vin_, "no coded pictures found"));
+    if (ain_ && a_.chunks.empty()) throw ToolError(empty_message(*ain_, "no ADTS frames found"));
+    if (vchunks_ && vchunks_->skipped() && !in_.quiet) {
+      std::fprintf(stderr, "boxlane mux: %s: skipped %u slices that came before the first SPS and PPS\n",
+                   vin_->name().c_str(), vchunks_->skipped());
+    }
+    choose_clock();
+    remember_first();
+    out_ = std::make_unique<Output>(in_.output);
+    write_init_segment();
+
+    for (;;) {
+      const Plan plan = plan_fragment();
+      if (plan.ready) {
+        write_fragment(plan);
+        continue;
+      }
+      if (plan.done) break;
+      pump(plan.need_video, plan.need_audio);
+      show_progress(false);
+    }
+    finish();
+    show_progress(true);
+    return result();
+  }
+
+ private:
+  struct Plan {
+    bool ready = false;
+    bool done = false;
+    bool need_video = false;
+    bool need_audio = false;
+    std::size_t video_chunks = 0;  // whole chunks from the front
+    uint64_t audio_frames = 0;
+  };
+
+  static std::string empty_message(const LiveInput& in, const char* nothing) {
+    if (in.offset() == 0) return "'" + in.name() + "' is empty";
+    return in.name() + ": " + nothing;
+  }
+
+  bool video_finished() const { return !vin_ || (vchunks_->finished() && v_.chunks.empty()); }
+  bool audio_finished() const { return !ain_ || (achunks_->finished() && a_.written == a_.scanned); }
+  bool video_ended() const { return !vin_ || vchunks_->finished() || g_stop; }
+  bool audio_ended() const { return !ain_ || achunks_->finished() || g_stop; }
+
+  // Audio frames from the next one to write whose start lies before `end`,
+  // and whether every such frame has been read.
+  std::pair<uint64_t, bool> audio_until(uint64_t end) const {
+    uint64_t j = a_.written;
+    while (j < a_.scanned && timing_.audio.at(j) < end) ++j;
+    return {j - a_.written, j < a_.scanned || audio_ended()};
+  }
+
+  Plan plan_fragment() const {
+    Plan p;
+    const uint64_t span = span_ticks_;
+    if (!v_.chunks.empty()) {
+      // The fragment ends where the first chunk (an IDR picture) at least
+      // `span` after its start begins, or where the video ends.
+      const uint64_t start = timing_.video.at(v_.written);
+      std::size_t k = 1;
+      while (k < v_.chunks.size() && timing_.video.at(v_.first[k]) - start < span) ++k;
+      uint64_t end;
+      if (k < v_.chunks.size()) {
+        end = timing_.video.at(v_.first[k]);
+      } else if (video_ended()) {
+        end = timing_.video.at(v_.scanned);
+      } else {
+        p.need_video = true;
+        p.need_audio = ain_ && !audio_ended() && a_.bytes < kReadAhead;
+        return p;
+      }
+      p.video_chunks = k;
+      if (ain_) {
+        const auto [frames, whole] = audio_until(end);
+        p.audio_frames = frames;
+        if (!whole) {
+          p.need_audio = true;
+          return p;
+        }
+      }
+      p.ready = true;
+      return p;
+    }
+    if (!video_finished() && !g_stop) {
+      p.need_video = true;
+      return p;
+    }
+    // No video (any more): audio alone, cut every `span`.
+    if (a_.written < a_.scanned) {
+      const auto [frames, whole] = audio_until(timing_.audio.at(a_.written) + span);
+      if (whole) {
+        p.ready = true;
+        p.audio_frames = frames;
+        return p;
+      }
+    }
+    if (audio_ended()) {
+      p.done = a_.written == a_.scanned;
+      p.ready = !p.done;
+      p.audio_frames = a_.scanned - a_.written;
+      return p;
+    }
+    p.need_audio = true;
+    return p;
+  }
+
+  // Reads from the inputs the next fragment waits for (and from pipes a
+  // little ahead), then cuts what arrived into pieces.
+  void pump(bool need_video, bool need_audio) {
+    LiveInput* inputs[2] = {vin_.get(), ain_.get()};
+    bool wanted[2] = {need_video, need_audio};
+    for (int i = 0; i < 2; ++i) {
+      if (!inputs[i] || inputs[i]->eof()) {
+        wanted[i] = false;
+        continue;
+      }
+      if (!inputs[i]->regular() && (i == 0 ? v_.bytes : a_.bytes) + inputs[i]->size() < kReadAhead) wanted[i] = true;
+    }
+    LiveInput* live[2];
+    bool want[2];
+    std::size_t n = 0;
+    for (int i = 0; i < 2; ++i) {
+      if (!inputs[i]) continue;
+      live[n] = inputs[i];
+      want[n++] = wanted[i];
+    }
+    if (!wanted[0] && !wanted[1]) {
+      // Nothing the plan waits for can be read: whatever is left is taken.
+      for (std::size_t i = 0; i < n; ++i) want[i] = !live[i]->eof();
+    }
+    if (!wait_for_input(std::span<LiveInput* const>(live, n), std::span<const bool>(want, n), g_stop)) return;
+    for (std::size_t i = 0; i < n; ++i) {
+      LiveInput& in = *live[i];
+      if (!want[i] || in.eof()) continue;
+      if (!in.regular()) {
+        pollfd fd{in.fd(), POLLIN, 0};
+        if (::poll(&fd, 1, 0) <= 0) continue;
+      }
+      in.read_some(kFileRead);
+    }
+    take_pieces();
+  }
+
+  void take_pieces() {
+    if (vchunks_) {
+      VideoChunk chunk;
+      while (vchunks_->next(chunk)) {
+        reordered_ = reordered_ || chunk.stream.reordered;
+        v_.first.push_back(v_.scanned);
+        v_.scanned += chunk.stream.units.size();
+        v_.bytes += chunk.bytes.size();
+        v_.chunks.push_back(std::move(chunk));
+      }
+    }
+    if (achunks_) {
+      AudioChunk chunk;
+      while (achunks_->next(chunk)) {
+        a_.scanned += chunk.stream.frames.size();
+        a_.bytes += chunk.bytes.size();
+        a_.chunks.push_back(std::move(chunk));
+      }
+    }
+  }
+
+  void choose_clock() {
+    TimingInput t;
+    t.forced_timescale = in_.forced_timescale;
+    if (vin_) {
+      const VideoStream& s = v_.chunks.front().stream;
+      fps_ = in_.fps ? *in_.fps : (s.has_vui_rate ? s.vui_rate : FrameRate{});
+      if (!in_.quiet && !in_.fps && !s.has_vui_rate) {
+        std::fprintf(stderr, "boxlane mux: %s: no frame rate in the stream; assuming 25 (set it with --fps)\n",
+                     vin_->name().c_str());
+      }
+      t.video = true;
+      t.fps_num = fps_.num;
+      t.fps_den = fps_.den;
+    }
+    if (ain_) {
+      t.audio = true;
+      t.sample_rate = a_.chunks.front().stream.config.sample_rate;
+    }
+    // Fragments give every sample its own 32-bit duration and every
+    // fragment a 64-bit decode time: no length limits the time scale.
+    timing_ = choose_timing(t);
+    if (vin_) shift_ = reorder_bound(v_.chunks.front().stream);
+    span_ticks_ = static_cast<uint64_t>(std::llround(in_.seconds * timing_.timescale));
+    if (span_ticks_ == 0) span_ticks_ = 1;
+  }
+
+  // How many frames a picture can be shown after pictures decoded after it:
+  // every composition time is delayed by that many frames so that no offset
+  // is negative, and an edit list takes the delay back out. Chromium's
+  // Media Source Extensions and FFmpeg both apply that edit list to
+  // fragments; a negative offset, instead, FFmpeg makes up for by delaying
+  // the whole track. A live stream is not seen whole, so the bound comes
+  // from the SPS (§E.2.1 max_num_reorder_frames; no B slices in the Baseline
+  // profile; else at most the 16 frames of the largest picture buffer,
+  // §A.3.1), or the first pictures if they reorder more.
+  static uint32_t reorder_bound(const VideoStream& first) {
+    const h264::Sps& sps = first.sps;
+    uint32_t bound = sps.bitstream_restriction ? sps.max_num_reorder_frames : (sps.profile_idc == 66 ? 0 : 16);
+    for (uint32_t i = 0; i < first.units.size(); ++i) {
+      if (i > first.display[i]) bound = std::max(bound, i - first.display[i]);
+    }
+    return bound;
+  }
+
+  void write_init_segment() {
+    const char* c = client_.name();
+    const uint32_t video_id = vin_ ? 1 : 0;
+    const uint32_t audio_id = ain_ ? (vin_ ? 2 : 1) : 0;
+    if (!Boxlane_Packet_FragmentMode(c, video_id, audio_id, 0, index_ ? BOXLANE_FRAGMENT_INDEX : 0))
+      refused("fragment mode");
+    Bytes file = call_box("ftyp", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_FTyp(c, p, l); });
+    Bytes moov = call_box("mvhd", 256, [&](uint8_t* p, int32_t* l) {
+      return Boxlane_Packet_MVhd(c, p, l, 0, static_cast<int32_t>(timing_.timescale));
+    });
+    if (vin_) append(moov, track(true));
+    if (ain_) append(moov, track(false));
+    Bytes mvex = call_box("mvex", 256, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_MVex(c, p, l, 0); });
+    if (out_->regular()) {
+      // Room for mehd, filled in when the run finishes and the duration is
+      // known; a run that is killed leaves a free box there.
+      Bytes room(kMehdRoom, 0);
+      put32(room, 0, kMehdRoom);
+      std::memcpy(room.data() + 4, "free", 4);
+      mvex.insert(mvex.begin() + 8, room.begin(), room.end());
+      put32(mvex, 0, static_cast<uint32_t>(mvex.size()));
+      mehd_at_ = file.size() + 8 + moov.size() + 8;
+    }
+    append(moov, mvex);
+    append(file, wrap("moov", moov));
+    out_->write(file.data(), file.size(), nullptr, 0);
+  }
+
+  static void put32(Bytes& b, std::size_t at, uint32_t v) {
+    for (int i = 0; i < 4; ++i) b[at + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
+  }
+
+  Bytes wrap(const char* type, const Bytes& payload) {
+    return call_box(type, payload.size() + 8, [&](uint8_t* p, int32_t* l) {
+      return Boxlane_Packet_HDRBox(client_.name(), p, l, type, payload.data(), static_cast<int32_t>(payload.size()));
+    });
+  }
+
+  // A trak with empty sample tables: the samples are in the fragments.
+  Bytes track(bool video) {
+    const char* c = client_.name();
+    tag_Qorvane_AVProtocol desc{};
+    Bytes stbl;
+    if (video) {
+      const VideoStream& s = v_.chunks.front().stream;
+      if (s.sps_nal.size() + s.pps_nal.size() + 8 > sizeof desc.tszVideoHdr) {
+        throw ToolError("the SPS and PPS together exceed the 1016 bytes the sample description takes");
+      }
+      desc.bVideo = 1;
+      desc.nVideoCodec = 27;
+      std::size_t at = 0;
+      for (const std::vector<uint8_t>* set : {&s.sps_nal, &s.pps_nal}) {
+        const uint8_t start[4] = {0, 0, 0, 1};
+        std::memcpy(desc.tszVideoHdr + at, start, 4);
+        std::memcpy(desc.tszVideoHdr + at + 4, set->data(), set->size());
+        at += 4 + set->size();
+      }
+      desc.nVideoHdrLen = static_cast<int32_t>(at);
+    } else {
+      const AudioStream& s = a_.chunks.front().stream;
+      desc.bAudio = 1;
+      desc.nAudioChannel = s.config.channel_config == 7 ? 8 : s.config.channel_config;
+      desc.nAudioSampleRate = static_cast<int32_t>(s.config.sample_rate);
+      desc.nAudioSampleBit = 16;
+      desc.nAudioFrameSize = AudioStream::kSamplesPerFrame;
+      desc.nAudioCfgLen = 2;
+      std::memcpy(desc.tszAudioCfg, s.audio_specific_config, 2);
+    }
+    const uint32_t width = video ? v_.chunks.front().stream.sps.width : 0;
+    const uint32_t height = video ? v_.chunks.front().stream.sps.height : 0;
+    Bytes trak = call_box("tkhd", 128, [&](uint8_t* p, int32_t* l) {
+      return Boxlane_Packet_TKhd(c, p, l, video ? 0 : 0x0100, static_cast<int32_t>(width), static_cast<int32_t>(height), 0);
+    });
+    if (video && shift_) {
+      // Duration 0: the edit runs to the end of the media, however many
+      // fragments follow (ISO/IEC 14496-12 §8.6.6.3).
+      append(trak, call_box("edts", 64, [&](uint8_t* p, int32_t* l) {
+        return Boxlane_Packet_EDts(c, p, l, 0, static_cast<int32_t>(timing_.video.at(shift_)));
+      }));
+    }
+    append(stbl, call_box("stsd", 4096, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsd(c, p, l, &desc); }));
+    append(stbl, call_box("stts", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STts(c, p, l, video); }));
+    append(stbl, call_box("stsc", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsc(c, p, l); }));
+    append(stbl, call_box("stsz", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsz(c, p, l, video); }));
+    append(stbl, call_box("stco", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STco(c, p, l, video); }));
+    Bytes minf = video ? call_box("vmhd", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_VMhd(c, p, l); })
+                       : call_box("smhd", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_SMhd(c, p, l, 0); });
+    append(minf, call_box("dinf", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_DInf(c, p, l); }));
+    append(minf, wrap("stbl", stbl));
+    Bytes mdia = call_box("mdhd", 64, [&](uint8_t* p, int32_t* l) {
+      return Boxlane_Packet_MDhdEx(c, p, l, kLanguageUndetermined, 0);
+    });
+    append(mdia, call_box("hdlr", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_HDlr(c, p, l, video ? 0 : 1); }));
+    append(mdia, wrap("minf", minf));
+    append(trak, wrap("mdia", mdia));
+    return wrap("trak", trak);
+  }
+
+  void write_fragment(const Plan& plan) {
+    const char* c = client_.name();
+    payload_.clear();
+    std::vector<const uint8_t*> nal_ptrs;
+    std::vector<int32_t> nal_lens;
+    for (std::size_t k = 0; k < plan.video_chunks; ++k) {
+      const VideoChunk& chunk = v_.chunks[k];
+      const uint64_t base = v_.first[k];
+      const VideoStream& s = chunk.stream;
+      for (std::size_t j = 0; j < s.units.size(); ++j) {
+        const AccessUnit& u = s.units[j];
+        nal_ptrs.resize(u.nal_count);
+        nal_lens.resize(u.nal_count);
+        for (uint32_t n = 0; n < u.nal_count; ++n) {
+          nal_ptrs[n] = s.nals[u.first_nal + n].data;
+          nal_lens[n] = static_cast<int32_t>(s.nals[u.first_nal + n].size);
+        }
+        const uint64_t i = base + j;
+        // Positive while the stream keeps to its reorder bound; beyond it a
+        // negative offset is still written right (trun version 1).
+        const int64_t offset = static_cast<int64_t>(timing_.video.at(base + s.display[j] + shift_)) -
+                               static_cast<int64_t>(timing_.video.at(i));
+        if (offset < INT32_MIN || offset > INT32_MAX) throw ToolError("a composition offset does not fit 32 bits");
+        const std::size_t at = payload_.size();
+        payload_.resize(at + u.sample_size);
+        int32_t len = 0;
+        if (!Boxlane_Packet_FrameAccessUnit(c, payload_.data() + at, &len, nal_ptrs.data(), nal_lens.data(),
+                                            static_cast<int32_t>(u.nal_count), 0, u.key ? 1 : 0,
+                                            static_cast<int32_t>(timing_.video.duration(i)),
+                                            static_cast<int32_t>(offset))) {
+          refused("a video access unit");
+        }
+        if (static_cast<uint64_t>(len) != u.sample_size) throw ToolError("internal: video sample size changed");
+      }
+      video_end_ = timing_.video.at(base + s.units.size());
+    }
+    for (uint64_t f = 0; f < plan.audio_frames; ++f) {
+      const AudioChunk& chunk = a_.chunks.front();
+      const AudioFrame& frame = chunk.stream.frames[a_.used];
+      const std::size_t at = payload_.size();
+      payload_.resize(at + frame.size);
+      int32_t len = 0;
+      if (!Boxlane_Packet_FrameAudio(c, payload_.data() + at, &len, frame.data, static_cast<int32_t>(frame.size), 0,
+                                     static_cast<int32_t>(timing_.audio.duration(a_.written)))) {
+        refused("an audio frame");
+      }
+      payload_.resize(at + static_cast<std::size_t>(len));
+      ++a_.written;
+      audio_end_ = timing_.audio.at(a_.written);
+      if (++a_.used == chunk.stream.frames.size()) {
+        a_.bytes -= chunk.bytes.size();
+        a_.chunks.pop_front();
+        a_.used = 0;
+      }
+    }
+    int32_t header_len = 0;
+    int64_t media_len = 0;
+    if (!Boxlane_Packet_FragmentSize(c, &header_len, &media_len, nullptr)) refused("the fragment size");
+    if (static_cast<uint64_t>(media_len) != payload_.size()) throw ToolError("internal: fragment payload size");
+    header_.resize(static_cast<std::size_t>(header_len));
+    const uint64_t at = out_->position();
+    int32_t len = 0;
+    if (!Boxlane_Packet_Fragment(c, header_.data(), &len, static_cast<int64_t>(at))) refused("a fragment");
+    out_->write(header_.data(), static_cast<std::size_t>(len), payload_.data(), payload_.size());
+    if (in_.fsync) out_->sync();
+    ++fragments_;
+    for (std::size_t k = 0; k < plan.video_chunks; ++k) {
+      v_.written += v_.chunks.front().stream.units.size();
+      v_.bytes -= v_.chunks.front().bytes.size();
+      v_.chunks.pop_front();
+      v_.first.pop_front();
+    }
+    // The memory of a long fragment goes back once it is written.
+    if (payload_.capacity() > 4 * payload_.size() + (std::size_t{1} << 20)) Bytes().swap(payload_);
+  }
+
+  void finish() {
+    const char* c = client_.name();
+    if (index_) {
+      int32_t size = 0;
+      if (!Boxlane_Packet_FragmentSize(c, nullptr, nullptr, &size)) refused("the mfra size");
+      const Bytes mfra = call_box("mfra", static_cast<std::size_t>(size), [&](uint8_t* p, int32_t* l) {
+        return Boxlane_Packet_MFra(c, p, l);
+      });
+      out_->write(mfra.data(), mfra.size(), nullptr, 0);
+    }
+    if (mehd_at_) {
+      // mvex is 8 bytes of header, then the room, then the trex boxes: the
+      // room becomes mehd and a free box for the rest.
+      Bytes mvex = call_box("mvex", 256, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_MVex(c, p, l, duration()); });
+      const std::size_t mehd = mvex[8] << 24 | mvex[9] << 16 | mvex[10] << 8 | mvex[11];
+      Bytes room(mvex.begin() + 8, mvex.begin() + 8 + static_cast<std::ptrdiff_t>(mehd));
+      Bytes rest(kMehdRoom - mehd, 0);
+      put32(rest, 0, static_cast<uint32_t>(rest.size()));
+      std::memcpy(rest.data() + 4, "free", 4);
+      append(room, rest);
+      out_->patch(mehd_at_, room);
+    }
+    if (in_.fsync) out_->sync();
+  }
+
+  uint64_t duration() const { return std::max(video_end_, audio_end_); }
+
+  void show_progress(bool last) {
+    if (in_.quiet) return;
+    const auto now = std::chrono::steady_clock::now();
+    const double running = std::chrono::duration<double>(now - started_).count();
+    // Only long runs: a file that takes a moment shows just the summary.
+    if (running < 2 || (!last && now - shown_ < std::chrono::seconds(1))) return;
+    const bool tty = ::isatty(STDERR_FILENO);
+    if (!tty && !last && now - shown_ < std::chrono::seconds(10)) return;
+    shown_ = now;
+    const uint64_t frames = vin_ ? v_.written : a_.written;
+    std::fprintf(stderr, "%sboxlane mux: %s: %llu frames, %.1f s written%s", tty ? "\r" : "", in_.output.c_str(),
+                 static_cast<unsigned long long>(frames), static_cast<double>(duration()) / timing_.timescale,
+                 tty ? (last ? "\n" : "") : "\n");
+    std::fflush(stderr);
+  }
+
+  FragmentedResult result() const {
+    FragmentedResult r;
+    if (vin_) {
+      // The first piece's picture size: the SPS never changes.
+      r.width = sps_width_;
+      r.height = sps_height_;
+      r.video_frames = v_.written;
+      r.fps = fps_;
+      r.reordered = reordered_;
+    }
+    if (ain_) {
+      r.sample_rate = sample_rate_;
+      r.channel_config = channel_config_;
+      r.audio_frames = a_.written;
+    }
+    r.timescale = timing_.timescale;
+    r.duration = duration();
+    r.file_size = out_->position();
+    r.fragments = fragments_;
+    std::string problem;
+    for (const auto& [cut, at, name] : {std::tuple{vchunks_ && vchunks_->cut_short(), vchunks_ ? vchunks_->cut_at() : 0,
+                                                   vin_ ? vin_->name() : std::string()},
+                                        std::tuple{achunks_ && achunks_->cut_short(), achunks_ ? achunks_->cut_at() : 0,
+                                                   ain_ ? ain_->name() : std::string()}}) {
+      if (!cut) continue;
+      if (!r.problem.empty()) r.problem += "; ";
+      r.problem += name + " stops in the middle of a frame at byte " + std::to_string(at);
+    }
+    if (!r.problem.empty()) r.problem += "; " + in_.output + " ends with the last whole frames before it";
+    return r;
+  }
+
+  // Facts of the first pieces, kept for the summary once they are written.
+  void remember_first() {
+    if (vin_) {
+      const VideoStream& s = v_.chunks.front().stream;
+      sps_width_ = s.sps.width;
+      sps_height_ = s.sps.height;
+    }
+    if (ain_) {
+      sample_rate_ = a_.chunks.front().stream.config.sample_rate;
+      channel_config_ = a_.chunks.front().stream.config.channel_config;
+    }
+  }
+
+  const FragmentedInput& in_;
+  Client client_;
+  std::unique_ptr<LiveInput> vin_, ain_;
+  std::unique_ptr<VideoChunker> vchunks_;
+  std::unique_ptr<AudioChunker> achunks_;
+  VideoQueue v_;
+  AudioQueue a_;
+  Timing timing_;
+  FrameRate fps_;
+  uint64_t span_ticks_ = 1;
+  uint32_t shift_ = 0;  // frames every composition time is delayed by
+  std::unique_ptr<Output> out_;
+  bool index_ = false;
+  uint64_t mehd_at_ = 0;
+  Bytes payload_, header_;
+  uint64_t fragments_ = 0;
+  uint64_t video_end_ = 0, audio_end_ = 0;
+  bool reordered_ = false;
+  uint32_t sps_width_ = 0, sps_height_ = 0, sample_rate_ = 0;
+  uint8_t channel_config_ = 0;
+  std::chrono::steady_clock::time_point started_, shown_;
+};
+
+}  // namespace
+
+FragmentedResult write_fragmented(const FragmentedInput& in) { return FragmentWriter(in).run(); }
+
+}  // namespace boxlane::tool

@@ -1,0 +1,285 @@
+#include "tools/mux/stream_chunks.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+
+#include "platform/h264.hpp"
+#include "tools/common/tool_error.hpp"
+
+namespace boxlane::tool {
+
+namespace {
+
+bool is_slice(uint8_t type) { return type >= 1 && type <= 5; }
+
+// §7.4.1.2.3: these open an access unit when they follow its last slice.
+bool opens_access_unit(uint8_t type) { return type == 6 || type == 7 || type == 8 || type == 9 || (type >= 14 && type <= 18); }
+
+constexpr std::string_view kAtByte = "at byte ";
+
+std::optional<uint64_t> first_offset(const std::string& message) {
+  const std::size_t at = message.find(kAtByte);
+  if (at == std::string::npos) return std::nullopt;
+  uint64_t value = 0;
+  std::size_t i = at + kAtByte.size();
+  if (i >= message.size() || message[i] < '0' || message[i] > '9') return std::nullopt;
+  for (; i < message.size() && message[i] >= '0' && message[i] <= '9'; ++i) value = value * 10 + (message[i] - '0');
+  return value;
+}
+
+// §7.3.2.1.1: an SPS or PPS with its id, or nothing when it cannot be read
+// (scan_video then says so).
+std::optional<uint32_t> parameter_set_id(uint8_t type, const uint8_t* nal, std::size_t size) {
+  if (type == h264::kNalSps) {
+    h264::Sps sps;
+    if (h264::parse_sps(nal, size, sps)) return sps.id;
+  } else {
+    h264::Pps pps;
+    if (h264::parse_pps(nal, size, pps)) return pps.id;
+  }
+  return std::nullopt;
+}
+
+// ID3v2.4 §3.1: "ID3", version, flags, then a 28-bit size in four 7-bit
+// bytes. How many bytes the stream must hold before its first ADTS frame
+// can be looked for (0 without a tag), or nothing while unknown.
+std::optional<std::size_t> id3_bytes(const uint8_t* data, std::size_t size, bool eof) {
+  if (size < 10) {
+    if (!eof && std::memcmp(data, "ID3", std::min<std::size_t>(size, 3)) == 0) return std::nullopt;
+    return 0;
+  }
+  if (std::memcmp(data, "ID3", 3) != 0) return 0;
+  uint32_t body = 0;
+  for (int i = 6; i < 10; ++i) body = (body << 7) | (data[i] & 0x7F);
+  return 10 + std::size_t{body} + ((data[5] & 0x10) ? 10 : 0);
+}
+
+}  // namespace
+
+std::string shift_offsets(const std::string& message, int64_t shift) {
+  std::string out;
+  std::size_t from = 0;
+  for (std::size_t at; (at = message.find(kAtByte, from)) != std::string::npos;) {
+    std::size_t end = at + kAtByte.size();
+    int64_t value = 0;
+    bool digits = false;
+    for (; end < message.size() && message[end] >= '0' && message[end] <= '9'; ++end) {
+      value = value * 10 + (message[end] - '0');
+      digits = true;
+    }
+    out.append(message, from, at + kAtByte.size() - from);
+    if (digits) out += std::to_string(value + shift);
+    from = end;
+  }
+  return out.append(message, from, std::string::npos);
+}
+
+bool VideoChunker::next(VideoChunk& out) {
+  for (;;) {
+    std::size_t boundary = 0;
+    if (scan_to_boundary(boundary)) {
+      if (emit(boundary, false, out)) return true;
+      continue;
+    }
+    if (!in_.eof()) return false;
+    if (in_.size() == 0) {
+      done_ = true;
+      return false;
+    }
+    if (nal_ != kNone) complete_nal(in_.size());
+    nal_ = kNone;
+    const bool got = emit(in_.size(), true, out);
+    done_ = true;
+    return got;
+  }
+}
+
+// Finds start codes from scan_ on. True with `boundary` at the start of the
+// access unit of an IDR picture that follows the slices of the piece.
+bool VideoChunker::scan_to_boundary(std::size_t& boundary) {
+  const uint8_t* d = in_.data();
+  const std::size_t size = in_.size();
+  std::size_t i = std::max<std::size_t>(scan_, 2);
+  while (i < size) {
+    const auto* hit = static_cast<const uint8_t*>(std::memchr(d + i, 1, size - i));
+    if (!hit) {
+      i = size;
+      break;
+    }
+    const auto one = static_cast<std::size_t>(hit - d);
+    if (d[one - 1] != 0 || d[one - 2] != 0) {
+      i = one + 1;
+      continue;
+    }
+    const std::size_t start = one - 2;
+    // The NAL header, and for an IDR slice the byte with first_mb_in_slice.
+    if (one + 1 >= size || ((d[one + 1] & 0x1F) == h264::kNalIdrSlice && one + 2 >= size)) {
+      if (in_.eof()) {
+        i = size;
+        break;
+      }
+      scan_ = start;
+      return false;
+    }
+    if (nal_ != kNone) complete_nal(start);
+    nal_ = kNone;
+    const uint8_t type = d[one + 1] & 0x1F;
+    if (is_slice(type)) {
+      // first_mb_in_slice 0 (its ue(v) is the single bit 1): a new picture.
+      if (type == h264::kNalIdrSlice && (d[one + 2] & 0x80) && vcl_ > 0) {
+        boundary = candidate_ != kNone ? candidate_ : start;
+        scan_ = start;
+        return true;
+      }
+      ++vcl_;
+      candidate_ = kNone;
+    } else if (opens_access_unit(type) && candidate_ == kNone) {
+      candidate_ = start;
+    }
+    nal_ = one + 1;
+    last_nal_sc_ = start;
+    i = one + 1;
+  }
+  scan_ = i;
+  return false;
+}
+
+// Parameter sets are checked as soon as they are whole: one that changes
+// is refused where it stands in the input.
+void VideoChunker::complete_nal(std::size_t end) {
+  const uint8_t* d = in_.data();
+  while (end > nal_ && d[end - 1] == 0) --end;
+  if (end <= nal_) return;
+  const uint8_t type = d[nal_] & 0x1F;
+  if (type != h264::kNalSps && type != h264::kNalPps) return;
+  const auto id = parameter_set_id(type, d + nal_, end - nal_);
+  if (!id) return;
+  const uint64_t offset = in_.offset() + nal_;
+  for (const ParameterSet& set : sets_) {
+    if (set.type != type || set.id != *id) continue;
+    if (set.nal.size() == end - nal_ && std::memcmp(set.nal.data(), d + nal_, set.nal.size()) == 0) return;
+    const bool sps = type == h264::kNalSps;
+    throw ToolError(in_.name() + ": the " + (sps ? "sequence" : "picture") + " parameter set changes at byte " +
+                    std::to_string(offset) + "; one MP4 track holds one " + (sps ? "SPS" : "PPS") +
+                    ", so split the stream there");
+  }
+  sets_.push_back(ParameterSet{type, *id, offset, std::vector<uint8_t>(d + nal_, d + end)});
+}
+
+bool VideoChunker::emit(std::size_t end, bool last, VideoChunk& out) {
+  const uint64_t offset = in_.offset();
+  const uint32_t slices = vcl_;
+  const std::size_t last_nal = last_nal_sc_;
+  // The piece leaves the input whatever becomes of it.
+  struct Consume {
+    VideoChunker& self;
+    std::size_t end;
+    ~Consume() {
+      self.in_.consume(end);
+      self.scan_ = self.scan_ >= end ? self.scan_ - end : 0;
+      self.nal_ = kNone;
+      self.candidate_ = kNone;
+      self.vcl_ = 0;
+      self.last_nal_sc_ = 0;
+    }
+  } consume{*this, end};
+
+  // Trailing parameter sets or SEI with no picture after them.
+  if (slices == 0) return false;
+  bool sets_before = false, sets_inside = false;
+  for (const ParameterSet& set : sets_) (set.offset < offset ? sets_before : sets_inside) = true;
+  if (!sets_before && !sets_inside) {
+    skipped_ += slices;
+    return false;
+  }
+  out = VideoChunk{};
+  out.input_offset = offset;
+  // A piece after the first starts with the parameter sets sent so far:
+  // scan_video reads it alone, and repeats of them inside are ignored.
+  for (const uint8_t type : {h264::kNalSps, h264::kNalPps}) {
+    for (const ParameterSet& set : sets_) {
+      if (set.type != type || set.offset >= offset) continue;
+      out.bytes.insert(out.bytes.end(), {0, 0, 0, 1});
+      out.bytes.insert(out.bytes.end(), set.nal.begin(), set.nal.end());
+    }
+  }
+  const std::size_t prefix = out.bytes.size();
+  out.bytes.insert(out.bytes.end(), in_.data(), in_.data() + end);
+  const int64_t shift = static_cast<int64_t>(offset) - static_cast<int64_t>(prefix);
+  try {
+    scan_video(out.bytes.data(), out.bytes.size(), in_.name(), out.stream);
+    return true;
+  } catch (const ToolError& e) {
+    const std::string message = shift_offsets(e.what(), shift);
+    // At the end of the input, a last NAL unit that cannot be read was cut
+    // short: the pictures before it are kept.
+    const auto at = first_offset(message);
+    if (!last || last_nal == 0 || !at || *at < offset + last_nal) throw ToolError(message);
+    cut_short_ = true;
+    cut_at_ = offset + last_nal;
+    out.bytes.resize(prefix + last_nal);
+    out.stream = VideoStream{};
+    try {
+      scan_video(out.bytes.data(), out.bytes.size(), in_.name(), out.stream);
+    } catch (const ToolError&) {
+      return false;
+    }
+    return true;
+  }
+}
+
+bool AudioChunker::next(AudioChunk& out) {
+  const uint8_t* d = in_.data();
+  const std::size_t size = in_.size();
+  std::size_t pos = 0;
+  if (first_) {
+    const auto tag = id3_bytes(d, size, in_.eof());
+    if (!tag || (*tag > size && !in_.eof())) return false;
+    pos = std::min(*tag, size);
+  }
+  const std::size_t frames_from = pos;
+  while (size - pos >= 7) {
+    // The sync word and frame_length (ISO/IEC 14496-3 §1.A.2.2.1); anything
+    // else is handed to scan_audio whole, which says what is wrong.
+    const std::size_t length = ((d[pos + 3] & 3u) << 11) | (d[pos + 4] << 3) | (d[pos + 5] >> 5);
+    if (d[pos] != 0xFF || (d[pos + 1] & 0xF6) != 0xF0 || length < 7) {
+      pos = size;
+      break;
+    }
+    if (length > size - pos) break;
+    pos += length;
+  }
+  std::size_t taken = pos;
+  if (in_.eof() && pos < size) {
+    cut_short_ = true;
+    cut_at_ = in_.offset() + pos;
+    taken = size;
+  }
+  if (pos == frames_from) {
+    if (in_.eof()) in_.consume(size);
+    return false;
+  }
+  out = AudioChunk{};
+  out.input_offset = in_.offset();
+  out.bytes.assign(d, d + pos);
+  in_.consume(taken);
+  try {
+    scan_audio(out.bytes.data(), out.bytes.size(), in_.name(), out.stream);
+  } catch (const ToolError& e) {
+    throw ToolError(shift_offsets(e.what(), static_cast<int64_t>(out.input_offset)));
+  }
+  const AdtsHeader& h = out.stream.config;
+  if (!have_config_) {
+    config_ = h;
+    have_config_ = true;
+  } else if (h.sampling_index != config_.sampling_index || h.channel_config != config_.channel_config ||
+             h.profile != config_.profile) {
+    throw ToolError(in_.name() + ": the ADTS header at byte " + std::to_string(out.input_offset) +
+                    " changes the sample rate, channels or profile; one MP4 track holds one configuration");
+  }
+  first_ = false;
+  return true;
+}
+
+}  // namespace boxlane::tool

@@ -1,0 +1,97 @@
+// Live elementary streams cut into pieces that are read on their own, as the
+// input arrives: H.264 at the start of every access unit of an IDR picture
+// (each piece is a closed group of pictures that scan_video reads alone),
+// ADTS at whole frames (for scan_audio). A piece holds a copy of its bytes,
+// so the input keeps only what is not yet cut.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/common/live_input.hpp"
+#include "tools/mux/audio.hpp"
+#include "tools/mux/video.hpp"
+
+namespace boxlane::tool {
+
+struct VideoChunk {
+  std::vector<uint8_t> bytes;  // the parameter sets sent before it, then its input bytes
+  VideoStream stream;          // units and NAL units point into bytes
+  uint64_t input_offset = 0;   // of its first input byte
+};
+
+class VideoChunker {
+ public:
+  explicit VideoChunker(LiveInput& in) : in_(in) {}
+  // Cuts the next piece from what has been read: true when one is complete
+  // (the next IDR picture has begun, or the input has ended). Throws
+  // ToolError with offsets in the input, also when a parameter set changes.
+  bool next(VideoChunk& out);
+  // The input has ended and every piece has been taken.
+  bool finished() const noexcept { return in_.eof() && in_.size() == 0 && done_; }
+  // Slices before the first parameter sets, which nobody can decode.
+  uint32_t skipped() const noexcept { return skipped_; }
+  // Where the input stopped in the middle of a NAL unit that could not be
+  // read, when it did; the pictures before it are kept.
+  bool cut_short() const noexcept { return cut_short_; }
+  uint64_t cut_at() const noexcept { return cut_at_; }
+
+ private:
+  struct ParameterSet {
+    uint8_t type;
+    uint32_t id;
+    uint64_t offset;  // in the input
+    std::vector<uint8_t> nal;
+  };
+  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+
+  bool scan_to_boundary(std::size_t& boundary);
+  void complete_nal(std::size_t end);
+  bool emit(std::size_t end, bool last, VideoChunk& out);
+  void scan_chunk(VideoChunk& out, std::size_t prefix);
+
+  LiveInput& in_;
+  // Positions in in_.data(), which starts at the piece being cut.
+  std::size_t scan_ = 0;
+  std::size_t nal_ = kNone;        // start of the NAL unit whose end is not known yet
+  std::size_t candidate_ = kNone;  // start code where the next access unit would begin
+  std::size_t last_nal_sc_ = 0;    // start code of the last NAL unit seen
+  uint32_t vcl_ = 0;               // slices in the piece so far
+  bool done_ = false;
+  uint32_t skipped_ = 0;
+  bool cut_short_ = false;
+  uint64_t cut_at_ = 0;
+  std::vector<ParameterSet> sets_;
+};
+
+struct AudioChunk {
+  std::vector<uint8_t> bytes;
+  AudioStream stream;  // frames point into bytes
+  uint64_t input_offset = 0;
+};
+
+class AudioChunker {
+ public:
+  explicit AudioChunker(LiveInput& in) : in_(in) {}
+  // The whole ADTS frames read so far; true when there is at least one.
+  bool next(AudioChunk& out);
+  bool finished() const noexcept { return in_.eof() && in_.size() == 0; }
+  bool cut_short() const noexcept { return cut_short_; }
+  uint64_t cut_at() const noexcept { return cut_at_; }
+
+ private:
+  LiveInput& in_;
+  bool first_ = true;
+  bool have_config_ = false;
+  AdtsHeader config_;
+  bool cut_short_ = false;
+  uint64_t cut_at_ = 0;
+};
+
+// scan_video and scan_audio give offsets within the bytes they were handed
+// ("at byte N"); this moves every such N by `shift`.
+std::string shift_offsets(const std::string& message, int64_t shift);
+
+}  // namespace boxlane::tool
