@@ -19,3 +19,23 @@ ensure_packages() {
 }
 
 BOXLANE_BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev)
+
+# The readers written files are checked with: FFmpeg, GStreamer (qtdemux,
+# h264parse, the libav decoders) and Chromium; node and npm for the npm
+# packages come from Debian unless the machine has them already.
+BOXLANE_READER_PACKAGES=(ffmpeg gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
+  gstreamer1.0-libav chromium)
+
+# npm packages the tests run with node, installed into the folder given
+# (never committed): mp4box.js 0.5 (the H.265 tests) and 2.x (as mp4box-2:
+# it reads every tfra entry, which 0.5 does not), and playwright-core.
+install_npm_packages() {
+  local dir=$1 pkg wanted=()
+  for pkg in mp4box mp4box-2 playwright-core; do
+    [ -f "$dir/node_modules/$pkg/package.json" ] || wanted+=("$pkg")
+  done
+  [ ${#wanted[@]} -eq 0 ] && return 0
+  command -v npm >/dev/null || ensure_packages nodejs npm
+  mkdir -p "$dir"
+  npm install --prefix "$dir" --no-audit --no-fund --silent mp4box@0.5.4 mp4box-2@npm:mp4box@2 playwright-core@1 >/dev/null
+}

@@ -46,7 +46,7 @@ std::optional<uint32_t> parameter_set_id(uint8_t type, const uint8_t* nal, std::
 // can be looked for (0 without a tag), or nothing while unknown.
 std::optional<std::size_t> id3_bytes(const uint8_t* data, std::size_t size, bool eof) {
   if (size < 10) {
-    if (!eof && std::memcmp(data, "ID3", std::min<std::size_t>(size, 3)) == 0) return std::nullopt;
+    if (!eof && (size == 0 || std::memcmp(data, "ID3", std::min<std::size_t>(size, 3)) == 0)) return std::nullopt;
     return 0;
   }
   if (std::memcmp(data, "ID3", 3) != 0) return 0;

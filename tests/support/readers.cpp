@@ -1,0 +1,141 @@
+#include "support/readers.hpp"
+
+#include "support/ffmpeg.hpp"
+#include "support/paths.hpp"
+
+#include <filesystem>
+#include <sstream>
+
+namespace boxlane::test {
+
+namespace {
+
+std::string node(const std::string& script, const std::string& file) {
+  std::string out;
+  run("BOXLANE_NPM=" + shell_quote(npm_dir()) + " node " +
+          shell_quote(source_dir() + "/tests/support/" + script) + " " + shell_quote(file) + " 2>&1",
+      &out);
+  return out;
+}
+
+bool has_package(const std::string& name) {
+  return have_command("node") && std::filesystem::exists(npm_dir() + "/node_modules/" + name + "/package.json");
+}
+
+// A number after "key": in a flat JSON object; `fallback` when absent.
+double json_number(const std::string& json, const std::string& key, double fallback = -1) {
+  const std::size_t at = json.find("\"" + key + "\":");
+  if (at == std::string::npos) return fallback;
+  const char* start = json.c_str() + at + key.size() + 3;
+  char* end = nullptr;
+  const double v = std::strtod(start, &end);
+  return end == start ? fallback : v;
+}
+
+std::string md5_of(const std::string& command) {
+  std::string out;
+  if (run(command + " | md5sum", &out) != 0 || out.size() < 32) return {};
+  return out.substr(0, 32);
+}
+
+}  // namespace
+
+std::string npm_dir() { return binary_dir() + "/npm"; }
+bool have_mp4box() { return has_package("mp4box-2"); }
+bool have_chromium() { return has_package("playwright-core") && std::filesystem::exists("/usr/bin/chromium"); }
+bool have_gstreamer() {
+  return have_command("gst-inspect-1.0") &&
+         run("gst-inspect-1.0 qtdemux >/dev/null 2>&1 && gst-inspect-1.0 h264parse >/dev/null 2>&1 && "
+             "gst-inspect-1.0 avdec_h264 >/dev/null 2>&1 && gst-inspect-1.0 avdec_aac >/dev/null 2>&1") == 0;
+}
+
+std::size_t Mp4BoxReport::count(uint32_t track) const {
+  std::size_t n = 0;
+  for (const Mp4BoxSample& s : samples) n += s.track == track;
+  return n;
+}
+
+Mp4BoxReport read_with_mp4box(const std::string& file) {
+  Mp4BoxReport r;
+  std::istringstream lines(node("node/mp4box_read.mjs", file));
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream in(line);
+    std::string what;
+    in >> what;
+    if (what == "fragmented") {
+      int f = 0;
+      in >> f;
+      r.fragmented = f != 0;
+    } else if (what == "duration") {
+      double num = 0, den = 1;
+      in >> num >> den;
+      r.duration = num / den;
+    } else if (what == "track") {
+      uint32_t id = 0;
+      in >> id;
+      r.tracks.push_back(id);
+    } else if (what == "sample") {
+      Mp4BoxSample s;
+      int sync = 0;
+      in >> s.track >> s.dts >> s.cts >> s.size >> sync;
+      s.sync = sync != 0;
+      r.samples.push_back(s);
+    } else if (what == "tfra") {
+      uint32_t track = 0;
+      uint64_t time = 0, offset = 0;
+      in >> track >> time >> offset;
+      r.tfra.emplace_back(track, offset);
+    } else if (what == "box") {
+      std::string type;
+      in >> type;
+      r.boxes.push_back(type);
+    } else {
+      r.errors.push_back(line);
+    }
+  }
+  return r;
+}
+
+MsePlayback play_with_mse(const std::string& file) {
+  MsePlayback p;
+  p.report = node("browser/mse_play.mjs", file);
+  const std::size_t brace = p.report.rfind("{\"mime\"");
+  if (brace == std::string::npos) return p;
+  const std::string json = p.report.substr(brace);
+  p.ran = true;
+  p.errors = json.find("\"errors\":[]") == std::string::npos;
+  p.fragments = static_cast<int>(json_number(json, "fragments"));
+  p.shown = static_cast<int>(json_number(json, "totalVideoFrames"));
+  p.dropped = static_cast<int>(json_number(json, "droppedVideoFrames"));
+  p.presented = static_cast<int>(json_number(json, "frames"));
+  p.first_frame_time = json_number(json, "firstFrameTime");
+  p.current_time = json_number(json, "currentTime");
+  const std::size_t ranges = json.find("\"buffered\":[[");
+  if (ranges != std::string::npos) {
+    std::istringstream in(json.substr(ranges + 13));
+    char comma = 0;
+    in >> p.buffered_start >> comma >> p.buffered_end;
+  }
+  return p;
+}
+
+std::string gstreamer_video_md5(const std::string& file) {
+  return md5_of("gst-launch-1.0 -q filesrc location=" + shell_quote(file) +
+                " ! qtdemux ! h264parse ! avdec_h264 ! videoconvert ! video/x-raw,format=I420 ! fdsink fd=1");
+}
+
+std::string ffmpeg_video_md5(const std::string& source) {
+  return md5_of("ffmpeg -nostdin -v error -i " + shell_quote(source) + " -f rawvideo -pix_fmt yuv420p -");
+}
+
+std::string gstreamer_audio_md5(const std::string& file) {
+  return md5_of("gst-launch-1.0 -q filesrc location=" + shell_quote(file) +
+                " ! qtdemux ! aacparse ! avdec_aac ! audioconvert ! audio/x-raw,format=F32LE,layout=interleaved ! "
+                "fdsink fd=1");
+}
+
+std::string ffmpeg_audio_md5(const std::string& source) {
+  return md5_of("ffmpeg -nostdin -v error -i " + shell_quote(source) + " -f f32le -");
+}
+
+}  // namespace boxlane::test

@@ -1,0 +1,66 @@
+// The independent readers besides FFmpeg: mp4box.js and headless Chromium
+// (through node, with the npm packages scripts/test.sh installs into the
+// build tree) and GStreamer. Each reports plain facts the tests compare.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace boxlane::test {
+
+// Where scripts/test.sh installs the npm packages: <build>/npm.
+std::string npm_dir();
+bool have_mp4box();     // node and mp4box.js 2.x (npm mp4box, installed as mp4box-2)
+bool have_chromium();   // node, playwright-core and /usr/bin/chromium
+bool have_gstreamer();  // gst-launch-1.0 with qtdemux, h264parse, avdec_h264, avdec_aac
+
+struct Mp4BoxSample {
+  uint32_t track = 0;
+  int64_t dts = 0, cts = 0;
+  uint32_t size = 0;
+  bool sync = false;
+};
+
+struct Mp4BoxReport {
+  bool fragmented = false;
+  double duration = -1;  // mehd, seconds; -1 without
+  std::vector<uint32_t> tracks;
+  std::vector<Mp4BoxSample> samples;  // every track, each in decode order
+  std::vector<std::pair<uint32_t, uint64_t>> tfra;  // track, moof offset
+  std::vector<std::string> boxes, errors;
+  std::size_t count(uint32_t track) const;
+};
+
+// What mp4box.js reads from the file.
+Mp4BoxReport read_with_mp4box(const std::string& file);
+
+struct MsePlayback {
+  std::string report;  // the page's JSON, for messages
+  bool ran = false;
+  bool errors = true;  // any error reported
+  int fragments = -1;  // appended
+  // Pictures decoded for display (getVideoPlaybackQuality's total; those
+  // the compositor then dropped because the machine was busy included).
+  int shown = -1;
+  int dropped = -1;
+  int presented = -1;  // seen by requestVideoFrameCallback, which may skip some
+  double first_frame_time = -1;
+  double buffered_start = -1, buffered_end = -1;
+  double current_time = -1;  // at the end
+};
+
+// Headless Chromium appends the init segment, then every whole fragment,
+// through Media Source Extensions and plays to the end
+// (tests/support/browser/mse_play.mjs).
+MsePlayback play_with_mse(const std::string& file);
+
+// MD5 of the pictures GStreamer decodes (qtdemux, avdec_h264) as raw I420,
+// and of what FFmpeg decodes from a source in the same form; empty on failure.
+std::string gstreamer_video_md5(const std::string& file);
+std::string ffmpeg_video_md5(const std::string& source);
+// Audio samples decoded to interleaved 32-bit float, the same way.
+std::string gstreamer_audio_md5(const std::string& file);
+std::string ffmpeg_audio_md5(const std::string& source);
+
+}  // namespace boxlane::test

@@ -1,0 +1,450 @@
+// `boxlane mux --fragment` and live inputs, run as a user runs them, on
+// streams FFmpeg makes at test time. The fragmented files are read by
+// FFmpeg, mp4box.js, GStreamer and headless Chromium through Media Source
+// Extensions: the same pictures and AAC frames as the sources, presented
+// from 0, every fragment opening with a key frame where the cut rule puts
+// it; a run killed part way leaves every whole fragment playable.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/box_builder.hpp"
+#include "support/ffmpeg.hpp"
+#include "support/mp4_file_writer.hpp"
+#include "support/paths.hpp"
+#include "support/readers.hpp"
+
+namespace boxlane::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Streams {
+  std::string video, audio;
+  double fps = 0;
+};
+
+// `seconds` of 160x120 H.264 (key frames every `gop` frames) and stereo AAC.
+Streams encode(const std::string& prefix, double seconds, int fps, int gop, const std::string& x264, int rate) {
+  Streams s{prefix + ".h264", prefix + ".aac", double(fps)};
+  std::string log;
+  const std::string length = std::to_string(seconds);
+  EXPECT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=160x120:rate=" + std::to_string(fps) + ":duration=" + length +
+                   " -c:v libx264 -preset veryfast -pix_fmt yuv420p -g " + std::to_string(gop) + " -x264-params " +
+                   x264 + " -f h264 " + shell_quote(s.video) + " -f lavfi -i sine=frequency=440:sample_rate=" +
+                   std::to_string(rate) + ":duration=" + length + " -map 1:a -c:a aac -ac 2 -f adts " +
+                   shell_quote(s.audio),
+                   &log),
+            0)
+      << log;
+  return s;
+}
+
+struct Result {
+  int status;
+  std::string output;  // stdout and stderr
+};
+
+Result mux(const std::string& args) {
+  Result r;
+  r.status = run(shell_quote(tool_path()) + " mux " + args + " 2>&1", &r.output);
+  return r;
+}
+
+std::string inputs(const Streams& s, bool video = true, bool audio = true) {
+  return (video ? " --video " + shell_quote(s.video) : "") + (audio ? " --audio " + shell_quote(s.audio) : "");
+}
+
+std::vector<TopBox> boxes_of(const std::string& file) { return top_boxes(read_file(file)); }
+
+// The sequence number of each moof's mfhd, the box that must open it
+// (ISO/IEC 14496-12 §8.8.4, §8.8.5).
+std::vector<uint32_t> sequence_numbers(const std::string& file) {
+  const auto bytes = read_file(file);
+  std::vector<uint32_t> numbers;
+  for (const TopBox& box : top_boxes(bytes)) {
+    if (box.type != "moof") continue;
+    const uint8_t* mfhd = bytes.data() + box.offset + 8;
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(mfhd) + 4, 4), "mfhd");
+    numbers.push_back(uint32_t(mfhd[12]) << 24 | mfhd[13] << 16 | mfhd[14] << 8 | mfhd[15]);
+  }
+  return numbers;
+}
+
+struct Packet {
+  double dts;
+  int64_t pos;
+  bool key;
+};
+
+std::vector<Packet> video_packets(const std::string& file) {
+  std::string text;
+  run("ffprobe -v error -select_streams v:0 -show_entries packet=dts_time,pos,flags -of csv=p=0 " + shell_quote(file),
+      &text);
+  std::vector<Packet> packets;
+  std::istringstream rows(text);
+  for (std::string dts, pos, flags; std::getline(rows, dts, ',') && std::getline(rows, pos, ',') &&
+                                    std::getline(rows, flags);)
+    packets.push_back({std::strtod(dts.c_str(), nullptr), std::stoll(pos), flags.find('K') != std::string::npos});
+  return packets;
+}
+
+// Where the cut rule puts fragments: at the first key frame at least
+// `seconds` after the start of the fragment before.
+std::vector<double> expected_cuts(const std::vector<Packet>& packets, double seconds) {
+  std::vector<double> cuts{packets.front().dts};
+  for (const Packet& p : packets)
+    if (p.key && p.dts - cuts.back() >= seconds - 1e-6) cuts.push_back(p.dts);
+  return cuts;
+}
+
+void expect_fragmented_file(const std::string& file, const Streams& src, bool video, bool audio, double seconds) {
+  expect_decodes_like(file, video ? src.video : "", audio ? src.audio : "");
+  const auto boxes = boxes_of(file);
+  ASSERT_GE(boxes.size(), 4u);
+  EXPECT_EQ(boxes[0].type, "ftyp");
+  EXPECT_EQ(boxes[1].type, "moov");
+  std::vector<uint64_t> moofs;
+  for (std::size_t i = 2; i < boxes.size(); ++i) {
+    if (boxes[i].type == "mfra") {
+      EXPECT_EQ(i, boxes.size() - 1) << "mfra ends the file";
+      continue;
+    }
+    EXPECT_EQ(boxes[i].type, (i % 2 == 0) ? "moof" : "mdat") << "box " << i;
+    if (boxes[i].type == "moof") moofs.push_back(boxes[i].offset);
+  }
+  const auto numbers = sequence_numbers(file);
+  for (std::size_t i = 0; i < numbers.size(); ++i) EXPECT_EQ(numbers[i], i + 1);
+
+  // Presentation starts at 0 and steps at the frame rate.
+  if (audio) {
+    const auto packets = probe_packets(file, 'a');
+    ASSERT_FALSE(packets.empty());
+    EXPECT_NEAR(packets.front().pts, 0.0, 1e-6);
+  }
+  if (video) {
+    std::vector<double> times;
+    for (const auto& p : probe_packets(file, 'v')) times.push_back(p.pts);
+    std::sort(times.begin(), times.end());
+    for (std::size_t i = 0; i < times.size(); ++i) ASSERT_NEAR(times[i], i / src.fps, 2e-4) << "frame " << i;
+    // Each fragment opens with a key frame, where the rule puts it.
+    const auto packets = video_packets(file);
+    std::vector<double> cuts;
+    std::size_t next = 0;
+    for (const Packet& p : packets) {
+      while (next < moofs.size() && uint64_t(p.pos) > moofs[next]) {
+        EXPECT_TRUE(p.key) << "fragment " << next << " opens with a picture that is not a key frame";
+        cuts.push_back(p.dts);
+        ++next;
+      }
+    }
+    EXPECT_EQ(cuts, expected_cuts(packets, seconds));
+  }
+}
+
+TEST(MuxFragments, ReadersSeeTheSourcesFramesFromZero) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const std::string dir = temp_dir() + "/";
+  const Streams sources[] = {
+      encode(dir + "a", 3, 30, 12, "bframes=2", 48000),
+      encode(dir + "b", 2, 25, 10, "bframes=3:b-pyramid=normal:slices=2:aud=1", 44100),
+      {source_dir() + "/tests/data/sample.h264", source_dir() + "/tests/data/sample.aac", 25},
+  };
+  const struct {
+    int source;
+    bool video, audio;
+    double seconds;
+    bool browser;  // also played through Media Source Extensions
+  } runs[] = {
+      {0, true, true, 0.5, true}, {1, true, true, 1, false}, {2, true, true, 2, true},
+      {0, true, false, 0.7, false}, {0, false, true, 0.5, true},
+  };
+  for (const auto& r : runs) {
+    const Streams& src = sources[r.source];
+    const std::string out = dir + "out.mp4";
+    SCOPED_TRACE(inputs(src, r.video, r.audio) + " --fragment " + std::to_string(r.seconds));
+    const Result m = mux(inputs(src, r.video, r.audio) + " --fragment " + std::to_string(r.seconds) + " -q -o " +
+                         shell_quote(out));
+    ASSERT_EQ(m.status, 0) << m.output;
+    EXPECT_EQ(m.output, "");
+    expect_fragmented_file(out, src, r.video, r.audio, r.seconds);
+    const std::size_t frames = r.video ? decoded_md5s(src.video, 'v').size() : 0;
+    const std::size_t audio_frames = r.audio ? decoded_md5s(src.audio, 'a').size() : 0;
+
+    if (have_mp4box()) {
+      const Mp4BoxReport mp4box = read_with_mp4box(out);
+      EXPECT_TRUE(mp4box.fragmented);
+      EXPECT_TRUE(mp4box.errors.empty()) << mp4box.errors.front();
+      const uint32_t video_track = r.video ? 1 : 0, audio_track = r.video ? 2 : 1;
+      if (r.video) {
+        EXPECT_EQ(mp4box.count(video_track), frames);
+      }
+      if (r.audio) {
+        EXPECT_EQ(mp4box.count(audio_track), audio_frames);
+      }
+      // Sync samples are where FFmpeg sees key frames; the index is right.
+      std::vector<bool> keys, syncs;
+      for (const Packet& p : video_packets(out)) keys.push_back(p.key);
+      for (const auto& s : mp4box.samples)
+        if (s.track == video_track && r.video) syncs.push_back(s.sync);
+      EXPECT_EQ(syncs, keys);
+      EXPECT_NEAR(mp4box.duration, double(r.video ? frames / src.fps : audio_frames * 1024.0 / (r.source == 1 ? 44100 : 48000)),
+                  0.05);
+      // mfra lists every fragment that holds video (audio alone: every one).
+      std::vector<uint64_t> moofs, with_video;
+      for (const TopBox& b : boxes_of(out))
+        if (b.type == "moof") moofs.push_back(b.offset);
+      for (const Packet& p : video_packets(out)) {
+        const uint64_t moof = *std::prev(std::upper_bound(moofs.begin(), moofs.end(), uint64_t(p.pos)));
+        if (with_video.empty() || with_video.back() != moof) with_video.push_back(moof);
+      }
+      std::vector<uint64_t> indexed;
+      for (const auto& [track, offset] : mp4box.tfra)
+        if (track == (r.video ? video_track : audio_track)) indexed.push_back(offset);
+      EXPECT_EQ(indexed, r.video ? with_video : moofs);
+    }
+    if (have_gstreamer()) {
+      if (r.video) {
+        EXPECT_EQ(gstreamer_video_md5(out), ffmpeg_video_md5(src.video));
+      }
+      if (r.audio) {
+        EXPECT_EQ(gstreamer_audio_md5(out), ffmpeg_audio_md5(src.audio));
+      }
+    }
+    if (r.browser && have_chromium()) {
+      const MsePlayback p = play_with_mse(out);
+      ASSERT_TRUE(p.ran) << p.report;
+      EXPECT_FALSE(p.errors) << p.report;
+      EXPECT_EQ(p.fragments, int(sequence_numbers(out).size())) << p.report;
+      EXPECT_NEAR(p.buffered_start, 0, 1e-3) << p.report;
+      if (r.video) {
+        EXPECT_EQ(p.shown, int(frames)) << p.report;
+        // The first picture is at 0 (the buffered range starts with it);
+        // requestVideoFrameCallback may miss the very first one.
+        EXPECT_LT(p.first_frame_time, 1.5 / src.fps) << p.report;
+      } else {
+        EXPECT_NEAR(p.current_time, audio_frames * 1024.0 / 48000, 0.05) << p.report;
+      }
+    }
+  }
+}
+
+// Runs `command` in its own process group; returns its pid.
+pid_t start(const std::string& command) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    setpgid(0, 0);
+    execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  return pid;
+}
+
+int finish(pid_t pid) {
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A stream written into a FIFO about `rate` bytes a second, as a camera does.
+std::string trickle(const std::string& from, const std::string& fifo, int bytes_per_second) {
+  return "python3 -c \"import sys,time\nd=open(sys.argv[1],'rb').read()\nout=open(sys.argv[2],'wb')\n"
+         "for i in range(0,len(d),2048):\n out.write(d[i:i+2048]); out.flush(); time.sleep(2048/" +
+         std::to_string(bytes_per_second) + ")\" " + shell_quote(from) + " " + shell_quote(fifo);
+}
+
+TEST(MuxFragments, LiveInputsFromStandardInputAndFifos) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const std::string dir = temp_dir() + "/";
+  const Streams src = encode(dir + "in", 2, 25, 25, "bframes=2", 48000);
+  const std::string vfifo = dir + "v.fifo", afifo = dir + "a.fifo", out = dir + "out.mp4";
+  ASSERT_EQ(mkfifo(vfifo.c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo(afifo.c_str(), 0600), 0);
+
+  for (const char* mode : {"--fragment 0.5", ""}) {
+    SCOPED_TRACE(mode);
+    // Standard input for video, a FIFO for audio.
+    pid_t writer = start("cat " + shell_quote(src.audio) + " > " + shell_quote(afifo));
+    Result r = mux("--video - --audio " + shell_quote(afifo) + " " + mode + " -q -o " + shell_quote(out) + " < " +
+                   shell_quote(src.video));
+    EXPECT_EQ(finish(writer), 0);
+    ASSERT_EQ(r.status, 0) << r.output;
+    expect_decodes_like(out, src.video, src.audio);
+    // Two FIFOs filled by one program, audio opened first and written
+    // whole before the video: the reader must not wait on the one it opened first.
+    writer = start("exec 4>" + shell_quote(afifo) + " 3>" + shell_quote(vfifo) + "; cat " + shell_quote(src.audio) +
+                   " >&4; exec 4>&-; cat " + shell_quote(src.video) + " >&3");
+    r = mux("--video " + shell_quote(vfifo) + " --audio " + shell_quote(afifo) + " " + mode + " -q -o " + shell_quote(out));
+    EXPECT_EQ(finish(writer), 0);
+    ASSERT_EQ(r.status, 0) << r.output;
+    expect_decodes_like(out, src.video, src.audio);
+    for (const auto& entry : fs::directory_iterator(dir))
+      EXPECT_EQ(entry.path().filename().string().find(".boxlane-"), std::string::npos) << entry.path();
+  }
+
+  // A slow live input shows progress on standard error, and --quiet keeps it silent.
+  const auto size = fs::file_size(src.video);
+  for (const bool quiet : {false, true}) {
+    const pid_t writer = start(trickle(src.video, vfifo, int(size / 3)));
+    const Result r = mux("--video " + shell_quote(vfifo) + " --fragment 0.5" + (quiet ? " -q" : "") + " -o " +
+                         shell_quote(out));
+    EXPECT_EQ(finish(writer), 0);
+    EXPECT_EQ(r.status, 0) << r.output;
+    if (quiet) {
+      EXPECT_EQ(r.output, "");
+    } else {
+      EXPECT_NE(r.output.find(" frames, "), std::string::npos) << r.output;
+      EXPECT_NE(r.output.find(" s written"), std::string::npos) << r.output;
+    }
+  }
+}
+
+// Killed with SIGKILL part way, the file holds every whole fragment, and
+// every reader plays them; a fragment torn in the middle stops no reader.
+TEST(MuxFragments, KilledRecordingPlaysToItsLastWholeFragment) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const std::string dir = temp_dir() + "/";
+  const Streams src = encode(dir + "in", 4, 25, 10, "bframes=2", 48000);
+  const std::string vfifo = dir + "v.fifo", out = dir + "killed.mp4";
+  ASSERT_EQ(mkfifo(vfifo.c_str(), 0600), 0);
+  const pid_t writer = start(trickle(src.video, vfifo, int(fs::file_size(src.video) / 4)));
+  const pid_t muxer = start("exec " + shell_quote(tool_path()) + " mux -q --fragment 0.4 --video " + shell_quote(vfifo) +
+                            " -o " + shell_quote(out));
+  // Wait for three fragments, then kill.
+  const auto fragments_written = [&] {
+    if (!fs::exists(out)) return 0l;
+    const auto boxes = boxes_of(out);
+    return long(std::count_if(boxes.begin(), boxes.end(), [](const TopBox& b) { return b.type == "mdat"; }));
+  };
+  for (int i = 0; i < 300 && fragments_written() < 3; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ASSERT_EQ(kill(muxer, SIGKILL), 0);
+  finish(muxer);
+  kill(-writer, SIGKILL);
+  finish(writer);
+
+  const auto source = decoded_md5s(src.video, 'v');
+  // `pictures_in_whole_fragments`: what a player that skips a torn box shows.
+  const auto check = [&](const std::string& file, std::size_t fragments, std::size_t pictures_in_whole_fragments) {
+    SCOPED_TRACE(file);
+    auto pictures = decoded_md5s(file, 'v');
+    ASSERT_GE(pictures.size(), pictures_in_whole_fragments);
+    ASSERT_LT(pictures.size(), source.size());
+    pictures.resize(pictures_in_whole_fragments);
+    EXPECT_EQ(pictures, std::vector<std::string>(source.begin(), source.begin() + long(pictures.size())));
+    if (have_gstreamer()) {
+      std::string text;
+      EXPECT_EQ(run("gst-launch-1.0 -q filesrc location=" + shell_quote(file) +
+                    " ! qtdemux ! h264parse ! avdec_h264 ! fakesink 2>&1", &text), 0) << text;
+    }
+    if (have_chromium()) {
+      const MsePlayback p = play_with_mse(file);
+      EXPECT_FALSE(p.errors) << p.report;
+      EXPECT_EQ(p.fragments, int(fragments)) << p.report;
+      EXPECT_EQ(p.shown, int(pictures_in_whole_fragments)) << p.report;
+      EXPECT_NEAR(p.buffered_start, 0, 1e-3) << p.report;
+    }
+  };
+  const auto boxes = boxes_of(out);
+  const std::size_t whole = std::count_if(boxes.begin(), boxes.end(), [](const TopBox& b) { return b.type == "mdat"; });
+  ASSERT_GE(whole, 3u);
+  const auto packets = video_packets(out);
+  check(out, whole, packets.size());
+
+  // The last fragment cut in the middle of its mdat: readers play the rest.
+  auto bytes = read_file(out);
+  const TopBox last = boxes.back();
+  ASSERT_EQ(last.type, "mdat");
+  bytes.resize(last.offset + last.size / 2);
+  write_file(dir + "torn.mp4", bytes);
+  const uint64_t torn_moof = boxes[boxes.size() - 2].offset;
+  check(dir + "torn.mp4", whole - 1,
+        std::count_if(packets.begin(), packets.end(), [&](const Packet& p) { return uint64_t(p.pos) < torn_moof; }));
+}
+
+TEST(MuxFragments, BrokenAndStoppedInputs) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const std::string dir = temp_dir() + "/";
+  const Streams src = encode(dir + "in", 2, 25, 10, "bframes=2", 48000);
+  const auto video = read_file(src.video);
+  const auto audio = read_file(src.audio);
+  const std::string out = dir + "out.mp4";
+
+  // ADTS stopped in the middle of a frame: the whole frames are written,
+  // the run says where the input stopped and fails.
+  const std::size_t cut = audio.size() - 100;
+  write_file(dir + "cut.aac", {audio.begin(), audio.begin() + long(cut)});
+  Result r = mux("--audio " + shell_quote(dir + "cut.aac") + " --fragment 0.5 -q -o " + shell_quote(out));
+  EXPECT_EQ(r.status, 1);
+  std::size_t whole = 0, frame = 0;
+  while (frame + 6 < cut) {
+    const std::size_t length = ((audio[frame + 3] & 3u) << 11) | (audio[frame + 4] << 3) | (audio[frame + 5] >> 5);
+    if (frame + length > cut) break;
+    frame += length;
+    ++whole;
+  }
+  EXPECT_NE(r.output.find("stops in the middle of a frame at byte " + std::to_string(frame)), std::string::npos)
+      << r.output;
+  EXPECT_EQ(probe_packets(out, 'a').size(), whole);
+
+  // H.264 stopped just after the header of its last NAL unit.
+  std::size_t last_start = video.size();
+  while (last_start > 3 && !(video[last_start - 3] == 0 && video[last_start - 2] == 0 && video[last_start - 1] == 1))
+    --last_start;
+  write_file(dir + "cut.h264", {video.begin(), video.begin() + long(last_start) + 2});
+  r = mux("--video " + shell_quote(dir + "cut.h264") + " --fragment 0.5 -q -o " + shell_quote(out));
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.output.find("stops in the middle of a frame at byte " + std::to_string(last_start - 3)),
+            std::string::npos)
+      << r.output;
+  const auto source = decoded_md5s(src.video, 'v');
+  EXPECT_EQ(decoded_md5s(out, 'v'), std::vector<std::string>(source.begin(), source.end() - 1));
+
+  // A live stream whose SPS changes is refused where it changes; what came
+  // before stays in the file.
+  ASSERT_EQ(ffmpeg("-f lavfi -i testsrc2=size=176x144:rate=25:duration=0.4 -c:v libx264 -f h264 " +
+                   shell_quote(dir + "other.h264")),
+            0);
+  write_file(dir + "changing.h264", cat({video, read_file(dir + "other.h264")}));
+  r = mux("--video - --fragment 0.5 -q -o " + shell_quote(out) + " < " + shell_quote(dir + "changing.h264"));
+  EXPECT_NE(r.status, 0);
+  EXPECT_NE(r.output.find("sequence parameter set changes at byte " + std::to_string(video.size() + 4)),
+            std::string::npos)
+      << r.output;
+  EXPECT_GE(decoded_md5s(out, 'v').size(), 10u);
+
+  const struct {
+    std::string args;
+    std::string says;
+  } refused[] = {
+      {"--video " + shell_quote(src.video) + " --fragment 0", "--fragment takes"},
+      {"--video " + shell_quote(src.video) + " --fragment x", "--fragment takes"},
+      {"--video " + shell_quote(src.video) + " --fragment 1 --faststart", "do not go together"},
+      {"--video " + shell_quote(src.video) + " --fsync", "--fsync needs --fragment"},
+      {"--video - --audio -", "only one input"},
+      {"--video - --fragment 1 < /dev/null", "is empty"},
+      {"--audio - < /dev/null", "is empty"},
+  };
+  for (const auto& f : refused) {
+    SCOPED_TRACE(f.args);
+    fs::remove(out);
+    const Result bad = mux(f.args + " -o " + shell_quote(out));
+    EXPECT_NE(bad.status, 0);
+    EXPECT_NE(bad.output.find(f.says), std::string::npos) << bad.output;
+    EXPECT_FALSE(fs::exists(out));
+  }
+}
+
+}  // namespace
+}  // namespace boxlane::test
