@@ -9,6 +9,10 @@
 #      avformat_open_input, which reads the moov and builds libavformat's
 #      index).
 #   3. Peak memory of each (/usr/bin/time).
+#   4. `boxlane mux --fragment 1` against `ffmpeg -c copy -movflags
+#      frag_keyframe+empty_moov+default_base_moof` on the job of 1.
+#   5. Peak memory of `boxlane mux --fragment 1` recording from pipes: one
+#      minute and one hour of the same 720p30 stream and its AAC.
 # Runs alternate between the contenders so that both see the same machine,
 # and the median of RUNS runs is taken.
 #
@@ -175,7 +179,7 @@ check_synthetic_movie() {
 }
 
 fresh_mux_outputs() {
-  rm -f "$WORK/boxlane.mp4" "$WORK/ffmpeg.mp4"
+  rm -f "$WORK/boxlane.mp4" "$WORK/ffmpeg.mp4" "$WORK/boxlane_frag.mp4" "$WORK/ffmpeg_frag.mp4"
   sync
 }
 
@@ -236,6 +240,62 @@ compare_mux() {
   fi
 }
 
+compare_fragments() {
+  local out_b=$WORK/boxlane_frag.mp4 out_f=$WORK/ffmpeg_frag.mp4
+  FRAG_BOXLANE=("$BOXLANE" mux --video "$WORK/video.h264" --audio "$WORK/audio.aac" --fps 30 --fragment 1 -q -o "$out_b")
+  FRAG_FFMPEG=(ffmpeg -hide_banner -nostdin -loglevel error -y -framerate 30 -i "$WORK/video.h264"
+    -i "$WORK/audio.aac" -map 0:v -map 1:a -c copy -movflags frag_keyframe+empty_moov+default_base_moof "$out_f")
+  say
+  say "== fragmented mux: the same job, fragments of 1 s (boxlane) and at every key frame (ffmpeg), $RUNS runs each"
+  "${FRAG_BOXLANE[@]}" || die "boxlane mux --fragment failed"
+  "${FRAG_FFMPEG[@]}" || die "ffmpeg -movflags frag_keyframe failed"
+  PREPARE=fresh_mux_outputs contest FRAG_BOXLANE FRAG_FFMPEG
+  say "boxlane mux --fragment 1   wall ${WALL[0]} ms (runs: ${RUNS_WALL[0]})  CPU ${CPU[0]} ms  peak ${PEAK[0]} KiB"
+  say "ffmpeg frag_keyframe       wall ${WALL[1]} ms (runs: ${RUNS_WALL[1]})  CPU ${CPU[1]} ms  peak ${PEAK[1]} KiB"
+  FRAG_SPEED=$(ratio "${WALL[1]}" "${WALL[0]}")
+  FRAG_CPU=$(ratio "${CPU[1]}" "${CPU[0]}")
+  FRAG_MEMORY=$(ratio "${PEAK[0]}" "${PEAK[1]}")
+  local shown=$CHECK_FRAMES
+  ((CHECK_FRAMES > 0)) || shown=all
+  decoded_frames "$WORK/video.h264" "$WORK/source_h264.md5"
+  decoded_frames "$out_b" "$WORK/boxlane_frag.md5"
+  if cmp -s "$WORK/boxlane_frag.md5" "$WORK/source_h264.md5"; then
+    say "CHECK  boxlane_frag.mp4 as played: the first $shown frames are the source's: PASSED"
+  else
+    say "CHECK  boxlane_frag.mp4 as played differs from the source: FAILED"
+  fi
+  audio_packets "$out_b" >"$WORK/boxlane_frag_audio.md5"
+  if cmp -s "$WORK/boxlane_frag_audio.md5" "$WORK/boxlane_audio.md5"; then
+    say "CHECK  every AAC frame of boxlane_frag.mp4 is the one in boxlane.mp4: PASSED"
+  else
+    say "CHECK  AAC frames of boxlane_frag.mp4 differ: FAILED"
+  fi
+  rm -f "$out_b" "$out_f"
+}
+
+# The stream of `copies` 20-second clips and as much AAC, from two pipes.
+record_from_pipes() {
+  local copies=$1 out=$WORK/live.mp4
+  rm -f "$out"
+  /usr/bin/time -f %M -o "$WORK/time.out" "$BOXLANE" mux -q --fps 30 --fragment 1 -o "$out" \
+    --video <(for ((i = 0; i < copies; i++)); do cat "$WORK/clip.h264"; done) \
+    --audio <(ffmpeg -hide_banner -nostdin -loglevel error -stream_loop -1 -i "$WORK/audio.aac" -t $((copies * 20)) \
+      -c copy -f adts -) || die "boxlane mux from pipes failed"
+  LIVE_FRAMES=$(ffprobe -v error -select_streams v:0 -count_packets -show_entries stream=nb_read_packets -of csv=p=0 "$out")
+  rm -f "$out"
+  tail -n 1 "$WORK/time.out"
+}
+
+compare_live_memory() {
+  say
+  say "== peak memory of boxlane mux --fragment 1 recording 720p30 H.264 and AAC from two pipes"
+  LIVE_MINUTE=$(record_from_pipes 3)
+  local minute_frames=$LIVE_FRAMES
+  LIVE_HOUR=$(record_from_pipes 180)
+  say "one minute ($minute_frames frames): peak $LIVE_MINUTE KiB;  one hour ($LIVE_FRAMES frames): peak $LIVE_HOUR KiB"
+  LIVE_GROWTH=$(ratio "$LIVE_HOUR" "$LIVE_MINUTE")
+}
+
 compare_index() {
   local hour=$WORK/hour.mp4
   INDEX_PROBE=("$BOXLANE" probe --json "$hour")
@@ -276,6 +336,8 @@ main() {
   check_synthetic_movie
   compare_mux "$WORK/video.h264" H.264 MUX
   compare_mux "$WORK/video.h265" H.265 HEVC_MUX
+  compare_fragments
+  compare_live_memory
   compare_index
   say
   say "load average at the end: $(cut -d' ' -f1-3 /proc/loadavg)"
@@ -284,11 +346,16 @@ main() {
   target "mux: boxlane mux peak memory / ffmpeg -c copy peak memory" "$MUX_MEMORY" 1 0
   target "mux H.265: ffmpeg -c copy / boxlane mux, wall time" "$HEVC_MUX_SPEED" 3 1
   target "mux H.265: boxlane mux peak memory / ffmpeg -c copy peak memory" "$HEVC_MUX_MEMORY" 1 0
+  target "fragments: ffmpeg frag_keyframe / boxlane mux --fragment 1, wall" "$FRAG_SPEED" 3 1
+  target "fragments: boxlane peak memory / ffmpeg peak memory" "$FRAG_MEMORY" 1 0
+  target "pipes: peak memory of one hour / of one minute" "$LIVE_GROWTH" 1.1 0
+  target "pipes: peak memory of one hour, MiB" "$(awk -v k="$LIVE_HOUR" 'BEGIN { printf "%.1f", k / 1024 }')" 64 0
   target "index: avformat_open / boxlane probe --json, wall time" "$PROBE_SPEED" 10 1
   target "index: avformat_open / boxlane_parse_index, wall time" "$PARSE_SPEED" 10 1
   target "index: boxlane probe --json peak memory / avformat_open peak" "$PROBE_MEMORY" 1 0
   target "index: boxlane_parse_index peak memory / avformat_open peak" "$PARSE_MEMORY" 1 0
   say "INFO   mux, CPU time (user + system): $MUX_CPU x; H.265: $HEVC_MUX_CPU x"
+  say "INFO   fragmented mux, CPU time (user + system): $FRAG_CPU x"
   say "INFO   index, boxlane_parse_index: CPU time $PARSE_CPU x, in-process $PARSE_INNER x"
   say "INFO   index, boxlane_parse_index --queries: wall $QUERIES_SPEED x, in-process $QUERIES_INNER x, peak memory $QUERIES_MEMORY x"
 }

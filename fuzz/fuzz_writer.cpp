@@ -79,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   Boxlane_Packet_Insert(kClient);
   std::size_t video_frames = 0, audio_frames = 0;
   while (!in.empty()) {
-    switch (in.u8() % 17) {
+    switch (in.u8() % 19) {
       case 0: {
         const int rate = static_cast<int>(in.u32()), sample_rate = static_cast<int>(in.u32());
         m_MP4Packet.Boxlane_Packet_SetTime(kClient, rate, sample_rate);
@@ -236,6 +236,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         const int value = static_cast<int>(in.u32() >> (in.u8() % 32));
         m_MP4Packet.Boxlane_Packet_DescriptorLen(encoded, &count, value);
         if (count < 1 || count > 5) std::abort();
+        break;
+      }
+      case 16:
+        Boxlane_Packet_FragmentMode(kClient, in.u8() % 3, in.u8() % 3, static_cast<int32_t>(in.u32()), in.u8() % 3);
+        break;
+      case 17: {
+        // Every fragment box into a buffer of exactly the size announced.
+        int32_t header = -1, mfra = -1;
+        int64_t media = -1;
+        if (!Boxlane_Packet_FragmentSize(kClient, &header, &media, &mfra)) break;
+        if (header < 0 || media < 0 || mfra < 0) std::abort();
+        write_box(8 + 20 + 2 * 32, [&](uint8_t* b, int32_t* n) { return Boxlane_Packet_MVex(kClient, b, n, in.u32()); });
+        write_box(52, [&](uint8_t* b, int32_t* n) { return Boxlane_Packet_SIdx(kClient, b, n); });
+        write_box(20, [&](uint8_t* b, int32_t* n) { return Boxlane_Packet_STyp(kClient, b, n); });
+        write_box(static_cast<std::size_t>(header), [&](uint8_t* b, int32_t* n) {
+          const bool ok = Boxlane_Packet_Fragment(kClient, b, n, in.u32());
+          if (ok && *n != header) std::abort();
+          return ok;
+        });
+        // The fragment may have added to the index.
+        if (!Boxlane_Packet_FragmentSize(kClient, nullptr, nullptr, &mfra)) std::abort();
+        write_box(static_cast<std::size_t>(mfra), [&](uint8_t* b, int32_t* n) { return Boxlane_Packet_MFra(kClient, b, n); });
         break;
       }
       default:

@@ -17,7 +17,7 @@ static int failures = 0;
   } while (0)
 
 int main(void) {
-  uint8_t box[64];
+  uint8_t box[256];
   int32_t size = -1;
 
   CHECK(sizeof(tag_Qorvane_AVProtocol) == 2150);
@@ -57,6 +57,27 @@ int main(void) {
   CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PACKET_NOTFOUND);
   CHECK(!Boxlane_Packet_STsdHEVC("c99", box, &size, box, 0));
   CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PACKET_PARAMETER);
+
+  /* Fragment mode through the shared library: an audio track alone. */
+  {
+    const uint8_t frame[4] = {0x21, 0x10, 0x05, 0x00};
+    uint8_t sample[4];
+    int32_t header = -1, mfra = -1;
+    int64_t media = -1;
+    CHECK(!Boxlane_Packet_MVex("c99", box, &size, 0));
+    CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PACKET_ORDER);
+    CHECK(Boxlane_Packet_FragmentMode("c99", 0, 1, 0, BOXLANE_FRAGMENT_INDEX));
+    CHECK(Boxlane_Packet_MVex("c99", box, &size, 0));
+    CHECK(size == 40);
+    CHECK(Boxlane_Packet_FrameAudio("c99", sample, &size, frame, 4, 0, 1024));
+    CHECK(Boxlane_Packet_FragmentSize("c99", &header, &media, &mfra));
+    CHECK(header == 24 + 44 + 20 + 8 + 8 && media == 4 && mfra == 24 + 24);
+    CHECK(Boxlane_Packet_Fragment("c99", box, &size, 0));
+    CHECK(size == header);
+    CHECK(memcmp(box + 4, "moof", 4) == 0);
+    CHECK(!Boxlane_Packet_Fragment("c99", box, &size, 0));
+    CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PACKET_NODATA);
+  }
   CHECK(Boxlane_Packet_Delete("c99"));
 
   CHECK(!Boxlane_Parse_Send("nobody", box, 8));
