@@ -244,7 +244,7 @@ compare_fragments() {
   local out_b=$WORK/boxlane_frag.mp4 out_f=$WORK/ffmpeg_frag.mp4
   FRAG_BOXLANE=("$BOXLANE" mux --video "$WORK/video.h264" --audio "$WORK/audio.aac" --fps 30 --fragment 1 -q -o "$out_b")
   FRAG_FFMPEG=(ffmpeg -hide_banner -nostdin -loglevel error -y -framerate 30 -i "$WORK/video.h264"
-    -i "$WORK/audio.aac" -map 0:v -map 1:a -c copy -movflags frag_keyframe+empty_moov+default_base_moof "$out_f")
+    -i "$WORK/audio.aac" -map 0:v -map 1:a -c copy -bsf:a aac_adtstoasc -movflags frag_keyframe+empty_moov+default_base_moof "$out_f")
   say
   say "== fragmented mux: the same job, fragments of 1 s (boxlane) and at every key frame (ffmpeg), $RUNS runs each"
   "${FRAG_BOXLANE[@]}" || die "boxlane mux --fragment failed"

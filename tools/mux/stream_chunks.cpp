@@ -129,6 +129,8 @@ bool VideoChunker::scan_to_boundary(std::size_t& boundary) {
       // first_mb_in_slice 0 (its ue(v) is the single bit 1): a new picture.
       if (type == h264::kNalIdrSlice && (d[one + 2] & 0x80) && vcl_ > 0) {
         boundary = candidate_ != kNone ? candidate_ : start;
+        // The zero_byte of a 4-byte start code opens the access unit too (Annex B.1.2).
+        if (boundary > 0 && d[boundary - 1] == 0) --boundary;
         scan_ = start;
         return true;
       }
