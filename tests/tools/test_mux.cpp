@@ -14,6 +14,7 @@
 #include "support/ffmpeg.hpp"
 #include "support/mp4_file_writer.hpp"
 #include "support/paths.hpp"
+#include "mux_runner.hpp"
 
 namespace boxlane::test {
 namespace {
@@ -38,16 +39,7 @@ Source make_source(const std::string& prefix, const std::string& rate, int bfram
   return s;
 }
 
-struct Result {
-  int status;
-  std::string output;  // stdout and stderr
-};
-
-Result mux(const std::string& args) {
-  Result r;
-  r.status = run(shell_quote(tool_path()) + " mux " + args + " 2>&1", &r.output);
-  return r;
-}
+using Result = MuxResult;
 
 TEST(Mux, WrittenFilesDecodeLikeTheirSources) {
   BOXLANE_REQUIRE_FFMPEG();

@@ -24,6 +24,7 @@
 #include "support/ffmpeg.hpp"
 #include "support/mp4_file_writer.hpp"
 #include "support/paths.hpp"
+#include "mux_runner.hpp"
 #include "support/readers.hpp"
 
 namespace boxlane::test {
@@ -52,16 +53,7 @@ Streams encode(const std::string& prefix, double seconds, int fps, int gop, cons
   return s;
 }
 
-struct Result {
-  int status;
-  std::string output;  // stdout and stderr
-};
-
-Result mux(const std::string& args) {
-  Result r;
-  r.status = run(shell_quote(tool_path()) + " mux " + args + " 2>&1", &r.output);
-  return r;
-}
+using Result = MuxResult;
 
 std::string inputs(const Streams& s, bool video = true, bool audio = true) {
   return (video ? " --video " + shell_quote(s.video) : "") + (audio ? " --audio " + shell_quote(s.audio) : "");
@@ -175,8 +167,9 @@ TEST(MuxFragments, ReadersSeeTheSourcesFramesFromZero) {
     const Streams& src = sources[r.source];
     const std::string out = dir + "out.mp4";
     SCOPED_TRACE(inputs(src, r.video, r.audio) + " --fragment " + std::to_string(r.seconds));
-    const Result m = mux(inputs(src, r.video, r.audio) + " --fragment " + std::to_string(r.seconds) + " -q -o " +
-                         shell_quote(out));
+    // --fsync changes when bytes reach the disk, never which.
+    const Result m = mux(inputs(src, r.video, r.audio) + " --fragment " + std::to_string(r.seconds) +
+                         (r.source == 1 ? " --fsync" : "") + " -q -o " + shell_quote(out));
     ASSERT_EQ(m.status, 0) << m.output;
     EXPECT_EQ(m.output, "");
     expect_fragmented_file(out, src, r.video, r.audio, r.seconds);
@@ -262,7 +255,7 @@ int finish(pid_t pid) {
 std::string trickle(const std::string& from, const std::string& fifo, int bytes_per_second) {
   return "python3 -c \"import sys,time\nd=open(sys.argv[1],'rb').read()\nout=open(sys.argv[2],'wb')\n"
          "for i in range(0,len(d),2048):\n out.write(d[i:i+2048]); out.flush(); time.sleep(2048/" +
-         std::to_string(bytes_per_second) + ")\" " + shell_quote(from) + " " + shell_quote(fifo);
+         std::to_string(bytes_per_second) + ")\" " + shell_quote(from) + " " + shell_quote(fifo) + " 2>/dev/null";
 }
 
 TEST(MuxFragments, LiveInputsFromStandardInputAndFifos) {
@@ -371,6 +364,32 @@ TEST(MuxFragments, KilledRecordingPlaysToItsLastWholeFragment) {
   const uint64_t torn_moof = boxes[boxes.size() - 2].offset;
   check(dir + "torn.mp4", whole - 1,
         std::count_if(packets.begin(), packets.end(), [&](const Packet& p) { return uint64_t(p.pos) < torn_moof; }));
+}
+
+// Interrupted (SIGINT), a recording ends cleanly: the whole pieces read so
+// far are written and the duration is filled in.
+TEST(MuxFragments, InterruptedRecordingEndsCleanly) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const std::string dir = temp_dir() + "/";
+  const Streams src = encode(dir + "in", 4, 25, 10, "bframes=2", 48000);
+  const std::string vfifo = dir + "v.fifo", out = dir + "stopped.mp4";
+  ASSERT_EQ(mkfifo(vfifo.c_str(), 0600), 0);
+  const pid_t writer = start(trickle(src.video, vfifo, int(fs::file_size(src.video) / 4)));
+  const pid_t muxer = start("exec " + shell_quote(tool_path()) + " mux -q --fragment 0.4 --video " + shell_quote(vfifo) +
+                            " -o " + shell_quote(out));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  ASSERT_EQ(kill(muxer, SIGINT), 0);
+  EXPECT_EQ(finish(muxer), 0);
+  kill(-writer, SIGKILL);
+  finish(writer);
+  const auto source = decoded_md5s(src.video, 'v');
+  const auto pictures = decoded_md5s(out, 'v');
+  ASSERT_GE(pictures.size(), 10u);
+  ASSERT_LT(pictures.size(), source.size());
+  EXPECT_EQ(pictures, std::vector<std::string>(source.begin(), source.begin() + long(pictures.size())));
+  if (have_mp4box()) {
+    EXPECT_NEAR(read_with_mp4box(out).duration, pictures.size() / 25.0, 1e-6);
+  }
 }
 
 TEST(MuxFragments, BrokenAndStoppedInputs) {

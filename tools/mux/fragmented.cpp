@@ -23,6 +23,7 @@
 #include "platform/h264.hpp"
 #include "tools/common/tool_error.hpp"
 #include "tools/mux/stream_chunks.hpp"
+#include "tools/mux/writer_client.hpp"
 
 namespace boxlane::tool {
 
@@ -41,27 +42,6 @@ constexpr uint32_t kMehdRoom = 28;
 
 volatile bool g_stop = false;
 extern "C" void stop_reading(int) { g_stop = true; }
-
-[[noreturn]] void refused(const char* what) {
-  char code[32];
-  std::snprintf(code, sizeof code, "0x%08llX", static_cast<unsigned long long>(Boxlane_GetLastError(nullptr)));
-  throw ToolError(std::string("the MP4 writer refused ") + what + " (error " + code + ")");
-}
-
-class Client {
- public:
-  Client() {
-    std::snprintf(name_, sizeof name_, "boxlane-mux-fragments-%ld", static_cast<long>(::getpid()));
-    if (!Boxlane_Packet_Insert(name_)) refused("a new client");
-  }
-  ~Client() { Boxlane_Packet_Delete(name_); }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
-  const char* name() const noexcept { return name_; }
-
- private:
-  char name_[64];
-};
 
 using Bytes = std::vector<uint8_t>;
 
@@ -645,7 +625,7 @@ class FragmentWriter {
   }
 
   const FragmentedInput& in_;
-  Client client_;
+  WriterClient client_;
   std::unique_ptr<LiveInput> vin_, ain_;
   std::unique_ptr<VideoChunker> vchunks_;
   std::unique_ptr<AudioChunker> achunks_;

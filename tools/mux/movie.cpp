@@ -15,6 +15,7 @@
 #include "tools/common/output_file.hpp"
 #include "tools/mux/chunk_offsets.hpp"
 #include "tools/mux/video_description.hpp"
+#include "tools/mux/writer_client.hpp"
 
 namespace boxlane::tool {
 
@@ -24,28 +25,6 @@ namespace {
 constexpr uint16_t kLanguageUndetermined = ((('u' - 0x60) << 10) | (('n' - 0x60) << 5) | ('d' - 0x60));
 constexpr uint32_t kFtypSize = 32;
 constexpr uint32_t kBoxHeader = 8;
-
-[[noreturn]] void refused(const char* what) {
-  char code[32];
-  std::snprintf(code, sizeof code, "0x%08llX", static_cast<unsigned long long>(Boxlane_GetLastError(nullptr)));
-  throw ToolError(std::string("the MP4 writer refused ") + what + " (error " + code + ")");
-}
-
-// The writer client of one run, removed however the run ends.
-class WriterClient {
- public:
-  WriterClient() {
-    std::snprintf(name_, sizeof name_, "boxlane-mux-%ld", static_cast<long>(::getpid()));
-    if (!Boxlane_Packet_Insert(name_)) refused("a new client");
-  }
-  ~WriterClient() { Boxlane_Packet_Delete(name_); }
-  WriterClient(const WriterClient&) = delete;
-  WriterClient& operator=(const WriterClient&) = delete;
-  const char* name() const noexcept { return name_; }
-
- private:
-  char name_[64];
-};
 
 uint32_t runs_of(uint64_t count, const Clock& clock) {
   uint32_t runs = 0;

@@ -82,7 +82,16 @@ bool VideoChunker::next(VideoChunk& out) {
       if (emit(boundary, false, out)) return true;
       continue;
     }
-    if (!in_.eof()) return false;
+    if (!in_.eof()) {
+      // A piece is held whole until the next IDR picture: a stream without
+      // them would otherwise be held whole.
+      if (in_.size() > kMaxPiece) {
+        throw ToolError(in_.name() + ": no IDR picture in the " + std::to_string(kMaxPiece >> 20) +
+                        " MiB from byte " + std::to_string(in_.offset()) +
+                        "; fragments start at IDR pictures, so the stream needs them more often");
+      }
+      return false;
+    }
     if (in_.size() == 0) {
       done_ = true;
       return false;

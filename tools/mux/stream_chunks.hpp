@@ -24,6 +24,9 @@ struct VideoChunk {
 
 class VideoChunker {
  public:
+  // The most input held while the next IDR picture is awaited.
+  static constexpr std::size_t kMaxPiece = std::size_t{128} << 20;
+
   explicit VideoChunker(LiveInput& in) : in_(in) {}
   // Cuts the next piece from what has been read: true when one is complete
   // (the next IDR picture has begun, or the input has ended). Throws
