@@ -304,17 +304,32 @@ TEST(MuxFragments, LiveInputsFromStandardInputAndFifos) {
   }
 }
 
+// A live recording: four seconds of video trickled into a FIFO over about
+// four seconds, recorded in fragments of 0.4 s into `out`.
+struct Recording {
+  Streams src;
+  pid_t writer, muxer;
+};
+
+Recording record_live(const std::string& dir, const std::string& out) {
+  Recording r;
+  r.src = encode(dir + "in", 4, 25, 10, "bframes=2", 48000);
+  const std::string vfifo = dir + "v.fifo";
+  EXPECT_EQ(mkfifo(vfifo.c_str(), 0600), 0);
+  r.writer = start(trickle(r.src.video, vfifo, int(fs::file_size(r.src.video) / 4)));
+  r.muxer = start("exec " + shell_quote(tool_path()) + " mux -q --fragment 0.4 --video " + shell_quote(vfifo) +
+                  " -o " + shell_quote(out));
+  return r;
+}
+
 // Killed with SIGKILL part way, the file holds every whole fragment, and
 // every reader plays them; a fragment torn in the middle stops no reader.
 TEST(MuxFragments, KilledRecordingPlaysToItsLastWholeFragment) {
   BOXLANE_REQUIRE_FFMPEG();
-  const std::string dir = temp_dir() + "/";
-  const Streams src = encode(dir + "in", 4, 25, 10, "bframes=2", 48000);
-  const std::string vfifo = dir + "v.fifo", out = dir + "killed.mp4";
-  ASSERT_EQ(mkfifo(vfifo.c_str(), 0600), 0);
-  const pid_t writer = start(trickle(src.video, vfifo, int(fs::file_size(src.video) / 4)));
-  const pid_t muxer = start("exec " + shell_quote(tool_path()) + " mux -q --fragment 0.4 --video " + shell_quote(vfifo) +
-                            " -o " + shell_quote(out));
+  const std::string dir = temp_dir() + "/", out = dir + "killed.mp4";
+  const Recording recording = record_live(dir, out);
+  const Streams& src = recording.src;
+  const pid_t writer = recording.writer, muxer = recording.muxer;
   // Wait for three fragments, then kill.
   const auto fragments_written = [&] {
     if (!fs::exists(out)) return 0l;
@@ -370,13 +385,10 @@ TEST(MuxFragments, KilledRecordingPlaysToItsLastWholeFragment) {
 // far are written and the duration is filled in.
 TEST(MuxFragments, InterruptedRecordingEndsCleanly) {
   BOXLANE_REQUIRE_FFMPEG();
-  const std::string dir = temp_dir() + "/";
-  const Streams src = encode(dir + "in", 4, 25, 10, "bframes=2", 48000);
-  const std::string vfifo = dir + "v.fifo", out = dir + "stopped.mp4";
-  ASSERT_EQ(mkfifo(vfifo.c_str(), 0600), 0);
-  const pid_t writer = start(trickle(src.video, vfifo, int(fs::file_size(src.video) / 4)));
-  const pid_t muxer = start("exec " + shell_quote(tool_path()) + " mux -q --fragment 0.4 --video " + shell_quote(vfifo) +
-                            " -o " + shell_quote(out));
+  const std::string dir = temp_dir() + "/", out = dir + "stopped.mp4";
+  const Recording recording = record_live(dir, out);
+  const Streams& src = recording.src;
+  const pid_t writer = recording.writer, muxer = recording.muxer;
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));
   ASSERT_EQ(kill(muxer, SIGINT), 0);
   EXPECT_EQ(finish(muxer), 0);
