@@ -273,7 +273,8 @@ compare_fragments() {
   rm -f "$out_b" "$out_f"
 }
 
-# The stream of `copies` 20-second clips and as much AAC, from two pipes.
+# The stream of `copies` 20-second clips and as much AAC, from two pipes:
+# sets LIVE_PEAK (KiB) and LIVE_FRAMES.
 record_from_pipes() {
   local copies=$1 out=$WORK/live.mp4
   rm -f "$out"
@@ -282,16 +283,18 @@ record_from_pipes() {
     --audio <(ffmpeg -hide_banner -nostdin -loglevel error -stream_loop -1 -i "$WORK/audio.aac" -t $((copies * 20)) \
       -c copy -f adts -) || die "boxlane mux from pipes failed"
   LIVE_FRAMES=$(ffprobe -v error -select_streams v:0 -count_packets -show_entries stream=nb_read_packets -of csv=p=0 "$out")
+  LIVE_PEAK=$(tail -n 1 "$WORK/time.out")
   rm -f "$out"
-  tail -n 1 "$WORK/time.out"
 }
 
 compare_live_memory() {
   say
   say "== peak memory of boxlane mux --fragment 1 recording 720p30 H.264 and AAC from two pipes"
-  LIVE_MINUTE=$(record_from_pipes 3)
+  record_from_pipes 3
+  LIVE_MINUTE=$LIVE_PEAK
   local minute_frames=$LIVE_FRAMES
-  LIVE_HOUR=$(record_from_pipes 180)
+  record_from_pipes 180
+  LIVE_HOUR=$LIVE_PEAK
   say "one minute ($minute_frames frames): peak $LIVE_MINUTE KiB;  one hour ($LIVE_FRAMES frames): peak $LIVE_HOUR KiB"
   LIVE_GROWTH=$(ratio "$LIVE_HOUR" "$LIVE_MINUTE")
 }

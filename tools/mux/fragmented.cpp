@@ -1,6 +1,7 @@
 #include "tools/mux/fragmented.hpp"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -34,7 +35,7 @@ constexpr uint16_t kLanguageUndetermined = ((('u' - 0x60) << 10) | (('n' - 0x60)
 // A pipe is read ahead of what the next fragment needs, up to this much, so
 // that a program writing its two streams one after the other into two FIFOs
 // is not blocked on the one not being read.
-constexpr std::size_t kReadAhead = std::size_t{8} << 20;
+constexpr std::size_t kReadAhead = std::size_t{1} << 20;
 constexpr std::size_t kFileRead = std::size_t{1} << 20;
 // The free box in mvex that becomes mehd (16 or 20 bytes) and a smaller
 // free box when the run finishes.
@@ -74,21 +75,19 @@ class Output {
   void write(const uint8_t* a, std::size_t na, const uint8_t* b, std::size_t nb) {
     iovec parts[2] = {{const_cast<uint8_t*>(a), na}, {const_cast<uint8_t*>(b), nb}};
     int first = 0;
+    while (first < 2 && parts[first].iov_len == 0) ++first;
     while (first < 2) {
       const ssize_t w = ::writev(fd_, parts + first, 2 - first);
       if (w < 0 && errno == EINTR) continue;
       if (w <= 0) throw ToolError("cannot write '" + path_ + "': " + std::strerror(errno));
       position_ += static_cast<uint64_t>(w);
-      for (auto left = static_cast<std::size_t>(w); first < 2 && left >= parts[first].iov_len;) {
-        left -= parts[first].iov_len;
-        parts[first].iov_len = 0;
-        ++first;
-        if (first < 2 && left) {
-          parts[first].iov_base = static_cast<uint8_t*>(parts[first].iov_base) + left;
-          parts[first].iov_len -= left;
-          left = 0;
-        }
-        if (left == 0) break;
+      for (auto left = static_cast<std::size_t>(w); left > 0;) {
+        iovec& part = parts[first];
+        const std::size_t taken = std::min(left, part.iov_len);
+        part.iov_base = static_cast<uint8_t*>(part.iov_base) + taken;
+        part.iov_len -= taken;
+        left -= taken;
+        if (part.iov_len == 0) ++first;
       }
       while (first < 2 && parts[first].iov_len == 0) ++first;
     }
@@ -134,6 +133,11 @@ class FragmentWriter {
 
   FragmentedResult run() {
     started_ = std::chrono::steady_clock::now();
+    // A recording allocates and frees a piece of a group of pictures every
+    // second or so, each of a different size. glibc would move its mmap
+    // threshold up past them and serve them from a heap that never shrinks;
+    // a fixed threshold gives each back to the system when it is freed.
+    ::mallopt(M_MMAP_THRESHOLD, 128 << 10);
     struct sigaction act {};
     act.sa_handler = stop_reading;
     sigemptyset(&act.sa_mask);
