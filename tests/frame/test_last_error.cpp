@@ -81,6 +81,10 @@ TEST(Forwarding, FlatFunctionsEqualTheirMembers) {
   ASSERT_TRUE(m_MP4Packet.Boxlane_Packet_DInf("fwd", member, &member_size));
   EXPECT_EQ(std::vector<uint8_t>(flat, flat + flat_size), std::vector<uint8_t>(member, member + member_size));
 
+  ASSERT_TRUE(Boxlane_Packet_STyp("fwd", flat, &flat_size));
+  ASSERT_TRUE(m_MP4Packet.Boxlane_Packet_STyp("fwd", member, &member_size));
+  EXPECT_EQ(std::vector<uint8_t>(flat, flat + flat_size), std::vector<uint8_t>(member, member + member_size));
+
   EXPECT_EQ(Boxlane_Packet_HDlr("fwd", flat, &flat_size, 9), m_MP4Packet.Boxlane_Packet_HDlr("fwd", member, &member_size, 9));
   EXPECT_EQ(Boxlane_GetLastError(nullptr), uint64_t{BOXLANE_ERROR_PACKET_NOTSUPPORT});
   EXPECT_TRUE(Boxlane_Packet_Delete("fwd"));
@@ -106,9 +110,11 @@ TEST(Exports, SharedLibraryExportsOnlyTheInterface) {
     if (name.rfind("Boxlane_Parse_", 0) == 0 || name.rfind("Boxlane_Packet_", 0) == 0) ++flat;
   }
   // 16 parser and 20 writer functions, GetTrackCodec, MDhdEx, EDts,
-  // FrameAccessUnit, STsdHEVC, GetTrackHEVC, and the 64-bit forms HDRBox64,
-  // MVhd64, TKhd64, MDhd64, EDts64, STco64 and STco64Size.
-  EXPECT_EQ(flat, 49);
+  // FrameAccessUnit, STsdHEVC, GetTrackHEVC, the 64-bit forms HDRBox64,
+  // MVhd64, TKhd64, MDhd64, EDts64, STco64 and STco64Size, and the seven
+  // fragment functions (FragmentMode, MVex, FragmentSize, Fragment, STyp,
+  // SIdx, MFra).
+  EXPECT_EQ(flat, 56);
   EXPECT_NE(symbols.find("Boxlane_GetLastError"), std::string::npos);
   EXPECT_NE(symbols.find("Boxlane_dwErrorCode"), std::string::npos);
   EXPECT_NE(symbols.find("Boxlane_IsErrorOccur"), std::string::npos);
