@@ -533,6 +533,7 @@ class FragmentWriter {
     for (std::size_t k = 0; k < plan.video_chunks; ++k) {
       v_.written += v_.chunks.front().stream.units.size();
       v_.bytes -= v_.chunks.front().bytes.size();
+      vchunks_->recycle(std::move(v_.chunks.front().bytes));
       v_.chunks.pop_front();
       v_.first.pop_front();
     }

@@ -205,6 +205,9 @@ bool VideoChunker::emit(std::size_t end, bool last, VideoChunk& out) {
     return false;
   }
   out = VideoChunk{};
+  out.bytes = std::move(spare_);
+  out.bytes.clear();
+  spare_ = std::vector<uint8_t>();
   out.input_offset = offset;
   // A piece after the first starts with the parameter sets sent so far:
   // scan_video reads it alone, and repeats of them inside are ignored.

@@ -40,6 +40,11 @@ class VideoChunker {
   // read, when it did; the pictures before it are kept.
   bool cut_short() const noexcept { return cut_short_; }
   uint64_t cut_at() const noexcept { return cut_at_; }
+  // Hands back the bytes of a piece that was written, for the next piece to
+  // use: a recording then allocates nothing per group of pictures.
+  void recycle(std::vector<uint8_t>&& bytes) noexcept {
+    if (bytes.capacity() > spare_.capacity()) spare_ = std::move(bytes);
+  }
 
  private:
   struct ParameterSet {
@@ -67,6 +72,7 @@ class VideoChunker {
   bool cut_short_ = false;
   uint64_t cut_at_ = 0;
   std::vector<ParameterSet> sets_;
+  std::vector<uint8_t> spare_;
 };
 
 struct AudioChunk {
