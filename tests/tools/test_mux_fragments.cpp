@@ -322,6 +322,16 @@ Recording record_live(const std::string& dir, const std::string& out) {
   return r;
 }
 
+// Waits (up to 20 s) until `out` holds `count` whole fragments.
+void wait_for_fragments(const std::string& out, long count) {
+  const auto written = [&] {
+    if (!fs::exists(out)) return 0l;
+    const auto boxes = boxes_of(out);
+    return long(std::count_if(boxes.begin(), boxes.end(), [](const TopBox& b) { return b.type == "mdat"; }));
+  };
+  for (int i = 0; i < 1000 && written() < count; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+}
+
 // Killed with SIGKILL part way, the file holds every whole fragment, and
 // every reader plays them; a fragment torn in the middle stops no reader.
 TEST(MuxFragments, KilledRecordingPlaysToItsLastWholeFragment) {
@@ -330,13 +340,7 @@ TEST(MuxFragments, KilledRecordingPlaysToItsLastWholeFragment) {
   const Recording recording = record_live(dir, out);
   const Streams& src = recording.src;
   const pid_t writer = recording.writer, muxer = recording.muxer;
-  // Wait for three fragments, then kill.
-  const auto fragments_written = [&] {
-    if (!fs::exists(out)) return 0l;
-    const auto boxes = boxes_of(out);
-    return long(std::count_if(boxes.begin(), boxes.end(), [](const TopBox& b) { return b.type == "mdat"; }));
-  };
-  for (int i = 0; i < 300 && fragments_written() < 3; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  wait_for_fragments(out, 3);
   ASSERT_EQ(kill(muxer, SIGKILL), 0);
   finish(muxer);
   kill(-writer, SIGKILL);
@@ -389,7 +393,7 @@ TEST(MuxFragments, InterruptedRecordingEndsCleanly) {
   const Recording recording = record_live(dir, out);
   const Streams& src = recording.src;
   const pid_t writer = recording.writer, muxer = recording.muxer;
-  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  wait_for_fragments(out, 2);
   ASSERT_EQ(kill(muxer, SIGINT), 0);
   EXPECT_EQ(finish(muxer), 0);
   kill(-writer, SIGKILL);

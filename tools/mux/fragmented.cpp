@@ -1,10 +1,7 @@
 #include "tools/mux/fragmented.hpp"
 
-#include <fcntl.h>
 #include <malloc.h>
 #include <poll.h>
-#include <sys/stat.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,9 +17,11 @@
 #include <vector>
 
 #include "boxlane/boxlane.h"
+#include "tools/common/in_place_output.hpp"
 #include "tools/common/live_input.hpp"
 #include "platform/h264.hpp"
 #include "tools/common/tool_error.hpp"
+#include "tools/mux/init_segment.hpp"
 #include "tools/mux/stream_chunks.hpp"
 #include "tools/mux/writer_client.hpp"
 
@@ -30,84 +29,14 @@ namespace boxlane::tool {
 
 namespace {
 
-// "und", packed as three 5-bit letters (ISO/IEC 14496-12 §8.4.2.3).
-constexpr uint16_t kLanguageUndetermined = ((('u' - 0x60) << 10) | (('n' - 0x60) << 5) | ('d' - 0x60));
 // A pipe is read ahead of what the next fragment needs, up to this much, so
 // that a program writing its two streams one after the other into two FIFOs
 // is not blocked on the one not being read.
 constexpr std::size_t kReadAhead = std::size_t{1} << 20;
 constexpr std::size_t kFileRead = std::size_t{1} << 20;
-// The free box in mvex that becomes mehd (16 or 20 bytes) and a smaller
-// free box when the run finishes.
-constexpr uint32_t kMehdRoom = 28;
 
 volatile bool g_stop = false;
 extern "C" void stop_reading(int) { g_stop = true; }
-
-using Bytes = std::vector<uint8_t>;
-
-// One writer call into a buffer of `room` bytes, kept as its own vector.
-template <typename Call>
-Bytes call_box(const char* what, std::size_t room, Call call) {
-  Bytes out(room);
-  int32_t len = 0;
-  if (!call(out.data(), &len)) refused(what);
-  if (len < 0 || static_cast<std::size_t>(len) > room) throw ToolError(std::string("internal: ") + what + " overran");
-  out.resize(static_cast<std::size_t>(len));
-  return out;
-}
-
-void append(Bytes& to, const Bytes& from) { to.insert(to.end(), from.begin(), from.end()); }
-
-class Output {
- public:
-  explicit Output(const std::string& path) : path_(path) {
-    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd_ < 0) throw ToolError("cannot write '" + path + "': " + std::strerror(errno));
-    struct stat st {};
-    regular_ = ::fstat(fd_, &st) == 0 && S_ISREG(st.st_mode);
-  }
-  ~Output() { ::close(fd_); }
-  Output(const Output&) = delete;
-  Output& operator=(const Output&) = delete;
-
-  // Both pieces in one call, so a fragment is torn only by the kernel.
-  void write(const uint8_t* a, std::size_t na, const uint8_t* b, std::size_t nb) {
-    iovec parts[2] = {{const_cast<uint8_t*>(a), na}, {const_cast<uint8_t*>(b), nb}};
-    int first = 0;
-    while (first < 2 && parts[first].iov_len == 0) ++first;
-    while (first < 2) {
-      const ssize_t w = ::writev(fd_, parts + first, 2 - first);
-      if (w < 0 && errno == EINTR) continue;
-      if (w <= 0) throw ToolError("cannot write '" + path_ + "': " + std::strerror(errno));
-      position_ += static_cast<uint64_t>(w);
-      for (auto left = static_cast<std::size_t>(w); left > 0;) {
-        iovec& part = parts[first];
-        const std::size_t taken = std::min(left, part.iov_len);
-        part.iov_base = static_cast<uint8_t*>(part.iov_base) + taken;
-        part.iov_len -= taken;
-        left -= taken;
-        if (part.iov_len == 0) ++first;
-      }
-      while (first < 2 && parts[first].iov_len == 0) ++first;
-    }
-  }
-  void patch(uint64_t at, const Bytes& bytes) {
-    if (::pwrite(fd_, bytes.data(), bytes.size(), static_cast<off_t>(at)) != static_cast<ssize_t>(bytes.size()))
-      throw ToolError("cannot write '" + path_ + "': " + std::strerror(errno));
-  }
-  void sync() {
-    if (::fdatasync(fd_) != 0 && errno != EINVAL) throw ToolError("cannot sync '" + path_ + "': " + std::strerror(errno));
-  }
-  bool regular() const noexcept { return regular_; }
-  uint64_t position() const noexcept { return position_; }
-
- private:
-  std::string path_;
-  int fd_ = -1;
-  bool regular_ = false;
-  uint64_t position_ = 0;
-};
 
 // Pieces of a stream scanned and waiting to be written, with the stream's
 // sample numbering.
@@ -164,7 +93,7 @@ class FragmentWriter {
     }
     choose_clock();
     remember_first();
-    out_ = std::make_unique<Output>(in_.output);
+    out_ = std::make_unique<InPlaceOutput>(in_.output);
     write_init_segment();
 
     for (;;) {
@@ -372,96 +301,15 @@ class FragmentWriter {
     const uint32_t audio_id = ain_ ? (vin_ ? 2 : 1) : 0;
     if (!Boxlane_Packet_FragmentMode(c, video_id, audio_id, 0, index_ ? BOXLANE_FRAGMENT_INDEX : 0))
       refused("fragment mode");
-    Bytes file = call_box("ftyp", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_FTyp(c, p, l); });
-    Bytes moov = call_box("mvhd", 256, [&](uint8_t* p, int32_t* l) {
-      return Boxlane_Packet_MVhd(c, p, l, 0, static_cast<int32_t>(timing_.timescale));
-    });
-    if (vin_) append(moov, track(true));
-    if (ain_) append(moov, track(false));
-    Bytes mvex = call_box("mvex", 256, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_MVex(c, p, l, 0); });
-    if (out_->regular()) {
-      // Room for mehd, filled in when the run finishes and the duration is
-      // known; a run that is killed leaves a free box there.
-      Bytes room(kMehdRoom, 0);
-      put32(room, 0, kMehdRoom);
-      std::memcpy(room.data() + 4, "free", 4);
-      mvex.insert(mvex.begin() + 8, room.begin(), room.end());
-      put32(mvex, 0, static_cast<uint32_t>(mvex.size()));
-      mehd_at_ = file.size() + 8 + moov.size() + 8;
-    }
-    append(moov, mvex);
-    append(file, wrap("moov", moov));
-    out_->write(file.data(), file.size(), nullptr, 0);
-  }
-
-  static void put32(Bytes& b, std::size_t at, uint32_t v) {
-    for (int i = 0; i < 4; ++i) b[at + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
-  }
-
-  Bytes wrap(const char* type, const Bytes& payload) {
-    return call_box(type, payload.size() + 8, [&](uint8_t* p, int32_t* l) {
-      return Boxlane_Packet_HDRBox(client_.name(), p, l, type, payload.data(), static_cast<int32_t>(payload.size()));
-    });
-  }
-
-  // A trak with empty sample tables: the samples are in the fragments.
-  Bytes track(bool video) {
-    const char* c = client_.name();
-    tag_Qorvane_AVProtocol desc{};
-    Bytes stbl;
-    if (video) {
-      const VideoStream& s = v_.chunks.front().stream;
-      if (s.sps_nal.size() + s.pps_nal.size() + 8 > sizeof desc.tszVideoHdr) {
-        throw ToolError("the SPS and PPS together exceed the 1016 bytes the sample description takes");
-      }
-      desc.bVideo = 1;
-      desc.nVideoCodec = 27;
-      std::size_t at = 0;
-      for (const std::vector<uint8_t>* set : {&s.sps_nal, &s.pps_nal}) {
-        const uint8_t start[4] = {0, 0, 0, 1};
-        std::memcpy(desc.tszVideoHdr + at, start, 4);
-        std::memcpy(desc.tszVideoHdr + at + 4, set->data(), set->size());
-        at += 4 + set->size();
-      }
-      desc.nVideoHdrLen = static_cast<int32_t>(at);
-    } else {
-      const AudioStream& s = a_.chunks.front().stream;
-      desc.bAudio = 1;
-      desc.nAudioChannel = s.config.channel_config == 7 ? 8 : s.config.channel_config;
-      desc.nAudioSampleRate = static_cast<int32_t>(s.config.sample_rate);
-      desc.nAudioSampleBit = 16;
-      desc.nAudioFrameSize = AudioStream::kSamplesPerFrame;
-      desc.nAudioCfgLen = 2;
-      std::memcpy(desc.tszAudioCfg, s.audio_specific_config, 2);
-    }
-    const uint32_t width = video ? v_.chunks.front().stream.sps.width : 0;
-    const uint32_t height = video ? v_.chunks.front().stream.sps.height : 0;
-    Bytes trak = call_box("tkhd", 128, [&](uint8_t* p, int32_t* l) {
-      return Boxlane_Packet_TKhd(c, p, l, video ? 0 : 0x0100, static_cast<int32_t>(width), static_cast<int32_t>(height), 0);
-    });
-    if (video && shift_) {
-      // Duration 0: the edit runs to the end of the media, however many
-      // fragments follow (ISO/IEC 14496-12 §8.6.6.3).
-      append(trak, call_box("edts", 64, [&](uint8_t* p, int32_t* l) {
-        return Boxlane_Packet_EDts(c, p, l, 0, static_cast<int32_t>(timing_.video.at(shift_)));
-      }));
-    }
-    append(stbl, call_box("stsd", 4096, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsd(c, p, l, &desc); }));
-    append(stbl, call_box("stts", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STts(c, p, l, video); }));
-    append(stbl, call_box("stsc", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsc(c, p, l); }));
-    append(stbl, call_box("stsz", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsz(c, p, l, video); }));
-    append(stbl, call_box("stco", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STco(c, p, l, video); }));
-    Bytes minf = video ? call_box("vmhd", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_VMhd(c, p, l); })
-                       : call_box("smhd", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_SMhd(c, p, l, 0); });
-    append(minf, call_box("dinf", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_DInf(c, p, l); }));
-    append(minf, wrap("stbl", stbl));
-    Bytes mdia = call_box("mdhd", 64, [&](uint8_t* p, int32_t* l) {
-      return Boxlane_Packet_MDhdEx(c, p, l, kLanguageUndetermined, 0);
-    });
-    append(mdia, call_box("hdlr", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_HDlr(c, p, l, video ? 0 : 1); }));
-    append(mdia, wrap("minf", minf));
-    append(trak, wrap("mdia", mdia));
-    return wrap("trak", trak);
+    InitSegmentInput init;
+    init.video = vin_ ? &v_.chunks.front().stream : nullptr;
+    init.audio = ain_ ? &a_.chunks.front().stream : nullptr;
+    init.timescale = timing_.timescale;
+    init.edit_media_time = vin_ && shift_ ? timing_.video.at(shift_) : 0;
+    init.mehd_room = out_->regular();
+    const InitSegment segment = build_init_segment(c, init);
+    mehd_at_ = segment.mehd_at;
+    out_->write(segment.bytes.data(), segment.bytes.size(), nullptr, 0);
   }
 
   void write_fragment(const Plan& plan) {
@@ -551,18 +399,7 @@ class FragmentWriter {
       });
       out_->write(mfra.data(), mfra.size(), nullptr, 0);
     }
-    if (mehd_at_) {
-      // mvex is 8 bytes of header, then the room, then the trex boxes: the
-      // room becomes mehd and a free box for the rest.
-      Bytes mvex = call_box("mvex", 256, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_MVex(c, p, l, duration()); });
-      const std::size_t mehd = mvex[8] << 24 | mvex[9] << 16 | mvex[10] << 8 | mvex[11];
-      Bytes room(mvex.begin() + 8, mvex.begin() + 8 + static_cast<std::ptrdiff_t>(mehd));
-      Bytes rest(kMehdRoom - mehd, 0);
-      put32(rest, 0, static_cast<uint32_t>(rest.size()));
-      std::memcpy(rest.data() + 4, "free", 4);
-      append(room, rest);
-      out_->patch(mehd_at_, room);
-    }
+    if (mehd_at_) out_->patch(mehd_at_, mehd_in_room(c, duration()));
     if (in_.fsync) out_->sync();
   }
 
@@ -640,7 +477,7 @@ class FragmentWriter {
   FrameRate fps_;
   uint64_t span_ticks_ = 1;
   uint32_t shift_ = 0;  // frames every composition time is delayed by
-  std::unique_ptr<Output> out_;
+  std::unique_ptr<InPlaceOutput> out_;
   bool index_ = false;
   uint64_t mehd_at_ = 0;
   Bytes payload_, header_;

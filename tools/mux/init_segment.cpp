@@ -1,0 +1,144 @@
+#include "tools/mux/init_segment.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include "boxlane/boxlane.h"
+
+namespace boxlane::tool {
+
+namespace {
+
+// "und", packed as three 5-bit letters (ISO/IEC 14496-12 §8.4.2.3).
+constexpr uint16_t kLanguageUndetermined = ((('u' - 0x60) << 10) | (('n' - 0x60) << 5) | ('d' - 0x60));
+// The free box in mvex that becomes mehd (16 or 20 bytes) and a smaller
+// free box when the run finishes.
+constexpr uint32_t kMehdRoom = 28;
+
+void append(Bytes& to, const Bytes& from) { to.insert(to.end(), from.begin(), from.end()); }
+
+void put32(Bytes& b, std::size_t at, uint32_t v) {
+  for (int i = 0; i < 4; ++i) b[at + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
+}
+
+// A free box of `size` bytes, at least its 8-byte header.
+Bytes free_box(std::size_t size) {
+  Bytes box(std::max<std::size_t>(size, 8), 0);
+  put32(box, 0, static_cast<uint32_t>(box.size()));
+  const char type[] = "free";
+  for (std::size_t i = 0; i < 4; ++i) box[4 + i] = static_cast<uint8_t>(type[i]);
+  return box;
+}
+
+class Builder {
+ public:
+  Builder(const char* client, const InitSegmentInput& in) : c(client), in_(in) {}
+
+  Bytes wrap(const char* type, const Bytes& payload) {
+    return call_box(type, payload.size() + 8, [&](uint8_t* p, int32_t* l) {
+      return Boxlane_Packet_HDRBox(c, p, l, type, payload.data(), static_cast<int32_t>(payload.size()));
+    });
+  }
+
+  // A trak with empty sample tables: the samples are in the fragments.
+  Bytes track(bool video) {
+    tag_Qorvane_AVProtocol desc{};
+    Bytes stbl;
+    if (video) {
+      const VideoStream& s = *in_.video;
+      if (s.sps_nal.size() + s.pps_nal.size() + 8 > sizeof desc.tszVideoHdr) {
+        throw ToolError("the SPS and PPS together exceed the 1016 bytes the sample description takes");
+      }
+      desc.bVideo = 1;
+      desc.nVideoCodec = 27;
+      std::size_t at = 0;
+      for (const std::vector<uint8_t>* set : {&s.sps_nal, &s.pps_nal}) {
+        const uint8_t start[4] = {0, 0, 0, 1};
+        std::memcpy(desc.tszVideoHdr + at, start, 4);
+        std::memcpy(desc.tszVideoHdr + at + 4, set->data(), set->size());
+        at += 4 + set->size();
+      }
+      desc.nVideoHdrLen = static_cast<int32_t>(at);
+    } else {
+      const AudioStream& s = *in_.audio;
+      desc.bAudio = 1;
+      desc.nAudioChannel = s.config.channel_config == 7 ? 8 : s.config.channel_config;
+      desc.nAudioSampleRate = static_cast<int32_t>(s.config.sample_rate);
+      desc.nAudioSampleBit = 16;
+      desc.nAudioFrameSize = AudioStream::kSamplesPerFrame;
+      desc.nAudioCfgLen = 2;
+      std::memcpy(desc.tszAudioCfg, s.audio_specific_config, 2);
+    }
+    const uint32_t width = video ? in_.video->sps.width : 0;
+    const uint32_t height = video ? in_.video->sps.height : 0;
+    Bytes trak = call_box("tkhd", 128, [&](uint8_t* p, int32_t* l) {
+      return Boxlane_Packet_TKhd(c, p, l, video ? 0 : 0x0100, static_cast<int32_t>(width), static_cast<int32_t>(height), 0);
+    });
+    if (video && in_.edit_media_time) {
+      // Duration 0: the edit runs to the end of the media, however many
+      // fragments follow (ISO/IEC 14496-12 §8.6.6.3).
+      append(trak, call_box("edts", 64, [&](uint8_t* p, int32_t* l) {
+        return Boxlane_Packet_EDts(c, p, l, 0, static_cast<int32_t>(in_.edit_media_time));
+      }));
+    }
+    append(stbl, call_box("stsd", 4096, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsd(c, p, l, &desc); }));
+    append(stbl, call_box("stts", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STts(c, p, l, video); }));
+    append(stbl, call_box("stsc", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsc(c, p, l); }));
+    append(stbl, call_box("stsz", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsz(c, p, l, video); }));
+    append(stbl, call_box("stco", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STco(c, p, l, video); }));
+    Bytes minf = video ? call_box("vmhd", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_VMhd(c, p, l); })
+                       : call_box("smhd", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_SMhd(c, p, l, 0); });
+    append(minf, call_box("dinf", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_DInf(c, p, l); }));
+    append(minf, wrap("stbl", stbl));
+    Bytes mdia = call_box("mdhd", 64, [&](uint8_t* p, int32_t* l) {
+      return Boxlane_Packet_MDhdEx(c, p, l, kLanguageUndetermined, 0);
+    });
+    append(mdia, call_box("hdlr", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_HDlr(c, p, l, video ? 0 : 1); }));
+    append(mdia, wrap("minf", minf));
+    append(trak, wrap("mdia", mdia));
+    return wrap("trak", trak);
+  }
+
+ private:
+  const char* c;  // the client, short for the many calls above
+  const InitSegmentInput& in_;
+};
+
+}  // namespace
+
+InitSegment build_init_segment(const char* client, const InitSegmentInput& in) {
+  Builder b(client, in);
+  const char* c = client;
+  InitSegment out;
+  Bytes file = call_box("ftyp", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_FTyp(c, p, l); });
+  Bytes moov = call_box("mvhd", 256, [&](uint8_t* p, int32_t* l) {
+    return Boxlane_Packet_MVhd(c, p, l, 0, static_cast<int32_t>(in.timescale));
+  });
+  if (in.video) append(moov, b.track(true));
+  if (in.audio) append(moov, b.track(false));
+  Bytes mvex = call_box("mvex", 256, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_MVex(c, p, l, 0); });
+  if (in.mehd_room) {
+    // Room for mehd, filled in when the run finishes and the duration is
+    // known; a run that is killed leaves a free box there.
+    const Bytes room = free_box(kMehdRoom);
+    mvex.insert(mvex.begin() + 8, room.begin(), room.end());
+    put32(mvex, 0, static_cast<uint32_t>(mvex.size()));
+    out.mehd_at = file.size() + 8 + moov.size() + 8;
+  }
+  append(moov, mvex);
+  append(file, b.wrap("moov", moov));
+  out.bytes = std::move(file);
+  return out;
+}
+
+Bytes mehd_in_room(const char* client, uint64_t duration) {
+  // mvex is 8 bytes of header, then mehd, then the trex boxes.
+  const Bytes mvex = call_box("mvex", 256, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_MVex(client, p, l, duration); });
+  const std::size_t mehd = std::size_t{mvex[8]} << 24 | std::size_t{mvex[9]} << 16 | std::size_t{mvex[10]} << 8 | mvex[11];
+  Bytes room(mvex.begin() + 8, mvex.begin() + 8 + static_cast<std::ptrdiff_t>(mehd));
+  append(room, free_box(kMehdRoom - mehd));
+  return room;
+}
+
+}  // namespace boxlane::tool
