@@ -251,6 +251,14 @@ int finish(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// The exit status of a process writing into a FIFO for a mux that has
+// returned. When the mux failed the writer may wait for a reader forever:
+// it is killed then, so a failure cannot hang the test.
+int finish_writer(pid_t pid, const MuxResult& mux) {
+  if (mux.status != 0) kill(-pid, SIGKILL);
+  return finish(pid);
+}
+
 // A stream written into a FIFO about `rate` bytes a second, as a camera does.
 std::string trickle(const std::string& from, const std::string& fifo, int bytes_per_second) {
   return "python3 -c \"import sys,time\nd=open(sys.argv[1],'rb').read()\nout=open(sys.argv[2],'wb')\n"
@@ -272,7 +280,7 @@ TEST(MuxFragments, LiveInputsFromStandardInputAndFifos) {
     pid_t writer = start("cat " + shell_quote(src.audio) + " > " + shell_quote(afifo));
     Result r = mux("--video - --audio " + shell_quote(afifo) + " " + mode + " -q -o " + shell_quote(out) + " < " +
                    shell_quote(src.video));
-    EXPECT_EQ(finish(writer), 0);
+    EXPECT_EQ(finish_writer(writer, r), 0);
     ASSERT_EQ(r.status, 0) << r.output;
     expect_decodes_like(out, src.video, src.audio);
     // Two FIFOs filled by one program, audio opened first and written
@@ -280,7 +288,7 @@ TEST(MuxFragments, LiveInputsFromStandardInputAndFifos) {
     writer = start("exec 4>" + shell_quote(afifo) + " 3>" + shell_quote(vfifo) + "; cat " + shell_quote(src.audio) +
                    " >&4; exec 4>&-; cat " + shell_quote(src.video) + " >&3");
     r = mux("--video " + shell_quote(vfifo) + " --audio " + shell_quote(afifo) + " " + mode + " -q -o " + shell_quote(out));
-    EXPECT_EQ(finish(writer), 0);
+    EXPECT_EQ(finish_writer(writer, r), 0);
     ASSERT_EQ(r.status, 0) << r.output;
     expect_decodes_like(out, src.video, src.audio);
     for (const auto& entry : fs::directory_iterator(dir))
@@ -293,7 +301,7 @@ TEST(MuxFragments, LiveInputsFromStandardInputAndFifos) {
     const pid_t writer = start(trickle(src.video, vfifo, int(size / 3)));
     const Result r = mux("--video " + shell_quote(vfifo) + " --fragment 0.5" + (quiet ? " -q" : "") + " -o " +
                          shell_quote(out));
-    EXPECT_EQ(finish(writer), 0);
+    EXPECT_EQ(finish_writer(writer, r), 0);
     EXPECT_EQ(r.status, 0) << r.output;
     if (quiet) {
       EXPECT_EQ(r.output, "");
