@@ -476,6 +476,7 @@ TEST(MuxFragments, BrokenAndStoppedInputs) {
       {"--video " + shell_quote(src.video) + " --fragment 1 --faststart", "do not go together"},
       {"--video " + shell_quote(src.video) + " --fsync", "--fsync needs --fragment"},
       {"--video - --audio -", "only one input"},
+      {"--video " + shell_quote(src.video) + " --video-codec h265 --fragment 1", "H.264 video only"},
       {"--video - --fragment 1 < /dev/null", "is empty"},
       {"--audio - < /dev/null", "is empty"},
   };

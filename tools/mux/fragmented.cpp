@@ -231,6 +231,14 @@ class FragmentWriter {
   }
 
   void take_pieces() {
+    if (vchunks_ && !codec_checked_) {
+      // The cutter reads H.264; an H.265 stream is refused before it is cut.
+      if (vin_->size() < 4096 && !vin_->eof()) return;
+      if (detect_codec(vin_->data(), vin_->size()) == VideoCodec::kH265) {
+        throw ToolError(vin_->name() + ": an H.265 stream; --fragment writes H.264 video only");
+      }
+      codec_checked_ = true;
+    }
     if (vchunks_) {
       VideoChunk chunk;
       while (vchunks_->next(chunk)) {
@@ -477,6 +485,7 @@ class FragmentWriter {
   FrameRate fps_;
   uint64_t span_ticks_ = 1;
   uint32_t shift_ = 0;  // frames every composition time is delayed by
+  bool codec_checked_ = false;
   std::unique_ptr<InPlaceOutput> out_;
   bool index_ = false;
   uint64_t mehd_at_ = 0;

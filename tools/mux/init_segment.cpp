@@ -5,6 +5,7 @@
 #include <string>
 
 #include "boxlane/boxlane.h"
+#include "tools/mux/video_description.hpp"
 
 namespace boxlane::tool {
 
@@ -43,35 +44,8 @@ class Builder {
 
   // A trak with empty sample tables: the samples are in the fragments.
   Bytes track(bool video) {
-    tag_Qorvane_AVProtocol desc{};
-    Bytes stbl;
-    if (video) {
-      const VideoStream& s = *in_.video;
-      if (s.sps_nal.size() + s.pps_nal.size() + 8 > sizeof desc.tszVideoHdr) {
-        throw ToolError("the SPS and PPS together exceed the 1016 bytes the sample description takes");
-      }
-      desc.bVideo = 1;
-      desc.nVideoCodec = 27;
-      std::size_t at = 0;
-      for (const std::vector<uint8_t>* set : {&s.sps_nal, &s.pps_nal}) {
-        const uint8_t start[4] = {0, 0, 0, 1};
-        std::memcpy(desc.tszVideoHdr + at, start, 4);
-        std::memcpy(desc.tszVideoHdr + at + 4, set->data(), set->size());
-        at += 4 + set->size();
-      }
-      desc.nVideoHdrLen = static_cast<int32_t>(at);
-    } else {
-      const AudioStream& s = *in_.audio;
-      desc.bAudio = 1;
-      desc.nAudioChannel = s.config.channel_config == 7 ? 8 : s.config.channel_config;
-      desc.nAudioSampleRate = static_cast<int32_t>(s.config.sample_rate);
-      desc.nAudioSampleBit = 16;
-      desc.nAudioFrameSize = AudioStream::kSamplesPerFrame;
-      desc.nAudioCfgLen = 2;
-      std::memcpy(desc.tszAudioCfg, s.audio_specific_config, 2);
-    }
-    const uint32_t width = video ? in_.video->sps.width : 0;
-    const uint32_t height = video ? in_.video->sps.height : 0;
+    const uint32_t width = video ? in_.video->width : 0;
+    const uint32_t height = video ? in_.video->height : 0;
     Bytes trak = call_box("tkhd", 128, [&](uint8_t* p, int32_t* l) {
       return Boxlane_Packet_TKhd(c, p, l, video ? 0 : 0x0100, static_cast<int32_t>(width), static_cast<int32_t>(height), 0);
     });
@@ -82,7 +56,25 @@ class Builder {
         return Boxlane_Packet_EDts(c, p, l, 0, static_cast<int32_t>(in_.edit_media_time));
       }));
     }
-    append(stbl, call_box("stsd", 4096, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsd(c, p, l, &desc); }));
+    // After the tkhd: the avc1 entry takes the picture size the last tkhd was given.
+    Bytes stbl;
+    if (video) {
+      // avc1 or hvc1, as the movie writer describes the stream.
+      append(stbl, call_box("the video stsd", video_stsd_size(*in_.video), [&](uint8_t* p, int32_t* l) {
+        return write_video_stsd(c, *in_.video, p, l);
+      }));
+    } else {
+      tag_Qorvane_AVProtocol desc{};
+      const AudioStream& s = *in_.audio;
+      desc.bAudio = 1;
+      desc.nAudioChannel = s.config.channel_config == 7 ? 8 : s.config.channel_config;
+      desc.nAudioSampleRate = static_cast<int32_t>(s.config.sample_rate);
+      desc.nAudioSampleBit = 16;
+      desc.nAudioFrameSize = AudioStream::kSamplesPerFrame;
+      desc.nAudioCfgLen = 2;
+      std::memcpy(desc.tszAudioCfg, s.audio_specific_config, 2);
+      append(stbl, call_box("the audio stsd", 4096, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsd(c, p, l, &desc); }));
+    }
     append(stbl, call_box("stts", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STts(c, p, l, video); }));
     append(stbl, call_box("stsc", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsc(c, p, l); }));
     append(stbl, call_box("stsz", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsz(c, p, l, video); }));

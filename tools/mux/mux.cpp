@@ -69,8 +69,7 @@ constexpr const char* kUsage =
     "beside OUT as it arrives, and the file appears when the input ends. With\n"
     "--fragment, memory holds about one fragment, however long the input runs;\n"
     "an mfra index for seeking ends the file when every input is a regular file,\n"
-    "and a finished file gets its duration in mvex. Composition offsets are signed\n"
-    "(trun version 1), so the first picture is shown at 0 without an edit list.\n"
+    "and a finished file gets its duration in mvex. --fragment takes H.264 video.\n"
     "An input that stops in the middle of a frame ends the file with the last\n"
     "whole frames, a message, and exit status 1.\n"
     "\n"
@@ -259,6 +258,7 @@ Spooled spool_live_inputs(const Options& o) {
 }
 
 int run_fragmented(const Options& o) {
+  if (o.video_codec == VideoCodec::kH265) usage_error("--fragment writes H.264 video only, not H.265");
   const auto started = std::chrono::steady_clock::now();
   FragmentedInput in;
   in.video = o.video;
