@@ -7,6 +7,7 @@ extern "C" {
 bool Boxlane_Parse_Init(int32_t nPoolCount) { return m_MP4Parse.Boxlane_Parse_Init(nPoolCount); }
 bool Boxlane_Parse_Destory(void) { return m_MP4Parse.Boxlane_Parse_Destory(); }
 bool Boxlane_Parse_Insert(const char* lpszClient) { return m_MP4Parse.Boxlane_Parse_Insert(lpszClient); }
+bool Boxlane_Parse_InsertEx(const char* lpszClient, uint32_t nFlags) { return m_MP4Parse.Boxlane_Parse_InsertEx(lpszClient, nFlags); }
 bool Boxlane_Parse_Delete(const char* lpszClient) { return m_MP4Parse.Boxlane_Parse_Delete(lpszClient); }
 bool Boxlane_Parse_Send(const char* lpszClient, const uint8_t* lpszMsgBuffer, int32_t nMsgLen) { return m_MP4Parse.Boxlane_Parse_Send(lpszClient, lpszMsgBuffer, nMsgLen); }
 bool Boxlane_Parse_Recv(const char* lpszClient, QORVANE_MP4HDR* pSt_MP4Hdr, uint64_t* pInt_ParsePos) { return m_MP4Parse.Boxlane_Parse_Recv(lpszClient, pSt_MP4Hdr, pInt_ParsePos); }
@@ -19,6 +20,11 @@ bool Boxlane_Parse_GetTrackKey(const char* lpszClient, int32_t nTrackID, int32_t
 bool Boxlane_Parse_GetTrackSDtp(const char* lpszClient, int32_t nTrackID, QORVANE_HDRSDTP*** pppSt_ListSDtp, int32_t* pInt_ListCount) { return m_MP4Parse.Boxlane_Parse_GetTrackSDtp(lpszClient, nTrackID, pppSt_ListSDtp, pInt_ListCount); }
 bool Boxlane_Parse_GetTrackCodec(const char* lpszClient, int32_t nTrackID, BOXLANE_CODECINFO* pSt_CodecInfo) { return m_MP4Parse.Boxlane_Parse_GetTrackCodec(lpszClient, nTrackID, pSt_CodecInfo); }
 bool Boxlane_Parse_GetTrackHEVC(const char* lpszClient, int32_t nTrackID, BOXLANE_HEVCINFO* pSt_HEVCInfo) { return m_MP4Parse.Boxlane_Parse_GetTrackHEVC(lpszClient, nTrackID, pSt_HEVCInfo); }
+bool Boxlane_Parse_GetStream(const char* lpszClient, BOXLANE_STREAMINFO* pSt_StreamInfo) { return m_MP4Parse.Boxlane_Parse_GetStream(lpszClient, pSt_StreamInfo); }
+bool Boxlane_Parse_GetTrackIDs(const char* lpszClient, int32_t*** pppInt_TrackList, int32_t* pInt_ListCount) { return m_MP4Parse.Boxlane_Parse_GetTrackIDs(lpszClient, pppInt_TrackList, pInt_ListCount); }
+bool Boxlane_Parse_GetTrackIndex(const char* lpszClient, int32_t nTrackID, BOXLANE_TRACKINDEX* pSt_TrackIndex) { return m_MP4Parse.Boxlane_Parse_GetTrackIndex(lpszClient, nTrackID, pSt_TrackIndex); }
+bool Boxlane_Parse_GetTrackSamples(const char* lpszClient, int32_t nTrackID, uint32_t nFirst, BOXLANE_SAMPLEINFO* pSt_Samples, int32_t nCapacity, int32_t* pInt_Count) { return m_MP4Parse.Boxlane_Parse_GetTrackSamples(lpszClient, nTrackID, nFirst, pSt_Samples, nCapacity, pInt_Count); }
+bool Boxlane_Parse_GetFragment(const char* lpszClient, BOXLANE_FRAGMENTINFO* pSt_Fragment, BOXLANE_SAMPLEINFO* pSt_Samples, int32_t nCapacity, int32_t* pInt_Count) { return m_MP4Parse.Boxlane_Parse_GetFragment(lpszClient, pSt_Fragment, pSt_Samples, nCapacity, pInt_Count); }
 bool Boxlane_Parse_GetPool(int32_t nPoolIndex, QORVANE_RENDAVO_TASKEVENT*** pppSt_ListAddr, int32_t* pInt_ListCount) { return m_MP4Parse.Boxlane_Parse_GetPool(nPoolIndex, pppSt_ListAddr, pInt_ListCount); }
 bool Boxlane_Parse_WaitEvent(int32_t nPoolIndex, int32_t nTimeout) { return m_MP4Parse.Boxlane_Parse_WaitEvent(nPoolIndex, nTimeout); }
 bool Boxlane_Parse_ActiveEvent(int32_t nPoolIndex) { return m_MP4Parse.Boxlane_Parse_ActiveEvent(nPoolIndex); }

@@ -51,6 +51,11 @@ Split take_piece(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* 
     queue.pop_back();
     const uint64_t start = record.nParsePos;  // where the held bytes stand in the stream
     const Split result = split_run(self, record, held.data, whole, &held);
+    if (record.bToEnd) {
+      // A box of size 0 completed here: the rest of the piece is its payload.
+      record.nParsePos += piece.remaining();
+      return Split::stopped;
+    }
     if (result == Split::media) {
       // The mdat whose header completed goes on into this piece. Where it
       // also ends here, step over the rest of it and go on splitting.
@@ -87,14 +92,18 @@ bool CBoxlane_Parse::Boxlane_Parse_Destory() {
   return true;
 }
 
-bool CBoxlane_Parse::Boxlane_Parse_Insert(const char* lpszClient) {
+bool CBoxlane_Parse::Boxlane_Parse_Insert(const char* lpszClient) { return Boxlane_Parse_InsertEx(lpszClient, 0); }
+
+bool CBoxlane_Parse::Boxlane_Parse_InsertEx(const char* lpszClient, uint32_t nFlags) {
   clear_error();
-  if (!parse::valid_client(lpszClient)) return fail(BOXLANE_ERROR_PARSE_PARAMETER);
+  if (!parse::valid_client(lpszClient) || (nFlags & ~uint32_t{BOXLANE_PARSE_EXTENDED}) != 0)
+    return fail(BOXLANE_ERROR_PARSE_PARAMETER);
   try {
     std::unique_lock table(st_RWLocker);
     if (stl_MapClient.find(std::string_view(lpszClient)) != stl_MapClient.end()) return true;
     auto record = std::make_unique<QORVANE_MP4PARSE>();
     std::memcpy(record->tszClient, lpszClient, std::strlen(lpszClient) + 1);
+    record->stStream.nFlags = nFlags;
     QORVANE_MP4PARSE& inserted = *stl_MapClient.emplace(std::string(lpszClient), std::move(record)).first->second;
     // Registered under the table lock, so a Delete of the same client cannot
     // slip between the pool entry and the table entry.
@@ -133,6 +142,11 @@ bool CBoxlane_Parse::Boxlane_Parse_Send(const char* lpszClient, const uint8_t* l
   if (nMsgLen == 0) return true;
   return parse::with_client(*this, lpszClient, [&](QORVANE_MP4PARSE& record) {
     if (record.bStop) return fail(BOXLANE_ERROR_PARSE_NOTSUPPORT);
+    // After a box of size 0 everything is that box's payload: taken, not split.
+    if (record.bToEnd) {
+      record.nParsePos += static_cast<uint64_t>(nMsgLen);
+      return true;
+    }
     const auto& queue = *record.stl_ListMsg;
     const bool pending = !queue.empty() && !parse::finished(queue.back());
     parse::Split result;

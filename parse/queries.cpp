@@ -115,12 +115,30 @@ bool CBoxlane_Parse::Boxlane_Parse_GetTrackList(const char* lpszClient, int nTra
       return hand_out(list, pppSt_ListInfo, pInt_ListCount,
                       [](QORVANE_HDRSAMPLENFO& to, const QORVANE_HDRSAMPLENFO& from) { to = from; });
     };
+    // A co64 offset as its low and high halves; only the extended mode reads
+    // co64, so a client of the specified mode gets its stco alone.
+    const auto chunk_offsets = [&](bool narrow) {
+      const std::size_t first = narrow ? track.stl_ListSTco.size() : 0;
+      const int n = static_cast<int>(first + track.stl_ListCO64.size());
+      QORVANE_HDRSAMPLENFO** array = nullptr;
+      if (!Fundrel_Memory_Malloc(reinterpret_cast<void***>(&array), n, static_cast<int>(sizeof(QORVANE_HDRSAMPLENFO))))
+        return boxlane::fail(BOXLANE_ERROR_PARSE_MALLOC);
+      for (std::size_t i = 0; i < first; ++i) *array[i] = track.stl_ListSTco.entry(i);
+      for (std::size_t i = 0; i < track.stl_ListCO64.size(); ++i) {
+        const QORVANE_HDRSAMPLENFO wide = track.stl_ListCO64.entry(i);
+        *array[first + i] = {wide.nValue2, wide.nValue1, 0};
+      }
+      *pInt_ListCount = n;
+      *pppSt_ListInfo = array;
+      return true;
+    };
     switch (code) {
       case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS: return table(track.stl_ListSTts);
       case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS: return table(track.stl_ListCTts);
       case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSC: return table(track.stl_ListSTsc);
       case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ: return table(track.stl_ListSTsz);
-      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO: return table(track.stl_ListSTco);
+      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO: return chunk_offsets(true);
+      case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CO64: return chunk_offsets(false);
       // Sync samples and sdtp have their own queries; any other code is not a
       // table and is answered with nothing rather than an error.
       default: return true;
@@ -241,5 +259,26 @@ bool CBoxlane_Parse::Boxlane_Parse_GetTrackHEVC(const char* lpszClient, int nTra
       used += bytes.size();
     }
     return true;
+  });
+}
+bool CBoxlane_Parse::Boxlane_Parse_GetStream(const char* lpszClient, BOXLANE_STREAMINFO* pSt_StreamInfo) {
+  if (!pSt_StreamInfo) return bad_pointer();
+  return with_client(*this, lpszClient, [&](QORVANE_MP4PARSE& record) {
+    *pSt_StreamInfo = record.stStream;
+    pSt_StreamInfo->nParsePos = record.nParsePos;
+    pSt_StreamInfo->nPendingFragments = static_cast<uint32_t>(record.stFragments.stl_ListFragment.size());
+    return true;
+  });
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_GetTrackIDs(const char* lpszClient, int*** pppInt_TrackList, int* pInt_ListCount) {
+  if (!pppInt_TrackList || !pInt_ListCount) return bad_pointer();
+  return with_client(*this, lpszClient, [&](QORVANE_MP4PARSE& record) {
+    std::vector<uint32_t> ids;
+    ids.reserve(record.stl_MapTrack->size());
+    for (const auto& [id, track] : *record.stl_MapTrack) ids.push_back(static_cast<uint32_t>(id));
+    // track_ID is unsigned in the box (ISO/IEC 14496-12 §8.3.2).
+    std::sort(ids.begin(), ids.end());
+    return hand_out(ids, pppInt_TrackList, pInt_ListCount, [](int& to, uint32_t from) { to = static_cast<int>(from); });
   });
 }

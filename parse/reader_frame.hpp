@@ -29,7 +29,9 @@ inline void take_version_flags(BOXLANE_MSGBUFFER* entry, BeReader r) noexcept {
 inline BOXLANE_TRACKINFO* open_track_box(QORVANE_MP4PARSE* record, BOXLANE_MSGBUFFER* entry, const BeReader& r) noexcept {
   clear_error();
   BOXLANE_TRACKINFO* track = current_track(record);
-  if (track) take_version_flags(entry, r);
+  if (!track) return nullptr;
+  take_version_flags(entry, r);
+  ++track->nTablesVersion;  // what the per-sample index walked may have changed
   return track;
 }
 

@@ -7,6 +7,7 @@
 #include "frame/last_error.hpp"
 #include "parse/reader_frame.hpp"
 #include "platform/be_reader.hpp"
+#include "platform/byte_order.hpp"
 
 #include <algorithm>
 #include <vector>
@@ -63,9 +64,12 @@ bool CBoxlane_Parse::Boxlane_Parse_STts(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_
   return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListSTts);
 }
 
-// Version 1 offsets are signed (§8.6.1.3); both versions keep the raw 32 bits.
+// Version 1 offsets are signed (§8.6.1.3); both versions keep the raw 32
+// bits, and the version is kept for the per-sample index.
 bool CBoxlane_Parse::Boxlane_Parse_CTts(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
-  return read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListCTts);
+  if (!read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListCTts)) return false;
+  if (nMsgLen > 0) boxlane::parse::current_track(pSt_MP4Parse)->byCttsVersion = lpszMsgBuffer[0];
+  return true;
 }
 
 bool CBoxlane_Parse::Boxlane_Parse_STsc(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
@@ -90,15 +94,65 @@ bool CBoxlane_Parse::Boxlane_Parse_STss(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_
 }
 
 // A non-zero sample_size means every sample has that size and no table
-// follows; that constant is not kept.
+// follows. The size list stays empty; the constant and its count are kept
+// for the per-sample index only.
 bool CBoxlane_Parse::Boxlane_Parse_STsz(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
   BeReader r(lpszMsgBuffer, nMsgLen);
   BOXLANE_TRACKINFO* track = open_track_box(pSt_MP4Parse, pSt_MSGBuffer, r);
   if (!track) return false;
   if (!r.has(12)) return true;
   r.skip(4);
-  if (r.u32() != 0) return true;
+  if (const uint32_t constant = r.u32(); constant != 0) {
+    track->nConstantSize = constant;
+    track->nConstantCount = r.u32();
+    return true;
+  }
   append(r, track->stl_ListSTsz, whole_entries(r, r.i32(), 4));
+  return true;
+}
+
+// §8.7.5: co64 is stco with 64-bit offsets. Its entries are kept as stored,
+// high half first, after the track's stco entries.
+bool CBoxlane_Parse::Boxlane_Parse_CO64(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
+  if (!read_counted(pSt_MP4Parse, pSt_MSGBuffer, lpszMsgBuffer, nMsgLen, &BOXLANE_TRACKINFO::stl_ListCO64)) return false;
+  boxlane::parse::current_track(pSt_MP4Parse)->bLargeOffsets = true;
+  return true;
+}
+
+// §8.7.3.3: stz2 packs the sizes in fields of 4, 8 or 16 bits (4-bit fields
+// two to a byte, the first in the high nibble). They join the stsz sizes,
+// stored as stsz stores them. Another field size stores nothing.
+bool CBoxlane_Parse::Boxlane_Parse_STz2(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen) {
+  BeReader r(lpszMsgBuffer, nMsgLen);
+  BOXLANE_TRACKINFO* track = open_track_box(pSt_MP4Parse, pSt_MSGBuffer, r);
+  if (!track) return false;
+  track->bCompactSizes = true;
+  if (!r.has(12)) return true;
+  r.skip(7);
+  const uint8_t field = r.u8();
+  track->byCompactFieldSize = field;
+  if (field != 4 && field != 8 && field != 16) return true;
+  const int32_t declared = r.i32();
+  if (declared < 1) return true;
+  // Whole fields only: a count past the payload is cut to what it holds.
+  const uint64_t fits = field == 4 ? r.remaining() * 2 : r.remaining() / (field / 8);
+  const auto n = static_cast<uint32_t>(std::min<uint64_t>(uint64_t(declared), fits));
+  auto& fields = track->stl_ListSTsz.fields;
+  make_room(fields, n);
+  for (uint32_t i = 0; i < n; ++i) {
+    uint32_t size;
+    if (field == 16) {
+      size = r.u16();
+    } else if (field == 8) {
+      size = r.u8();
+    } else {
+      uint8_t pair = 0;
+      (void)r.peek(0, pair);
+      size = i % 2 == 0 ? pair >> 4 : pair & 0x0F;
+      if (i % 2 == 1 || i + 1 == n) r.skip(1);
+    }
+    fields.push_back(Olbrant_Endain_htonl(size));
+  }
   return true;
 }
 

@@ -9,6 +9,7 @@
 #include "parse/box_table.hpp"
 #include "parse/client_lookup.hpp"
 #include "parse/intake.hpp"
+#include "parse/reader_frame.hpp"
 #include "platform/be_reader.hpp"
 #include "platform/task_pool.hpp"
 
@@ -18,6 +19,10 @@ namespace boxlane::parse {
 namespace {
 
 constexpr uint64_t kBoxHeader = 8;
+constexpr uint64_t kLargeHeader = 16;
+// A 64-bit size beyond this is no size a stream could reach; the parse
+// position must stay far from overflowing however many follow.
+constexpr uint64_t kMaxLargeBox = uint64_t{1} << 62;
 
 void queue_finished(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, BOXLANE_MSGBUFFER& entry) {
   entry.bHdr = true;
@@ -27,7 +32,8 @@ void queue_finished(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, BOXLANE_MSGB
 }
 
 // Keeps the rest of the run, which holds no whole box, until more arrives.
-// `needed` is the box size, or 8 while the header itself is incomplete.
+// `needed` is the box size, or the header length while the header itself is
+// incomplete.
 Split store_tail(QORVANE_MP4PARSE& record, BeReader& run, uint64_t needed, uint64_t box_size, HeldBuffer* held,
                  bool first) {
   const std::size_t have = run.remaining();
@@ -52,10 +58,47 @@ Split store_tail(QORVANE_MP4PARSE& record, BeReader& run, uint64_t needed, uint6
   return Split::done;
 }
 
-Split stop_stream(QORVANE_MP4PARSE& record, uint64_t code) {
+// Notes where and why the stream ended, for Boxlane_Parse_GetStream.
+void note_stop(QORVANE_MP4PARSE& record, uint32_t why, const uint8_t* type) {
+  BOXLANE_STREAMINFO& stream = record.stStream;
+  stream.nStop = why;
+  stream.nStopOffset = record.nParsePos;
+  std::memcpy(stream.tszStopType, type, 4);
+}
+
+Split stop_stream(QORVANE_MP4PARSE& record, uint32_t why, const uint8_t* type, uint64_t code) {
   record.bStop = true;
+  note_stop(record, why, type);
   fail(code);
   return Split::refused;
+}
+
+// What either mode notes about boxes of the extended mode it meets; a client
+// in the specified mode still reports them as UNKNOWN and skips them.
+void note_box(QORVANE_MP4PARSE& record, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code) {
+  BOXLANE_STREAMINFO& stream = record.stStream;
+  switch (code) {
+    case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOF: ++stream.nFragments; break;
+    case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MVEX: stream.bMovieExtends = 1; break;
+    case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STYP: stream.bSegmentType = 1; break;
+    case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_SIDX: stream.bSegmentIndex = 1; break;
+    case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MFRA: stream.bRandomAccess = 1; break;
+    case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CO64:
+      if (BOXLANE_TRACKINFO* track = current_track(&record)) track->bLargeOffsets = true;
+      break;
+    case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STZ2:
+      if (BOXLANE_TRACKINFO* track = current_track(&record)) track->bCompactSizes = true;
+      break;
+    default: break;
+  }
+}
+
+// ISO/IEC 14496-12 §8.8.4: a moof's media data usually follows it in the
+// next mdat. Track fragments whose data lies elsewhere are counted.
+void check_moof_data(QORVANE_MP4PARSE& record, uint64_t payload_start, uint64_t end) {
+  for (const auto& [first, last] : record.stl_ListMoofData)
+    if (last > first && (first < payload_start || last > end)) ++record.stStream.nOutsideData;
+  record.stl_ListMoofData.clear();
 }
 
 }  // namespace
@@ -63,6 +106,7 @@ Split stop_stream(QORVANE_MP4PARSE& record, uint64_t code) {
 Split split_run(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* data, std::size_t length,
                 HeldBuffer* held) {
   BeReader run(data, length);
+  const bool wide = extended(record);
   for (bool first = true; run.remaining() != 0; first = false) {
     clear_error();
     const uint64_t left = run.remaining();
@@ -70,31 +114,56 @@ Split split_run(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* d
 
     BeReader box = run;
     const uint32_t size_field = box.u32();
-    const BoxRow& row = find_box(box.u32());
+    const uint8_t* type = run.current() + 4;
+    const BoxRow& found = find_box(box.u32());
+    const BoxRow* row = (found.traits & kExtended) && !wide ? &kUnknownBox : &found;
     BOXLANE_MSGBUFFER entry;
-    entry.st_MP4Hdr.enHType = row.code;
+    entry.st_MP4Hdr.enHType = row->code;
 
-    // A 64-bit size (ISO/IEC 14496-12 §4.2) is not followed: the box is
-    // reported with size 0 and the stream ends here.
+    uint64_t header = kBoxHeader;
+    uint64_t size = size_field;
     if (size_field == 1) {
-      record.bStop = true;
-      queue_finished(self, record, entry);
-      return Split::stopped;
+      // A client in the specified mode does not follow a 64-bit size
+      // (ISO/IEC 14496-12 §4.2): the box is reported with size 0 and the
+      // stream ends here.
+      if (!wide) {
+        note_box(record, found.code);
+        record.bStop = true;
+        note_stop(record, BOXLANE_STOP_LARGESIZE, type);
+        queue_finished(self, record, entry);
+        return Split::stopped;
+      }
+      if (left < kLargeHeader) return store_tail(record, run, kLargeHeader, 0, held, first);
+      header = kLargeHeader;
+      size = box.u64();
+      if (size < kLargeHeader) return stop_stream(record, BOXLANE_STOP_MALFORMED, type, BOXLANE_ERROR_PARSE_MALFORMED);
+      if (size > kMaxLargeBox) return stop_stream(record, BOXLANE_STOP_TOOLARGE, type, BOXLANE_ERROR_PARSE_NOTSUPPORT);
+    } else if (size_field != 0 && size_field < kBoxHeader) {
+      return stop_stream(record, BOXLANE_STOP_MALFORMED, type, BOXLANE_ERROR_PARSE_MALFORMED);
     }
-    if (size_field != 0 && size_field < kBoxHeader) return stop_stream(record, BOXLANE_ERROR_PARSE_MALFORMED);
-    // Size 0 runs to the end of the stream, which here is the end of the run.
+    // Size 0 runs to the end of the stream (ISO/IEC 14496-12 §4.2): the run
+    // holds what has arrived of it, and all that comes later is its too.
     const bool to_end = size_field == 0;
-    const uint64_t size = to_end ? left : size_field;
-    if (row.kind != BoxKind::media_data && size > kMaxBufferedBox)
-      return stop_stream(record, BOXLANE_ERROR_PARSE_NOTSUPPORT);
+    if (to_end) size = left;
+    if (row->kind != BoxKind::media_data && size > kMaxBufferedBox)
+      return stop_stream(record, BOXLANE_STOP_TOOLARGE, type, BOXLANE_ERROR_PARSE_NOTSUPPORT);
 
-    if (size > left && row.kind != BoxKind::media_data) return store_tail(record, run, size, size, held, first);
+    if (size > left && row->kind != BoxKind::media_data) return store_tail(record, run, size, size, held, first);
 
+    const bool in_moof = wide && record.nParsePos < record.nMoofEnd;
+    if (!in_moof) note_box(record, found.code);
+    if (header == kLargeHeader) ++record.stStream.nLargeBoxes;
+    entry.byHeaderLen = static_cast<uint8_t>(header);
     entry.st_MP4Hdr.nBoxSize = to_end ? 0 : size;
+    if (to_end) {
+      record.bToEnd = true;
+      note_stop(record, BOXLANE_STOP_TOEND, type);
+    }
     // mdat is never read or buffered. One that lies inside the run is
     // stepped over; when its payload reaches past the run, the rest of the
     // run is media the sender skips, and the next run starts after the mdat.
-    if (row.kind == BoxKind::media_data) {
+    if (row->kind == BoxKind::media_data) {
+      if (wide) check_moof_data(record, record.nParsePos + header, to_end ? UINT64_MAX : record.nParsePos + size);
       queue_finished(self, record, entry);
       record.nParsePos += size;
       if (to_end) return Split::stopped;
@@ -103,14 +172,21 @@ Split split_run(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* d
       continue;
     }
 
-    const uint64_t payload_length = size - kBoxHeader;
+    const uint64_t payload_length = size - header;
     const uint8_t* payload = box.bytes(payload_length);
-    if (row.kind == BoxKind::uuid) {
+    if (row->kind == BoxKind::uuid) {
       BeReader head(payload, payload_length);
       uint8_t stored[2];
       if (head.copy(stored, sizeof stored)) std::memcpy(&entry.st_MP4Hdr.wUUIDHead, stored, sizeof stored);
     }
-    if (row.reader) row.reader(self, &record, &entry, payload, payload_length);
+    // Inside a moof only the moof's own reader has read anything: no box
+    // there may change the movie's tracks.
+    if (in_moof) {
+      if (row->traits & kFullBox) read_version_flags(self, &record, &entry, payload, payload_length);
+    } else if (row->reader) {
+      row->reader(self, &record, &entry, payload, payload_length);
+      if (row->code == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOF) record.nMoofEnd = record.nParsePos + size;
+    }
     queue_finished(self, record, entry);
 
     if (to_end) {
@@ -118,11 +194,17 @@ Split split_run(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* d
       return Split::stopped;
     }
     // The tree is walked flat: after a container header comes its first child.
-    const uint64_t step = row.kind == BoxKind::container ? kBoxHeader : size;
+    const uint64_t step = row->kind == BoxKind::container ? header : size;
     record.nParsePos += step;
     (void)run.skip(step);
   }
   return Split::done;
+}
+
+bool read_version_flags(CBoxlane_Parse&, QORVANE_MP4PARSE*, BOXLANE_MSGBUFFER* entry, const uint8_t* payload,
+                        uint64_t length) {
+  take_version_flags(entry, BeReader(payload, length));
+  return true;
 }
 
 }  // namespace boxlane::parse

@@ -107,6 +107,27 @@ struct BOXLANE_TABLE {
   }
 };
 
+// Where the walk over a track's tables stands (parse/sample_index.cpp): a
+// caller who reads the samples window by window pays only for each window.
+// It walks the tables of one version of the track; any other is walked anew.
+struct BOXLANE_SAMPLECURSOR {
+  uint32_t nVersion = 0;     // 0: walks nothing yet
+  uint64_t nIndex = 0;       // the next sample
+  std::size_t nSttsNext = 0; // the stts run after the current one
+  uint32_t nSttsLeft = 0;    // samples of the current run still to come
+  uint32_t nSttsDelta = 0;
+  uint64_t nDecode = 0;
+  std::size_t nCttsNext = 0;
+  uint32_t nCttsLeft = 0;
+  uint32_t nCttsOffset = 0;
+  std::size_t nStscNext = 0; // the stsc entry after the current one
+  uint64_t nChunk = 0;       // the current chunk, from 0
+  uint64_t nChunkEnd = 0;    // the first chunk past the current stsc entry
+  uint32_t nChunkLeft = 0;   // samples of the current chunk still to come
+  uint64_t nOffset = 0;      // where the next sample starts
+  std::size_t nStssPos = 0;
+};
+
 struct BOXLANE_TRACKINFO {
   QORVANE_HDRTKHD stTKhd{};
   QORVANE_HDRMDHD stMDhd{};
@@ -121,6 +142,21 @@ struct BOXLANE_TRACKINFO {
   std::vector<std::string> stl_ListDinf;
   std::vector<int32_t> stl_ListSTss;
   BOXLANE_TRACKCODEC stCodec;
+  // Kept for the per-sample index; no query of the classic interface shows
+  // them, so a client of either mode answers those queries as before.
+  BOXLANE_TABLE<2> stl_ListCO64;  // chunk_offset, high and low 32 bits
+  uint32_t nConstantSize = 0;     // stsz sample_size when not 0
+  uint32_t nConstantCount = 0;    // and its sample_count
+  uint8_t byCttsVersion = 0;      // of the last ctts: 1 holds signed offsets
+  bool bLargeOffsets = false;     // a co64 was met
+  bool bCompactSizes = false;     // an stz2 was met
+  uint8_t byCompactFieldSize = 0;
+  uint32_t nTablesVersion = 1;    // bumped by every box read into the track
+  BOXLANE_SAMPLECURSOR stCursor;
+  // Its fragments so far.
+  uint64_t nFragmentSamples = 0;
+  uint64_t nFragmentEnd = 0;      // decode time after the last fragment sample
+  uint32_t nTrackFragments = 0;
 };
 
 namespace boxlane::parse {

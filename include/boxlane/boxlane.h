@@ -46,7 +46,8 @@ extern "C" {
 #define BOXLANE_ERROR_PARSE_NODATA 0x091B0004    /* no header record is queued */
 #define BOXLANE_ERROR_PARSE_NOTREADY 0x091B0005  /* the oldest queued box is still incomplete */
 #define BOXLANE_ERROR_PARSE_NOTSUPPORT 0x091B0006 /* stream stopped: 64-bit box size, or a box too large */
-#define BOXLANE_ERROR_PARSE_MALFORMED 0x091B0007 /* a box size field of 2 to 7 */
+#define BOXLANE_ERROR_PARSE_MALFORMED 0x091B0007 /* a box size field of 2 to 7 (or a 64-bit size below 16) */
+#define BOXLANE_ERROR_PARSE_BUFFER 0x091B0008    /* the caller's array is too small for the answer */
 
 /* Writer half: 0x091B10xx. */
 #define BOXLANE_ERROR_PACKET_PARAMETER 0x091B1001 /* null pointer, negative or out-of-range length */
@@ -102,6 +103,29 @@ typedef enum {
   ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSS = 313366,
   ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS = 313367,
   ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_SDTP = 313368,
+  /* Read only by a client in the extended mode (Boxlane_Parse_InsertEx). A
+   * client inserted with Boxlane_Parse_Insert reports each of these boxes as
+   * UNKNOWN and skips it whole, children included. The codes follow the same
+   * rule: moof, sidx, styp, emsg and mfra are top-level boxes 5 to 9, mvex the
+   * third child of moov, co64 and stz2 the ninth and tenth of stbl. An sdtp
+   * inside a traf keeps the sdtp code. */
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOF = 5,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_SIDX = 6,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STYP = 7,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_EMSG = 8,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MFRA = 9,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MVEX = 32,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MFHD = 51,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TRAF = 52,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TFRA = 91,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MFRO = 92,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TREX = 321,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MEHD = 322,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TFHD = 521,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TFDT = 522,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TRUN = 523,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CO64 = 313369,
+  ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STZ2 = 313370,
   /* Never a box's code. It makes every 32-bit value a valid value of the
    * enumeration, so a code from a C caller never leaves its range. */
   ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_INVALID = -2147483647 - 1
@@ -258,6 +282,102 @@ typedef struct {
    * handed out, whole units only. */
   bool bTruncated;
 } BOXLANE_HEVCINFO;
+/* ------------------------------------------------ extended parse clients */
+
+/* Client flags of Boxlane_Parse_InsertEx. */
+#define BOXLANE_PARSE_EXTENDED 0x00000001u /* the extended mode: 64-bit sizes, co64, stz2, fragments */
+
+/* Why a client's stream ended (BOXLANE_STREAMINFO.nStop). */
+#define BOXLANE_STOP_NONE 0      /* it has not */
+#define BOXLANE_STOP_LARGESIZE 1 /* a box with a 64-bit size (size field 1) in a client not in the extended mode */
+#define BOXLANE_STOP_MALFORMED 2 /* a size field of 2 to 7, or a 64-bit size below 16 */
+#define BOXLANE_STOP_TOOLARGE 3  /* a box larger than the parser buffers (256 MiB), or a 64-bit size over 2^62 */
+#define BOXLANE_STOP_TOEND 4     /* a box with size field 0: it runs to the end of the stream, so all that follows is its */
+
+/* Where a client's stream stands (Boxlane_Parse_GetStream), in either mode. */
+typedef struct {
+  uint32_t nFlags;            /* the flags the client was inserted with; 0 for Boxlane_Parse_Insert */
+  uint32_t nStop;             /* BOXLANE_STOP_* */
+  uint64_t nStopOffset;       /* stream offset of the box that ended the stream */
+  char tszStopType[8];        /* that box's fourcc as stored, then zero bytes */
+  uint64_t nParsePos;         /* stream offset of the next box to be split */
+  uint64_t nFragmentDuration; /* mehd fragment_duration (movie time scale); 0 without mehd */
+  uint32_t nFragments;        /* moof boxes: read in the extended mode, passed over otherwise */
+  uint32_t nLargeBoxes;       /* boxes with a 64-bit size that were followed */
+  uint32_t nPendingFragments; /* track fragments waiting for Boxlane_Parse_GetFragment */
+  uint32_t nDroppedFragments; /* track fragments released untaken to bound the client's memory */
+  uint32_t nSkippedTrafs;     /* traf boxes left out: no whole tfhd, or a track no tkhd made */
+  uint32_t nOutsideData;      /* track fragments whose data is not inside the mdat that follows their moof */
+  uint8_t bMovieExtends;      /* an mvex was met: the movie announces fragments */
+  uint8_t bSegmentType;       /* an styp was met */
+  uint8_t bSegmentIndex;      /* an sidx was met */
+  uint8_t bRandomAccess;      /* an mfra was met */
+  uint32_t nReserved;
+} BOXLANE_STREAMINFO;
+
+/* One sample, one record per sample in decode order
+ * (Boxlane_Parse_GetTrackSamples, Boxlane_Parse_GetFragment). */
+typedef struct {
+  uint64_t nDecodeTime;     /* in the track's time scale */
+  int64_t nCompositionTime; /* decode time plus the composition offset, before any edit list */
+  uint64_t nOffset;         /* stream offset of the sample's first byte */
+  uint32_t nDuration;
+  uint32_t nSize;
+  /* The sample's flags laid out as in ISO/IEC 14496-12 §8.8.3.1: is_leading
+   * (bits 27-26), sample_depends_on (25-24), sample_is_depended_on (23-22),
+   * sample_has_redundancy (21-20), sample_padding_value (19-17),
+   * sample_is_non_sync_sample (16), sample_degradation_priority (15-0). */
+  uint32_t nFlags;
+  uint8_t bSync;         /* a sync sample: listed in stss (or no stss), or the non-sync bit clear */
+  uint8_t bDependsKnown; /* bits 27-20 of nFlags come from the file: sdtp, or trun, tfhd or trex flags */
+  uint8_t byReserved[2];
+} BOXLANE_SAMPLEINFO;
+
+/* Problems met in a track fragment (BOXLANE_FRAGMENTINFO.nProblems). */
+#define BOXLANE_FRAGMENT_COUNT_CUT 0x01   /* a trun declared more samples than its box holds, or than one answer takes (1,048,576): the whole entries are kept */
+#define BOXLANE_FRAGMENT_BAD_OFFSET 0x02  /* a trun's data would lie inside its moof or outside 64-bit offsets: its samples are left out */
+#define BOXLANE_FRAGMENT_OVERLAP 0x04     /* its data overlaps that of an earlier traf of the same moof */
+#define BOXLANE_FRAGMENT_NO_DEFAULTS 0x08 /* no trex names the track: fields that trun and tfhd leave out are 0 */
+#define BOXLANE_FRAGMENT_SHORT_BOX 0x10   /* a tfdt or trun shorter than its fields: a short trun is left out, a short tfdt ignored */
+
+/* One track fragment, the samples of one traf (Boxlane_Parse_GetFragment). */
+typedef struct {
+  int32_t nTrackID;
+  uint32_t nSequence;         /* mfhd sequence_number; 0 without mfhd */
+  uint64_t nMoofOffset;       /* stream offset of the moof */
+  uint64_t nMoofSize;
+  uint64_t nBaseDecodeTime;   /* decode time of its first sample: tfdt, or where the track's earlier samples end */
+  uint64_t nDataStart;        /* stream offsets of the first byte of its sample data */
+  uint64_t nDataEnd;          /* and of the byte after the last; equal to nDataStart when it has none */
+  uint32_t nSampleCount;      /* its samples */
+  uint32_t nTrafIndex;        /* its traf's place in the moof, from 0 */
+  uint32_t nTfhdFlags;        /* tf_flags of its tfhd */
+  uint32_t nDescriptionIndex; /* sample_description_index of the tfhd, else of the trex, else 0 */
+  uint32_t nProblems;         /* BOXLANE_FRAGMENT_* */
+  uint8_t bHasTfdt;
+  uint8_t byReserved[3];
+} BOXLANE_FRAGMENTINFO;
+
+/* What the per-sample index knows about a track (Boxlane_Parse_GetTrackIndex). */
+typedef struct {
+  uint64_t nTableSamples;     /* samples of the moov's tables: what Boxlane_Parse_GetTrackSamples hands out */
+  uint64_t nTableDuration;    /* sum of the stts deltas */
+  uint32_t nConstantSize;     /* the stsz sample_size when it is not 0: one size for every sample */
+  uint32_t nConstantCount;    /* the sample_count of that stsz */
+  uint32_t nSizeCount;        /* sizes listed by stsz or stz2 */
+  uint32_t nChunkCount;       /* chunk offsets, stco and co64 */
+  uint8_t bLargeOffsets;      /* a co64 was met (read in the extended mode only) */
+  uint8_t bCompactSizes;      /* an stz2 was met (read in the extended mode only) */
+  uint8_t byCompactFieldSize; /* its field_size (4, 8 or 16; read in the extended mode only) */
+  uint8_t bHasTrex;           /* a trex names the track */
+  uint32_t nTrexDescriptionIndex;
+  uint32_t nTrexDuration;
+  uint32_t nTrexSize;
+  uint32_t nTrexFlags;
+  uint32_t nTrackFragments;   /* track fragments read for it */
+  uint64_t nFragmentSamples;  /* their samples */
+  uint64_t nFragmentEnd;      /* decode time just after the last of them */
+} BOXLANE_TRACKINDEX;
 
 /* --------------------------------------------------------- writer input */
 
@@ -355,6 +475,68 @@ BOXLANE_API bool Boxlane_Parse_GetTrackCodec(const char* lpszClient, int32_t nTr
  * is of another kind, or has no hvcC, comes back zero but for tszCodec, the
  * size and a configuration version of 0. */
 BOXLANE_API bool Boxlane_Parse_GetTrackHEVC(const char* lpszClient, int32_t nTrackID, BOXLANE_HEVCINFO* pSt_HEVCInfo);
+/* Like Boxlane_Parse_Insert, with the client's mode in nFlags: 0 is the mode
+ * of Boxlane_Parse_Insert, BOXLANE_PARSE_EXTENDED the extended mode; any
+ * other bit fails with BOXLANE_ERROR_PARSE_PARAMETER. A client already in the
+ * table keeps its record and its mode. A client in the extended mode:
+ *  - follows a box whose size field is 1: the 64-bit size is read from the 8
+ *    bytes after the fourcc, the box header is 16 bytes long, and the header
+ *    record carries the 64-bit size. After the header of such an mdat, skip
+ *    nBoxSize - 16 bytes (Recv's position is the offset after the mdat in
+ *    both cases). A 64-bit size below 16 stops the stream like a size field
+ *    of 2 to 7; one over 2^62 like a box too large.
+ *  - reads co64 into the chunk offsets and stz2 into the sample sizes. In
+ *    Boxlane_Parse_GetTrackList the STCO list is the stco entries followed by
+ *    the co64 entries, each co64 offset as its low 32 bits in nValue1 and its
+ *    high 32 bits in nValue2; the CO64 code gives the co64 entries alone.
+ *  - walks mvex (trex, mehd), moof (mfhd, traf, tfhd, tfdt, trun, sdtp),
+ *    sidx, styp, emsg and mfra (tfra, mfro) with one header record per box.
+ *    No box inside a moof changes the moov's tracks.
+ *  - reads every moof, when its header record is queued, into one answer per
+ *    traf for Boxlane_Parse_GetFragment, oldest first (at most 1,048,576
+ *    samples an answer). Answers not taken are released oldest first while
+ *    more than 1,048,576 samples or 4096 answers wait (counted in
+ *    BOXLANE_STREAMINFO.nDroppedFragments), so a stream that never ends
+ *    holds a bounded amount.
+ * In both modes a box with size field 0 runs to the end of the stream: it is
+ * queued once (nBoxSize 0), and every later piece is taken as its payload and
+ * dropped, with Send succeeding and no further header record. */
+BOXLANE_API bool Boxlane_Parse_InsertEx(const char* lpszClient, uint32_t nFlags);
+/* The client's mode, whether and why its stream ended, and the kinds of box
+ * it met. */
+BOXLANE_API bool Boxlane_Parse_GetStream(const char* lpszClient, BOXLANE_STREAMINFO* pSt_StreamInfo);
+/* Every track id the client knows, in rising order of the unsigned track_ID
+ * (so ids of 2^31 and more, which are keyed negative, come last). The array
+ * belongs to the caller (Fundrel_Memory_Free). */
+BOXLANE_API bool Boxlane_Parse_GetTrackIDs(const char* lpszClient, int32_t*** pppInt_TrackList, int32_t* pInt_ListCount);
+/* Counts and defaults the per-sample index uses for a track. */
+BOXLANE_API bool Boxlane_Parse_GetTrackIndex(const char* lpszClient, int32_t nTrackID, BOXLANE_TRACKINDEX* pSt_TrackIndex);
+/* The samples of the moov's tables (any mode), worked out from stts, ctts,
+ * stsc, stco/co64, stsz/stz2, stss and sdtp as ISO/IEC 14496-12 §8.6 and §8.7
+ * define them: samples nFirst (from 0) onwards, in decode order, into the
+ * caller's array of nCapacity records; *pInt_Count receives how many were
+ * written, 0 from the last sample on. The track has
+ * BOXLANE_TRACKINDEX.nTableSamples samples: as many as stsz sizes, stts
+ * times and the chunks all cover. Asking for the next samples where the
+ * last call ended costs only those samples; any other start walks the
+ * tables' runs once. A ctts of version 0 holds unsigned offsets, of
+ * version 1 signed ones (§8.6.1.3). */
+BOXLANE_API bool Boxlane_Parse_GetTrackSamples(const char* lpszClient, int32_t nTrackID, uint32_t nFirst, BOXLANE_SAMPLEINFO* pSt_Samples, int32_t nCapacity, int32_t* pInt_Count);
+/* Takes the oldest track fragment of a client in the extended mode: its
+ * record, and its samples into the caller's array of nCapacity records
+ * (*pInt_Count receives their number). The samples are worked out as
+ * ISO/IEC 14496-12 §8.8 defines: fields a trun leaves out come from the tfhd,
+ * then the trex; the data base is the tfhd's base_data_offset, else the moof
+ * (default-base-is-moof, or the first traf), else the end of the previous
+ * traf's data; a trun without data_offset follows the previous one; decode
+ * times start at tfdt, else where the track's earlier samples (its moov
+ * samples, then its fragments) end; composition offsets are unsigned in a
+ * trun of version 0 and signed in version 1; first_sample_flags apply to
+ * the first sample of a trun that has no per-sample flags. When nCapacity is
+ * too small the record is still written, the fragment stays, and the call
+ * fails with BOXLANE_ERROR_PARSE_BUFFER: ask with a NULL array and capacity
+ * 0 to learn the count. No fragment waiting: BOXLANE_ERROR_PARSE_NODATA. */
+BOXLANE_API bool Boxlane_Parse_GetFragment(const char* lpszClient, BOXLANE_FRAGMENTINFO* pSt_Fragment, BOXLANE_SAMPLEINFO* pSt_Samples, int32_t nCapacity, int32_t* pInt_Count);
 /* The clients of pool nPoolIndex with pending events (array from
  * Fundrel_Memory_Malloc; count 0 and NULL when none). */
 BOXLANE_API bool Boxlane_Parse_GetPool(int32_t nPoolIndex, QORVANE_RENDAVO_TASKEVENT*** pppSt_ListAddr, int32_t* pInt_ListCount);

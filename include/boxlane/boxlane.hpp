@@ -44,6 +44,7 @@ class BOXLANE_API CBoxlane_Parse {
   bool Boxlane_Parse_Init(int nPoolCount);
   bool Boxlane_Parse_Destory();
   bool Boxlane_Parse_Insert(const char* lpszClient);
+  bool Boxlane_Parse_InsertEx(const char* lpszClient, uint32_t nFlags);
   bool Boxlane_Parse_Delete(const char* lpszClient);
   bool Boxlane_Parse_Send(const char* lpszClient, const uint8_t* lpszMsgBuffer, int nMsgLen);
   bool Boxlane_Parse_Build(QORVANE_MP4PARSE* pSt_MP4Parse, const uint8_t* lpszMsgBuffer, int nMsgLen);
@@ -73,6 +74,14 @@ class BOXLANE_API CBoxlane_Parse {
   bool Boxlane_Parse_STco(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen);
   bool Boxlane_Parse_STss(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen);
   bool Boxlane_Parse_SDtp(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen);
+  // Readers of the extended mode (Boxlane_Parse_InsertEx).
+  bool Boxlane_Parse_CO64(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen);
+  bool Boxlane_Parse_STz2(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen);
+  bool Boxlane_Parse_TRex(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen);
+  bool Boxlane_Parse_MEhd(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen);
+  // A whole moof: the box starts at the record's parse position, and its
+  // header is as long as the queue entry says.
+  bool Boxlane_Parse_MOof(QORVANE_MP4PARSE* pSt_MP4Parse, BOXLANE_MSGBUFFER* pSt_MSGBuffer, const uint8_t* lpszMsgBuffer, uint64_t nMsgLen);
   // Decodes an ISO/IEC 14496-1 expandable size field (at most 4 bytes read).
   int Boxlane_Parse_DescriptorLen(const uint8_t* lpszMsgBuffer, int* pInt_Count);
 
@@ -86,6 +95,11 @@ class BOXLANE_API CBoxlane_Parse {
   bool Boxlane_Parse_GetTrackSDtp(const char* lpszClient, int nTrackID, QORVANE_HDRSDTP*** pppSt_ListSDtp, int* pInt_ListCount);
   bool Boxlane_Parse_GetTrackCodec(const char* lpszClient, int nTrackID, BOXLANE_CODECINFO* pSt_CodecInfo);
   bool Boxlane_Parse_GetTrackHEVC(const char* lpszClient, int nTrackID, BOXLANE_HEVCINFO* pSt_HEVCInfo);
+  bool Boxlane_Parse_GetStream(const char* lpszClient, BOXLANE_STREAMINFO* pSt_StreamInfo);
+  bool Boxlane_Parse_GetTrackIDs(const char* lpszClient, int*** pppInt_TrackList, int* pInt_ListCount);
+  bool Boxlane_Parse_GetTrackIndex(const char* lpszClient, int nTrackID, BOXLANE_TRACKINDEX* pSt_TrackIndex);
+  bool Boxlane_Parse_GetTrackSamples(const char* lpszClient, int nTrackID, uint32_t nFirst, BOXLANE_SAMPLEINFO* pSt_Samples, int nCapacity, int* pInt_Count);
+  bool Boxlane_Parse_GetFragment(const char* lpszClient, BOXLANE_FRAGMENTINFO* pSt_Fragment, BOXLANE_SAMPLEINFO* pSt_Samples, int nCapacity, int* pInt_Count);
 
   void* xhPool = nullptr;
   std::shared_mutex st_RWLocker;
