@@ -1,0 +1,325 @@
+// The extended mode of a parse client on hand-built streams: which header
+// records the new boxes get (and that a client of the specified mode keeps
+// its records), boxes with 64-bit sizes, size 0 in both modes, and the
+// samples a moof's track fragments hand out for every tfhd and trun field,
+// worked out by hand from ISO/IEC 14496-12 §8.8. Then input that lies: cut
+// counts, offsets inside the moof or past 64 bits, unknown tracks, short
+// boxes, overlapping and misplaced data; and the bounded queue of answers.
+#include "fragment_streams.hpp"
+#include "support/stream_feeder.hpp"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace boxlane::test {
+namespace {
+
+constexpr uint32_t kSync = 0x02000000;     // depends on no other sample
+constexpr uint32_t kNonSync = 0x01010000;  // depends on others, non-sync bit set
+
+class Extended : public ParseClientTest {
+ protected:
+  std::string extended(const std::string& name) {
+    others_.push_back(name);
+    EXPECT_TRUE(Boxlane_Parse_InsertEx(name.c_str(), BOXLANE_PARSE_EXTENDED));
+    return name;
+  }
+};
+
+// A movie of two tracks: track 1 (90 kHz) with empty tables, track 2
+// (48 kHz) with two samples of its own in an mdat after the moov; mvex
+// gives both trex defaults. Then three moof + mdat pairs exercising the
+// data bases, defaults and time rules of §8.8.7 and §8.8.8.
+struct FragmentedMovie {
+  Bytes stream;
+  uint64_t moof1 = 0, data1 = 0, moof2 = 0, data2 = 0, moof3 = 0, data3 = 0;
+  std::size_t moof1_size = 0, moof2_size = 0, moof3_size = 0;
+
+  FragmentedMovie() {
+    const Bytes ftyp = movie_ftyp();
+    const auto build_moov = [](uint32_t chunk) {
+      return moov_box({trak_box(1, 90000, {runs_box("stts", 0, {}), stsc_box({}), stsz_box(0, 0), u32_table("stco", {})}),
+                       trak_box(2, 48000, {runs_box("stts", 0, {{2, 1024}}), stsc_box({{1, 2, 1}}), stsz_box(0, 2, {10, 20}),
+                                           u32_table("stco", {chunk})}),
+                       box("mvex", cat({full_box("mehd", 1, 0, Bytes{}.u64(0x100000000ull)),
+                                        trex_box(1, 1, 3000, 0, kNonSync), trex_box(2, 1, 1024, 300, kSync)}))});
+    };
+    const std::size_t moov_size = build_moov(0).size();
+    const Bytes moov = build_moov(uint32_t(ftyp.size() + moov_size + 8));
+    stream = cat({ftyp, moov, box("mdat", Bytes{}.zeros(30))});
+
+    // moof 1: track 1 based on the moof, with tfdt v1, first-sample flags
+    // and signed offsets; track 2 with no base flag (its data follows track
+    // 1's), no tfdt (its time follows its moov samples) and trex sizes.
+    moof1 = stream.size();
+    const auto build1 = [](int32_t offset) {
+      return moof_box(1, {box("traf", cat({tfhd_box({0x020000, 1}), tfdt_box(1, 90000),
+                                          trun_box(1, 0x001 | 0x004 | 0x200 | 0x800,
+                                                   {{0, 100, 0, 0}, {0, 50, 0, uint32_t(-1000)}, {0, 60, 0, 2000}},
+                                                   offset, kSync)})),
+                          box("traf", cat({tfhd_box({0, 2}), trun_box(0, 0x100, {{1024}, {512}})}))});
+    };
+    moof1_size = build1(0).size();
+    stream.add(build1(int32_t(moof1_size + 8)));
+    data1 = moof1 + moof1_size + 8;
+    stream.add(box("mdat", Bytes{}.zeros(810)));
+
+    // moof 2: an explicit base, tfhd defaults over the trex's, no tfdt, two
+    // truns of version 0, the second without data_offset.
+    moof2 = stream.size();
+    const auto build2 = [&](uint64_t base, int32_t offset) {
+      return moof_box(2, {box("traf", cat({tfhd_box({0x01 | 0x02 | 0x08 | 0x20, 1, base, 2, 2000, 0, kNonSync}),
+                                          trun_box(0, 0x001 | 0x200 | 0x400, {{0, 5, kSync}, {0, 6, kNonSync}}, offset),
+                                          trun_box(0, 0x200 | 0x800, {{0, 7, 0, 0xFFFFFFFFu}})}))});
+    };
+    moof2_size = build2(0, 0).size();
+    stream.add(build2(moof2, int32_t(moof2_size + 8)));
+    data2 = moof2 + moof2_size + 8;
+    stream.add(box("mdat", Bytes{}.zeros(18)));
+
+    // moof 3: the first traf without a base flag is based on the moof.
+    moof3 = stream.size();
+    const auto build3 = [](int32_t offset) {
+      return moof_box(3, {box("traf", cat({tfhd_box({0, 2}), trun_box(0, 0x001, {{}}, offset)}))});
+    };
+    moof3_size = build3(0).size();
+    stream.add(build3(int32_t(moof3_size + 8)));
+    data3 = moof3 + moof3_size + 8;
+    stream.add(box("mdat", Bytes{}.zeros(300)));
+  }
+};
+
+std::string sample(uint64_t dts, int64_t cts, uint32_t duration, uint32_t size, uint64_t at, uint32_t flags,
+                   bool known = true) {
+  BOXLANE_SAMPLEINFO s{dts, cts, at, duration, size, flags, uint8_t((flags & 0x10000) == 0), known, {}};
+  return text(s);
+}
+
+TEST_F(Extended, FragmentSamplesFollowTheDefaultsBasesAndTimesOfTheStandard) {
+  const FragmentedMovie movie;
+  const std::string client = extended("fragments/movie");
+  const FeedResult whole = feed(client, movie.stream);
+  ASSERT_EQ(whole.error, 0u);
+  const std::vector<Fragment> fragments = take_fragments(client);
+  ASSERT_EQ(fragments.size(), 4u);
+
+  const uint64_t d1 = movie.data1, d2 = movie.data2;
+  EXPECT_EQ(texts(fragments[0].samples),
+            (std::vector<std::string>{sample(90000, 90000, 3000, 100, d1, kSync),
+                                      sample(93000, 92000, 3000, 50, d1 + 100, kNonSync),
+                                      sample(96000, 98000, 3000, 60, d1 + 150, kNonSync)}));
+  EXPECT_EQ(texts(fragments[1].samples),
+            (std::vector<std::string>{sample(2048, 2048, 1024, 300, d1 + 210, kSync),
+                                      sample(3072, 3072, 512, 300, d1 + 510, kSync)}));
+  EXPECT_EQ(texts(fragments[2].samples),
+            (std::vector<std::string>{sample(99000, 99000, 2000, 5, d2, kSync),
+                                      sample(101000, 101000, 2000, 6, d2 + 5, kNonSync),
+                                      sample(103000, 103000 + 4294967295ll, 2000, 7, d2 + 11, kNonSync)}));
+  EXPECT_EQ(texts(fragments[3].samples),
+            (std::vector<std::string>{sample(3584, 3584, 1024, 300, movie.data3, kSync)}));
+
+  const BOXLANE_FRAGMENTINFO& a = fragments[0].info;
+  EXPECT_EQ(std::make_tuple(a.nTrackID, a.nSequence, a.nMoofOffset, a.nMoofSize, a.nBaseDecodeTime, a.nDataStart,
+                            a.nDataEnd, a.nSampleCount, a.nTrafIndex, a.nTfhdFlags, a.nDescriptionIndex, a.nProblems,
+                            a.bHasTfdt),
+            std::make_tuple(1, 1u, movie.moof1, uint64_t(movie.moof1_size), uint64_t{90000}, d1, d1 + 210, 3u, 0u,
+                            0x020000u, 1u, 0u, uint8_t{1}));
+  const BOXLANE_FRAGMENTINFO& b = fragments[1].info;
+  EXPECT_EQ(std::make_tuple(b.nTrackID, b.nTrafIndex, b.nBaseDecodeTime, b.nDataStart, b.nDataEnd, b.bHasTfdt),
+            std::make_tuple(2, 1u, uint64_t{2048}, d1 + 210, d1 + 810, uint8_t{0}));
+  const BOXLANE_FRAGMENTINFO& c = fragments[2].info;
+  EXPECT_EQ(std::make_tuple(c.nSequence, c.nDescriptionIndex, c.nTfhdFlags, c.nBaseDecodeTime, c.nProblems),
+            std::make_tuple(2u, 2u, 0x2Bu, uint64_t{99000}, 0u));
+
+  BOXLANE_TRACKINDEX index{};
+  ASSERT_TRUE(Boxlane_Parse_GetTrackIndex(client.c_str(), 1, &index));
+  EXPECT_EQ(std::make_tuple(index.nTrackFragments, index.nFragmentSamples, index.nFragmentEnd, index.bHasTrex,
+                            index.nTrexDuration, index.nTrexFlags),
+            std::make_tuple(2u, uint64_t{6}, uint64_t{105000}, uint8_t{1}, 3000u, kNonSync));
+  ASSERT_TRUE(Boxlane_Parse_GetTrackIndex(client.c_str(), 2, &index));
+  EXPECT_EQ(std::make_tuple(index.nTableSamples, index.nTrackFragments, index.nFragmentSamples, index.nFragmentEnd),
+            std::make_tuple(uint64_t{2}, 2u, uint64_t{3}, uint64_t{4608}));
+  const BOXLANE_STREAMINFO stream = stream_info(client);
+  EXPECT_EQ(std::make_tuple(stream.nFlags, stream.nFragments, stream.nFragmentDuration, stream.bMovieExtends,
+                            stream.nOutsideData, stream.nSkippedTrafs, stream.nDroppedFragments, stream.nStop),
+            std::make_tuple(uint32_t{BOXLANE_PARSE_EXTENDED}, 3u, uint64_t{0x100000000}, uint8_t{1}, 0u, 0u, 0u,
+                            uint32_t{BOXLANE_STOP_NONE}));
+
+  // However the stream is cut, the same records and the same answers.
+  for (const auto& [how, cuts, piece] : std::vector<std::tuple<std::string, std::vector<std::size_t>, std::size_t>>{
+           {"1-byte pieces", {}, 1}, {"seed 3", random_cuts(movie.stream.size(), 20, 3), 0}, {"97-byte pieces", {}, 97}}) {
+    const std::string cut = extended("fragments/movie/" + how);
+    expect_same_feed(feed(cut, movie.stream, cuts, piece), whole, how);
+    const std::vector<Fragment> again = take_fragments(cut);
+    ASSERT_EQ(again.size(), fragments.size()) << how;
+    for (std::size_t i = 0; i < again.size(); ++i) EXPECT_EQ(texts(again[i].samples), texts(fragments[i].samples)) << how;
+  }
+}
+
+TEST_F(Extended, RecordsOfTheNewBoxesAndTheSpecifiedModeUnchanged) {
+  const FragmentedMovie movie;
+  const Bytes extra = cat({box("styp", Bytes{}.str("msdh").u32(0)), full_box("sidx", 1, 0, Bytes{}.zeros(32)),
+                           full_box("emsg", 0, 0, Bytes{}.zeros(12)),
+                           box("mfra", cat({full_box("tfra", 1, 0, Bytes{}.zeros(12)), full_box("mfro", 0, 0, Bytes{}.u32(16))}))});
+  const Bytes stream = cat({movie.stream, extra});
+  const std::string wide = extended("records/extended");
+  const FeedResult fed = feed(wide, stream);
+  ASSERT_EQ(fed.error, 0u);
+  const std::vector<int> moov_track = {31, 311, 313, 3131, 3132, 3133, 31336, 313362, 313363, 313364, 313365};
+  std::vector<int> want = {1, 3, 30};
+  want.insert(want.end(), moov_track.begin(), moov_track.end());
+  want.insert(want.end(), moov_track.begin(), moov_track.end());
+  want.insert(want.end(), {32, 322, 321, 321, 2,             // mvex, mehd, trex x2, mdat
+                           5, 51, 52, 521, 522, 523, 52, 521, 523, 2,  // moof 1
+                           5, 51, 52, 521, 523, 523, 2,        // moof 2
+                           5, 51, 52, 521, 523, 2,             // moof 3
+                           7, 6, 8, 9, 91, 92});
+  EXPECT_EQ(codes(fed.headers), want);
+  // Full boxes carry version and flags: the first trun of moof 1 is
+  // version 1 with flags 0x000A05.
+  const auto trun = std::find_if(fed.headers.begin(), fed.headers.end(),
+                                 [](const QORVANE_MP4HDR& h) { return h.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TRUN; });
+  ASSERT_NE(trun, fed.headers.end());
+  EXPECT_EQ(std::make_tuple(trun->byVersion, trun->byFlags[0], trun->byFlags[1], trun->byFlags[2]),
+            std::make_tuple(uint8_t{1}, uint8_t{0}, uint8_t{0x0A}, uint8_t{0x05}));
+  const BOXLANE_STREAMINFO info = stream_info(wide);
+  EXPECT_TRUE(info.bSegmentType && info.bSegmentIndex && info.bRandomAccess);
+
+  // A client of the specified mode: every new box is UNKNOWN and skipped
+  // whole, so the moofs' and mvex's children get no records, and no answer
+  // waits; what it met is still noted.
+  const std::string strict = other("records/strict");
+  const FeedResult plain = feed(strict, stream);
+  ASSERT_EQ(plain.error, 0u);
+  want = {1, 3, 30};
+  want.insert(want.end(), moov_track.begin(), moov_track.end());
+  want.insert(want.end(), moov_track.begin(), moov_track.end());
+  want.insert(want.end(), {0, 2, 0, 2, 0, 2, 0, 2, 0, 0, 0, 0});
+  EXPECT_EQ(codes(plain.headers), want);
+  EXPECT_EQ(plain.final_position, fed.final_position);
+  EXPECT_TRUE(take_fragments(strict).empty());
+  const BOXLANE_STREAMINFO passed = stream_info(strict);
+  EXPECT_EQ(std::make_tuple(passed.nFlags, passed.nFragments, passed.bMovieExtends, passed.nFragmentDuration),
+            std::make_tuple(0u, 3u, uint8_t{1}, uint64_t{0}));
+  // The moov's own samples are indexed in either mode.
+  EXPECT_EQ(texts(table_samples(strict, 2)), texts(table_samples(wide, 2)));
+  EXPECT_EQ(table_samples(strict, 2).size(), 2u);
+
+  // An sdtp inside a traf is recorded but never joins the moov track's list.
+  const std::string sdtp = extended("records/sdtp");
+  ASSERT_EQ(feed(sdtp, cat({movie_ftyp(), moov_box({trak_box(1, 1000, {box("sdtp", Bytes{0, 0, 0, 0, 0x20})})}),
+                            moof_box(1, {box("traf", cat({tfhd_box({0, 1}), full_box("sdtp", 0, 0, Bytes{0x10, 0x10})}))})}))
+                .error,
+            0u);
+  QORVANE_HDRSDTP** list = nullptr;
+  int32_t count = 0;
+  ASSERT_TRUE(Boxlane_Parse_GetTrackSDtp(sdtp.c_str(), 1, &list, &count));
+  EXPECT_EQ(take_list(list, count).size(), 1u);
+}
+
+TEST_F(Extended, LargeSizesAreFollowedHoweverTheHeaderIsCut) {
+  // A free box and a moov with 64-bit sizes, then an mdat of 8 GiB whose
+  // payload the sender skips: its record carries the 64-bit size, and the
+  // position lands after it.
+  const Bytes moov = moov_box({trak_box(1, 1000, {})});
+  const Bytes large_moov = cat({Bytes{}.u32(1).str("moov").u64(moov.size() + 8), std::vector<uint8_t>(moov.begin() + 8, moov.end())});
+  const uint64_t mdat_size = (uint64_t{8} << 30) + 16;
+  const Bytes stream = cat({movie_ftyp(), Bytes{}.u32(1).str("free").u64(24).u64(7), large_moov,
+                            Bytes{}.u32(1).str("mdat").u64(mdat_size).zeros(4)});
+  const std::string client = extended("large/whole");
+  const FeedResult whole = feed(client, stream);
+  ASSERT_EQ(whole.error, 0u);
+  std::vector<int> want = {1, 0, 3, 30, 31, 311, 313, 3131, 3132, 3133, 31336, 2};
+  EXPECT_EQ(codes(whole.headers), want);
+  EXPECT_EQ(whole.headers[1].nBoxSize, 24u);
+  EXPECT_EQ(whole.headers[2].nBoxSize, moov.size() + 8);
+  EXPECT_EQ(whole.headers.back().nBoxSize, mdat_size);
+  const uint64_t mdat_at = stream.size() - 20;
+  EXPECT_EQ(whole.final_position, mdat_at + mdat_size);
+  EXPECT_EQ(stream_info(client).nLargeBoxes, 3u);
+  // The 16-byte headers complete the same way cut anywhere.
+  for (std::size_t cut = 1; cut < stream.size(); ++cut)
+    expect_same_feed(feed(extended("large/cut " + std::to_string(cut)), stream, {cut}), whole,
+                     "cut at " + std::to_string(cut));
+
+  // The specified mode reports the free box with size 0 and stops there.
+  const std::string strict = other("large/strict");
+  const FeedResult stopped = feed(strict, stream);
+  EXPECT_EQ(codes(stopped.headers), (std::vector<int>{1, 0}));
+  EXPECT_EQ(stopped.headers[1].nBoxSize, 0u);
+  EXPECT_EQ(stream_info(strict).nStop, uint32_t{BOXLANE_STOP_LARGESIZE});
+  EXPECT_TRUE(fails_with(send(strict, movie_ftyp()), BOXLANE_ERROR_PARSE_NOTSUPPORT));
+
+  // 64-bit sizes at and past their limits.
+  const struct {
+    const char* what;
+    Bytes box;
+    uint64_t code;  // 0: accepted
+    uint32_t stop;
+  } limits[] = {
+      {"below its header", Bytes{}.u32(1).str("free").u64(15).zeros(8), BOXLANE_ERROR_PARSE_MALFORMED, BOXLANE_STOP_MALFORMED},
+      {"exactly its header", Bytes{}.u32(1).str("free").u64(16), 0, BOXLANE_STOP_NONE},
+      {"mdat of 2^62", Bytes{}.u32(1).str("mdat").u64(uint64_t{1} << 62), 0, BOXLANE_STOP_NONE},
+      {"mdat past 2^62", Bytes{}.u32(1).str("mdat").u64((uint64_t{1} << 62) + 1), BOXLANE_ERROR_PARSE_NOTSUPPORT,
+       BOXLANE_STOP_TOOLARGE},
+      {"free past 256 MiB", Bytes{}.u32(1).str("free").u64((uint64_t{256} << 20) + 1).zeros(8),
+       BOXLANE_ERROR_PARSE_NOTSUPPORT, BOXLANE_STOP_TOOLARGE},
+  };
+  for (const auto& limit : limits) {
+    const std::string c = extended(std::string("large/") + limit.what);
+    const bool sent = send(c, cat({movie_ftyp(), limit.box}));
+    if (limit.code) {
+      EXPECT_TRUE(fails_with(sent, limit.code)) << limit.what;
+    } else {
+      EXPECT_TRUE(sent) << limit.what;
+    }
+    const BOXLANE_STREAMINFO info = stream_info(c);
+    EXPECT_EQ(info.nStop, limit.stop) << limit.what;
+    if (limit.stop) {
+      EXPECT_EQ(info.nStopOffset, movie_ftyp().size()) << limit.what;
+    }
+  }
+}
+
+TEST_F(Extended, SizeZeroTakesTheRestOfTheStreamInBothModes) {
+  // A stream of zeros is one box of size 0: one record, then every piece is
+  // its payload, with nothing queued and nothing kept.
+  const Bytes zeros = Bytes{}.zeros(65536);
+  for (const std::string& c : {extended("zero/extended"), other("zero/strict")}) {
+    for (int i = 0; i < 64; ++i) ASSERT_TRUE(send(c, zeros)) << c;
+    EXPECT_EQ(codes(drain(c)), std::vector<int>{0}) << c;
+    EXPECT_EQ(parse_position(c), 64u * zeros.size()) << c;
+    const Peek p = peek(c);
+    EXPECT_EQ(p.queued, 0u) << c;
+    const BOXLANE_STREAMINFO info = stream_info(c);
+    EXPECT_EQ(std::make_tuple(info.nStop, info.nStopOffset), std::make_tuple(uint32_t{BOXLANE_STOP_TOEND}, uint64_t{0}));
+  }
+  // A size-0 header that completes in the piece after: the rest of that
+  // piece is its payload too.
+  const std::string split = extended("zero/split");
+  const Bytes mdat = cat({movie_ftyp(), box("mdat", {}, 0), movie_ftyp()});
+  ASSERT_TRUE(send(split, mdat, 0, movie_ftyp().size() + 3));
+  ASSERT_TRUE(send(split, mdat, movie_ftyp().size() + 3));
+  EXPECT_EQ(codes(drain(split)), (std::vector<int>{1, 2}));
+  EXPECT_EQ(parse_position(split), mdat.size());
+  EXPECT_EQ(stream_info(split).nStopOffset, movie_ftyp().size());
+}
+
+TEST_F(Extended, InsertExChecksItsFlagsAndKeepsAnExistingClient) {
+  EXPECT_TRUE(fails_with(Boxlane_Parse_InsertEx("flags/bad", 2), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_InsertEx(nullptr, BOXLANE_PARSE_EXTENDED), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetStream("flags/bad", nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
+  BOXLANE_STREAMINFO info{};
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetStream("flags/bad", &info), BOXLANE_ERROR_PARSE_NOTFOUND));
+  const std::string c = other("flags/existing");
+  EXPECT_TRUE(Boxlane_Parse_InsertEx(c.c_str(), BOXLANE_PARSE_EXTENDED));
+  EXPECT_EQ(stream_info(c).nFlags, 0u);
+  const std::string e = extended("flags/extended");
+  EXPECT_TRUE(Boxlane_Parse_Insert(e.c_str()));
+  EXPECT_EQ(stream_info(e).nFlags, uint32_t{BOXLANE_PARSE_EXTENDED});
+}
+
+}  // namespace
+}  // namespace boxlane::test
