@@ -1,0 +1,238 @@
+// The per-sample index of the moov's tables, worked out by hand from
+// ISO/IEC 14496-12 §8.6 and §8.7: decode and composition times from stts
+// and ctts of both versions, offsets through stsc runs into stco and co64
+// chunks, sizes from stsz (a list or one constant) and stz2, sync samples
+// from stss and dependency bits from sdtp; windows read from any start;
+// tables that disagree. Then the readers behind it (co64, stz2, trex, mehd)
+// on payloads cut at every length, and the track id list.
+#include "fragment_streams.hpp"
+#include "parsed_stream.hpp"
+#include "support/stream_feeder.hpp"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace boxlane::test {
+namespace {
+
+using Index = ParseClientTest;
+using ExtendedReaders = ReaderTest;
+using P = CBoxlane_Parse;
+
+std::string sample(uint64_t dts, int64_t cts, uint32_t duration, uint32_t size, uint64_t at, uint32_t flags,
+                   bool sync, bool known) {
+  return text(BOXLANE_SAMPLEINFO{dts, cts, at, duration, size, flags, sync, known, {}});
+}
+
+// Track 1: five samples in two chunks of two and one of one (a fourth
+// chunk stays empty); every table.
+Bytes five_samples() {
+  return cat({movie_ftyp(),
+              moov_box({trak_box(1, 1000,
+                                 {runs_box("stts", 0, {{3, 1000}, {2, 500}}), runs_box("ctts", 0, {{1, 2000}, {2, 0}, {2, 1000}}),
+                                  stsc_box({{1, 2, 1}, {3, 1, 1}}), stsz_box(0, 5, {10, 20, 30, 40, 50}),
+                                  u32_table("stco", {100, 200, 300, 400}), u32_table("stss", {1, 4}),
+                                  full_box("sdtp", 0, 0, Bytes{0x20, 0x10, 0x10, 0x24, 0x10})})})});
+}
+
+TEST_F(Index, SamplesOfTheMoovTables) {
+  ASSERT_EQ(feed(client_, five_samples()).error, 0u);
+  const std::vector<std::string> want = {
+      sample(0, 2000, 1000, 10, 100, 0x02000000, true, true),
+      sample(1000, 1000, 1000, 20, 110, 0x01010000, false, true),
+      sample(2000, 2000, 1000, 30, 200, 0x01010000, false, true),
+      sample(3000, 4000, 500, 40, 230, 0x02400000, true, true),
+      sample(3500, 4500, 500, 50, 300, 0x01010000, false, true),
+  };
+  EXPECT_EQ(texts(table_samples(client_, 1)), want);
+  // Any window size, and any start: the same samples.
+  for (int32_t window : {1, 2, 3, 4})
+    EXPECT_EQ(texts(table_samples(client_, 1, window)), want) << "windows of " << window;
+  for (uint32_t first : {4u, 2u, 0u, 3u, 1u}) {
+    BOXLANE_SAMPLEINFO got[5];
+    int32_t n = -1;
+    ASSERT_TRUE(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, first, got, 5, &n));
+    ASSERT_EQ(n, int32_t(5 - first));
+    EXPECT_EQ(text(got[0]), want[first]) << "from " << first;
+  }
+  BOXLANE_SAMPLEINFO one;
+  int32_t n = -1;
+  EXPECT_TRUE(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, 5, &one, 1, &n));
+  EXPECT_EQ(n, 0);
+  EXPECT_TRUE(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, 0, nullptr, 0, &n));
+  EXPECT_EQ(n, 0);
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, 0, nullptr, 1, &n), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, 0, &one, -1, &n), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackSamples(client_.c_str(), 2, 0, &one, 1, &n), BOXLANE_ERROR_PARSE_NOTFOUND));
+
+  BOXLANE_TRACKINDEX index{};
+  ASSERT_TRUE(Boxlane_Parse_GetTrackIndex(client_.c_str(), 1, &index));
+  EXPECT_EQ(std::make_tuple(index.nTableSamples, index.nTableDuration, index.nSizeCount, index.nChunkCount,
+                            index.nConstantSize, index.bHasTrex),
+            std::make_tuple(uint64_t{5}, uint64_t{4000}, 5u, 4u, 0u, uint8_t{0}));
+}
+
+TEST_F(Index, ConstantSizesLargeOffsetsAndSignedCompositionOffsets) {
+  // One constant size, co64 chunks past 4 GiB, ctts of version 1 with a
+  // negative offset, no stss (all sync) and no sdtp (dependencies unknown).
+  const uint64_t far = uint64_t{5} << 30;
+  const Bytes stream = cat({movie_ftyp(),
+                            moov_box({trak_box(1, 1000,
+                                               {runs_box("stts", 0, {{4, 10}}), runs_box("ctts", 1, {{1, 20}, {3, uint32_t(-10)}}),
+                                                stsc_box({{1, 3, 1}}), stsz_box(8, 4), co64_box({far, far + 1000})})})});
+  const std::string wide = "index/co64";
+  others_.push_back(wide);
+  ASSERT_TRUE(Boxlane_Parse_InsertEx(wide.c_str(), BOXLANE_PARSE_EXTENDED));
+  ASSERT_EQ(feed(wide, stream).error, 0u);
+  EXPECT_EQ(texts(table_samples(wide, 1)),
+            (std::vector<std::string>{sample(0, 20, 10, 8, far, 0, true, false), sample(10, 0, 10, 8, far + 8, 0, true, false),
+                                      sample(20, 10, 10, 8, far + 16, 0, true, false),
+                                      sample(30, 20, 10, 8, far + 1000, 0, true, false)}));
+  BOXLANE_TRACKINDEX index{};
+  ASSERT_TRUE(Boxlane_Parse_GetTrackIndex(wide.c_str(), 1, &index));
+  EXPECT_EQ(std::make_tuple(index.nConstantSize, index.nConstantCount, index.nSizeCount, index.nChunkCount, index.bLargeOffsets),
+            std::make_tuple(8u, 4u, 0u, 2u, uint8_t{1}));
+  // The chunk offsets: low half in nValue1, high half in nValue2.
+  const std::vector<QORVANE_HDRSAMPLENFO> stco = table(wide.c_str(), 1, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO);
+  ASSERT_EQ(stco.size(), 2u);
+  EXPECT_EQ(std::make_tuple(stco[1].nValue1, stco[1].nValue2, stco[1].nValue3), std::make_tuple(0x40000000u + 1000u, 1u, 0u));
+  EXPECT_EQ(table(wide.c_str(), 1, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CO64).size(), 2u);
+
+  // The specified mode reads no co64: no chunks, so no samples, and the
+  // co64 it met is noted.
+  ASSERT_EQ(feed(client_, stream).error, 0u);
+  EXPECT_TRUE(table_samples(client_, 1).empty());
+  EXPECT_TRUE(table(client_.c_str(), 1, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO).empty());
+  ASSERT_TRUE(Boxlane_Parse_GetTrackIndex(client_.c_str(), 1, &index));
+  EXPECT_EQ(std::make_tuple(index.bLargeOffsets, index.nChunkCount, index.nTableSamples),
+            std::make_tuple(uint8_t{1}, 0u, uint64_t{0}));
+}
+
+TEST_F(Index, TablesThatDisagreeGiveTheSamplesAllOfThemCover) {
+  const auto samples_of = [&](const std::vector<Bytes>& tables) {
+    const std::string client = "index/disagree/" + std::to_string(others_.size());
+    others_.push_back(client);
+    EXPECT_TRUE(Boxlane_Parse_Insert(client.c_str()));
+    EXPECT_EQ(feed(client, cat({movie_ftyp(), moov_box({trak_box(1, 1000, tables)})})).error, 0u);
+    BOXLANE_TRACKINDEX index{};
+    EXPECT_TRUE(Boxlane_Parse_GetTrackIndex(client.c_str(), 1, &index));
+    EXPECT_EQ(table_samples(client, 1).size(), index.nTableSamples);
+    return index.nTableSamples;
+  };
+  const Bytes stts = runs_box("stts", 0, {{5, 1}});
+  const Bytes stsz = stsz_box(0, 5, {1, 2, 3, 4, 5});
+  const Bytes stco = u32_table("stco", {10, 20});
+  EXPECT_EQ(samples_of({stts, stsc_box({{1, 3, 1}}), stsz, stco}), 5u);
+  EXPECT_EQ(samples_of({runs_box("stts", 0, {{3, 1}}), stsc_box({{1, 3, 1}}), stsz, stco}), 3u);  // times run out
+  EXPECT_EQ(samples_of({stts, stsc_box({{1, 3, 1}}), stsz_box(0, 4, {1, 2, 3, 4}), stco}), 4u);   // sizes run out
+  EXPECT_EQ(samples_of({stts, stsc_box({{1, 2, 1}}), stsz, stco}), 4u);                           // chunks run out
+  EXPECT_EQ(samples_of({stts, stsc_box({{0, 3, 1}}), stsz, stco}), 0u);                           // first_chunk 0
+  EXPECT_EQ(samples_of({stts, stsc_box({{1, 1, 1}, {1, 4, 1}}), stsz, stco}), 0u);                // not increasing
+  EXPECT_EQ(samples_of({stts, stsc_box({{1, 1, 1}, {3, 4, 1}}), stsz, stco}), 2u);                // past the chunks
+  EXPECT_EQ(samples_of({stts, stsc_box({{1, 0, 1}, {2, 3, 1}}), stsz, stco}), 3u);                // an empty chunk
+  EXPECT_EQ(samples_of({stts, stsc_box({{1, 3, 1}}), stco}), 0u);                                 // no stsz
+  EXPECT_EQ(samples_of({stts, stsc_box({{1, 3, 1}}), stsz_box(7, 0), stco}), 0u);                 // constant, none
+}
+
+TEST_F(Index, AWindowAfterTheTablesGrewIsWalkedAnew) {
+  ASSERT_EQ(feed(client_, five_samples()).error, 0u);
+  EXPECT_EQ(table_samples(client_, 1).size(), 5u);
+  // The same track again: its tables gain two samples and a fifth chunk,
+  // so the last stsc entry now runs one chunk further.
+  ASSERT_TRUE(send(client_, moov_box({trak_box(1, 1000, {runs_box("stts", 0, {{2, 7}}), stsz_box(0, 2, {60, 70}),
+                                                         u32_table("stco", {500})})})));
+  BOXLANE_SAMPLEINFO got[2];
+  int32_t n = 0;
+  ASSERT_TRUE(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, 5, got, 2, &n));
+  ASSERT_EQ(n, 2);
+  EXPECT_EQ(text(got[0]), sample(4000, 4000, 7, 60, 400, 0x00010000, false, false));
+  EXPECT_EQ(text(got[1]), sample(4007, 4007, 7, 70, 500, 0x00010000, false, false));
+}
+
+TEST_F(Index, TrackIdsOfEveryValue) {
+  const Bytes stream = cat({movie_ftyp(), moov_box({trak_box(257, 1000, {}), trak_box(0x80000001u, 1000, {}),
+                                                    trak_box(1, 1000, {}), trak_box(256, 1000, {})})});
+  ASSERT_EQ(feed(client_, stream).error, 0u);
+  int32_t** ids = nullptr;
+  int32_t count = 0;
+  ASSERT_TRUE(Boxlane_Parse_GetTrackIDs(client_.c_str(), &ids, &count));
+  EXPECT_EQ(take_list(ids, count), (std::vector<int32_t>{1, 256, 257, INT32_MIN + 1}));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackIDs(client_.c_str(), nullptr, &count), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackIDs("index/nobody", &ids, &count), BOXLANE_ERROR_PARSE_NOTFOUND));
+  const std::string empty = other("index/empty");
+  ASSERT_TRUE(Boxlane_Parse_GetTrackIDs(empty.c_str(), &ids, &count));
+  EXPECT_EQ(count, 0);
+}
+
+// stz2 (§8.7.3.3) in every field size, counts past the payload, and a field
+// size it does not know.
+TEST_F(ExtendedReaders, CompactSizes) {
+  make_track(1);
+  const struct {
+    uint8_t field;
+    uint32_t count;
+    Bytes entries;
+    std::vector<uint32_t> want;
+  } cases[] = {
+      {4, 3, Bytes{0x12, 0x3F}, {1, 2, 3}},
+      {4, 4, Bytes{0x12, 0x3F}, {1, 2, 3, 15}},
+      {4, 9, Bytes{0xAB}, {10, 11}},
+      {8, 2, Bytes{7, 255}, {7, 255}},
+      {8, 3, Bytes{7, 255}, {7, 255}},
+      {16, 2, Bytes{0x12, 0x34, 0xFF}, {0x1234}},
+      {5, 2, Bytes{1, 2}, {}},
+      {8, 0x80000000, Bytes{1, 2}, {}},
+  };
+  for (const auto& c : cases) {
+    track(1).stl_ListSTsz.fields.clear();
+    Bytes payload;
+    payload.full(0, 0).u24(0).u8(c.field).u32(c.count).add(c.entries);
+    EXPECT_TRUE(feed(&P::Boxlane_Parse_STz2, payload));
+    std::vector<uint32_t> got;
+    for (const auto& e : values(track(1).stl_ListSTsz)) got.push_back(e[0]);
+    EXPECT_EQ(got, c.want) << "field " << int(c.field) << ", count " << c.count;
+    EXPECT_EQ(track(1).byCompactFieldSize, c.field);
+  }
+  // Every prefix of a valid payload reads no byte past it.
+  Bytes whole;
+  whole.full(0, 0).u24(0).u8(16).u32(3).u16(1).u16(2).u16(3);
+  for (std::size_t n = 0; n <= whole.size(); ++n) {
+    track(1).stl_ListSTsz.fields.clear();
+    EXPECT_TRUE(feed(&P::Boxlane_Parse_STz2, std::vector<uint8_t>(whole.begin(), whole.begin() + n)));
+    EXPECT_EQ(track(1).stl_ListSTsz.size(), n < 12 ? 0u : (n - 12) / 2);
+  }
+}
+
+TEST_F(ExtendedReaders, LargeChunkOffsetsMovieExtendsAndTheirShortForms) {
+  EXPECT_FALSE(feed(&P::Boxlane_Parse_CO64, Bytes{}.full(0, 0).u32(1).u64(1)));  // no track yet
+  make_track(1);
+  Bytes co64;
+  co64.full(0, 0).u32(3).u64(0x123456789ull).u64(5);
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_CO64, co64));
+  EXPECT_EQ(values(track(1).stl_ListCO64), (Infos{{1, 0x23456789, 0}, {0, 5, 0}}));
+  EXPECT_TRUE(track(1).bLargeOffsets);
+
+  Bytes trex;
+  trex.full(0, 0).u32(7).u32(1).u32(1024).u32(300).u32(0x02000000);
+  for (std::size_t n = 0; n < trex.size(); ++n) {
+    EXPECT_TRUE(feed(&P::Boxlane_Parse_TRex, std::vector<uint8_t>(trex.begin(), trex.begin() + n)));
+    EXPECT_TRUE(record.stl_MapTrex.empty()) << n;
+  }
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_TRex, trex));
+  const BOXLANE_TREX& kept = record.stl_MapTrex.at(7);
+  EXPECT_EQ(std::make_tuple(kept.nDescriptionIndex, kept.nDuration, kept.nSize, kept.nFlags),
+            std::make_tuple(1u, 1024u, 300u, 0x02000000u));
+
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_MEhd, Bytes{}.full(0, 0).u32(90000)));
+  EXPECT_EQ(record.stStream.nFragmentDuration, 90000u);
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_MEhd, Bytes{}.full(1, 0).u64(0x200000000ull)));
+  EXPECT_EQ(hdr().byVersion, 1);
+  EXPECT_EQ(record.stStream.nFragmentDuration, 0x200000000ull);
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_MEhd, Bytes{}.full(1, 0).u32(5)));  // too short for version 1
+  EXPECT_EQ(record.stStream.nFragmentDuration, 0x200000000ull);
+}
+
+}  // namespace
+}  // namespace boxlane::test
