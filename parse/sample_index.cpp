@@ -141,10 +141,13 @@ class SampleWalk {
       for (uint64_t i = index - within; i < index; ++i) c_.nOffset += sample_size(t_, i);
       break;
     }
+    // Where the walk from the first sample would stand: at the first entry
+    // not below the sample's number. For a sorted stss that is the usual
+    // search; an unsorted one (no file has it) gets the same answer as the
+    // walk, so every window agrees.
     const auto& stss = t_.stl_ListSTss;
     c_.nStssPos = static_cast<std::size_t>(
-        std::lower_bound(stss.begin(), stss.end(), index + 1, [](int32_t a, uint64_t b) { return int64_t{a} < int64_t(b); }) -
-        stss.begin());
+        std::find_if(stss.begin(), stss.end(), [&](int32_t n) { return int64_t{n} >= int64_t(index); }) - stss.begin());
   }
 
   void next(BOXLANE_SAMPLEINFO& out) {

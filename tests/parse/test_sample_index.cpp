@@ -151,6 +151,26 @@ TEST_F(Index, AWindowAfterTheTablesGrewIsWalkedAnew) {
   EXPECT_EQ(text(got[1]), sample(4007, 4007, 7, 70, 500, 0x00010000, false, false));
 }
 
+// Found by fuzz_index: a window that starts mid-track searched an unsorted
+// stss as if it were sorted and called a sample sync that the walk from the
+// first sample does not.
+TEST_F(Index, AnUnsortedStssGivesTheSameSyncSamplesFromAnyStart) {
+  const Bytes stream = cat({movie_ftyp(), moov_box({trak_box(1, 1000,
+                                                             {runs_box("stts", 0, {{6, 1}}), stsc_box({{1, 6, 1}}),
+                                                              stsz_box(1, 6), u32_table("stco", {8}),
+                                                              u32_table("stss", {196609, 2, 5, 4})})})});
+  ASSERT_EQ(feed(client_, stream).error, 0u);
+  const std::vector<BOXLANE_SAMPLEINFO> walked = table_samples(client_, 1);
+  ASSERT_EQ(walked.size(), 6u);
+  // Backwards, so that every window starts somewhere new.
+  for (uint32_t first = 6; first-- > 0;) {
+    BOXLANE_SAMPLEINFO one;
+    int32_t n = 0;
+    ASSERT_TRUE(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, first, &one, 1, &n));
+    EXPECT_EQ(text(one), text(walked[first])) << "from " << first;
+  }
+}
+
 TEST_F(Index, TrackIdsOfEveryValue) {
   const Bytes stream = cat({movie_ftyp(), moov_box({trak_box(257, 1000, {}), trak_box(0x80000001u, 1000, {}),
                                                     trak_box(1, 1000, {}), trak_box(256, 1000, {})})});
