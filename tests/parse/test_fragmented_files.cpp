@@ -9,6 +9,7 @@
 // read the same files and keep the specified behaviour.
 #include "fragment_streams.hpp"
 #include "support/ffmpeg.hpp"
+#include "support/mp4_rewrite.hpp"
 #include "support/paths.hpp"
 #include "support/stream_feeder.hpp"
 
@@ -20,40 +21,6 @@
 
 namespace boxlane::test {
 namespace {
-
-// One ffprobe packet of a stream, in decode order.
-struct Packet {
-  int64_t pts = 0, dts = 0, duration = 0, size = 0, pos = 0;
-  bool key = false;
-};
-
-// ffprobe's packets keyed by the track id of their stream.
-std::map<int32_t, std::vector<Packet>> probe_by_track(const std::string& path) {
-  std::map<int32_t, std::vector<Packet>> out;
-  std::map<int, int32_t> track_of;
-  std::string text;
-  EXPECT_EQ(run("ffprobe -v error -show_entries stream=index,id -of csv=p=0 " + shell_quote(path), &text), 0);
-  std::istringstream streams(text);
-  for (std::string line; std::getline(streams, line);) {
-    const auto comma = line.find(',');
-    if (comma != std::string::npos) track_of[std::stoi(line)] = int32_t(std::stoul(line.substr(comma + 1), nullptr, 16));
-  }
-  EXPECT_EQ(run("ffprobe -v error -show_entries packet=stream_index,pts,dts,duration,size,pos,flags -of csv=p=0 " +
-                    shell_quote(path),
-                &text),
-            0);
-  std::istringstream rows(text);
-  for (std::string line; std::getline(rows, line);) {
-    std::vector<std::string> f;
-    std::istringstream cells(line);
-    for (std::string cell; std::getline(cells, cell, ',');) f.push_back(cell);
-    if (f.size() < 7) continue;
-    const auto number = [](const std::string& t) { return t == "N/A" ? INT64_MIN : std::stoll(t); };
-    out[track_of[std::stoi(f[0])]].push_back(
-        {number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]), f[6][0] == 'K'});
-  }
-  return out;
-}
 
 // Every sample a client read, per track: the moov's, then the fragments'.
 std::map<int32_t, std::vector<BOXLANE_SAMPLEINFO>> samples_by_track(const std::string& client) {
@@ -85,7 +52,7 @@ std::string line(int64_t dts0, int64_t least, int64_t dts, int64_t cts, int64_t 
 }
 
 void expect_agree(const std::map<int32_t, std::vector<BOXLANE_SAMPLEINFO>>& got,
-                  const std::map<int32_t, std::vector<Packet>>& want, const std::string& how) {
+                  const std::map<int32_t, std::vector<PacketRow>>& want, const std::string& how) {
   std::set<int32_t> tracks;
   for (const auto& [id, samples] : got) tracks.insert(id);
   for (const auto& [id, packets] : want) EXPECT_TRUE(tracks.count(id)) << how << ": no track " << id;
@@ -100,7 +67,7 @@ void expect_agree(const std::map<int32_t, std::vector<BOXLANE_SAMPLEINFO>>& got,
       theirs_least = std::min(theirs_least, packets[i].pts - packets[i].dts);
     }
     for (std::size_t i = 0, wrong = 0; i < s.size() && wrong < 5; ++i) {
-      const Packet& p = packets[i];
+      const PacketRow& p = packets[i];
       const int64_t duration = i + 1 < packets.size() ? packets[i + 1].dts - p.dts : int64_t{s[i].nDuration};
       const std::string mine = line(int64_t(s[0].nDecodeTime), mine_least, int64_t(s[i].nDecodeTime), s[i].nCompositionTime,
                                     s[i].nDuration, s[i].nSize, int64_t(s[i].nOffset), s[i].bSync);
@@ -183,56 +150,6 @@ class FragmentedFiles : public ::testing::Test {
 
   static bool have_file(const std::string& path) { return run("test -f " + shell_quote(path)) == 0; }
 
-  static uint32_t be32(const std::vector<uint8_t>& b, std::size_t at) {
-    return uint32_t(b[at]) << 24 | uint32_t(b[at + 1]) << 16 | uint32_t(b[at + 2]) << 8 | b[at + 3];
-  }
-  static void put32(std::vector<uint8_t>& b, std::size_t at, uint32_t v) {
-    for (int i = 0; i < 4; ++i) b[at + std::size_t(i)] = uint8_t(v >> (24 - 8 * i));
-  }
-
-  // free (8 bytes) + mdat (size N) becomes one mdat with a 64-bit size N + 8.
-  static std::vector<uint8_t> widen_mdat(std::vector<uint8_t> file) {
-    for (std::size_t at = 0; at + 16 <= file.size();) {
-      const uint32_t size = be32(file, at);
-      if (size == 8 && std::memcmp(&file[at + 4], "free", 4) == 0 && std::memcmp(&file[at + 12], "mdat", 4) == 0) {
-        const uint64_t wide = uint64_t{be32(file, at + 8)} + 8;
-        const Bytes header = Bytes{}.u32(1).str("mdat").u64(wide);
-        std::copy(header.begin(), header.end(), file.begin() + std::ptrdiff_t(at));
-        return file;
-      }
-      if (size < 8) break;
-      at += size;
-    }
-    ADD_FAILURE() << "no free box before the mdat";
-    return file;
-  }
-
-  // Every stco becomes a co64 with the same offsets; the moov is last, so
-  // growing it moves no sample. Container sizes grow along the way.
-  static std::vector<uint8_t> with_co64(const std::vector<uint8_t>& file) {
-    std::function<Bytes(std::size_t, std::size_t)> rewrite = [&](std::size_t at, std::size_t end) {
-      Bytes out;
-      while (at + 8 <= end) {
-        const uint32_t size = be32(file, at);
-        const std::string type(reinterpret_cast<const char*>(&file[at + 4]), 4);
-        if (type == "moov" || type == "trak" || type == "mdia" || type == "minf" || type == "stbl") {
-          out.add(box(type, rewrite(at + 8, at + size)));
-        } else if (type == "stco") {
-          const uint32_t n = be32(file, at + 12);
-          Bytes p;
-          p.u32(n);
-          for (uint32_t i = 0; i < n; ++i) p.u64(be32(file, at + 16 + 4 * i));
-          out.add(full_box("co64", 0, 0, p));
-        } else {
-          out.insert(out.end(), file.begin() + std::ptrdiff_t(at), file.begin() + std::ptrdiff_t(at + size));
-        }
-        at += size;
-      }
-      return out;
-    };
-    return rewrite(0, file.size());
-  }
-
   void SetUp() override { BOXLANE_REQUIRE_FFMPEG(); }
 
   // Reads the file in every piece mode with a client of each mode; the
@@ -242,7 +159,7 @@ class FragmentedFiles : public ::testing::Test {
     const std::string path = dir_ + "/" + name + ".mp4";
     const std::vector<uint8_t> file = read_file(path);
     ASSERT_FALSE(file.empty()) << path;
-    const auto want = probe_by_track(path);
+    const auto want = packets_by_track(path);
     ASSERT_FALSE(want.empty()) << path;
     std::vector<std::pair<std::string, std::size_t>> modes{{"whole", 0}, {"1000-byte pieces", 1000}};
     if (file.size() < 40000) modes.push_back({"1-byte pieces", 1});
@@ -322,7 +239,7 @@ TEST_F(FragmentedFiles, LargeMdatAndCo64AgreeWithFfprobe) {
   ASSERT_TRUE(Boxlane_Parse_Insert(client.c_str()));
   EXPECT_EQ(feed(client, read_file(path)).headers.back().enHType, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT);
   EXPECT_EQ(stream_info(client).nStop, uint32_t{BOXLANE_STOP_LARGESIZE});
-  expect_agree(samples_by_track(client), probe_by_track(path), "specified mode, faststart_large");
+  expect_agree(samples_by_track(client), packets_by_track(path), "specified mode, faststart_large");
   Boxlane_Parse_Delete(client.c_str());
 }
 

@@ -64,4 +64,31 @@ std::vector<ProbedPacket> probe_packets(const std::string& path, char kind, bool
   return packets;
 }
 
+std::map<int32_t, std::vector<PacketRow>> packets_by_track(const std::string& path) {
+  std::map<int32_t, std::vector<PacketRow>> out;
+  std::map<int, int32_t> track_of;
+  std::string text;
+  EXPECT_EQ(run("ffprobe -v error -show_entries stream=index,id -of csv=p=0 " + shell_quote(path), &text), 0);
+  std::istringstream streams(text);
+  for (std::string line; std::getline(streams, line);) {
+    const auto comma = line.find(',');
+    if (comma != std::string::npos) track_of[std::stoi(line)] = int32_t(std::stoul(line.substr(comma + 1), nullptr, 16));
+  }
+  EXPECT_EQ(run("ffprobe -v error -show_entries packet=stream_index,pts,dts,duration,size,pos,flags -of csv=p=0 " +
+                    shell_quote(path),
+                &text),
+            0);
+  std::istringstream rows(text);
+  const auto number = [](const std::string& t) { return t == "N/A" ? INT64_MIN : std::stoll(t); };
+  for (std::string line; std::getline(rows, line);) {
+    std::vector<std::string> f;
+    std::istringstream cells(line);
+    for (std::string cell; std::getline(cells, cell, ',');) f.push_back(cell);
+    if (f.size() < 7) continue;
+    out[track_of[std::stoi(f[0])]].push_back(
+        {number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]), f[6][0] == 'K'});
+  }
+  return out;
+}
+
 }  // namespace boxlane::test

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -36,5 +37,14 @@ struct ProbedPacket {
 // The packets of the first stream of a kind, in file (decode) order; as
 // stored ignores the edit lists.
 std::vector<ProbedPacket> probe_packets(const std::string& path, char kind, bool as_stored = false);
+
+// A packet as ffprobe -show_packets gives it, in the stream's time base.
+struct PacketRow {
+  int64_t pts = 0, dts = 0, duration = 0, size = 0, pos = 0;  // INT64_MIN for N/A
+  bool key = false;
+};
+// Every packet of the file in decode order, per stream, keyed by the track
+// id ffprobe reports for the stream.
+std::map<int32_t, std::vector<PacketRow>> packets_by_track(const std::string& path);
 
 }  // namespace boxlane::test

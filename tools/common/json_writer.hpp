@@ -98,6 +98,26 @@ class JsonWriter {
     put(']');
   }
 
+  // One column on one line, [v0, v1, ...]: value(i) for i below count, an
+  // integer of any width and sign, or a bool (true/false). For per-sample
+  // arrays, a few hundred thousand long.
+  template <typename Value>
+  void column(std::size_t count, Value value) {
+    prefix();
+    put('[');
+    for (std::size_t i = 0; i < count; ++i) {
+      char* const start = room(24);
+      char* at = start;
+      if (i) at = copy(at, ", ");
+      const auto v = value(i);
+      if constexpr (std::is_same_v<decltype(v), const bool>) at = copy(at, v ? "true" : "false");
+      else if constexpr (sizeof(v) <= 4 && std::is_unsigned_v<std::remove_const_t<decltype(v)>>) at = decimal(at, v);
+      else at = std::to_chars(at, start + 24, v).ptr;
+      used_ += static_cast<std::size_t>(at - start);
+    }
+    put(']');
+  }
+
   template <typename T>
   void member(std::string_view name, T v) {
     key(name);

@@ -110,10 +110,14 @@ std::vector<ProbeBox> place_boxes(const std::vector<QORVANE_MP4HDR>& records) {
   return boxes;
 }
 
-bool collect_report(const char* client, ProbeReport& report, std::string& error) {
+bool collect_report(const char* client, ProbeReport& report, FragmentLog fragments, bool samples, std::string& error) {
   for (const ProbeBox& box : report.boxes) {
     if (box.header.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_FTYP) report.have_ftyp = true;
     if (box.header.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MVHD) report.have_mvhd = true;
+  }
+  if (!Boxlane_Parse_GetStream(client, &report.stream)) {
+    error = query_error("the stream query", -1);
+    return false;
   }
 
   QORVANE_HDRFTYP ftyp{};
@@ -131,17 +135,21 @@ bool collect_report(const char* client, ProbeReport& report, std::string& error)
     return false;
   }
 
-  int32_t slots[10];
-  std::fill(std::begin(slots), std::end(slots), -1);
-  if (!Boxlane_Parse_GetTrack(client, slots)) {
-    error = query_error("the track list query", -1);
+  // Every track id, in both modes; GetTrack names only ids 0 to 9.
+  int32_t** ids = nullptr;
+  int32_t id_count = 0;
+  if (!Boxlane_Parse_GetTrackIDs(client, &ids, &id_count)) {
+    error = query_error("the track id query", -1);
     return false;
   }
-  for (int32_t id = 0; id < 10; ++id) {
-    if (slots[id] != id) continue;
+  std::vector<int32_t> track_ids;
+  take_array(ids, id_count, track_ids, [](const int32_t* id) { return *id; });
+  for (const int32_t id : track_ids) {
     ProbeTrack& track = report.tracks.emplace_back();
     track.id = id;
-    if (!Boxlane_Parse_GetTrackInfo(client, id, &track.tkhd, &track.mdhd, &track.hdlr, &track.media_header)) {
+    if (id < 0 || id > 9) ++report.unlisted_tracks;
+    if (!Boxlane_Parse_GetTrackInfo(client, id, &track.tkhd, &track.mdhd, &track.hdlr, &track.media_header) ||
+        !Boxlane_Parse_GetTrackIndex(client, id, &track.index)) {
       error = query_error("the header query", id);
       return false;
     }
@@ -155,13 +163,15 @@ bool collect_report(const char* client, ProbeReport& report, std::string& error)
       if (Boxlane_Parse_GetTrackHEVC(client, id, hevc.get())) track.hevc = std::move(hevc);
     }
     if (!fetch_tables(client, track, error)) return false;
+    if (const auto taken = fragments.tracks.find(id); taken != fragments.tracks.end())
+      track.fragments = std::move(taken->second);
+    if (samples) {
+      if (!fetch_table_samples(client, id, track.index.nTableSamples, track.samples, error)) return false;
+      track.samples.insert(track.samples.end(), track.fragments.samples.begin(), track.fragments.samples.end());
+    }
     track.facts = derive_facts(track);
   }
-
-  const auto tkhd_count = std::count_if(report.boxes.begin(), report.boxes.end(), [](const ProbeBox& box) {
-    return box.header.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TKHD;
-  });
-  report.unlisted_tracks = std::max(0, static_cast<int>(tkhd_count) - static_cast<int>(report.tracks.size()));
+  note_modes(report);
   return true;
 }
 

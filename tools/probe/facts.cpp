@@ -21,10 +21,11 @@ std::string count_text(uint64_t n, const char* one, const char* many) {
 
 // ISO/IEC 14496-12 §8.7.4: an stsc entry covers the chunks from its
 // first_chunk up to the next entry's; the last runs to the final stco chunk.
-void check_chunks(const ProbeTables& t, ProbeFacts& f) {
+void check_chunks(const ProbeTables& t, ProbeFacts& f, bool large_offsets) {
   if (f.chunk_count == 0) {
     if (f.sample_count > 0)
-      f.notes.push_back("no chunk offsets in stco (64-bit co64 offsets are not read by the parser)");
+      f.notes.push_back(large_offsets ? "no chunk offsets: they are 64-bit (co64), which --strict does not read"
+                                      : "no chunk offsets: the track has no stco");
     return;
   }
   if (t.stsc.empty()) {
@@ -79,27 +80,43 @@ ProbeFacts derive_facts(const ProbeTrack& track) {
   }
   f.stsz_count = t.stsz.size();
   for (const uint32_t size : t.stsz) f.sample_bytes += size;
+  // One size for every sample: the list stays empty, the index knows it.
+  const uint32_t constant = track.index.nConstantSize;
+  if (f.stsz_count == 0 && constant) f.sample_bytes = uint64_t{constant} * track.index.nConstantCount;
+  const bool sized = f.stsz_count > 0 || constant;
   f.chunk_count = t.stco.size();
   f.all_sync = t.stss.empty();
   f.key_frames = f.all_sync ? f.sample_count : t.stss.size();
+  // The samples of the track's fragments come after the moov's.
+  for (const ProbeSample& s : track.fragments.samples) {
+    f.sample_bytes += s.size;
+    f.fragment_duration += s.duration;
+    f.key_frames += s.sync;
+  }
+  f.fragment_samples = track.fragments.samples.size();
+  f.samples = f.sample_count + f.fragment_samples;
 
   const double nan = std::numeric_limits<double>::quiet_NaN();
   const uint32_t scale = track.mdhd.nTimeScale;
   f.duration_seconds = scale ? static_cast<double>(track.mdhd.nDuration) / scale : nan;
-  const bool timed = scale && track.mdhd.nDuration > 0;
-  f.frame_rate = timed ? static_cast<double>(f.sample_count) / f.duration_seconds : nan;
-  f.bit_rate = timed && f.stsz_count > 0 ? 8.0 * static_cast<double>(f.sample_bytes) / f.duration_seconds : nan;
+  // In a fragmented file mdhd covers the moov's samples only (often none):
+  // the rates go by what all samples last.
+  const uint64_t span = f.fragment_samples ? f.table_duration + f.fragment_duration : track.mdhd.nDuration;
+  const double seconds = scale ? static_cast<double>(span) / scale : nan;
+  const bool timed = scale && span > 0;
+  f.frame_rate = timed ? static_cast<double>(f.samples) / seconds : nan;
+  f.bit_rate = timed && (sized || f.fragment_samples) ? 8.0 * static_cast<double>(f.sample_bytes) / seconds : nan;
 
-  if (f.sample_count == 0)
-    f.notes.push_back("the tables list no samples (a fragmented file keeps them in moof boxes, "
-                      "which the parser does not read)");
+  if (f.samples == 0) f.notes.push_back("the tables list no samples, and no fragment holds any");
   if (f.stsz_count > 0 && f.stsz_count != f.sample_count)
     f.problems.push_back("stts counts " + count_text(f.sample_count, "sample", "samples") + " but stsz lists " +
                          count_text(f.stsz_count, "size", "sizes"));
-  if (f.stsz_count == 0 && f.sample_count > 0)
-    f.notes.push_back("stsz gives one size for every sample, which the parser does not hand out: "
-                      "no byte count or bit rate");
-  check_chunks(t, f);
+  if (!sized && f.sample_count > 0)
+    f.notes.push_back(track.index.bCompactSizes
+                          ? "no sample sizes: they are in a compact stz2 table, which --strict does not read: "
+                            "no byte count or bit rate"
+                          : "no sample sizes: the track has no stsz");
+  check_chunks(t, f, track.index.bLargeOffsets);
   if (!t.ctts.empty()) {
     uint64_t covered = 0;
     for (const auto& run : t.ctts) covered = saturating_add(covered, run.nValue1);
@@ -111,7 +128,7 @@ ProbeFacts derive_facts(const ProbeTrack& track) {
     f.problems.push_back("sdtp has " + count_text(t.sdtp.size(), "entry", "entries") + " but stts counts " +
                          count_text(f.sample_count, "sample", "samples"));
   check_sync_samples(t, f);
-  if (track.mdhd.nDuration != f.table_duration)
+  if (track.mdhd.nDuration != f.table_duration && f.fragment_samples == 0)
     f.notes.push_back("mdhd gives a duration of " + std::to_string(track.mdhd.nDuration) +
                       " but the stts deltas add up to " + std::to_string(f.table_duration));
   if (!track.codec) f.notes.push_back("the sample description could not be read");

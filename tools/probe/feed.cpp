@@ -14,6 +14,10 @@ uint32_t be32(std::span<const uint8_t, 4> b) {
   return uint32_t{b[0]} << 24 | uint32_t{b[1]} << 16 | uint32_t{b[2]} << 8 | uint32_t{b[3]};
 }
 
+uint64_t be64(std::span<const uint8_t, 8> b) {
+  return uint64_t{be32(b.first<4>())} << 32 | be32(b.last<4>());
+}
+
 bool is_mdat(std::span<const uint8_t, 4> type) {
   static constexpr char kMdat[] = "mdat";
   // The parser matches fourccs without regard to case, so the loop must too.
@@ -30,6 +34,7 @@ bool ProbeFeed::run(PieceSizes sizes) {
       const std::span<const uint8_t> piece = input_.view(sizes.next());
       if (piece.empty()) return finish();
       if (!take(piece.data(), piece.size())) return false;
+      if (mode_ == Mode::kToEnd) return finish();
       skip_outside_piece();
     }
   }
@@ -44,6 +49,7 @@ bool ProbeFeed::run(PieceSizes sizes) {
     }
     if (got == 0) return finish();
     if (!take(buffer.data(), static_cast<std::size_t>(got))) return false;
+    if (mode_ == Mode::kToEnd) return finish();
     skip_outside_piece();
   }
 }
@@ -62,7 +68,7 @@ bool ProbeFeed::take(const uint8_t* piece_data, std::size_t size) {
     std::size_t n = 0;
     switch (mode_) {
       case Mode::kHeader:
-        n = std::min(sizeof header_ - header_have_, size - at);
+        n = std::min(header_want_ - header_have_, size - at);
         std::copy_n(piece.subspan(at, n).begin(), n, std::span(header_).subspan(header_have_).begin());
         header_have_ += n;
         break;
@@ -72,22 +78,24 @@ bool ProbeFeed::take(const uint8_t* piece_data, std::size_t size) {
         left_ -= n;
         break;
       case Mode::kPassThrough:
-      case Mode::kDrain:
+      case Mode::kToEnd:
         n = size - at;
         break;
     }
-    if (mode_ == Mode::kSkip || mode_ == Mode::kDrain) run = at + n;
+    if (mode_ == Mode::kSkip || (mode_ == Mode::kToEnd && to_end_is_mdat_)) run = at + n;
     at += n;
     position_ += n;
 
-    if (mode_ == Mode::kHeader && header_have_ == sizeof header_) {
+    if (mode_ == Mode::kHeader && header_have_ == header_want_) {
+      // ISO/IEC 14496-12 §4.2: size field 1 puts a 64-bit size after the
+      // fourcc, which a client in the extended mode follows.
+      if (header_want_ == 8 && extended_ && be32(std::span(header_).first<4>()) == 1) {
+        header_want_ = 16;
+        continue;
+      }
       if (on_header() && !flush()) return false;
     }
-    if ((mode_ == Mode::kBody || mode_ == Mode::kSkip) && left_ == 0) {
-      mode_ = Mode::kHeader;
-      header_have_ = 0;
-      box_start_ = position_;
-    }
+    if ((mode_ == Mode::kBody || mode_ == Mode::kSkip) && left_ == 0) next_box();
   }
   return flush();
 }
@@ -96,17 +104,34 @@ bool ProbeFeed::on_header() {
   bool flush_here;
   size_field_ = be32(std::span(header_).first<4>());
   const bool mdat = is_mdat(std::span(header_).subspan<4, 4>());
-  if (size_field_ == 1 || (size_field_ >= 2 && size_field_ < 8)) {
+  const uint64_t size = header_want_ == 16 ? be64(std::span(header_).subspan<8, 8>()) : size_field_;
+  if (header_want_ == 16 && size >= 16) {
+    box_size_ = size;
+    left_ = size - 16;
+    mode_ = mdat ? Mode::kSkip : Mode::kBody;
+    flush_here = mdat;
+  } else if (size_field_ == 1 && !extended_) {
+    // The specified mode stops at a 64-bit size: the header goes to the
+    // parser, which notes where and why, and reading ends there.
+    mode_ = Mode::kToEnd;
+    to_end_is_mdat_ = true;
+    flush_here = true;
+  } else if (size_field_ == 1 || (size_field_ >= 2 && size_field_ < 8)) {
     // The parser refuses these; what follows goes in a Send of its own so
     // that the refusal is reported at the same place for any piece size.
     mode_ = Mode::kPassThrough;
     flush_here = true;
   } else if (size_field_ == 0) {
-    // ISO/IEC 14496-12 §4.2: size 0 means the box runs to the end of the file.
-    mode_ = mdat ? Mode::kDrain : Mode::kPassThrough;
+    // ISO/IEC 14496-12 §4.2: size 0 means the box runs to the end of the
+    // file. The parser takes all that follows as the box's, so reading stops
+    // with this piece: the rest of it goes to the parser (or, for an mdat,
+    // is skipped), and no more is read, however long the input goes on.
+    mode_ = Mode::kToEnd;
+    to_end_is_mdat_ = mdat;
     flush_here = mdat;
   } else {
-    left_ = size_field_ - sizeof header_;
+    box_size_ = size_field_;
+    left_ = size_field_ - 8;
     mode_ = mdat ? Mode::kSkip : Mode::kBody;
     // The parser reads no further than an mdat header within one piece.
     flush_here = mdat;
@@ -115,20 +140,18 @@ bool ProbeFeed::on_header() {
 }
 
 void ProbeFeed::skip_outside_piece() {
-  uint64_t want = 0;
-  if (mode_ == Mode::kSkip) want = left_;
-  else if (mode_ == Mode::kDrain) want = std::numeric_limits<uint64_t>::max();
-  if (want == 0) return;
-  const uint64_t skipped = input_.skip(want);
+  if (mode_ != Mode::kSkip || left_ == 0) return;
+  const uint64_t skipped = input_.skip(left_);
   position_ += skipped;
-  if (mode_ == Mode::kSkip) {
-    left_ -= skipped;
-    if (left_ == 0) {
-      mode_ = Mode::kHeader;
-      header_have_ = 0;
-      box_start_ = position_;
-    }
-  }
+  left_ -= skipped;
+  if (left_ == 0) next_box();
+}
+
+void ProbeFeed::next_box() {
+  mode_ = Mode::kHeader;
+  header_have_ = 0;
+  header_want_ = 8;
+  box_start_ = position_;
 }
 
 bool ProbeFeed::send(const uint8_t* data, std::size_t size, uint64_t offset) {
@@ -160,11 +183,11 @@ bool ProbeFeed::finish() {
     case Mode::kHeader:
       if (header_have_ == 0) return true;
       error_ = "truncated: box header at offset " + std::to_string(box_start_) + " has " +
-               std::to_string(header_have_) + " of its 8 bytes";
+               std::to_string(header_have_) + " of its " + std::to_string(header_want_) + " bytes";
       return false;
     case Mode::kBody:
     case Mode::kSkip:
-      error_ = "truncated: " + box_label() + " declares " + std::to_string(size_field_) + " bytes, " +
+      error_ = "truncated: " + box_label() + " declares " + std::to_string(box_size_) + " bytes, " +
                std::to_string(present) + " present";
       return false;
     case Mode::kPassThrough:
@@ -178,7 +201,7 @@ bool ProbeFeed::finish() {
         return false;
       }
       return true;
-    case Mode::kDrain:
+    case Mode::kToEnd:
       return true;
   }
   return true;
@@ -186,10 +209,10 @@ bool ProbeFeed::finish() {
 
 std::string ProbeFeed::box_label() const {
   const std::string where = "at offset " + std::to_string(box_start_);
-  if (mode_ == Mode::kHeader && header_have_ < sizeof header_) return "box " + where;
+  if (mode_ == Mode::kHeader && header_have_ < 8) return "box " + where;
   const auto type = std::span(header_).subspan<4, 4>();
   std::string label = "box '" + printable_text(reinterpret_cast<const char*>(type.data())) + "' " + where;
-  if (mode_ == Mode::kPassThrough || mode_ == Mode::kDrain)
+  if (mode_ == Mode::kPassThrough || mode_ == Mode::kToEnd)
     label += " (size field " + std::to_string(size_field_) + ")";
   if (std::any_of(type.begin(), type.end(), [](uint8_t c) { return c < 0x20 || c >= 0x7F; }))
     label += " (not an MP4 stream?)";

@@ -24,7 +24,9 @@ namespace boxlane::tool {
 
 class ProbeFeed {
  public:
-  ProbeFeed(const char* client, ProbeInput& input) : client_(client), input_(input) {}
+  // `extended`: the client follows 64-bit box sizes (Boxlane_Parse_InsertEx).
+  ProbeFeed(const char* client, ProbeInput& input, bool extended)
+      : client_(client), input_(input), extended_(extended) {}
 
   // Reads the whole input; false with error() set on the first failure.
   bool run(PieceSizes sizes);
@@ -35,11 +37,11 @@ class ProbeFeed {
 
  private:
   enum class Mode {
-    kHeader,       // collecting the 8 header bytes of the next top-level box
+    kHeader,       // collecting the 8 (16 for a 64-bit size) header bytes of the next top-level box
     kBody,         // sending the rest of a box
     kSkip,         // passing over an mdat payload
     kPassThrough,  // a box whose end is unknown: everything left is sent
-    kDrain,        // an mdat that runs to the end: everything left is skipped
+    kToEnd,        // a box of size 0: it runs to the end, so reading stops after this piece
   };
 
   bool take(const uint8_t* piece, std::size_t size);
@@ -49,6 +51,7 @@ class ProbeFeed {
   // Passes over the part of an mdat payload that lies beyond the piece.
   void skip_outside_piece();
   bool finish();
+  void next_box();
   std::string box_label() const;
 
   const char* client_;
@@ -58,8 +61,12 @@ class ProbeFeed {
   uint64_t position_ = 0;   // stream offset of the next byte to be looked at
   uint64_t sent_ = 0;
   uint64_t box_start_ = 0;  // offset of the current top-level box
-  uint8_t header_[8] = {};
+  bool extended_;
+  uint8_t header_[16] = {};
   std::size_t header_have_ = 0;
+  std::size_t header_want_ = 8;
+  uint64_t box_size_ = 0;   // the current box's size, 64-bit sizes followed
+  bool to_end_is_mdat_ = false;
   uint32_t size_field_ = 0;
   uint64_t left_ = 0;       // bytes of the current box still to come
 };

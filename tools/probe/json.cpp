@@ -126,7 +126,28 @@ void write_tables(JsonWriter& json, const ProbeTables& t) {
   json.end_object();
 }
 
-void write_track(JsonWriter& json, const ProbeTrack& track) {
+// Equal-length arrays, one element per sample in decode order: what a script
+// loads into columns.
+void write_samples(JsonWriter& json, const std::vector<ProbeSample>& samples) {
+  json.key("samples");
+  json.begin_object();
+  const std::size_t n = samples.size();
+  json.key("decode_time");
+  json.column(n, [&](std::size_t i) { return samples[i].decode; });
+  json.key("composition_time");
+  json.column(n, [&](std::size_t i) { return samples[i].composition; });
+  json.key("duration");
+  json.column(n, [&](std::size_t i) { return samples[i].duration; });
+  json.key("size");
+  json.column(n, [&](std::size_t i) { return samples[i].size; });
+  json.key("offset");
+  json.column(n, [&](std::size_t i) { return samples[i].offset; });
+  json.key("sync");
+  json.column(n, [&](std::size_t i) { return samples[i].sync; });
+  json.end_object();
+}
+
+void write_track(JsonWriter& json, const ProbeTrack& track, bool samples) {
   const ProbeFacts& f = track.facts;
   json.begin_object();
   json.member("id", track.id);
@@ -139,7 +160,11 @@ void write_track(JsonWriter& json, const ProbeTrack& track) {
   json.member("language", language_text(track.mdhd.wLanguage));
   json.member("width", track.tkhd.nWidth);
   json.member("height", track.tkhd.nHeight);
-  json.member("sample_count", f.sample_count);
+  // Every sample: the moov's and the fragments'.
+  json.member("sample_count", f.samples);
+  json.member("table_samples", f.sample_count);
+  json.member("fragment_samples", f.fragment_samples);
+  json.member("track_fragments", track.fragments.fragments);
   json.member("key_frames", f.key_frames);
   json.member("all_sync", f.all_sync);
   json.member("sample_bytes", f.sample_bytes);
@@ -184,15 +209,37 @@ void write_track(JsonWriter& json, const ProbeTrack& track) {
   json.end_object();
 
   write_tables(json, track.tables);
+  if (track.tables.stsz.empty() && track.index.nConstantSize) {
+    json.key("constant_sample_size");
+    json.begin_object(true);
+    json.member("size", track.index.nConstantSize);
+    json.member("count", track.index.nConstantCount);
+    json.end_object();
+  }
+  if (samples) write_samples(json, track.samples);
   json.end_object();
 }
 
 }  // namespace
 
-bool write_json_report(const ProbeReport& report, std::FILE* sink) {
+bool write_json_report(const ProbeReport& report, std::FILE* sink, bool samples) {
   JsonWriter json(sink);
   json.begin_object();
   json.member("stream_bytes", report.stream_bytes);
+  json.member("mode", std::string_view(report.strict ? "strict" : "extended"));
+  json.member("form", file_form(report));
+  json.member("fragments", report.stream.nFragments);
+  json.member("large_boxes", report.stream.nLargeBoxes);
+  json.key("stream_stop");
+  if (const std::string stop = stream_stop(report); stop.empty()) {
+    json.null();
+  } else {
+    json.begin_object();
+    json.member("offset", report.stream.nStopOffset);
+    json.member("box", printable_text(report.stream.tszStopType, 4));
+    json.member("why", stop);
+    json.end_object();
+  }
 
   json.key("file_type");
   if (report.have_ftyp) {
@@ -228,7 +275,7 @@ bool write_json_report(const ProbeReport& report, std::FILE* sink) {
 
   json.key("tracks");
   json.begin_array();
-  for (const auto& track : report.tracks) write_track(json, track);
+  for (const auto& track : report.tracks) write_track(json, track, samples);
   json.end_array();
   json.member("unlisted_tracks", report.unlisted_tracks);
 

@@ -4,6 +4,8 @@
 
 #include <boxlane/boxlane.h>
 
+#include "tools/probe/samples.hpp"
+
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -57,6 +59,10 @@ struct ProbeFacts {
   double bit_rate = 0;           // bits per second; NaN when unknown
   std::vector<std::string> problems;  // the tables contradict each other
   std::vector<std::string> notes;     // gaps in what the parser hands out
+  // Samples of the track's movie fragments (the extended mode reads them).
+  uint64_t fragment_samples = 0;
+  uint64_t fragment_duration = 0;  // their durations summed, media time scale
+  uint64_t samples = 0;            // every sample: the moov's and the fragments'
 };
 
 // The fields of an AudioSpecificConfig that tell what the audio really is
@@ -79,6 +85,11 @@ struct ProbeTrack {
   ProbeAudioConfig audio;
   ProbeTables tables;
   ProbeFacts facts;
+  BOXLANE_TRACKINDEX index{};  // the parser's counts for its per-sample index
+  FragmentLog::Track fragments;  // the samples of its track fragments
+  // Every sample in decode order, the moov's then the fragments'; filled
+  // for --samples only.
+  std::vector<ProbeSample> samples;
 
   std::string handler() const;
   std::string handler_name() const;
@@ -95,16 +106,27 @@ struct ProbeReport {
   bool have_mvhd = false;
   QORVANE_HDRMVHD mvhd{};
   std::vector<ProbeTrack> tracks;
-  // tkhd boxes seen for tracks the parser's track list cannot name (ids
-  // outside 0 to 9).
+  // Tracks whose id lies outside 0 to 9, which Boxlane_Parse_GetTrack does
+  // not name (Boxlane_Parse_GetTrackIDs lists them).
   int unlisted_tracks = 0;
   std::vector<ProbeBox> boxes;
+  bool strict = false;           // the client was inserted the specified way (--strict)
+  BOXLANE_STREAMINFO stream{};   // where the parser's reading of the stream stands
 };
 
 std::vector<ProbeBox> place_boxes(const std::vector<QORVANE_MP4HDR>& records);
-// Asks the parser everything about the client; false with error set when a
-// query fails.
-bool collect_report(const char* client, ProbeReport& report, std::string& error);
+// Asks the parser everything about the client, and joins the fragments the
+// workers took to their tracks (with every sample when `samples`); false
+// with error set when a query fails.
+bool collect_report(const char* client, ProbeReport& report, FragmentLog fragments, bool samples, std::string& error);
+// How the file is laid out: "progressive", "fragmented, N fragments", with
+// 64-bit box sizes, and where the stream stopped.
+std::string file_form(const ProbeReport& report);
+std::string stream_stop(const ProbeReport& report);
+// Adds to each track the notes that depend on the client's mode: what
+// --strict leaves unread (fragments, co64, stz2, 64-bit sizes, track ids
+// outside 0 to 9).
+void note_modes(ProbeReport& report);
 ProbeFacts derive_facts(const ProbeTrack& track);
 ProbeAudioConfig read_audio_config(const BOXLANE_CODECINFO& codec);
 

@@ -14,18 +14,23 @@
 #include <exception>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace boxlane::tool {
 namespace {
 
 constexpr const char* kUsage =
     "usage: boxlane probe [--piece N | --random-pieces MAX --seed S] [--pools N]\n"
-    "                     [--json] [--tables] [--boxes] FILE|-\n"
+    "                     [--strict] [--json] [--tables] [--samples] [--boxes] FILE|-\n"
     "\n"
     "Reads an MP4 file (or standard input, '-') in pieces, hands them to the stream\n"
     "parser and shows the file type, the movie and every track: codec, size, time\n"
     "scale, duration, samples, key frames, frame rate, bit rate, and whether the\n"
     "sample tables agree with each other. mdat payloads are skipped, never parsed.\n"
+    "The parser client follows 64-bit box sizes, reads co64 and stz2 tables and\n"
+    "movie fragments (moof), so samples count fragments too; the report names the\n"
+    "file's form (progressive, fragmented) and says where and why reading stopped.\n"
+    "A box of size 0 runs to the end of the input: probe stops reading there.\n"
     "\n"
     "  --piece N              send N bytes at a time (default: a file is mapped and\n"
     "                         sent in pieces of up to 64 MiB, standard input in\n"
@@ -33,7 +38,12 @@ constexpr const char* kUsage =
     "  --random-pieces MAX    read pieces of 1 to MAX bytes, sizes drawn from --seed\n"
     "  --seed S               seed for --random-pieces (default 1)\n"
     "  --pools N              task pools for the parser's events (default 1)\n"
+    "  --strict               insert the parser client the specified way: no 64-bit\n"
+    "                         sizes, co64, stz2 or fragments (notes say what is left)\n"
     "  --tables               also print every track's raw sample tables\n"
+    "  --samples              also list every sample: decode and composition time,\n"
+    "                         duration, size, offset and sync flag (in JSON, a\n"
+    "                         \"samples\" object of equal-length arrays per track)\n"
     "  --boxes                also print the box tree the parser walked\n"
     "  --json                 print everything, tables and boxes included, as JSON\n"
     "\n"
@@ -52,6 +62,7 @@ struct Options {
   uint64_t seed = 1;
   uint64_t pools = 1;
   bool json = false;
+  bool strict = false;
   TextOptions text;
   std::string path;
 };
@@ -83,6 +94,8 @@ int parse_options(int argc, char** argv, Options& o) {
     }
     if (arg == "--json") o.json = true;
     else if (arg == "--tables") o.text.tables = true;
+    else if (arg == "--samples") o.text.samples = true;
+    else if (arg == "--strict") o.strict = true;
     else if (arg == "--boxes") o.text.boxes = true;
     else if (arg == "--piece") {
       if (!value(1, kMaxPiece, o.piece)) return usage_error("--piece needs a size from 1 to " + std::to_string(kMaxPiece));
@@ -120,11 +133,11 @@ int probe(const Options& o) {
     return fail(input.name(), "the parser's task pool could not be made (code " + std::to_string(code) + ")");
   }
   static constexpr char kClient[] = "boxlane-probe";
-  Boxlane_Parse_Insert(kClient);
+  Boxlane_Parse_InsertEx(kClient, o.strict ? 0 : BOXLANE_PARSE_EXTENDED);
   const PieceSizes sizes = o.random_max ? PieceSizes::random(static_cast<uint32_t>(o.random_max), o.seed)
                                         : PieceSizes::fixed(static_cast<uint32_t>(
                                               o.piece ? o.piece : input.mapped() ? kMaxPiece : kStreamPiece));
-  const SessionResult session = run_session(kClient, static_cast<int>(o.pools), input, sizes);
+  SessionResult session = run_session(kClient, static_cast<int>(o.pools), input, sizes, !o.strict);
 
   int status = 0;
   ProbeReport report;
@@ -136,10 +149,13 @@ int probe(const Options& o) {
   } else {
     report.stream_bytes = session.stream_bytes;
     report.boxes = place_boxes(session.records);
-    if (!collect_report(kClient, report, error)) status = fail(input.name(), error);
+    report.strict = o.strict;
+    if (!collect_report(kClient, report, std::move(session.fragments), o.text.samples, error))
+      status = fail(input.name(), error);
     else if (!report.have_mvhd)
       status = fail(input.name(), "no movie header (moov/mvhd) in " + std::to_string(session.stream_bytes) +
-                                      " bytes: not an MP4 file, or a fragment without its movie");
+                                      " bytes: not an MP4 file, or a fragment without its movie" +
+                                      (stream_stop(report).empty() ? "" : "; " + stream_stop(report)));
   }
   Boxlane_Parse_Delete(kClient);
   Boxlane_Parse_Destory();
@@ -147,7 +163,7 @@ int probe(const Options& o) {
 
   bool written = true;
   if (o.json) {
-    written = write_json_report(report, stdout);
+    written = write_json_report(report, stdout, o.text.samples);
   } else {
     const std::string out = text_report(report, input.name(), o.text);
     written = std::fwrite(out.data(), 1, out.size(), stdout) == out.size();

@@ -18,14 +18,15 @@ uint32_t PieceSizes::next() {
   return static_cast<uint32_t>(z % size_) + 1;
 }
 
-SessionResult run_session(const char* client, int pools, ProbeInput& input, PieceSizes sizes) {
+SessionResult run_session(const char* client, int pools, ProbeInput& input, PieceSizes sizes, bool extended) {
   SessionResult result;
   ProbeWorkers workers(pools);
   workers.start();
-  ProbeFeed feed(client, input);
+  ProbeFeed feed(client, input, extended);
   const bool fed = feed.run(sizes);
   workers.stop();
   result.records = workers.take_records();
+  result.fragments = workers.take_fragments();
   result.stream_bytes = feed.stream_bytes();
   result.sent_bytes = feed.sent_bytes();
   if (!fed) {
@@ -37,6 +38,7 @@ SessionResult run_session(const char* client, int pools, ProbeInput& input, Piec
   QORVANE_MP4HDR header{};
   while (Boxlane_Parse_Recv(client, &header, nullptr)) result.records.push_back(header);
   const uint64_t code = Boxlane_GetLastError(nullptr);
+  result.fragments.take(client);
   if (code == BOXLANE_ERROR_PARSE_NOTREADY) {
     result.error = "truncated: the parser still waits for the end of a box when the input ends "
                    "(a box inside reaches past its parent)";

@@ -5,6 +5,8 @@
 
 #include <boxlane/boxlane.h>
 
+#include "tools/probe/samples.hpp"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -34,9 +36,11 @@ struct SessionResult {
   uint64_t stream_bytes = 0;     // bytes of input seen, mdat payloads included
   uint64_t sent_bytes = 0;       // bytes handed to the parser
   std::vector<QORVANE_MP4HDR> records;  // in the order the workers took them
+  FragmentLog fragments;                // the track fragments they took
 };
 
 // Runs the whole road for one client on an initialised parser.
-SessionResult run_session(const char* client, int pools, ProbeInput& input, PieceSizes sizes);
+// `extended`: the client was inserted in the extended mode.
+SessionResult run_session(const char* client, int pools, ProbeInput& input, PieceSizes sizes, bool extended);
 
 }  // namespace boxlane::tool

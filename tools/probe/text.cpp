@@ -89,8 +89,12 @@ void track_block(std::string& out, const ProbeTrack& track) {
   add(out, "  time scale:  %u\n", track.mdhd.nTimeScale);
   add(out, "  duration:    %s (%llu), language %s\n", seconds(f.duration_seconds).c_str(),
       ull{track.mdhd.nDuration}, language_text(track.mdhd.wLanguage).c_str());
-  add(out, "  samples:     %llu, %llu key frame%s%s\n", ull{f.sample_count}, ull{f.key_frames},
-      f.key_frames == 1 ? "" : "s", f.all_sync ? " (no stss: every sample is a sync sample)" : "");
+  add(out, "  samples:     %llu, %llu key frame%s%s\n", ull{f.samples}, ull{f.key_frames},
+      f.key_frames == 1 ? "" : "s", f.all_sync && !f.fragment_samples ? " (no stss: every sample is a sync sample)" : "");
+  if (f.fragment_samples)
+    add(out, "  fragments:   %llu sample%s in %u track fragment%s, %llu in the moov\n", ull{f.fragment_samples},
+        f.fragment_samples == 1 ? "" : "s", track.fragments.fragments, track.fragments.fragments == 1 ? "" : "s",
+        ull{f.sample_count});
   if (std::isfinite(f.frame_rate)) add(out, "  frame rate:  %.3f frames/s\n", f.frame_rate);
   if (std::isfinite(f.bit_rate))
     add(out, "  bit rate:    %.1f kbit/s (%llu bytes of samples)\n", f.bit_rate / 1000, ull{f.sample_bytes});
@@ -122,7 +126,11 @@ void track_tables(std::string& out, const ProbeTrack& track) {
   table_rows(out, "stts", "sample_count sample_delta", t.stts, 2);
   table_rows(out, "ctts", "sample_count sample_offset", t.ctts, 2);
   table_rows(out, "stsc", "first_chunk samples_per_chunk sample_description_index", t.stsc, 3);
-  table_rows(out, "stsz", "entry_size", t.stsz, 1);
+  // One size for every sample: stsz lists none, so say it with its count.
+  if (t.stsz.empty() && track.index.nConstantSize)
+    add(out, "  stsz: sample_size %u for each of %u samples\n", track.index.nConstantSize, track.index.nConstantCount);
+  else
+    table_rows(out, "stsz", "entry_size", t.stsz, 1);
   table_rows(out, "stco", "chunk_offset", t.stco, 1);
   add(out, "  stss: %zu entr%s (sample_number)\n", t.stss.size(), t.stss.size() == 1 ? "y" : "ies");
   std::size_t index = 0;
@@ -130,6 +138,17 @@ void track_tables(std::string& out, const ProbeTrack& track) {
   add(out, "  sdtp: %zu entr%s (flags byte)\n", t.sdtp.size(), t.sdtp.size() == 1 ? "y" : "ies");
   index = 0;
   for (const uint8_t flags : t.sdtp) add(out, "    %6zu: 0x%02X\n", ++index, flags);
+}
+
+// Every sample in decode order: times in the track's time scale,
+// composition before any edit list.
+void track_samples(std::string& out, const ProbeTrack& track) {
+  add(out, "\ntrack %d samples: %zu (decode_time composition_time duration size offset, K: sync)\n", track.id,
+      track.samples.size());
+  std::size_t index = 0;
+  for (const ProbeSample& s : track.samples)
+    add(out, "    %6zu: %llu %lld %u %u %llu%s\n", ++index, ull{s.decode}, static_cast<long long>(s.composition),
+        s.duration, s.size, ull{s.offset}, s.sync ? " K" : "");
 }
 
 void box_tree(std::string& out, const std::vector<ProbeBox>& boxes) {
@@ -173,12 +192,16 @@ std::string text_report(const ProbeReport& report, const std::string& source, Te
   } else {
     out += "movie:       none (no mvhd box)\n";
   }
-  if (report.unlisted_tracks > 0)
-    add(out, "note:        %d more track%s with ids outside 0 to 9, which the parser's track list does not name\n",
+  add(out, "form:        %s\n", file_form(report).c_str());
+  if (const std::string stop = stream_stop(report); !stop.empty()) add(out, "stream:      %s\n", stop.c_str());
+  if (report.strict && report.unlisted_tracks > 0)
+    add(out, "note:        %d track%s with ids outside 0 to 9, which Boxlane_Parse_GetTrack does not name\n",
         report.unlisted_tracks, report.unlisted_tracks == 1 ? "" : "s");
   for (const auto& track : report.tracks) track_block(out, track);
   if (options.tables)
     for (const auto& track : report.tracks) track_tables(out, track);
+  if (options.samples)
+    for (const auto& track : report.tracks) track_samples(out, track);
   if (options.boxes) box_tree(out, report.boxes);
   return out;
 }

@@ -66,6 +66,9 @@ void ProbeWorkers::drain(int pool) {
         {
           std::lock_guard gate(library_gate());
           taken = Boxlane_Parse_Recv(entry->tszClientAddr, &header, nullptr);
+          // A moof's track fragments wait from the moment its record does:
+          // taken now, oldest first, the parser keeps none of them.
+          if (taken && header.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOF) fragments_.take(entry->tszClientAddr);
         }
         // No record, or only an unfinished box: the next event brings more.
         if (!taken) break;

@@ -5,6 +5,8 @@
 
 #include <boxlane/boxlane.h>
 
+#include "tools/probe/samples.hpp"
+
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
@@ -26,6 +28,8 @@ class ProbeWorkers {
   void stop();
   // The records taken so far; call after stop().
   std::vector<QORVANE_MP4HDR> take_records();
+  // The track fragments taken so far; call after stop().
+  FragmentLog take_fragments() { return std::move(fragments_); }
 
  private:
   void run(int pool);
@@ -39,6 +43,7 @@ class ProbeWorkers {
   std::condition_variable stopped_;  // signalled as each worker leaves
   std::mutex records_mutex_;
   std::vector<QORVANE_MP4HDR> records_;
+  FragmentLog fragments_;  // filled under the library gate
 };
 
 }  // namespace boxlane::tool
