@@ -1,8 +1,9 @@
 // The track fragments a client in the extended mode has read and not yet
-// handed out: the moof reader appends samples and closes each traf into an
-// answer; Boxlane_Parse_GetFragment takes them oldest first. What is not
-// taken is released oldest first beyond the limits, so a never-ending stream
-// holds a bounded amount.
+// handed out: the moof reader appends each trun's entries and closes each
+// traf into an answer; Boxlane_Parse_GetFragment works the samples out into
+// the caller's array, oldest answer first. What is not taken is released
+// oldest first beyond the limits, so a never-ending stream holds a bounded
+// amount.
 #pragma once
 
 #include "parse/parse_record.hpp"
@@ -18,14 +19,12 @@ inline constexpr std::size_t kMaxFragmentSamples = std::size_t{1} << 20;
 inline constexpr std::size_t kMaxPendingSamples = std::size_t{1} << 20;
 inline constexpr std::size_t kMaxPendingFragments = 4096;
 
-// Makes the sample array ready for the next answer's samples, which the
-// reader then appends; returns the index its first sample will have.
+// Makes the arrays ready for the next answer's runs, which the reader then
+// appends; returns the index its first run will have.
 std::size_t open_fragment(BOXLANE_FRAGMENTQUEUE& queue);
-// Queues the answer whose samples were appended from `first` on, and
+// Queues the answer whose runs were appended from `first_run` on, and
 // releases the oldest answers while more than the limits wait. Returns how
 // many were released.
-uint32_t close_fragment(BOXLANE_FRAGMENTQUEUE& queue, const BOXLANE_FRAGMENTINFO& info, std::size_t first);
-// Samples waiting, over all answers.
-std::size_t pending_samples(const BOXLANE_FRAGMENTQUEUE& queue) noexcept;
+uint32_t close_fragment(BOXLANE_FRAGMENTQUEUE& queue, const BOXLANE_FRAGMENTINFO& info, std::size_t first_run);
 
 }  // namespace boxlane::parse

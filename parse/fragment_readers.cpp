@@ -37,8 +37,6 @@ constexpr uint32_t kSampleDuration = 0x000100;
 constexpr uint32_t kSampleSize = 0x000200;
 constexpr uint32_t kSampleFlags = 0x000400;
 constexpr uint32_t kSampleCompositionOffset = 0x000800;
-// sample_is_non_sync_sample (§8.8.3.1).
-constexpr uint32_t kNonSync = 0x00010000;
 
 // The next box among those that fill a parent, its fourcc folded to lower
 // case. A box that claims less than its own header or more than the parent
@@ -64,16 +62,12 @@ bool next_child(BeReader& parent, uint32_t& type, BeReader& payload) noexcept {
 // stand, and the answer it makes.
 struct Traf {
   BOXLANE_FRAGMENTINFO info{};
-  uint32_t default_duration = 0;
-  uint32_t default_size = 0;
-  uint32_t default_flags = 0;
-  bool flags_known = false;   // default_flags came from the tfhd or the trex
-  uint64_t base = 0;          // the data base of its truns' data_offset
-  uint64_t data = 0;          // where the next trun's data starts without one
-  uint64_t decode = 0;        // decode time of the next sample
+  BOXLANE_FRAGMENTRUN defaults;  // the fields every run of the traf starts from
+  uint64_t base = 0;             // the data base of its truns' data_offset
+  uint64_t data = 0;             // where the next trun's data starts without one
+  uint64_t decode = 0;           // decode time of the next sample
   uint64_t range_start = UINT64_MAX;
   uint64_t range_end = 0;
-  std::size_t first = 0;      // its first sample in the queue's array
 };
 
 // The moof being read.
@@ -121,6 +115,7 @@ void MoofReader::read_traf(BeReader box) {
 
   Traf traf;
   BOXLANE_FRAGMENTINFO& info = traf.info;
+  BOXLANE_FRAGMENTRUN& defaults = traf.defaults;
   info.nTrackID = track_id;
   info.nSequence = sequence;
   info.nMoofOffset = moof_offset;
@@ -130,10 +125,10 @@ void MoofReader::read_traf(BeReader box) {
   const auto trex = record.stl_MapTrex.find(track_id);
   if (trex != record.stl_MapTrex.end()) {
     info.nDescriptionIndex = trex->second.nDescriptionIndex;
-    traf.default_duration = trex->second.nDuration;
-    traf.default_size = trex->second.nSize;
-    traf.default_flags = trex->second.nFlags;
-    traf.flags_known = true;
+    defaults.nDuration = trex->second.nDuration;
+    defaults.nSize = trex->second.nSize;
+    defaults.nFlags = trex->second.nFlags;
+    defaults.bFlagsKnown = true;
   } else {
     info.nProblems |= BOXLANE_FRAGMENT_NO_DEFAULTS;
   }
@@ -143,9 +138,9 @@ void MoofReader::read_traf(BeReader box) {
   traf.base = tf_flags & kBaseIsMoof ? moof_offset : previous_end;
   if (tf_flags & kBaseDataOffset) traf.base = tfhd.u64();
   if (tf_flags & kDescriptionIndex) info.nDescriptionIndex = tfhd.u32();
-  if (tf_flags & kDefaultDuration) traf.default_duration = tfhd.u32();
-  if (tf_flags & kDefaultSize) traf.default_size = tfhd.u32();
-  if (tf_flags & kDefaultFlags) traf.default_flags = tfhd.u32(), traf.flags_known = true;
+  if (tf_flags & kDefaultDuration) defaults.nDuration = tfhd.u32();
+  if (tf_flags & kDefaultSize) defaults.nSize = tfhd.u32();
+  if (tf_flags & kDefaultFlags) defaults.nFlags = tfhd.u32(), defaults.bFlagsKnown = true;
   traf.data = traf.base;
 
   // §8.8.12: tfdt gives the decode time of the first sample; without it the
@@ -165,7 +160,7 @@ void MoofReader::read_traf(BeReader box) {
   info.nBaseDecodeTime = traf.decode;
 
   BOXLANE_FRAGMENTQUEUE& queue = record.stFragments;
-  traf.first = parse::open_fragment(queue);
+  const std::size_t first_run = parse::open_fragment(queue);
   BeReader walk = box;
   uint32_t type;
   BeReader payload;
@@ -182,11 +177,10 @@ void MoofReader::read_traf(BeReader box) {
     info.nDataStart = info.nDataEnd = traf.data;
   }
   previous_end = traf.data;
-  info.nSampleCount = static_cast<uint32_t>(queue.stl_ListSample.size() - traf.first);
   track->nFragmentEnd = traf.decode;
   track->nFragmentSamples += info.nSampleCount;
   ++track->nTrackFragments;
-  stream.nDroppedFragments += parse::close_fragment(queue, info, traf.first);
+  stream.nDroppedFragments += parse::close_fragment(queue, info, first_run);
 }
 
 void MoofReader::read_trun(BeReader r, Traf& traf) {
@@ -195,28 +189,28 @@ void MoofReader::read_trun(BeReader r, Traf& traf) {
     info.nProblems |= BOXLANE_FRAGMENT_SHORT_BOX;
     return;
   }
-  const uint8_t version = r.u8();
-  const uint32_t flags = r.u24();
+  BOXLANE_FRAGMENTRUN run = traf.defaults;
+  run.byVersion = r.u8();
+  run.nTrunFlags = r.u24();
+  const uint32_t flags = run.nTrunFlags;
   uint64_t count = r.u32();
   if (!r.has((flags & kDataOffset ? 4 : 0) + (flags & kFirstSampleFlags ? 4 : 0))) {
     info.nProblems |= BOXLANE_FRAGMENT_SHORT_BOX;
     return;
   }
   const int32_t data_offset = flags & kDataOffset ? r.i32() : 0;
-  const bool have_first_flags = flags & kFirstSampleFlags;
-  const uint32_t first_flags = have_first_flags ? r.u32() : 0;
+  if (flags & kFirstSampleFlags) run.nFirstFlags = r.u32();
 
   // Whole entries only, and no more than one answer takes.
   const uint32_t per_sample = flags & (kSampleDuration | kSampleSize | kSampleFlags | kSampleCompositionOffset);
   const auto entry = static_cast<uint64_t>(4 * std::popcount(per_sample));
-  auto& samples = record.stFragments.stl_ListSample;
-  const std::size_t before = samples.size();
-  const uint64_t room = parse::kMaxFragmentSamples - (before - traf.first);
+  const uint64_t room = parse::kMaxFragmentSamples - info.nSampleCount;
   const uint64_t fits = entry ? std::min<uint64_t>(r.remaining() / entry, room) : room;
   if (count > fits) {
     count = fits;
     info.nProblems |= BOXLANE_FRAGMENT_COUNT_CUT;
   }
+  BeReader entries = r.sub(count * entry);
 
   // §8.8.8.2: data_offset counts from the traf's data base; without it the
   // run's data follows the previous run's.
@@ -228,55 +222,51 @@ void MoofReader::read_trun(BeReader r, Traf& traf) {
                      : traf.base > UINT64_MAX - static_cast<uint64_t>(offset);
     start = traf.base + static_cast<uint64_t>(offset);
   }
-
-  samples.resize(before + static_cast<std::size_t>(count));
-  BOXLANE_SAMPLEINFO* out = samples.data() + before;
-  uint64_t at = start;
-  uint64_t decode = traf.decode;
+  // The entries are kept as stored: one bounded copy, a stretch at a time,
+  // each stretch summed while it is still in the first-level cache for what
+  // the run's samples span in bytes and in time (durations come first in an
+  // entry, sizes next, §8.8.8.2). Sizes are 32-bit and a run has at most
+  // 2^20 samples, so no sum can overflow.
+  auto& stored = record.stFragments.stl_ListByte;
+  const std::size_t kept_at = stored.size();
+  stored.resize(kept_at + static_cast<std::size_t>(count * entry));
   const bool has_duration = per_sample & kSampleDuration, has_size = per_sample & kSampleSize;
-  const bool has_flags = per_sample & kSampleFlags, has_offset = per_sample & kSampleCompositionOffset;
-  for (uint64_t i = 0; i < count; ++i, ++out) {
-    const uint32_t duration = has_duration ? r.u32() : traf.default_duration;
-    const uint32_t size = has_size ? r.u32() : traf.default_size;
-    uint32_t sample_flags = traf.default_flags;
-    bool known = traf.flags_known;
-    if (has_flags) {
-      sample_flags = r.u32();
-      known = true;
-    } else if (i == 0 && have_first_flags) {
-      sample_flags = first_flags;
-      known = true;
+  const uint64_t second = has_duration && has_size ? 4 : 0;  // a column the run lacks is summed as the first
+  constexpr uint64_t kStretch = 1024;
+  BeReader::Sums sums;
+  for (uint64_t done = 0; done < count;) {
+    const uint64_t n = std::min(kStretch, count - done);
+    uint8_t* copied = stored.data() + kept_at + done * entry;
+    (void)entries.copy(copied, n * entry);  // count was cut to the entries the payload holds
+    if (has_duration || has_size) {
+      const BeReader::Sums part = BeReader(copied, n * entry).sum32(n, entry, 0, second);
+      sums.first += part.first;
+      sums.second += part.second;
     }
-    const uint32_t raw_offset = has_offset ? r.u32() : 0;
-    // §8.8.8.3: composition offsets are unsigned in version 0, signed in 1.
-    const uint64_t composition_offset =
-        version == 0 ? uint64_t{raw_offset} : static_cast<uint64_t>(int64_t{static_cast<int32_t>(raw_offset)});
-    out->nDecodeTime = decode;
-    out->nCompositionTime = static_cast<int64_t>(decode + composition_offset);
-    out->nOffset = at;
-    out->nDuration = duration;
-    out->nSize = size;
-    out->nFlags = sample_flags;
-    out->bSync = (sample_flags & kNonSync) == 0;
-    out->bDependsKnown = known;
-    out->byReserved[0] = out->byReserved[1] = 0;
-    bad = bad || at > UINT64_MAX - size;
-    at += size;
-    decode += duration;
+    done += n;
   }
+  const uint64_t duration = has_duration ? sums.first : count * run.nDuration;
+  const uint64_t bytes = has_size ? (has_duration ? sums.second : sums.first) : count * run.nSize;
   // Sample data never lies inside the moof itself: such a run, or one
   // whose offsets leave 64 bits, is left out whole.
-  bad = bad || (at > start && start < moof_end && at > moof_offset);
+  bad = bad || start > UINT64_MAX - bytes || (bytes > 0 && start < moof_end && start + bytes > moof_offset);
   if (bad) {
-    samples.resize(before);
+    stored.resize(kept_at);
     info.nProblems |= BOXLANE_FRAGMENT_BAD_OFFSET;
     return;
   }
-  traf.data = at;
-  traf.decode = decode;
-  if (at > start) {
+  run.nDataStart = start;
+  run.nDecodeStart = traf.decode;
+  run.nCount = static_cast<uint32_t>(count);
+  run.nBytesAt = kept_at;
+  record.stFragments.stl_ListRun.push_back(run);
+  info.nSampleCount += run.nCount;
+
+  traf.data = start + bytes;
+  traf.decode += duration;
+  if (bytes > 0) {
     traf.range_start = std::min(traf.range_start, start);
-    traf.range_end = std::max(traf.range_end, at);
+    traf.range_end = std::max(traf.range_end, start + bytes);
   }
 }
 

@@ -38,17 +38,39 @@ struct BOXLANE_TREX {
   uint32_t nFlags = 0;
 };
 
-// Track fragments read and not yet taken, oldest first. Their samples lie
-// back to back in one array from nHead on, so reading a moof allocates
-// nothing once the array has grown to the stream's usual fragment.
+// One trun as it is kept until its track fragment is taken: its entries as
+// stored, with what it leaves out and where its data and time start, so
+// that reading a moof costs one bounded copy and a pass for the sums, and
+// the samples are worked out only into the caller's array.
+struct BOXLANE_FRAGMENTRUN {
+  uint64_t nDataStart = 0;      // stream offset of its first sample's data
+  uint64_t nDecodeStart = 0;    // decode time of its first sample
+  std::size_t nBytesAt = 0;     // its entries in the queue's byte array
+  uint32_t nCount = 0;
+  uint32_t nTrunFlags = 0;      // tr_flags
+  uint32_t nFirstFlags = 0;     // first_sample_flags, when tr_flags has them
+  uint32_t nDuration = 0;       // for samples without their own: tfhd, else trex
+  uint32_t nSize = 0;
+  uint32_t nFlags = 0;
+  uint8_t byVersion = 0;        // 1: signed composition offsets
+  bool bFlagsKnown = false;     // nFlags came from the tfhd or the trex
+};
+
+// Track fragments read and not yet taken, oldest first: each answer's runs
+// and their entries lie back to back from the heads on, so reading a moof
+// allocates nothing once the arrays have grown to the stream's fragments.
 struct BOXLANE_FRAGMENTQUEUE {
   struct Entry {
     BOXLANE_FRAGMENTINFO stInfo;
-    std::size_t nFirst;  // index of its first sample in stl_ListSample
+    std::size_t nFirstRun;  // index of its first run in stl_ListRun
+    std::size_t nRuns;
   };
   std::deque<Entry> stl_ListFragment;
-  std::vector<BOXLANE_SAMPLEINFO, BOXLANE_UNINIT_ALLOC<BOXLANE_SAMPLEINFO>> stl_ListSample;
-  std::size_t nHead = 0;  // samples before it were taken or dropped
+  std::vector<BOXLANE_FRAGMENTRUN> stl_ListRun;
+  std::vector<uint8_t, BOXLANE_UNINIT_ALLOC<uint8_t>> stl_ListByte;
+  std::size_t nRunHead = 0;   // runs before it were taken or dropped
+  std::size_t nByteHead = 0;  // and their bytes
+  std::size_t nSamples = 0;   // samples of the waiting answers
 };
 
 struct QORVANE_MP4PARSE {

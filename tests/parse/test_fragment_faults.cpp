@@ -213,11 +213,12 @@ TEST_F(Faults, TakingAnswers) {
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(strict.c_str(), &info, samples, 3, &count), BOXLANE_ERROR_PARSE_NODATA));
 }
 
-std::size_t sample_capacity(const std::string& client) {
+// Bytes the client keeps for the entries of waiting truns.
+std::size_t entry_capacity(const std::string& client) {
   std::shared_lock table(m_MP4Parse.st_RWLocker);
   const QORVANE_MP4PARSE& record = *m_MP4Parse.stl_MapClient.find(std::string_view(client))->second;
   std::lock_guard guard(*record.st_Locker);
-  return record.stFragments.stl_ListSample.capacity();
+  return record.stFragments.stl_ListByte.capacity();
 }
 
 TEST_F(Faults, WaitingAnswersAreBounded) {
@@ -225,6 +226,12 @@ TEST_F(Faults, WaitingAnswersAreBounded) {
   const auto moof = [](uint32_t sequence, uint32_t samples) {
     return moof_with_offset([&](int32_t off) {
       return moof_box(sequence, {traf({tfhd_box({0x020000, 1}), trun_box(0, 0x001, {}, off, 0, samples)})});
+    });
+  };
+  // A trun with a size per sample keeps 4 bytes a sample until taken.
+  const auto sized_moof = [](uint32_t sequence, uint32_t samples) {
+    return moof_with_offset([&](int32_t off) {
+      return moof_box(sequence, {traf({tfhd_box({0x020000, 1}), trun_box(0, 0x201, std::vector<Entry>(samples, Entry{0, 9}), off)})});
     });
   };
   // More answers than may wait: the oldest go.
@@ -248,16 +255,18 @@ TEST_F(Faults, WaitingAnswersAreBounded) {
   ASSERT_TRUE(Boxlane_Parse_InsertEx(large.c_str(), BOXLANE_PARSE_EXTENDED));
   ASSERT_TRUE(send(large, head));
   ASSERT_TRUE(send(large, moof(1, 3)));
-  ASSERT_TRUE(send(large, moof(2, 1u << 20)));
+  ASSERT_TRUE(send(large, sized_moof(2, 1u << 20)));
   info = stream_info(large);
   EXPECT_EQ(std::make_tuple(info.nPendingFragments, info.nDroppedFragments), std::make_tuple(1u, 1u));
   got = take_fragments(large);
   ASSERT_EQ(got.size(), 1u);
   EXPECT_EQ(got[0].info.nSequence, 2u);
   EXPECT_EQ(got[0].samples.size(), std::size_t{1} << 20);
+  EXPECT_EQ(got[0].samples.back().nSize, 9u);
+  EXPECT_GE(entry_capacity(large), std::size_t{4} << 20);
   // Once taken, the next small moof does not keep that array.
   ASSERT_TRUE(send(large, moof(3, 2)));
-  EXPECT_LE(sample_capacity(large), std::size_t{1} << 16);
+  EXPECT_LT(entry_capacity(large), std::size_t{1} << 20);
 }
 
 }  // namespace

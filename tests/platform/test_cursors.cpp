@@ -101,6 +101,35 @@ TEST(BeReader, FailsPastTheEndWithoutMovingStaysFailedAndBoundsSubViews) {
   EXPECT_EQ(overlong.size(), 0u);
 }
 
+// Column sums over records of a stride: both columns in one pass, an odd
+// count (the last record alone), and records or fields that do not fit.
+TEST(BeReader, SumsColumnsOfRecordsThatLieWhole) {
+  // Three records of 12 bytes: (1, 0x100, pad), (2, 0xFFFFFFFF, pad), (3, 5, pad).
+  const std::vector<uint8_t> bytes = {0, 0, 0, 1, 0, 0, 1, 0, 9, 9, 9, 9,  //
+                                      0, 0, 0, 2, 0xFF, 0xFF, 0xFF, 0xFF, 9, 9, 9, 9,  //
+                                      0, 0, 0, 3, 0, 0, 0, 5, 9, 9, 9, 9};
+  BeReader whole(bytes.data(), bytes.size());
+  const BeReader::Sums sums = whole.sum32(3, 12, 0, 4);
+  EXPECT_EQ(sums.first, 6u);
+  EXPECT_EQ(sums.second, uint64_t{0x100} + 0xFFFFFFFFu + 5u);  // past 32 bits
+  EXPECT_EQ(whole.position(), 0u);  // the position stays
+  EXPECT_TRUE(whole.ok());
+  EXPECT_EQ(whole.sum32(2, 12, 4, 4).first, uint64_t{0x100} + 0xFFFFFFFFu);
+  EXPECT_EQ(whole.sum32(0, 12, 0, 0).first, 0u);
+  EXPECT_TRUE(whole.ok());
+  // One record too many, a field past its record: nothing read, failed.
+  EXPECT_EQ(whole.sum32(4, 12, 0, 4).first, 0u);
+  EXPECT_FALSE(whole.ok());
+  BeReader field(bytes.data(), bytes.size());
+  EXPECT_EQ(field.sum32(3, 12, 0, 9).second, 0u);
+  EXPECT_FALSE(field.ok());
+  // From the position: two whole records of 12 remain after 12 bytes.
+  BeReader later(bytes.data(), bytes.size());
+  later.skip(12);
+  EXPECT_EQ(later.sum32(2, 12, 0, 4).first, 5u);
+  EXPECT_EQ(later.sum32(3, 12, 0, 4).first, 0u);
+}
+
 TEST(BeWriter, PatchesBoxSizesAndWritesNothingPastCapacity) {
   uint8_t buffer[64];
   std::memset(buffer, 0xEE, sizeof(buffer));
