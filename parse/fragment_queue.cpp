@@ -11,13 +11,6 @@
 namespace boxlane::parse {
 namespace {
 
-// tr_flags (ISO/IEC 14496-12 §8.8.8.1) of the per-sample fields, in the
-// order they stand in an entry.
-constexpr uint32_t kSampleDuration = 0x000100;
-constexpr uint32_t kSampleSize = 0x000200;
-constexpr uint32_t kSampleFlags = 0x000400;
-constexpr uint32_t kSampleCompositionOffset = 0x000800;
-constexpr uint32_t kFirstSampleFlags = 0x000004;
 // sample_is_non_sync_sample (§8.8.3.1).
 constexpr uint32_t kNonSync = 0x00010000;
 
@@ -44,8 +37,8 @@ BOXLANE_SAMPLEINFO* work_out(const BOXLANE_FRAGMENTRUN& run, const uint8_t* byte
                              BOXLANE_SAMPLEINFO* out) {
   BeReader r(bytes, length);
   const uint32_t flags = run.nTrunFlags;
-  const bool has_duration = flags & kSampleDuration, has_size = flags & kSampleSize;
-  const bool has_flags = flags & kSampleFlags, has_offset = flags & kSampleCompositionOffset;
+  const bool has_duration = flags & kTrunSampleDuration, has_size = flags & kTrunSampleSize;
+  const bool has_flags = flags & kTrunSampleFlags, has_offset = flags & kTrunSampleCompositionOffset;
   uint64_t decode = run.nDecodeStart;
   uint64_t at = run.nDataStart;
   for (uint32_t i = 0; i < run.nCount; ++i, ++out) {
@@ -56,7 +49,7 @@ BOXLANE_SAMPLEINFO* work_out(const BOXLANE_FRAGMENTRUN& run, const uint8_t* byte
     if (has_flags) {
       sample_flags = r.u32();
       known = true;
-    } else if (i == 0 && (flags & kFirstSampleFlags)) {
+    } else if (i == 0 && (flags & kTrunFirstSampleFlags)) {
       sample_flags = run.nFirstFlags;
       known = true;
     }

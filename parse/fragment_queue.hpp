@@ -13,6 +13,15 @@
 
 namespace boxlane::parse {
 
+// tr_flags (ISO/IEC 14496-12 §8.8.8.1): the run's optional fields, then the
+// per-sample fields in the order they stand in an entry.
+inline constexpr uint32_t kTrunDataOffset = 0x000001;
+inline constexpr uint32_t kTrunFirstSampleFlags = 0x000004;
+inline constexpr uint32_t kTrunSampleDuration = 0x000100;
+inline constexpr uint32_t kTrunSampleSize = 0x000200;
+inline constexpr uint32_t kTrunSampleFlags = 0x000400;
+inline constexpr uint32_t kTrunSampleCompositionOffset = 0x000800;
+
 // The most samples one answer holds; a traf that declares more is cut.
 inline constexpr std::size_t kMaxFragmentSamples = std::size_t{1} << 20;
 // Waiting answers beyond either limit are released, oldest first.

@@ -24,19 +24,19 @@ namespace parse = boxlane::parse;
 
 namespace {
 
-// tf_flags (§8.8.7.1) and tr_flags (§8.8.8.1).
+// tf_flags (§8.8.7.1).
 constexpr uint32_t kBaseDataOffset = 0x000001;
 constexpr uint32_t kDescriptionIndex = 0x000002;
 constexpr uint32_t kDefaultDuration = 0x000008;
 constexpr uint32_t kDefaultSize = 0x000010;
 constexpr uint32_t kDefaultFlags = 0x000020;
 constexpr uint32_t kBaseIsMoof = 0x020000;
-constexpr uint32_t kDataOffset = 0x000001;
-constexpr uint32_t kFirstSampleFlags = 0x000004;
-constexpr uint32_t kSampleDuration = 0x000100;
-constexpr uint32_t kSampleSize = 0x000200;
-constexpr uint32_t kSampleFlags = 0x000400;
-constexpr uint32_t kSampleCompositionOffset = 0x000800;
+using parse::kTrunDataOffset;
+using parse::kTrunFirstSampleFlags;
+using parse::kTrunSampleCompositionOffset;
+using parse::kTrunSampleDuration;
+using parse::kTrunSampleFlags;
+using parse::kTrunSampleSize;
 
 // The next box among those that fill a parent, its fourcc folded to lower
 // case. A box that claims less than its own header or more than the parent
@@ -194,15 +194,15 @@ void MoofReader::read_trun(BeReader r, Traf& traf) {
   run.nTrunFlags = r.u24();
   const uint32_t flags = run.nTrunFlags;
   uint64_t count = r.u32();
-  if (!r.has((flags & kDataOffset ? 4 : 0) + (flags & kFirstSampleFlags ? 4 : 0))) {
+  if (!r.has((flags & kTrunDataOffset ? 4 : 0) + (flags & kTrunFirstSampleFlags ? 4 : 0))) {
     info.nProblems |= BOXLANE_FRAGMENT_SHORT_BOX;
     return;
   }
-  const int32_t data_offset = flags & kDataOffset ? r.i32() : 0;
-  if (flags & kFirstSampleFlags) run.nFirstFlags = r.u32();
+  const int32_t data_offset = flags & kTrunDataOffset ? r.i32() : 0;
+  if (flags & kTrunFirstSampleFlags) run.nFirstFlags = r.u32();
 
   // Whole entries only, and no more than one answer takes.
-  const uint32_t per_sample = flags & (kSampleDuration | kSampleSize | kSampleFlags | kSampleCompositionOffset);
+  const uint32_t per_sample = flags & (kTrunSampleDuration | kTrunSampleSize | kTrunSampleFlags | kTrunSampleCompositionOffset);
   const auto entry = static_cast<uint64_t>(4 * std::popcount(per_sample));
   const uint64_t room = parse::kMaxFragmentSamples - info.nSampleCount;
   const uint64_t fits = entry ? std::min<uint64_t>(r.remaining() / entry, room) : room;
@@ -216,7 +216,7 @@ void MoofReader::read_trun(BeReader r, Traf& traf) {
   // run's data follows the previous run's.
   uint64_t start = traf.data;
   bool bad = false;
-  if (flags & kDataOffset) {
+  if (flags & kTrunDataOffset) {
     const int64_t offset = data_offset;
     bad = offset < 0 ? traf.base < static_cast<uint64_t>(-offset)
                      : traf.base > UINT64_MAX - static_cast<uint64_t>(offset);
@@ -230,7 +230,7 @@ void MoofReader::read_trun(BeReader r, Traf& traf) {
   auto& stored = record.stFragments.stl_ListByte;
   const std::size_t kept_at = stored.size();
   stored.resize(kept_at + static_cast<std::size_t>(count * entry));
-  const bool has_duration = per_sample & kSampleDuration, has_size = per_sample & kSampleSize;
+  const bool has_duration = per_sample & kTrunSampleDuration, has_size = per_sample & kTrunSampleSize;
   const uint64_t second = has_duration && has_size ? 4 : 0;  // a column the run lacks is summed as the first
   constexpr uint64_t kStretch = 1024;
   BeReader::Sums sums;
