@@ -1,9 +1,12 @@
 // Bookkeeping memory, counted by replacing the global operator new and delete
 // in this program only (the library is linked statically, so its vectors and
 // records come through here): what a writer client keeps per video and per
-// audio frame over a million frames, and what a parse client keeps per table
-// entry after a movie header of about a million samples.
+// audio frame over a million frames, what a parse client keeps per table
+// entry after a movie header of about a million samples, and what a parse
+// client in the extended mode keeps while a million moofs stream through
+// it, with a worker taking each moof's answers, and with nobody taking them.
 #include "bench/parse_driver.hpp"
+#include "bench/synthetic_fragments.hpp"
 #include "bench/synthetic_movie.hpp"
 #include "bench/target_report.hpp"
 
@@ -15,6 +18,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -141,11 +146,51 @@ void BM_parser(benchmark::State& state) {
   }
 }
 
+// One moof of a second (30 video and 46 audio samples), sent a million
+// times after the init segment, each followed by its mdat header. The
+// bytes the client keeps are read after 1,000, 10,000, 100,000 and
+// 1,000,000 moofs: a stream that never ends must not grow it.
+void BM_fragments(benchmark::State& state, bool take) {
+  constexpr char kClient[] = "memory-fragments";
+  static const auto stream = boxlane::bench::build_fragments(1, 1);
+  const std::vector<uint8_t>& moof = stream.fragments.front();
+  std::vector<BOXLANE_SAMPLEINFO> buffer(256);
+  for (auto _ : state) {
+    Boxlane_Parse_InsertEx(kClient, BOXLANE_PARSE_EXTENDED);
+    const Window w;
+    boxlane::bench::send_in_pieces(kClient, stream.init.data(), stream.init.size(), 0);
+    boxlane::bench::drain_headers(kClient);
+    uint64_t taken = 0;
+    // Read into plain variables: a counter added now would count itself.
+    int64_t kept[4] = {};
+    for (uint32_t n = 1; n <= 1'000'000; ++n) {
+      Boxlane_Parse_Send(kClient, moof.data(), static_cast<int32_t>(moof.size()));
+      boxlane::bench::drain_headers(kClient);
+      BOXLANE_FRAGMENTINFO info;
+      int32_t count = 0;
+      while (take && Boxlane_Parse_GetFragment(kClient, &info, buffer.data(), 256, &count)) taken += uint64_t(count);
+      if (n == 1'000 || n == 10'000 || n == 100'000 || n == 1'000'000)
+        kept[n == 1'000 ? 0 : n == 10'000 ? 1 : n == 100'000 ? 2 : 3] = w.kept();
+    }
+    state.counters["kept_bytes_after_1000"] = static_cast<double>(kept[0]);
+    state.counters["kept_bytes_after_10000"] = static_cast<double>(kept[1]);
+    state.counters["kept_bytes_after_100000"] = static_cast<double>(kept[2]);
+    state.counters["kept_bytes_after_1000000"] = static_cast<double>(kept[3]);
+    state.counters["peak_bytes"] = static_cast<double>(w.peak());
+    state.counters["samples_taken"] = static_cast<double>(taken);
+    if (take && taken != 1'000'000 * (uint64_t{stream.video_per_fragment} + stream.audio_per_fragment))
+      state.SkipWithError("a worker did not get every sample");
+    Boxlane_Parse_Delete(kClient);
+  }
+}
+
 void register_all() {
   benchmark::RegisterBenchmark("writer/video_frame", BM_writer_video, false)->Iterations(1);
   benchmark::RegisterBenchmark("writer/video_frame_ms_clock", BM_writer_video, true)->Iterations(1);
   benchmark::RegisterBenchmark("writer/audio_frame", BM_writer_audio)->Iterations(1);
   benchmark::RegisterBenchmark("parser/table_entry", BM_parser)->Iterations(1);
+  benchmark::RegisterBenchmark("parser/million_fragments_taken", BM_fragments, true)->Iterations(1);
+  benchmark::RegisterBenchmark("parser/million_fragments_untaken", BM_fragments, false)->Iterations(1);
 }
 
 void summary(const boxlane::bench::Results& results) {
@@ -156,6 +201,18 @@ void summary(const boxlane::bench::Results& results) {
                results.counter("writer/audio_frame/iterations:1", "kept_bytes_per_unit"), 16, false, "B");
   print_target("parser bytes kept per table entry (~1M samples)",
                results.counter("parser/table_entry/iterations:1", "kept_bytes_per_unit"), 16, false, "B");
+  for (const char* how : {"taken", "untaken"}) {
+    const std::string name = std::string("parser/million_fragments_") + how + "/iterations:1";
+    // Untaken answers fill the waiting limit within the first 10,000.
+    const bool taken = std::string(how) == "taken";
+    const double early = results.counter(name, taken ? "kept_bytes_after_1000" : "kept_bytes_after_10000");
+    const double late = results.counter(name, "kept_bytes_after_1000000");
+    print_target(std::string("parser bytes kept after 1M moofs / after ") + (taken ? "1k" : "10k") + ", answers " + how,
+                 late / early, 1.0, false, "x");
+    std::printf("INFO   answers %s: %.0f B kept after 1k moofs, %.0f after 10k, %.0f after 100k, %.0f after 1M; peak %.0f B\n",
+                how, results.counter(name, "kept_bytes_after_1000"), results.counter(name, "kept_bytes_after_10000"),
+                results.counter(name, "kept_bytes_after_100000"), late, results.counter(name, "peak_bytes"));
+  }
   std::printf("INFO   video frame with millisecond durations: %.1f B kept; peaks while growing: video %.1f, audio %.1f,"
               " parser %.1f B\n",
               results.counter("writer/video_frame_ms_clock/iterations:1", "kept_bytes_per_unit"),
