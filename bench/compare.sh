@@ -13,12 +13,16 @@
 #      frag_keyframe+empty_moov+default_base_moof` on the job of 1.
 #   5. Peak memory of `boxlane mux --fragment 1` recording from pipes: one
 #      minute and one hour of the same 720p30 stream and its AAC.
+#   6. Every sample of a one-hour fragmented MP4 (moof + mdat every two
+#      seconds): `boxlane probe --json --samples` against
+#      `ffprobe -show_packets -of json`.
 # Runs alternate between the contenders so that both see the same machine,
 # and the median of RUNS runs is taken.
 #
 # Environment: BUILD (default build/bench), WORK (default $BUILD/compare),
 # RUNS (default 5), CHECK_FRAMES (video frames decoded and compared, default
-# 1800; 0 decodes all). Installs what is missing with apt-get when run as root.
+# 1800; 0 decodes all), PARTS (default "mux fragments live index samples": which of the
+# comparisons to run). Installs what is missing with apt-get when run as root.
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -26,6 +30,7 @@ BUILD=${BUILD:-$ROOT/build/bench}
 WORK=${WORK:-$BUILD/compare}
 RUNS=${RUNS:-5}
 CHECK_FRAMES=${CHECK_FRAMES:-1800}
+PARTS=${PARTS:-mux fragments live index samples}
 
 say() { printf '%s\n' "$*"; }
 die() { printf 'compare.sh: %s\n' "$*" >&2; exit 1; }
@@ -83,6 +88,10 @@ make_media() {
     ff -f lavfi -i testsrc2=size=160x120:rate=30 -f lavfi -i sine=frequency=440:sample_rate=48000 -t 20 \
       -c:v libx264 -preset ultrafast -bf 2 -g 60 -pix_fmt yuv420p -c:a aac -b:a 64k "$WORK/hour_clip.mp4"
     ff -stream_loop 179 -i "$WORK/hour_clip.mp4" -c copy -movflags +faststart "$WORK/hour.mp4"
+  fi
+  if [[ ! -s $WORK/hour_fragmented.mp4 ]]; then
+    say "making a one-hour fragmented MP4 (a moof at every key frame, two seconds apart) ..."
+    ff -stream_loop 179 -i "$WORK/hour_clip.mp4" -c copy -movflags frag_keyframe+empty_moov "$WORK/hour_fragmented.mp4"
   fi
 }
 
@@ -330,37 +339,79 @@ compare_index() {
   QUERIES_MEMORY=$(ratio "${PEAK[2]}" "${PEAK[3]}")
 }
 
+compare_samples() {
+  local file=$WORK/hour_fragmented.mp4
+  SAMPLES_PROBE=("$BOXLANE" probe --json --samples "$file")
+  SAMPLES_FFPROBE=(ffprobe -v error -show_packets -of json "$file")
+  say
+  local moofs
+  moofs=$("$BOXLANE" probe --json "$file" | sed -n 's/^  "fragments": \([0-9]*\),$/\1/p')
+  say "== every sample of a one-hour fragmented MP4 ($(du -m "$file" | cut -f1) MB, $moofs moofs), $RUNS runs each"
+  # Both list every sample: the counts must agree before anything is timed.
+  local mine theirs
+  mine=$("${SAMPLES_PROBE[@]}" | grep -o '"sample_count": [0-9]*' | awk '{ s += $2 } END { print s }')
+  theirs=$("${SAMPLES_FFPROBE[@]}" | grep -c '"stream_index"')
+  if [[ $mine == "$theirs" ]]; then
+    say "CHECK  boxlane probe lists $mine samples, ffprobe $theirs packets: PASSED"
+  else
+    say "CHECK  boxlane probe lists $mine samples, ffprobe $theirs packets: FAILED"
+  fi
+  contest SAMPLES_PROBE SAMPLES_FFPROBE
+  say "boxlane probe --json --samples  wall ${WALL[0]} ms (runs: ${RUNS_WALL[0]})  CPU ${CPU[0]} ms  peak ${PEAK[0]} KiB"
+  say "ffprobe -show_packets -of json  wall ${WALL[1]} ms (runs: ${RUNS_WALL[1]})  CPU ${CPU[1]} ms  peak ${PEAK[1]} KiB"
+  SAMPLES_SPEED=$(ratio "${WALL[1]}" "${WALL[0]}")
+  SAMPLES_CPU=$(ratio "${CPU[1]}" "${CPU[0]}")
+  SAMPLES_MEMORY=$(ratio "${PEAK[0]}" "${PEAK[1]}")
+}
+
+has_part() { [[ " $PARTS " == *" $1 "* ]]; }
+
 main() {
   install_missing ffmpeg libavformat-dev pkg-config time cmake ninja-build gcc g++ libbenchmark-dev
   mkdir -p "$WORK"
   build
   make_media
   say "machine: $(nproc) cores, load average $(cut -d' ' -f1-3 /proc/loadavg)"
-  check_synthetic_movie
-  compare_mux "$WORK/video.h264" H.264 MUX
-  compare_mux "$WORK/video.h265" H.265 HEVC_MUX
-  compare_fragments
-  compare_live_memory
-  compare_index
+  has_part index && check_synthetic_movie
+  if has_part mux; then
+    compare_mux "$WORK/video.h264" H.264 MUX
+    compare_mux "$WORK/video.h265" H.265 HEVC_MUX
+  fi
+  has_part fragments && compare_fragments
+  has_part live && compare_live_memory
+  has_part index && compare_index
+  has_part samples && compare_samples
   say
   say "load average at the end: $(cut -d' ' -f1-3 /proc/loadavg)"
   say "Ratios are FFmpeg's time over Boxlane's (higher is faster) and Boxlane's peak over FFmpeg's."
-  target "mux: ffmpeg -c copy / boxlane mux, wall time" "$MUX_SPEED" 3 1
-  target "mux: boxlane mux peak memory / ffmpeg -c copy peak memory" "$MUX_MEMORY" 1 0
-  target "mux H.265: ffmpeg -c copy / boxlane mux, wall time" "$HEVC_MUX_SPEED" 3 1
-  target "mux H.265: boxlane mux peak memory / ffmpeg -c copy peak memory" "$HEVC_MUX_MEMORY" 1 0
-  target "fragments: ffmpeg frag_keyframe / boxlane mux --fragment 1, wall" "$FRAG_SPEED" 3 1
-  target "fragments: boxlane peak memory / ffmpeg peak memory" "$FRAG_MEMORY" 1 0
-  target "pipes: peak memory of one hour / of one minute" "$LIVE_GROWTH" 1.1 0
-  target "pipes: peak memory of one hour, MiB" "$(awk -v k="$LIVE_HOUR" 'BEGIN { printf "%.1f", k / 1024 }')" 64 0
-  target "index: avformat_open / boxlane probe --json, wall time" "$PROBE_SPEED" 10 1
-  target "index: avformat_open / boxlane_parse_index, wall time" "$PARSE_SPEED" 10 1
-  target "index: boxlane probe --json peak memory / avformat_open peak" "$PROBE_MEMORY" 1 0
-  target "index: boxlane_parse_index peak memory / avformat_open peak" "$PARSE_MEMORY" 1 0
-  say "INFO   mux, CPU time (user + system): $MUX_CPU x; H.265: $HEVC_MUX_CPU x"
-  say "INFO   fragmented mux, CPU time (user + system): $FRAG_CPU x"
-  say "INFO   index, boxlane_parse_index: CPU time $PARSE_CPU x, in-process $PARSE_INNER x"
-  say "INFO   index, boxlane_parse_index --queries: wall $QUERIES_SPEED x, in-process $QUERIES_INNER x, peak memory $QUERIES_MEMORY x"
+  if has_part mux; then
+    target "mux: ffmpeg -c copy / boxlane mux, wall time" "$MUX_SPEED" 3 1
+    target "mux: boxlane mux peak memory / ffmpeg -c copy peak memory" "$MUX_MEMORY" 1 0
+    target "mux H.265: ffmpeg -c copy / boxlane mux, wall time" "$HEVC_MUX_SPEED" 3 1
+    target "mux H.265: boxlane mux peak memory / ffmpeg -c copy peak memory" "$HEVC_MUX_MEMORY" 1 0
+    say "INFO   mux, CPU time (user + system): $MUX_CPU x; H.265: $HEVC_MUX_CPU x"
+  fi
+  if has_part fragments; then
+    target "fragments: ffmpeg frag_keyframe / boxlane mux --fragment 1, wall" "$FRAG_SPEED" 3 1
+    target "fragments: boxlane peak memory / ffmpeg peak memory" "$FRAG_MEMORY" 1 0
+    say "INFO   fragmented mux, CPU time (user + system): $FRAG_CPU x"
+  fi
+  if has_part live; then
+    target "pipes: peak memory of one hour / of one minute" "$LIVE_GROWTH" 1.1 0
+    target "pipes: peak memory of one hour, MiB" "$(awk -v k="$LIVE_HOUR" 'BEGIN { printf "%.1f", k / 1024 }')" 64 0
+  fi
+  if has_part index; then
+    target "index: avformat_open / boxlane probe --json, wall time" "$PROBE_SPEED" 10 1
+    target "index: avformat_open / boxlane_parse_index, wall time" "$PARSE_SPEED" 10 1
+    target "index: boxlane probe --json peak memory / avformat_open peak" "$PROBE_MEMORY" 1 0
+    target "index: boxlane_parse_index peak memory / avformat_open peak" "$PARSE_MEMORY" 1 0
+    say "INFO   index, boxlane_parse_index: CPU time $PARSE_CPU x, in-process $PARSE_INNER x"
+    say "INFO   index, boxlane_parse_index --queries: wall $QUERIES_SPEED x, in-process $QUERIES_INNER x, peak memory $QUERIES_MEMORY x"
+  fi
+  if has_part samples; then
+    target "samples: ffprobe -show_packets -of json / boxlane probe --json --samples, wall time" "$SAMPLES_SPEED" 20 1
+    say "INFO   samples, CPU time: $SAMPLES_CPU x; peak memory, boxlane / ffprobe: $SAMPLES_MEMORY x"
+  fi
 }
 
 # Sourced by compare_large.sh for its helpers; run, it compares.

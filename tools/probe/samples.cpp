@@ -26,7 +26,6 @@ void FragmentLog::take(const char* client) {
     Track& track = tracks[info.nTrackID];
     ++track.fragments;
     track.problems |= info.nProblems;
-    track.samples.reserve(track.samples.size() + static_cast<std::size_t>(count));
     for (int32_t i = 0; i < count; ++i) track.samples.push_back(sample_of(buffer_[static_cast<std::size_t>(i)]));
   }
 }
