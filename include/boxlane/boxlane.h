@@ -12,7 +12,10 @@
  * Parser road: Boxlane_Parse_Init once, Boxlane_Parse_Insert per client,
  * Boxlane_Parse_Send per received piece, a worker that waits with
  * Boxlane_Parse_WaitEvent, lists clients with Boxlane_Parse_GetPool and takes
- * one header record per box with Boxlane_Parse_Recv, then the queries.
+ * one header record per box with Boxlane_Parse_Recv, then the queries. A
+ * client inserted with Boxlane_Parse_InsertEx in the extended mode also reads
+ * 64-bit sizes, co64, stz2 and movie fragments, whose samples the worker
+ * takes with Boxlane_Parse_GetFragment after each moof's header record.
  *
  * Fragment road (ISO/IEC 14496-12 §8.8): Boxlane_Packet_FragmentMode right
  * after Insert, the init segment (ftyp, then a moov whose sample tables are
@@ -135,7 +138,7 @@ typedef enum {
 
 /* One queued record per box, handed out by Boxlane_Parse_Recv. */
 typedef struct {
-  uint64_t nBoxSize;                          /* as declared; 0 for size fields 0 and 1 */
+  uint64_t nBoxSize;                          /* as declared; 0 for size field 0, and for 1 unless the client is extended */
   ENUM_QORVANE_MORVALY_BOXLANE_HTYPE enHType; /* box type code */
   uint16_t wUUIDHead;                         /* uuid: the two bytes after the fourcc */
   uint8_t byVersion;                          /* full boxes: version */

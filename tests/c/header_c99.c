@@ -32,6 +32,10 @@ int main(void) {
   CHECK(offsetof(BOXLANE_HEVCINFO, nNaluCount) == 48);
   CHECK(offsetof(BOXLANE_HEVCINFO, byNalus) == 308);
   CHECK(sizeof(BOXLANE_HEVCINFO) == 16696);
+  CHECK(sizeof(BOXLANE_SAMPLEINFO) == 40);
+  CHECK(sizeof(BOXLANE_FRAGMENTINFO) == 72);
+  CHECK(sizeof(BOXLANE_STREAMINFO) == 72);
+  CHECK(sizeof(BOXLANE_TRACKINDEX) == 72);
 
   /* Right after loading: no failure recorded. */
   CHECK(!Boxlane_IsErrorOccur);
@@ -84,6 +88,26 @@ int main(void) {
   CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PARSE_NOTFOUND);
   CHECK(!Boxlane_Parse_GetTrackHEVC("nobody", 1, NULL));
   CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PARSE_PARAMETER);
+
+  {
+    /* The extended mode: a 64-bit mdat header is followed and reported. */
+    static const uint8_t large_mdat[16] = {0, 0, 0, 1, 'm', 'd', 'a', 't', 0, 0, 0, 1, 0, 0, 0, 16};
+    QORVANE_MP4HDR hdr;
+    BOXLANE_STREAMINFO stream;
+    BOXLANE_FRAGMENTINFO fragment;
+    int32_t count = -1;
+    CHECK(!Boxlane_Parse_InsertEx("c99-ext", 2));
+    CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PARSE_PARAMETER);
+    CHECK(Boxlane_Parse_InsertEx("c99-ext", BOXLANE_PARSE_EXTENDED));
+    CHECK(Boxlane_Parse_Send("c99-ext", large_mdat, 16));
+    CHECK(Boxlane_Parse_Recv("c99-ext", &hdr, NULL));
+    CHECK(hdr.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT && hdr.nBoxSize == 0x100000010ull);
+    CHECK(Boxlane_Parse_GetStream("c99-ext", &stream));
+    CHECK(stream.nFlags == BOXLANE_PARSE_EXTENDED && stream.nLargeBoxes == 1 && stream.nParsePos == 0x100000010ull);
+    CHECK(!Boxlane_Parse_GetFragment("c99-ext", &fragment, NULL, 0, &count));
+    CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PARSE_NODATA);
+    CHECK(Boxlane_Parse_Delete("c99-ext"));
+  }
 
   if (failures) fprintf(stderr, "%d check(s) failed\n", failures);
   return failures ? 1 : 0;
