@@ -2,7 +2,7 @@
 // sample by sample with ffprobe -show_packets: FFmpeg's fragmented styles
 // (frag_keyframe with and without empty_moov, default_base_moof, negative
 // composition offsets in trun version 1, DASH segments, Smooth Streaming
-// ismv), GStreamer's mp4mux fragment-duration, and FFmpeg files rewritten
+// ismv, H.265 in hvc1), GStreamer's mp4mux fragment-duration, and FFmpeg files rewritten
 // the way a writer of a large file would: a 64-bit mdat after the moov or
 // before it, and co64 chunk offsets. Every file is read whole, in 1000-byte
 // pieces and, when small, in 1-byte pieces; clients of the specified mode
@@ -113,6 +113,9 @@ class FragmentedFiles : public ::testing::Test {
         {"ismv", av + "-f ismv"},
         {"moov_at_end", av},
         {"faststart", av + "-movflags +faststart"},
+        {"hevc_fragments", "-f lavfi -i testsrc=size=160x120:rate=25 -f lavfi -i sine=sample_rate=8000 -t 2 "
+                           "-c:v libx265 -preset ultrafast -x265-params log-level=none:keyint=12:bframes=2 "
+                           "-pix_fmt yuv420p -tag:v hvc1 -c:a aac -b:a 16k -movflags frag_keyframe+empty_moov"},
     };
     for (const auto& [name, args] : recipes) {
       std::string log;
@@ -199,7 +202,8 @@ class FragmentedFiles : public ::testing::Test {
 std::string FragmentedFiles::dir_;
 
 TEST_F(FragmentedFiles, FfmpegFragmentStylesAgreeWithFfprobe) {
-  for (const char* name : {"frag_keyframe_empty_moov", "frag_keyframe", "default_base_moof", "negative_cts", "ismv", "dash"}) {
+  for (const char* name :
+       {"frag_keyframe_empty_moov", "frag_keyframe", "default_base_moof", "negative_cts", "ismv", "dash", "hevc_fragments"}) {
     SCOPED_TRACE(name);
     check(name);
   }
