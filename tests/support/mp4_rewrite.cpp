@@ -1,11 +1,10 @@
 #include "support/mp4_rewrite.hpp"
 
-#include "support/box_builder.hpp"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <string>
 
 namespace boxlane::test {
@@ -21,9 +20,12 @@ std::vector<uint8_t> widen_mdat(std::vector<uint8_t> file) {
   for (std::size_t at = 0; at + 16 <= file.size();) {
     const uint32_t size = be32(file, at);
     if (size == 8 && std::memcmp(&file[at + 4], "free", 4) == 0 && std::memcmp(&file[at + 12], "mdat", 4) == 0) {
+      // Written in place: size field 1, the fourcc, then the 64-bit size.
       const uint64_t wide = uint64_t{be32(file, at + 8)} + 8;
-      const Bytes header = Bytes{}.u32(1).str("mdat").u64(wide);
-      std::copy(header.begin(), header.end(), file.begin() + std::ptrdiff_t(at));
+      const uint8_t header[16] = {0, 0, 0, 1, 'm', 'd', 'a', 't', uint8_t(wide >> 56), uint8_t(wide >> 48),
+                                  uint8_t(wide >> 40), uint8_t(wide >> 32), uint8_t(wide >> 24), uint8_t(wide >> 16),
+                                  uint8_t(wide >> 8), uint8_t(wide)};
+      std::copy(std::begin(header), std::end(header), file.begin() + std::ptrdiff_t(at));
       return file;
     }
     if (size < 8) break;
@@ -33,23 +35,35 @@ std::vector<uint8_t> widen_mdat(std::vector<uint8_t> file) {
   return file;
 }
 
+// Built byte by byte: GCC 12's -Wstringop-overflow misreads the box
+// builder's range inserts once this is inlined in a Release build.
 std::vector<uint8_t> with_co64(const std::vector<uint8_t>& file) {
-  std::function<Bytes(std::size_t, std::size_t)> rewrite = [&](std::size_t at, std::size_t end) {
-    Bytes out;
+  const auto put32 = [](std::vector<uint8_t>& out, uint64_t v) {
+    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(uint8_t(v >> shift));
+  };
+  const auto put_type = [](std::vector<uint8_t>& out, const char* type) {
+    for (int i = 0; i < 4; ++i) out.push_back(uint8_t(type[i]));
+  };
+  std::function<std::vector<uint8_t>(std::size_t, std::size_t)> rewrite = [&](std::size_t at, std::size_t end) {
+    std::vector<uint8_t> out;
     while (at + 8 <= end) {
       const uint32_t size = be32(file, at);
       if (size < 8 || size > end - at) break;
       const std::string type(reinterpret_cast<const char*>(&file[at + 4]), 4);
       if (type == "moov" || type == "trak" || type == "mdia" || type == "minf" || type == "stbl") {
-        out.add(box(type, rewrite(at + 8, at + size)));
+        const std::vector<uint8_t> children = rewrite(at + 8, at + size);
+        put32(out, 8 + children.size());
+        put_type(out, type.c_str());
+        for (const uint8_t b : children) out.push_back(b);
       } else if (type == "stco") {
         const uint32_t n = be32(file, at + 12);
-        Bytes p;
-        p.u32(n);
-        for (uint32_t i = 0; i < n; ++i) p.u64(be32(file, at + 16 + 4 * i));
-        out.add(full_box("co64", 0, 0, p));
+        put32(out, 16 + 8 * uint64_t{n});
+        put_type(out, "co64");
+        put32(out, 0);  // version and flags
+        put32(out, n);
+        for (uint32_t i = 0; i < n; ++i) put32(out, 0), put32(out, be32(file, at + 16 + 4 * i));
       } else {
-        out.insert(out.end(), file.begin() + std::ptrdiff_t(at), file.begin() + std::ptrdiff_t(at + size));
+        for (std::size_t i = 0; i < size; ++i) out.push_back(file[at + i]);
       }
       at += size;
     }
