@@ -234,6 +234,91 @@ TEST(MuxFragments, ReadersSeeTheSourcesFramesFromZero) {
   }
 }
 
+// H.265 fragments are cut at every IRAP picture. An open group of pictures
+// starts at a CRA picture whose RASL pictures refer to the fragment before:
+// they stay (a reader that plays on has their references), and so does
+// their display order. A stream that starts between key pictures loses the
+// pictures before its first IRAP picture, as decoders do.
+TEST(MuxFragments, H265OpenAndClosedGroupsCutAtEveryRandomAccessPicture) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const std::string dir = temp_dir() + "/";
+  const auto encode_h265 = [&](const std::string& name, const std::string& pix_fmt, const std::string& x265) {
+    const std::string path = dir + name + ".h265";
+    std::string log;
+    EXPECT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=192x108:rate=25:duration=4.8 -pix_fmt " + pix_fmt +
+                         " -c:v libx265 -preset ultrafast -x265-params log-level=error:" + x265 + " -f hevc " +
+                         shell_quote(path),
+                     &log),
+              0)
+        << log;
+    return path;
+  };
+  const std::string open = encode_h265("open", "yuv420p", "keyint=24:min-keyint=24:bframes=3:open-gop=1");
+  const std::string closed = encode_h265("closed10", "yuv420p10le", "keyint=20:bframes=4:open-gop=0");
+  // The open stream from its second picture on: an H.265 decoder starts at
+  // the CRA picture a second later and leaves out the RASL pictures of it.
+  const std::string late = dir + "late.h265";
+  std::size_t late_pictures = 0;
+  {
+    const auto bytes = read_file(open);
+    std::vector<std::size_t> firsts;  // first slice segments of pictures
+    std::size_t vps = std::string::npos;
+    for (std::size_t i = 0; i + 5 < bytes.size(); ++i) {
+      if (bytes[i] || bytes[i + 1] || bytes[i + 2] != 1) continue;
+      const int type = (bytes[i + 3] >> 1) & 0x3F;
+      if (type == 32 && vps == std::string::npos) vps = i;
+      if (type < 32 && (bytes[i + 5] & 0x80)) firsts.push_back(i);
+    }
+    ASSERT_GT(firsts.size(), 2u);
+    std::vector<uint8_t> cut(bytes.begin() + vps, bytes.begin() + firsts[0]);  // VPS, SPS, PPS, SEI
+    cut.insert(cut.end(), bytes.begin() + firsts[1], bytes.end());
+    late_pictures = firsts.size() - 1;
+    write_file(late, cut);
+  }
+
+  const Streams audio = encode(dir + "a", 4.8, 25, 25, "bframes=0", 48000);
+  const struct {
+    std::string video;
+    bool from_pipe;
+    const char* notice;
+  } runs[] = {
+      {open, false, ""},
+      {open, true, ""},
+      {closed, false, ""},
+      {late, false, "left out "},
+  };
+  for (const auto& r : runs) {
+    const Streams src{r.video, audio.audio, 25};
+    const std::string out = dir + "out.mp4";
+    const std::string video = r.from_pipe ? " --video - < " + shell_quote(r.video) : " --video " + shell_quote(r.video);
+    SCOPED_TRACE(video);
+    const Result m = mux("--audio " + shell_quote(src.audio) + " --fragment 0.5 -o " + shell_quote(out) + video);
+    ASSERT_EQ(m.status, 0) << m.output;
+    EXPECT_NE(m.output.find("video H.265 192x108"), std::string::npos) << m.output;
+    EXPECT_EQ(m.output.find("left out ") != std::string::npos, *r.notice != 0) << m.output;
+    std::size_t frames = decoded_md5s(src.video, 'v').size();
+    if (r.video != late) {
+      expect_fragmented_file(out, src, true, true, 0.5);
+    } else {
+      // FFmpeg conceals what the pictures before the CRA picture lack (and
+      // leaves out its RASL pictures); the file holds the pictures from the
+      // CRA picture on, and says how many it left out.
+      const auto want = decoded_md5s(src.video, 'v');
+      const auto got = decoded_md5s(out, 'v');
+      ASSERT_LT(got.size(), want.size());
+      EXPECT_TRUE(std::equal(got.begin(), got.end(), want.end() - got.size()));
+      EXPECT_NE(m.output.find("left out " + std::to_string(late_pictures - got.size()) + " pictures"), std::string::npos)
+          << m.output;
+      frames = got.size();
+    }
+    if (have_mp4box()) {
+      const Mp4BoxReport mp4box = read_with_mp4box(out);
+      EXPECT_TRUE(mp4box.errors.empty()) << mp4box.errors.front();
+      EXPECT_EQ(mp4box.count(1), frames);
+    }
+  }
+}
+
 // Runs `command` in its own process group; returns its pid.
 pid_t start(const std::string& command) {
   const pid_t pid = fork();
@@ -476,7 +561,7 @@ TEST(MuxFragments, BrokenAndStoppedInputs) {
       {"--video " + shell_quote(src.video) + " --fragment 1 --faststart", "do not go together"},
       {"--video " + shell_quote(src.video) + " --fsync", "--fsync needs --fragment"},
       {"--video - --audio -", "only one input"},
-      {"--video " + shell_quote(src.video) + " --video-codec h265 --fragment 1", "H.264 video only"},
+      {"--video " + shell_quote(src.video) + " --video-codec h265 --fragment 1", "told that the stream is H.265, but its parameter sets are H.264's"},
       {"--video - --fragment 1 < /dev/null", "is empty"},
       {"--audio - < /dev/null", "is empty"},
   };

@@ -126,6 +126,8 @@ class FragmentWriter {
     return in.name() + ": " + nothing;
   }
 
+  static const char* codec_name(VideoCodec codec) { return codec == VideoCodec::kH265 ? "H.265" : "H.264"; }
+
   bool video_finished() const { return !vin_ || (vchunks_->finished() && v_.chunks.empty()); }
   bool audio_finished() const { return !ain_ || (achunks_->finished() && a_.written == a_.scanned); }
   bool video_ended() const { return !vin_ || vchunks_->finished() || g_stop; }
@@ -232,11 +234,16 @@ class FragmentWriter {
 
   void take_pieces() {
     if (vchunks_ && !codec_checked_) {
-      // The cutter reads H.264; an H.265 stream is refused before it is cut.
+      // The cutter is told the codec before it cuts: by the user, or by the
+      // first parameter sets.
       if (vin_->size() < 4096 && !vin_->eof()) return;
-      if (detect_codec(vin_->data(), vin_->size()) == VideoCodec::kH265) {
-        throw ToolError(vin_->name() + ": an H.265 stream; --fragment writes H.264 video only");
+      const VideoCodec found = detect_codec(vin_->data(), vin_->size());
+      codec_ = in_.video_codec != VideoCodec::kUnknown ? in_.video_codec : found;
+      if (found != VideoCodec::kUnknown && found != codec_) {
+        throw ToolError(vin_->name() + ": told that the stream is " + codec_name(codec_) + ", but its parameter sets are " +
+                        codec_name(found) + "'s");
       }
+      vchunks_->set_codec(codec_);
       codec_checked_ = true;
     }
     if (vchunks_) {
@@ -291,12 +298,9 @@ class FragmentWriter {
   // Media Source Extensions and FFmpeg both apply that edit list to
   // fragments; a negative offset, instead, FFmpeg makes up for by delaying
   // the whole track. A live stream is not seen whole, so the bound comes
-  // from the SPS (§E.2.1 max_num_reorder_frames; no B slices in the Baseline
-  // profile; else at most the 16 frames of the largest picture buffer,
-  // §A.3.1), or the first pictures if they reorder more.
+  // from the SPS, or the first pictures if they reorder more.
   static uint32_t reorder_bound(const VideoStream& first) {
-    const h264::Sps& sps = first.sps;
-    uint32_t bound = sps.bitstream_restriction ? sps.max_num_reorder_frames : (sps.profile_idc == 66 ? 0 : 16);
+    uint32_t bound = first.reorder_limit;
     for (uint32_t i = 0; i < first.units.size(); ++i) {
       if (i > first.display[i]) bound = std::max(bound, i - first.display[i]);
     }
@@ -433,6 +437,8 @@ class FragmentWriter {
     FragmentedResult r;
     if (vin_) {
       // The first piece's picture size: the SPS never changes.
+      r.video_codec = codec_ == VideoCodec::kH265 ? VideoCodec::kH265 : VideoCodec::kH264;
+      r.skipped_pictures = vchunks_->skipped_pictures();
       r.width = sps_width_;
       r.height = sps_height_;
       r.video_frames = v_.written;
@@ -465,8 +471,8 @@ class FragmentWriter {
   void remember_first() {
     if (vin_) {
       const VideoStream& s = v_.chunks.front().stream;
-      sps_width_ = s.sps.width;
-      sps_height_ = s.sps.height;
+      sps_width_ = s.width;
+      sps_height_ = s.height;
     }
     if (ain_) {
       sample_rate_ = a_.chunks.front().stream.config.sample_rate;
@@ -486,6 +492,7 @@ class FragmentWriter {
   uint64_t span_ticks_ = 1;
   uint32_t shift_ = 0;  // frames every composition time is delayed by
   bool codec_checked_ = false;
+  VideoCodec codec_ = VideoCodec::kUnknown;
   std::unique_ptr<InPlaceOutput> out_;
   bool index_ = false;
   uint64_t mehd_at_ = 0;

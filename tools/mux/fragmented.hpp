@@ -23,12 +23,16 @@ struct FragmentedInput {
   uint32_t forced_timescale = 0;
   bool fsync = false;  // each fragment reaches the disk before the next is cut
   bool quiet = false;
+  VideoCodec video_codec = VideoCodec::kUnknown;  // kUnknown: told by the stream
 };
 
 struct FragmentedResult {
   // What the summary line tells.
+  VideoCodec video_codec = VideoCodec::kH264;
   uint32_t width = 0, height = 0;
   uint64_t video_frames = 0;
+  // Pictures left out because nothing before them could be decoded from.
+  uint32_t skipped_pictures = 0;
   FrameRate fps;
   bool reordered = false;
   uint32_t sample_rate = 0;

@@ -69,7 +69,9 @@ constexpr const char* kUsage =
     "beside OUT as it arrives, and the file appears when the input ends. With\n"
     "--fragment, memory holds about one fragment, however long the input runs;\n"
     "an mfra index for seeking ends the file when every input is a regular file,\n"
-    "and a finished file gets its duration in mvex. --fragment takes H.264 video.\n"
+    "and a finished file gets its duration in mvex. H.265 fragments start at IRAP\n"
+    "pictures (IDR, CRA, BLA); the leading pictures of a CRA picture stay in its\n"
+    "fragment.\n"
     "An input that stops in the middle of a frame ends the file with the last\n"
     "whole frames, a message, and exit status 1.\n"
     "\n"
@@ -258,7 +260,6 @@ Spooled spool_live_inputs(const Options& o) {
 }
 
 int run_fragmented(const Options& o) {
-  if (o.video_codec == VideoCodec::kH265) usage_error("--fragment writes H.264 video only, not H.265");
   const auto started = std::chrono::steady_clock::now();
   FragmentedInput in;
   in.video = o.video;
@@ -269,12 +270,13 @@ int run_fragmented(const Options& o) {
   in.forced_timescale = o.timescale;
   in.fsync = o.fsync;
   in.quiet = o.quiet;
+  in.video_codec = o.video_codec;
   const FragmentedResult r = write_fragmented(in);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   if (!o.quiet) {
     std::string tracks;
     if (!o.video.empty()) {
-      tracks += "video H.264 " + std::to_string(r.width) + "x" + std::to_string(r.height) + ", " +
+      tracks += std::string("video ") + (r.video_codec == VideoCodec::kH265 ? "H.265 " : "H.264 ") + std::to_string(r.width) + "x" + std::to_string(r.height) + ", " +
                 std::to_string(r.video_frames) + " frames at " + rate_text(r.fps) + " fps";
       if (r.reordered) tracks += " with B-frames";
     }
@@ -286,6 +288,11 @@ int run_fragmented(const Options& o) {
     std::printf("%s: %s; %.2f s, %s in %llu fragments, written in %.2f s\n", o.output.c_str(), tracks.c_str(),
                 static_cast<double>(r.duration) / r.timescale, size_text(r.file_size).c_str(),
                 static_cast<unsigned long long>(r.fragments), seconds);
+  }
+  if (!o.quiet && r.skipped_pictures) {
+    std::fprintf(stderr, "boxlane mux: %s: left out %u pictures that cannot be decoded (before the first random "
+                 "access picture, or leading pictures of one that decoding starts at)\n", o.video.c_str(),
+                 r.skipped_pictures);
   }
   if (!r.problem.empty()) {
     std::fflush(stdout);

@@ -3,18 +3,54 @@
 #include <algorithm>
 #include <cstring>
 #include <optional>
+#include <span>
 
 #include "platform/h264.hpp"
+#include "platform/hevc.hpp"
 #include "tools/common/tool_error.hpp"
 
 namespace boxlane::tool {
 
 namespace {
 
-bool is_slice(uint8_t type) { return type >= 1 && type <= 5; }
+// What the cutter needs to know of a NAL unit.
+struct NalFacts {
+  bool slice = false;          // a slice (H.265: a slice segment) of a picture
+  bool first_slice = false;    // ... that begins its picture
+  bool random_access = false;  // ... of a picture a piece may start at
+  bool opens_unit = false;     // opens an access unit after a picture's last slice
+};
 
-// §7.4.1.2.3: these open an access unit when they follow its last slice.
-bool opens_access_unit(uint8_t type) { return type == 6 || type == 7 || type == 8 || type == 9 || (type >= 14 && type <= 18); }
+// H.264 §7.4.1.2.3: `b` holds the NAL header and, for a slice, the byte with
+// first_mb_in_slice, whose ue(v) is the single bit 1 when it is 0.
+NalFacts h264_facts(const uint8_t* b) {
+  const uint8_t type = b[0] & 0x1F;
+  NalFacts f;
+  f.slice = type >= 1 && type <= 5;
+  f.first_slice = f.slice && (b[1] & 0x80);
+  f.random_access = f.first_slice && type == h264::kNalIdrSlice;
+  f.opens_unit = type == 6 || type == 7 || type == 8 || type == 9 || (type >= 14 && type <= 18);
+  return f;
+}
+
+// H.265 §7.4.2.4.4: `b` holds the two header bytes and, for a slice segment,
+// the byte with first_slice_segment_in_pic_flag. The reserved VCL types are
+// no pictures (decoders ignore them), as for scan_hevc.
+NalFacts h265_facts(const uint8_t* b) {
+  const uint8_t type = (b[0] >> 1) & 0x3F;
+  NalFacts f;
+  f.slice = type <= hevc::kRaslR || (type >= hevc::kBlaWLp && type <= hevc::kCra);
+  f.first_slice = f.slice && (b[2] & 0x80);
+  f.random_access = f.first_slice && hevc::is_irap(type);
+  f.opens_unit = (type >= hevc::kVps && type <= hevc::kAud) || type == hevc::kPrefixSei || (type >= 41 && type <= 44) ||
+                 (type >= 48 && type <= 55);
+  return f;
+}
+
+// The parameter set types, in the order a piece repeats them.
+constexpr uint8_t kH264Sets[] = {h264::kNalSps, h264::kNalPps};
+constexpr uint8_t kH265Sets[] = {hevc::kVps, hevc::kSps, hevc::kPps};
+const char* const kSetKinds[] = {"video", "sequence", "picture"};
 
 constexpr std::string_view kAtByte = "at byte ";
 
@@ -28,10 +64,17 @@ std::optional<uint64_t> first_offset(const std::string& message) {
   return value;
 }
 
-// §7.3.2.1.1: an SPS or PPS with its id, or nothing when it cannot be read
-// (scan_video then says so).
-std::optional<uint32_t> parameter_set_id(uint8_t type, const uint8_t* nal, std::size_t size) {
-  if (type == h264::kNalSps) {
+// A parameter set's id (H.264 §7.3.2.1.1 and §7.3.2.2, H.265 §7.3.2.1 to
+// §7.3.2.3), or nothing when it cannot be read (the scan then says so).
+std::optional<uint32_t> parameter_set_id(VideoCodec codec, uint8_t type, const uint8_t* nal, std::size_t size) {
+  if (codec == VideoCodec::kH265) {
+    hevc::Vps vps;
+    hevc::Sps sps;
+    hevc::Pps pps;
+    if (type == hevc::kVps && hevc::parse_vps(nal, size, vps)) return vps.id;
+    if (type == hevc::kSps && hevc::parse_sps(nal, size, sps)) return sps.id;
+    if (type == hevc::kPps && hevc::parse_pps(nal, size, pps)) return pps.id;
+  } else if (type == h264::kNalSps) {
     h264::Sps sps;
     if (h264::parse_sps(nal, size, sps)) return sps.id;
   } else {
@@ -83,12 +126,13 @@ bool VideoChunker::next(VideoChunk& out) {
       continue;
     }
     if (!in_.eof()) {
-      // A piece is held whole until the next IDR picture: a stream without
-      // them would otherwise be held whole.
+      // A piece is held whole until the next picture it may end at: a
+      // stream without them would otherwise be held whole.
       if (in_.size() > kMaxPiece) {
-        throw ToolError(in_.name() + ": no IDR picture in the " + std::to_string(kMaxPiece >> 20) +
-                        " MiB from byte " + std::to_string(in_.offset()) +
-                        "; fragments start at IDR pictures, so the stream needs them more often");
+        const char* what = h265() ? "IRAP picture (IDR, CRA or BLA)" : "IDR picture";
+        throw ToolError(in_.name() + ": no " + what + " in the " + std::to_string(kMaxPiece >> 20) + " MiB from byte " +
+                        std::to_string(in_.offset()) + "; fragments start at such pictures, so the stream needs them " +
+                        "more often");
       }
       return false;
     }
@@ -105,10 +149,12 @@ bool VideoChunker::next(VideoChunk& out) {
 }
 
 // Finds start codes from scan_ on. True with `boundary` at the start of the
-// access unit of an IDR picture that follows the slices of the piece.
+// access unit of a picture a piece may start at (H.264: IDR; H.265: IRAP)
+// that follows the slices of the piece.
 bool VideoChunker::scan_to_boundary(std::size_t& boundary) {
   const uint8_t* d = in_.data();
   const std::size_t size = in_.size();
+  const std::size_t header = h265() ? 2 : 1;
   std::size_t i = std::max<std::size_t>(scan_, 2);
   while (i < size) {
     const auto* hit = static_cast<const uint8_t*>(std::memchr(d + i, 1, size - i));
@@ -122,8 +168,8 @@ bool VideoChunker::scan_to_boundary(std::size_t& boundary) {
       continue;
     }
     const std::size_t start = one - 2;
-    // The NAL header, and for an IDR slice the byte with first_mb_in_slice.
-    if (one + 1 >= size || ((d[one + 1] & 0x1F) == h264::kNalIdrSlice && one + 2 >= size)) {
+    // The NAL header and the byte after it, which a slice begins with.
+    if (size - one <= header + 1) {
       if (in_.eof()) {
         i = size;
         break;
@@ -133,10 +179,9 @@ bool VideoChunker::scan_to_boundary(std::size_t& boundary) {
     }
     if (nal_ != kNone) complete_nal(start);
     nal_ = kNone;
-    const uint8_t type = d[one + 1] & 0x1F;
-    if (is_slice(type)) {
-      // first_mb_in_slice 0 (its ue(v) is the single bit 1): a new picture.
-      if (type == h264::kNalIdrSlice && (d[one + 2] & 0x80) && vcl_ > 0) {
+    const NalFacts nal = h265() ? h265_facts(d + one + 1) : h264_facts(d + one + 1);
+    if (nal.slice) {
+      if (nal.random_access && vcl_ > 0) {
         boundary = candidate_ != kNone ? candidate_ : start;
         // The zero_byte of a 4-byte start code opens the access unit too (Annex B.1.2).
         if (boundary > 0 && d[boundary - 1] == 0) --boundary;
@@ -144,8 +189,10 @@ bool VideoChunker::scan_to_boundary(std::size_t& boundary) {
         return true;
       }
       ++vcl_;
+      if (nal.first_slice) ++pictures_;
+      random_access_ = random_access_ || nal.random_access;
       candidate_ = kNone;
-    } else if (opens_access_unit(type) && candidate_ == kNone) {
+    } else if (nal.opens_unit && candidate_ == kNone) {
       candidate_ = start;
     }
     nal_ = one + 1;
@@ -162,20 +209,39 @@ void VideoChunker::complete_nal(std::size_t end) {
   const uint8_t* d = in_.data();
   while (end > nal_ && d[end - 1] == 0) --end;
   if (end <= nal_) return;
-  const uint8_t type = d[nal_] & 0x1F;
-  if (type != h264::kNalSps && type != h264::kNalPps) return;
-  const auto id = parameter_set_id(type, d + nal_, end - nal_);
+  const uint8_t type = h265() ? (d[nal_] >> 1) & 0x3F : d[nal_] & 0x1F;
+  const bool set = h265() ? type >= hevc::kVps && type <= hevc::kPps : type == h264::kNalSps || type == h264::kNalPps;
+  if (!set) return;
+  const auto id = parameter_set_id(codec_, type, d + nal_, end - nal_);
   if (!id) return;
   const uint64_t offset = in_.offset() + nal_;
-  for (const ParameterSet& set : sets_) {
-    if (set.type != type || set.id != *id) continue;
-    if (set.nal.size() == end - nal_ && std::memcmp(set.nal.data(), d + nal_, set.nal.size()) == 0) return;
+  for (const ParameterSet& kept : sets_) {
+    if (kept.type != type || kept.id != *id) continue;
+    if (kept.nal.size() == end - nal_ && std::memcmp(kept.nal.data(), d + nal_, kept.nal.size()) == 0) return;
+    if (h265()) {
+      throw ToolError(in_.name() + ": the " + kSetKinds[type - hevc::kVps] + " parameter set " + std::to_string(*id) +
+                      " changes at byte " + std::to_string(offset) +
+                      "; an hvc1 track describes each parameter set once, so split the stream there");
+    }
     const bool sps = type == h264::kNalSps;
     throw ToolError(in_.name() + ": the " + (sps ? "sequence" : "picture") + " parameter set changes at byte " +
                     std::to_string(offset) + "; one MP4 track holds one " + (sps ? "SPS" : "PPS") +
                     ", so split the stream there");
   }
   sets_.push_back(ParameterSet{type, *id, offset, std::vector<uint8_t>(d + nal_, d + end)});
+}
+
+void VideoChunker::scan(VideoChunk& out) const {
+  if (h265()) {
+    scan_hevc(out.bytes.data(), out.bytes.size(), in_.name(), out.stream, {}, emitted_ > 0);
+  } else {
+    scan_video(out.bytes.data(), out.bytes.size(), in_.name(), out.stream);
+  }
+}
+
+void VideoChunker::counted(const VideoChunk& out) noexcept {
+  if (h265()) skipped_pictures_ += out.stream.skipped_before_parameter_sets;
+  ++emitted_;
 }
 
 bool VideoChunker::emit(std::size_t end, bool last, VideoChunk& out) {
@@ -192,6 +258,8 @@ bool VideoChunker::emit(std::size_t end, bool last, VideoChunk& out) {
       self.nal_ = kNone;
       self.candidate_ = kNone;
       self.vcl_ = 0;
+      self.pictures_ = 0;
+      self.random_access_ = false;
       self.last_nal_sc_ = 0;
     }
   } consume{*this, end};
@@ -204,6 +272,21 @@ bool VideoChunker::emit(std::size_t end, bool last, VideoChunk& out) {
     skipped_ += slices;
     return false;
   }
+  if (h265() && !random_access_) {
+    // Pictures before the first IRAP picture: nothing to decode them from.
+    skipped_pictures_ += pictures_;
+    return false;
+  }
+  if (h265() && emitted_ > 0) {
+    // The init segment's hvc1 entry holds the sets of the first piece.
+    for (const ParameterSet& set : sets_) {
+      if (set.offset < offset) continue;
+      throw ToolError(in_.name() + ": a new " + kSetKinds[set.type - hevc::kVps] + " parameter set (id " +
+                      std::to_string(set.id) + ") at byte " + std::to_string(set.offset) +
+                      " after the first fragment; the hvc1 track describes the sets sent before it, so split the "
+                      "stream there");
+    }
+  }
   out = VideoChunk{};
   out.bytes = std::move(spare_);
   out.bytes.clear();
@@ -211,7 +294,8 @@ bool VideoChunker::emit(std::size_t end, bool last, VideoChunk& out) {
   out.input_offset = offset;
   // A piece after the first starts with the parameter sets sent so far:
   // scan_video reads it alone, and repeats of them inside are ignored.
-  for (const uint8_t type : {h264::kNalSps, h264::kNalPps}) {
+  const std::span<const uint8_t> order = h265() ? std::span<const uint8_t>(kH265Sets) : std::span<const uint8_t>(kH264Sets);
+  for (const uint8_t type : order) {
     for (const ParameterSet& set : sets_) {
       if (set.type != type || set.offset >= offset) continue;
       out.bytes.insert(out.bytes.end(), {0, 0, 0, 1});
@@ -222,7 +306,8 @@ bool VideoChunker::emit(std::size_t end, bool last, VideoChunk& out) {
   out.bytes.insert(out.bytes.end(), in_.data(), in_.data() + end);
   const int64_t shift = static_cast<int64_t>(offset) - static_cast<int64_t>(prefix);
   try {
-    scan_video(out.bytes.data(), out.bytes.size(), in_.name(), out.stream);
+    scan(out);
+    counted(out);
     return true;
   } catch (const ToolError& e) {
     const std::string message = shift_offsets(e.what(), shift);
@@ -235,10 +320,11 @@ bool VideoChunker::emit(std::size_t end, bool last, VideoChunk& out) {
     out.bytes.resize(prefix + last_nal);
     out.stream = VideoStream{};
     try {
-      scan_video(out.bytes.data(), out.bytes.size(), in_.name(), out.stream);
+      scan(out);
     } catch (const ToolError&) {
       return false;
     }
+    counted(out);
     return true;
   }
 }

@@ -1,7 +1,9 @@
 // Live elementary streams cut into pieces that are read on their own, as the
 // input arrives: H.264 at the start of every access unit of an IDR picture
 // (each piece is a closed group of pictures that scan_video reads alone),
-// ADTS at whole frames (for scan_audio). A piece holds a copy of its bytes,
+// H.265 at every IRAP picture (IDR, CRA or BLA; scan_hevc reads each piece
+// as the continuation of the ones before it), ADTS at whole frames (for
+// scan_audio). A piece holds a copy of its bytes,
 // so the input keeps only what is not yet cut.
 #pragma once
 
@@ -24,10 +26,12 @@ struct VideoChunk {
 
 class VideoChunker {
  public:
-  // The most input held while the next IDR picture is awaited.
+  // The most input held while the next IDR (H.265: IRAP) picture is awaited.
   static constexpr std::size_t kMaxPiece = std::size_t{128} << 20;
 
   explicit VideoChunker(LiveInput& in) : in_(in) {}
+  // What the input holds; H.264 until told, and told before the first next().
+  void set_codec(VideoCodec codec) noexcept { codec_ = codec; }
   // Cuts the next piece from what has been read: true when one is complete
   // (the next IDR picture has begun, or the input has ended). Throws
   // ToolError with offsets in the input, also when a parameter set changes.
@@ -36,6 +40,10 @@ class VideoChunker {
   bool finished() const noexcept { return in_.eof() && in_.size() == 0 && done_; }
   // Slices before the first parameter sets, which nobody can decode.
   uint32_t skipped() const noexcept { return skipped_; }
+  // H.265 pictures before the first IRAP picture, which cannot be decoded,
+  // and RASL pictures of a BLA picture or of the CRA picture decoding
+  // starts at.
+  uint32_t skipped_pictures() const noexcept { return skipped_pictures_; }
   // Where the input stopped in the middle of a NAL unit that could not be
   // read, when it did; the pictures before it are kept.
   bool cut_short() const noexcept { return cut_short_; }
@@ -58,7 +66,9 @@ class VideoChunker {
   bool scan_to_boundary(std::size_t& boundary);
   void complete_nal(std::size_t end);
   bool emit(std::size_t end, bool last, VideoChunk& out);
-  void scan_chunk(VideoChunk& out, std::size_t prefix);
+  void scan(VideoChunk& out) const;
+  void counted(const VideoChunk& out) noexcept;
+  bool h265() const noexcept { return codec_ == VideoCodec::kH265; }
 
   LiveInput& in_;
   // Positions in in_.data(), which starts at the piece being cut.
@@ -67,8 +77,13 @@ class VideoChunker {
   std::size_t candidate_ = kNone;  // start code where the next access unit would begin
   std::size_t last_nal_sc_ = 0;    // start code of the last NAL unit seen
   uint32_t vcl_ = 0;               // slices in the piece so far
+  uint32_t pictures_ = 0;          // H.265: pictures begun in the piece so far
+  bool random_access_ = false;     // H.265: the piece holds an IRAP picture
+  VideoCodec codec_ = VideoCodec::kH264;
+  uint64_t emitted_ = 0;           // pieces handed out
   bool done_ = false;
   uint32_t skipped_ = 0;
+  uint32_t skipped_pictures_ = 0;
   bool cut_short_ = false;
   uint64_t cut_at_ = 0;
   std::vector<ParameterSet> sets_;

@@ -269,6 +269,7 @@ void scan_video(const uint8_t* data, std::size_t size, const std::string& name, 
   out.codec = VideoCodec::kH264;
   out.width = out.sps.width;
   out.height = out.sps.height;
+  out.reorder_limit = out.sps.bitstream_restriction ? out.sps.max_num_reorder_frames : (out.sps.profile_idc == 66 ? 0 : 16);
   out.has_vui_rate = vui_frame_rate(out.sps, out.vui_rate);
 }
 

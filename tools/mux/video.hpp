@@ -55,6 +55,12 @@ struct VideoStream {
   // Display position of every access unit (a permutation of 0..n-1).
   std::vector<uint32_t> display;
   bool reordered = false;  // some unit is shown out of decoding order
+  // The most pictures that may precede a picture in decoding order and
+  // follow it in display order, as the SPS allows (H.264 §E.2.1
+  // max_num_reorder_frames, else none in the Baseline profile and 16
+  // beyond, the largest picture buffer of §A.3.1; H.265 §7.4.3.2.1
+  // sps_max_num_reorder_pics).
+  uint32_t reorder_limit = 16;
   uint32_t max_nals_per_unit = 0;
   uint64_t max_sample_size = 0;
   uint64_t payload_bytes = 0;  // sum of sample sizes
@@ -73,9 +79,11 @@ void scan_video(const uint8_t* data, std::size_t size, const std::string& name, 
 // (IDR, CRA, BLA) as key frames, the parameter sets in hevc_sets and none in
 // the samples. Pictures before the first IRAP picture, and the RASL pictures
 // of a CRA or BLA picture that starts decoding, cannot be decoded and are
-// left out (counted in skipped_before_parameter_sets).
+// left out (counted in skipped_before_parameter_sets). A piece that
+// `continues` a stream (cut at an IRAP picture) keeps the RASL pictures of
+// the CRA picture it starts with: their references are in the piece before.
 void scan_hevc(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out,
-               const std::function<void(const uint8_t*)>& read_to = {});
+               const std::function<void(const uint8_t*)>& read_to = {}, bool continues = false);
 
 // Which codec an Annex B stream holds, told by the first parameter set that
 // reads as one of either kind; kUnknown when none does.

@@ -27,7 +27,8 @@ constexpr std::size_t kMaxSetBytes = 65536;
 
 class HevcScanner {
  public:
-  HevcScanner(const std::string& name, VideoStream& out) : name_(name), out_(out) {}
+  HevcScanner(const std::string& name, VideoStream& out, bool continues)
+      : name_(name), out_(out), continues_(continues) {}
 
   const hevc::Sps& first_sps() const noexcept { return first_sps_; }
 
@@ -157,8 +158,10 @@ class HevcScanner {
   void begin_picture(const NalUnit& nal, const hevc::SliceHeader& sh) {
     const uint8_t type = sh.nal.type;
     // NoRaslOutputFlag (§8.1.3): an IDR or BLA picture, or a CRA picture
-    // that starts the stream or follows an end of sequence.
-    const bool restart = hevc::is_idr(type) || hevc::is_bla(type) || (type == hevc::kCra && (!started_ || after_eos_));
+    // that starts the stream or follows an end of sequence. A CRA picture
+    // that starts a piece of a stream has the pictures before it.
+    const bool restart = hevc::is_idr(type) || hevc::is_bla(type) ||
+                         (type == hevc::kCra && ((!started_ && !continues_) || after_eos_));
     if (hevc::is_irap(type)) {
       started_ = true;
       skip_rasl_ = restart;
@@ -180,7 +183,9 @@ class HevcScanner {
     unit_.input_offset = nal.offset;
     unit_.key = hevc::is_irap(type);
     unit_.restart = restart || out_.units.empty();
-    unit_.poc = poc_.next(sh, sps, restart);
+    // Counting starts again at a piece's first picture: only the order
+    // within the piece is needed.
+    unit_.poc = poc_.next(sh, sps, unit_.restart);
     for (const SampleNal& sei : pending_) add(sei);
     pending_.clear();
   }
@@ -204,6 +209,7 @@ class HevcScanner {
  private:
   const std::string& name_;
   VideoStream& out_;
+  const bool continues_;
   hevc::ParameterSets sets_;
   hevc::Sps first_sps_;
   bool has_[3] = {};                   // VPS, SPS, PPS seen
@@ -222,8 +228,8 @@ class HevcScanner {
 }  // namespace
 
 void scan_hevc(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out,
-               const std::function<void(const uint8_t*)>& read_to) {
-  HevcScanner scanner(name, out);
+               const std::function<void(const uint8_t*)>& read_to, bool continues) {
+  HevcScanner scanner(name, out, continues);
   walk_annexb(data, size, name, [&](const NalUnit& nal) { scanner.nal(nal); }, read_to);
   scanner.finish();
   order_for_display(name, out);
@@ -231,6 +237,7 @@ void scan_hevc(const uint8_t* data, std::size_t size, const std::string& name, V
   out.codec = VideoCodec::kH265;
   out.width = sps.width;
   out.height = sps.height;
+  out.reorder_limit = sps.max_num_reorder_pics;
   // §E.3.1: a picture lasts vui_num_units_in_tick of a vui_time_scale clock.
   out.has_vui_rate = sps.timing_info_present && plausible_rate(sps.time_scale, sps.num_units_in_tick, out.vui_rate);
 }
