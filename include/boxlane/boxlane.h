@@ -574,8 +574,10 @@ BOXLANE_API bool Boxlane_Packet_TKhd(const char* lpszClient, uint8_t* ptszMsgBuf
 BOXLANE_API bool Boxlane_Packet_MDhd(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, uint16_t wLanguage);
 /* mdhd (32 bytes) with the movie time scale and the given duration. */
 BOXLANE_API bool Boxlane_Packet_MDhdEx(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, uint16_t wLanguage, uint32_t nDuration);
-/* hdlr: 0 vide, 1 soun, 2 hint, 3 meta, 4 text (45 or 44 bytes). */
+/* hdlr: 0 vide, 1 soun, 2 hint, 3 meta, 4 text (45 bytes for vide and soun,
+ * 44 for the others). */
 BOXLANE_API bool Boxlane_Packet_HDlr(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, uint8_t byHandlerType);
+/* vmhd (20 bytes) and smhd (16 bytes). */
 BOXLANE_API bool Boxlane_Packet_VMhd(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen);
 BOXLANE_API bool Boxlane_Packet_SMhd(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, int16_t wBalance);
 /* dinf with a dref holding one self-contained url entry (36 bytes). */
@@ -617,9 +619,18 @@ BOXLANE_API bool Boxlane_Packet_MDhd64(const char* lpszClient, uint8_t* ptszMsgB
  * (elst version 1, §8.6.6). nMediaTime -1 is an empty edit; a media time
  * below -1 fails with BOXLANE_ERROR_PACKET_PARAMETER. */
 BOXLANE_API bool Boxlane_Packet_EDts64(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, uint64_t nSegmentDuration, int64_t nMediaTime);
-/* stsd with one avc1/avcC (bVideo non-zero) or mp4a/esds entry. Video:
- * 121 + SPS + PPS bytes; audio: 88 + AudioSpecificConfig bytes, more when the
- * configuration exceeds 104 bytes. */
+/* stsd with one avc1/avcC (bVideo non-zero) or mp4a/esds entry. The box is
+ * exactly this long (size the buffer so):
+ *   video: 121 + S + P bytes, S and P the lengths of the first SPS and the
+ *     first PPS in tszVideoHdr, without start codes (0 when none is found);
+ *     121 + nVideoHdrLen is always enough.
+ *   audio: with A = nAudioCfgLen, the AudioSpecificConfig length (each of
+ *     the three ISO/IEC 14496-1 descriptor sizes takes a byte more once it
+ *     passes 127):
+ *       A    0 to  104: 89 + A     A  113 to  127: 91 + A
+ *       A  105 to  112: 90 + A     A  128 to 1024: 92 + A
+ *     e.g. 91 bytes for a 2-byte AAC-LC configuration.
+ * The samplerate field takes the low 16 bits of nAudioSampleRate. */
 BOXLANE_API bool Boxlane_Packet_STsd(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const tag_Qorvane_AVProtocol* pSt_AVProtocol);
 /* stsd with one hvc1/hvcC entry for H.265 video (ISO/IEC 14496-15 §8.3.3).
  * lpszParamSets holds the stream's parameter sets in Annex B form
@@ -635,9 +646,11 @@ BOXLANE_API bool Boxlane_Packet_STsd(const char* lpszClient, uint8_t* ptszMsgBuf
  * BOXLANE_ERROR_PACKET_PARAMETER when a parameter set is missing, unreadable
  * or cannot be described (bit depth above 15). */
 BOXLANE_API bool Boxlane_Packet_STsdHEVC(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const uint8_t* lpszParamSets, int32_t nParamSetsLen);
-/* Sample tables from the frames handed in so far. Buffer sizes: stts 16 + 8
- * per run, ctts 16 + 8 per offset, stss 16 + 4 per key frame, stsc 28, stsz
- * 20 + 4 per sample, stco 16 + 4 per sample. */
+/* Sample tables from the frames handed in so far, of the track bVideo
+ * chooses. Exact sizes: stts 16 + 8 per run (the frames with a positive
+ * duration, in order, start a new run wherever the duration changes); ctts
+ * 16 + 8 per video frame with a positive offset; stss 16 + 4 per video frame
+ * with nKeyFrame 1; stsc 28; stsz 20 + 4 per frame; stco 16 + 4 per frame. */
 BOXLANE_API bool Boxlane_Packet_STts(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, bool bVideo);
 BOXLANE_API bool Boxlane_Packet_CTts(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen);
 BOXLANE_API bool Boxlane_Packet_STss(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen);
@@ -682,7 +695,8 @@ BOXLANE_API bool Boxlane_Packet_FrameVideo(const char* lpszClient, uint8_t* ptsz
  * its length. Each is written with its own 4-byte big-endian length (buffer:
  * the sum of 4 + length). Everything else as Boxlane_Packet_FrameVideo. */
 BOXLANE_API bool Boxlane_Packet_FrameAccessUnit(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const uint8_t* const* pptszNalu, const int32_t* pInt_NaluLen, int32_t nNaluCount, int64_t nFilePos, int32_t nKeyFrame, int32_t nDuration, int32_t nCTSOffset);
-/* One AAC frame; an ADTS header (7 bytes, 9 with CRC) is dropped. */
+/* One AAC frame; an ADTS header (7 bytes, 9 with CRC) is dropped (buffer:
+ * nFrameLen bytes, less the header). */
 BOXLANE_API bool Boxlane_Packet_FrameAudio(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const uint8_t* lpszFrame, int32_t nFrameLen, int64_t nFilePos, int32_t nDuration);
 
 /* -------------------------------------------------------------- fragments */
