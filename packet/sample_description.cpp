@@ -1,6 +1,8 @@
 // The stsd box with its single sample entry: avc1/avcC for H.264
 // (ISO/IEC 14496-12 §12.1.3, ISO/IEC 14496-15 §5.3.3) or mp4a/esds for AAC
 // (ISO/IEC 14496-14 §5.6, with the descriptors of ISO/IEC 14496-1 §7.2.6).
+// Boxlane_Packet_STsdParamSets writes the avc1 entry with every parameter set
+// its caller lists, for streams whose pictures use several.
 #include <boxlane/boxlane.hpp>
 
 #include "frame/last_error.hpp"
@@ -11,12 +13,15 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 
 namespace {
 
 using boxlane::BeWriter;
 
 constexpr int kCodecH264 = 27;
+constexpr uint8_t kNalSps = 7;  // ISO/IEC 14496-10 Table 7-1
+constexpr uint8_t kNalPps = 8;
 constexpr int kFieldCapacity = 1024;  // tszVideoHdr and tszAudioCfg
 
 // ISO/IEC 14496-1 §8.3.3: the expandable size, 7 bits per byte, most
@@ -44,6 +49,21 @@ void put_descriptor_head(BeWriter& w, uint8_t tag, uint32_t payload) noexcept {
   put_expandable_size(w, payload);
 }
 
+// The visual sample entry up to its avcC: the fixed fields, with the size of
+// the client's latest tkhd. The caller writes avcC and closes the entry.
+BeWriter::Box open_avc1(BeWriter& w, const QORVANE_MP4PACKET& record) {
+  const auto entry = w.open("avc1");
+  boxlane::packet::put_visual_entry_fields(w, static_cast<uint16_t>(record.nWidth), static_cast<uint16_t>(record.nHeight),
+                                           "AVC");
+  return entry;
+}
+
+// A parameter set as avcC lists it: 16-bit length, then the NAL unit.
+void put_parameter_set(BeWriter& w, const uint8_t* nal, std::size_t length) {
+  w.u16(static_cast<uint16_t>(length));
+  w.bytes(nal, length);
+}
+
 void write_video_entry(BeWriter& w, const QORVANE_MP4PACKET& record, const tag_Qorvane_AVProtocol& av) {
   const uint8_t* header = av.tszVideoHdr;
   const int header_len = av.nVideoHdrLen;
@@ -58,10 +78,7 @@ void write_video_entry(BeWriter& w, const QORVANE_MP4PACKET& record, const tag_Q
   Sanvik_Parse_VideoHdr(header, header_len, kCodecH264, 0, sps.data(), pps.data(), nullptr, nullptr, &sps_len,
                         &pps_len, nullptr, nullptr);
 
-  const auto entry = w.open("avc1");
-  boxlane::packet::put_visual_entry_fields(w, static_cast<uint16_t>(record.nWidth), static_cast<uint16_t>(record.nHeight),
-                                           "AVC");
-
+  const auto entry = open_avc1(w, record);
   const auto config = w.open("avcC");
   w.u8(1);  // configurationVersion
   w.u8(info[0]);
@@ -69,11 +86,9 @@ void write_video_entry(BeWriter& w, const QORVANE_MP4PACKET& record, const tag_Q
   w.u8(info[1]);
   w.u8(0xFF);  // lengthSizeMinusOne 3: the frame writer emits 4-byte lengths
   w.u8(0xE1);  // one SPS
-  w.u16(static_cast<uint16_t>(sps_len));
-  w.bytes(sps.data(), static_cast<std::size_t>(sps_len));
+  put_parameter_set(w, sps.data(), static_cast<std::size_t>(sps_len));
   w.u8(1);  // one PPS
-  w.u16(static_cast<uint16_t>(pps_len));
-  w.bytes(pps.data(), static_cast<std::size_t>(pps_len));
+  put_parameter_set(w, pps.data(), static_cast<std::size_t>(pps_len));
   w.close(config);
   w.close(entry);
 }
@@ -151,4 +166,53 @@ bool CBoxlane_Packet::Boxlane_Packet_DescriptorLen(uint8_t* ptszMsgBuffer, int* 
   put_expandable_size(w, static_cast<uint32_t>(nLen));
   *pInt_MsgLen = static_cast<int>(w.size());
   return true;
+}
+
+bool CBoxlane_Packet::Boxlane_Packet_STsdParamSets(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen,
+                                                   const uint8_t* const* pptszParamSet, const int* pInt_ParamSetLen,
+                                                   int nParamSetCount) {
+  return boxlane::packet::write_box(
+      *this, lpszClient, ptszMsgBuffer, pInt_MsgLen, [&](const QORVANE_MP4PACKET& record, BeWriter& w) {
+        if (!pptszParamSet || !pInt_ParamSetLen || nParamSetCount < 1)
+          return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
+        const std::span sets(pptszParamSet, static_cast<std::size_t>(nParamSetCount));
+        const std::span lengths(pInt_ParamSetLen, static_cast<std::size_t>(nParamSetCount));
+        // ISO/IEC 14496-15 §5.3.3.1.2: numOfSequenceParameterSets has 5 bits,
+        // numOfPictureParameterSets 8, each length 16.
+        std::size_t sps_count = 0, pps_count = 0;
+        const uint8_t* first_sps = nullptr;
+        for (std::size_t i = 0; i < sets.size(); ++i) {
+          if (!sets[i] || lengths[i] < 1 || lengths[i] > 0xFFFF) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
+          const uint8_t type = sets[i][0] & 0x1F;
+          if (type == kNalSps) {
+            // profile_idc, the constraint flags and level_idc follow the header byte.
+            if (sps_count == 0 && lengths[i] < 4) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
+            if (sps_count == 0) first_sps = sets[i];
+            ++sps_count;
+          } else if (type == kNalPps) {
+            ++pps_count;
+          } else {
+            return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
+          }
+        }
+        if (sps_count < 1 || sps_count > 31 || pps_count > 255) return boxlane::fail(BOXLANE_ERROR_PACKET_PARAMETER);
+
+        const auto stsd = w.open_full("stsd", 0, 0);
+        w.u32(1);  // entry_count
+        const auto entry = open_avc1(w, record);
+        const auto config = w.open("avcC");
+        w.u8(1);                 // configurationVersion
+        w.bytes(first_sps + 1, 3);  // AVCProfileIndication, profile_compatibility, AVCLevelIndication
+        w.u8(0xFF);              // lengthSizeMinusOne 3: the frame writers emit 4-byte lengths
+        w.u8(static_cast<uint8_t>(0xE0 | sps_count));
+        for (const uint8_t wanted : {kNalSps, kNalPps}) {
+          if (wanted == kNalPps) w.u8(static_cast<uint8_t>(pps_count));
+          for (std::size_t i = 0; i < sets.size(); ++i)
+            if ((sets[i][0] & 0x1F) == wanted) put_parameter_set(w, sets[i], static_cast<std::size_t>(lengths[i]));
+        }
+        w.close(config);
+        w.close(entry);
+        w.close(stsd);
+        return true;
+      });
 }

@@ -646,6 +646,17 @@ BOXLANE_API bool Boxlane_Packet_STsd(const char* lpszClient, uint8_t* ptszMsgBuf
  * BOXLANE_ERROR_PACKET_PARAMETER when a parameter set is missing, unreadable
  * or cannot be described (bit depth above 15). */
 BOXLANE_API bool Boxlane_Packet_STsdHEVC(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const uint8_t* lpszParamSets, int32_t nParamSetsLen);
+/* stsd with one avc1/avcC entry that carries every parameter set listed,
+ * for a stream whose pictures use several (ISO/IEC 14496-15 §5.3.3).
+ * pptszParamSet[i] points to an SPS or a PPS NAL unit (type 7 or 8) without
+ * start code, pInt_ParamSetLen[i] is its length, 1 to 65535. SPSs and PPSs
+ * each keep the order given. The first SPS (at least 4 bytes) gives profile,
+ * compatibility and level; width and height come from the latest tkhd, as
+ * for Boxlane_Packet_STsd. 1 to 31 SPSs and up to 255 PPSs; any other NAL
+ * type, a null pointer or a length out of range fails with
+ * BOXLANE_ERROR_PACKET_PARAMETER. The box is exactly 117 bytes plus 2 +
+ * length for every set (121 + S + P for one of each). */
+BOXLANE_API bool Boxlane_Packet_STsdParamSets(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, const uint8_t* const* pptszParamSet, const int32_t* pInt_ParamSetLen, int32_t nParamSetCount);
 /* Sample tables from the frames handed in so far, of the track bVideo
  * chooses. Exact sizes: stts 16 + 8 per run (the frames with a positive
  * duration, in order, start a new run wherever the duration changes); ctts

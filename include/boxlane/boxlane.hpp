@@ -141,6 +141,7 @@ class BOXLANE_API CBoxlane_Packet {
   // Sample description.
   bool Boxlane_Packet_STsd(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, const tag_Qorvane_AVProtocol* pSt_AVProtocol);
   bool Boxlane_Packet_STsdHEVC(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, const uint8_t* lpszParamSets, int nParamSetsLen);
+  bool Boxlane_Packet_STsdParamSets(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen, const uint8_t* const* pptszParamSet, const int* pInt_ParamSetLen, int nParamSetCount);
   // Encodes an ISO/IEC 14496-1 expandable size field; always true.
   bool Boxlane_Packet_DescriptorLen(uint8_t* ptszMsgBuffer, int* pInt_MsgLen, int nLen);
 

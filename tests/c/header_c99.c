@@ -57,6 +57,15 @@ int main(void) {
   CHECK(memcmp(box, "\0\0\0\1mdat\0\0\0\1\0\0\0\0", 16) == 0);
   CHECK(Boxlane_Packet_STco64Size("c99", true, INT64_C(1) << 32, &size));
   CHECK(size == 16);
+  {
+    /* An SPS and a PPS listed for the avcC: 117 + (2 + 4) + (2 + 2) bytes. */
+    static uint8_t stsd[160];
+    const uint8_t sps[] = {0x67, 0x42, 0xC0, 0x1E}, pps[] = {0x68, 0xCE};
+    const uint8_t* const sets[] = {sps, pps};
+    const int32_t lengths[] = {4, 2};
+    CHECK(Boxlane_Packet_STsdParamSets("c99", stsd, &size, sets, lengths, 2));
+    CHECK(size == 127);
+  }
   CHECK(!Boxlane_Packet_FTyp("nobody", box, &size));
   CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PACKET_NOTFOUND);
   CHECK(!Boxlane_Packet_STsdHEVC("c99", box, &size, box, 0));

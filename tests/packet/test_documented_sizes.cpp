@@ -78,6 +78,22 @@ TEST_F(DocumentedSize, VideoSampleDescriptionFromTheFirstParameterSets) {
   }
 }
 
+TEST_F(DocumentedSize, VideoSampleDescriptionFromAListOfParameterSets) {
+  // 117 + 2 + length for every set listed.
+  const std::vector<std::vector<int32_t>> lists = {{4}, {4, 1}, {65535, 65535}, {30, 9, 200, 7, 1, 1, 12}};
+  for (const auto& list : lists) {
+    std::vector<std::vector<uint8_t>> sets;
+    std::size_t documented = 117;
+    for (std::size_t i = 0; i < list.size(); ++i) {
+      sets.emplace_back(static_cast<std::size_t>(list[i]), i == 0 || i % 3 == 2 ? 0x67 : 0x68);
+      documented += 2 + static_cast<std::size_t>(list[i]);
+    }
+    std::vector<const uint8_t*> pointers;
+    for (const auto& set : sets) pointers.push_back(set.data());
+    exact(documented, Boxlane_Packet_STsdParamSets, pointers.data(), list.data(), static_cast<int32_t>(list.size()));
+  }
+}
+
 TEST_F(DocumentedSize, HeaderBoxes) {
   const uint8_t payload[300] = {};
   exact(8, Boxlane_Packet_HDRBox, "moov", static_cast<const uint8_t*>(nullptr), 1000);

@@ -57,6 +57,65 @@ TEST_F(SampleDescription, VideoEntry) {
   EXPECT_EQ(stsd(av.get()).substr(48 * 3, 11), "07 80 04 38");
 }
 
+// Every parameter set listed goes into avcC, SPSs and PPSs each in the order
+// given; profile, compatibility and level are the first SPS's own bytes.
+TEST_F(SampleDescription, VideoEntryWithEveryParameterSet) {
+  const auto sets_box = [&](const std::vector<std::vector<uint8_t>>& sets) {
+    std::vector<const uint8_t*> pointers;
+    std::vector<int32_t> lengths;
+    for (const auto& set : sets) pointers.push_back(set.data()), lengths.push_back(int32_t(set.size()));
+    return box(Boxlane_Packet_STsdParamSets, pointers.data(), lengths.data(), int32_t(sets.size()));
+  };
+  const auto sps0 = unhex("67 64 00 1F AC"), sps1 = unhex("67 4D 40 1E 99"), pps0 = unhex("68 EE 3C 80"),
+             pps1 = unhex("28 CE");
+  tkhd(0, 320, 240);
+  EXPECT_EQ(sets_box({pps0, sps0, pps1, sps1}),
+            bytes_hex("00 00 00 8D 73 74 73 64 00 00 00 00 00 00 00 01 00 00 00 7D 61 76 63 31" +
+                      avc1_fixed("01 40 00 F0") + "00 00 00 27 61 76 63 43 01 64 00 1F FF E2 00 05 67 64 00 1F AC"
+                      "00 05 67 4D 40 1E 99 02 00 04 68 EE 3C 80 00 02 28 CE"));
+  // One of each gives the bytes Boxlane_Packet_STsd gives for the same sets,
+  // but for the compatibility byte, which here is the SPS's.
+  auto av = protocol(true, unhex("00 00 00 01 " + kSps + "00 00 00 01 " + kPps));
+  std::string single = stsd(av.get());
+  single.replace(42 * 3, 2, "00");
+  EXPECT_EQ(sets_box({unhex(kSps), unhex(kPps)}), single);
+  // No PPS is allowed; the count byte is then 0.
+  EXPECT_EQ(sets_box({sps1}).substr(102 * 3), bytes_hex("00 00 00 16 61 76 63 43 01 4D 40 1E FF E1 00 05 67 4D 40 1E 99 00"));
+
+  const std::vector<uint8_t> sps31(4, 0x67), sei = unhex("06 05 01"), empty;
+  const std::vector<std::vector<uint8_t>> refused[] = {
+      {},                                       // no set
+      {pps0},                                   // no SPS
+      {unhex("67 64 00"), pps0},                // the first SPS too short for its profile and level
+      {sps0, sei},                              // not a parameter set
+      {sps0, empty},                            // empty
+      std::vector<std::vector<uint8_t>>(32, sps31),  // 32 SPSs
+      {sps0, std::vector<uint8_t>(65536, 0x68)},  // longer than a 16-bit length
+  };
+  std::vector<std::vector<uint8_t>> pps256(256, pps0);
+  pps256.push_back(sps0);
+  for (const auto& sets : {refused[0], refused[1], refused[2], refused[3], refused[4], refused[5], refused[6], pps256}) {
+    std::vector<const uint8_t*> pointers;
+    std::vector<int32_t> lengths;
+    for (const auto& set : sets) pointers.push_back(set.empty() ? sei.data() : set.data()), lengths.push_back(int32_t(set.size()));
+    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, pointers.data(), lengths.data(),
+            int32_t(sets.size()));
+  }
+  // 31 SPSs and 255 PPSs are the most avcC counts.
+  std::vector<const uint8_t*> most(31, sps0.data());
+  most.insert(most.end(), 255, pps0.data());
+  std::vector<int32_t> most_lengths(31, 5);
+  most_lengths.insert(most_lengths.end(), 255, 4);
+  const std::string full = box(Boxlane_Packet_STsdParamSets, most.data(), most_lengths.data(), int32_t(most.size()));
+  EXPECT_EQ(full.size(), (117u + 31 * 7 + 255 * 6) * 3 - 1);
+  EXPECT_EQ(full.substr(110 * 3, 17), "01 64 00 1F FF FF");
+  const uint8_t* const null_set[] = {sps0.data(), nullptr};
+  const int32_t two[] = {5, 4};
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, null_set, two, 2);
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, static_cast<const uint8_t* const*>(nullptr), two, 1);
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, null_set, static_cast<const int32_t*>(nullptr), 1);
+}
+
 TEST_F(SampleDescription, AudioEntry) {
   const std::string head = "00 00 00 5B 73 74 73 64 00 00 00 00 00 00 00 01 00 00 00 4B 6D 70 34 61 00 00 00 00 00 00 00 01"
                            "00 00 00 00 00 00 00 00 00 02 00 10 00 00 00 00";
