@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace boxlane {
 
@@ -27,5 +28,15 @@ bool parse_adts(const uint8_t* data, std::size_t size, AdtsHeader& out) noexcept
 // The two-byte AudioSpecificConfig for the header's object type, sampling
 // index and channel configuration.
 void audio_specific_config(const AdtsHeader& header, uint8_t out[2]) noexcept;
+
+// For channel_configuration 0, where a program_config_element gives the
+// channel layout (ISO/IEC 14496-3 §4.4.1.1, Table 4.2): the AudioSpecificConfig
+// that carries the PCE found at the start of `raw`, a frame's raw_data_block
+// of `size` bytes. The PCE is copied field by field, because its
+// byte_alignment() is relative to the block in a frame and to the
+// configuration in the AudioSpecificConfig. `channels` gets the number of
+// channels it lays out. False when the block does not start with a whole PCE.
+bool audio_specific_config_with_pce(const AdtsHeader& header, const uint8_t* raw, std::size_t size,
+                                    std::vector<uint8_t>& out, unsigned& channels);
 
 }  // namespace boxlane

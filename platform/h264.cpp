@@ -318,6 +318,26 @@ bool parse_slice_header(const uint8_t* nal, std::size_t size, const ParameterSet
   return true;
 }
 
+bool find_recovery_point(const uint8_t* nal, std::size_t size, uint32_t& recovery_frame_cnt) noexcept {
+  if ((header_of(nal, size) & 0x1F) != kNalSei) return false;
+  BitReader br(nal, size);
+  // §7.3.2.3.1: sei_message()s until the RBSP trailing bits; type and size
+  // are each a run of 0xFF bytes plus a last byte.
+  for (;;) {
+    uint32_t type = 0, bytes = 0, byte;
+    while ((byte = br.bits(8)) == 0xFF && br.ok()) type += 255;
+    type += byte;
+    while ((byte = br.bits(8)) == 0xFF && br.ok()) bytes += 255;
+    bytes += byte;
+    if (!br.ok()) return false;
+    if (type == 6) {
+      recovery_frame_cnt = br.ue();
+      return br.ok();
+    }
+    for (uint32_t i = 0; i < bytes && br.ok(); ++i) br.bits(8);
+  }
+}
+
 int64_t PocCounter::next(const SliceHeader& sh, const Sps& sps) noexcept {
   int64_t top = 0;
   int64_t bottom = 0;

@@ -119,6 +119,11 @@ bool parse_pps(const uint8_t* nal, std::size_t size, Pps& out) noexcept;
 // parameter set, that `sets` does not hold.
 bool parse_slice_header(const uint8_t* nal, std::size_t size, const ParameterSets& sets, SliceHeader& out) noexcept;
 
+// Whether an SEI NAL unit holds a recovery point message (§D.1.8, payload
+// type 6): decoding may start at the access unit it belongs to, and shows
+// pictures exactly after recovery_frame_cnt more frames.
+bool find_recovery_point(const uint8_t* nal, std::size_t size, uint32_t& recovery_frame_cnt) noexcept;
+
 // Picture order counts for pictures given in decoding order (§8.2.1, types
 // 0, 1 and 2). Feed the first slice header of every primary picture.
 class PocCounter {

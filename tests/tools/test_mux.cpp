@@ -7,11 +7,13 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "support/box_builder.hpp"
 #include "support/ffmpeg.hpp"
+#include "support/handmade_h264.hpp"
 #include "support/mp4_file_writer.hpp"
 #include "support/paths.hpp"
 #include "mux_runner.hpp"
@@ -123,6 +125,17 @@ TEST(Mux, BrokenInputFailsAndLeavesNoFile) {
     write_file(dir + name, bytes);
     return shell_quote(dir + name);
   };
+  // The first ADTS header with another sampling_frequency_index or channel_configuration.
+  const auto adts_with = [&](int index, int channels) {
+    auto bytes = audio;
+    if (index >= 0) bytes[2] = static_cast<uint8_t>((bytes[2] & 0xC3) | index << 2);
+    if (channels >= 0) {
+      bytes[2] = static_cast<uint8_t>((bytes[2] & 0xFE) | channels >> 2);
+      bytes[3] = static_cast<uint8_t>((bytes[3] & 0x3F) | (channels & 3) << 6);
+    }
+    return bytes;
+  };
+  using P = HandmadePicture;
 
   const std::string out = dir + "out.mp4";
   const struct {
@@ -139,6 +152,11 @@ TEST(Mux, BrokenInputFailsAndLeavesNoFile) {
       {"--audio " + input("lost.aac", lost), "ADTS sync lost at byte " + std::to_string(second_frame)},
       {"--audio " + input("cut.aac", {audio.begin(), audio.end() - 10}), "cut short"},
       {"--audio " + input("garbage.aac", garbage), "not an AAC ADTS stream"},
+      {"--audio " + input("explicit_rate.aac", adts_with(15, -1)), "at byte 0 gives sampling_frequency_index 15, an explicit"},
+      {"--audio " + input("reserved_rate.aac", adts_with(13, -1)), "the reserved sampling_frequency_index 13"},
+      {"--audio " + input("no_pce.aac", adts_with(-1, 0)), "does not start with the program_config_element"},
+      {"--video " + input("no_idr.h264", handmade_h264({{P::kSkipped}, {P::kSkipped}, {P::kIntra}})),
+       "no IDR picture or recovery point found, so none of its 3 pictures can be decoded"},
       {"--video " + shell_quote(src.video) + " --audio " + shell_quote(dir + "lost.aac"), "sync lost"},
       {"--video " + shell_quote(src.video) + " --fps 0", "--fps"},
       {"--video " + shell_quote(src.video) + " --timescale 20", "too coarse"},
@@ -254,6 +272,157 @@ TEST(Mux, FieldPairsBecomeOneSampleEach) {
             "0.120000,24,__\n"
             "0.040000,24,__\n"
             "0.080000,24,__\n");
+}
+
+// What a written file says, read from its bytes: the entries of its stss
+// and the samplerate field of its mp4a entry (ISO/IEC 14496-12 §8.6.2,
+// §12.2.3). The small files here hold each fourcc once.
+std::vector<uint32_t> sync_samples(const std::vector<uint8_t>& file) {
+  const std::string text(file.begin(), file.end());
+  const std::size_t at = text.find("stss");
+  std::vector<uint32_t> numbers;
+  if (at == std::string::npos) return numbers;
+  const auto u32 = [&](std::size_t i) {
+    return uint32_t{file.at(i)} << 24 | uint32_t{file.at(i + 1)} << 16 | uint32_t{file.at(i + 2)} << 8 | file.at(i + 3);
+  };
+  for (uint32_t i = 0, n = u32(at + 8); i < n; ++i) numbers.push_back(u32(at + 12 + 4 * i));
+  return numbers;
+}
+
+std::string samplerate_field(const std::vector<uint8_t>& file) {
+  const std::string text(file.begin(), file.end());
+  const std::size_t at = text.find("mp4a");
+  return at == std::string::npos ? "" : hex(file.data() + at + 28, 4);
+}
+
+// Frames FFmpeg decodes with A/53 captions attached.
+int caption_frames(const std::string& file) {
+  std::string frames;
+  run("ffprobe -v error -select_streams v -show_frames -show_entries frame_side_data=side_data_type -of csv=p=0 " +
+          shell_quote(file),
+      &frames);
+  int count = 0;
+  for (std::size_t at = 0; (at = frames.find("A53", at)) != std::string::npos; ++at) ++count;
+  return count;
+}
+
+// The elementary stream from its `packet`-th access unit on (from 0), where
+// FFmpeg's own parser puts the unit's start: a recording that began there.
+std::vector<uint8_t> cut_at(const std::string& stream, int packet) {
+  std::string positions;
+  run("ffprobe -v error -show_entries packet=pos -of csv=p=0 " + shell_quote(stream), &positions);
+  std::istringstream rows(positions);
+  std::string row;
+  for (int i = 0; i <= packet; ++i) std::getline(rows, row);
+  const auto bytes = read_file(stream);
+  return {bytes.begin() + std::stol(row), bytes.end()};
+}
+
+// 5.1 AAC whose frames give channel_configuration 0 and lay the channels out
+// in a program_config_element at the start of each raw_data_block, as
+// broadcast encoders write it, made from FFmpeg's 5.1 ADTS stream.
+std::vector<uint8_t> with_pce(const std::vector<uint8_t>& adts) {
+  // ISO/IEC 14496-3 Table 4.2 for 48 kHz (index 3): ID_PCE, tag 0, object
+  // type LC, front: SCE 0 and CPE 0, back: CPE 1, LFE 0; byte aligned, no
+  // comment. 64 bits.
+  const auto pce = unhex("A0 99 00 A0 00 21 10 00");
+  std::vector<uint8_t> out;
+  for (std::size_t at = 0; at + 7 <= adts.size();) {
+    const std::size_t length = ((adts[at + 3] & 3u) << 11) | (adts[at + 4] << 3) | (adts[at + 5] >> 5);
+    const std::size_t header = (adts[at + 1] & 1) ? 7 : 9, grown = length + pce.size();
+    std::vector<uint8_t> head(adts.begin() + at, adts.begin() + at + header);
+    head[2] &= 0xFE;  // channel_configuration 0: its top bit,
+    head[3] = static_cast<uint8_t>((head[3] & 0x3C) | (grown >> 11));  // its low two bits, frame_length
+    head[4] = static_cast<uint8_t>(grown >> 3);
+    head[5] = static_cast<uint8_t>((head[5] & 0x1F) | (grown << 5));
+    out.insert(out.end(), head.begin(), head.end());
+    out.insert(out.end(), pce.begin(), pce.end());
+    out.insert(out.end(), adts.begin() + at + header, adts.begin() + at + length);
+    at += length;
+  }
+  return out;
+}
+
+// Streams in the shapes other encoders and broadcast gear write. Each is
+// muxed, and the file must decode in FFmpeg without a message to exactly
+// the frames FFmpeg decodes from the elementary streams themselves (which
+// shows nothing before the first point decoding can start either).
+TEST(Mux, StreamsFromOtherEncoders) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const std::string dir = temp_dir() + "/";
+  using P = HandmadePicture;
+  const auto file = [&](const std::string& name, const std::vector<uint8_t>& bytes) {
+    write_file(dir + name, bytes);
+    return dir + name;
+  };
+  std::string log;
+  for (const char* shape : {"intra-refresh=1:keyint=25 -bf 0", "open-gop=1:keyint=20 -bf 3"}) {
+    ASSERT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=160x120:rate=25:duration=2 -c:v libx264 -preset veryfast "
+                     "-x264-params " + std::string(shape) + " -f h264 " +
+                         shell_quote(dir + (shape[0] == 'i' ? "refresh.h264" : "open.h264")), &log), 0) << log;
+  }
+  ASSERT_EQ(ffmpeg("-v error -f lavfi -i sine=frequency=440:sample_rate=96000:duration=1 -c:a aac -f adts " +
+                   shell_quote(dir + "96k.aac"), &log), 0) << log;
+  ASSERT_EQ(ffmpeg("-v error -f lavfi -i sine=frequency=440:sample_rate=48000:duration=1 -af "
+                   "'pan=5.1|c0=c0|c1=0.5*c0|c2=0.3*c0|c3=0.2*c0|c4=0.1*c0|c5=0.7*c0' -c:a aac -f adts " +
+                   shell_quote(dir + "51.aac"), &log), 0) << log;
+
+  const std::vector<P> turns = {{P::kIdr, 0, 0x40}, {P::kSkipped, 1}, {P::kSkipped, 0},
+                                {P::kIdr, 1, 0xC0}, {P::kSkipped, 0}, {P::kSkipped, 1}};
+  const std::vector<P> mid_gop = {{P::kSkipped, 0}, {P::kSkipped, 1}, {P::kIdr, 0, 0x50},
+                                  {P::kSkipped, 1}, {P::kIntra, 0, 0x90}, {P::kSkipped, 0}};
+  const std::vector<P> recovery = {{P::kSkipped, 0}, {P::kIntra, 0, 0x60, true}, {P::kSkipped, 1},
+                                   {P::kIntra, 1, 0xA0, true}, {P::kSkipped, 0}};
+  std::vector<P> captioned = turns;
+  for (P& p : captioned) p.captions = true;
+  const struct {
+    std::string video, audio, options;
+    std::vector<std::string> says;
+    std::vector<uint32_t> sync;  // the stss entries
+    int captions;                // frames with A/53 captions
+    bool decodes_like_source = true;
+  } cases[] = {
+      // Pictures that use two PPS ids by turns: the sample entry holds both.
+      {file("turns.h264", handmade_h264(turns)), "", "", {"6 frames"}, {1, 4}, 0},
+      // A recording cut in the middle of a GOP starts at its first IDR picture.
+      {file("mid_gop.h264", handmade_h264(mid_gop)), "", "",
+       {"4 frames at 25 fps (2 leading pictures that cannot be decoded dropped)"}, {1}, 0},
+      {dir + "mid_gop.h264", "", "--keep-leading", {"6 frames at 25 fps;"}, {3}, 0, false},
+      // ... or at a recovery point SEI, which then is a sync sample.
+      {file("recovery.h264", handmade_h264(recovery)), "", "", {"4 frames", "(1 leading picture that"}, {1}, 0},
+      // Before the first parameter sets nothing can be kept.
+      {file("no_sets_first.h264", cat({handmade_h264({{P::kSkipped}, {P::kSkipped}, {P::kSkipped}}, false),
+                                       handmade_h264(turns)})),
+       "", "--keep-leading", {"6 frames at 25 fps (3 leading pictures"}, {1, 4}, 0},
+      // Caption SEI stays in its picture's sample, unless stripped.
+      {file("captions.h264", handmade_h264(captioned)), "", "", {"6 frames"}, {1, 4}, 6},
+      {dir + "captions.h264", "", "--strip-sei", {"6 frames"}, {1, 4}, 0},
+      // x264 with intra refresh (recovery points, one IDR) and with open GOPs,
+      // each cut after its first IDR picture.
+      {file("refresh_cut.h264", cut_at(dir + "refresh.h264", 7)), "", "", {"leading pictures that cannot be decoded dropped"}, {1}, 0},
+      {file("open_cut.h264", cut_at(dir + "open.h264", 7)), "", "", {"with B-frames (13 leading pictures"}, {1}, 0},
+      // 96 kHz AAC: the 16-bit samplerate field is 0; 5.1 laid out by a PCE.
+      {"", dir + "96k.aac", "", {"96000 Hz mono"}, {}, 0},
+      {"", file("pce.aac", with_pce(read_file(dir + "51.aac"))), "", {"48000 Hz 6 channels (program_config_element)"}, {}, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.video + c.audio + " " + c.options);
+    const std::string out = dir + "out.mp4";
+    const Result r = mux((c.video.empty() ? "" : "--video " + shell_quote(c.video)) +
+                         (c.audio.empty() ? "" : " --audio " + shell_quote(c.audio)) + " --fps 25 " + c.options +
+                         " -o " + shell_quote(out));
+    ASSERT_EQ(r.status, 0) << r.output;
+    for (const auto& says : c.says) EXPECT_NE(r.output.find(says), std::string::npos) << says << " in " << r.output;
+    if (c.decodes_like_source) expect_decodes_like(out, c.video, c.audio);
+    const auto bytes = read_file(out);
+    EXPECT_EQ(sync_samples(bytes), c.sync);
+    if (!c.video.empty()) EXPECT_EQ(caption_frames(out), c.captions);
+    if (c.audio.empty()) continue;
+    std::string stream;
+    run("ffprobe -v error -show_entries stream=sample_rate,channels -of csv=p=0 " + shell_quote(out), &stream);
+    EXPECT_EQ(stream, c.audio.find("96k") != std::string::npos ? "96000,1\n" : "48000,6\n");
+    EXPECT_EQ(samplerate_field(bytes), c.audio.find("96k") != std::string::npos ? "00 00 00 00" : "BB 80 00 00");
+  }
 }
 
 }  // namespace

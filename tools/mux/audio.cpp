@@ -23,6 +23,15 @@ std::size_t id3_tag_size(const uint8_t* data, std::size_t size) {
   return r.ok() && total <= size ? static_cast<std::size_t>(total) : 0;
 }
 
+// The sampling_frequency_index of what starts like an ADTS header (sync
+// word, layer 0), or 16 for anything else.
+uint32_t sampling_index(const uint8_t* data, std::size_t size) {
+  BeReader r(data, size);
+  const uint32_t head = r.u24();
+  if (!r.ok() || (head >> 12) != 0xFFF || ((head >> 9) & 3) != 0) return 16;
+  return (head >> 2) & 0x0F;
+}
+
 bool has_sync(const uint8_t* data, std::size_t size) {
   BeReader r(data, size);
   return (r.u16() & 0xFFF6) == 0xFFF0 && r.ok();
@@ -37,6 +46,16 @@ void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, 
     AdtsHeader h;
     const std::size_t left = size - pos;
     if (!parse_adts(data + pos, left, h)) {
+      const uint32_t index = sampling_index(data + pos, left);
+      if (index == 15) {
+        throw ToolError(name + ": ADTS frame" + at(pos) +
+                       " gives sampling_frequency_index 15, an explicit sample rate, which ADTS does not allow "
+                       "(ISO/IEC 14496-3 §1.A.2.2.1); the stream is damaged or not ADTS");
+      }
+      if (index == 13 || index == 14) {
+        throw ToolError(name + ": ADTS frame" + at(pos) + " gives the reserved sampling_frequency_index " +
+                       std::to_string(index) + "; the stream is damaged or not ADTS");
+      }
       if (has_sync(data + pos, left)) {
         throw ToolError(name + ": ADTS frame" + at(pos) + " is cut short or damaged (" + std::to_string(left) +
                        " bytes left)");
@@ -45,11 +64,24 @@ void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, 
                      (out.frames.empty() ? "; this is not an AAC ADTS stream" : ""));
     }
     if (out.frames.empty()) {
-      if (h.channel_config == 0) {
-        throw ToolError(name + ": the channel layout is given in the stream (channel_configuration 0), which is not supported");
-      }
       out.config = h;
-      audio_specific_config(h, out.audio_specific_config);
+      if (h.channel_config == 0) {
+        // The layout is in a program_config_element at the start of the
+        // frame; the MP4 configuration carries it instead.
+        unsigned channels = 0;
+        const std::size_t raw = std::min<std::size_t>(h.frame_length, left) - h.header_length;
+        if (!audio_specific_config_with_pce(h, data + pos + h.header_length, raw, out.audio_specific_config,
+                                            channels)) {
+          throw ToolError(name + ": the first ADTS frame gives channel_configuration 0 but does not start with the "
+                         "program_config_element that would lay the channels out");
+        }
+        out.channels = channels;
+      } else {
+        out.audio_specific_config.resize(2);
+        audio_specific_config(h, out.audio_specific_config.data());
+        // ISO/IEC 14496-3 Table 1.19: configuration 7 is 7.1, eight channels.
+        out.channels = h.channel_config == 7 ? 8 : h.channel_config;
+      }
     } else if (h.sampling_index != out.config.sampling_index || h.channel_config != out.config.channel_config ||
                h.profile != out.config.profile) {
       throw ToolError(name + ": the ADTS header" + at(pos) +

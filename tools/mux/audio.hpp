@@ -20,7 +20,8 @@ struct AudioFrame {
 
 struct AudioStream {
   AdtsHeader config;  // the first header
-  uint8_t audio_specific_config[2] = {0, 0};
+  std::vector<uint8_t> audio_specific_config;
+  uint32_t channels = 0;
   std::vector<AudioFrame> frames;
   uint64_t payload_bytes = 0;  // sum of the frames without their headers
   uint32_t max_frame_size = 0;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "boxlane/boxlane.h"
+#include "tools/mux/audio_description.hpp"
 #include "tools/mux/video_description.hpp"
 
 namespace boxlane::tool {
@@ -64,16 +65,9 @@ class Builder {
         return write_video_stsd(c, *in_.video, p, l);
       }));
     } else {
-      tag_Qorvane_AVProtocol desc{};
-      const AudioStream& s = *in_.audio;
-      desc.bAudio = 1;
-      desc.nAudioChannel = s.config.channel_config == 7 ? 8 : s.config.channel_config;
-      desc.nAudioSampleRate = static_cast<int32_t>(s.config.sample_rate);
-      desc.nAudioSampleBit = 16;
-      desc.nAudioFrameSize = AudioStream::kSamplesPerFrame;
-      desc.nAudioCfgLen = 2;
-      std::memcpy(desc.tszAudioCfg, s.audio_specific_config, 2);
-      append(stbl, call_box("the audio stsd", 4096, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsd(c, p, l, &desc); }));
+      append(stbl, call_box("the audio stsd", audio_stsd_size(*in_.audio), [&](uint8_t* p, int32_t* l) {
+        return write_audio_stsd(c, *in_.audio, p, l);
+      }));
     }
     append(stbl, call_box("stts", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STts(c, p, l, video); }));
     append(stbl, call_box("stsc", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsc(c, p, l); }));

@@ -13,6 +13,7 @@
 #include "boxlane/boxlane.h"
 #include "tools/common/tool_error.hpp"
 #include "tools/common/output_file.hpp"
+#include "tools/mux/audio_description.hpp"
 #include "tools/mux/chunk_offsets.hpp"
 #include "tools/mux/video_description.hpp"
 #include "tools/mux/writer_client.hpp"
@@ -250,7 +251,7 @@ class MovieWriter {
     if (a_) {
       plan_.audio = true;
       const uint64_t m = a_->frames.size();
-      plan_.a_stsd = 88 + 1 + 2;
+      plan_.a_stsd = audio_stsd_size(*a_);
       plan_.a_stts = checked32(16 + 8 * uint64_t{runs_of(m, timing_.audio)}, "stts");
       plan_.a_stsz = checked32(20 + 4 * m, "stsz");
       plan_.a_stco.samples = m;
@@ -411,17 +412,7 @@ class MovieWriter {
     m.box("dinf", 36, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_DInf(c, p, len); });
     m.container("stbl", plan_.a_stbl() - kBoxHeader);
 
-    tag_Qorvane_AVProtocol desc{};
-    desc.bVideo = 0;
-    desc.bAudio = 1;
-    // ISO/IEC 14496-3 Table 1.19: configuration 7 is 7.1, eight channels.
-    desc.nAudioChannel = a_->config.channel_config == 7 ? 8 : a_->config.channel_config;
-    desc.nAudioSampleRate = static_cast<int32_t>(a_->config.sample_rate);
-    desc.nAudioSampleBit = 16;
-    desc.nAudioFrameSize = AudioStream::kSamplesPerFrame;
-    desc.nAudioCfgLen = 2;
-    std::memcpy(desc.tszAudioCfg, a_->audio_specific_config, 2);
-    m.box("the audio stsd", plan_.a_stsd, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsd(c, p, len, &desc); });
+    m.box("the audio stsd", plan_.a_stsd, [&](uint8_t* p, int32_t* len) { return write_audio_stsd(c, *a_, p, len); });
     m.box("the audio stts", plan_.a_stts, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STts(c, p, len, false); });
     m.box("the audio stsc", 28, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsc(c, p, len); });
     m.box("the audio stsz", plan_.a_stsz, [&](uint8_t* p, int32_t* len) { return Boxlane_Packet_STsz(c, p, len, false); });

@@ -55,13 +55,22 @@ constexpr const char* kUsage =
     "                       and AAC durations are whole numbers)\n"
     "      --faststart      put the movie header before the media data, so playback\n"
     "                       over a network can start before the whole file arrives\n"
+    "      --keep-leading   H.264: keep the pictures before the first IDR picture or\n"
+    "                       recovery point, which no decoder can show correctly\n"
+    "                       (by default they are dropped, and counted in the summary)\n"
+    "      --strip-sei      H.264: leave SEI NAL units (captions, timing, encoder\n"
+    "                       notes) out of the samples (by default each stays in its\n"
+    "                       picture's sample)\n"
     "  -q, --quiet          print nothing but errors\n"
     "  -h, --help           show this help\n"
     "\n"
     "B-frames are ordered by the slices' picture order count and the video track\n"
     "gets an edit list, so video and audio start together. An access unit of several\n"
     "slices becomes one sample, and so do the two fields of a frame coded as fields.\n"
-    "The stream's SPS and PPS must not change. H.265 goes into an hvc1 track with\n"
+    "Every H.264 SPS and PPS the pictures use goes into the sample description; one\n"
+    "with an id seen before must not change, nor may the picture size. AAC with its\n"
+    "channel layout in a program_config_element (channel_configuration 0) keeps the\n"
+    "layout in the MP4 configuration. H.265 goes into an hvc1 track with\n"
     "its VPS, SPS and PPS in the sample description; IDR, CRA and BLA pictures are\n"
     "its key frames.\n"
     "\n"
@@ -87,6 +96,7 @@ struct Options {
   std::optional<FrameRate> fps;
   uint32_t timescale = 0;
   bool faststart = false;
+  VideoScanOptions scan;
   bool quiet = false;
   double fragment = 0;  // seconds; 0: one movie
   bool fsync = false;
@@ -171,6 +181,10 @@ bool parse_args(int argc, char** argv, Options& o) {
       o.fragment = seconds;
     } else if (arg == "--fsync") {
       o.fsync = true;
+    } else if (arg == "--keep-leading") {
+      o.scan.keep_leading = true;
+    } else if (arg == "--strip-sei") {
+      o.scan.strip_sei = true;
     } else if (arg == "-q" || arg == "--quiet") {
       o.quiet = true;
     } else {
@@ -207,13 +221,14 @@ std::string size_text(uint64_t bytes) {
   return text;
 }
 
-const char* channels_text(uint8_t config) {
-  switch (config) {
+std::string channels_text(const AudioStream& audio) {
+  if (audio.config.channel_config == 0) return std::to_string(audio.channels) + " channels (program_config_element)";
+  switch (audio.channels) {
     case 1: return "mono";
     case 2: return "stereo";
     case 6: return "5.1";
-    case 7: return "7.1";
-    default: return "multichannel";
+    case 8: return "7.1";
+    default: return std::to_string(audio.channels) + " channels";
   }
 }
 
@@ -322,15 +337,14 @@ int run(const Options& o) {
     if (codec == VideoCodec::kH265) {
       scan_hevc(video_file->data(), video_file->size(), o.video, video, in.video_read);
     } else {
-      scan_video(video_file->data(), video_file->size(), o.video, video, in.video_read);
+      scan_video(video_file->data(), video_file->size(), o.video, video, in.video_read, o.scan);
     }
     in.video = &video;
     in.fps = o.fps ? *o.fps : (video.has_vui_rate ? video.vui_rate : FrameRate{});
+    // H.265 (the H.264 count goes into the summary).
     if (!o.quiet && video.skipped_before_parameter_sets) {
-      std::fprintf(stderr, "boxlane mux: %s: skipped %u %s\n", o.video.c_str(), video.skipped_before_parameter_sets,
-                   video.codec == VideoCodec::kH265
-                       ? "pictures that cannot be decoded (before the first random access point, or its RASL pictures)"
-                       : "slices that came before the first SPS and PPS");
+      std::fprintf(stderr, "boxlane mux: %s: skipped %u pictures that cannot be decoded (before the first random "
+                   "access point, or its RASL pictures)\n", o.video.c_str(), video.skipped_before_parameter_sets);
     }
     if (!o.quiet && !o.fps && !video.has_vui_rate) {
       std::fprintf(stderr, "boxlane mux: %s: no frame rate in the stream; assuming 25 (set it with --fps)\n",
@@ -369,11 +383,15 @@ int run(const Options& o) {
                 std::to_string(video.width) + "x" + std::to_string(video.height) + ", " +
                 std::to_string(video.units.size()) + " frames at " + rate_text(in.fps) + " fps";
       if (video.reordered) tracks += " with B-frames";
+      if (video.dropped_leading) {
+        tracks += " (" + std::to_string(video.dropped_leading) + " leading picture" +
+                  (video.dropped_leading == 1 ? "" : "s") + " that cannot be decoded dropped)";
+      }
     }
     if (in.audio) {
       if (!tracks.empty()) tracks += "; ";
       tracks += "audio AAC " + std::to_string(audio.config.sample_rate) + " Hz " +
-                channels_text(audio.config.channel_config) + ", " + std::to_string(audio.frames.size()) + " frames";
+                channels_text(audio) + ", " + std::to_string(audio.frames.size()) + " frames";
     }
     std::printf("%s: %s; %.2f s, %s%s, written in %.2f s\n", o.output.c_str(), tracks.c_str(),
                 static_cast<double>(result.duration) / result.timescale, size_text(result.file_size).c_str(),

@@ -1,6 +1,7 @@
 #include "tools/mux/video.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <numeric>
 
@@ -42,7 +43,8 @@ bool starts_new_picture(const h264::SliceHeader& prev, const h264::SliceHeader& 
 // Groups NAL units into access units as it goes.
 class Scanner {
  public:
-  Scanner(const std::string& name, VideoStream& out) : name_(name), out_(out) {}
+  Scanner(const std::string& name, VideoStream& out, VideoScanOptions options)
+      : name_(name), out_(out), options_(options) {}
 
   void nal(const NalUnit& nal) {
     if (nal.size == 0) return;
@@ -70,9 +72,13 @@ class Scanner {
         if (open_) add(nal);
         return;
       case h264::kNalSei:
+        // §7.4.1.2.3: SEI comes before the first slice of its access unit,
+        // and goes into that unit's sample.
+        close_unit();
+        sei(nal);
+        return;
       case h264::kNalAud:
       case 14: case 15: case 16: case 17: case 18:
-        // §7.4.1.2.3: these come before the first slice of an access unit.
         close_unit();
         return;
       default:
@@ -84,88 +90,137 @@ class Scanner {
 
   void finish() {
     close_unit();
-    if (out_.sps_nal.empty()) {
+    pending_sei_.clear();
+    if (out_.sps_nals.empty()) {
       throw ToolError(name_ + ": no sequence parameter set (SPS) found; this is neither an H.264 nor an H.265 stream");
     }
-    if (out_.pps_nal.empty()) throw ToolError(name_ + ": no picture parameter set (PPS) found");
-    if (out_.units.empty()) throw ToolError(name_ + ": no coded pictures found");
+    if (out_.pps_nals.empty()) throw ToolError(name_ + ": no picture parameter set (PPS) found");
+    if (out_.units.empty()) {
+      if (out_.dropped_leading) {
+        throw ToolError(name_ + ": no IDR picture or recovery point found, so none of its " +
+                       std::to_string(out_.dropped_leading) +
+                       " pictures can be decoded on its own (--keep-leading keeps them all the same)");
+      }
+      throw ToolError(name_ + ": no coded pictures found");
+    }
+    drop_leading_of_recovery_point();
   }
 
  private:
   void sps(const NalUnit& nal) {
     h264::Sps parsed;
     if (!h264::parse_sps(nal.data, nal.size, parsed)) unreadable("sequence", nal);
-    if (!keep_first(out_.sps_nal, nal, "sequence", "SPS")) return;
-    out_.sps = parsed;
+    if (!keep_set(sets_.has_sps[parsed.id], out_.sps_nals, sps_index_[parsed.id], nal, "sequence")) return;
+    if (out_.sps_nals.size() == 1) {
+      out_.sps = parsed;
+    } else if (parsed.width != out_.sps.width || parsed.height != out_.sps.height) {
+      throw ToolError(name_ + ": a sequence parameter set" + at(nal.offset) + " gives another picture size (" +
+                     std::to_string(parsed.width) + "x" + std::to_string(parsed.height) + " after " +
+                     std::to_string(out_.sps.width) + "x" + std::to_string(out_.sps.height) +
+                     "); one MP4 track holds one size, so split the stream there");
+    }
     sets_.sps[parsed.id] = parsed;
-    sets_.has_sps[parsed.id] = true;
   }
 
   void pps(const NalUnit& nal) {
     h264::Pps parsed;
     if (!h264::parse_pps(nal.data, nal.size, parsed)) unreadable("picture", nal);
-    if (out_.pps_nal.empty() && !sets_.has_sps[parsed.sps_id]) {
-      throw ToolError(name_ + ": no sequence parameter set (SPS) was sent before the picture parameter set" +
-                     at(nal.offset));
+    if (!sets_.has_sps[parsed.sps_id]) {
+      // A stream cut anywhere may repeat its sets in any order before its
+      // first picture; what comes after must be whole.
+      if (!started_) return;
+      throw ToolError(name_ + ": no sequence parameter set (SPS) with id " + std::to_string(parsed.sps_id) +
+                     " was sent before the picture parameter set" + at(nal.offset));
     }
-    if (!keep_first(out_.pps_nal, nal, "picture", "PPS")) return;
+    if (!keep_set(sets_.has_pps[parsed.id], out_.pps_nals, pps_index_[parsed.id], nal, "picture")) return;
     sets_.pps[parsed.id] = parsed;
-    sets_.has_pps[parsed.id] = true;
   }
 
   [[noreturn]] void unreadable(const char* kind, const NalUnit& nal) {
     throw ToolError(name_ + ": cannot read the " + kind + " parameter set" + at(nal.offset) + " (damaged or cut short)");
   }
 
-  // The sample description holds one parameter set of each kind: the first
-  // is kept (true), repeats must be identical (false), anything else stops.
-  bool keep_first(std::vector<uint8_t>& kept, const NalUnit& nal, const char* kind, const char* abbrev) {
-    if (kept.empty()) {
-      kept.assign(nal.data, nal.data + nal.size);
+  // The sample description holds every parameter set the stream uses: a new
+  // id is kept (true), a repeat must be identical (false), and a set that
+  // changes what an id means stops the scan.
+  bool keep_set(bool& known, std::vector<std::vector<uint8_t>>& kept, std::size_t& index, const NalUnit& nal,
+                const char* kind) {
+    if (!known) {
+      known = true;
+      index = kept.size();
+      kept.emplace_back(nal.data, nal.data + nal.size);
       return true;
     }
-    if (!same_bytes(kept, nal)) {
-      throw ToolError(name_ + ": the " + kind + " parameter set changes" + at(nal.offset) +
-                     " (or a second one appears); one MP4 track holds one " + abbrev + ", so split the stream there");
+    if (!same_bytes(kept[index], nal)) {
+      throw ToolError(name_ + ": the " + std::string(kind) + " parameter set changes" + at(nal.offset) +
+                     " (the same id with other contents); one MP4 track holds one set per id, so split the stream there");
     }
     return false;
   }
 
+  void sei(const NalUnit& nal) {
+    uint32_t frames = 0;
+    if (h264::find_recovery_point(nal.data, nal.size, frames)) recovery_point_ = true;
+    if (!options_.strip_sei) pending_sei_.push_back(SampleNal{nal.data, static_cast<uint32_t>(nal.size)});
+  }
+
+  // A slice of a picture that is left out: counted once per picture, by its
+  // first slice (first_mb_in_slice 0, which needs no parameter set to read).
+  void drop(const NalUnit& nal) {
+    h264::BitReader br(nal.data, nal.size);
+    if (br.ue() == 0 && br.ok()) ++out_.dropped_leading;
+    pending_sei_.clear();
+    recovery_point_ = false;
+  }
+
   void slice(const NalUnit& nal) {
-    if (out_.pps_nal.empty()) {
-      // Pictures before the first parameter sets cannot be decoded by
-      // anyone; a stream cut from a broadcast starts like this.
-      ++out_.skipped_before_parameter_sets;
-      return;
-    }
     h264::SliceHeader sh;
-    if (!h264::parse_slice_header(nal.data, nal.size, sets_, sh)) {
+    const bool readable = h264::parse_slice_header(nal.data, nal.size, sets_, sh);
+    if (!started_) {
+      // Pictures before the first parameter sets, or before the first point
+      // where decoding can start, cannot be shown correctly by anyone; a
+      // stream cut from a broadcast starts like this.
+      const bool random_access = readable && (sh.idr() || recovery_point_);
+      if (!readable || (!random_access && !options_.keep_leading)) return drop(nal);
+      started_ = true;
+      started_at_idr_ = sh.idr();
+    }
+    if (!readable) {
       throw ToolError(name_ + ": cannot read the slice header" + at(nal.offset) +
                      " (damaged, cut short, or it names a parameter set that was not sent)");
     }
-    if (open_ && starts_new_picture(first_, sh, out_.sps)) close_unit();
+    if (open_ && starts_new_picture(first_, sh, sps_of(first_))) close_unit();
     if (!open_) {
       open_ = true;
       first_ = sh;
       unit_ = AccessUnit{};
       unit_.first_nal = static_cast<uint32_t>(out_.nals.size());
       unit_.input_offset = nal.offset;
-      unit_.key = sh.idr();
+      // A recovery point is a sync sample only where decoding starts: later
+      // ones may have leading pictures that need what came before.
+      unit_.key = sh.idr() || (out_.units.empty() && recovery_point_);
+      recovery_point_ = false;
+      for (const SampleNal& sei : pending_sei_) add_bytes(sei.data, sei.size);
+      pending_sei_.clear();
     }
     add(nal);
   }
 
-  void add(const NalUnit& nal) {
-    out_.nals.push_back(SampleNal{nal.data, static_cast<uint32_t>(nal.size)});
+  const h264::Sps& sps_of(const h264::SliceHeader& sh) const { return sets_.sps[sets_.pps[sh.pps_id].sps_id]; }
+
+  void add(const NalUnit& nal) { add_bytes(nal.data, static_cast<uint32_t>(nal.size)); }
+
+  void add_bytes(const uint8_t* data, uint32_t size) {
+    out_.nals.push_back(SampleNal{data, size});
     ++unit_.nal_count;
-    unit_.sample_size += 4 + nal.size;
+    unit_.sample_size += 4 + uint64_t{size};
   }
 
   void close_unit() {
     if (!open_) return;
     open_ = false;
     unit_.restart = out_.units.empty() || first_.idr() || first_.mmco5;
-    unit_.poc = poc_.next(first_, out_.sps);
+    unit_.poc = poc_.next(first_, sps_of(first_));
     out_.payload_bytes += unit_.sample_size;
     if (completes_field_pair()) {
       // The two fields of a frame are one sample (ISO/IEC 14496-15 §5.3.2):
@@ -184,6 +239,32 @@ class Scanner {
     out_.units.push_back(unit_);
   }
 
+  // Decoding that starts at a recovery point that is not an IDR picture
+  // cannot show the pictures that follow it in decoding order but come
+  // before it in display order (an open GOP's leading pictures): they refer
+  // to pictures before the start. They go unless asked for.
+  void drop_leading_of_recovery_point() {
+    auto& units = out_.units;
+    if (options_.keep_leading || started_at_idr_) return;
+    const int64_t start = units.front().poc;
+    std::size_t kept = 1;
+    for (std::size_t i = 1; i < units.size(); ++i) {
+      if (units[i].restart) {
+        std::copy(units.begin() + static_cast<std::ptrdiff_t>(i), units.end(),
+                  units.begin() + static_cast<std::ptrdiff_t>(kept));
+        kept += units.size() - i;
+        break;
+      }
+      if (units[i].poc < start) {
+        ++out_.dropped_leading;
+        out_.payload_bytes -= units[i].sample_size;
+        continue;
+      }
+      units[kept++] = units[i];
+    }
+    units.resize(kept);
+  }
+
   // §3.30, §3.31: a field pairs with the unpaired field just before it when
   // the parities differ, the frame_num is the same, both or neither are
   // reference fields, and it is neither an IDR nor carries mmco 5.
@@ -200,8 +281,15 @@ class Scanner {
 
   const std::string& name_;
   VideoStream& out_;
+  const VideoScanOptions options_;
   h264::ParameterSets sets_;
+  std::array<std::size_t, 32> sps_index_{};   // id to position in out_.sps_nals
+  std::array<std::size_t, 256> pps_index_{};  // id to position in out_.pps_nals
   h264::PocCounter poc_;
+  bool started_ = false;         // a random access point has been seen
+  bool started_at_idr_ = false;
+  bool recovery_point_ = false;  // an SEI of the coming unit holds a recovery point
+  std::vector<SampleNal> pending_sei_;  // SEI of the coming unit
   bool open_ = false;
   h264::SliceHeader first_;
   AccessUnit unit_;
@@ -261,8 +349,8 @@ void walk_annexb(const uint8_t* data, std::size_t size, const std::string& name,
 }
 
 void scan_video(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out,
-                const std::function<void(const uint8_t*)>& read_to) {
-  Scanner scanner(name, out);
+                const std::function<void(const uint8_t*)>& read_to, VideoScanOptions options) {
+  Scanner scanner(name, out, options);
   walk_annexb(data, size, name, [&](const NalUnit& nal) { scanner.nal(nal); }, read_to);
   scanner.finish();
   order_for_display(name, out);

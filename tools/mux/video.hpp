@@ -40,6 +40,15 @@ struct FrameRate {
   uint32_t den = 1;
 };
 
+struct VideoScanOptions {
+  // Keep the pictures before the first random access point, which no
+  // decoder can show correctly (those before the first parameter sets are
+  // dropped all the same: they cannot even be read).
+  bool keep_leading = false;
+  // Leave SEI NAL units (captions, timing, encoder notes) out of the samples.
+  bool strip_sei = false;
+};
+
 struct VideoStream {
   VideoCodec codec = VideoCodec::kH264;
   uint32_t width = 0;  // shown picture size, from the first SPS
@@ -47,9 +56,11 @@ struct VideoStream {
   // H.265: every distinct VPS, SPS and PPS in the order they first appear,
   // without start codes, for the hvcC record.
   std::vector<std::vector<uint8_t>> hevc_sets;
-  h264::Sps sps;
-  std::vector<uint8_t> sps_nal;  // without start code
-  std::vector<uint8_t> pps_nal;
+  h264::Sps sps;  // the first one: the picture size and frame rate come from it
+  // H.264: every distinct SPS and PPS, in the order they first appear,
+  // without start codes: pictures may use several by turns.
+  std::vector<std::vector<uint8_t>> sps_nals;
+  std::vector<std::vector<uint8_t>> pps_nals;
   std::vector<SampleNal> nals;
   std::vector<AccessUnit> units;  // decoding order
   // Display position of every access unit (a permutation of 0..n-1).
@@ -65,6 +76,10 @@ struct VideoStream {
   uint64_t max_sample_size = 0;
   uint64_t payload_bytes = 0;  // sum of sample sizes
   uint32_t skipped_before_parameter_sets = 0;
+  // H.264: pictures left out before the first random access point (and,
+  // when it is not an IDR picture, those shown before it that need the
+  // pictures before it), counted by their first slice.
+  uint32_t dropped_leading = 0;
   bool has_vui_rate = false;
   FrameRate vui_rate;
 };
@@ -73,7 +88,7 @@ struct VideoStream {
 // `name` is the path, for messages.
 // `read_to`, when given, is told how far the scan has read.
 void scan_video(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out,
-                const std::function<void(const uint8_t*)>& read_to = {});
+                const std::function<void(const uint8_t*)>& read_to = {}, VideoScanOptions options = {});
 
 // The same for H.265 (ISO/IEC 23008-2): a sample per picture, IRAP pictures
 // (IDR, CRA, BLA) as key frames, the parameter sets in hevc_sets and none in

@@ -17,10 +17,17 @@ uint32_t video_stsd_size(const VideoStream& v) {
     for (const std::vector<uint8_t>& set : v.hevc_sets) sets += 2 + set.size();
     return static_cast<uint32_t>(142 + sets);
   }
-  if (v.sps_nal.size() + v.pps_nal.size() + 8 > sizeof(tag_Qorvane_AVProtocol{}.tszVideoHdr)) {
-    throw ToolError("the SPS and PPS together exceed the 1016 bytes the sample description takes");
+  // Boxlane_Packet_STsdParamSets: 117 bytes and each set with its length.
+  uint64_t size = 117;
+  for (const auto* sets : {&v.sps_nals, &v.pps_nals}) {
+    for (const auto& set : *sets) {
+      if (set.size() > 0xFFFF) throw ToolError("a parameter set is longer than the 65535 bytes avcC can hold");
+      size += 2 + set.size();
+    }
   }
-  return static_cast<uint32_t>(121 + v.sps_nal.size() + v.pps_nal.size());
+  if (v.sps_nals.size() > 31 || v.pps_nals.size() > 255)
+    throw ToolError("the stream uses more than 31 SPSs or 255 PPSs, more than one sample description can hold");
+  return static_cast<uint32_t>(size);
 }
 
 bool write_video_stsd(const char* client, const VideoStream& v, uint8_t* out, int32_t* length) {
@@ -33,19 +40,17 @@ bool write_video_stsd(const char* client, const VideoStream& v, uint8_t* out, in
     }
     return Boxlane_Packet_STsdHEVC(client, out, length, sets.data(), static_cast<int32_t>(sets.size()));
   }
-  tag_Qorvane_AVProtocol desc{};
-  desc.bVideo = 1;
-  desc.nVideoCodec = 27;
-  desc.nVideoWidth = static_cast<int32_t>(v.width);
-  desc.nVideoHeight = static_cast<int32_t>(v.height);
-  std::size_t at = 0;
-  for (const std::vector<uint8_t>* set : {&v.sps_nal, &v.pps_nal}) {
-    std::memcpy(desc.tszVideoHdr + at, start, 4);
-    std::memcpy(desc.tszVideoHdr + at + 4, set->data(), set->size());
-    at += 4 + set->size();
+  // Every SPS and PPS the pictures use (Boxlane_Packet_STsd would carry one
+  // of each).
+  std::vector<const uint8_t*> sets;
+  std::vector<int32_t> lengths;
+  for (const auto* list : {&v.sps_nals, &v.pps_nals}) {
+    for (const auto& set : *list) {
+      sets.push_back(set.data());
+      lengths.push_back(static_cast<int32_t>(set.size()));
+    }
   }
-  desc.nVideoHdrLen = static_cast<int32_t>(at);
-  return Boxlane_Packet_STsd(client, out, length, &desc);
+  return Boxlane_Packet_STsdParamSets(client, out, length, sets.data(), lengths.data(), static_cast<int32_t>(sets.size()));
 }
 
 }  // namespace boxlane::tool
