@@ -5,6 +5,7 @@
 #include "support/box_builder.hpp"
 #include "support/ffmpeg.hpp"
 #include "support/mp4_file_writer.hpp"
+#include "support/mp4_rewrite.hpp"
 #include "support/paths.hpp"
 #include "support/probe_json.hpp"
 #include "tools/common/json_writer.hpp"
@@ -31,10 +32,13 @@ class ProbeTool : public ::testing::Test {
     const std::string d = temp_dir() + "/", video = "-f lavfi -i testsrc=size=160x120:rate=25 ";
     moov_last_ = d + "moov_last.mp4";
     fast_start_ = d + "fast_start.mp4";
+    fragmented_ = d + "fragmented.mp4";
     ready_ = ffmpeg(video + "-f lavfi -i sine=frequency=440:sample_rate=44100 -t 2 -pix_fmt yuv420p "
                     "-c:v libx264 -g 12 -c:a aac -b:a 48k " + shell_quote(moov_last_)) == 0 &&
              ffmpeg(video + "-f lavfi -i sine=frequency=300:sample_rate=48000 -t 1.5 -ac 2 -pix_fmt yuv420p "
-                    "-c:v libx264 -profile:v baseline -g 10 -c:a aac -movflags +faststart " + shell_quote(fast_start_)) == 0;
+                    "-c:v libx264 -profile:v baseline -g 10 -c:a aac -movflags +faststart " + shell_quote(fast_start_)) == 0 &&
+             ffmpeg(video + "-f lavfi -i sine=frequency=300:sample_rate=48000 -t 1 -pix_fmt yuv420p -c:v libx264 -g 10 "
+                    "-c:a aac -movflags frag_keyframe+empty_moov " + shell_quote(fragmented_)) == 0;
   }
 
   void SetUp() override {
@@ -45,6 +49,7 @@ class ProbeTool : public ::testing::Test {
 
   static inline std::string moov_last_;   // High profile with B-frames and mono AAC, moov after mdat
   static inline std::string fast_start_;  // Constrained Baseline and stereo AAC, moov first
+  static inline std::string fragmented_;  // an empty moov, then moof and mdat pairs
   static inline bool ready_ = false;
 };
 
@@ -313,11 +318,191 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
   EXPECT_EQ(same_size["key_frames"].num(), 10);
   EXPECT_TRUE(same_size["all_sync"].flag);
   EXPECT_TRUE(same_size["consistency"]["notes"].items.empty());
+  EXPECT_TRUE(same_size["complete"].flag);
   std::string tables;
   ASSERT_EQ(probe("--tables " + shell_quote(dir + "constant.mp4"), &tables), 0);
   EXPECT_NE(tables.find("  stsz: sample_size 100 for each of 10 samples\n"), std::string::npos) << tables;
   // 3 chunks of 4 against 10 samples.
   EXPECT_EQ(same_size["consistency"]["problems"].items.size(), 1u);
+}
+
+// The first occurrence of a fourcc in a file, as the offset of its box.
+std::size_t box_at(const std::vector<uint8_t>& file, const char* type, std::size_t from = 0) {
+  const std::string text(file.begin(), file.end());
+  const std::size_t at = text.find(type, from);
+  EXPECT_NE(at, std::string::npos) << type;
+  return at - 4;
+}
+
+uint32_t get32(const std::vector<uint8_t>& file, std::size_t at) {
+  return uint32_t{file.at(at)} << 24 | uint32_t{file.at(at + 1)} << 16 | uint32_t{file.at(at + 2)} << 8 | file.at(at + 3);
+}
+
+void put32(std::vector<uint8_t>& file, std::size_t at, uint32_t v) {
+  for (int i = 0; i < 4; ++i) file.at(at + i) = uint8_t(v >> (24 - 8 * i));
+}
+
+// The first stsz, a table of sizes below 65536, becomes an stz2 of 16-bit
+// fields followed by a free box over the bytes it no longer needs: no other
+// box moves or changes size.
+std::vector<uint8_t> with_stz2(std::vector<uint8_t> file) {
+  const std::size_t at = box_at(file, "stsz");
+  const uint32_t count = get32(file, at + 16);
+  EXPECT_EQ(get32(file, at + 12), 0u) << "a table, not one size";
+  EXPECT_GE(count, 4u);
+  Bytes stz2 = Bytes().u24(0).u8(16).u32(count);
+  for (uint32_t i = 0; i < count; ++i) stz2.u16(uint16_t(get32(file, at + 20 + 4 * i)));
+  const Bytes both = cat({full_box("stz2", 0, 0, stz2), box("free", Bytes().zeros(2 * count - 8))});
+  EXPECT_EQ(both.size(), get32(file, at));
+  std::copy(both.begin(), both.end(), file.begin() + long(at));
+  return file;
+}
+
+// Every value the parser's rules keep from the report is marked at the
+// report and at the track it belongs to, in text and JSON alike, in either
+// client mode, and probe still exits 0; what is whole is not marked.
+TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
+  const std::string dir = temp_dir() + "/";
+  const auto fast = read_file(fast_start_);  // moov (video track 1, audio track 2), then mdat
+  const auto changed = [&](auto change) {
+    auto bytes = fast;
+    change(bytes);
+    return bytes;
+  };
+  const std::size_t moov = box_at(fast, "moov"), second_trak = box_at(fast, "trak", box_at(fast, "trak") + 8);
+  // A box with a 64-bit size before the second trak of the movie box.
+  const auto nested_large = changed([&](std::vector<uint8_t>& b) {
+    const Bytes large = Bytes().u32(1).str("free").u64(16);
+    b.insert(b.begin() + long(second_trak), large.begin(), large.end());
+    put32(b, moov, get32(b, moov) + 16);
+  });
+  // The second trak declaring more than the parser reassembles.
+  const auto nested_huge = changed([&](std::vector<uint8_t>& b) { put32(b, second_trak, 0x10000001); });
+  const auto large_mdat = widen_mdat(fast);
+  const std::string mdat_at = std::to_string(box_at(large_mdat, "mdat"));
+  const auto fragmented = read_file(fragmented_);
+  const Bytes size_four = Bytes().u32(4).str("free").zeros(4);
+  const auto with_id = [&](uint32_t id) {
+    return changed([&](std::vector<uint8_t>& b) { put32(b, box_at(b, "tkhd", box_at(b, "tkhd") + 8) + 20, id); });
+  };
+  const std::string fragments_unread = "which --strict does not read: their samples are not counted";
+  const std::string moov_stop = "the parser stopped inside the movie box (at offset ";
+
+  struct Marks {
+    std::vector<std::string> report, track1, track2;  // missing at the top, at track 1 and at track 2
+    std::size_t tracks;                               // listed
+  };
+  const auto marks = [](std::vector<std::string> report = {}, std::vector<std::string> track1 = {},
+                        std::vector<std::string> track2 = {}, std::size_t tracks = 2) {
+    return Marks{std::move(report), std::move(track1), std::move(track2), tracks};
+  };
+  const struct {
+    const char* name;
+    std::vector<uint8_t> bytes;
+    Marks extended, strict;
+  } cases[] = {
+      {"whole.mp4", fast, marks(), marks()},
+      {"fragmented.mp4", fragmented, marks(),
+       marks({"movie fragments (moof) are not read with --strict"}, {fragments_unread}, {fragments_unread})},
+      {"one_fragment.mp4", cat({fast, box("moof", full_box("mfhd", 0, 0, Bytes().u32(1)))}), marks(),
+       marks({"1 movie fragment (moof) is not read with --strict"}, {"the file has 1 movie fragment (moof), " + fragments_unread},
+             {fragments_unread})},
+      {"co64.mp4", with_co64(read_file(moov_last_)), marks(),
+       marks({}, {"no chunk offsets: they are 64-bit (co64), which --strict does not read"}, {"(co64), which --strict"})},
+      {"stz2.mp4", with_stz2(fast), marks(), marks({}, {"no sample sizes: they are in a compact stz2 table, which --strict"})},
+      {"description_2.mp4", changed([&](std::vector<uint8_t>& b) { put32(b, box_at(b, "stsc") + 24, 2); }),
+       marks({}, {"stsc gives samples sample description 2, but the parser hands out only the first"}),
+       marks({}, {"sample description 2"})},
+      {"track_10.mp4", with_id(10), marks(), marks()},
+      // An mdat that ends the file loses nothing however its size is given.
+      {"large_mdat.mp4", large_mdat, marks(), marks()},
+      {"large_mdat_then_free.mp4", cat({large_mdat, box("free", Bytes().zeros(8))}), marks(),
+       marks({"reading stopped early: box 'mdat' at offset " + mdat_at + " has a 64-bit size, which --strict does not follow"})},
+      {"nested_large.mp4", nested_large, marks(),
+       marks({"box 'free' at offset " + std::to_string(second_trak) + " has a 64-bit size"},
+             {moov_stop + std::to_string(second_trak) + ")"}, {}, 1)},
+      {"nested_huge.mp4", nested_huge,
+       marks({"box 'trak' at offset " + std::to_string(second_trak) + " is larger than the parser takes: the parser "
+              "stopped there (0x091B0006 BOXLANE_ERROR_PARSE_NOTSUPPORT"},
+             {moov_stop + std::to_string(second_trak) + ")"}, {}, 1),
+       marks({"box 'trak' at offset " + std::to_string(second_trak) + " is larger"}, {moov_stop}, {}, 1)},
+      // A stop after the movie keeps nothing from a progressive file's
+      // tracks; a fragmented file's may lack fragments.
+      {"size_four.mp4", cat({fast, size_four}),
+       marks({"box 'free' at offset " + std::to_string(fast.size()) + " has a size below its own header: the parser "
+              "stopped there (0x091B0007 BOXLANE_ERROR_PARSE_MALFORMED"}),
+       marks({"has a size below its own header"})},
+      {"fragmented_size_four.mp4", cat({fragmented, size_four}),
+       marks({"has a size below its own header"},
+             {"movie fragments after offset " + std::to_string(fragmented.size()) + " are not counted: reading stopped there"},
+             {"movie fragments after offset"}),
+       marks({"has a size below its own header", "movie fragments (moof) are not read with --strict"}, {fragments_unread},
+             {fragments_unread})},
+  };
+  for (const auto& c : cases) {
+    write_file(dir + c.name, c.bytes);
+    const std::string file = shell_quote(dir + c.name);
+    for (const bool strict : {false, true}) {
+      SCOPED_TRACE(std::string(c.name) + (strict ? " --strict" : ""));
+      const Marks& want = strict ? c.strict : c.extended;
+      const std::string mode = strict ? "--strict " : "";
+      std::string text;
+      ASSERT_EQ(probe(mode + file, &text), 0);
+      const Json doc = probe_json(mode + file);
+      // The same marks however the input is cut, from a pipe too: only the
+      // bytes read after a stop depend on the pieces.
+      std::string whole_json, cut_json, piped_json;
+      ASSERT_EQ(probe("--json " + mode + file, &whole_json), 0);
+      EXPECT_EQ(probe("--json --piece 7 " + mode + file, &cut_json), 0);
+      EXPECT_EQ(run("cat " + file + " | " + shell_quote(tool_path()) + " probe --json " + mode + "-", &piped_json), 0);
+      const auto without_bytes = [](std::string json) {
+        const std::size_t at = json.find("\"stream_bytes\": ");
+        return json.erase(at, json.find('\n', at) - at);
+      };
+      EXPECT_EQ(without_bytes(cut_json), without_bytes(whole_json));
+      EXPECT_EQ(without_bytes(piped_json), without_bytes(whole_json));
+
+      const bool whole = want.report.empty() && want.track1.empty() && want.track2.empty() && want.tracks == 2;
+      EXPECT_EQ(doc["complete"].flag, whole);
+      EXPECT_EQ(text.find("INCOMPLETE") == std::string::npos, whole) << text;
+      std::string report_missing;
+      for (const Json& gap : doc["missing"].items) report_missing += gap.text + "|";
+      for (const auto& says : want.report) {
+        EXPECT_NE(report_missing.find(says), std::string::npos) << says << " in " << report_missing;
+        EXPECT_NE(text.find("INCOMPLETE:  "), std::string::npos);
+      }
+      if (want.report.empty()) {
+        EXPECT_EQ(report_missing, "");
+      }
+      const auto& tracks = doc["tracks"].items;
+      ASSERT_EQ(tracks.size(), want.tracks);
+      for (std::size_t i = 0; i < tracks.size(); ++i) {
+        const auto& wanted = i == 0 ? want.track1 : want.track2;
+        std::string missing;
+        for (const Json& gap : tracks[i]["missing"].items) missing += gap.text + "|";
+        EXPECT_EQ(tracks[i]["complete"].flag, wanted.empty()) << missing;
+        for (const auto& says : wanted) EXPECT_NE(missing.find(says), std::string::npos) << says << " in " << missing;
+        // The text says it at the track: its heading, then one line per gap.
+        const std::size_t heading = text.find("\ntrack " + std::to_string(int(tracks[i]["id"].num())) + ": ");
+        ASSERT_NE(heading, std::string::npos);
+        const std::string block = text.substr(heading, text.find("\n  codec:", heading) - heading);
+        EXPECT_EQ(block.find(", INCOMPLETE\n  missing:     ") != std::string::npos, !wanted.empty()) << block;
+      }
+    }
+  }
+  // A stop that loses nothing is said once, as where reading ended.
+  std::string text;
+  ASSERT_EQ(probe("--strict " + shell_quote(dir + "large_mdat.mp4"), &text), 0);
+  EXPECT_NE(text.find("\nstream:      box 'mdat' at offset " + mdat_at + " has a 64-bit size"), std::string::npos) << text;
+  ASSERT_EQ(probe("--strict " + shell_quote(dir + "large_mdat_then_free.mp4"), &text), 0);
+  EXPECT_EQ(text.find("\nstream:      "), std::string::npos) << text;
+  // --strict names the ids GetTrack leaves out: 10, and not 9.
+  for (const uint32_t id : {9u, 10u}) {
+    write_file(dir + "id.mp4", with_id(id));
+    ASSERT_EQ(probe("--strict " + shell_quote(dir + "id.mp4"), &text), 0);
+    EXPECT_EQ(text.find("track id " + std::to_string(id) + " lies outside 0 to 9") != std::string::npos, id == 10) << text;
+    EXPECT_NE(text.find("\ntrack " + std::to_string(id) + ": audio"), std::string::npos) << text;
+  }
 }
 
 TEST(JsonWriter, AnyBytesBecomeValidJson) {

@@ -169,9 +169,9 @@ bool collect_report(const char* client, ProbeReport& report, FragmentLog fragmen
       if (!fetch_table_samples(client, id, track.index.nTableSamples, track.samples, error)) return false;
       track.samples.insert(track.samples.end(), track.fragments.samples.begin(), track.fragments.samples.end());
     }
-    track.facts = derive_facts(track);
+    track.facts = derive_facts(track, report.strict);
   }
-  note_modes(report);
+  mark_missing(report);
   return true;
 }
 

@@ -21,11 +21,12 @@ std::string count_text(uint64_t n, const char* one, const char* many) {
 
 // ISO/IEC 14496-12 §8.7.4: an stsc entry covers the chunks from its
 // first_chunk up to the next entry's; the last runs to the final stco chunk.
-void check_chunks(const ProbeTables& t, ProbeFacts& f, bool large_offsets) {
+void check_chunks(const ProbeTables& t, ProbeFacts& f, bool large_offsets, bool strict) {
   if (f.chunk_count == 0) {
-    if (f.sample_count > 0)
-      f.notes.push_back(large_offsets ? "no chunk offsets: they are 64-bit (co64), which --strict does not read"
-                                      : "no chunk offsets: the track has no stco");
+    if (f.sample_count > 0 && large_offsets && strict)
+      f.missing.push_back("no chunk offsets: they are 64-bit (co64), which --strict does not read");
+    else if (f.sample_count > 0)
+      f.notes.push_back(large_offsets ? "no chunk offsets: the co64 table lists none" : "no chunk offsets: the track has no stco");
     return;
   }
   if (t.stsc.empty()) {
@@ -71,7 +72,7 @@ void check_sync_samples(const ProbeTables& t, ProbeFacts& f) {
 
 }  // namespace
 
-ProbeFacts derive_facts(const ProbeTrack& track) {
+ProbeFacts derive_facts(const ProbeTrack& track, bool strict) {
   const ProbeTables& t = track.tables;
   ProbeFacts f;
   for (const auto& run : t.stts) {
@@ -107,16 +108,19 @@ ProbeFacts derive_facts(const ProbeTrack& track) {
   f.frame_rate = timed ? static_cast<double>(f.samples) / seconds : nan;
   f.bit_rate = timed && (sized || f.fragment_samples) ? 8.0 * static_cast<double>(f.sample_bytes) / seconds : nan;
 
-  if (f.samples == 0) f.notes.push_back("the tables list no samples, and no fragment holds any");
+  // --strict reads no fragment: whether they hold samples is marked apart.
+  if (f.samples == 0)
+    f.notes.push_back(strict ? "the tables list no samples" : "the tables list no samples, and no fragment holds any");
   if (f.stsz_count > 0 && f.stsz_count != f.sample_count)
     f.problems.push_back("stts counts " + count_text(f.sample_count, "sample", "samples") + " but stsz lists " +
                          count_text(f.stsz_count, "size", "sizes"));
-  if (!sized && f.sample_count > 0)
-    f.notes.push_back(track.index.bCompactSizes
-                          ? "no sample sizes: they are in a compact stz2 table, which --strict does not read: "
-                            "no byte count or bit rate"
-                          : "no sample sizes: the track has no stsz");
-  check_chunks(t, f, track.index.bLargeOffsets);
+  if (!sized && f.sample_count > 0 && track.index.bCompactSizes && strict)
+    f.missing.push_back("no sample sizes: they are in a compact stz2 table, which --strict does not read: "
+                        "no byte count or bit rate");
+  else if (!sized && f.sample_count > 0)
+    f.notes.push_back(track.index.bCompactSizes ? "no sample sizes: the stz2 table lists none the parser can read"
+                                                : "no sample sizes: the track has no stsz");
+  check_chunks(t, f, track.index.bLargeOffsets, strict);
   if (!t.ctts.empty()) {
     uint64_t covered = 0;
     for (const auto& run : t.ctts) covered = saturating_add(covered, run.nValue1);
@@ -131,7 +135,16 @@ ProbeFacts derive_facts(const ProbeTrack& track) {
   if (track.mdhd.nDuration != f.table_duration && f.fragment_samples == 0)
     f.notes.push_back("mdhd gives a duration of " + std::to_string(track.mdhd.nDuration) +
                       " but the stts deltas add up to " + std::to_string(f.table_duration));
-  if (!track.codec) f.notes.push_back("the sample description could not be read");
+  if (!track.codec) f.missing.push_back("the sample description could not be read");
+  if ((track.codec && track.codec->bTruncated) || (track.hevc && track.hevc->bTruncated))
+    f.missing.push_back("the sample description holds more parameter sets or configuration than the parser keeps");
+  for (const QORVANE_HDRSAMPLENFO& entry : t.stsc) {
+    if (entry.nValue3 > 1) {
+      f.missing.push_back("stsc gives samples sample description " + std::to_string(entry.nValue3) +
+                          ", but the parser hands out only the first");
+      break;
+    }
+  }
   return f;
 }
 

@@ -33,7 +33,7 @@ bool ProbeFeed::run(PieceSizes sizes) {
     for (;;) {
       const std::span<const uint8_t> piece = input_.view(sizes.next());
       if (piece.empty()) return finish();
-      if (!take(piece.data(), piece.size())) return false;
+      if (!take(piece.data(), piece.size())) return stop_code_ != 0;
       if (mode_ == Mode::kToEnd) return finish();
       skip_outside_piece();
     }
@@ -48,7 +48,7 @@ bool ProbeFeed::run(PieceSizes sizes) {
       return false;
     }
     if (got == 0) return finish();
-    if (!take(buffer.data(), static_cast<std::size_t>(got))) return false;
+    if (!take(buffer.data(), static_cast<std::size_t>(got))) return stop_code_ != 0;
     if (mode_ == Mode::kToEnd) return finish();
     skip_outside_piece();
   }
@@ -68,12 +68,14 @@ bool ProbeFeed::take(const uint8_t* piece_data, std::size_t size) {
     std::size_t n = 0;
     switch (mode_) {
       case Mode::kHeader:
+      case Mode::kStopSize:
         n = std::min(header_want_ - header_have_, size - at);
         std::copy_n(piece.subspan(at, n).begin(), n, std::span(header_).subspan(header_have_).begin());
         header_have_ += n;
         break;
       case Mode::kBody:
       case Mode::kSkip:
+      case Mode::kStopBody:
         n = static_cast<std::size_t>(std::min<uint64_t>(left_, size - at));
         left_ -= n;
         break;
@@ -81,10 +83,26 @@ bool ProbeFeed::take(const uint8_t* piece_data, std::size_t size) {
       case Mode::kToEnd:
         n = size - at;
         break;
+      case Mode::kStopEnd:
+        // A byte after the box: the parser has not read what follows.
+        n = size - at;
+        mode_ = Mode::kToEnd;
+        to_end_is_mdat_ = true;
+        break;
     }
-    if (mode_ == Mode::kSkip || (mode_ == Mode::kToEnd && to_end_is_mdat_)) run = at + n;
+    const bool unsent = mode_ == Mode::kSkip || mode_ == Mode::kStopSize || mode_ == Mode::kStopBody ||
+                        (mode_ == Mode::kToEnd && to_end_is_mdat_);
+    if (unsent) run = at + n;
     at += n;
     position_ += n;
+
+    if (mode_ == Mode::kStopSize && header_have_ == header_want_) {
+      const uint64_t declared = be64(std::span(header_).subspan<8, 8>());
+      left_ = declared >= 16 ? declared - 16 : 0;
+      mode_ = declared >= 16 ? Mode::kStopBody : Mode::kToEnd;
+      to_end_is_mdat_ = true;
+    }
+    if (mode_ == Mode::kStopBody && left_ == 0) mode_ = Mode::kStopEnd;
 
     if (mode_ == Mode::kHeader && header_have_ == header_want_) {
       // ISO/IEC 14496-12 §4.2: size field 1 puts a 64-bit size after the
@@ -112,9 +130,9 @@ bool ProbeFeed::on_header() {
     flush_here = mdat;
   } else if (size_field_ == 1 && !extended_) {
     // The specified mode stops at a 64-bit size: the header goes to the
-    // parser, which notes where and why, and reading ends there.
-    mode_ = Mode::kToEnd;
-    to_end_is_mdat_ = true;
+    // parser, which notes where and why; nothing more is sent.
+    mode_ = Mode::kStopSize;
+    header_want_ = 16;
     flush_here = true;
   } else if (size_field_ == 1 || (size_field_ >= 2 && size_field_ < 8)) {
     // The parser refuses these; what follows goes in a Send of its own so
@@ -140,11 +158,13 @@ bool ProbeFeed::on_header() {
 }
 
 void ProbeFeed::skip_outside_piece() {
-  if (mode_ != Mode::kSkip || left_ == 0) return;
+  if ((mode_ != Mode::kSkip && mode_ != Mode::kStopBody) || left_ == 0) return;
   const uint64_t skipped = input_.skip(left_);
   position_ += skipped;
   left_ -= skipped;
-  if (left_ == 0) next_box();
+  if (left_ != 0) return;
+  if (mode_ == Mode::kSkip) next_box();
+  else mode_ = Mode::kStopEnd;
 }
 
 void ProbeFeed::next_box() {
@@ -171,10 +191,26 @@ bool ProbeFeed::send(const uint8_t* data, std::size_t size, uint64_t offset) {
       return true;
     }
   }
+  if (stopped(code)) return false;
   error_ = "parser error " + hex_code(code) + " " + error_name(code) + ": piece of " + std::to_string(size) +
            (size == 1 ? " byte" : " bytes") + " at offset " + std::to_string(offset) + ", " + box_label();
   if (mode_ == Mode::kBody || mode_ == Mode::kSkip) error_ += " declaring " + std::to_string(size_field_) + " bytes";
   return false;
+}
+
+bool ProbeFeed::stopped(uint64_t code) {
+  if (code != BOXLANE_ERROR_PARSE_NOTSUPPORT && code != BOXLANE_ERROR_PARSE_MALFORMED) return false;
+  BOXLANE_STREAMINFO stream{};
+  {
+    std::lock_guard gate(library_gate());
+    if (!Boxlane_Parse_GetStream(client_, &stream)) return false;
+  }
+  // These are the parser declining a box by its rules (a 64-bit size, a
+  // size below its header, a box over its limit): it reads nothing more of
+  // this stream, and what it read before stands. The report says where.
+  if (stream.nStop == BOXLANE_STOP_NONE) return false;
+  stop_code_ = code;
+  return true;
 }
 
 bool ProbeFeed::finish() {
@@ -202,6 +238,12 @@ bool ProbeFeed::finish() {
       }
       return true;
     case Mode::kToEnd:
+      return true;
+    case Mode::kStopSize:
+    case Mode::kStopBody:
+      return true;  // cut short, but the parser had stopped at its header
+    case Mode::kStopEnd:
+      stopped_box_ends_input_ = true;
       return true;
   }
   return true;

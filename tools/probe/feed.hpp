@@ -29,9 +29,16 @@ class ProbeFeed {
       : client_(client), input_(input), extended_(extended) {}
 
   // Reads the whole input; false with error() set on the first failure.
+  // When the parser stops the stream at a box (a rule of the parser, not a
+  // fault of the input), the run ends there and is true, with stop_code()
+  // the code the parser refused the box with (0 when it took it).
   bool run(PieceSizes sizes);
 
   const std::string& error() const { return error_; }
+  uint64_t stop_code() const { return stop_code_; }
+  // The parser stopped at a top-level box with a 64-bit size, and the input
+  // ends where that size says the box ends.
+  bool stopped_box_ends_input() const { return stopped_box_ends_input_; }
   uint64_t stream_bytes() const { return position_; }
   uint64_t sent_bytes() const { return sent_; }
 
@@ -41,7 +48,12 @@ class ProbeFeed {
     kBody,         // sending the rest of a box
     kSkip,         // passing over an mdat payload
     kPassThrough,  // a box whose end is unknown: everything left is sent
-    kToEnd,        // a box of size 0: it runs to the end, so reading stops after this piece
+    kToEnd,        // a box of size 0, or a stop: reading stops after this piece
+    // --strict stops at a 64-bit size; the loop alone reads that size and
+    // passes over the box, to learn whether the input ends with it.
+    kStopSize,     // collecting the 8 bytes of the 64-bit size, not sent
+    kStopBody,     // passing over the rest of that box, not sent
+    kStopEnd,      // at its end: any byte now means more follows
   };
 
   bool take(const uint8_t* piece, std::size_t size);
@@ -54,9 +66,15 @@ class ProbeFeed {
   void next_box();
   std::string box_label() const;
 
+  // Ends the run at a refusal of the parser when it stopped the stream;
+  // false when the refusal was no stop.
+  bool stopped(uint64_t code);
+
   const char* client_;
   ProbeInput& input_;
   std::string error_;
+  uint64_t stop_code_ = 0;
+  bool stopped_box_ends_input_ = false;
   Mode mode_ = Mode::kHeader;
   uint64_t position_ = 0;   // stream offset of the next byte to be looked at
   uint64_t sent_ = 0;

@@ -151,6 +151,8 @@ void write_track(JsonWriter& json, const ProbeTrack& track, bool samples) {
   const ProbeFacts& f = track.facts;
   json.begin_object();
   json.member("id", track.id);
+  json.member("complete", f.missing.empty());
+  write_strings(json, "missing", f.missing);
   json.member("handler", track.handler());
   json.member("handler_name", track.handler_name());
   write_codec(json, track);
@@ -227,6 +229,10 @@ bool write_json_report(const ProbeReport& report, std::FILE* sink, bool samples)
   json.begin_object();
   json.member("stream_bytes", report.stream_bytes);
   json.member("mode", std::string_view(report.strict ? "strict" : "extended"));
+  // Whether every figure below is the whole file's; `missing` says what is
+  // not, and each track says so again for itself.
+  json.member("complete", report.complete());
+  write_strings(json, "missing", report.missing);
   json.member("form", file_form(report));
   json.member("fragments", report.stream.nFragments);
   json.member("large_boxes", report.stream.nLargeBoxes);

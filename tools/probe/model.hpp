@@ -58,7 +58,10 @@ struct ProbeFacts {
   double frame_rate = 0;         // samples per second; NaN when unknown
   double bit_rate = 0;           // bits per second; NaN when unknown
   std::vector<std::string> problems;  // the tables contradict each other
-  std::vector<std::string> notes;     // gaps in what the parser hands out
+  std::vector<std::string> notes;     // worth knowing, nothing missing
+  // Values the parser's rules left out of this track: while any is listed,
+  // the track's figures are not the whole file's.
+  std::vector<std::string> missing;
   // Samples of the track's movie fragments (the extended mode reads them).
   uint64_t fragment_samples = 0;
   uint64_t fragment_duration = 0;  // their durations summed, media time scale
@@ -112,22 +115,43 @@ struct ProbeReport {
   std::vector<ProbeBox> boxes;
   bool strict = false;           // the client was inserted the specified way (--strict)
   BOXLANE_STREAMINFO stream{};   // where the parser's reading of the stream stands
+  uint64_t stop_code = 0;        // the parser's error code at a stop it refused a box with; 0 for none
+  // The parser stopped at a top-level box with a 64-bit size (--strict),
+  // and the input ends where that size says the box does.
+  bool stopped_box_ends_input = false;
+  // What the report as a whole lacks; empty when it is complete.
+  std::vector<std::string> missing;
+
+  bool complete() const {
+    if (!missing.empty()) return false;
+    for (const ProbeTrack& track : tracks)
+      if (!track.facts.missing.empty()) return false;
+    return true;
+  }
 };
 
 std::vector<ProbeBox> place_boxes(const std::vector<QORVANE_MP4HDR>& records);
 // Asks the parser everything about the client, and joins the fragments the
-// workers took to their tracks (with every sample when `samples`); false
-// with error set when a query fails.
+// workers took to their tracks (with every sample when `samples`), and
+// marks what the report lacks (`stop_code` and `stopped_box_ends_input`
+// set first); false with error set when a query fails.
 bool collect_report(const char* client, ProbeReport& report, FragmentLog fragments, bool samples, std::string& error);
 // How the file is laid out: "progressive", "fragmented, N fragments", with
 // 64-bit box sizes, and where the stream stopped.
 std::string file_form(const ProbeReport& report);
 std::string stream_stop(const ProbeReport& report);
-// Adds to each track the notes that depend on the client's mode: what
-// --strict leaves unread (fragments, co64, stz2, 64-bit sizes, track ids
-// outside 0 to 9).
-void note_modes(ProbeReport& report);
-ProbeFacts derive_facts(const ProbeTrack& track);
+// Whether the stop, if any, kept anything from the report: not when the
+// stream ends in an mdat the parser stopped at (its payload is never read).
+bool stop_loses_data(const ProbeReport& report);
+// Marks, at the report and at each track it touches, every value the
+// parser's rules kept from it (a stop, fragments --strict does not read,
+// co64 and stz2 under --strict, fragment answers left out), and adds the
+// notes that depend on the client's mode. Call once the tracks are
+// collected and their facts derived.
+void mark_missing(ProbeReport& report);
+// `strict`: the client was inserted the specified way, which reads no co64
+// or stz2 table.
+ProbeFacts derive_facts(const ProbeTrack& track, bool strict);
 ProbeAudioConfig read_audio_config(const BOXLANE_CODECINFO& codec);
 
 // The avcC parameter sets as the codec record holds them: every SPS, then

@@ -39,7 +39,7 @@ constexpr const char* kUsage =
     "  --seed S               seed for --random-pieces (default 1)\n"
     "  --pools N              task pools for the parser's events (default 1)\n"
     "  --strict               insert the parser client the specified way: no 64-bit\n"
-    "                         sizes, co64, stz2 or fragments (notes say what is left)\n"
+    "                         sizes, co64, stz2 or fragments (the report marks what is left)\n"
     "  --tables               also print every track's raw sample tables\n"
     "  --samples              also list every sample: decode and composition time,\n"
     "                         duration, size, offset and sync flag (in JSON, a\n"
@@ -47,8 +47,14 @@ constexpr const char* kUsage =
     "  --boxes                also print the box tree the parser walked\n"
     "  --json                 print everything, tables and boxes included, as JSON\n"
     "\n"
-    "Exit status: 0 when the stream was read, 1 when it could not be (the message\n"
-    "names the parser's error code and the byte offset), 2 for bad usage.\n";
+    "Where the parser's rules keep values from the report (it stopped at a box, or\n"
+    "--strict leaves fragments, co64 or stz2 tables unread), the report says so at\n"
+    "the top and at each track it touches: INCOMPLETE and 'missing:' lines, and in\n"
+    "JSON \"complete\": false with a \"missing\" list.\n"
+    "\n"
+    "Exit status: 0 when the report was printed, whole or with every gap marked;\n"
+    "1 when the stream could not be read (the message names the parser's error code\n"
+    "and the byte offset) or no movie header was read; 2 for bad usage.\n";
 
 // A mapped file is sent in pieces this large: a movie header that fits in
 // one is split where it lies, with no copy into the reassembly buffer, and
@@ -150,6 +156,8 @@ int probe(const Options& o) {
     report.stream_bytes = session.stream_bytes;
     report.boxes = place_boxes(session.records);
     report.strict = o.strict;
+    report.stop_code = session.stop_code;
+    report.stopped_box_ends_input = session.stopped_box_ends_input;
     if (!collect_report(kClient, report, std::move(session.fragments), o.text.samples, error))
       status = fail(input.name(), error);
     else if (!report.have_mvhd)

@@ -29,6 +29,8 @@ SessionResult run_session(const char* client, int pools, ProbeInput& input, Piec
   result.fragments = workers.take_fragments();
   result.stream_bytes = feed.stream_bytes();
   result.sent_bytes = feed.sent_bytes();
+  result.stop_code = feed.stop_code();
+  result.stopped_box_ends_input = feed.stopped_box_ends_input();
   if (!fed) {
     result.error = feed.error();
     return result;
@@ -39,12 +41,13 @@ SessionResult run_session(const char* client, int pools, ProbeInput& input, Piec
   while (Boxlane_Parse_Recv(client, &header, nullptr)) result.records.push_back(header);
   const uint64_t code = Boxlane_GetLastError(nullptr);
   result.fragments.take(client);
-  if (code == BOXLANE_ERROR_PARSE_NOTREADY) {
+  // After a refusal a box may stay unfinished: it is the one refused.
+  if (code == BOXLANE_ERROR_PARSE_NOTREADY && result.stop_code == 0) {
     result.error = "truncated: the parser still waits for the end of a box when the input ends "
                    "(a box inside reaches past its parent)";
     return result;
   }
-  if (code != BOXLANE_ERROR_PARSE_NODATA) {
+  if (code != BOXLANE_ERROR_PARSE_NODATA && code != BOXLANE_ERROR_PARSE_NOTREADY) {
     result.error = "cannot take header records: " + hex_code(code) + " " + error_name(code);
     return result;
   }

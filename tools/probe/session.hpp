@@ -37,6 +37,10 @@ struct SessionResult {
   uint64_t sent_bytes = 0;       // bytes handed to the parser
   std::vector<QORVANE_MP4HDR> records;  // in the order the workers took them
   FragmentLog fragments;                // the track fragments they took
+  // The parser's code when it stopped the stream by refusing a box (0 when
+  // it did not, or took the box and stopped after it).
+  uint64_t stop_code = 0;
+  bool stopped_box_ends_input = false;  // see ProbeFeed
 };
 
 // Runs the whole road for one client on an initialised parser.

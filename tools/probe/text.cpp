@@ -81,8 +81,10 @@ void track_block(std::string& out, const ProbeTrack& track) {
   const ProbeFacts& f = track.facts;
   const std::string handler = track.handler();
   const std::string name = track.handler_name();
-  add(out, "\ntrack %d: %s (handler '%s', \"%s\")\n", track.id, kind(handler).c_str(),
-      printable_text(handler.data(), handler.size()).c_str(), printable_text(name.data(), name.size()).c_str());
+  add(out, "\ntrack %d: %s (handler '%s', \"%s\")%s\n", track.id, kind(handler).c_str(),
+      printable_text(handler.data(), handler.size()).c_str(), printable_text(name.data(), name.size()).c_str(),
+      f.missing.empty() ? "" : ", INCOMPLETE");
+  for (const auto& gap : f.missing) add(out, "  missing:     %s\n", gap.c_str());
   add(out, "  codec:       %s\n", codec_line(track).c_str());
   if (track.tkhd.nWidth || track.tkhd.nHeight)
     add(out, "  dimensions:  %dx%d\n", track.tkhd.nWidth, track.tkhd.nHeight);
@@ -193,7 +195,10 @@ std::string text_report(const ProbeReport& report, const std::string& source, Te
     out += "movie:       none (no mvhd box)\n";
   }
   add(out, "form:        %s\n", file_form(report).c_str());
-  if (const std::string stop = stream_stop(report); !stop.empty()) add(out, "stream:      %s\n", stop.c_str());
+  // A stop that kept something from the report is said among the gaps.
+  if (const std::string stop = stream_stop(report); !stop.empty() && !stop_loses_data(report))
+    add(out, "stream:      %s\n", stop.c_str());
+  for (const auto& gap : report.missing) add(out, "INCOMPLETE:  %s\n", gap.c_str());
   if (report.strict && report.unlisted_tracks > 0)
     add(out, "note:        %d track%s with ids outside 0 to 9, which Boxlane_Parse_GetTrack does not name\n",
         report.unlisted_tracks, report.unlisted_tracks == 1 ? "" : "s");
