@@ -448,6 +448,7 @@ class FragmentWriter {
     if (ain_) {
       r.sample_rate = sample_rate_;
       r.channel_config = channel_config_;
+      r.channels = channels_;
       r.audio_frames = a_.written;
     }
     r.timescale = timing_.timescale;
@@ -477,6 +478,7 @@ class FragmentWriter {
     if (ain_) {
       sample_rate_ = a_.chunks.front().stream.config.sample_rate;
       channel_config_ = a_.chunks.front().stream.config.channel_config;
+      channels_ = a_.chunks.front().stream.channels;
     }
   }
 
@@ -502,6 +504,7 @@ class FragmentWriter {
   bool reordered_ = false;
   uint32_t sps_width_ = 0, sps_height_ = 0, sample_rate_ = 0;
   uint8_t channel_config_ = 0;
+  uint32_t channels_ = 0;
   std::chrono::steady_clock::time_point started_, shown_;
 };
 

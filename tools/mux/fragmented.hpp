@@ -37,6 +37,7 @@ struct FragmentedResult {
   bool reordered = false;
   uint32_t sample_rate = 0;
   uint8_t channel_config = 0;
+  uint32_t channels = 0;
   uint64_t audio_frames = 0;
   uint32_t timescale = 1;
   uint64_t duration = 0;  // time scale units

@@ -221,14 +221,15 @@ std::string size_text(uint64_t bytes) {
   return text;
 }
 
-std::string channels_text(const AudioStream& audio) {
-  if (audio.config.channel_config == 0) return std::to_string(audio.channels) + " channels (program_config_element)";
-  switch (audio.channels) {
+// channel_configuration 0: the layout is in a program_config_element.
+std::string channels_text(uint8_t channel_config, uint32_t channels) {
+  if (channel_config == 0) return std::to_string(channels) + " channels (program_config_element)";
+  switch (channels) {
     case 1: return "mono";
     case 2: return "stereo";
     case 6: return "5.1";
     case 8: return "7.1";
-    default: return std::to_string(audio.channels) + " channels";
+    default: return std::to_string(channels) + " channels";
   }
 }
 
@@ -297,7 +298,7 @@ int run_fragmented(const Options& o) {
     }
     if (!o.audio.empty()) {
       if (!tracks.empty()) tracks += "; ";
-      tracks += "audio AAC " + std::to_string(r.sample_rate) + " Hz " + channels_text(r.channel_config) + ", " +
+      tracks += "audio AAC " + std::to_string(r.sample_rate) + " Hz " + channels_text(r.channel_config, r.channels) + ", " +
                 std::to_string(r.audio_frames) + " frames";
     }
     std::printf("%s: %s; %.2f s, %s in %llu fragments, written in %.2f s\n", o.output.c_str(), tracks.c_str(),
@@ -391,7 +392,7 @@ int run(const Options& o) {
     if (in.audio) {
       if (!tracks.empty()) tracks += "; ";
       tracks += "audio AAC " + std::to_string(audio.config.sample_rate) + " Hz " +
-                channels_text(audio) + ", " + std::to_string(audio.frames.size()) + " frames";
+                channels_text(audio.config.channel_config, audio.channels) + ", " + std::to_string(audio.frames.size()) + " frames";
     }
     std::printf("%s: %s; %.2f s, %s%s, written in %.2f s\n", o.output.c_str(), tracks.c_str(),
                 static_cast<double>(result.duration) / result.timescale, size_text(result.file_size).c_str(),
