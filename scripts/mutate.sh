@@ -1,0 +1,111 @@
+#!/usr/bin/env bash
+# Fault injection: applies one small fault at a time (from scripts/mutations.txt)
+# to a copy of the tree, rebuilds it with the sanitizers of scripts/test.sh,
+# runs the tests and reports per room how many faults the suite caught.
+#
+#   scripts/mutate.sh                 every fault, the whole suite
+#   scripts/mutate.sh tools packet    only faults in these rooms
+#   MUTATE_ONLY=12,30 scripts/mutate.sh   only these faults (numbers as listed)
+#   MUTATE_FILTER='Mux.*:Probe*' ...  only the tests this GoogleTest filter selects
+#
+# The working tree is never touched: tracked files (as they are now, edits
+# included) are copied to build/mutate/src, built in build/mutate/build.
+# A fault that does not compile counts as neither caught nor missed.
+# Results go to build/mutate/results.txt, one line per fault.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+source scripts/deps.sh
+ensure_packages "${BOXLANE_BUILD_PACKAGES[@]}" ffmpeg perl
+
+list=${MUTATE_LIST:-scripts/mutations.txt}
+work=${MUTATE_DIR:-build/mutate}
+src=$work/src
+build=$work/build
+results=$work/results.txt
+rooms=("$@")
+
+mkdir -p "$src"
+git ls-files -z | grep -zv "^fuzz/corpus/" | xargs -0 cp -u --parents -t "$src"
+cmake -S "$src" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBOXLANE_SANITIZE=address >/dev/null
+nice -n 10 cmake --build "$build" -j2 >/dev/null
+
+# The faults: "@ path | what it breaks", then "- text" (found exactly once in
+# the file) and "+ replacement", where \n stands for a line break (followed
+# by the next line's indentation). Other lines are comments.
+declare -a files whats olds news
+n=0
+while IFS= read -r line || [ -n "$line" ]; do
+  case "$line" in
+    '@ '*)
+      n=$((n + 1))
+      rest=${line#@ }
+      files[n]=${rest%% | *}
+      whats[n]=${rest#* | }
+      ;;
+    '- '*) old=${line#- } && olds[n]=${old//\\n/$'\n'} ;;
+    '+ '*) new=${line#+ } && news[n]=${new//\\n/$'\n'} ;;
+  esac
+done <"$list"
+
+wanted() {  # fault number, room
+  if [ -n "${MUTATE_ONLY:-}" ]; then
+    [[ ",$MUTATE_ONLY," == *",$1,"* ]] || return 1
+  fi
+  [ ${#rooms[@]} -eq 0 ] && return 0
+  local r
+  for r in "${rooms[@]}"; do [ "$r" = "$2" ] && return 0; done
+  return 1
+}
+
+# Every test program, the fault's own room first, stopping at the first
+# failure: what ctest runs, one process per room.
+run_suite() {
+  local r bin order=("$1")
+  for r in frame platform packet parse tools; do [ "$r" = "$1" ] || order+=("$r"); done
+  for r in "${order[@]}"; do
+    bin=$build/tests/boxlane_test_$r
+    [ -x "$bin" ] || continue
+    timeout 900 nice -n 10 "$bin" ${MUTATE_FILTER:+--gtest_filter="$MUTATE_FILTER"} || return 1
+  done
+  [ -n "${MUTATE_FILTER:-}" ] || "$build/tests/boxlane_test_c99"
+}
+
+declare -A caught missed
+: >"$results"
+restore() { [ -n "${current:-}" ] && cp "$work/original" "$src/$current"; current=; }
+trap restore EXIT INT TERM
+for i in $(seq 1 "$n"); do
+  file=${files[i]}
+  room=${file%%/*}
+  wanted "$i" "$room" || continue
+  target=$src/$file
+  count=$(FROM=${olds[i]} perl -0ne 'my $c = () = /\Q$ENV{FROM}\E/g; print $c' "$target")
+  if [ "$count" != 1 ]; then
+    echo "$i	STALE	$room	$file	${whats[i]} (text found $count times)" | tee -a "$results"
+    continue
+  fi
+  cp "$target" "$work/original"
+  current=$file
+  FROM=${olds[i]} TO=${news[i]} perl -0pi -e 's/\Q$ENV{FROM}\E/$ENV{TO}/' "$target"
+  if ! nice -n 10 cmake --build "$build" -j2 >"$work/build.log" 2>&1; then
+    verdict=BROKEN
+  elif run_suite "$room" >"$work/test.log" 2>&1; then
+    verdict=MISSED
+    missed[$room]=$((${missed[$room]:-0} + 1))
+  else
+    verdict=CAUGHT
+    caught[$room]=$((${caught[$room]:-0} + 1))
+  fi
+  restore
+  echo "$i	$verdict	$room	$file	${whats[i]}" | tee -a "$results"
+done
+# The tree back as it was, so the next run starts from a clean build.
+nice -n 10 cmake --build "$build" -j2 >/dev/null 2>&1 || true
+
+echo
+printf '%-10s %7s %7s %7s\n' room caught missed score
+for room in frame platform parse packet tools; do
+  c=${caught[$room]:-0} m=${missed[$room]:-0}
+  [ $((c + m)) -eq 0 ] && continue
+  printf '%-10s %7d %7d %6d%%\n' "$room" "$c" "$m" $((100 * c / (c + m)))
+done | tee -a "$results"
