@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -341,6 +342,80 @@ std::vector<uint8_t> with_pce(const std::vector<uint8_t>& adts) {
     at += length;
   }
   return out;
+}
+
+// ffprobe's view of each stream of a file: key=value, tags as TAG:key.
+std::vector<std::map<std::string, std::string>> ffprobe_streams(const std::string& file) {
+  std::string text;
+  run("ffprobe -v error -show_entries stream=codec_type,time_base,avg_frame_rate,sample_rate,channels,duration_ts,"
+      "nb_frames:stream_tags=language -of default=nw=1 " + shell_quote(file), &text);
+  std::vector<std::map<std::string, std::string>> streams;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    const std::size_t eq = line.find('=');
+    if (eq == std::string::npos) continue;
+    if (line.rfind("codec_type=", 0) == 0) streams.emplace_back();
+    if (!streams.empty()) streams.back()[line.substr(0, eq)] = line.substr(eq + 1);
+  }
+  return streams;
+}
+
+// Every option and every value mux works out, as ffprobe reads them: the
+// time base each track gets, frame rates given as 25, 29.97 or 30000/1001
+// or taken from the stream, durations, the language, and the channel count
+// of 7.1 AAC in the sample entry.
+TEST(Mux, OptionsAndDerivedValuesAsFfprobeReadsThem) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const std::string dir = temp_dir() + "/";
+  std::string log;
+  // Half a second of video whose VUI says 30000/1001, and AAC at 44.1 kHz stereo and 48 kHz 7.1.
+  ASSERT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=64x48:rate=30000/1001:duration=0.5 -c:v libx264 -preset "
+                   "ultrafast -bf 2 -f h264 " + shell_quote(dir + "v.h264") +
+                   " -f lavfi -i sine=frequency=440:sample_rate=44100:duration=0.5 -map 1:a -c:a aac -ac 2 -f adts " +
+                   shell_quote(dir + "a44.aac") + " -f lavfi -i sine=frequency=440:sample_rate=48000:duration=0.5 "
+                   "-map 2:a -c:a aac -ac 8 -f adts " + shell_quote(dir + "a71.aac"), &log), 0) << log;
+  const std::string v = " --video " + shell_quote(dir + "v.h264"), a44 = " --audio " + shell_quote(dir + "a44.aac"),
+                    a71 = " --audio " + shell_quote(dir + "a71.aac");
+  const struct {
+    std::string args;
+    std::string video;  // time_base avg_frame_rate duration_ts nb_frames
+    std::string audio;  // time_base sample_rate channels duration_ts nb_frames
+  } runs[] = {
+      {v, "1/90000 30000/1001 45045 15", ""},                       // the VUI's rate; 90 kHz alone
+      {v + " --fps 25", "1/90000 25/1 54000 15", ""},
+      {v + " --fps 29.97", "1/90000 30000/1001 45045 15", ""},
+      {v + " --fps 24000/1001", "1/360000 24000/1001 225225 15", ""},  // lcm(90000, 24000)
+      {v + " --fps 25 --timescale 25", "1/25 25/1 15 15", ""},      // one tick a frame: the coarsest allowed
+      {v + " --fps 50 --timescale 1000", "1/1000 50/1 300 15", ""},
+      // lcm(44100, 30000): 147147 ticks a frame, 102400 an AAC frame.
+      {v + a44, "1/4410000 30000/1001 2207205 15", "1/4410000 44100 2 2355200 23"},
+      {a44, "", "1/44100 44100 2 23552 23"},
+      {a71 + " --timescale 1000", "", "1/1000 48000 8 533 25"},  // 25 x 1024 / 48, rounded down
+  };
+  for (const auto& r : runs) {
+    SCOPED_TRACE(r.args);
+    const std::string out = dir + "out.mp4";
+    const Result m = mux(r.args + " -q -o " + shell_quote(out));
+    ASSERT_EQ(m.status, 0) << m.output;
+    for (const auto& stream : ffprobe_streams(out)) {
+      const bool video = stream.at("codec_type") == "video";
+      EXPECT_EQ(stream.at("TAG:language"), "und");
+      EXPECT_EQ(video ? stream.at("time_base") + " " + stream.at("avg_frame_rate") + " " + stream.at("duration_ts") +
+                            " " + stream.at("nb_frames")
+                      : stream.at("time_base") + " " + stream.at("sample_rate") + " " + stream.at("channels") + " " +
+                            stream.at("duration_ts") + " " + stream.at("nb_frames"),
+                video ? r.video : r.audio);
+    }
+    // The sample entry's own channel count: 8 for configuration 7.
+    if (r.args.find("a71") != std::string::npos) EXPECT_NE(hex(read_file(out)).find("6D 70 34 61 00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 00 00 08"), std::string::npos);
+  }
+  // Time scales that cannot time a frame, and bad rates, are refused.
+  for (const std::string& bad : {v + " --fps 25 --timescale 24", v + " --timescale 0", v + " --fps 0", v + " --fps 1001/0",
+                                 v + " --fps abc", a44 + " --timescale 43"}) {
+    const Result m = mux(bad + " -o " + shell_quote(dir + "bad.mp4"));
+    EXPECT_NE(m.status, 0) << bad;
+    EXPECT_FALSE(fs::exists(dir + "bad.mp4")) << bad;
+  }
 }
 
 // Streams in the shapes other encoders and broadcast gear write. Each is

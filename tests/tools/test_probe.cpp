@@ -61,7 +61,8 @@ void expect_agrees_with_ffprobe(const std::string& file) {
   const Json mine = probe_json(shell_quote(file));
   std::string streams_text;
   ASSERT_EQ(run("ffprobe -v error -ignore_editlist 1 -show_entries stream=codec_type,codec_tag_string,profile,level,width,"
-                "height,channels,sample_rate,nb_frames,duration_ts,time_base -of json " + shell_quote(file),
+                "height,channels,sample_rate,nb_frames,duration_ts,time_base,bit_rate,avg_frame_rate:stream_tags=language "
+                "-of json " + shell_quote(file),
                 &streams_text), 0);
   const auto streams = parse_json(streams_text);
   ASSERT_TRUE(streams);
@@ -77,7 +78,22 @@ void expect_agrees_with_ffprobe(const std::string& file) {
     const Json& t = *track;
     const auto packets = probe_packets(file, video ? 'v' : 'a', true);
     double bytes = 0, keys = 0;
-    for (const auto& packet : packets) bytes += packet.size, keys += packet.key;
+    std::vector<double> sync;  // 1-based numbers of the key packets
+    for (const auto& packet : packets) {
+      bytes += packet.size, keys += packet.key;
+      if (packet.key) sync.push_back(double(&packet - packets.data() + 1));
+    }
+    std::vector<double> stss;
+    for (const Json& number : t["tables"]["stss"].items) stss.push_back(number.num());
+    if (!stss.empty()) EXPECT_EQ(stss, sync);  // none: every sample is a sync sample
+    EXPECT_EQ(t["language"].text, stream["tags"]["language"].text);
+    // ffprobe's bit rate is the same sum over the mdhd duration, cut to an integer.
+    EXPECT_EQ(std::floor(t["bit_rate"].num()), stream["bit_rate"].num());
+    if (video) {
+      const std::string& rate = stream["avg_frame_rate"].text;
+      const std::size_t slash = rate.find('/');
+      EXPECT_DOUBLE_EQ(t["frame_rate"].num(), std::stod(rate.substr(0, slash)) / std::stod(rate.substr(slash + 1)));
+    }
     EXPECT_EQ(t["sample_count"].num(), stream["nb_frames"].num());
     EXPECT_EQ(t["sample_count"].num(), packets.size());
     EXPECT_EQ(t["sample_bytes"].num(), bytes);
@@ -510,7 +526,10 @@ TEST(JsonWriter, AnyBytesBecomeValidJson) {
   std::string out;
   tool::JsonWriter json(out);
   json.begin_object();
-  json.member("text", std::string_view(ascii + utf8 + "\xFF\xC0\x80\xE2\x82" + nul));
+  // Not UTF-8: a lone byte, an overlong form, a cut sequence, an overlong
+  // three-byte form, a surrogate, a code point past U+10FFFF.
+  const std::string broken = "\xFF\xC0\x80\xE2\x82\xE0\x80\x80\xED\xA0\x80\xF4\x90\x80\x80";
+  json.member("text", std::string_view(ascii + utf8 + broken + nul));
   json.key("row");
   json.begin_array(true);
   json.real(std::nan(""));
@@ -522,8 +541,10 @@ TEST(JsonWriter, AnyBytesBecomeValidJson) {
   json.key("empty");
   json.begin_object();
   json.end_object();
-  // Tables are formatted by hand: every digit count, both ends of the range.
-  const std::vector<uint32_t> column{0, 9, 10, 99, 100, 12345, 999999999, 1000000000, 4294967295u};
+  // Tables are formatted by hand: both sides of every digit count.
+  std::vector<uint32_t> column{0};
+  for (uint64_t power = 10; power <= 1000000000; power *= 10) column.insert(column.end(), {uint32_t(power - 1), uint32_t(power)});
+  column.push_back(4294967295u);
   json.key("column");
   json.table(column, 1, [](uint32_t v, int) { return v; });
   const std::vector<std::pair<uint32_t, uint32_t>> pairs{{1, 20}, {300, 4000}};
@@ -537,9 +558,15 @@ TEST(JsonWriter, AnyBytesBecomeValidJson) {
   const auto doc = parse_json(out);
   ASSERT_TRUE(doc) << out;
   // Bytes that are not UTF-8 come back as the Latin-1 letters they would be.
-  EXPECT_EQ((*doc)["text"].text, ascii + utf8 + "\xC3\xBF\xC3\x80\xC2\x80\xC3\xA2\xC2\x82" + nul);
+  EXPECT_EQ((*doc)["text"].text, ascii + utf8 + "\xC3\xBF\xC3\x80\xC2\x80\xC3\xA2\xC2\x82\xC3\xA0\xC2\x80\xC2\x80"
+                                 "\xC3\xAD\xC2\xA0\xC2\x80\xC3\xB4\xC2\x90\xC2\x80\xC2\x80" + nul);
+  // iconv, as an independent reader, takes the document as UTF-8.
+  const std::string path = temp_dir() + "/doc.json";
+  write_file(path, {out.begin(), out.end()});
+  EXPECT_EQ(run("iconv -f UTF-8 -t UTF-8 " + shell_quote(path) + " >/dev/null 2>&1"), 0);
   EXPECT_NE(out.find("\"row\": [null, 2.5, -7, []],\n  \"empty\": {},\n"), std::string::npos) << out;
-  EXPECT_NE(out.find("\"column\": [0, 9, 10, 99, 100, 12345, 999999999, 1000000000, 4294967295],\n"
+  EXPECT_NE(out.find("\"column\": [0, 9, 10, 99, 100, 999, 1000, 9999, 10000, 99999, 100000, 999999, 1000000, 9999999, "
+                     "10000000, 99999999, 100000000, 999999999, 1000000000, 4294967295],\n"
                      "  \"pairs\": [[1, 20], [300, 4000]],\n  \"none\": []\n}"),
             std::string::npos)
       << out;
