@@ -329,12 +329,18 @@ bool find_recovery_point(const uint8_t* nal, std::size_t size, uint32_t& recover
     type += byte;
     while ((byte = br.bits(8)) == 0xFF && br.ok()) bytes += 255;
     bytes += byte;
+    // The payload is taken whole, so one cut short is no message.
+    std::array<uint8_t, 16> payload{};
+    for (uint32_t i = 0; i < bytes && br.ok(); ++i) {
+      const auto v = static_cast<uint8_t>(br.bits(8));
+      if (i < payload.size()) payload[i] = v;
+    }
     if (!br.ok()) return false;
     if (type == 6) {
-      recovery_frame_cnt = br.ue();
-      return br.ok();
+      BitReader fields(payload.data(), std::min<std::size_t>(bytes, payload.size()), 0);
+      recovery_frame_cnt = fields.ue();
+      return fields.ok();
     }
-    for (uint32_t i = 0; i < bytes && br.ok(); ++i) br.bits(8);
   }
 }
 

@@ -233,4 +233,27 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
             (std::vector<int64_t>{0, 2, 3, 0}));
 }
 
+// §7.3.2.3.1 and §D.1.8 by hand: the recovery point is found after other
+// messages, and only payload type 6 counts (0xFF 0x06 is type 261).
+TEST(H264Sei, RecoveryPointAmongOtherMessages) {
+  const struct {
+    const char* nal;
+    bool found;
+    uint32_t frames;
+  } cases[] = {
+      {"06 06 02 24 40 80", true, 3},                                               // recovery_frame_cnt 3
+      {"06 05 11 11111111111111111111111111111111 78 06 01 C4 80", true, 0},        // after user data
+      {"06 04 02 B5 00 80", false, 0},                                              // registered user data only
+      {"06 FF 06 01 C4 80", false, 0},                                              // type 261
+      {"06 06 02 24", false, 0},                                                    // cut in the payload
+      {"65 06 01 C4 80", false, 0},                                                 // not an SEI NAL unit
+  };
+  for (const auto& c : cases) {
+    const auto nal = boxlane::test::unhex(c.nal);
+    uint32_t frames = 99;
+    EXPECT_EQ(boxlane::h264::find_recovery_point(nal.data(), nal.size(), frames), c.found) << c.nal;
+    if (c.found) EXPECT_EQ(frames, c.frames) << c.nal;
+  }
+}
+
 }  // namespace
