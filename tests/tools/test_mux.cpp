@@ -387,6 +387,8 @@ TEST(Mux, OptionsAndDerivedValuesAsFfprobeReadsThem) {
       {v + " --fps 24000/1001", "1/360000 24000/1001 225225 15", ""},  // lcm(90000, 24000)
       {v + " --fps 25 --timescale 25", "1/25 25/1 15 15", ""},      // one tick a frame: the coarsest allowed
       {v + " --fps 50 --timescale 1000", "1/1000 50/1 300 15", ""},
+      // 33.3667 ms a frame on a millisecond clock: 15 frames end at 500.5, rounded down.
+      {v + " --fps 30000/1001 --timescale 1000", "1/1000 30/1 500 15", ""},
       // lcm(44100, 30000): 147147 ticks a frame, 102400 an AAC frame.
       {v + a44, "1/4410000 30000/1001 2207205 15", "1/4410000 44100 2 2355200 23"},
       {a44, "", "1/44100 44100 2 23552 23"},

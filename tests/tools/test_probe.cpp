@@ -214,6 +214,16 @@ TEST_F(ProbeTool, SameJsonForEveryPieceSizeAndFromStandardInput) {
   ASSERT_EQ(probe("--json " + shell_quote(moov_last_), &whole), 0);
   ASSERT_FALSE(whole.empty());
   // A pipe cannot seek, so mdat payloads are read and thrown away there.
+  // The parser takes fourccs in any letter case; an upper-case MDAT payload
+  // is skipped all the same, so only its name in the box list differs.
+  auto upper = read_file(moov_last_);
+  for (const TopBox& box : top_boxes(upper))
+    if (box.type == "mdat") std::copy_n("MDAT", 4, upper.begin() + long(box.offset) + 4);
+  const std::string upper_file = temp_dir() + "/upper.mp4";
+  write_file(upper_file, upper);
+  std::string upper_json;
+  EXPECT_EQ(probe("--json --piece 999 " + shell_quote(upper_file), &upper_json), 0);
+  EXPECT_EQ(upper_json, whole);
   const std::string file = shell_quote(moov_last_), probe = shell_quote(tool_path()) + " probe --json ";
   for (const std::string& command :
        {probe + "--piece 1 " + file, probe + "--piece 7 " + file, probe + "--piece 4096 " + file,
@@ -274,7 +284,13 @@ TEST_F(ProbeTool, ErrorsNameWhatWentWrongAndWhere) {
     }
   }
 
-  for (const std::string bad : {"", "--piece 0 x.mp4", "--bogus x.mp4", "--seed 3 x.mp4", "a.mp4 b.mp4"}) {
+  // Options at their limits are taken; one past them is bad usage.
+  for (const std::string good : {"--pools 64", "--piece 67108864", "--random-pieces 67108864 --seed 0"}) {
+    std::string out;
+    EXPECT_EQ(probe(good + " " + shell_quote(fast_start_) + " 2>&1", &out), 0) << good << ": " << out;
+  }
+  for (const std::string bad : {"", "--piece 0 x.mp4", "--bogus x.mp4", "--seed 3 x.mp4", "a.mp4 b.mp4", "--pools 65 x.mp4",
+                                "--pools 0 x.mp4", "--piece 67108865 x.mp4", "--random-pieces 0 x.mp4"}) {
     std::string out;
     EXPECT_EQ(probe(bad + " 2>&1", &out), 2) << bad;
     EXPECT_NE(out.find("usage: boxlane probe"), std::string::npos) << bad;
@@ -315,6 +331,13 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
 
   const Json bad = probe_json(shell_quote(dir + "bad.mp4"));
   const Json& track = bad["tracks"].items.at(0);
+  // A sync sample named twice is out of order too.
+  write_file(dir + "twice.mp4", movie_with_tables(full_box("stsz", 0, 0, nine_sizes.u32(100)),
+                                                  full_box("stss", 0, 0, Bytes().u32(2).u32(3).u32(3)), 3));
+  const Json twice = probe_json(shell_quote(dir + "twice.mp4"));
+  std::string problems;
+  for (const Json& problem : twice["tracks"].items.at(0)["consistency"]["problems"].items) problems += problem.text + "|";
+  EXPECT_NE(problems.find("stss names sample 3, out of order"), std::string::npos) << problems;
   EXPECT_FALSE(track["consistency"]["consistent"].flag);
   EXPECT_EQ(track["consistency"]["problems"].items.size(), 3u);
   EXPECT_EQ(track["handler_name"].text, "Tables\"\\\n");
