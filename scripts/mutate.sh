@@ -24,8 +24,12 @@ build=$work/build
 results=$work/results.txt
 rooms=("$@")
 
+# Only files whose content differs are copied, so a rerun rebuilds only
+# what changed (a fault left in place by an interrupted run included).
 mkdir -p "$src"
-git ls-files -z | grep -zv "^fuzz/corpus/" | xargs -0 cp -u --parents -t "$src"
+git ls-files -z | grep -zv "^fuzz/corpus/" | while IFS= read -r -d '' f; do
+  cmp -s "$f" "$src/$f" || { mkdir -p "$src/$(dirname "$f")" && cp "$f" "$src/$f"; }
+done
 cmake -S "$src" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBOXLANE_SANITIZE=address >/dev/null
 nice -n 10 cmake --build "$build" -j2 >/dev/null
 
@@ -73,7 +77,8 @@ run_suite() {
 declare -A caught missed
 : >"$results"
 restore() { [ -n "${current:-}" ] && cp "$work/original" "$src/$current"; current=; }
-trap restore EXIT INT TERM
+trap restore EXIT
+trap 'restore; exit 130' INT TERM
 for i in $(seq 1 "$n"); do
   file=${files[i]}
   room=${file%%/*}
