@@ -6,6 +6,8 @@
 
 #include "support/box_builder.hpp"
 
+#include <algorithm>
+#include <iterator>
 #include <memory>
 #include <vector>
 
@@ -141,8 +143,9 @@ TEST_F(DocumentedSize, FramesAndTheTablesAfterEachOfThem) {
     const int offset = offsets[i % 5];
     switch (i % 4) {
       case 0: {
-        Bytes frame = Bytes().u32(1).add({slice, slice + sizeof slice});
-        frame.resize(frame.size() + static_cast<std::size_t>(i));
+        std::vector<uint8_t> frame(4 + sizeof slice + static_cast<std::size_t>(i));
+        frame[3] = 1;  // the start code, then the slice
+        std::copy(std::begin(slice), std::end(slice), frame.begin() + 4);
         exact(frame.size(), Boxlane_Packet_FrameVideo, frame.data(), static_cast<int32_t>(frame.size()),
               int64_t{i} * 100, key, duration, offset);
         break;

@@ -111,17 +111,34 @@ TEST(H264ParameterSets, X264AndHandMadeSequenceParameterSets) {
   EXPECT_FALSE(parse_pps(hd.data(), hd.size(), p));
   EXPECT_FALSE(parse_pps(cabac.data(), 1, p));
 
-  // High 4:2:2, 1280x720 coded as 1280x736, frame_mbs_only 0 (so map units
+  // High 4:2:2, 1276x720 coded as 1280x736, frame_mbs_only 0 (so map units
   // are field pairs): the crop unit is 2 across and 2 (one line per field) down.
   Bits b;
   b.u(8, 122).u(8, 0).u(8, 40).ue(0).ue(2).ue(0).ue(0).u(1, 0).u(1, 0);
   b.ue(0).ue(2).ue(4).u(1, 0);
   b.ue(1280 / 16 - 1).ue(736 / 32 - 1).u(1, 0).u(1, 1).u(1, 1);
-  b.u(1, 1).ue(0).ue(0).ue(0).ue(8);  // cropping: 16 lines at the bottom
+  b.u(1, 1).ue(0).ue(2).ue(0).ue(8);  // cropping: 4 columns at the right, 16 lines at the bottom
   b.u(1, 1).u(1, 1).u(8, 255).u(16, 4).u(16, 3).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 0);
   const auto nal = b.nal(3, kNalSps);
   ASSERT_TRUE(parse_sps(nal.data(), nal.size(), sps));
-  EXPECT_EQ(summary(sps), "profile 122 level 40 chroma 2 fields 1280x720 crop 16 poc 2 sar 4:3");
+  EXPECT_EQ(summary(sps), "profile 122 level 40 chroma 2 fields 1276x720 crop 16 poc 2 sar 4:3");
+
+  // frame_num and pic_order_cnt_lsb take 16 bits at most (§7.4.2.1.1): 16 is
+  // read, 17 refused, for each.
+  for (const uint32_t frame_num : {12u, 13u}) {
+    for (const uint32_t lsb : {12u, 13u}) {
+      Bits limits;
+      limits.u(8, 66).u(8, 0).u(8, 30).ue(0).ue(frame_num).ue(0).ue(lsb).ue(1).u(1, 0).ue(0).ue(0);
+      limits.u(1, 1).u(1, 1).u(1, 0).u(1, 0);
+      const auto unit = limits.nal(3, kNalSps);
+      const bool fits = frame_num == 12 && lsb == 12;
+      EXPECT_EQ(parse_sps(unit.data(), unit.size(), sps), fits) << frame_num << " " << lsb;
+      if (fits) {
+        EXPECT_EQ(sps.log2_max_frame_num, 16u);
+        EXPECT_EQ(sps.log2_max_poc_lsb, 16u);
+      }
+    }
+  }
 }
 
 // Found by fuzzing: a scaling-list delta far outside -128..127 overflowed the
@@ -220,6 +237,11 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   const auto msb = pocs_of(t0, run);
   for (std::size_t i = 0; i < msb.size(); ++i) EXPECT_EQ(msb[i], int64_t(2 * i)) << i;
 
+  // At exactly half the lsb range a fall is a wrap and a rise is not (§8.2.1.1).
+  EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 8),
+                         hand_slice(0, false, 2, 0, 2, 0)}),
+            (std::vector<int64_t>{0, 8, 16}));
+
   // memory_management_control_operation 5 restarts counting like an IDR:
   // the picture itself counts 0, and the one after it counts from there.
   const auto reset = pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 4),
@@ -252,7 +274,9 @@ TEST(H264Sei, RecoveryPointAmongOtherMessages) {
     const auto nal = boxlane::test::unhex(c.nal);
     uint32_t frames = 99;
     EXPECT_EQ(boxlane::h264::find_recovery_point(nal.data(), nal.size(), frames), c.found) << c.nal;
-    if (c.found) EXPECT_EQ(frames, c.frames) << c.nal;
+    if (c.found) {
+      EXPECT_EQ(frames, c.frames) << c.nal;
+    }
   }
 }
 

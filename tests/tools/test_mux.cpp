@@ -409,7 +409,9 @@ TEST(Mux, OptionsAndDerivedValuesAsFfprobeReadsThem) {
                 video ? r.video : r.audio);
     }
     // The sample entry's own channel count: 8 for configuration 7.
-    if (r.args.find("a71") != std::string::npos) EXPECT_NE(hex(read_file(out)).find("6D 70 34 61 00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 00 00 08"), std::string::npos);
+    if (r.args.find("a71") != std::string::npos) {
+      EXPECT_NE(hex(read_file(out)).find("6D 70 34 61 00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 00 00 08"), std::string::npos);
+    }
   }
   // Time scales that cannot time a frame, and bad rates, are refused.
   for (const std::string& bad : {v + " --fps 25 --timescale 24", v + " --timescale 0", v + " --fps 0", v + " --fps 1001/0",
@@ -493,7 +495,9 @@ TEST(Mux, StreamsFromOtherEncoders) {
     if (c.decodes_like_source) expect_decodes_like(out, c.video, c.audio);
     const auto bytes = read_file(out);
     EXPECT_EQ(sync_samples(bytes), c.sync);
-    if (!c.video.empty()) EXPECT_EQ(caption_frames(out), c.captions);
+    if (!c.video.empty()) {
+      EXPECT_EQ(caption_frames(out), c.captions);
+    }
     if (c.audio.empty()) continue;
     std::string stream;
     run("ffprobe -v error -show_entries stream=sample_rate,channels -of csv=p=0 " + shell_quote(out), &stream);

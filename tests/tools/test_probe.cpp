@@ -85,7 +85,9 @@ void expect_agrees_with_ffprobe(const std::string& file) {
     }
     std::vector<double> stss;
     for (const Json& number : t["tables"]["stss"].items) stss.push_back(number.num());
-    if (!stss.empty()) EXPECT_EQ(stss, sync);  // none: every sample is a sync sample
+    if (!stss.empty()) {  // none: every sample is a sync sample
+      EXPECT_EQ(stss, sync);
+    }
     EXPECT_EQ(t["language"].text, stream["tags"]["language"].text);
     // ffprobe's bit rate is the same sum over the mdhd duration, cut to an integer.
     EXPECT_EQ(std::floor(t["bit_rate"].num()), stream["bit_rate"].num());
