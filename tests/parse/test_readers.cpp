@@ -302,7 +302,7 @@ TEST_F(SampleReaders, AvcDescription) {
 Bytes mp4a_entry(const std::vector<uint8_t>& esds_body, uint16_t sound_version = 0) {
   Bytes fixed;
   fixed.zeros(6).u16(1).u16(sound_version).zeros(6).u16(2).u16(16).zeros(4).u32(44100u << 16);
-  if (sound_version == 1) fixed.zeros(16);
+  fixed.zeros(sound_version == 1 ? 16 : sound_version == 2 ? 36 : 0);
   return box("mp4a", cat({fixed, box("esds", Bytes{}.full(0, 0).add(esds_body))}));
 }
 
@@ -327,13 +327,15 @@ TEST_F(SampleReaders, AacDescription) {
             (Ints{2, 16, 44100, 0x40, 0x15, 6144, 128000, 96000}));
   EXPECT_EQ(c.stl_AudioCfg, (std::vector<uint8_t>{0x12, 0x10}));
 
-  // A QuickTime sound description of version 1 moves the esds 16 bytes on;
-  // one-byte sizes and no optional fields.
-  make_track(2);
+  // QuickTime sound descriptions of version 1 and 2 move the esds 16 and 36
+  // bytes on; one-byte sizes and no optional fields.
   const std::vector<uint8_t> plain = unhex("03 19 0002 00 04 11 40 15 000000 0001F400 0001F400 05 02 1190 06 01 02");
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(mp4a_entry(plain, 1))));
-  EXPECT_EQ(track(2).stCodec.nMaxBitrate, 128000u);
-  EXPECT_EQ(track(2).stCodec.stl_AudioCfg, (std::vector<uint8_t>{0x11, 0x90}));
+  for (const uint16_t version : {1, 2}) {
+    make_track(2 + 10 * version);
+    EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(mp4a_entry(plain, version))));
+    EXPECT_EQ(track(2 + 10 * version).stCodec.nMaxBitrate, 128000u) << version;
+    EXPECT_EQ(track(2 + 10 * version).stCodec.stl_AudioCfg, (std::vector<uint8_t>{0x11, 0x90})) << version;
+  }
 
   // A DecoderSpecificInfo whose size runs past the box keeps the bytes there
   // are; a size field that never ends yields no configuration.
