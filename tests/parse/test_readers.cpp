@@ -186,8 +186,9 @@ TEST_F(SampleReaders, TablesKeepEntriesAsStored) {
   EXPECT_TRUE(feed(&P::Boxlane_Parse_STsc, Bytes{}.full(0, 0).u32(2).u32(1).u32(5).u32(1).u32(3).u32(2).u32(1)));
   EXPECT_EQ(values(track(1).stl_ListSTsc), (Infos{{1, 5, 1}, {3, 2, 1}}));
 
-  // A constant sample size leaves the list alone whatever the count.
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsz, Bytes{}.full(0, 0).u32(1024).u32(10)));
+  // A constant sample size leaves the list alone whatever the count, and
+  // whatever bytes follow it.
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsz, Bytes{}.full(0, 0).u32(1024).u32(10).u32(5).u32(6)));
   EXPECT_TRUE(track(1).stl_ListSTsz.empty());
   EXPECT_TRUE(feed(&P::Boxlane_Parse_STsz, Bytes{}.full(0, 0).u32(0).u32(3).u32(7).u32(8).u32(9)));
   EXPECT_EQ(values(track(1).stl_ListSTsz), (Infos{{7, 0, 0}, {8, 0, 0}, {9, 0, 0}}));
