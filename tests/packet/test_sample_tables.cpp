@@ -2,6 +2,8 @@
 // this is where the frame writers' bookkeeping becomes visible.
 #include "writer_fixture.hpp"
 
+#include "packet/box_output.hpp"
+
 #include <cstdint>
 #include <vector>
 
@@ -125,6 +127,18 @@ TEST_F(SampleTableTest, ChunkOffsetsWidenAtFourGibibytes) {
   EXPECT_FALSE(Boxlane_Packet_STco64Size(nullptr, true, 0, &size));
   EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_PARAMETER);
   EXPECT_EQ(size, -7);
+}
+
+// A table is refused only when its box would not fit the signed 32-bit
+// length: the largest count that fits, worked out by hand, and one more.
+TEST(TableSize, LargestCountThatFitsTheLength) {
+  const struct {
+    uint64_t head, each, most;
+  } tables[] = {{16, 8, 268435453}, {16, 4, 536870907}, {20, 4, 536870906}};  // stts/ctts, stss/stco, stsz
+  for (const auto& t : tables) {
+    EXPECT_TRUE(boxlane::packet::fits_length(t.head, t.most, t.each)) << t.most;
+    EXPECT_FALSE(boxlane::packet::fits_length(t.head, t.most + 1, t.each)) << t.most;
+  }
 }
 
 }  // namespace

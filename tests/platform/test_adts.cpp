@@ -67,18 +67,19 @@ TEST(Adts, RejectsEachBadField) {
 }
 
 // ISO/IEC 14496-3 Table 4.2 written out by hand: LC at 44.1 kHz, a front
-// CPE and a side SCE, mono and matrix mixdowns, the comment "hi". In a frame
+// CPE and a side SCE (tag 3), mono and matrix mixdowns (index 2, no pseudo
+// surround), the comment "hi". In a frame
 // the PCE follows the 3-bit element id and aligns from the block's start; in
 // the configuration it follows 16 bits and aligns from there.
 TEST(Adts, ProgramConfigElementMovesIntoTheConfiguration) {
   AdtsHeader h;
   h.profile = 1;
   h.sampling_index = 4;
-  const auto raw = boxlane::test::unhex("A2 A0 88 00 26 D8 08 02 68 69 E0");
+  const auto raw = boxlane::test::unhex("A2 A0 88 00 26 C8 0C 02 68 69 E0");
   std::vector<uint8_t> config;
   unsigned channels = 0;
   ASSERT_TRUE(boxlane::audio_specific_config_with_pce(h, raw.data(), raw.size(), config, channels));
-  EXPECT_EQ(boxlane::test::hex(config), "12 00 15 04 40 01 36 C0 40 02 68 69");
+  EXPECT_EQ(boxlane::test::hex(config), "12 00 15 04 40 01 36 40 60 02 68 69");
   EXPECT_EQ(channels, 3u);
   // Cut anywhere before the comment ends (exact heap copies), or opening
   // with another element (ID_CPE), it is refused and nothing is kept.
