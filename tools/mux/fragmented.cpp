@@ -73,7 +73,7 @@ class FragmentWriter {
     for (const int sig : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(sig, &act, nullptr);
     if (!in_.video.empty()) {
       vin_ = std::make_unique<LiveInput>(in_.video);
-      vchunks_ = std::make_unique<VideoChunker>(*vin_);
+      vchunks_ = std::make_unique<VideoChunker>(*vin_, in_.scan);
     }
     if (!in_.audio.empty()) {
       ain_ = std::make_unique<LiveInput>(in_.audio);
@@ -87,10 +87,6 @@ class FragmentWriter {
     }
     if (vin_ && v_.chunks.empty()) throw ToolError(empty_message(*vin_, "no coded pictures found"));
     if (ain_ && a_.chunks.empty()) throw ToolError(empty_message(*ain_, "no ADTS frames found"));
-    if (vchunks_ && vchunks_->skipped() && !in_.quiet) {
-      std::fprintf(stderr, "boxlane mux: %s: skipped %u slices that came before the first SPS and PPS\n",
-                   vin_->name().c_str(), vchunks_->skipped());
-    }
     choose_clock();
     remember_first();
     out_ = std::make_unique<InPlaceOutput>(in_.output);
@@ -438,12 +434,12 @@ class FragmentWriter {
     if (vin_) {
       // The first piece's picture size: the SPS never changes.
       r.video_codec = codec_ == VideoCodec::kH265 ? VideoCodec::kH265 : VideoCodec::kH264;
-      r.skipped_pictures = vchunks_->skipped_pictures();
       r.width = sps_width_;
       r.height = sps_height_;
       r.video_frames = v_.written;
       r.fps = fps_;
       r.reordered = reordered_;
+      r.dropped_leading = vchunks_->dropped_leading();
     }
     if (ain_) {
       r.sample_rate = sample_rate_;

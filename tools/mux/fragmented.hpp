@@ -20,6 +20,7 @@ struct FragmentedInput {
   std::string output;
   double seconds = 1;  // a fragment lasts at least this long
   std::optional<FrameRate> fps;
+  VideoScanOptions scan;  // as the movie path reads the video
   uint32_t forced_timescale = 0;
   bool fsync = false;  // each fragment reaches the disk before the next is cut
   bool quiet = false;
@@ -31,10 +32,9 @@ struct FragmentedResult {
   VideoCodec video_codec = VideoCodec::kH264;
   uint32_t width = 0, height = 0;
   uint64_t video_frames = 0;
-  // Pictures left out because nothing before them could be decoded from.
-  uint32_t skipped_pictures = 0;
   FrameRate fps;
   bool reordered = false;
+  uint32_t dropped_leading = 0;  // pictures no decoder can show, left out
   uint32_t sample_rate = 0;
   uint8_t channel_config = 0;
   uint32_t channels = 0;

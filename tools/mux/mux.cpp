@@ -221,6 +221,12 @@ std::string size_text(uint64_t bytes) {
   return text;
 }
 
+// Pictures left out before the first random access point.
+std::string dropped_text(uint32_t dropped) {
+  if (dropped == 0) return {};
+  return " (" + std::to_string(dropped) + " leading picture" + (dropped == 1 ? "" : "s") + " that cannot be decoded dropped)";
+}
+
 // channel_configuration 0: the layout is in a program_config_element.
 std::string channels_text(uint8_t channel_config, uint32_t channels) {
   if (channel_config == 0) return std::to_string(channels) + " channels (program_config_element)";
@@ -283,6 +289,7 @@ int run_fragmented(const Options& o) {
   in.output = o.output;
   in.seconds = o.fragment;
   in.fps = o.fps;
+  in.scan = o.scan;
   in.forced_timescale = o.timescale;
   in.fsync = o.fsync;
   in.quiet = o.quiet;
@@ -295,6 +302,7 @@ int run_fragmented(const Options& o) {
       tracks += std::string("video ") + (r.video_codec == VideoCodec::kH265 ? "H.265 " : "H.264 ") + std::to_string(r.width) + "x" + std::to_string(r.height) + ", " +
                 std::to_string(r.video_frames) + " frames at " + rate_text(r.fps) + " fps";
       if (r.reordered) tracks += " with B-frames";
+      tracks += dropped_text(r.dropped_leading);
     }
     if (!o.audio.empty()) {
       if (!tracks.empty()) tracks += "; ";
@@ -304,11 +312,6 @@ int run_fragmented(const Options& o) {
     std::printf("%s: %s; %.2f s, %s in %llu fragments, written in %.2f s\n", o.output.c_str(), tracks.c_str(),
                 static_cast<double>(r.duration) / r.timescale, size_text(r.file_size).c_str(),
                 static_cast<unsigned long long>(r.fragments), seconds);
-  }
-  if (!o.quiet && r.skipped_pictures) {
-    std::fprintf(stderr, "boxlane mux: %s: left out %u pictures that cannot be decoded (before the first random "
-                 "access picture, or leading pictures of one that decoding starts at)\n", o.video.c_str(),
-                 r.skipped_pictures);
   }
   if (!r.problem.empty()) {
     std::fflush(stdout);
@@ -384,10 +387,7 @@ int run(const Options& o) {
                 std::to_string(video.width) + "x" + std::to_string(video.height) + ", " +
                 std::to_string(video.units.size()) + " frames at " + rate_text(in.fps) + " fps";
       if (video.reordered) tracks += " with B-frames";
-      if (video.dropped_leading) {
-        tracks += " (" + std::to_string(video.dropped_leading) + " leading picture" +
-                  (video.dropped_leading == 1 ? "" : "s") + " that cannot be decoded dropped)";
-      }
+      tracks += dropped_text(video.dropped_leading);
     }
     if (in.audio) {
       if (!tracks.empty()) tracks += "; ";

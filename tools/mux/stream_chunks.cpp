@@ -235,18 +235,19 @@ void VideoChunker::scan(VideoChunk& out) const {
   if (h265()) {
     scan_hevc(out.bytes.data(), out.bytes.size(), in_.name(), out.stream, {}, emitted_ > 0);
   } else {
-    scan_video(out.bytes.data(), out.bytes.size(), in_.name(), out.stream);
+    scan_video(out.bytes.data(), out.bytes.size(), in_.name(), out.stream, {}, options_);
   }
 }
 
 void VideoChunker::counted(const VideoChunk& out) noexcept {
-  if (h265()) skipped_pictures_ += out.stream.skipped_before_parameter_sets;
+  dropped_ += h265() ? out.stream.skipped_before_parameter_sets : out.stream.dropped_leading;
   ++emitted_;
 }
 
 bool VideoChunker::emit(std::size_t end, bool last, VideoChunk& out) {
   const uint64_t offset = in_.offset();
   const uint32_t slices = vcl_;
+  const uint32_t pictures = pictures_;
   const std::size_t last_nal = last_nal_sc_;
   // The piece leaves the input whatever becomes of it.
   struct Consume {
@@ -267,14 +268,18 @@ bool VideoChunker::emit(std::size_t end, bool last, VideoChunk& out) {
   // Trailing parameter sets or SEI with no picture after them.
   if (slices == 0) return false;
   bool sets_before = false, sets_inside = false;
-  for (const ParameterSet& set : sets_) (set.offset < offset ? sets_before : sets_inside) = true;
+  // Sets past the piece's end belong to the next piece.
+  for (const ParameterSet& set : sets_) {
+    if (set.offset < offset) sets_before = true;
+    else if (set.offset < offset + end) sets_inside = true;
+  }
   if (!sets_before && !sets_inside) {
-    skipped_ += slices;
+    dropped_ += pictures;
     return false;
   }
   if (h265() && !random_access_) {
     // Pictures before the first IRAP picture: nothing to decode them from.
-    skipped_pictures_ += pictures_;
+    dropped_ += pictures;
     return false;
   }
   if (h265() && emitted_ > 0) {
@@ -310,6 +315,14 @@ bool VideoChunker::emit(std::size_t end, bool last, VideoChunk& out) {
     counted(out);
     return true;
   } catch (const ToolError& e) {
+    // The first piece of a stream cut in the middle of a group of pictures
+    // ends where the first IDR picture begins: none of its pictures can be
+    // shown, and it is left out as the movie path leaves them out. A stream
+    // with no IDR picture at all is one last piece, refused as there.
+    if (out.stream.only_leading && !emitted_ && !last) {
+      dropped_ += out.stream.dropped_leading;
+      return false;
+    }
     const std::string message = shift_offsets(e.what(), shift);
     // At the end of the input, a last NAL unit that cannot be read was cut
     // short: the pictures before it are kept.

@@ -29,7 +29,8 @@ class VideoChunker {
   // The most input held while the next IDR (H.265: IRAP) picture is awaited.
   static constexpr std::size_t kMaxPiece = std::size_t{128} << 20;
 
-  explicit VideoChunker(LiveInput& in) : in_(in) {}
+  // `options` as for scan_video, which reads every H.264 piece with them.
+  explicit VideoChunker(LiveInput& in, VideoScanOptions options = {}) : in_(in), options_(options) {}
   // What the input holds; H.264 until told, and told before the first next().
   void set_codec(VideoCodec codec) noexcept { codec_ = codec; }
   // Cuts the next piece from what has been read: true when one is complete
@@ -38,12 +39,13 @@ class VideoChunker {
   bool next(VideoChunk& out);
   // The input has ended and every piece has been taken.
   bool finished() const noexcept { return in_.eof() && in_.size() == 0 && done_; }
-  // Slices before the first parameter sets, which nobody can decode.
-  uint32_t skipped() const noexcept { return skipped_; }
-  // H.265 pictures before the first IRAP picture, which cannot be decoded,
-  // and RASL pictures of a BLA picture or of the CRA picture decoding
-  // starts at.
-  uint32_t skipped_pictures() const noexcept { return skipped_pictures_; }
+  // Pictures left out because no decoder can show them: those before the
+  // first parameter sets, and those the scan drops before the first random
+  // access point (H.264 unless options.keep_leading; H.265 also the RASL
+  // pictures of a BLA picture or of the CRA picture decoding starts at). A
+  // stream cut in the middle of a group of pictures starts with a piece of
+  // such pictures alone, which is left out whole.
+  uint32_t dropped_leading() const noexcept { return dropped_; }
   // Where the input stopped in the middle of a NAL unit that could not be
   // read, when it did; the pictures before it are kept.
   bool cut_short() const noexcept { return cut_short_; }
@@ -71,19 +73,19 @@ class VideoChunker {
   bool h265() const noexcept { return codec_ == VideoCodec::kH265; }
 
   LiveInput& in_;
+  const VideoScanOptions options_;
   // Positions in in_.data(), which starts at the piece being cut.
   std::size_t scan_ = 0;
   std::size_t nal_ = kNone;        // start of the NAL unit whose end is not known yet
   std::size_t candidate_ = kNone;  // start code where the next access unit would begin
   std::size_t last_nal_sc_ = 0;    // start code of the last NAL unit seen
   uint32_t vcl_ = 0;               // slices in the piece so far
-  uint32_t pictures_ = 0;          // H.265: pictures begun in the piece so far
+  uint32_t pictures_ = 0;          // of them, the first slices of a picture
   bool random_access_ = false;     // H.265: the piece holds an IRAP picture
   VideoCodec codec_ = VideoCodec::kH264;
-  uint64_t emitted_ = 0;           // pieces handed out
+  uint64_t emitted_ = 0;           // pieces with pictures handed out
   bool done_ = false;
-  uint32_t skipped_ = 0;
-  uint32_t skipped_pictures_ = 0;
+  uint32_t dropped_ = 0;
   bool cut_short_ = false;
   uint64_t cut_at_ = 0;
   std::vector<ParameterSet> sets_;

@@ -97,6 +97,7 @@ class Scanner {
     if (out_.pps_nals.empty()) throw ToolError(name_ + ": no picture parameter set (PPS) found");
     if (out_.units.empty()) {
       if (out_.dropped_leading) {
+        out_.only_leading = true;
         throw ToolError(name_ + ": no IDR picture or recovery point found, so none of its " +
                        std::to_string(out_.dropped_leading) +
                        " pictures can be decoded on its own (--keep-leading keeps them all the same)");
