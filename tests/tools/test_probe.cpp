@@ -455,8 +455,13 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
        marks({}, {"stsc gives samples sample description 2, but the parser hands out only the first"}),
        marks({}, {"sample description 2"})},
       {"track_10.mp4", with_id(10), marks(), marks()},
-      // An mdat that ends the file loses nothing however its size is given.
+      // An mdat that ends the file loses nothing however its size is given;
+      // another box of size 0 may hold what was not read.
       {"large_mdat.mp4", large_mdat, marks(), marks()},
+      {"zero_mdat.mp4", changed([&](std::vector<uint8_t>& b) { put32(b, box_at(b, "mdat"), 0); }), marks(), marks()},
+      {"zero_free.mp4", cat({fast, box("free", Bytes().zeros(8), 0)}),
+       marks({"reading stopped early: box 'free' at offset " + std::to_string(fast.size()) + " has size 0"}),
+       marks({"box 'free' at offset " + std::to_string(fast.size()) + " has size 0"})},
       {"large_mdat_then_free.mp4", cat({large_mdat, box("free", Bytes().zeros(8))}), marks(),
        marks({"reading stopped early: box 'mdat' at offset " + mdat_at + " has a 64-bit size, which --strict does not follow"})},
       {"nested_large.mp4", nested_large, marks(),
