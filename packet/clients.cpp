@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <shared_mutex>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -35,19 +36,33 @@ struct alignas(64) LastLookup {
 // Initial-exec: a fixed offset from the thread pointer, no call per access.
 [[gnu::tls_model("initial-exec")]] constinit thread_local LastLookup t_last;
 
+// Read without the table lock by every call, written under it by Delete.
+std::atomic_ref<uint64_t> version_of(CBoxlane_Packet& self) noexcept { return std::atomic_ref(self.nTableVersion); }
+
 }  // namespace
 
 uint64_t next_table_version() noexcept { return g_versions.fetch_add(1, std::memory_order_relaxed) + 1; }
 
-QORVANE_MP4PACKET* find_client(CBoxlane_Packet& self, const char* client) noexcept {
+QORVANE_MP4PACKET* find_client(CBoxlane_Packet& self, const char* client, platform::InUseSlot& slot) noexcept {
   LastLookup& last = t_last;
-  if (last.table == &self && last.version == self.nTableVersion && std::strcmp(last.key, client) == 0)
-    return last.record;
+  if (last.table == &self) {
+    // Published before the version is read: either Delete's version change
+    // comes after this read, and its wait sees the slot, or this read sees
+    // the change. The key is looked at only once the version holds, since a
+    // long key is the table's own string.
+    slot.record.store(last.record, std::memory_order_seq_cst);
+    if (version_of(self).load(std::memory_order_seq_cst) == last.version && std::strcmp(last.key, client) == 0)
+      return last.record;
+    slot.record.store(nullptr, std::memory_order_relaxed);
+  }
+  std::shared_lock lock(self.st_RWLocker);
   const auto it = self.stl_MapClient.find(std::string_view(client));
   if (it == self.stl_MapClient.end()) return nullptr;
+  // Published under the table lock, which Delete must take before it waits.
+  slot.record.store(it->second.get(), std::memory_order_seq_cst);
   const std::string& key = it->first;
   last.table = &self;
-  last.version = self.nTableVersion;
+  last.version = version_of(self).load(std::memory_order_relaxed);
   last.record = it->second.get();
   if (key.size() < sizeof last.short_key) {
     std::memcpy(last.short_key, key.c_str(), key.size() + 1);
@@ -71,9 +86,9 @@ bool CBoxlane_Packet::Boxlane_Packet_Insert(const char* lpszClient) {
     auto record = std::make_unique<QORVANE_MP4PACKET>();
     std::string key(lpszClient);
     std::unique_lock lock(st_RWLocker);
-    // An existing client keeps its record: a second Insert must not drop frames.
-    if (stl_MapClient.try_emplace(std::move(key), std::move(record)).second)
-      nTableVersion = boxlane::packet::next_table_version();
+    // An existing client keeps its record: a second Insert must not drop
+    // frames. A new one leaves every thread's last lookup as right as it was.
+    stl_MapClient.try_emplace(std::move(key), std::move(record));
   } catch (const std::bad_alloc&) {
     return boxlane::fail(BOXLANE_ERROR_PACKET_MALLOC);
   }
@@ -90,9 +105,11 @@ bool CBoxlane_Packet::Boxlane_Packet_Delete(const char* lpszClient) {
     if (it == stl_MapClient.end()) return true;
     released = std::move(it->second);
     stl_MapClient.erase(it);
-    nTableVersion = boxlane::packet::next_table_version();
+    boxlane::packet::version_of(*this).store(boxlane::packet::next_table_version(), std::memory_order_seq_cst);
   }
-  // The record's lists are freed here, outside the exclusive section.
+  // A call that found the record before it left the table ends before this
+  // returns; the record's lists are then freed outside the exclusive section.
+  boxlane::platform::wait_until_unused(released.get());
   return true;
 }
 

@@ -105,9 +105,10 @@ bool CBoxlane_Parse::Boxlane_Parse_InsertEx(const char* lpszClient, uint32_t nFl
     std::memcpy(record->tszClient, lpszClient, std::strlen(lpszClient) + 1);
     record->stStream.nFlags = nFlags;
     QORVANE_MP4PARSE& inserted = *stl_MapClient.emplace(std::string(lpszClient), std::move(record)).first->second;
-    // Registered under the table lock, so a Delete of the same client cannot
-    // slip between the pool entry and the table entry.
-    if (void* pool = parse::pool_handle(*this)) Rendavo_TaskPool_AddrInsertEx(pool, lpszClient, &inserted.nPoolIndex);
+    // Entered into the pool under the table lock, as Delete leaves it, so
+    // the entry is this record's own and never a deleted twin's.
+    if (void* pool = parse::pool_handle(*this))
+      inserted.stPoolEntry = Rendavo_TaskPool_AddrAttachEx(pool, lpszClient, &inserted.nPoolIndex);
     return true;
   } catch (const std::bad_alloc&) {
     return fail(BOXLANE_ERROR_PARSE_MALLOC);
@@ -123,14 +124,19 @@ bool CBoxlane_Parse::Boxlane_Parse_Delete(const char* lpszClient) {
     const auto it = stl_MapClient.find(std::string_view(lpszClient));
     if (it == stl_MapClient.end()) return true;
     record = std::move(it->second);
-    {
-      std::lock_guard guard(*record->st_Locker);
-      if (void* pool = parse::pool_handle(*this)) Rendavo_TaskPool_AddrDeleteEx(pool, record->nPoolIndex, lpszClient);
-    }
     stl_MapClient.erase(it);
+    if (record->stPoolEntry) (void)Rendavo_TaskPool_EntryDeleteEx(*record->stPoolEntry);
   }
+  // Calls that found the record before it left the table either end before
+  // this returns or, still waiting for its mutex, fail as not found.
+  {
+    std::lock_guard guard(*record->st_Locker);
+    record->bDeleted = true;
+  }
+  for (uint32_t users; (users = record->stUsers.n.load(std::memory_order_acquire)) != 0;)
+    record->stUsers.n.wait(users, std::memory_order_acquire);
   // No call can reach the record any more: its buffers and tables are freed
-  // outside the table lock, so other clients do not wait for them.
+  // outside every lock, so other clients do not wait for them.
   parse::release(*record->stl_ListMsg);
   return true;
 }

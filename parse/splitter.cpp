@@ -24,11 +24,11 @@ constexpr uint64_t kLargeHeader = 16;
 // position must stay far from overflowing however many follow.
 constexpr uint64_t kMaxLargeBox = uint64_t{1} << 62;
 
-void queue_finished(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, BOXLANE_MSGBUFFER& entry) {
+void queue_finished(QORVANE_MP4PARSE& record, BOXLANE_MSGBUFFER& entry) {
   entry.bHdr = true;
   entry.bComplete = true;
   record.stl_ListMsg->push_back(entry);
-  if (void* pool = pool_handle(self)) Rendavo_TaskPool_AddrIncEx(pool, record.nPoolIndex, record.tszClient);
+  if (record.stPoolEntry) (void)Rendavo_TaskPool_EntryIncEx(*record.stPoolEntry);
 }
 
 // Keeps the rest of the run, which holds no whole box, until more arrives.
@@ -130,7 +130,7 @@ Split split_run(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* d
         note_box(record, found.code);
         record.bStop = true;
         note_stop(record, BOXLANE_STOP_LARGESIZE, type);
-        queue_finished(self, record, entry);
+        queue_finished(record, entry);
         return Split::stopped;
       }
       if (left < kLargeHeader) return store_tail(record, run, kLargeHeader, 0, held, first);
@@ -164,7 +164,7 @@ Split split_run(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* d
     // run is media the sender skips, and the next run starts after the mdat.
     if (row->kind == BoxKind::media_data) {
       if (wide) check_moof_data(record, record.nParsePos + header, to_end ? UINT64_MAX : record.nParsePos + size);
-      queue_finished(self, record, entry);
+      queue_finished(record, entry);
       record.nParsePos += size;
       if (to_end) return Split::stopped;
       if (size > left) return Split::media;
@@ -187,7 +187,7 @@ Split split_run(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* d
       row->reader(self, &record, &entry, payload, payload_length);
       if (row->code == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOF) record.nMoofEnd = record.nParsePos + size;
     }
-    queue_finished(self, record, entry);
+    queue_finished(record, entry);
 
     if (to_end) {
       record.nParsePos += size;
@@ -226,20 +226,17 @@ bool CBoxlane_Parse::Boxlane_Parse_Recv(const char* lpszClient, QORVANE_MP4HDR* 
     boxlane::clear_error();
     return boxlane::fail(BOXLANE_ERROR_PARSE_PARAMETER);
   }
-  int pool_index = 0;
-  const bool taken = boxlane::parse::with_client(*this, lpszClient, [&](QORVANE_MP4PARSE& record) {
+  return boxlane::parse::with_client(*this, lpszClient, [&](QORVANE_MP4PARSE& record) {
     auto& queue = *record.stl_ListMsg;
     if (queue.empty()) return boxlane::fail(BOXLANE_ERROR_PARSE_NODATA);
     if (!boxlane::parse::finished(queue.front())) return boxlane::fail(BOXLANE_ERROR_PARSE_NOTREADY);
     *pSt_MP4Hdr = queue.front().st_MP4Hdr;
     if (pInt_ParsePos) *pInt_ParsePos = record.nParsePos;
     queue.pop_front();
-    pool_index = record.nPoolIndex;
+    // Counted down on the record's own pool entry and under its mutex, as
+    // the splitter counts up: the pool's count and the queue move together,
+    // and a client deleted and entered again meanwhile is not touched.
+    if (record.stPoolEntry) (void)Rendavo_TaskPool_EntryDecEx(*record.stPoolEntry);
     return true;
   });
-  // Counted down outside both locks, so a worker never holds them while the
-  // pool wakes or blocks.
-  if (taken)
-    if (void* pool = boxlane::parse::pool_handle(*this)) Rendavo_TaskPool_AddrDecEx(pool, pool_index, lpszClient);
-  return taken;
 }

@@ -33,6 +33,7 @@ bool fail(uint64_t code) noexcept {
 struct Client {
   std::string addr;
   int events = 0;
+  bool gone = false;  // left its pool; counts through an entry reference do nothing
 };
 
 // The map's keys are views of the strings in the list nodes, so looking up a
@@ -45,10 +46,11 @@ struct ViewHash {
 struct Pool {
   std::mutex mutex;
   std::condition_variable wake;
-  // Insertion order is what AddrGet hands out; list nodes keep the strings
-  // (and so the map's keys) at fixed addresses.
-  std::list<Client> clients;
-  std::unordered_map<std::string_view, std::list<Client>::iterator, ViewHash, std::equal_to<>> index;
+  // Insertion order is what AddrGet hands out. Each client is shared with
+  // the entry references handed out for it, and keeps its string (and so the
+  // map's key) at a fixed address.
+  std::list<std::shared_ptr<Client>> clients;
+  std::unordered_map<std::string_view, std::list<std::shared_ptr<Client>>::iterator, ViewHash, std::equal_to<>> index;
   int ready = 0;  // clients whose count is positive
   int waiters = 0;
   bool activated = false;
@@ -56,23 +58,40 @@ struct Pool {
 
   Client* find(std::string_view addr) {
     const auto it = index.find(addr);
-    return it == index.end() ? nullptr : &*it->second;
+    return it == index.end() ? nullptr : it->second->get();
   }
-  // False when memory ran out; the pool is then unchanged.
-  bool add(std::string_view addr) noexcept {
+  // Null when memory ran out; the pool is then unchanged.
+  std::shared_ptr<Client> add(std::string_view addr) noexcept {
     try {
-      clients.push_back(Client{std::string(addr), 0});
+      clients.push_back(std::make_shared<Client>(Client{std::string(addr), 0, false}));
     } catch (const std::bad_alloc&) {
-      return false;
+      return nullptr;
     }
     const auto node = std::prev(clients.end());
     try {
-      index.emplace(std::string_view(node->addr), node);
+      index.emplace(std::string_view((*node)->addr), node);
     } catch (const std::bad_alloc&) {
       clients.pop_back();
-      return false;
+      return nullptr;
     }
-    return true;
+    return *node;
+  }
+  void remove(std::list<std::shared_ptr<Client>>::iterator node) noexcept {
+    Client& client = **node;
+    if (client.events > 0) --ready;
+    client.events = 0;
+    client.gone = true;
+    index.erase(std::string_view(client.addr));  // before the node, whose string the key views
+    clients.erase(node);
+  }
+  // Counts one event up; true when waiters should be woken.
+  bool raise(Client& client) noexcept {
+    if (client.events == INT_MAX) return false;
+    if (client.events++ == 0) ++ready;
+    return waiters > 0;
+  }
+  void lower(Client& client) noexcept {
+    if (client.events > 0 && --client.events == 0) --ready;
   }
 };
 
@@ -84,6 +103,16 @@ struct PoolSet {
   // once. Taken before any pool mutex.
   std::mutex membership;
 };
+
+}  // namespace
+
+struct RendavoEntry {
+  std::shared_ptr<PoolSet> set;  // keeps the pool's memory while the entry is held
+  Pool* pool;
+  std::shared_ptr<Client> client;
+};
+
+namespace {
 
 struct Registry {
   std::mutex mutex;
@@ -171,33 +200,86 @@ bool Rendavo_TaskPool_DestoryEx(void* xhPool) {
   return true;
 }
 
-bool Rendavo_TaskPool_AddrInsertEx(void* xhPool, const char* lpszClientAddr, int* pInt_PoolIndex) {
-  const std::shared_ptr<PoolSet> set = lookup(xhPool);
-  if (!set || !valid_client(lpszClientAddr) || pInt_PoolIndex == nullptr) {
-    return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+namespace {
+
+// Finds the client in any pool, or puts it into the one with the fewest
+// clients (lowest index on a tie). Null with the code set on failure.
+std::shared_ptr<RendavoEntry> attach(void* handle, const char* addr_cstr, int* pool_index) noexcept {
+  std::shared_ptr<PoolSet> set = lookup(handle);
+  if (!set || !valid_client(addr_cstr) || pool_index == nullptr) {
+    fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+    return nullptr;
   }
-  const std::string_view addr(lpszClientAddr);
+  const std::string_view addr(addr_cstr);
   std::lock_guard membership(set->membership);
   int fewest = 0;
   std::size_t fewest_size = SIZE_MAX;
-  for (int i = 0; i < set->count; ++i) {
+  std::shared_ptr<Client> client;
+  for (int i = 0; i < set->count && !client; ++i) {
     Pool& pool = set->pools[static_cast<std::size_t>(i)];
     std::lock_guard lock(pool.mutex);
-    if (pool.find(addr)) {
-      *pInt_PoolIndex = i;
-      return true;
-    }
-    if (pool.clients.size() < fewest_size) {
+    if (const auto it = pool.index.find(addr); it != pool.index.end()) {
+      client = *it->second;
+      fewest = i;
+    } else if (pool.clients.size() < fewest_size) {
       fewest = i;
       fewest_size = pool.clients.size();
     }
   }
   Pool& pool = set->pools[static_cast<std::size_t>(fewest)];
-  {
+  if (!client) {
     std::lock_guard lock(pool.mutex);
-    if (!pool.add(addr)) return fail(RENDAVO_ERROR_TASKPOOL_MALLOC);
+    client = pool.add(addr);
   }
-  *pInt_PoolIndex = fewest;
+  std::shared_ptr<RendavoEntry> entry;
+  if (client) {
+    try {
+      entry = std::make_shared<RendavoEntry>(RendavoEntry{std::move(set), &pool, std::move(client)});
+    } catch (const std::bad_alloc&) {
+    }
+  }
+  if (!entry) {
+    fail(RENDAVO_ERROR_TASKPOOL_MALLOC);
+    return nullptr;
+  }
+  *pool_index = fewest;
+  return entry;
+}
+
+}  // namespace
+
+bool Rendavo_TaskPool_AddrInsertEx(void* xhPool, const char* lpszClientAddr, int* pInt_PoolIndex) {
+  return attach(xhPool, lpszClientAddr, pInt_PoolIndex) != nullptr;
+}
+
+std::shared_ptr<RendavoEntry> Rendavo_TaskPool_AddrAttachEx(void* xhPool, const char* lpszClientAddr,
+                                                            int* pInt_PoolIndex) {
+  return attach(xhPool, lpszClientAddr, pInt_PoolIndex);
+}
+
+bool Rendavo_TaskPool_EntryDeleteEx(const RendavoEntry& entry) {
+  std::lock_guard membership(entry.set->membership);
+  std::lock_guard lock(entry.pool->mutex);
+  if (entry.client->gone) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+  entry.pool->remove(entry.pool->index.find(std::string_view(entry.client->addr))->second);
+  return true;
+}
+
+bool Rendavo_TaskPool_EntryIncEx(const RendavoEntry& entry) {
+  bool wake = false;
+  {
+    std::lock_guard lock(entry.pool->mutex);
+    if (entry.client->gone) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+    wake = entry.pool->raise(*entry.client);
+  }
+  if (wake) entry.pool->wake.notify_all();
+  return true;
+}
+
+bool Rendavo_TaskPool_EntryDecEx(const RendavoEntry& entry) {
+  std::lock_guard lock(entry.pool->mutex);
+  if (entry.client->gone) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+  entry.pool->lower(*entry.client);
   return true;
 }
 
@@ -209,10 +291,7 @@ bool Rendavo_TaskPool_AddrDeleteEx(void* xhPool, int nPoolIndex, const char* lps
   std::lock_guard lock(pool->mutex);
   const auto it = pool->index.find(std::string_view(lpszClientAddr));
   if (it == pool->index.end()) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
-  const auto node = it->second;
-  if (node->events > 0) --pool->ready;
-  pool->index.erase(it);  // before the node, whose string the key views
-  pool->clients.erase(node);
+  pool->remove(it->second);
   return true;
 }
 
@@ -225,9 +304,7 @@ bool Rendavo_TaskPool_AddrIncEx(void* xhPool, int nPoolIndex, const char* lpszCl
     std::lock_guard lock(pool->mutex);
     Client* client = pool->find(lpszClientAddr);
     if (client == nullptr) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
-    if (client->events == INT_MAX) return true;
-    if (client->events++ == 0) ++pool->ready;
-    wake = pool->waiters > 0;
+    wake = pool->raise(*client);
   }
   if (wake) pool->wake.notify_all();
   return true;
@@ -240,7 +317,7 @@ bool Rendavo_TaskPool_AddrDecEx(void* xhPool, int nPoolIndex, const char* lpszCl
   std::lock_guard lock(pool->mutex);
   Client* client = pool->find(lpszClientAddr);
   if (client == nullptr) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
-  if (client->events > 0 && --client->events == 0) --pool->ready;
+  pool->lower(*client);
   return true;
 }
 
@@ -256,7 +333,8 @@ bool Rendavo_TaskPool_AddrGetEx(void* xhPool, int nPoolIndex, QORVANE_RENDAVO_TA
     return fail(RENDAVO_ERROR_TASKPOOL_MALLOC);
   }
   int n = 0;
-  for (const Client& client : pool->clients) {
+  for (const auto& node : pool->clients) {
+    const Client& client = *node;
     if (client.events <= 0) continue;
     auto* entry = static_cast<QORVANE_RENDAVO_TASKEVENT*>(rows[n++]);
     std::memcpy(entry->tszClientAddr, client.addr.data(), client.addr.size());

@@ -7,6 +7,7 @@
 #include <boxlane/boxlane.h>
 
 #include <cstdint>
+#include <memory>
 
 // Makes nPoolCount pools (at least 1); null on failure.
 void* Rendavo_TaskPool_CreateEx(int nPoolCount);
@@ -16,6 +17,16 @@ bool Rendavo_TaskPool_DestoryEx(void* xhPool);
 // Puts the client into the pool with the fewest clients (lowest index on a
 // tie) and writes that index; a client already present keeps its entry.
 bool Rendavo_TaskPool_AddrInsertEx(void* xhPool, const char* lpszClientAddr, int* pInt_PoolIndex);
+// The client's own entry, as AddrInsertEx finds or makes it. Counts made
+// through it reach that entry only: once it has left its pool (through
+// EntryDeleteEx or AddrDeleteEx) they fail and change nothing, even when the
+// same string has been entered again since.
+struct RendavoEntry;
+std::shared_ptr<RendavoEntry> Rendavo_TaskPool_AddrAttachEx(void* xhPool, const char* lpszClientAddr,
+                                                            int* pInt_PoolIndex);
+bool Rendavo_TaskPool_EntryDeleteEx(const RendavoEntry& entry);
+bool Rendavo_TaskPool_EntryIncEx(const RendavoEntry& entry);
+bool Rendavo_TaskPool_EntryDecEx(const RendavoEntry& entry);
 bool Rendavo_TaskPool_AddrDeleteEx(void* xhPool, int nPoolIndex, const char* lpszClientAddr);
 // Counts one event up (waking the pool's waiters) or down (never below 0).
 bool Rendavo_TaskPool_AddrIncEx(void* xhPool, int nPoolIndex, const char* lpszClientAddr);

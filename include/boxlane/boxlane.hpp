@@ -169,10 +169,10 @@ class BOXLANE_API CBoxlane_Packet {
   bool Boxlane_Packet_SIdx(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen);
   bool Boxlane_Packet_MFra(const char* lpszClient, uint8_t* ptszMsgBuffer, int* pInt_MsgLen);
 
-  // Changed, under the exclusive lock, whenever a client is entered or
-  // removed, and unique across instances, so that a thread may reuse its last
-  // lookup while the table stays as it was. Aligned so that it and the lock,
-  // which every writer call reads, share one cache line.
+  // Changed, under the exclusive lock, whenever a client is removed, and
+  // unique across instances, so that a thread may reuse its last lookup
+  // without the lock while no client has left the table since. Only Delete
+  // writes it; every other call only reads it.
   alignas(64) uint64_t nTableVersion;
   std::shared_mutex st_RWLocker;
   BOXLANE_CLIENTMAP<QORVANE_MP4PACKET> stl_MapClient;

@@ -218,4 +218,177 @@ TEST(Stress, ParseAndWriteClientsUnderLoad) {
   EXPECT_TRUE(Boxlane_Parse_Destory());
 }
 
+
+// Every call a client can get, on the same clients and on others, while
+// other threads delete and insert those clients again. Clients nobody deletes
+// must see each record once, with one event each: none lost, none counted
+// twice. Writer calls racing a Delete of their client either complete or
+// fail as not found; the sanitizers see any use of a freed record.
+TEST(Stress, InsertAndDeleteRaceEveryCallOnTheSameClients) {
+  constexpr int kKept = 4, kBoxes = 400, kWorkers = 2;
+  ASSERT_TRUE(Boxlane_Parse_Init(kWorkers));
+  const Bytes movie = make_stream(3);
+  const auto kept = [](int c) { return "kept-" + std::to_string(c); };
+  const auto flip = [](int c) { return "flip-" + std::to_string(c % 2); };
+  // Box i of a kept client has its own size, so a record lost or doubled shows.
+  const auto box_size = [](int c, int i) { return uint64_t(8 + (c * 5 + i) % 40); };
+  for (int c = 0; c < kKept; ++c) ASSERT_TRUE(Boxlane_Parse_Insert(kept(c).c_str()));
+
+  std::atomic<bool> stop{false}, senders_done{false};
+  std::mutex taken_lock;
+  std::map<std::string, std::vector<uint64_t>> taken;
+  std::atomic<int> bad_codes{0};
+  std::atomic<uint64_t> bad_code{0};
+  std::atomic<int> bad_line{0};
+  // The last error is process-wide: a failure may read another thread's
+  // code, so any code of the failures this test allows will do.
+  const auto allowed = [&](bool ok, bool may_fail, int line = __builtin_LINE()) {
+    if (ok) return;
+    const uint64_t code = Boxlane_GetLastError(nullptr);
+    for (uint64_t c : {BOXLANE_ERROR_PARSE_NOTFOUND, BOXLANE_ERROR_PARSE_NODATA, BOXLANE_ERROR_PARSE_NOTREADY,
+                       BOXLANE_ERROR_PACKET_NOTFOUND})
+      if (may_fail && c == code) return;
+    ++bad_codes;
+    bad_code = code;
+    bad_line = line;
+  };
+  std::vector<std::thread> threads;
+  // Workers driven by the pool only: a lost event leaves a record behind.
+  for (int w = 0; w < kWorkers; ++w)
+    threads.emplace_back([&, w] {
+      for (;;) {
+        const bool woke = Boxlane_Parse_WaitEvent(w, 20);
+        QORVANE_RENDAVO_TASKEVENT** list = nullptr;
+        int32_t count = 0;
+        if (!Boxlane_Parse_GetPool(w, &list, &count)) continue;
+        for (int i = 0; i < count; ++i) {
+          const std::string client = list[i]->tszClientAddr;
+          QORVANE_MP4HDR hdr;
+          std::lock_guard lock(taken_lock);  // keeps each client's noted order Recv's order
+          for (int n = 0; n < list[i]->nEventCount && Boxlane_Parse_Recv(client.c_str(), &hdr, nullptr); ++n)
+            if (client.rfind("kept-", 0) == 0) taken[client].push_back(hdr.nBoxSize);
+        }
+        Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
+        if (!woke && count == 0 && senders_done) return;
+      }
+    });
+  // Senders of the kept clients, in pieces cut anywhere.
+  std::vector<std::thread> senders;
+  for (int c = 0; c < kKept; ++c)
+    senders.emplace_back([&, c] {
+      Bytes all;
+      for (int i = 0; i < kBoxes; ++i) all.add(box("free", Bytes{}.zeros(box_size(c, i) - 8)));
+      std::mt19937 rng(uint32_t(c + 11));
+      for (std::size_t at = 0; at < all.size();) {
+        const std::size_t n = std::min<std::size_t>(all.size() - at, 1 + rng() % 61);
+        allowed(Boxlane_Parse_Send(kept(c).c_str(), all.data() + at, int32_t(n)), false);
+        at += n;
+      }
+    });
+  // Two threads insert, feed and delete the same two names; two more call
+  // everything else on those names and on the kept clients meanwhile.
+  for (int t = 0; t < 2; ++t)
+    threads.emplace_back([&, t] {
+      std::mt19937 rng(uint32_t(t + 21));
+      while (!stop) {
+        const std::string name = flip(int(rng()));
+        allowed(Boxlane_Parse_Insert(name.c_str()), false);
+        for (std::size_t at = 0; at < movie.size() && !stop; at += 97)
+          allowed(Boxlane_Parse_Send(name.c_str(), movie.data() + at, int32_t(std::min<std::size_t>(97, movie.size() - at))), true);
+        allowed(Boxlane_Parse_Delete(name.c_str()), false);
+      }
+    });
+  for (int t = 0; t < 2; ++t)
+    threads.emplace_back([&, t] {
+      std::mt19937 rng(uint32_t(t + 31));
+      while (!stop) {
+        const std::string name = rng() % 4 ? flip(int(rng())) : kept(int(rng() % kKept));
+        const char* client = name.c_str();
+        QORVANE_HDRFTYP ftyp;
+        QORVANE_HDRMVHD mvhd;
+        BOXLANE_STREAMINFO stream;
+        QORVANE_HDRTKHD tkhd;
+        QORVANE_HDRMDHD mdhd;
+        QORVANE_HDRHDLR hdlr;
+        QORVANE_HDRVMSMHD vmsmhd;
+        int tracks = 0;
+        allowed(Boxlane_Parse_GetFTyp(client, &ftyp), true);
+        allowed(Boxlane_Parse_GetMVhd(client, &mvhd), true);
+        allowed(Boxlane_Parse_GetStream(client, &stream), true);
+        allowed(Boxlane_Parse_GetTrack(client, &tracks), true);
+        allowed(Boxlane_Parse_GetTrackInfo(client, 1, &tkhd, &mdhd, &hdlr, &vmsmhd), true);
+        QORVANE_HDRSAMPLENFO** list = nullptr;
+        int32_t count = 0;
+        if (Boxlane_Parse_GetTrackList(client, 1, &list, &count, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ))
+          Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
+        else
+          allowed(false, true);
+        if (name.rfind("flip-", 0) == 0) {
+          QORVANE_MP4HDR hdr;
+          allowed(Boxlane_Parse_Recv(client, &hdr, nullptr), true);
+          if (rng() % 50 == 0) allowed(Boxlane_Parse_Delete(client), false);
+        }
+      }
+    });
+  // A writer client written by one thread while another deletes and inserts it.
+  threads.emplace_back([&] {
+    const uint8_t frame[16] = {0x21, 0x10, 0x05};
+    std::vector<uint8_t> out(64);
+    int32_t size = 0;
+    while (!stop)
+      allowed(Boxlane_Packet_FrameAudio("wflip", out.data(), &size, frame, sizeof frame, 0, 1024), true);
+  });
+  threads.emplace_back([&] {
+    while (!stop) {
+      allowed(Boxlane_Packet_Insert("wflip"), false);
+      std::this_thread::yield();
+      allowed(Boxlane_Packet_Delete("wflip"), false);
+    }
+  });
+  // Writer sessions beside it must come out as they do alone.
+  const std::vector<uint8_t> session = writer_session("writer-alone", 5);
+  std::vector<std::vector<uint8_t>> sessions(2);
+  for (int t = 0; t < 2; ++t)
+    senders.emplace_back([&, t] {
+      for (int i = 0; i < 20; ++i) sessions[t] = writer_session("wkept-" + std::to_string(t), 5);
+    });
+
+  for (auto& t : senders) t.join();
+  senders_done = true;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(2);
+  const auto all_taken = [&] {
+    std::lock_guard lock(taken_lock);
+    std::size_t n = 0;
+    for (const auto& [client, sizes] : taken) n += sizes.size();
+    return n == std::size_t(kKept) * kBoxes;
+  };
+  while (!all_taken() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  stop = true;
+  for (auto& t : threads) t.join();
+
+  EXPECT_EQ(bad_codes.load(), 0) << "the last: code " << std::hex << bad_code.load() << std::dec << " at line "
+                                 << bad_line.load();
+  for (int c = 0; c < kKept; ++c) {
+    std::vector<uint64_t> want;
+    for (int i = 0; i < kBoxes; ++i) want.push_back(box_size(c, i));
+    EXPECT_EQ(taken[kept(c)], want) << kept(c);
+    QORVANE_MP4HDR hdr;
+    EXPECT_FALSE(Boxlane_Parse_Recv(kept(c).c_str(), &hdr, nullptr)) << kept(c) << ": a record no event announced";
+  }
+  for (int w = 0; w < kWorkers; ++w) {
+    QORVANE_RENDAVO_TASKEVENT** list = nullptr;
+    int32_t count = -1;
+    ASSERT_TRUE(Boxlane_Parse_GetPool(w, &list, &count));
+    for (int i = 0; i < count; ++i)
+      EXPECT_NE(std::string(list[i]->tszClientAddr).rfind("kept-", 0), 0u)
+          << list[i]->tszClientAddr << ": " << list[i]->nEventCount << " events counted twice";
+    Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
+  }
+  for (const auto& got : sessions) EXPECT_EQ(got, session);
+  for (int c = 0; c < kKept; ++c) Boxlane_Parse_Delete(kept(c).c_str());
+  for (int c = 0; c < 2; ++c) Boxlane_Parse_Delete(flip(c).c_str());
+  Boxlane_Packet_Delete("wflip");
+  EXPECT_TRUE(Boxlane_Parse_Destory());
+}
+
 }  // namespace
