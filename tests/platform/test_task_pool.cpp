@@ -221,4 +221,40 @@ TEST(TaskPool, WorkersSeeEveryEventFromConcurrentProducers) {
   EXPECT_TRUE(Rendavo_TaskPool_DestoryEx(pool));
 }
 
+
+TEST(TaskPool, AnEntryCountsOnlyForItselfNeverForATwinEnteredLater) {
+  void* pool = Rendavo_TaskPool_CreateEx(2);
+  ASSERT_NE(pool, nullptr);
+  int index = -1, again = -1, twin_index = -1;
+  const auto entry = Rendavo_TaskPool_AddrAttachEx(pool, "peer", &index);
+  ASSERT_TRUE(entry);
+  // Attaching a string already present hands out the same entry.
+  const auto same = Rendavo_TaskPool_AddrAttachEx(pool, "peer", &again);
+  ASSERT_TRUE(same);
+  EXPECT_EQ(again, index);
+  ASSERT_TRUE(Rendavo_TaskPool_EntryIncEx(*entry));
+  ASSERT_TRUE(Rendavo_TaskPool_EntryIncEx(*same));
+  ASSERT_TRUE(Rendavo_TaskPool_EntryDecEx(*entry));
+  EXPECT_EQ(listed(pool, index), (List{{"peer", 1}}));
+
+  // Gone from the pool, with its count; a new client of the same string
+  // starts at 0 and is not touched by the old entry.
+  ASSERT_TRUE(Rendavo_TaskPool_EntryDeleteEx(*entry));
+  EXPECT_TRUE(listed(pool, index).empty());
+  EXPECT_TRUE(timed_out(Rendavo_TaskPool_WaitEventEx(pool, index, 0)));
+  const auto twin = Rendavo_TaskPool_AddrAttachEx(pool, "peer", &twin_index);
+  ASSERT_TRUE(twin);
+  ASSERT_TRUE(Rendavo_TaskPool_EntryIncEx(*twin));
+  EXPECT_TRUE(refused(Rendavo_TaskPool_EntryDecEx(*entry)));
+  EXPECT_TRUE(refused(Rendavo_TaskPool_EntryIncEx(*entry)));
+  EXPECT_TRUE(refused(Rendavo_TaskPool_EntryDeleteEx(*entry)));
+  EXPECT_EQ(listed(pool, twin_index), (List{{"peer", 1}}));
+  // Deleting by name reaches the twin's entry as well.
+  ASSERT_TRUE(Rendavo_TaskPool_AddrDeleteEx(pool, twin_index, "peer"));
+  EXPECT_TRUE(refused(Rendavo_TaskPool_EntryIncEx(*twin)));
+  EXPECT_TRUE(listed(pool, twin_index).empty());
+  EXPECT_TRUE(timed_out(Rendavo_TaskPool_WaitEventEx(pool, twin_index, 0)));
+  ASSERT_TRUE(Rendavo_TaskPool_DestoryEx(pool));
+}
+
 }  // namespace
