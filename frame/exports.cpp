@@ -8,6 +8,7 @@ bool Boxlane_Parse_Init(int32_t nPoolCount) { return m_MP4Parse.Boxlane_Parse_In
 bool Boxlane_Parse_Destory(void) { return m_MP4Parse.Boxlane_Parse_Destory(); }
 bool Boxlane_Parse_Insert(const char* lpszClient) { return m_MP4Parse.Boxlane_Parse_Insert(lpszClient); }
 bool Boxlane_Parse_InsertEx(const char* lpszClient, uint32_t nFlags) { return m_MP4Parse.Boxlane_Parse_InsertEx(lpszClient, nFlags); }
+bool Boxlane_Parse_SetLimit(uint64_t nMaxBytes) { return m_MP4Parse.Boxlane_Parse_SetLimit(nMaxBytes); }
 bool Boxlane_Parse_Delete(const char* lpszClient) { return m_MP4Parse.Boxlane_Parse_Delete(lpszClient); }
 bool Boxlane_Parse_Send(const char* lpszClient, const uint8_t* lpszMsgBuffer, int32_t nMsgLen) { return m_MP4Parse.Boxlane_Parse_Send(lpszClient, lpszMsgBuffer, nMsgLen); }
 bool Boxlane_Parse_Recv(const char* lpszClient, QORVANE_MP4HDR* pSt_MP4Hdr, uint64_t* pInt_ParsePos) { return m_MP4Parse.Boxlane_Parse_Recv(lpszClient, pSt_MP4Hdr, pInt_ParsePos); }

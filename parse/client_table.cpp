@@ -4,6 +4,7 @@
 
 #include "frame/last_error.hpp"
 #include "parse/client_lookup.hpp"
+#include "parse/holdings.hpp"
 #include "parse/intake.hpp"
 #include "platform/be_reader.hpp"
 #include "platform/task_pool.hpp"
@@ -36,7 +37,7 @@ Split take_piece(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* 
     const std::size_t held_bytes = static_cast<std::size_t>(pending.nMsgLen);
     const std::size_t missing = static_cast<std::size_t>(pending.nBoxLen) - held_bytes;
     const std::size_t take = std::min(missing, piece.remaining());
-    if (!reserve(pending, held_bytes + take)) {
+    if (!reserve(pending, held_bytes + take, client_limit() != 0)) {
       fail(BOXLANE_ERROR_PARSE_MALLOC);
       return Split::grow_failed;
     }
@@ -113,6 +114,12 @@ bool CBoxlane_Parse::Boxlane_Parse_InsertEx(const char* lpszClient, uint32_t nFl
   } catch (const std::bad_alloc&) {
     return fail(BOXLANE_ERROR_PARSE_MALLOC);
   }
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_SetLimit(uint64_t nMaxBytes) {
+  clear_error();
+  parse::set_client_limit(nMaxBytes);
+  return true;
 }
 
 bool CBoxlane_Parse::Boxlane_Parse_Delete(const char* lpszClient) {

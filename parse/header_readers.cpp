@@ -9,6 +9,7 @@
 #include "platform/be_reader.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <string>
 
@@ -52,11 +53,16 @@ bool CBoxlane_Parse::Boxlane_Parse_FTyp(QORVANE_MP4PARSE* pSt_MP4Parse, const ui
   if (!r.has(8)) return true;
   take_fourcc(r, pSt_MP4Parse->stFTyp.tszMajorBrand);
   pSt_MP4Parse->stFTyp.nMinorVersion = r.u32();
-  // A brand cut by the end of the box is not a brand.
+  // A brand cut by the end of the box is not a brand. The list grows by
+  // what the box holds, so a client holds no more than it was sent.
+  auto& brands = pSt_MP4Parse->stl_ListBrand;
+  brands.reserve(brands.size() + r.remaining() / 4);
   while (r.has(4)) {
-    char brand[4];
-    r.copy(brand, 4);
-    pSt_MP4Parse->stl_ListBrand.emplace_back(brand, ::strnlen(brand, 4));
+    std::array<char, 4> brand{};
+    r.copy(brand.data(), 4);
+    const std::size_t length = ::strnlen(brand.data(), 4);
+    std::fill(brand.begin() + static_cast<std::ptrdiff_t>(length), brand.end(), '\0');
+    brands.push_back(brand);
   }
   return true;
 }

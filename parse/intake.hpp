@@ -27,12 +27,14 @@ inline bool finished(const BOXLANE_MSGBUFFER& entry) noexcept { return entry.bHd
 // Makes room for `needed` bytes in the entry's buffer, doubling from the
 // initial size but never past what the pending box can use. On failure the
 // entry keeps its old buffer and contents.
-inline bool reserve(BOXLANE_MSGBUFFER& entry, std::size_t needed) noexcept {
+// A client under a memory bound gets a buffer as large as the box instead.
+inline bool reserve(BOXLANE_MSGBUFFER& entry, std::size_t needed, bool bounded) noexcept {
   if (entry.ptszMsgBuffer && needed <= entry.nBufferSize) return true;
-  std::size_t capacity = entry.nBufferSize ? entry.nBufferSize : kReassemblyInitial;
+  const std::size_t initial = bounded ? 1 : kReassemblyInitial;
+  std::size_t capacity = entry.nBufferSize ? entry.nBufferSize : initial;
   while (capacity < needed) capacity *= 2;
   const std::size_t usable = std::max(needed, static_cast<std::size_t>(entry.nBoxLen));
-  if (capacity > usable) capacity = std::max(usable, std::max(entry.nBufferSize, kReassemblyInitial));
+  if (capacity > usable) capacity = std::max(usable, std::max(entry.nBufferSize, initial));
   void* grown = std::realloc(entry.ptszMsgBuffer, capacity);
   if (!grown) return false;
   entry.ptszMsgBuffer = static_cast<uint8_t*>(grown);

@@ -11,6 +11,7 @@
 #include "parse/track_record.hpp"
 #include "platform/task_pool.hpp"
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <deque>
@@ -95,7 +96,7 @@ struct QORVANE_MP4PARSE {
   int32_t nPoolIndex = 0;
   int32_t nCurrentTrack = 0;
   bool bStop = false;
-  std::vector<std::string> stl_ListBrand;
+  std::vector<std::array<char, 4>> stl_ListBrand;  // as stored, zero from the first zero byte on
   std::unique_ptr<std::mutex> st_Locker = std::make_unique<std::mutex>();
   std::unique_ptr<std::deque<BOXLANE_MSGBUFFER>> stl_ListMsg = std::make_unique<std::deque<BOXLANE_MSGBUFFER>>();
   std::unique_ptr<std::unordered_map<int32_t, BOXLANE_TRACKINFO>> stl_MapTrack =
@@ -114,6 +115,7 @@ struct QORVANE_MP4PARSE {
   // record never reaches a client entered later under the same string.
   std::shared_ptr<RendavoEntry> stPoolEntry;
   BOXLANE_USERS stUsers;            // calls that found the record and have not ended
+  uint64_t nTrackBytes = 0;         // the heap behind the track records' tables (parse/holdings.hpp)
   bool bDeleted = false;            // set by Delete under st_Locker
 };
 

@@ -58,15 +58,12 @@ bool bad_pointer() noexcept {
 bool CBoxlane_Parse::Boxlane_Parse_GetFTyp(const char* lpszClient, QORVANE_HDRFTYP* pSt_FTyp) {
   if (!pSt_FTyp) return bad_pointer();
   return with_client(*this, lpszClient, [&](QORVANE_MP4PARSE& record) {
-    const std::vector<std::string>& brands = record.stl_ListBrand;
+    const auto& brands = record.stl_ListBrand;
     const int n = static_cast<int>(brands.size());
     char** rows = nullptr;
     if (!Fundrel_Memory_Malloc(reinterpret_cast<void***>(&rows), n, 8)) return boxlane::fail(BOXLANE_ERROR_PARSE_MALLOC);
-    // Rows are zeroed by the allocator, so at most 4 bytes leave the NUL.
-    for (int i = 0; i < n; ++i) {
-      const std::string& brand = brands[static_cast<std::size_t>(i)];
-      std::memcpy(rows[i], brand.data(), std::min<std::size_t>(brand.size(), 4));
-    }
+    // Rows are zeroed by the allocator, so the 4 bytes leave the NUL.
+    for (int i = 0; i < n; ++i) std::memcpy(rows[i], brands[static_cast<std::size_t>(i)].data(), 4);
     std::memcpy(pSt_FTyp->tszMajorBrand, record.stFTyp.tszMajorBrand, sizeof(pSt_FTyp->tszMajorBrand));
     pSt_FTyp->nMinorVersion = record.stFTyp.nMinorVersion;
     pSt_FTyp->nBrandCount = n;

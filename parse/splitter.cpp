@@ -8,6 +8,7 @@
 #include "frame/last_error.hpp"
 #include "parse/box_table.hpp"
 #include "parse/client_lookup.hpp"
+#include "parse/holdings.hpp"
 #include "parse/intake.hpp"
 #include "parse/reader_frame.hpp"
 #include "platform/be_reader.hpp"
@@ -47,7 +48,7 @@ Split store_tail(QORVANE_MP4PARSE& record, BeReader& run, uint64_t needed, uint6
     tail.ptszMsgBuffer = held->data;
     tail.nBufferSize = held->capacity;
     held->data = nullptr;
-  } else if (!reserve(tail, have)) {
+  } else if (!reserve(tail, have, client_limit() != 0)) {
     queue.pop_back();
     fail(BOXLANE_ERROR_PARSE_MALLOC);
     return first ? Split::no_memory : Split::done;
@@ -101,6 +102,31 @@ void check_moof_data(QORVANE_MP4PARSE& record, uint64_t payload_start, uint64_t 
   record.stl_ListMoofData.clear();
 }
 
+// Keeps the record's sum of its tracks' tables right across one reader: the
+// reader changes the current track's tables, or makes a new (empty) track.
+class TrackBytes {
+ public:
+  explicit TrackBytes(QORVANE_MP4PARSE& record) noexcept
+      : id_(record.nCurrentTrack), tracks_(record.stl_MapTrack ? record.stl_MapTrack->size() : 0) {
+    const BOXLANE_TRACKINFO* track = record.stl_MapTrack ? find_track(*record.stl_MapTrack, id_) : nullptr;
+    bytes_ = track ? track_bytes(*track) : 0;
+  }
+  void update(QORVANE_MP4PARSE& record) const noexcept {
+    if (!record.stl_MapTrack) return;
+    if (const BOXLANE_TRACKINFO* track = find_track(*record.stl_MapTrack, id_))
+      record.nTrackBytes += track_bytes(*track) - bytes_;
+    // A track that is new holds what its first reader put there.
+    if (record.nCurrentTrack != id_ && record.stl_MapTrack->size() > tracks_)
+      if (const BOXLANE_TRACKINFO* track = find_track(*record.stl_MapTrack, record.nCurrentTrack))
+        record.nTrackBytes += track_bytes(*track);
+  }
+
+ private:
+  int32_t id_;
+  std::size_t tracks_;
+  uint64_t bytes_;
+};
+
 }  // namespace
 
 Split split_run(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* data, std::size_t length,
@@ -148,6 +174,18 @@ Split split_run(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* d
     if (row->kind != BoxKind::media_data && size > kMaxBufferedBox)
       return stop_stream(record, BOXLANE_STOP_TOOLARGE, type, BOXLANE_ERROR_PARSE_NOTSUPPORT);
 
+    // A bounded client takes a box only while all it then holds stays
+    // within the bound: the buffer for a box still arriving, or the header
+    // record and what the box's reader can add (with the buffer being split).
+    if (const uint64_t limit = client_limit()) {
+      const bool buffered = size > left && row->kind != BoxKind::media_data;
+      const bool read = !buffered && row->reader && row->kind != BoxKind::media_data;
+      const uint64_t adds = kQueuedRecordBytes + (buffered ? size : 0) +
+                            (read ? reader_growth(record, row->code, size - header) : 0);
+      const uint64_t splitting = held && held->data ? held->capacity : 0;
+      if (held_bytes(record) + splitting + adds > limit)
+        return stop_stream(record, BOXLANE_STOP_LIMIT, type, BOXLANE_ERROR_PARSE_LIMIT);
+    }
     if (size > left && row->kind != BoxKind::media_data) return store_tail(record, run, size, size, held, first);
 
     const bool in_moof = wide && record.nParsePos < record.nMoofEnd;
@@ -184,7 +222,9 @@ Split split_run(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* d
     if (in_moof) {
       if (row->traits & kFullBox) read_version_flags(self, &record, &entry, payload, payload_length);
     } else if (row->reader) {
+      const TrackBytes before(record);
       row->reader(self, &record, &entry, payload, payload_length);
+      before.update(record);
       if (row->code == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOF) record.nMoofEnd = record.nParsePos + size;
     }
     queue_finished(record, entry);

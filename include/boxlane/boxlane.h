@@ -51,6 +51,7 @@ extern "C" {
 #define BOXLANE_ERROR_PARSE_NOTSUPPORT 0x091B0006 /* stream stopped: 64-bit box size, or a box too large */
 #define BOXLANE_ERROR_PARSE_MALFORMED 0x091B0007 /* a box size field of 2 to 7 (or a 64-bit size below 16) */
 #define BOXLANE_ERROR_PARSE_BUFFER 0x091B0008    /* the caller's array is too small for the answer */
+#define BOXLANE_ERROR_PARSE_LIMIT 0x091B0009     /* the client would hold more than Boxlane_Parse_SetLimit allows */
 
 /* Writer half: 0x091B10xx. */
 #define BOXLANE_ERROR_PACKET_PARAMETER 0x091B1001 /* null pointer, negative or out-of-range length */
@@ -296,6 +297,7 @@ typedef struct {
 #define BOXLANE_STOP_MALFORMED 2 /* a size field of 2 to 7, or a 64-bit size below 16 */
 #define BOXLANE_STOP_TOOLARGE 3  /* a box larger than the parser buffers (256 MiB), or a 64-bit size over 2^62 */
 #define BOXLANE_STOP_TOEND 4     /* a box with size field 0: it runs to the end of the stream, so all that follows is its */
+#define BOXLANE_STOP_LIMIT 5     /* the box would have taken the client past Boxlane_Parse_SetLimit's bound */
 
 /* Where a client's stream stands (Boxlane_Parse_GetStream), in either mode. */
 typedef struct {
@@ -505,6 +507,17 @@ BOXLANE_API bool Boxlane_Parse_GetTrackHEVC(const char* lpszClient, int32_t nTra
  * queued once (nBoxSize 0), and every later piece is taken as its payload and
  * dropped, with Send succeeding and no further header record. */
 BOXLANE_API bool Boxlane_Parse_InsertEx(const char* lpszClient, uint32_t nFlags);
+/* The most bytes one parse client may hold, for every client of either mode
+ * from its next box on: its queued header records, the buffer of a box
+ * arriving in pieces, its brands, track records and tables, and its
+ * fragment answers. A box that would take a client past it is not read: the
+ * client's stream stops there (BOXLANE_STREAMINFO.nStop BOXLANE_STOP_LIMIT)
+ * and that Send fails with BOXLANE_ERROR_PARSE_LIMIT; later Sends fail with
+ * BOXLANE_ERROR_PARSE_NOTSUPPORT, as for any stopped stream. What the client
+ * read before stays, and taking its header records does not restart it. A
+ * bounded client's reassembly buffer is as large as its box, not 10 MiB.
+ * 0, the default, sets no such bound. Always true. */
+BOXLANE_API bool Boxlane_Parse_SetLimit(uint64_t nMaxBytes);
 /* The client's mode, whether and why its stream ended, and the kinds of box
  * it met. */
 BOXLANE_API bool Boxlane_Parse_GetStream(const char* lpszClient, BOXLANE_STREAMINFO* pSt_StreamInfo);

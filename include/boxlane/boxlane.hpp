@@ -45,6 +45,7 @@ class BOXLANE_API CBoxlane_Parse {
   bool Boxlane_Parse_Destory();
   bool Boxlane_Parse_Insert(const char* lpszClient);
   bool Boxlane_Parse_InsertEx(const char* lpszClient, uint32_t nFlags);
+  bool Boxlane_Parse_SetLimit(uint64_t nMaxBytes);
   bool Boxlane_Parse_Delete(const char* lpszClient);
   bool Boxlane_Parse_Send(const char* lpszClient, const uint8_t* lpszMsgBuffer, int nMsgLen);
   bool Boxlane_Parse_Build(QORVANE_MP4PARSE* pSt_MP4Parse, const uint8_t* lpszMsgBuffer, int nMsgLen);

@@ -108,7 +108,10 @@ int main(void) {
     CHECK(!Boxlane_Parse_InsertEx("c99-ext", 2));
     CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PARSE_PARAMETER);
     CHECK(Boxlane_Parse_InsertEx("c99-ext", BOXLANE_PARSE_EXTENDED));
+    /* A bound of a few KiB still takes an mdat header: its payload is never held. */
+    CHECK(Boxlane_Parse_SetLimit(4096));
     CHECK(Boxlane_Parse_Send("c99-ext", large_mdat, 16));
+    CHECK(Boxlane_Parse_SetLimit(0));
     CHECK(Boxlane_Parse_Recv("c99-ext", &hdr, NULL));
     CHECK(hdr.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT && hdr.nBoxSize == 0x100000010ull);
     CHECK(Boxlane_Parse_GetStream("c99-ext", &stream));

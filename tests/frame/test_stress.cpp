@@ -311,11 +311,14 @@ TEST(Stress, InsertAndDeleteRaceEveryCallOnTheSameClients) {
         QORVANE_HDRMDHD mdhd;
         QORVANE_HDRHDLR hdlr;
         QORVANE_HDRVMSMHD vmsmhd;
-        int tracks = 0;
-        allowed(Boxlane_Parse_GetFTyp(client, &ftyp), true);
+        int tracks[64] = {};  // room for every track id of the streams sent
+        if (Boxlane_Parse_GetFTyp(client, &ftyp))
+          Fundrel_Memory_Free(reinterpret_cast<void***>(&ftyp.pptszCompatibleBrand), ftyp.nBrandCount);
+        else
+          allowed(false, true);
         allowed(Boxlane_Parse_GetMVhd(client, &mvhd), true);
         allowed(Boxlane_Parse_GetStream(client, &stream), true);
-        allowed(Boxlane_Parse_GetTrack(client, &tracks), true);
+        allowed(Boxlane_Parse_GetTrack(client, tracks), true);
         allowed(Boxlane_Parse_GetTrackInfo(client, 1, &tkhd, &mdhd, &hdlr, &vmsmhd), true);
         QORVANE_HDRSAMPLENFO** list = nullptr;
         int32_t count = 0;

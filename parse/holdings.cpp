@@ -1,0 +1,101 @@
+#include "parse/holdings.hpp"
+
+#include <atomic>
+
+namespace boxlane::parse {
+namespace {
+
+std::atomic<uint64_t> g_limit{0};
+
+// What the allocator keeps beside each block it hands out.
+constexpr uint64_t kBlockOverhead = 16;
+
+template <typename Vector>
+uint64_t vector_bytes(const Vector& v) noexcept {
+  return v.capacity() ? v.capacity() * sizeof(typename Vector::value_type) + kBlockOverhead : 0;
+}
+
+uint64_t string_bytes(const std::string& s) noexcept {
+  return s.capacity() > std::string().capacity() ? s.capacity() + 1 + kBlockOverhead : 0;
+}
+
+// A node per element (with its link) and the bucket array.
+template <typename Map>
+uint64_t map_bytes(const Map& map) noexcept {
+  return map.size() * (sizeof(typename Map::value_type) + sizeof(void*) + kBlockOverhead) +
+         map.bucket_count() * sizeof(void*);
+}
+
+// The deque allocates blocks of 512 bytes (at least one element) and a map
+// of pointers to them.
+template <typename Deque>
+uint64_t deque_bytes(const Deque& deque) noexcept {
+  constexpr uint64_t size = sizeof(typename Deque::value_type);
+  constexpr uint64_t per_block = size < 512 ? 512 / size : 1;
+  const uint64_t blocks = deque.size() / per_block + 1;
+  return blocks * (per_block * size + kBlockOverhead + sizeof(void*)) + 8 * sizeof(void*);
+}
+
+}  // namespace
+
+uint64_t client_limit() noexcept { return g_limit.load(std::memory_order_relaxed); }
+void set_client_limit(uint64_t bytes) noexcept { g_limit.store(bytes, std::memory_order_relaxed); }
+
+uint64_t track_bytes(const BOXLANE_TRACKINFO& track) noexcept {
+  uint64_t n = vector_bytes(track.stl_ListSTts.fields) + vector_bytes(track.stl_ListCTts.fields) +
+               vector_bytes(track.stl_ListSTsc.fields) + vector_bytes(track.stl_ListSTsz.fields) +
+               vector_bytes(track.stl_ListSTco.fields) + vector_bytes(track.stl_ListCO64.fields) +
+               vector_bytes(track.stl_ListSDtp) + vector_bytes(track.stl_ListSTss) + vector_bytes(track.stl_ListDinf);
+  for (const std::string& url : track.stl_ListDinf) n += string_bytes(url);
+  const BOXLANE_TRACKCODEC& codec = track.stCodec;
+  n += vector_bytes(codec.stl_ListSPS) + vector_bytes(codec.stl_ListPPS) + vector_bytes(codec.stl_AudioCfg) +
+       vector_bytes(codec.stHEVC.stl_ListNalu);
+  for (const auto& unit : codec.stl_ListSPS) n += vector_bytes(unit);
+  for (const auto& unit : codec.stl_ListPPS) n += vector_bytes(unit);
+  for (const auto& unit : codec.stHEVC.stl_ListNalu) n += vector_bytes(unit.stl_Bytes);
+  return n;
+}
+
+uint64_t held_bytes(const QORVANE_MP4PARSE& record) noexcept {
+  uint64_t n = sizeof(QORVANE_MP4PARSE) + vector_bytes(record.stl_ListBrand) + record.nTrackBytes +
+               vector_bytes(record.stl_ListMoofData) + map_bytes(record.stl_MapTrex);
+  if (const auto* queue = record.stl_ListMsg.get()) {
+    n += deque_bytes(*queue);
+    if (!queue->empty() && queue->back().ptszMsgBuffer) n += queue->back().nBufferSize + kBlockOverhead;
+  }
+  if (const auto* tracks = record.stl_MapTrack.get()) n += map_bytes(*tracks);
+  const BOXLANE_FRAGMENTQUEUE& fragments = record.stFragments;
+  n += deque_bytes(fragments.stl_ListFragment) + vector_bytes(fragments.stl_ListRun) +
+       vector_bytes(fragments.stl_ListByte);
+  return n;
+}
+
+uint64_t reader_growth(const QORVANE_MP4PARSE& record, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code,
+                       uint64_t payload_length) noexcept {
+  switch (code) {
+    case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_FTYP:
+      // Four bytes a brand, in a list sized for the box.
+      return payload_length + kBlockOverhead;
+    case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TKHD:
+      // Perhaps a new track record, and the table's buckets doubling.
+      return sizeof(std::pair<const int32_t, BOXLANE_TRACKINFO>) + sizeof(void*) + kBlockOverhead +
+             2 * (record.stl_MapTrack ? record.stl_MapTrack->bucket_count() + 1 : 1) * sizeof(void*);
+    case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STZ2:
+      // 4-bit sizes become 32-bit entries.
+      return 8 * payload_length + kBlockOverhead;
+    default:
+      break;
+  }
+  // A list that many boxes append to grows by at least a quarter; the
+  // fragment answers' arrays by doubling.
+  uint64_t lists = 0;
+  if (record.stl_MapTrack)
+    if (const BOXLANE_TRACKINFO* track = find_track(*record.stl_MapTrack, record.nCurrentTrack))
+      lists = track_bytes(*track) / 4;
+  if (code == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOF)
+    lists = vector_bytes(record.stFragments.stl_ListRun) + vector_bytes(record.stFragments.stl_ListByte) +
+            deque_bytes(record.stFragments.stl_ListFragment);
+  return 2 * payload_length + lists + kBlockOverhead;
+}
+
+}  // namespace boxlane::parse
