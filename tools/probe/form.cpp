@@ -50,6 +50,8 @@ std::string stream_stop(const ProbeReport& report) {
       return stop_box(s) + " has a 64-bit size, which --strict does not follow: the parser stopped there";
     case BOXLANE_STOP_MALFORMED: return stop_box(s) + " has a size below its own header: the parser stopped there" + code;
     case BOXLANE_STOP_TOOLARGE: return stop_box(s) + " is larger than the parser takes: the parser stopped there" + code;
+    case BOXLANE_STOP_LIMIT:
+      return stop_box(s) + " would take the client past its memory bound: the parser stopped there" + code;
     default: return {};
   }
 }
