@@ -15,6 +15,7 @@
 
 #include "tools/commands.hpp"
 #include "tools/mux/audio.hpp"
+#include "tools/common/summary_text.hpp"
 #include "tools/common/tool_error.hpp"
 #include "tools/common/live_input.hpp"
 #include "tools/common/mapped_file.hpp"
@@ -193,28 +194,6 @@ std::string rate_text(const FrameRate& r) {
     std::snprintf(text, sizeof text, "%.3f", static_cast<double>(r.num) / r.den);
   }
   return text;
-}
-
-std::string size_text(uint64_t bytes) {
-  char text[32];
-  if (bytes < 10 * 1024) {
-    std::snprintf(text, sizeof text, "%llu bytes", static_cast<unsigned long long>(bytes));
-  } else if (bytes < 10ull * 1024 * 1024) {
-    std::snprintf(text, sizeof text, "%.1f KiB", bytes / 1024.0);
-  } else {
-    std::snprintf(text, sizeof text, "%.1f MiB", bytes / (1024.0 * 1024.0));
-  }
-  return text;
-}
-
-const char* channels_text(uint8_t config) {
-  switch (config) {
-    case 1: return "mono";
-    case 2: return "stereo";
-    case 6: return "5.1";
-    case 7: return "7.1";
-    default: return "multichannel";
-  }
 }
 
 // A path that is standard input, a pipe or a FIFO: read as it arrives.

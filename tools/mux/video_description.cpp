@@ -48,4 +48,17 @@ bool write_video_stsd(const char* client, const VideoStream& v, uint8_t* out, in
   return Boxlane_Packet_STsd(client, out, length, &desc);
 }
 
+tag_Qorvane_AVProtocol audio_description(const AudioStream& a) {
+  tag_Qorvane_AVProtocol desc{};
+  desc.bAudio = 1;
+  // ISO/IEC 14496-3 Table 1.19: configuration 7 is 7.1, eight channels.
+  desc.nAudioChannel = a.config.channel_config == 7 ? 8 : a.config.channel_config;
+  desc.nAudioSampleRate = static_cast<int32_t>(a.config.sample_rate);
+  desc.nAudioSampleBit = 16;
+  desc.nAudioFrameSize = AudioStream::kSamplesPerFrame;
+  desc.nAudioCfgLen = 2;
+  std::memcpy(desc.tszAudioCfg, a.audio_specific_config, 2);
+  return desc;
+}
+
 }  // namespace boxlane::tool

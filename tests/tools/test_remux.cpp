@@ -1,0 +1,183 @@
+// `boxlane remux`, run as a user runs it, on files FFmpeg (and GStreamer)
+// make at test time in both forms: progressive with the moov at the end,
+// fragmented, H.264 and H.265 with B-frames, AAC at 48 and 44.1 kHz, stco
+// and co64. Each is remuxed into fragments and back into a progressive
+// file, and the independent readers judge the results: FFmpeg decodes the
+// same pictures and audio frames, ffprobe sees the same samples with the
+// same times, sizes and key flags, fragments open on sync samples,
+// mp4box.js reads every sample, GStreamer decodes the fragments and
+// Chromium plays them through Media Source Extensions.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "fragment_checks.hpp"
+#include "support/ffmpeg.hpp"
+#include "support/mp4_rewrite.hpp"
+#include "support/paths.hpp"
+#include "support/readers.hpp"
+
+namespace boxlane::test {
+namespace {
+
+struct RemuxRun {
+  int status;
+  std::string out, err;
+};
+
+RemuxRun remux(const std::string& args) {
+  RemuxRun r;
+  const std::string err_file = binary_dir() + "/test-tmp/remux-stderr." + std::to_string(getpid());
+  r.status = run(shell_quote(tool_path()) + " remux " + args + " 2>" + shell_quote(err_file), &r.out);
+  const auto err = read_file(err_file);
+  r.err.assign(err.begin(), err.end());
+  return r;
+}
+
+// Every frame FFmpeg decodes, with its timestamps (framemd5 lines).
+std::vector<std::string> decoded_frames(const std::string& path, char kind) {
+  std::string text;
+  run("ffmpeg -nostdin -v error -i " + shell_quote(path) + " -map 0:" + kind +
+          ":0 -fps_mode passthrough -f framemd5 - 2>/dev/null",
+      &text);
+  std::vector<std::string> lines;
+  std::istringstream rows(text);
+  for (std::string line; std::getline(rows, line);)
+    if (!line.empty() && line[0] != '#') lines.push_back(line);
+  return lines;
+}
+
+// What ffprobe reads of every packet of a kind, in decode order: the
+// sample index as an independent reader sees it. Decode times count from
+// the first: a track whose composition offsets had to be moved past 0
+// decodes as much earlier, and presents at the same times.
+std::vector<std::string> index_of(const std::string& path, char kind) {
+  std::vector<std::string> rows;
+  const auto packets = probe_packets(path, kind);
+  for (const ProbedPacket& p : packets) {
+    char row[128];
+    std::snprintf(row, sizeof row, "dts +%.6f pts %.6f size %lld%s", p.dts - packets.front().dts, p.pts,
+                  static_cast<long long>(p.size), p.key ? " key" : "");
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+struct Input {
+  const char* name;
+  const char* ffmpeg;  // arguments after the lavfi sources; empty: made otherwise
+  bool audio = true;
+};
+
+// 4 s of 160x120 video at 25 fps with B-frames, a key frame every 12.
+const Input kInputs[] = {
+    {"h264_aac48_moov_last", "-c:v libx264 -preset veryfast -bf 2 -g 12 -c:a aac -ar 48000"},
+    {"h264_aac44_fragmented",
+     "-c:v libx264 -preset veryfast -bf 3 -g 12 -c:a aac -ar 44100 -movflags frag_keyframe+empty_moov+default_base_moof"},
+    {"h265_aac48_faststart",
+     "-c:v libx265 -x265-params log-level=none:keyint=12:bframes=2 -tag:v hvc1 -c:a aac -ar 48000 -movflags faststart"},
+    {"h264_alone_co64", "-c:v libx264 -preset veryfast -bf 2 -g 10", false},
+};
+
+std::string make_input(const std::string& dir, const Input& in) {
+  const std::string path = dir + in.name + ".mp4";
+  std::string log;
+  EXPECT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=160x120:rate=25:duration=4 " +
+                       std::string(in.audio ? "-f lavfi -i sine=frequency=440:duration=4 " : "") + "-pix_fmt yuv420p " +
+                       in.ffmpeg + " " + shell_quote(path),
+                   &log),
+            0)
+      << log;
+  if (std::string(in.name).find("co64") != std::string::npos) write_file(path, with_co64(read_file(path)));
+  return path;
+}
+
+class RemuxRoundTrip : public ::testing::TestWithParam<Input> {};
+
+TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const Input& in = GetParam();
+  const std::string dir = temp_dir() + "/";
+  const std::string source = make_input(dir, in);
+  const std::string fragmented = dir + "fragmented.mp4", back = dir + "back.mp4", fast = dir + "fast.mp4";
+
+  RemuxRun r = remux(shell_quote(source) + " --fragment 1 -o " + shell_quote(fragmented));
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find(fragmented + ": video "), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find(" fragments, written in "), std::string::npos) << r.out;
+  r = remux(shell_quote(fragmented) + " -o " + shell_quote(back));
+  ASSERT_EQ(r.status, 0) << r.err;
+  r = remux(shell_quote(fragmented) + " --faststart -q -o " + shell_quote(fast));
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out + r.err, "") << "--quiet";
+
+  // Back in one progressive file, FFmpeg decodes exactly the input's
+  // pictures and audio frames at exactly its times, and ffprobe reads the
+  // same samples: times, sizes and key flags.
+  for (const std::string& file : {back, fast}) {
+    SCOPED_TRACE(file);
+    for (const char kind : {'v', 'a'}) {
+      if (kind == 'a' && !in.audio) continue;
+      const auto want = decoded_frames(source, kind);
+      ASSERT_FALSE(want.empty());
+      EXPECT_EQ(decoded_frames(file, kind), want) << kind;
+      EXPECT_EQ(index_of(file, kind), index_of(source, kind)) << kind;
+    }
+    const auto boxes = boxes_of(file);
+    ASSERT_EQ(boxes.size(), 3u);
+    EXPECT_EQ(boxes[1].type, file == fast ? "moov" : "mdat");
+  }
+
+  // The fragments: the same pictures; fragments of at least a second that
+  // open on sync samples; every sample for mp4box.js with the input's
+  // sizes and sync flags.
+  EXPECT_EQ(decoded_md5s(fragmented, 'v'), decoded_md5s(source, 'v'));
+  if (in.audio) {
+    // FFmpeg keeps the audio an edit list cuts when it reads fragments, as
+    // from its own fragmented copy of the same input.
+    const std::string reference = dir + "ffmpeg_fragmented.mp4";
+    ASSERT_EQ(ffmpeg("-v error -i " + shell_quote(source) + " -c copy -movflags frag_keyframe+empty_moov " +
+                     shell_quote(reference)),
+              0);
+    EXPECT_EQ(decoded_md5s(fragmented, 'a'), decoded_md5s(reference, 'a'));
+  }
+  expect_fragment_layout(fragmented, 1);
+  if (have_mp4box()) {
+    const Mp4BoxReport report = read_with_mp4box(fragmented);
+    EXPECT_TRUE(report.fragmented);
+    EXPECT_TRUE(report.errors.empty()) << report.errors.front();
+    const auto video = probe_packets(source, 'v');
+    std::vector<std::pair<int64_t, bool>> want, got;
+    for (const ProbedPacket& p : video) want.emplace_back(p.size, p.key);
+    for (const Mp4BoxSample& s : report.samples)
+      if (s.track == 1) got.emplace_back(s.size, s.sync);
+    EXPECT_EQ(got, want);
+    if (in.audio) {
+      EXPECT_EQ(report.count(2), probe_packets(source, 'a').size());
+    }
+  }
+  if (have_gstreamer() && std::string(in.name).find("h264_aac") == 0) {
+    // GStreamer decodes the same pictures from the fragments as from the input.
+    const std::string want = gstreamer_video_md5(source);
+    EXPECT_NE(want, gstreamer_video_md5(dir + "missing.mp4"));
+    EXPECT_EQ(gstreamer_video_md5(fragmented), want);
+  }
+  if (have_chromium() && std::string(in.name).find("h264") == 0) {
+    const MsePlayback p = play_with_mse(fragmented);
+    ASSERT_TRUE(p.ran) << p.report;
+    EXPECT_FALSE(p.errors) << p.report;
+    EXPECT_EQ(p.fragments, int(sequence_numbers(fragmented).size())) << p.report;
+    EXPECT_EQ(p.shown, int(probe_packets(source, 'v').size())) << p.report;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(FilesFromFFmpeg, RemuxRoundTrip, ::testing::ValuesIn(kInputs),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace boxlane::test
