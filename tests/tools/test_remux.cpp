@@ -30,10 +30,13 @@ struct RemuxRun {
   std::string out, err;
 };
 
-RemuxRun remux(const std::string& args) {
+// Runs `boxlane remux ARGS`, in `cwd` when given.
+RemuxRun remux(const std::string& args, const std::string& cwd = "") {
   RemuxRun r;
   const std::string err_file = binary_dir() + "/test-tmp/remux-stderr." + std::to_string(getpid());
-  r.status = run(shell_quote(tool_path()) + " remux " + args + " 2>" + shell_quote(err_file), &r.out);
+  r.status = run((cwd.empty() ? "" : "cd " + shell_quote(cwd) + " && ") + shell_quote(tool_path()) + " remux " + args +
+                     " 2>" + shell_quote(err_file),
+                 &r.out);
   const auto err = read_file(err_file);
   r.err.assign(err.begin(), err.end());
   return r;
@@ -178,6 +181,89 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
 
 INSTANTIATE_TEST_SUITE_P(FilesFromFFmpeg, RemuxRoundTrip, ::testing::ValuesIn(kInputs),
                          [](const auto& info) { return std::string(info.param.name); });
+
+std::string md5_of_file(const std::string& path) {
+  std::string out;
+  run("md5sum " + shell_quote(path), &out);
+  return out.substr(0, 32);
+}
+
+// Files the writer cannot take whole, inputs that are not what they claim,
+// and an output that is the input: each is named in a clear message, the
+// target stays as it was and no temporary file is left behind.
+TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const std::string dir = temp_dir() + "/";
+  write_file(dir + "subtitles.srt", unhex("310A30303A30303A30302C303030202D2D3E2030303A30303A30312C3030300A68690A"));
+  const std::string video = "-f lavfi -i testsrc2=size=160x120:rate=25:duration=2 ";
+  const std::string tone = "-f lavfi -i sine=duration=2 ";
+  // H.264 with MPEG-1 layer 2 audio (mp4a, object type 0x6B) and a
+  // subtitle track (tx3g).
+  ASSERT_EQ(ffmpeg("-v error " + video + tone + "-i " + shell_quote(dir + "subtitles.srt") +
+                   " -map 0 -map 1 -map 2 -c:v libx264 -c:a mp2 -c:s mov_text " + shell_quote(dir + "others.mp4")),
+            0);
+  ASSERT_EQ(ffmpeg("-v error " + video + tone + tone + "-map 0 -map 1 -map 2 -c:v libx264 -c:a aac " +
+                   shell_quote(dir + "two_audio.mp4")),
+            0);
+  const auto whole = read_file(dir + "two_audio.mp4");
+  write_file(dir + "truncated.mp4", std::vector<uint8_t>(whole.begin(), whole.begin() + whole.size() / 2));
+  // FFmpeg's moov is last: cut it short instead.
+  write_file(dir + "cut_moov.mp4", std::vector<uint8_t>(whole.begin(), whole.end() - 100));
+  write_file(dir + "text.mp4", unhex("68656C6C6F20776F726C640A"));
+  ASSERT_EQ(::link((dir + "two_audio.mp4").c_str(), (dir + "hard_link.mp4").c_str()), 0);
+  ASSERT_EQ(::symlink("two_audio.mp4", (dir + "soft_link.mp4").c_str()), 0);
+
+  const struct {
+    std::string args;
+    int status;
+    std::string message;  // in what it prints on stderr
+  } cases[] = {
+      {"others.mp4 -o out.mp4", 1,
+       "boxlane remux: track 2 (soun, 'mp4a') cannot be written: its mp4a entry holds object type 0x6B, not AAC "
+       "(--skip-unsupported leaves it out)\n"},
+      {"two_audio.mp4 -o out.mp4", 1, "track 3 (soun, AAC) cannot be written: a second audio track"},
+      {"two_audio.mp4 -o two_audio.mp4", 1, "'two_audio.mp4' is the input file 'two_audio.mp4'"},
+      {"two_audio.mp4 -o hard_link.mp4", 1, "is the input file"},
+      {"two_audio.mp4 -o soft_link.mp4", 1, "is the input file"},
+      {"two_audio.mp4 -o ./../" + dir.substr(dir.rfind('/', dir.size() - 2) + 1) + "two_audio.mp4", 1, "is the input file"},
+      {"truncated.mp4 -o out.mp4", 1, "truncated"},
+      {"cut_moov.mp4 -o out.mp4", 1, "truncated"},
+      {"text.mp4 -o out.mp4", 1, "boxlane remux: "},
+      {"missing.mp4 -o out.mp4", 1, "cannot open 'missing.mp4'"},
+      {"two_audio.mp4 -o out.mp4 --fragment 1 --faststart", 2, "exclude each other"},
+      {"two_audio.mp4 -o out.mp4 --fragment 0", 2, "--fragment needs a length in seconds"},
+      {"two_audio.mp4", 2, "no output file given"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args);
+    write_file(dir + "out.mp4", unhex("6F6C64"));  // "old"
+    const std::string before = md5_of_file(dir + "two_audio.mp4");
+    const RemuxRun r = remux("-q " + c.args, dir);
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+    EXPECT_EQ(read_file(dir + "out.mp4"), unhex("6F6C64"));
+    EXPECT_EQ(md5_of_file(dir + "two_audio.mp4"), before);
+    std::string listing;
+    run("ls -a " + shell_quote(dir) + " | grep -c '^\\.[^.]'", &listing);
+    EXPECT_EQ(listing, "0\n") << "a temporary file is left";
+  }
+
+  // --skip-unsupported leaves those tracks out with a notice each, and the
+  // rest decodes as before; --quiet drops the notices too.
+  RemuxRun r = remux(shell_quote(dir + "others.mp4") + " --skip-unsupported -o " + shell_quote(dir + "out.mp4"));
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("track 2 (soun, 'mp4a') cannot be written: its mp4a entry holds object type 0x6B, not AAC; left out"),
+            std::string::npos)
+      << r.err;
+  EXPECT_NE(r.err.find("track 3 (sbtl, 'tx3g') cannot be written"), std::string::npos) << r.err;
+  std::string streams;
+  run("ffprobe -v error -show_entries stream=codec_name -of csv=p=0 " + shell_quote(dir + "out.mp4"), &streams);
+  EXPECT_EQ(streams, "h264\n");
+  EXPECT_EQ(decoded_md5s(dir + "out.mp4", 'v'), decoded_md5s(dir + "others.mp4", 'v'));
+  r = remux(shell_quote(dir + "others.mp4") + " --skip-unsupported --quiet --fragment 0.5 -o " + shell_quote(dir + "out.mp4"));
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out + r.err, "");
+}
 
 }  // namespace
 }  // namespace boxlane::test

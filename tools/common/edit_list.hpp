@@ -17,6 +17,7 @@ struct EditEntry {
   int64_t media_time = 0;         // track time scale; -1 is an empty edit
   int16_t rate_integer = 1;
   int16_t rate_fraction = 0;
+  bool operator==(const EditEntry&) const = default;
 };
 
 // The edts box holding the entries (at least one), rate 1 each.

@@ -133,7 +133,13 @@ int run(const Options& o) {
   const auto started = std::chrono::steady_clock::now();
   refuse_same_file(o);
   MappedFile input(o.input);
-  const Source source = read_source(o.input, input.data(), input.size());
+  const Source source = [&] {
+    try {
+      return read_source(o.input, input.data(), input.size());
+    } catch (const ToolError& e) {
+      throw ToolError(o.input + ": " + e.what());
+    }
+  }();
 
   const SourceTrack* video = nullptr;
   const SourceTrack* audio = nullptr;
