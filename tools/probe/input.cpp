@@ -17,7 +17,7 @@ ProbeInput::~ProbeInput() {
   if (owned_ && fd_ >= 0) ::close(fd_);
 }
 
-bool ProbeInput::open(const std::string& path) {
+bool ProbeInput::open(const std::string& path, bool map) {
   if (path == "-") {
     fd_ = STDIN_FILENO;
     name_ = "standard input";
@@ -37,7 +37,7 @@ bool ProbeInput::open(const std::string& path) {
     const off_t here = ::lseek(fd_, 0, SEEK_CUR);
     position_ = here > 0 ? static_cast<uint64_t>(here) : 0;
     // Mapped when it can be; otherwise it is read like any other input.
-    if (size_ > 0 && size_ <= SIZE_MAX) {
+    if (map && size_ > 0 && size_ <= SIZE_MAX) {
       void* map = ::mmap(nullptr, static_cast<std::size_t>(size_), PROT_READ, MAP_PRIVATE, fd_, 0);
       if (map != MAP_FAILED) map_ = static_cast<const uint8_t*>(map);
     }

@@ -19,8 +19,11 @@ class ProbeInput {
   ProbeInput(const ProbeInput&) = delete;
   ProbeInput& operator=(const ProbeInput&) = delete;
 
-  // "-" is standard input. On failure, error() says why.
-  bool open(const std::string& path);
+  // "-" is standard input. On failure, error() says why. `map` false reads
+  // a regular file too, seeking over what is skipped: a mapping would bring
+  // pages around every box it reads into the process, most of a fragmented
+  // file's media data with them.
+  bool open(const std::string& path, bool map = true);
   // Fills up to size bytes; 0 at the end of the input, -1 on a read error.
   long read(uint8_t* data, std::size_t size);
   // Whether the input is a mapped file, read with view() instead of read().

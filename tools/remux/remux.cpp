@@ -119,14 +119,18 @@ void refuse_same_file(const Options& o) {
 }
 
 std::string track_text(const SourceTrack& t) {
-  std::string text = (t.video() ? "video " : "audio ") + codec_name(t);
+  std::string text = t.video() ? "video " : "audio ";
+  text += codec_name(t);
+  char facts[96];
   if (t.video()) {
-    text += " " + std::to_string(t.width) + "x" + std::to_string(t.height);
-  } else if (t.config) {
-    text += " " + std::to_string(t.config->nSampleRate) + " Hz " +
-            (t.config->wChannelCount == 1 ? "mono" : t.config->wChannelCount == 2 ? "stereo" : "multichannel");
+    std::snprintf(facts, sizeof facts, " %ux%u", t.width, t.height);
+  } else {
+    std::snprintf(facts, sizeof facts, " %u Hz %s", t.config->nSampleRate,
+                  t.config->wChannelCount == 1 ? "mono" : t.config->wChannelCount == 2 ? "stereo" : "multichannel");
   }
-  return text + ", " + std::to_string(t.samples.size()) + (t.video() ? " frames" : " frames");
+  text += facts;
+  std::snprintf(facts, sizeof facts, ", %zu frames", t.samples.size());
+  return text += facts;
 }
 
 int run(const Options& o) {

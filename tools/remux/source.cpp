@@ -13,7 +13,9 @@ namespace boxlane::tool {
 namespace {
 
 constexpr char kClient[] = "boxlane-remux";
-constexpr uint32_t kPiece = 4u << 20;
+// Read, not mapped: the samples are copied from a mapping of their own,
+// whose pages are let go as the copy moves on.
+constexpr uint32_t kPiece = 64u << 10;
 
 std::string field(const char* text, std::size_t size) { return std::string(text, strnlen(text, size)); }
 
@@ -106,12 +108,16 @@ std::string codec_name(const SourceTrack& t) {
     case SourceCodec::kAac: return "AAC";
     case SourceCodec::kOther: break;
   }
-  return "'" + printable_text(t.fourcc.c_str()) + "'";
+  std::string four = t.fourcc;
+  four.resize(4, '\0');  // a track without a sample entry has none
+  std::string name(1, '\'');
+  name += printable_text(four.data());
+  return name += '\'';
 }
 
 Source read_source(const std::string& path, const uint8_t* data, std::size_t size) {
   ProbeInput input;
-  if (!input.open(path)) throw ToolError(input.error());
+  if (!input.open(path, false)) throw ToolError(input.error());
   ParseClient client;
   SessionResult session = run_session(kClient, 1, input, PieceSizes::fixed(kPiece), true);
   if (!session.ok) throw ToolError(session.error);
