@@ -73,8 +73,11 @@ std::vector<std::string> index_of(const std::string& path, char kind) {
 
 struct Input {
   const char* name;
-  const char* ffmpeg;  // arguments after the lavfi sources; empty: made otherwise
+  const char* ffmpeg;  // arguments after the lavfi sources
   bool audio = true;
+  // 0 or more: GStreamer's mp4mux then writes FFmpeg's file again, with
+  // fragments of that many milliseconds (0: one progressive file).
+  int gstreamer = -1;
 };
 
 // 4 s of 160x120 video at 25 fps with B-frames, a key frame every 12.
@@ -85,6 +88,8 @@ const Input kInputs[] = {
     {"h265_aac48_faststart",
      "-c:v libx265 -x265-params log-level=none:keyint=12:bframes=2 -tag:v hvc1 -c:a aac -ar 48000 -movflags faststart"},
     {"h264_alone_co64", "-c:v libx264 -preset veryfast -bf 2 -g 10", false},
+    {"gstreamer_h264_aac48", "-c:v libx264 -preset veryfast -bf 2 -g 12 -c:a aac -ar 48000", true, 0},
+    {"gstreamer_h264_aac48_fragmented", "-c:v libx264 -preset veryfast -bf 2 -g 12 -c:a aac -ar 48000", true, 1000},
 };
 
 std::string make_input(const std::string& dir, const Input& in) {
@@ -97,7 +102,13 @@ std::string make_input(const std::string& dir, const Input& in) {
             0)
       << log;
   if (std::string(in.name).find("co64") != std::string::npos) write_file(path, with_co64(read_file(path)));
-  return path;
+  if (in.gstreamer < 0) return path;
+  const std::string muxed = dir + in.name + "_mp4mux.mp4";
+  EXPECT_EQ(run("gst-launch-1.0 -q filesrc location=" + shell_quote(path) + " ! qtdemux name=d mp4mux name=m fragment-duration=" +
+                std::to_string(in.gstreamer) + " ! filesink location=" + shell_quote(muxed) +
+                " d.video_0 ! queue ! h264parse ! m. d.audio_0 ! queue ! aacparse ! m. 2>&1"),
+            0);
+  return muxed;
 }
 
 class RemuxRoundTrip : public ::testing::TestWithParam<Input> {};
@@ -105,6 +116,7 @@ class RemuxRoundTrip : public ::testing::TestWithParam<Input> {};
 TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
   BOXLANE_REQUIRE_FFMPEG();
   const Input& in = GetParam();
+  if (in.gstreamer >= 0 && !have_gstreamer()) GTEST_SKIP() << "GStreamer not installed";
   const std::string dir = temp_dir() + "/";
   const std::string source = make_input(dir, in);
   const std::string fragmented = dir + "fragmented.mp4", back = dir + "back.mp4", fast = dir + "fast.mp4";
@@ -179,7 +191,7 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(FilesFromFFmpeg, RemuxRoundTrip, ::testing::ValuesIn(kInputs),
+INSTANTIATE_TEST_SUITE_P(FilesFromOtherMuxers, RemuxRoundTrip, ::testing::ValuesIn(kInputs),
                          [](const auto& info) { return std::string(info.param.name); });
 
 std::string md5_of_file(const std::string& path) {
