@@ -88,6 +88,7 @@ const Input kInputs[] = {
     {"h265_aac48_faststart",
      "-c:v libx265 -x265-params log-level=none:keyint=12:bframes=2 -tag:v hvc1 -c:a aac -ar 48000 -movflags faststart"},
     {"h264_alone_co64", "-c:v libx264 -preset veryfast -bf 2 -g 10", false},
+    {"h265_hev1_alone", "-c:v libx265 -x265-params log-level=none:keyint=12:bframes=2 -tag:v hev1", false},
     {"gstreamer_h264_aac48", "-c:v libx264 -preset veryfast -bf 2 -g 12 -c:a aac -ar 48000", true, 0},
     {"gstreamer_h264_aac48_fragmented", "-c:v libx264 -preset veryfast -bf 2 -g 12 -c:a aac -ar 48000", true, 1000},
 };
