@@ -2,7 +2,7 @@
 // fragmented, 64-bit sizes), where and why the parser stopped reading it,
 // and the notes that depend on the client's mode.
 #include "tools/probe/model.hpp"
-#include "tools/probe/names.hpp"
+#include "tools/common/names.hpp"
 
 
 namespace boxlane::tool {

@@ -134,12 +134,12 @@ class FragmentWriter {
     uint8_t* base = out.reserve(static_cast<std::size_t>(header + payload));
     uint8_t* dst = base + header;
     for (std::size_t i = video.begin; i < video.end; ++i) {
-      const ProbeSample& s = job_.video->track->samples[i];
+      const IndexSample& s = job_.video->track->samples[i];
       copier_.video(s, dst, 0, job_.video->duration(i), job_.video->offset(i));
       dst += s.size;
     }
     for (std::size_t i = audio.begin; i < audio.end; ++i) {
-      const ProbeSample& s = job_.audio->track->samples[i];
+      const IndexSample& s = job_.audio->track->samples[i];
       copier_.audio(s, dst, 0, job_.audio->duration(i));
       dst += s.size;
     }

@@ -65,7 +65,7 @@ class ProgressiveWriter {
     for (const TrackPlan& p : tracks_) duration_ = std::max(duration_, p.presentation);
     mvhd_ = sized_for(duration_, 108, 120);
     for (const TrackPlan& p : tracks_) {
-      for (const ProbeSample& s : p.t->track->samples) payload_ += s.size;
+      for (const IndexSample& s : p.t->track->samples) payload_ += s.size;
     }
     mdat_header_ = kBoxHeader + payload_ > UINT32_MAX ? 16 : kBoxHeader;
     plan_offsets();
@@ -193,7 +193,7 @@ class ProgressiveWriter {
     std::vector<uint64_t> reached(tracks_.size(), 0);
     interleave([&](std::size_t k, std::size_t i) {
       const TrackPlan& p = tracks_[k];
-      const ProbeSample& s = p.t->track->samples[i];
+      const IndexSample& s = p.t->track->samples[i];
       if (job_.progress && (done & 4095) == 0) job_.progress(done, total);
       ++done;
       const int64_t pos = static_cast<int64_t>(out.position());

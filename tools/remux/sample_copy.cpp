@@ -8,14 +8,14 @@
 namespace boxlane::tool {
 namespace {
 
-[[noreturn]] void bad_sample(const char* what, const ProbeSample& s, const char* why) {
+[[noreturn]] void bad_sample(const char* what, const IndexSample& s, const char* why) {
   throw ToolError(std::string(what) + " sample at offset " + std::to_string(s.offset) + " (" +
                   std::to_string(s.size) + " bytes) " + why);
 }
 
 }  // namespace
 
-void SampleCopier::video(const ProbeSample& s, uint8_t* out, int64_t file_pos, uint32_t duration, int64_t offset) {
+void SampleCopier::video(const IndexSample& s, uint8_t* out, int64_t file_pos, uint32_t duration, int64_t offset) {
   const uint8_t* p = input_ + s.offset;
   nal_ptrs_.clear();
   nal_lens_.clear();
@@ -38,7 +38,7 @@ void SampleCopier::video(const ProbeSample& s, uint8_t* out, int64_t file_pos, u
   if (static_cast<uint32_t>(len) != s.size) throw ToolError("internal: a video sample changed size");
 }
 
-void SampleCopier::audio(const ProbeSample& s, uint8_t* out, int64_t file_pos, uint32_t duration) {
+void SampleCopier::audio(const IndexSample& s, uint8_t* out, int64_t file_pos, uint32_t duration) {
   const uint8_t* p = input_ + s.offset;
   // The writer drops an ADTS header at the start of a frame (ISO/IEC
   // 14496-3 §1.A.2: syncword 0xFFF, layer 0); a raw frame never starts so.

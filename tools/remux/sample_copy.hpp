@@ -18,8 +18,8 @@ class SampleCopier {
 
   // Writes the sample into `out` (s.size bytes); throws ToolError when the
   // writer refuses it or its bytes are not what the track's codec stores.
-  void video(const ProbeSample& s, uint8_t* out, int64_t file_pos, uint32_t duration, int64_t offset);
-  void audio(const ProbeSample& s, uint8_t* out, int64_t file_pos, uint32_t duration);
+  void video(const IndexSample& s, uint8_t* out, int64_t file_pos, uint32_t duration, int64_t offset);
+  void audio(const IndexSample& s, uint8_t* out, int64_t file_pos, uint32_t duration);
 
  private:
   const char* client_;

@@ -5,9 +5,9 @@
 #include <cstring>
 
 #include "tools/common/tool_error.hpp"
-#include "tools/probe/input.hpp"
-#include "tools/probe/names.hpp"
-#include "tools/probe/session.hpp"
+#include "tools/common/parse_input.hpp"
+#include "tools/common/names.hpp"
+#include "tools/common/parse_session.hpp"
 
 namespace boxlane::tool {
 namespace {
@@ -116,7 +116,7 @@ std::string codec_name(const SourceTrack& t) {
 }
 
 Source read_source(const std::string& path, const uint8_t* data, std::size_t size) {
-  ProbeInput input;
+  ParseInput input;
   if (!input.open(path, false)) throw ToolError(input.error());
   ParseClient client;
   SessionResult session = run_session(kClient, 1, input, PieceSizes::fixed(kPiece), true);
@@ -173,7 +173,7 @@ Source read_source(const std::string& path, const uint8_t* data, std::size_t siz
       }
       t.samples.insert(t.samples.end(), fragments->second.samples.begin(), fragments->second.samples.end());
     }
-    for (const ProbeSample& s : t.samples) {
+    for (const IndexSample& s : t.samples) {
       if (s.offset > size || s.size > size - s.offset) {
         throw ToolError("a sample of track " + std::to_string(id) + " at offset " + std::to_string(s.offset) +
                         " lies past the end of the input (" + std::to_string(size) + " bytes): truncated?");

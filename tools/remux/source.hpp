@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/probe/samples.hpp"
+#include "tools/common/parse_samples.hpp"
 #include "tools/remux/edit_lists.hpp"
 
 namespace boxlane::tool {
@@ -29,7 +29,7 @@ struct SourceTrack {
   uint32_t timescale = 0;
   uint16_t language = 0;
   uint32_t width = 0, height = 0;  // tkhd, whole pixels
-  std::vector<ProbeSample> samples;  // decode order
+  std::vector<IndexSample> samples;  // decode order
   std::vector<EditEntry> edits;
   // Why the writer cannot take the track; empty when it can.
   std::string unsupported;

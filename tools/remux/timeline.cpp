@@ -17,7 +17,7 @@ uint32_t TrackTimeline::duration(std::size_t i) const {
 }
 
 int64_t TrackTimeline::offset(std::size_t i) const {
-  const ProbeSample& s = track->samples[i];
+  const IndexSample& s = track->samples[i];
   return (s.composition - static_cast<int64_t>(s.decode)) * static_cast<int64_t>(num) / static_cast<int64_t>(den);
 }
 
@@ -28,7 +28,7 @@ bool converts_exactly(const SourceTrack& t, uint64_t timescale) {
   const uint64_t g = std::gcd(timescale, uint64_t{t.timescale});
   const uint64_t den = t.timescale / g;
   if (den == 1) return true;
-  for (const ProbeSample& s : t.samples) {
+  for (const IndexSample& s : t.samples) {
     if (s.duration % den || (s.composition - static_cast<int64_t>(s.decode)) % static_cast<int64_t>(den)) return false;
   }
   for (const EditEntry& e : t.edits) {
@@ -99,7 +99,7 @@ Timeline plan_timeline(const std::vector<const SourceTrack*>& tracks, uint32_t m
     tl.den = t->timescale / g;
     int64_t decode = 0;
     for (std::size_t i = 0; i < t->samples.size(); ++i) {
-      const ProbeSample& s = t->samples[i];
+      const IndexSample& s = t->samples[i];
       if (s.duration * tl.num / tl.den > INT32_MAX) {
         throw ToolError("a sample duration of track " + std::to_string(t->id) + " does not fit 32 bits at " +
                         std::to_string(timescale) + " ticks a second");

@@ -13,8 +13,8 @@
 // how much.
 #pragma once
 
-#include "tools/probe/input.hpp"
-#include "tools/probe/session.hpp"
+#include "tools/common/parse_input.hpp"
+#include "tools/common/parse_session.hpp"
 
 #include <cstdint>
 #include <string>
@@ -22,10 +22,10 @@
 
 namespace boxlane::tool {
 
-class ProbeFeed {
+class ParseFeed {
  public:
   // `extended`: the client follows 64-bit box sizes (Boxlane_Parse_InsertEx).
-  ProbeFeed(const char* client, ProbeInput& input, bool extended)
+  ParseFeed(const char* client, ParseInput& input, bool extended)
       : client_(client), input_(input), extended_(extended) {}
 
   // Reads the whole input; false with error() set on the first failure.
@@ -55,7 +55,7 @@ class ProbeFeed {
   std::string box_label() const;
 
   const char* client_;
-  ProbeInput& input_;
+  ParseInput& input_;
   std::string error_;
   Mode mode_ = Mode::kHeader;
   uint64_t position_ = 0;   // stream offset of the next byte to be looked at
