@@ -188,7 +188,7 @@ class ProgressiveWriter {
   void write_samples(OutputFile& out) {
     uint64_t total = 0, done = 0;
     for (const TrackPlan& p : tracks_) total += p.samples;
-    // Input pages behind every track's next sample are let go as the run
+    // Input pages before every track's next sample are let go as the run
     // moves on, so a long input never stays resident whole.
     std::vector<uint64_t> reached(tracks_.size(), 0);
     interleave([&](std::size_t k, std::size_t i) {
@@ -204,10 +204,10 @@ class ProgressiveWriter {
         copier_.audio(s, dst, pos, p.t->duration(i));
       }
       out.advance(s.size);
-      reached[k] = s.offset;
-      if ((done & 255) == 0) {
-        job_.input->release_before(job_.input->data() + *std::min_element(reached.begin(), reached.end()));
-      }
+      // Where the track's next sample starts; a finished track holds back nothing.
+      reached[k] = i + 1 < p.samples ? p.t->track->samples[i + 1].offset : UINT64_MAX;
+      const uint64_t behind = *std::min_element(reached.begin(), reached.end());
+      if ((done & 255) == 0 && behind < job_.input->size()) job_.input->release_before(job_.input->data() + behind);
     });
     if (job_.progress) job_.progress(total, total);
   }
