@@ -16,13 +16,18 @@
 #   6. Every sample of a one-hour fragmented MP4 (moof + mdat every two
 #      seconds): `boxlane probe --json --samples` against
 #      `ffprobe -show_packets -of json`.
+#   7. Remuxing the one-hour MP4 into fragments (`boxlane remux --fragment 2`
+#      against `ffmpeg -c copy -movflags frag_keyframe+empty_moov+
+#      default_base_moof`) and the one-hour fragmented MP4 into one file with
+#      the moov first (`boxlane remux --faststart` against `ffmpeg -c copy
+#      -movflags +faststart`), with the packets of both outputs compared.
 # Runs alternate between the contenders so that both see the same machine,
 # and the median of RUNS runs is taken.
 #
 # Environment: BUILD (default build/bench), WORK (default $BUILD/compare),
 # RUNS (default 5), CHECK_FRAMES (video frames decoded and compared, default
-# 1800; 0 decodes all), PARTS (default "mux fragments live index samples": which of the
-# comparisons to run). Installs what is missing with apt-get when run as root.
+# 1800; 0 decodes all), PARTS (default "mux fragments live index samples remux": which
+# of the comparisons to run). Installs what is missing with apt-get when run as root.
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -30,7 +35,7 @@ BUILD=${BUILD:-$ROOT/build/bench}
 WORK=${WORK:-$BUILD/compare}
 RUNS=${RUNS:-5}
 CHECK_FRAMES=${CHECK_FRAMES:-1800}
-PARTS=${PARTS:-mux fragments live index samples}
+PARTS=${PARTS:-mux fragments live index samples remux}
 
 say() { printf '%s\n' "$*"; }
 die() { printf 'compare.sh: %s\n' "$*" >&2; exit 1; }
@@ -364,6 +369,48 @@ compare_samples() {
   SAMPLES_MEMORY=$(ratio "${PEAK[0]}" "${PEAK[1]}")
 }
 
+# MD5 of every packet of a kind, in decode order: the samples a file holds.
+packet_md5s() { ffmpeg -hide_banner -nostdin -loglevel error -i "$1" -map "0:$2:0" -c copy -f framemd5 - | md5_column | md5sum; }
+
+# remux_job NAME INPUT BOXLANE_OPTION FFMPEG_MOVFLAGS: one conversion both
+# ways; sets NAME_SPEED, NAME_CPU and NAME_MEMORY.
+remux_job() {
+  local name=$1 input=$2 option=$3 flags=$4
+  local out_b=$WORK/remux_boxlane.mp4 out_f=$WORK/remux_ffmpeg.mp4
+  REMUX_BOXLANE=("$BOXLANE" remux "$input" $option -q -o "$out_b")
+  REMUX_FFMPEG=(ffmpeg -hide_banner -nostdin -loglevel error -y -i "$input" -c copy -movflags "$flags" "$out_f")
+  say
+  say "== $name: $(du -m "$input" | cut -f1) MB, $RUNS runs each"
+  "${REMUX_BOXLANE[@]}" || die "boxlane remux failed"
+  "${REMUX_FFMPEG[@]}" || die "ffmpeg -c copy failed"
+  # FFmpeg reads the audio an edit list cuts when it reads fragments: the
+  # outputs are compared with each other, in the form both have.
+  local kind
+  for kind in v a; do
+    if [[ $(packet_md5s "$out_b" $kind) == $(packet_md5s "$out_f" $kind) ]]; then
+      say "CHECK  FFmpeg reads the same $kind packets from both outputs: PASSED"
+    else
+      say "CHECK  FFmpeg reads the same $kind packets from both outputs: FAILED"
+    fi
+  done
+  PREPARE=fresh_remux_outputs contest REMUX_BOXLANE REMUX_FFMPEG
+  say "boxlane remux $option  wall ${WALL[0]} ms (runs: ${RUNS_WALL[0]})  CPU ${CPU[0]} ms  peak ${PEAK[0]} KiB  $(du -k "$out_b" | cut -f1) KiB"
+  say "ffmpeg -c copy -movflags $flags  wall ${WALL[1]} ms (runs: ${RUNS_WALL[1]})  CPU ${CPU[1]} ms  peak ${PEAK[1]} KiB  $(du -k "$out_f" | cut -f1) KiB"
+  printf -v "${name}_SPEED" '%s' "$(ratio "${WALL[1]}" "${WALL[0]}")"
+  printf -v "${name}_CPU" '%s' "$(ratio "${CPU[1]}" "${CPU[0]}")"
+  printf -v "${name}_MEMORY" '%s' "$(ratio "${PEAK[0]}" "${PEAK[1]}")"
+}
+
+fresh_remux_outputs() {
+  rm -f "$WORK/remux_boxlane.mp4" "$WORK/remux_ffmpeg.mp4"
+  sync
+}
+
+compare_remux() {
+  remux_job REMUX_FRAGMENT "$WORK/hour.mp4" "--fragment 2" frag_keyframe+empty_moov+default_base_moof
+  remux_job REMUX_FASTSTART "$WORK/hour_fragmented.mp4" --faststart +faststart
+}
+
 has_part() { [[ " $PARTS " == *" $1 "* ]]; }
 
 main() {
@@ -381,6 +428,7 @@ main() {
   has_part live && compare_live_memory
   has_part index && compare_index
   has_part samples && compare_samples
+  has_part remux && compare_remux
   say
   say "load average at the end: $(cut -d' ' -f1-3 /proc/loadavg)"
   say "Ratios are FFmpeg's time over Boxlane's (higher is faster) and Boxlane's peak over FFmpeg's."
@@ -411,6 +459,13 @@ main() {
   if has_part samples; then
     target "samples: ffprobe -show_packets -of json / boxlane probe --json --samples, wall time" "$SAMPLES_SPEED" 20 1
     say "INFO   samples, CPU time: $SAMPLES_CPU x; peak memory, boxlane / ffprobe: $SAMPLES_MEMORY x"
+  fi
+  if has_part remux; then
+    target "remux to fragments: ffmpeg -c copy / boxlane remux, wall time" "$REMUX_FRAGMENT_SPEED" 3 1
+    target "remux to fragments: boxlane peak memory / ffmpeg peak memory" "$REMUX_FRAGMENT_MEMORY" 1 0
+    target "remux to faststart: ffmpeg -c copy / boxlane remux, wall time" "$REMUX_FASTSTART_SPEED" 3 1
+    target "remux to faststart: boxlane peak memory / ffmpeg peak memory" "$REMUX_FASTSTART_MEMORY" 1 0
+    say "INFO   remux, CPU time (user + system): to fragments $REMUX_FRAGMENT_CPU x, to faststart $REMUX_FASTSTART_CPU x"
   fi
 }
 

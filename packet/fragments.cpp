@@ -154,8 +154,14 @@ bool add_fragment_sample(BOXLANE_FRAGMENTS& f, const FragmentFrame& frame) {
   const int64_t offset = frame.track == Fragments::kVideo ? int64_t{frame.cts_offset} - f.nCTSShift : 0;
   if (offset < INT32_MIN || offset > INT32_MAX) return fail(BOXLANE_ERROR_PACKET_PARAMETER);
 
-  // The fragment as it would be with this sample.
-  Track after = t;
+  // The fragment as it would be with this sample: its counters alone, so
+  // that the random access index, which grows with every fragment, is not
+  // copied for every sample.
+  Track after;
+  after.nSamples = t.nSamples;
+  after.nRuns = t.nRuns;
+  after.bAnyCTs = t.bAnyCTs;
+  after.bNegativeCTs = t.bNegativeCTs;
   if (f.nLastTrack != frame.track) ++after.nRuns;
   ++after.nSamples;
   after.bAnyCTs = t.bAnyCTs || offset != 0;

@@ -6,5 +6,6 @@ namespace boxlane::tool {
 // returns the exit status.
 int mux_main(int argc, char** argv);
 int probe_main(int argc, char** argv);
+int remux_main(int argc, char** argv);
 
 }  // namespace boxlane::tool

@@ -2,7 +2,7 @@
 // 2^32 and where a moov placed first grows and carries the other track past it.
 #include <gtest/gtest.h>
 
-#include "tools/mux/chunk_offsets.hpp"
+#include "tools/common/chunk_offsets.hpp"
 
 #include <cstdint>
 #include <optional>

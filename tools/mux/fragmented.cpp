@@ -21,9 +21,11 @@
 #include "tools/common/live_input.hpp"
 #include "platform/h264.hpp"
 #include "tools/common/tool_error.hpp"
-#include "tools/mux/init_segment.hpp"
+#include "tools/common/init_segment.hpp"
+#include "tools/mux/audio_description.hpp"
 #include "tools/mux/stream_chunks.hpp"
-#include "tools/mux/writer_client.hpp"
+#include "tools/mux/video_description.hpp"
+#include "tools/common/writer_client.hpp"
 
 namespace boxlane::tool {
 
@@ -310,10 +312,29 @@ class FragmentWriter {
     if (!Boxlane_Packet_FragmentMode(c, video_id, audio_id, 0, index_ ? BOXLANE_FRAGMENT_INDEX : 0))
       refused("fragment mode");
     InitSegmentInput init;
-    init.video = vin_ ? &v_.chunks.front().stream : nullptr;
-    init.audio = ain_ ? &a_.chunks.front().stream : nullptr;
+    if (vin_) {
+      const VideoStream& first = v_.chunks.front().stream;
+      init.video.present = true;
+      init.video.width = first.width;
+      init.video.height = first.height;
+      // Duration 0: the edit runs to the end of the media, however many
+      // fragments follow (ISO/IEC 14496-12 §8.6.6.3).
+      if (shift_) init.video.edits.push_back({0, static_cast<int64_t>(timing_.video.at(shift_))});
+      // avc1 or hvc1, as the movie writer describes the stream.
+      init.video.stsd = [&] {
+        return call_box("the video stsd", video_stsd_size(first),
+                        [&](uint8_t* p, int32_t* l) { return write_video_stsd(c, first, p, l); });
+      };
+    }
+    if (ain_) {
+      init.audio.present = true;
+      const AudioStream& audio = a_.chunks.front().stream;
+      init.audio.stsd = [c, &audio] {
+        return call_box("the audio stsd", audio_stsd_size(audio),
+                        [&](uint8_t* p, int32_t* l) { return write_audio_stsd(c, audio, p, l); });
+      };
+    }
     init.timescale = timing_.timescale;
-    init.edit_media_time = vin_ && shift_ ? timing_.video.at(shift_) : 0;
     init.mehd_room = out_->regular();
     const InitSegment segment = build_init_segment(c, init);
     mehd_at_ = segment.mehd_at;

@@ -13,19 +13,17 @@
 #include "boxlane/boxlane.h"
 #include "tools/common/tool_error.hpp"
 #include "tools/common/output_file.hpp"
+#include "tools/common/chunk_offsets.hpp"
+#include "tools/common/moov_builder.hpp"
 #include "tools/mux/audio_description.hpp"
-#include "tools/mux/chunk_offsets.hpp"
 #include "tools/mux/video_description.hpp"
-#include "tools/mux/writer_client.hpp"
+#include "tools/common/writer_client.hpp"
 
 namespace boxlane::tool {
 
 namespace {
 
-// "und", packed as three 5-bit letters (ISO/IEC 14496-12 §8.4.2.3).
-constexpr uint16_t kLanguageUndetermined = ((('u' - 0x60) << 10) | (('n' - 0x60) << 5) | ('d' - 0x60));
 constexpr uint32_t kFtypSize = 32;
-constexpr uint32_t kBoxHeader = 8;
 
 uint32_t runs_of(uint64_t count, const Clock& clock) {
   uint32_t runs = 0;
@@ -36,12 +34,6 @@ uint32_t runs_of(uint64_t count, const Clock& clock) {
     last = d;
   }
   return runs;
-}
-
-// The size of a header box whose duration may need version 1: the writer
-// switches once the value passes the 32-bit field (ISO/IEC 14496-12 §8.2.2).
-constexpr uint32_t sized_for(uint64_t duration, uint32_t version0, uint32_t version1) {
-  return duration > UINT32_MAX ? version1 : version0;
 }
 
 // A track's chunk offset table: one offset per sample, 32-bit (stco) until
@@ -80,38 +72,6 @@ struct MoovPlan {
   uint64_t moov() const { return kBoxHeader + mvhd + (video ? v_trak() : 0) + (audio ? a_trak() : 0); }
 };
 
-// Appends the writer's boxes to one buffer, checking each against its
-// planned size before the next is written: the writer is not told the
-// buffer's capacity, so a size that differed from the plan must stop the run.
-class MoovBuilder {
- public:
-  MoovBuilder(const char* client, std::size_t capacity) : client_(client), buf_(capacity) {}
-
-  template <typename Call>
-  void box(const char* what, uint64_t planned, Call call) {
-    if (buf_.size() - pos_ < planned) throw ToolError(std::string("internal: no room planned for ") + what);
-    int32_t len = 0;
-    if (!call(buf_.data() + pos_, &len)) refused(what);
-    if (len < 0 || static_cast<uint64_t>(len) != planned) {
-      throw ToolError(std::string("internal: ") + what + " came out " + std::to_string(len) + " bytes, planned " +
-                     std::to_string(planned));
-    }
-    pos_ += static_cast<std::size_t>(len);
-  }
-  void container(const char* type, uint64_t payload) {
-    box(type, kBoxHeader, [&](uint8_t* out, int32_t* len) {
-      return Boxlane_Packet_HDRBox(client_, out, len, type, nullptr, static_cast<int32_t>(payload));
-    });
-  }
-  const std::vector<uint8_t>& bytes() const noexcept { return buf_; }
-  std::size_t size() const noexcept { return pos_; }
-
- private:
-  const char* client_;
-  std::vector<uint8_t> buf_;
-  std::size_t pos_ = 0;
-};
-
 struct VideoTiming {
   uint32_t shift = 0;  // whole frames added to every composition time
   uint64_t media_duration = 0;
@@ -138,26 +98,11 @@ class MovieWriter {
     write_samples(out);
     const uint64_t payload = out.position() - mdat_at - plan_.mdat_header;
     if (payload != plan_.payload) throw ToolError("internal: the samples took other room than planned");
-    if (plan_.mdat_header == kBoxHeader) {
-      // HDRBox takes a signed 32-bit length; the size field holds up to 4 GiB.
-      const uint64_t mdat_size = kBoxHeader + payload;
-      const uint8_t size_field[4] = {static_cast<uint8_t>(mdat_size >> 24), static_cast<uint8_t>(mdat_size >> 16),
-                                     static_cast<uint8_t>(mdat_size >> 8), static_cast<uint8_t>(mdat_size)};
-      out.patch(mdat_at, size_field, sizeof size_field);
-    } else {
-      uint8_t header[16];
-      int32_t len = 0;
-      if (!mdat_header(header, &len, payload) || len != 16) refused("the mdat header");
-      out.patch(mdat_at, header, sizeof header);
-    }
+    patch_mdat_header(client_.name(), out, mdat_at, plan_.mdat_header, payload);
 
     MoovBuilder moov(client_.name(), plan_.moov());
     build_moov(moov);
-    if (in_.faststart) {
-      out.patch(moov_at, moov.bytes().data(), moov.size());
-    } else {
-      out.write(moov.bytes().data(), moov.size());
-    }
+    place_moov(out, moov, in_.faststart, moov_at);
     MovieResult result;
     result.timescale = timing_.timescale;
     result.duration = std::max(vt_.presentation, audio_duration());

@@ -15,6 +15,7 @@
 
 #include "tools/commands.hpp"
 #include "tools/mux/audio.hpp"
+#include "tools/common/summary_text.hpp"
 #include "tools/common/tool_error.hpp"
 #include "tools/common/live_input.hpp"
 #include "tools/common/mapped_file.hpp"
@@ -209,34 +210,10 @@ std::string rate_text(const FrameRate& r) {
   return text;
 }
 
-std::string size_text(uint64_t bytes) {
-  char text[32];
-  if (bytes < 10 * 1024) {
-    std::snprintf(text, sizeof text, "%llu bytes", static_cast<unsigned long long>(bytes));
-  } else if (bytes < 10ull * 1024 * 1024) {
-    std::snprintf(text, sizeof text, "%.1f KiB", bytes / 1024.0);
-  } else {
-    std::snprintf(text, sizeof text, "%.1f MiB", bytes / (1024.0 * 1024.0));
-  }
-  return text;
-}
-
 // Pictures left out before the first random access point.
 std::string dropped_text(uint32_t dropped) {
   if (dropped == 0) return {};
   return " (" + std::to_string(dropped) + " leading picture" + (dropped == 1 ? "" : "s") + " that cannot be decoded dropped)";
-}
-
-// channel_configuration 0: the layout is in a program_config_element.
-std::string channels_text(uint8_t channel_config, uint32_t channels) {
-  if (channel_config == 0) return std::to_string(channels) + " channels (program_config_element)";
-  switch (channels) {
-    case 1: return "mono";
-    case 2: return "stereo";
-    case 6: return "5.1";
-    case 8: return "7.1";
-    default: return std::to_string(channels) + " channels";
-  }
 }
 
 // A path that is standard input, a pipe or a FIFO: read as it arrives.

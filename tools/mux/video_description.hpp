@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "boxlane/boxlane.h"
+#include "tools/mux/audio.hpp"
 #include "tools/mux/video.hpp"
 
 namespace boxlane::tool {

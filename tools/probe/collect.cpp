@@ -1,7 +1,7 @@
 // Asks the parser, through its public queries only, for everything it
 // stored about the stream.
 #include "tools/probe/model.hpp"
-#include "tools/probe/names.hpp"
+#include "tools/common/names.hpp"
 
 #include <algorithm>
 #include <cctype>

@@ -89,7 +89,7 @@ ProbeFacts derive_facts(const ProbeTrack& track, bool strict) {
   f.all_sync = t.stss.empty();
   f.key_frames = f.all_sync ? f.sample_count : t.stss.size();
   // The samples of the track's fragments come after the moov's.
-  for (const ProbeSample& s : track.fragments.samples) {
+  for (const IndexSample& s : track.fragments.samples) {
     f.sample_bytes += s.size;
     f.fragment_duration += s.duration;
     f.key_frames += s.sync;

@@ -1,7 +1,7 @@
 // What probe says about the stream as a whole: its form (progressive or
 // fragmented, 64-bit sizes), and where and why the parser stopped reading it.
 #include "tools/probe/model.hpp"
-#include "tools/probe/names.hpp"
+#include "tools/common/names.hpp"
 
 
 namespace boxlane::tool {

@@ -1,5 +1,5 @@
 #include "tools/common/json_writer.hpp"
-#include "tools/probe/names.hpp"
+#include "tools/common/names.hpp"
 #include "tools/probe/report.hpp"
 
 #include <algorithm>
@@ -128,7 +128,7 @@ void write_tables(JsonWriter& json, const ProbeTables& t) {
 
 // Equal-length arrays, one element per sample in decode order: what a script
 // loads into columns.
-void write_samples(JsonWriter& json, const std::vector<ProbeSample>& samples) {
+void write_samples(JsonWriter& json, const std::vector<IndexSample>& samples) {
   json.key("samples");
   json.begin_object();
   const std::size_t n = samples.size();

@@ -4,7 +4,7 @@
 
 #include <boxlane/boxlane.h>
 
-#include "tools/probe/samples.hpp"
+#include "tools/common/parse_samples.hpp"
 
 #include <cstdint>
 #include <memory>
@@ -92,7 +92,7 @@ struct ProbeTrack {
   FragmentLog::Track fragments;  // the samples of its track fragments
   // Every sample in decode order, the moov's then the fragments'; filled
   // for --samples only.
-  std::vector<ProbeSample> samples;
+  std::vector<IndexSample> samples;
 
   std::string handler() const;
   std::string handler_name() const;

@@ -2,9 +2,9 @@
 // would, through the parser road of the public interface, and shows what the
 // parser found.
 #include "tools/commands.hpp"
-#include "tools/probe/input.hpp"
+#include "tools/common/parse_input.hpp"
 #include "tools/probe/report.hpp"
-#include "tools/probe/session.hpp"
+#include "tools/common/parse_session.hpp"
 
 #include <boxlane/boxlane.h>
 
@@ -132,7 +132,7 @@ int fail(const std::string& source, const std::string& message) {
 }
 
 int probe(const Options& o) {
-  ProbeInput input;
+  ParseInput input;
   if (!input.open(o.path)) return fail(o.path, input.error());
   if (!Boxlane_Parse_Init(static_cast<int32_t>(o.pools))) {
     const uint64_t code = Boxlane_GetLastError(nullptr);

@@ -1,4 +1,4 @@
-#include "tools/probe/names.hpp"
+#include "tools/common/names.hpp"
 #include "tools/probe/report.hpp"
 
 #include <cmath>
@@ -148,7 +148,7 @@ void track_samples(std::string& out, const ProbeTrack& track) {
   add(out, "\ntrack %d samples: %zu (decode_time composition_time duration size offset, K: sync)\n", track.id,
       track.samples.size());
   std::size_t index = 0;
-  for (const ProbeSample& s : track.samples)
+  for (const IndexSample& s : track.samples)
     add(out, "    %6zu: %llu %lld %u %u %llu%s\n", ++index, ull{s.decode}, static_cast<long long>(s.composition),
         s.duration, s.size, ull{s.offset}, s.sync ? " K" : "");
 }

@@ -1,8 +1,8 @@
-// Where probe reads from: a named file or standard input, read piece by
-// piece, with a skip that seeks when the input is a regular file and reads
-// and discards otherwise (pipes, sockets). A regular file is mapped, and its
-// pieces are views into the mapping: nothing is copied, and the bytes of a
-// skipped mdat are never touched.
+// Where probe and remux read an MP4 stream from: a named file or standard
+// input, read piece by piece, with a skip that seeks when the input is a
+// regular file and reads and discards otherwise (pipes, sockets). A regular
+// file is mapped, and its pieces are views into the mapping: nothing is
+// copied, and the bytes of a skipped mdat are never touched.
 #pragma once
 
 #include <cstddef>
@@ -12,15 +12,18 @@
 
 namespace boxlane::tool {
 
-class ProbeInput {
+class ParseInput {
  public:
-  ProbeInput() = default;
-  ~ProbeInput();
-  ProbeInput(const ProbeInput&) = delete;
-  ProbeInput& operator=(const ProbeInput&) = delete;
+  ParseInput() = default;
+  ~ParseInput();
+  ParseInput(const ParseInput&) = delete;
+  ParseInput& operator=(const ParseInput&) = delete;
 
-  // "-" is standard input. On failure, error() says why.
-  bool open(const std::string& path);
+  // "-" is standard input. On failure, error() says why. `map` false reads
+  // a regular file too, seeking over what is skipped: a mapping would bring
+  // pages around every box it reads into the process, most of a fragmented
+  // file's media data with them.
+  bool open(const std::string& path, bool map = true);
   // Fills up to size bytes; 0 at the end of the input, -1 on a read error.
   long read(uint8_t* data, std::size_t size);
   // Whether the input is a mapped file, read with view() instead of read().

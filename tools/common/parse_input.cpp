@@ -1,4 +1,4 @@
-#include "tools/probe/input.hpp"
+#include "tools/common/parse_input.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,12 +12,12 @@
 
 namespace boxlane::tool {
 
-ProbeInput::~ProbeInput() {
+ParseInput::~ParseInput() {
   if (map_) ::munmap(const_cast<uint8_t*>(map_), static_cast<std::size_t>(size_));
   if (owned_ && fd_ >= 0) ::close(fd_);
 }
 
-bool ProbeInput::open(const std::string& path) {
+bool ParseInput::open(const std::string& path, bool map) {
   if (path == "-") {
     fd_ = STDIN_FILENO;
     name_ = "standard input";
@@ -37,7 +37,7 @@ bool ProbeInput::open(const std::string& path) {
     const off_t here = ::lseek(fd_, 0, SEEK_CUR);
     position_ = here > 0 ? static_cast<uint64_t>(here) : 0;
     // Mapped when it can be; otherwise it is read like any other input.
-    if (size_ > 0 && size_ <= SIZE_MAX) {
+    if (map && size_ > 0 && size_ <= SIZE_MAX) {
       void* map = ::mmap(nullptr, static_cast<std::size_t>(size_), PROT_READ, MAP_PRIVATE, fd_, 0);
       if (map != MAP_FAILED) map_ = static_cast<const uint8_t*>(map);
     }
@@ -45,7 +45,7 @@ bool ProbeInput::open(const std::string& path) {
   return true;
 }
 
-std::span<const uint8_t> ProbeInput::view(std::size_t size) {
+std::span<const uint8_t> ParseInput::view(std::size_t size) {
   const uint64_t left = size_ > position_ ? size_ - position_ : 0;
   const auto n = static_cast<std::size_t>(std::min<uint64_t>(size, left));
   const std::span<const uint8_t> piece(map_ + position_, n);
@@ -53,7 +53,7 @@ std::span<const uint8_t> ProbeInput::view(std::size_t size) {
   return piece;
 }
 
-long ProbeInput::read(uint8_t* data, std::size_t size) {
+long ParseInput::read(uint8_t* data, std::size_t size) {
   for (;;) {
     const ssize_t n = ::read(fd_, data, size);
     if (n >= 0) {
@@ -66,7 +66,7 @@ long ProbeInput::read(uint8_t* data, std::size_t size) {
   }
 }
 
-uint64_t ProbeInput::skip(uint64_t count) {
+uint64_t ParseInput::skip(uint64_t count) {
   if (map_) {
     const uint64_t present = std::min(count, size_ > position_ ? size_ - position_ : 0);
     position_ += present;

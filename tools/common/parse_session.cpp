@@ -1,9 +1,9 @@
-#include "tools/probe/session.hpp"
+#include "tools/common/parse_session.hpp"
 
-#include "tools/probe/feed.hpp"
-#include "tools/probe/gate.hpp"
-#include "tools/probe/names.hpp"
-#include "tools/probe/workers.hpp"
+#include "tools/common/parse_feed.hpp"
+#include "tools/common/library_gate.hpp"
+#include "tools/common/names.hpp"
+#include "tools/common/parse_workers.hpp"
 
 namespace boxlane::tool {
 
@@ -18,11 +18,11 @@ uint32_t PieceSizes::next() {
   return static_cast<uint32_t>(z % size_) + 1;
 }
 
-SessionResult run_session(const char* client, int pools, ProbeInput& input, PieceSizes sizes, bool extended) {
+SessionResult run_session(const char* client, int pools, ParseInput& input, PieceSizes sizes, bool extended) {
   SessionResult result;
-  ProbeWorkers workers(pools);
+  ParseWorkers workers(pools);
   workers.start();
-  ProbeFeed feed(client, input, extended);
+  ParseFeed feed(client, input, extended);
   const bool fed = feed.run(sizes);
   workers.stop();
   result.records = workers.take_records();

@@ -1,4 +1,4 @@
-#include "tools/probe/names.hpp"
+#include "tools/common/names.hpp"
 
 #include <array>
 #include <cstdio>

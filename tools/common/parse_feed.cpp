@@ -1,7 +1,7 @@
-#include "tools/probe/feed.hpp"
+#include "tools/common/parse_feed.hpp"
 
-#include "tools/probe/gate.hpp"
-#include "tools/probe/names.hpp"
+#include "tools/common/library_gate.hpp"
+#include "tools/common/names.hpp"
 
 #include <algorithm>
 #include <limits>
@@ -28,7 +28,7 @@ bool is_mdat(std::span<const uint8_t, 4> type) {
 
 }  // namespace
 
-bool ProbeFeed::run(PieceSizes sizes) {
+bool ParseFeed::run(PieceSizes sizes) {
   if (input_.mapped()) {
     for (;;) {
       const std::span<const uint8_t> piece = input_.view(sizes.next());
@@ -54,7 +54,7 @@ bool ProbeFeed::run(PieceSizes sizes) {
   }
 }
 
-bool ProbeFeed::take(const uint8_t* piece_data, std::size_t size) {
+bool ParseFeed::take(const uint8_t* piece_data, std::size_t size) {
   const std::span<const uint8_t> piece(piece_data, size);
   const uint64_t piece_offset = position_;
   std::size_t at = 0;
@@ -118,7 +118,7 @@ bool ProbeFeed::take(const uint8_t* piece_data, std::size_t size) {
   return flush();
 }
 
-bool ProbeFeed::on_header() {
+bool ParseFeed::on_header() {
   bool flush_here;
   size_field_ = be32(std::span(header_).first<4>());
   const bool mdat = is_mdat(std::span(header_).subspan<4, 4>());
@@ -157,7 +157,7 @@ bool ProbeFeed::on_header() {
   return flush_here;
 }
 
-void ProbeFeed::skip_outside_piece() {
+void ParseFeed::skip_outside_piece() {
   if ((mode_ != Mode::kSkip && mode_ != Mode::kStopBody) || left_ == 0) return;
   const uint64_t skipped = input_.skip(left_);
   position_ += skipped;
@@ -167,14 +167,14 @@ void ProbeFeed::skip_outside_piece() {
   else mode_ = Mode::kStopEnd;
 }
 
-void ProbeFeed::next_box() {
+void ParseFeed::next_box() {
   mode_ = Mode::kHeader;
   header_have_ = 0;
   header_want_ = 8;
   box_start_ = position_;
 }
 
-bool ProbeFeed::send(const uint8_t* data, std::size_t size, uint64_t offset) {
+bool ParseFeed::send(const uint8_t* data, std::size_t size, uint64_t offset) {
   if (size == 0) return true;
   uint64_t code;
   {
@@ -198,7 +198,7 @@ bool ProbeFeed::send(const uint8_t* data, std::size_t size, uint64_t offset) {
   return false;
 }
 
-bool ProbeFeed::stopped(uint64_t code) {
+bool ParseFeed::stopped(uint64_t code) {
   if (code != BOXLANE_ERROR_PARSE_NOTSUPPORT && code != BOXLANE_ERROR_PARSE_MALFORMED) return false;
   BOXLANE_STREAMINFO stream{};
   {
@@ -213,7 +213,7 @@ bool ProbeFeed::stopped(uint64_t code) {
   return true;
 }
 
-bool ProbeFeed::finish() {
+bool ParseFeed::finish() {
   const uint64_t present = position_ - box_start_;
   switch (mode_) {
     case Mode::kHeader:
@@ -249,7 +249,7 @@ bool ProbeFeed::finish() {
   return true;
 }
 
-std::string ProbeFeed::box_label() const {
+std::string ParseFeed::box_label() const {
   const std::string where = "at offset " + std::to_string(box_start_);
   if (mode_ == Mode::kHeader && header_have_ < 8) return "box " + where;
   const auto type = std::span(header_).subspan<4, 4>();

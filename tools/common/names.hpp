@@ -1,4 +1,4 @@
-// Words for the numbers probe prints: box type codes, parser error codes,
+// Words for the numbers the commands print: box type codes, parser error codes,
 // H.264 and H.265 profiles and levels, AAC object types, languages and fourccs.
 #pragma once
 

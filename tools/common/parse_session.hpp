@@ -1,11 +1,12 @@
-// One probe run on the parser road: the receiving loop (the caller's thread)
-// reads the input in pieces and hands them to Boxlane_Parse_Send, while one
-// worker per task pool waits for events and takes the header records.
+// One run of the parser road, as probe and remux read a file: the receiving
+// loop (the caller's thread) reads the input in pieces and hands them to
+// Boxlane_Parse_Send, while one worker per task pool waits for events and
+// takes the header records.
 #pragma once
 
 #include <boxlane/boxlane.h>
 
-#include "tools/probe/samples.hpp"
+#include "tools/common/parse_samples.hpp"
 
 #include <cstdint>
 #include <string>
@@ -13,7 +14,7 @@
 
 namespace boxlane::tool {
 
-class ProbeInput;
+class ParseInput;
 
 // Successive read sizes: all equal, or drawn from 1..max by a seeded
 // generator whose sequence is the same on every platform.
@@ -45,6 +46,6 @@ struct SessionResult {
 
 // Runs the whole road for one client on an initialised parser.
 // `extended`: the client was inserted in the extended mode.
-SessionResult run_session(const char* client, int pools, ProbeInput& input, PieceSizes sizes, bool extended);
+SessionResult run_session(const char* client, int pools, ParseInput& input, PieceSizes sizes, bool extended);
 
 }  // namespace boxlane::tool

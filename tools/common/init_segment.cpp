@@ -1,19 +1,15 @@
-#include "tools/mux/init_segment.hpp"
+#include "tools/common/init_segment.hpp"
 
 #include <algorithm>
 #include <cstring>
 #include <string>
 
 #include "boxlane/boxlane.h"
-#include "tools/mux/audio_description.hpp"
-#include "tools/mux/video_description.hpp"
 
 namespace boxlane::tool {
 
 namespace {
 
-// "und", packed as three 5-bit letters (ISO/IEC 14496-12 §8.4.2.3).
-constexpr uint16_t kLanguageUndetermined = ((('u' - 0x60) << 10) | (('n' - 0x60) << 5) | ('d' - 0x60));
 // The free box in mvex that becomes mehd (16 or 20 bytes) and a smaller
 // free box when the run finishes.
 constexpr uint32_t kMehdRoom = 28;
@@ -45,30 +41,15 @@ class Builder {
 
   // A trak with empty sample tables: the samples are in the fragments.
   Bytes track(bool video) {
-    const uint32_t width = video ? in_.video->width : 0;
-    const uint32_t height = video ? in_.video->height : 0;
+    const InitTrack& t = video ? in_.video : in_.audio;
+    const uint32_t width = video ? t.width : 0;
+    const uint32_t height = video ? t.height : 0;
     Bytes trak = call_box("tkhd", 128, [&](uint8_t* p, int32_t* l) {
       return Boxlane_Packet_TKhd(c, p, l, video ? 0 : 0x0100, static_cast<int32_t>(width), static_cast<int32_t>(height), 0);
     });
-    if (video && in_.edit_media_time) {
-      // Duration 0: the edit runs to the end of the media, however many
-      // fragments follow (ISO/IEC 14496-12 §8.6.6.3).
-      append(trak, call_box("edts", 64, [&](uint8_t* p, int32_t* l) {
-        return Boxlane_Packet_EDts(c, p, l, 0, static_cast<int32_t>(in_.edit_media_time));
-      }));
-    }
+    if (!t.edits.empty()) append(trak, edit_box(c, t.edits));
     // After the tkhd: the avc1 entry takes the picture size the last tkhd was given.
-    Bytes stbl;
-    if (video) {
-      // avc1 or hvc1, as the movie writer describes the stream.
-      append(stbl, call_box("the video stsd", video_stsd_size(*in_.video), [&](uint8_t* p, int32_t* l) {
-        return write_video_stsd(c, *in_.video, p, l);
-      }));
-    } else {
-      append(stbl, call_box("the audio stsd", audio_stsd_size(*in_.audio), [&](uint8_t* p, int32_t* l) {
-        return write_audio_stsd(c, *in_.audio, p, l);
-      }));
-    }
+    Bytes stbl = t.stsd();
     append(stbl, call_box("stts", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STts(c, p, l, video); }));
     append(stbl, call_box("stsc", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsc(c, p, l); }));
     append(stbl, call_box("stsz", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsz(c, p, l, video); }));
@@ -78,7 +59,7 @@ class Builder {
     append(minf, call_box("dinf", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_DInf(c, p, l); }));
     append(minf, wrap("stbl", stbl));
     Bytes mdia = call_box("mdhd", 64, [&](uint8_t* p, int32_t* l) {
-      return Boxlane_Packet_MDhdEx(c, p, l, kLanguageUndetermined, 0);
+      return Boxlane_Packet_MDhdEx(c, p, l, t.language, 0);
     });
     append(mdia, call_box("hdlr", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_HDlr(c, p, l, video ? 0 : 1); }));
     append(mdia, wrap("minf", minf));
@@ -101,9 +82,9 @@ InitSegment build_init_segment(const char* client, const InitSegmentInput& in) {
   Bytes moov = call_box("mvhd", 256, [&](uint8_t* p, int32_t* l) {
     return Boxlane_Packet_MVhd(c, p, l, 0, static_cast<int32_t>(in.timescale));
   });
-  if (in.video) append(moov, b.track(true));
-  if (in.audio) append(moov, b.track(false));
-  Bytes mvex = call_box("mvex", 256, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_MVex(c, p, l, 0); });
+  if (in.video.present) append(moov, b.track(true));
+  if (in.audio.present) append(moov, b.track(false));
+  Bytes mvex = call_box("mvex", 256, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_MVex(c, p, l, in.duration); });
   if (in.mehd_room) {
     // Room for mehd, filled in when the run finishes and the duration is
     // known; a run that is killed leaves a free box there.

@@ -1,13 +1,13 @@
-#include "tools/probe/samples.hpp"
+#include "tools/common/parse_samples.hpp"
 
-#include "tools/probe/names.hpp"
+#include "tools/common/names.hpp"
 
 #include <algorithm>
 
 namespace boxlane::tool {
 namespace {
 
-ProbeSample sample_of(const BOXLANE_SAMPLEINFO& s) {
+IndexSample sample_of(const BOXLANE_SAMPLEINFO& s) {
   return {s.nDecodeTime, s.nCompositionTime, s.nOffset, s.nDuration, s.nSize, s.bSync != 0};
 }
 
@@ -30,7 +30,7 @@ void FragmentLog::take(const char* client) {
   }
 }
 
-bool fetch_table_samples(const char* client, int32_t track, uint64_t count, std::vector<ProbeSample>& out,
+bool fetch_table_samples(const char* client, int32_t track, uint64_t count, std::vector<IndexSample>& out,
                          std::string& error) {
   constexpr int32_t kWindow = 1 << 16;
   std::vector<BOXLANE_SAMPLEINFO> window(static_cast<std::size_t>(std::min<uint64_t>(count, kWindow)));

@@ -13,8 +13,8 @@
 // how much.
 #pragma once
 
-#include "tools/probe/input.hpp"
-#include "tools/probe/session.hpp"
+#include "tools/common/parse_input.hpp"
+#include "tools/common/parse_session.hpp"
 
 #include <cstdint>
 #include <string>
@@ -22,10 +22,10 @@
 
 namespace boxlane::tool {
 
-class ProbeFeed {
+class ParseFeed {
  public:
   // `extended`: the client follows 64-bit box sizes (Boxlane_Parse_InsertEx).
-  ProbeFeed(const char* client, ProbeInput& input, bool extended)
+  ParseFeed(const char* client, ParseInput& input, bool extended)
       : client_(client), input_(input), extended_(extended) {}
 
   // Reads the whole input; false with error() set on the first failure.
@@ -71,7 +71,7 @@ class ProbeFeed {
   bool stopped(uint64_t code);
 
   const char* client_;
-  ProbeInput& input_;
+  ParseInput& input_;
   std::string error_;
   uint64_t stop_code_ = 0;
   bool stopped_box_ends_input_ = false;

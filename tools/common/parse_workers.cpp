@@ -1,19 +1,19 @@
-#include "tools/probe/workers.hpp"
+#include "tools/common/parse_workers.hpp"
 
-#include "tools/probe/gate.hpp"
+#include "tools/common/library_gate.hpp"
 
 #include <chrono>
 #include <span>
 
 namespace boxlane::tool {
 
-void ProbeWorkers::start() {
+void ParseWorkers::start() {
   running_ = pools_;
   threads_.reserve(static_cast<std::size_t>(pools_));
   for (int pool = 0; pool < pools_; ++pool) threads_.emplace_back([this, pool] { run(pool); });
 }
 
-void ProbeWorkers::stop() {
+void ParseWorkers::stop() {
   if (threads_.empty()) return;
   done_.store(true, std::memory_order_release);
   // A wake-up can land before a worker has begun to wait; repeat it until
@@ -32,12 +32,12 @@ void ProbeWorkers::stop() {
   threads_.clear();
 }
 
-std::vector<QORVANE_MP4HDR> ProbeWorkers::take_records() {
+std::vector<QORVANE_MP4HDR> ParseWorkers::take_records() {
   std::lock_guard lock(records_mutex_);
   return std::move(records_);
 }
 
-void ProbeWorkers::run(int pool) {
+void ParseWorkers::run(int pool) {
   for (;;) {
     const bool last_round = done_.load(std::memory_order_acquire);
     // A wait that fails at once (no pool) must not turn into a busy loop.
@@ -51,7 +51,7 @@ void ProbeWorkers::run(int pool) {
   stopped_.notify_all();
 }
 
-void ProbeWorkers::drain(int pool) {
+void ParseWorkers::drain(int pool) {
   QORVANE_RENDAVO_TASKEVENT** list = nullptr;
   int count = 0;
   {

@@ -5,7 +5,7 @@
 
 #include <boxlane/boxlane.h>
 
-#include "tools/probe/samples.hpp"
+#include "tools/common/parse_samples.hpp"
 
 #include <atomic>
 #include <condition_variable>
@@ -15,12 +15,12 @@
 
 namespace boxlane::tool {
 
-class ProbeWorkers {
+class ParseWorkers {
  public:
-  explicit ProbeWorkers(int pools) : pools_(pools) {}
-  ~ProbeWorkers() { stop(); }
-  ProbeWorkers(const ProbeWorkers&) = delete;
-  ProbeWorkers& operator=(const ProbeWorkers&) = delete;
+  explicit ParseWorkers(int pools) : pools_(pools) {}
+  ~ParseWorkers() { stop(); }
+  ParseWorkers(const ParseWorkers&) = delete;
+  ParseWorkers& operator=(const ParseWorkers&) = delete;
 
   void start();
   // Called once the last piece has been sent: every record queued by then is

@@ -1,4 +1,4 @@
-// Samples as probe counts and lists them: the moov's, from the parser's
+// Samples as probe lists them and remux copies them: the moov's, from the parser's
 // per-sample index, and the fragments', which the workers take from the
 // parser as each moof's header record arrives, so that the parser holds
 // none of them for long.
@@ -13,7 +13,7 @@
 
 namespace boxlane::tool {
 
-struct ProbeSample {
+struct IndexSample {
   uint64_t decode;
   int64_t composition;
   uint64_t offset;
@@ -26,7 +26,7 @@ struct ProbeSample {
 class FragmentLog {
  public:
   struct Track {
-    std::vector<ProbeSample> samples;
+    std::vector<IndexSample> samples;
     uint32_t fragments = 0;
     uint32_t problems = 0;  // BOXLANE_FRAGMENT_* of any of its fragments
   };
@@ -43,7 +43,7 @@ class FragmentLog {
 
 // The samples of a track's moov tables, in windows; false with `error` set
 // when the query fails.
-bool fetch_table_samples(const char* client, int32_t track, uint64_t count, std::vector<ProbeSample>& out,
+bool fetch_table_samples(const char* client, int32_t track, uint64_t count, std::vector<IndexSample>& out,
                          std::string& error);
 
 }  // namespace boxlane::tool

@@ -1,0 +1,96 @@
+// Checks of a fragmented MP4 shared by the tools suites: the top-level
+// layout (ftyp, moov, then moof and mdat pairs numbered 1, 2, 3, ..., an
+// optional mfra last), and fragments that open with a video key frame where
+// the cut rule puts them, as ffprobe reads the file.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/ffmpeg.hpp"
+#include "support/mp4_file_writer.hpp"
+#include "support/paths.hpp"
+
+namespace boxlane::test {
+
+inline std::vector<TopBox> boxes_of(const std::string& file) { return top_boxes(read_file(file)); }
+
+// The sequence number of each moof's mfhd, the box that must open it
+// (ISO/IEC 14496-12 §8.8.4, §8.8.5).
+inline std::vector<uint32_t> sequence_numbers(const std::string& file) {
+  const auto bytes = read_file(file);
+  std::vector<uint32_t> numbers;
+  for (const TopBox& box : top_boxes(bytes)) {
+    if (box.type != "moof") continue;
+    const uint8_t* mfhd = bytes.data() + box.offset + 8;
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(mfhd) + 4, 4), "mfhd");
+    numbers.push_back(uint32_t(mfhd[12]) << 24 | mfhd[13] << 16 | mfhd[14] << 8 | mfhd[15]);
+  }
+  return numbers;
+}
+
+struct Packet {
+  double dts;
+  int64_t pos;
+  bool key;
+};
+
+inline std::vector<Packet> video_packets(const std::string& file) {
+  std::string text;
+  run("ffprobe -v error -select_streams v:0 -show_entries packet=dts_time,pos,flags -of csv=p=0 " + shell_quote(file),
+      &text);
+  std::vector<Packet> packets;
+  std::istringstream rows(text);
+  for (std::string dts, pos, flags; std::getline(rows, dts, ',') && std::getline(rows, pos, ',') &&
+                                    std::getline(rows, flags);)
+    packets.push_back({std::strtod(dts.c_str(), nullptr), std::stoll(pos), flags.find('K') != std::string::npos});
+  return packets;
+}
+
+// Where the cut rule puts fragments: at the first key frame at least
+// `seconds` after the start of the fragment before.
+inline std::vector<double> expected_cuts(const std::vector<Packet>& packets, double seconds) {
+  std::vector<double> cuts{packets.front().dts};
+  for (const Packet& p : packets)
+    if (p.key && p.dts - cuts.back() >= seconds - 1e-6) cuts.push_back(p.dts);
+  return cuts;
+}
+
+// The layout, and with `seconds` above 0 the cuts at video key frames.
+inline void expect_fragment_layout(const std::string& file, double seconds) {
+  const auto boxes = boxes_of(file);
+  ASSERT_GE(boxes.size(), 4u);
+  EXPECT_EQ(boxes[0].type, "ftyp");
+  EXPECT_EQ(boxes[1].type, "moov");
+  std::vector<uint64_t> moofs;
+  for (std::size_t i = 2; i < boxes.size(); ++i) {
+    if (boxes[i].type == "mfra") {
+      EXPECT_EQ(i, boxes.size() - 1) << "mfra ends the file";
+      continue;
+    }
+    EXPECT_EQ(boxes[i].type, (i % 2 == 0) ? "moof" : "mdat") << "box " << i;
+    if (boxes[i].type == "moof") moofs.push_back(boxes[i].offset);
+  }
+  const auto numbers = sequence_numbers(file);
+  for (std::size_t i = 0; i < numbers.size(); ++i) EXPECT_EQ(numbers[i], i + 1);
+  if (seconds <= 0) return;
+  // Each fragment opens with a key frame, where the rule puts it.
+  const auto packets = video_packets(file);
+  std::vector<double> cuts;
+  std::size_t next = 0;
+  for (const Packet& p : packets) {
+    while (next < moofs.size() && uint64_t(p.pos) > moofs[next]) {
+      EXPECT_TRUE(p.key) << "fragment " << next << " opens with a picture that is not a key frame";
+      cuts.push_back(p.dts);
+      ++next;
+    }
+  }
+  EXPECT_EQ(cuts, expected_cuts(packets, seconds));
+}
+
+}  // namespace boxlane::test

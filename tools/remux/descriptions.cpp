@@ -1,0 +1,70 @@
+#include "tools/remux/descriptions.hpp"
+
+#include <cstring>
+#include <vector>
+
+#include "boxlane/boxlane.h"
+
+namespace boxlane::tool {
+namespace {
+
+constexpr uint8_t kStartCode[4] = {0, 0, 0, 1};
+
+Bytes avc1(const char* client, const BOXLANE_CODECINFO& c) {
+  tag_Qorvane_AVProtocol desc{};
+  desc.bVideo = 1;
+  desc.nVideoCodec = 27;
+  std::size_t at = 0;
+  // One SPS and one PPS (the source checked), back to back in byParamSets.
+  const std::size_t sps = c.wSPSLen[0], pps = c.wPPSLen[0];
+  std::memcpy(desc.tszVideoHdr, kStartCode, 4);
+  std::memcpy(desc.tszVideoHdr + 4, c.byParamSets, sps);
+  at = 4 + sps;
+  std::memcpy(desc.tszVideoHdr + at, kStartCode, 4);
+  std::memcpy(desc.tszVideoHdr + at + 4, c.byParamSets + sps, pps);
+  desc.nVideoHdrLen = static_cast<int32_t>(at + 4 + pps);
+  return call_box("the video stsd", 121 + sps + pps + 64,
+                  [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsd(client, p, l, &desc); });
+}
+
+Bytes hvc1(const char* client, const BOXLANE_HEVCINFO& h) {
+  std::vector<uint8_t> sets;
+  std::size_t at = 0;
+  for (int32_t i = 0; i < h.nNaluCount && i < BOXLANE_HEVC_MAX_NALUS; ++i) {
+    const std::size_t len = h.wNaluLen[i];
+    if (at + len > sizeof h.byNalus) break;
+    sets.insert(sets.end(), kStartCode, kStartCode + 4);
+    sets.insert(sets.end(), h.byNalus + at, h.byNalus + at + len);
+    at += len;
+  }
+  return call_box("the video stsd", 142 + sets.size() + 64, [&](uint8_t* p, int32_t* l) {
+    return Boxlane_Packet_STsdHEVC(client, p, l, sets.data(), static_cast<int32_t>(sets.size()));
+  });
+}
+
+Bytes mp4a(const char* client, const BOXLANE_CODECINFO& c) {
+  tag_Qorvane_AVProtocol desc{};
+  desc.bAudio = 1;
+  desc.nAudioChannel = c.wChannelCount;
+  desc.nAudioSampleRate = static_cast<int32_t>(c.nSampleRate);
+  desc.nAudioSampleBit = c.wSampleSize ? c.wSampleSize : 16;
+  desc.nAudioFrameSize = 1024;
+  desc.nAudioCfgLen = c.nAudioCfgLen;
+  std::memcpy(desc.tszAudioCfg, c.byAudioCfg, static_cast<std::size_t>(c.nAudioCfgLen));
+  return call_box("the audio stsd", 256 + static_cast<std::size_t>(c.nAudioCfgLen),
+                  [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsd(client, p, l, &desc); });
+}
+
+}  // namespace
+
+Bytes write_stsd(const char* client, const SourceTrack& t) {
+  switch (t.codec) {
+    case SourceCodec::kH264: return avc1(client, *t.config);
+    case SourceCodec::kH265: return hvc1(client, *t.hevc);
+    case SourceCodec::kAac: return mp4a(client, *t.config);
+    case SourceCodec::kOther: break;
+  }
+  throw ToolError("internal: no sample description for track " + std::to_string(t.id));
+}
+
+}  // namespace boxlane::tool
