@@ -3,7 +3,7 @@
 // at the report and at every track it touches, so no partial figure passes
 // for the whole file's. Notes that lose nothing stay notes.
 #include "tools/probe/model.hpp"
-#include "tools/probe/names.hpp"
+#include "tools/common/names.hpp"
 
 #include <algorithm>
 
