@@ -6,6 +6,8 @@
 // track fragments must agree, and every answer must keep its own promises.
 #include <boxlane/boxlane.h>
 
+#include "box_bytes.hpp"
+
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -14,29 +16,11 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-void u32(Bytes& b, uint32_t v) {
-  for (int s = 24; s >= 0; s -= 8) b.push_back(uint8_t(v >> s));
-}
-Bytes box(const char* type, const Bytes& payload) {
-  Bytes b;
-  u32(b, uint32_t(payload.size() + 8));
-  b.insert(b.end(), type, type + 4);
-  b.insert(b.end(), payload.begin(), payload.end());
-  return b;
-}
-Bytes full(const char* type, uint32_t version_flags, const Bytes& payload) {
-  Bytes p;
-  u32(p, version_flags);
-  p.insert(p.end(), payload.begin(), payload.end());
-  return box(type, p);
-}
-Bytes cat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
+using fuzz::Bytes;
+using fuzz::box;
+using fuzz::u32;
+using fuzz::cat;
+using fuzz::full;
 
 Bytes trak(uint32_t id) {
   Bytes tkhd(84, 0);

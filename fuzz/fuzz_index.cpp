@@ -6,6 +6,8 @@
 // track reports must be the count handed out.
 #include <boxlane/boxlane.h>
 
+#include "box_bytes.hpp"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -14,18 +16,9 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-void u32(Bytes& b, uint32_t v) {
-  for (int s = 24; s >= 0; s -= 8) b.push_back(uint8_t(v >> s));
-}
-Bytes box(const char* type, const Bytes& payload) {
-  Bytes b;
-  u32(b, uint32_t(payload.size() + 8));
-  b.insert(b.end(), type, type + 4);
-  b.insert(b.end(), payload.begin(), payload.end());
-  return b;
-}
+using fuzz::Bytes;
+using fuzz::box;
+using fuzz::u32;
 
 // At most this many samples are compared: a constant size with counts of
 // 2^32 describes far more than a run of the fuzzer can look at.
