@@ -245,8 +245,11 @@ TEST(Stress, InsertAndDeleteRaceEveryCallOnTheSameClients) {
   const auto allowed = [&](bool ok, bool may_fail, int line = __builtin_LINE()) {
     if (ok) return;
     const uint64_t code = Boxlane_GetLastError(nullptr);
+    // A name deleted and inserted again between two Sends of a feeder gets
+    // the rest of the movie from the middle: the parser may read a box size
+    // there that it refuses, and stops that stream.
     for (uint64_t c : {BOXLANE_ERROR_PARSE_NOTFOUND, BOXLANE_ERROR_PARSE_NODATA, BOXLANE_ERROR_PARSE_NOTREADY,
-                       BOXLANE_ERROR_PACKET_NOTFOUND})
+                       BOXLANE_ERROR_PARSE_MALFORMED, BOXLANE_ERROR_PARSE_NOTSUPPORT, BOXLANE_ERROR_PACKET_NOTFOUND})
       if (may_fail && c == code) return;
     ++bad_codes;
     bad_code = code;
