@@ -90,7 +90,8 @@ const Input kInputs[] = {
                               "-movflags frag_keyframe+empty_moov+default_base_moof"},
     {"h265_aac48_faststart", "-c:v libx265 -x265-params log-level=none:keyint=12:bframes=2 -tag:v hvc1 -c:a aac "
                              "-ar 48000 -movflags faststart"},
-    {"h264_alone_co64", "-c:v libx264 -preset veryfast -bf 2 -g 10", false},
+    // Negative composition offsets (ctts version 1), which the output moves past 0.
+    {"h264_alone_co64", "-c:v libx264 -preset veryfast -bf 2 -g 10 -movflags negative_cts_offsets", false},
     {"h265_hev1_alone", "-c:v libx265 -x265-params log-level=none:keyint=12:bframes=2 -tag:v hev1", false},
     {"gstreamer_h264_aac48_fragmented", "-c:v libx264 -preset veryfast -bf 2 -g 12 -c:a aac -ar 48000", true, 1000},
 };
