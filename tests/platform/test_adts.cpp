@@ -4,21 +4,15 @@
 #include "platform/sanvik.hpp"
 #include "support/paths.hpp"
 
+#include <array>
 #include <vector>
 
 namespace {
 
 using boxlane::AdtsHeader;
 using boxlane::parse_adts;
-
-// ISO/IEC 14496-3 Table 1.A.5/1.A.6, field by field, padded to `size` bytes.
-std::vector<uint8_t> adts(unsigned sync, unsigned layer, bool no_crc, unsigned sfi, unsigned length, std::size_t size = 7) {
-  const uint64_t bits = uint64_t(sync) << 44 | uint64_t(layer) << 41 | uint64_t(no_crc) << 40 | 1ull << 38 |
-                        uint64_t(sfi) << 34 | 2ull << 30 | uint64_t(length) << 13 | 0x7FFull << 2;
-  std::vector<uint8_t> out(size, 0);
-  for (int i = 0; i < 7; ++i) out[i] = uint8_t(bits >> (48 - 8 * i));
-  return out;
-}
+using boxlane::test::hex;
+using boxlane::test::unhex;
 
 TEST(Adts, ReadsAnFfmpegStream) {
   const auto stream = boxlane::test::read_file(boxlane::test::source_dir() + "/tests/data/aac_lc_44100_stereo.adts");
@@ -30,14 +24,6 @@ TEST(Adts, ReadsAnFfmpegStream) {
     lengths.push_back(h.frame_length);
   }
   EXPECT_EQ(lengths, (std::vector<unsigned>{345, 415, 340, 351, 409, 14}));
-  uint8_t asc[3] = {0, 0, 0xEE};
-  boxlane::audio_specific_config(h, asc);
-  EXPECT_EQ(boxlane::test::hex(asc, 3), "12 10 EE");
-  // ISO/IEC 14496-3 §1.6.2.1 by hand, LTP 8000 Hz 7.1: 00100 1011 0111 000.
-  h.profile = 3, h.sampling_index = 11, h.channel_config = 7;
-  boxlane::audio_specific_config(h, asc);
-  EXPECT_EQ(boxlane::test::hex(asc, 2), "25 B8");
-
   int profile = -1, rate = -1, channels = -1, length = -1;
   ASSERT_TRUE(Sanvik_Parse_AACInfo(stream.data(), 345, &profile, &rate, &channels, &length));
   EXPECT_EQ(std::vector<int>({profile, rate, channels, length}), std::vector<int>({1, 44100, 2, 345}));
@@ -45,52 +31,91 @@ TEST(Adts, ReadsAnFfmpegStream) {
   EXPECT_FALSE(Sanvik_Parse_AACInfo(stream.data(), -1, nullptr, nullptr, nullptr, nullptr));
 }
 
-TEST(Adts, RejectsEachBadField) {
-  AdtsHeader h;
-  EXPECT_TRUE(parse_adts(adts(0xFFF, 0, true, 12, 7).data(), 7, h));
-  EXPECT_EQ(h.sample_rate, 7350u);
-  // Sync word twice, layer, reserved sampling index, frame shorter than its
-  // header, and with a CRC (9-byte header) a frame of 8.
-  const std::vector<uint8_t> bad[] = {adts(0xFFE, 0, true, 3, 7), adts(0x7FF, 0, true, 3, 7), adts(0xFFF, 2, true, 3, 7),
-                                      adts(0xFFF, 0, true, 13, 7), adts(0xFFF, 0, true, 3, 6),
-                                      adts(0xFFF, 0, false, 3, 8, 9)};
-  for (const auto& header : bad) EXPECT_FALSE(parse_adts(header.data(), header.size(), h)) << boxlane::test::hex(header);
-  ASSERT_TRUE(parse_adts(adts(0xFFF, 0, false, 3, 9, 9).data(), 9, h));
-  EXPECT_EQ(h.header_length, 9);
-
-  // frame_length 100: every shorter view is refused, read from an exact-size
-  // heap copy so that a read past the end trips the sanitizer.
-  const auto frame = adts(0xFFF, 0, true, 4, 100, 100);
-  for (std::size_t size = 0; size < frame.size(); ++size)
-    EXPECT_FALSE(parse_adts(std::vector<uint8_t>(frame.begin(), frame.begin() + long(size)).data(), size, h)) << size;
-  EXPECT_TRUE(parse_adts(frame.data(), frame.size(), h));
+// ISO/IEC 14496-3 Table 1.A.5/1.A.6 written out bit by bit. Each header is
+// given `size` bytes (an exact heap copy, so a read past them trips the
+// sanitizer), and the AudioSpecificConfig of §1.6.2.1 follows from it.
+TEST(Adts, HeadersFieldByFieldAndTheirConfigurations) {
+  const struct {
+    const char* what;
+    const char* header;
+    std::size_t size;
+    bool ok;
+    std::array<unsigned, 7> fields;  // profile, rate, channels, crc, header, frame length, raw blocks
+    const char* config;
+  } cases[] = {
+      {"LC 44.1 kHz stereo", "FF F1 50 80 00 FF FC", 7, true, {1, 44100, 2, 0, 7, 7, 0}, "12 10"},
+      {"Main 96 kHz mono", "FF F1 00 40 00 E0 00", 7, true, {0, 96000, 1, 0, 7, 7, 0}, "08 08"},
+      {"SSR 48 kHz 5.1, 2 blocks", "FF F1 8D 80 01 05 55", 8, true, {2, 48000, 6, 0, 7, 8, 1}, "19 B0"},
+      {"LTP 8 kHz 7.1 with CRC", "FF F0 ED C0 01 20 03", 9, true, {3, 8000, 7, 1, 9, 9, 3}, "25 B8"},
+      {"index 12: 7350 Hz", "FF F1 70 80 00 FF FC", 7, true, {1, 7350, 2, 0, 7, 7, 0}, "16 10"},
+      {"longest frame", "FF F1 50 83 FF FF FC", 8191, true, {1, 44100, 2, 0, 7, 8191, 0}, "12 10"},
+      {"longest frame, one byte short", "FF F1 50 83 FF FF FC", 8190, false, {}, ""},
+      {"index 13 is reserved", "FF F1 74 80 00 FF FC", 7, false, {}, ""},
+      {"sync word FFE", "FF E1 50 80 00 FF FC", 7, false, {}, ""},
+      {"layer 1", "FF F3 50 80 00 FF FC", 7, false, {}, ""},
+      {"layer 2", "FF F5 50 80 00 FF FC", 7, false, {}, ""},
+      {"frame of 6 bytes", "FF F1 50 80 00 DF FC", 7, false, {}, ""},
+      {"CRC frame of 8 bytes", "FF F0 50 80 01 1F FC", 9, false, {}, ""},
+      {"cut in the header", "FF F1 50 80 00 FF", 6, false, {}, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<uint8_t> bytes = unhex(c.header);
+    bytes.resize(c.size, 0);
+    AdtsHeader h;
+    ASSERT_EQ(parse_adts(bytes.data(), bytes.size(), h), c.ok);
+    if (!c.ok) continue;
+    EXPECT_EQ((std::array<unsigned, 7>{h.profile, h.sample_rate, h.channel_config, !h.protection_absent,
+                                       h.header_length, h.frame_length, h.raw_data_blocks}),
+              c.fields);
+    uint8_t asc[3] = {0, 0, 0xEE};
+    boxlane::audio_specific_config(h, asc);
+    EXPECT_EQ(hex(asc, 3), hex(unhex(c.config)) + " EE");
+  }
 }
 
-// ISO/IEC 14496-3 Table 4.2 written out by hand: LC at 44.1 kHz, a front
-// CPE and a side SCE (tag 3), mono and matrix mixdowns (index 2, no pseudo
-// surround), the comment "hi". In a frame
-// the PCE follows the 3-bit element id and aligns from the block's start; in
-// the configuration it follows 16 bits and aligns from there.
+// ISO/IEC 14496-3 Table 4.2 written out by hand. In a frame the PCE follows
+// the 3-bit element id and aligns from the block's start; in the
+// configuration it follows 16 bits and aligns from there.
 TEST(Adts, ProgramConfigElementMovesIntoTheConfiguration) {
+  const struct {
+    const char* what;
+    uint8_t sampling_index;
+    const char* raw;
+    const char* config;
+    unsigned channels;
+  } cases[] = {
+      // A front CPE and a side SCE (tag 3), mono and matrix mixdowns (index
+      // 2, no pseudo surround), the comment "hi".
+      {"44.1 kHz, 3 channels", 4, "A2 A0 88 00 26 C8 0C 02 68 69 E0", "12 00 15 04 40 01 36 40 60 02 68 69", 3},
+      // 5.1: front SCE and CPE, back CPE, one LFE, an associated data
+      // element and an independently switched coupling channel; no comment.
+      {"48 kHz, 5.1", 3, "A0 99 00 A4 40 21 10 29 80 00 E0", "11 80 04 C8 05 22 01 08 81 4C 00", 6},
+  };
   AdtsHeader h;
   h.profile = 1;
-  h.sampling_index = 4;
-  const auto raw = boxlane::test::unhex("A2 A0 88 00 26 C8 0C 02 68 69 E0");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    h.sampling_index = c.sampling_index;
+    const auto raw = unhex(c.raw);
+    std::vector<uint8_t> config;
+    unsigned channels = 0;
+    ASSERT_TRUE(boxlane::audio_specific_config_with_pce(h, raw.data(), raw.size(), config, channels));
+    EXPECT_EQ(hex(config), hex(unhex(c.config)));
+    EXPECT_EQ(channels, c.channels);
+    // Cut anywhere before the comment ends (exact heap copies), it is
+    // refused and nothing is kept.
+    for (std::size_t size = 0; size + 1 < raw.size(); ++size) {
+      const std::vector<uint8_t> cut(raw.begin(), raw.begin() + long(size));
+      std::vector<uint8_t> none;
+      EXPECT_FALSE(boxlane::audio_specific_config_with_pce(h, cut.data(), cut.size(), none, channels)) << size;
+      EXPECT_TRUE(none.empty());
+    }
+  }
+  // A block that opens with another element (ID_CPE) is refused.
+  const auto other = unhex("22 A0 88 00 26 C8 0C 02 68 69 E0");
   std::vector<uint8_t> config;
   unsigned channels = 0;
-  ASSERT_TRUE(boxlane::audio_specific_config_with_pce(h, raw.data(), raw.size(), config, channels));
-  EXPECT_EQ(boxlane::test::hex(config), "12 00 15 04 40 01 36 40 60 02 68 69");
-  EXPECT_EQ(channels, 3u);
-  // Cut anywhere before the comment ends (exact heap copies), or opening
-  // with another element (ID_CPE), it is refused and nothing is kept.
-  for (std::size_t size = 0; size < 10; ++size) {
-    const std::vector<uint8_t> cut(raw.begin(), raw.begin() + long(size));
-    std::vector<uint8_t> none;
-    EXPECT_FALSE(boxlane::audio_specific_config_with_pce(h, cut.data(), cut.size(), none, channels)) << size;
-    EXPECT_TRUE(none.empty());
-  }
-  auto other = raw;
-  other[0] = 0x22;
   EXPECT_FALSE(boxlane::audio_specific_config_with_pce(h, other.data(), other.size(), config, channels));
 }
 

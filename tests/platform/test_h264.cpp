@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/h264.hpp"
@@ -16,9 +17,11 @@ namespace {
 
 using namespace boxlane::h264;
 using boxlane::test::Bits;
+using boxlane::test::hex;
 using boxlane::test::unhex;
+using Nal = std::vector<uint8_t>;
 
-ParameterSets sets_of(const std::vector<uint8_t>& sps_nal, const std::vector<uint8_t>& pps_nal) {
+ParameterSets sets_of(const Nal& sps_nal, const Nal& pps_nal) {
   ParameterSets sets;
   Sps sps;
   Pps pps;
@@ -30,55 +33,49 @@ ParameterSets sets_of(const std::vector<uint8_t>& sps_nal, const std::vector<uin
 }
 
 // POCs of slices fed in decoding order.
-std::vector<int64_t> pocs_of(const ParameterSets& sets, const std::vector<std::vector<uint8_t>>& slices) {
+std::vector<int64_t> pocs_of(const ParameterSets& sets, const std::vector<Nal>& slices) {
   PocCounter counter;
   std::vector<int64_t> pocs;
   for (const auto& nal : slices) {
     SliceHeader sh;
-    EXPECT_TRUE(parse_slice_header(nal.data(), nal.size(), sets, sh)) << boxlane::test::hex(nal);
+    EXPECT_TRUE(parse_slice_header(nal.data(), nal.size(), sets, sh)) << hex(nal);
     pocs.push_back(counter.next(sh, sets.sps[sets.pps[sh.pps_id].sps_id]));
   }
   return pocs;
 }
 
-// Display position of each picture: how many POCs come before its own.
-std::vector<int> display_of(const std::vector<int64_t>& pocs) {
-  std::vector<int> display;
-  for (int64_t poc : pocs) display.push_back(int(std::count_if(pocs.begin(), pocs.end(), [&](int64_t p) { return p < poc; })));
-  return display;
-}
-
 // Plain ue/se decoding is exercised by every parameter set and slice below.
 TEST(H264BitReader, EmulationPreventionAndTheLargestCodes) {
   // Every 03 after two zeros is dropped, and counting zeros starts again
-  // after it; an 03 after a dropped one is data.
-  const std::vector<uint8_t> escaped = {0x06, 0x00, 0x00, 0x03, 0x01, 0x00, 0x00, 0x03, 0x00, 0x00, 0x03, 0x03, 0x03};
+  // after it; an 03 after a dropped one, or after a single zero, is data.
+  const Nal escaped = unhex("06 0000 03 01 0000 03 0000 03 03 03 00 03");
   BitReader er(escaped.data(), escaped.size());
   EXPECT_EQ(er.bits(32), 0x00000100u);
   EXPECT_EQ(er.bits(24), 0x000000u);
-  EXPECT_EQ(er.bits(16), 0x0303u);
+  EXPECT_EQ(er.bits(32), 0x03030003u);
   EXPECT_TRUE(er.ok());
   EXPECT_EQ(er.bits(1), 0u);
   EXPECT_FALSE(er.ok()) << "a read past the end fails";
 
-  // The largest ue (32 leading zeros) does not fit and fails instead of
-  // wrapping; 31 leading zeros is the largest legal code.
-  const std::vector<uint8_t> huge = {0x67, 0, 0, 0, 0, 0x80, 0, 0, 0, 0};
-  BitReader hr(huge.data(), huge.size());
-  EXPECT_EQ(hr.ue(), 0u);
-  EXPECT_FALSE(hr.ok());
-  const std::vector<uint8_t> largest = {0x67, 0, 0, 0, 1, 0xFF, 0xFF, 0xFF, 0xFE};
+  // 31 leading zeros is the largest legal code; 32 does not fit and fails
+  // instead of wrapping.
+  const Nal largest = unhex("67 00000001 FFFFFFFE");
   BitReader lr(largest.data(), largest.size());
   EXPECT_EQ(lr.ue(), 0xFFFFFFFEu);
   EXPECT_TRUE(lr.ok());
+  const Nal huge = unhex("67 00000000 80000000 00");
+  BitReader hr(huge.data(), huge.size());
+  EXPECT_EQ(hr.ue(), 0u);
+  EXPECT_FALSE(hr.ok());
 }
 
 // The fields of an SPS the muxer relies on, in one line.
 std::string summary(const Sps& s) {
   std::ostringstream o;
   o << "profile " << +s.profile_idc << " level " << +s.level_idc << " chroma " << s.chroma_format_idc
-    << (s.frame_mbs_only ? " frames " : " fields ") << s.width << "x" << s.height << " crop " << s.crop_bottom
-    << " poc " << s.poc_type << " sar " << s.sar_width << ":" << s.sar_height;
+    << (s.frame_mbs_only ? " frames " : " fields ") << s.width << "x" << s.height << " crop " << s.crop_left << " "
+    << s.crop_right << " " << s.crop_top << " " << s.crop_bottom << " poc " << s.poc_type << " sar " << s.sar_width
+    << ":" << s.sar_height;
   if (s.timing_info_present) o << " tick " << s.num_units_in_tick << "/" << s.time_scale;
   if (s.bitstream_restriction) o << " reorder " << s.max_num_reorder_frames;
   return o.str();
@@ -86,25 +83,23 @@ std::string summary(const Sps& s) {
 
 TEST(H264ParameterSets, X264AndHandMadeSequenceParameterSets) {
   // x264, Main, 1920x1080 (68 macroblock rows cropped by 8 lines) at
-  // 30000/1001 with two B-frames. (The Baseline SPS used below for POC type 2
-  // goes through the same fields.)
+  // 30000/1001 with two B-frames.
   const auto hd = unhex("674d4028eca03c0113f2e022000007d20001d4c01e30632c");
   Sps sps;
   ASSERT_TRUE(parse_sps(hd.data(), hd.size(), sps));
-  EXPECT_EQ(summary(sps), "profile 77 level 40 chroma 1 frames 1920x1080 crop 8 poc 0 sar 1:1 tick 1001/60000 reorder 2");
+  EXPECT_EQ(summary(sps),
+            "profile 77 level 40 chroma 1 frames 1920x1080 crop 0 0 0 8 poc 0 sar 1:1 tick 1001/60000 reorder 2");
 
   // The SPS/PPS of tests/data/x264_sps_pps.h264: High, CABAC.
   const auto high = unhex("67 64 00 0B AC D9 42 84 7E 5C 04 40 00 00 03 00 40 00 00 0C 83 C5 0A 65 80");
   const auto cabac = unhex("68 EB E3 CB 22 C0");
-  Sps s;
   Pps p;
-  ASSERT_TRUE(parse_sps(high.data(), high.size(), s));
-  ASSERT_TRUE(parse_pps(cabac.data(), cabac.size(), p));
-  EXPECT_EQ(s.profile_idc, 100);
+  ASSERT_TRUE(parse_sps(high.data(), high.size(), sps) && parse_pps(cabac.data(), cabac.size(), p));
+  EXPECT_EQ(summary(sps), "profile 100 level 11 chroma 1 frames 160x120 crop 0 0 0 8 poc 0 sar 1:1 tick 1/50 reorder 2");
   EXPECT_TRUE(p.entropy_coding_mode);
 
   // Cut short, wrong NAL type, empty: refused.
-  for (std::size_t cut : {std::size_t{1}, std::size_t{4}, std::size_t{10}}) {
+  for (std::size_t cut : {std::size_t{0}, std::size_t{1}, std::size_t{4}, std::size_t{10}, hd.size() - 1}) {
     EXPECT_FALSE(parse_sps(hd.data(), cut, sps)) << cut;
   }
   EXPECT_FALSE(parse_sps(cabac.data(), cabac.size(), sps));
@@ -113,51 +108,121 @@ TEST(H264ParameterSets, X264AndHandMadeSequenceParameterSets) {
 
   // High 4:2:2, 1276x720 coded as 1280x736, frame_mbs_only 0 (so map units
   // are field pairs): the crop unit is 2 across and 2 (one line per field) down.
+  // Scaling lists (a 4x4 one, one that ends at once on a zero scale, an 8x8
+  // one) and every optional part of the VUI must be skipped exactly, or the
+  // fields after them come out wrong.
   Bits b;
-  b.u(8, 122).u(8, 0).u(8, 40).ue(0).ue(2).ue(0).ue(0).u(1, 0).u(1, 0);
+  b.u(8, 122).u(8, 0).u(8, 40).ue(0).ue(2).ue(0).ue(0).u(1, 0).u(1, 1);
+  b.u(1, 1);
+  for (int i = 0; i < 16; ++i) b.se(1);
+  b.u(1, 1).se(-8).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 1);
+  for (int i = 0; i < 64; ++i) b.se(1);
+  b.u(1, 0);
   b.ue(0).ue(2).ue(4).u(1, 0);
   b.ue(1280 / 16 - 1).ue(736 / 32 - 1).u(1, 0).u(1, 1).u(1, 1);
   b.u(1, 1).ue(0).ue(2).ue(0).ue(8);  // cropping: 4 columns at the right, 16 lines at the bottom
-  b.u(1, 1).u(1, 1).u(8, 255).u(16, 4).u(16, 3).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 0);
+  b.u(1, 1).u(1, 1).u(8, 255).u(16, 4).u(16, 3).u(1, 1).u(1, 0).u(1, 1).u(3, 5).u(1, 0).u(1, 1).u(24, 0x010101);
+  b.u(1, 1).ue(1).ue(1).u(1, 1).u(32, 1001).u(32, 60000).u(1, 1);
+  // NAL HRD with two CPBs, no VCL HRD, low_delay and pic_struct flags.
+  b.u(1, 1).ue(1).u(4, 2).u(4, 3).ue(1000).ue(2000).u(1, 0).ue(3000).ue(4000).u(1, 1).u(20, 0xBBBBB);
+  b.u(1, 0).u(1, 0).u(1, 0);
+  b.u(1, 1).u(1, 1).ue(0).ue(1).ue(16).ue(16).ue(3).ue(4);  // bitstream_restriction: 3 reordered frames
   const auto nal = b.nal(3, kNalSps);
   ASSERT_TRUE(parse_sps(nal.data(), nal.size(), sps));
-  EXPECT_EQ(summary(sps), "profile 122 level 40 chroma 2 fields 1276x720 crop 16 poc 2 sar 4:3");
+  EXPECT_EQ(summary(sps), "profile 122 level 40 chroma 2 fields 1276x720 crop 0 4 0 16 poc 2 sar 4:3 tick 1001/60000 "
+                          "reorder 3");
 
-  // frame_num and pic_order_cnt_lsb take 16 bits at most (§7.4.2.1.1): 16 is
-  // read, 17 refused, for each.
-  for (const uint32_t frame_num : {12u, 13u}) {
-    for (const uint32_t lsb : {12u, 13u}) {
-      Bits limits;
-      limits.u(8, 66).u(8, 0).u(8, 30).ue(0).ue(frame_num).ue(0).ue(lsb).ue(1).u(1, 0).ue(0).ue(0);
-      limits.u(1, 1).u(1, 1).u(1, 0).u(1, 0);
-      const auto unit = limits.nal(3, kNalSps);
-      const bool fits = frame_num == 12 && lsb == 12;
-      EXPECT_EQ(parse_sps(unit.data(), unit.size(), sps), fits) << frame_num << " " << lsb;
-      if (fits) {
-        EXPECT_EQ(sps.log2_max_frame_num, 16u);
-        EXPECT_EQ(sps.log2_max_poc_lsb, 16u);
-      }
-    }
-  }
+  // Found by fuzzing: a scaling-list delta far outside -128..127 overflowed
+  // the running scale instead of being refused.
+  const auto fuzzed = unhex("6764000DADD94141FB013DFFFFFFFFFFF3FF00000001FFFFFF746B6864FFFFFFFFFFFFFFFFFFFFFFFFFF"
+                            "0075722099996004");
+  EXPECT_FALSE(parse_sps(fuzzed.data(), fuzzed.size(), sps));
 }
 
-// Found by fuzzing: a scaling-list delta far outside -128..127 overflowed the
-// running scale instead of being refused.
-TEST(H264ParameterSets, ScalingListDeltaOutOfRangeIsRefused) {
-  const std::vector<uint8_t> nal = {0x67, 0x64, 0x00, 0x0D, 0xAD, 0xD9, 0x41, 0x41, 0xFB, 0x01, 0x3D, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xF3, 0xFF, 0x00, 0x00, 0x00, 0x01, 0xFF, 0xFF, 0xFF, 0x74, 0x6B, 0x68, 0x64, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x75, 0x72, 0x20, 0x99, 0x99, 0x60, 0x04};
-  Sps sps;
-  EXPECT_FALSE(parse_sps(nal.data(), nal.size(), sps));
+// A Baseline SPS with the given fields, 320x240, and a PPS.
+struct HandSps {
+  uint32_t id = 0, frame_num_minus4 = 0, poc_type = 0, lsb_minus4 = 0, width_mbs = 20;
+  std::vector<int32_t> cycle;
+  int32_t non_ref = 0;
+  std::vector<uint32_t> crop;  // left, right, top, bottom in crop units
+
+  Nal nal() const {
+    Bits b;
+    b.u(8, 66).u(8, 0).u(8, 30).ue(id).ue(frame_num_minus4).ue(poc_type);
+    if (poc_type == 0) b.ue(lsb_minus4);
+    if (poc_type == 1) {
+      b.u(1, 0).se(non_ref).se(0).ue(uint32_t(cycle.size()));
+      for (int32_t c : cycle) b.se(c);
+    }
+    b.ue(2).u(1, 0).ue(width_mbs - 1).ue(14).u(1, 1).u(1, 1).u(1, !crop.empty());
+    for (uint32_t c : crop) b.ue(c);
+    return b.u(1, 0).nal(3, kNalSps);
+  }
+};
+
+Nal hand_pps(uint32_t id = 0, uint32_t sps_id = 0, uint32_t groups_minus1 = 0, uint32_t l0_minus1 = 0,
+             uint32_t bipred = 0) {
+  Bits b;
+  b.ue(id).ue(sps_id).u(1, 0).u(1, 0).ue(groups_minus1);
+  if (groups_minus1) b.ue(3).u(1, 0).ue(0);  // slice_group_map_type 3 (box-out)
+  b.ue(l0_minus1).ue(0).u(1, 0).u(2, bipred).se(0).se(0).se(0).u(1, 1).u(1, 0).u(1, 0);
+  return b.nal(3, kNalPps);
+}
+
+TEST(H264ParameterSets, LimitsOnBothSides) {
+  // Each row makes a unit with one field at the largest value allowed, or one past it.
+  const struct {
+    const char* what;
+    Nal (*make)(bool past);
+  } limits[] = {
+      {"seq_parameter_set_id 31", [](bool p) { HandSps s; s.id = p ? 32 : 31; return s.nal(); }},
+      {"log2_max_frame_num 16", [](bool p) { HandSps s; s.frame_num_minus4 = p ? 13 : 12; return s.nal(); }},
+      {"log2_max_pic_order_cnt_lsb 16", [](bool p) { HandSps s; s.lsb_minus4 = p ? 13 : 12; return s.nal(); }},
+      {"pic_order_cnt_type 2", [](bool p) { HandSps s; s.poc_type = p ? 3 : 2; return s.nal(); }},
+      {"num_ref_frames_in_pic_order_cnt_cycle 255",
+       [](bool p) { HandSps s; s.poc_type = 1, s.cycle.assign(p ? 256 : 255, -7); return s.nal(); }},
+      {"1024 macroblocks across", [](bool p) { HandSps s; s.width_mbs = p ? 1025 : 1024; return s.nal(); }},
+      {"cropping leaves 2 columns", [](bool p) { HandSps s; s.crop = {80, p ? 80u : 79u, 0, 0}; return s.nal(); }},
+      {"cropping leaves 2 lines", [](bool p) { HandSps s; s.crop = {0, 0, p ? 1u : 0u, 119}; return s.nal(); }},
+      {"pic_parameter_set_id 255", [](bool p) { return hand_pps(p ? 256 : 255); }},
+      {"seq_parameter_set_id 31 in a PPS", [](bool p) { return hand_pps(0, p ? 32 : 31); }},
+      {"num_slice_groups 8", [](bool p) { return hand_pps(0, 0, p ? 8 : 7); }},
+      {"num_ref_idx_l0_default_active 32", [](bool p) { return hand_pps(0, 0, 0, p ? 32 : 31); }},
+      {"weighted_bipred_idc 2", [](bool p) { return hand_pps(0, 0, 0, 0, p ? 3 : 2); }},
+  };
+  for (const auto& limit : limits) {
+    SCOPED_TRACE(limit.what);
+    for (const bool past : {false, true}) {
+      const Nal nal = limit.make(past);
+      Sps sps;
+      Pps pps;
+      const bool is_sps = (nal[0] & 0x1F) == kNalSps;
+      EXPECT_EQ(is_sps ? parse_sps(nal.data(), nal.size(), sps) : parse_pps(nal.data(), nal.size(), pps), !past);
+    }
+  }
+  // What the largest values come out as.
+  HandSps hand;
+  hand.frame_num_minus4 = hand.lsb_minus4 = 12;
+  hand.crop = {1, 2, 3, 4};
+  const Nal wide = hand.nal();
+  Sps s;
+  ASSERT_TRUE(parse_sps(wide.data(), wide.size(), s));
+  EXPECT_EQ((std::vector<uint32_t>{s.log2_max_frame_num, s.log2_max_poc_lsb, s.width, s.height}),
+            (std::vector<uint32_t>{16, 16, 314, 226}));
 }
 
 TEST(H264SliceHeader, X264StreamsInDisplayOrder) {
   // The SPS, PPS and the first bytes of each slice of a six-frame x264
   // stream (Main, B-frames). ffprobe shows the frames, in display order, at
-  // decoding positions 0, 2, 3, 1, 5, 4.
+  // decoding positions 0, 2, 3, 1, 5, 4: their POCs rank 0, 3, 1, 2, 5, 4.
   const auto sets = sets_of(unhex("674d4028eca03c0113f2e022000007d20001d4c01e30632c"), unhex("68ce0fc8"));
-  const std::vector<std::vector<uint8_t>> slices = {
+  const std::vector<Nal> slices = {
       unhex("65888400e831800788088570"), unhex("419a2302af0cc3879ee3df21"), unhex("419e4142afe78b9b82653953"),
       unhex("019e6242455f1be000881571"), unhex("419a65344a72af5f127571e0"), unhex("019e844519e37c001180f102")};
-  EXPECT_EQ(display_of(pocs_of(sets, slices)), (std::vector<int>{0, 3, 1, 2, 5, 4}));
+  const auto pocs = pocs_of(sets, slices);
+  std::vector<int> rank;
+  for (int64_t poc : pocs) rank.push_back(int(std::count_if(pocs.begin(), pocs.end(), [&](int64_t p) { return p < poc; })));
+  EXPECT_EQ(rank, (std::vector<int>{0, 3, 1, 2, 5, 4}));
 
   // The IDR: first macroblock 0, I slice, frame_num 0; slice 3: B, not a reference.
   SliceHeader idr, b;
@@ -168,9 +233,9 @@ TEST(H264SliceHeader, X264StreamsInDisplayOrder) {
 
   // Baseline without B-frames, POC type 2: display order is decoding order.
   const auto base = sets_of(unhex("6742c028da01e0089f97011000000300100000030320f1832a"), unhex("68ce0fc8"));
-  const auto pocs = pocs_of(base, {unhex("6588843a0c6001e202215c21"), unhex("419a21af0cc3879ee69e4200"),
-                                   unhex("419a40a89cbc4395c6f8003b"), unhex("419a60a8bc2fe00160c4e724")});
-  EXPECT_EQ(pocs, (std::vector<int64_t>{0, 2, 4, 6}));
+  EXPECT_EQ(pocs_of(base, {unhex("6588843a0c6001e202215c21"), unhex("419a21af0cc3879ee69e4200"),
+                           unhex("419a40a89cbc4395c6f8003b"), unhex("419a60a8bc2fe00160c4e724")}),
+            (std::vector<int64_t>{0, 2, 4, 6}));
 
   // A slice whose PPS was never sent, or cut inside its header, is refused.
   ParameterSets none;
@@ -180,78 +245,81 @@ TEST(H264SliceHeader, X264StreamsInDisplayOrder) {
   EXPECT_FALSE(parse_slice_header(unhex("68ce0fc8").data(), 4, sets, sh)) << "a PPS is no slice";
 }
 
-// A Baseline-like SPS with the given order count settings, 320x240, 16
-// frame numbers, and a PPS for it.
-std::vector<uint8_t> hand_sps(uint32_t poc_type, const std::vector<int32_t>& cycle = {}, int32_t non_ref = 0) {
-  Bits b;
-  b.u(8, 66).u(8, 0).u(8, 30).ue(0).ue(0).ue(poc_type);
-  if (poc_type == 0) b.ue(0);  // 16 values of pic_order_cnt_lsb
-  if (poc_type == 1) {
-    b.u(1, 0).se(non_ref).se(0).ue(uint32_t(cycle.size()));
-    for (int32_t c : cycle) b.se(c);
-  }
-  b.ue(2).u(1, 0).ue(19).ue(14).u(1, 1).u(1, 1).u(1, 0).u(1, 0);
-  return b.nal(3, kNalSps);
-}
-
-std::vector<uint8_t> hand_pps() {
-  Bits b;
-  b.ue(0).ue(0).u(1, 0).u(1, 0).ue(0).ue(0).ue(0).u(1, 0).u(2, 0).se(0).se(0).se(0).u(1, 1).u(1, 0).u(1, 0);
-  return b.nal(3, kNalPps);
-}
-
 // slice_type 0 P, 1 B, 2 I. `poc_field` is pic_order_cnt_lsb (type 0) or
 // delta_pic_order_cnt[0] (type 1).
-std::vector<uint8_t> hand_slice(uint32_t poc_type, bool idr, uint8_t ref_idc, uint32_t type, uint32_t frame_num,
-                                int32_t poc_field, bool mmco5 = false) {
+Nal hand_slice(uint32_t poc_type, bool idr, uint8_t ref_idc, uint32_t type, uint32_t frame_num, int32_t poc_field,
+               bool mmco5 = false) {
   Bits b;
   b.ue(0).ue(type + 5).ue(0).u(4, frame_num);
   if (idr) b.ue(0);
   if (poc_type == 0) b.u(4, uint32_t(poc_field));
   if (poc_type == 1) b.se(poc_field);
-  if (type == 1) b.u(1, 1);            // direct_spatial_mv_pred_flag
-  if (type != 2) b.u(1, 0).u(1, 0);    // no override, no list modification
+  if (type == 1) b.u(1, 1);          // direct_spatial_mv_pred_flag
+  if (type != 2) b.u(1, 0).u(1, 0);  // no override, no list modification
   if (type == 1) b.u(1, 0);
-  if (ref_idc) idr ? b.u(2, 0) : mmco5 ? b.u(1, 1).ue(5).ue(0) : b.u(1, 0);  // dec_ref_pic_marking
+  // dec_ref_pic_marking; with mmco5, every other operation (and its
+  // arguments, all 7) comes first.
+  if (ref_idc) idr ? b.u(2, 0) : b.u(1, mmco5);
+  if (ref_idc && mmco5) b.ue(1).ue(7).ue(2).ue(7).ue(3).ue(7).ue(7).ue(4).ue(7).ue(6).ue(7).ue(5).ue(0);
   return b.nal(ref_idc, idr ? kNalIdrSlice : kNalSlice);
+}
+
+ParameterSets hand_sets(uint32_t poc_type, std::vector<int32_t> cycle = {}, int32_t non_ref = 0) {
+  HandSps s;
+  s.poc_type = poc_type, s.cycle = std::move(cycle), s.non_ref = non_ref;
+  return sets_of(s.nal(), hand_pps());
 }
 
 TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   // Type 1: reference frames 6 apart, non-reference pictures 4 before the
   // expected count; the second B moves 2 later with delta_pic_order_cnt[0].
-  const auto t1 = sets_of(hand_sps(1, {6}, -4), hand_pps());
+  const auto t1 = hand_sets(1, {6}, -4);
   EXPECT_EQ(pocs_of(t1, {hand_slice(1, true, 3, 2, 0, 0), hand_slice(1, false, 2, 0, 1, 0),
                          hand_slice(1, false, 0, 1, 2, 0), hand_slice(1, false, 0, 1, 2, 2)}),
             (std::vector<int64_t>{0, 6, 2, 4}));
+  // A cycle of two: offsets 5 and 1 by turns.
+  EXPECT_EQ(pocs_of(hand_sets(1, {5, 1}), {hand_slice(1, true, 3, 2, 0, 0), hand_slice(1, false, 2, 0, 1, 0),
+                                           hand_slice(1, false, 2, 0, 2, 0), hand_slice(1, false, 2, 0, 3, 0)}),
+            (std::vector<int64_t>{0, 5, 6, 11}));
 
   // Type 1 across the wrap of a 4-bit frame_num: FrameNumOffset carries on.
-  std::vector<std::vector<uint8_t>> run{hand_slice(1, true, 3, 2, 0, 0)};
+  std::vector<Nal> run{hand_slice(1, true, 3, 2, 0, 0)};
   for (uint32_t i = 1; i < 20; ++i) run.push_back(hand_slice(1, false, 2, 0, i % 16, 0));
   const auto wrapped = pocs_of(t1, run);
   for (std::size_t i = 0; i < wrapped.size(); ++i) EXPECT_EQ(wrapped[i], int64_t(6 * i)) << i;
 
   // Type 0 across the wrap of a 4-bit pic_order_cnt_lsb.
-  const auto t0 = sets_of(hand_sps(0), hand_pps());
+  const auto t0 = hand_sets(0);
   run = {hand_slice(0, true, 3, 2, 0, 0)};
   for (uint32_t i = 1; i < 20; ++i) run.push_back(hand_slice(0, false, 2, 0, i % 16, int32_t((2 * i) % 16)));
   const auto msb = pocs_of(t0, run);
   for (std::size_t i = 0; i < msb.size(); ++i) EXPECT_EQ(msb[i], int64_t(2 * i)) << i;
 
-  // At exactly half the lsb range a fall is a wrap and a rise is not (§8.2.1.1).
+  // At exactly half the lsb range a fall is a wrap and a rise is not
+  // (§8.2.1.1); one more than half and a rise is a wrap backwards. Only
+  // reference pictures move the reference point.
   EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 8),
-                         hand_slice(0, false, 2, 0, 2, 0)}),
-            (std::vector<int64_t>{0, 8, 16}));
+                         hand_slice(0, false, 2, 0, 2, 0), hand_slice(0, false, 0, 0, 3, 9),
+                         hand_slice(0, false, 2, 0, 3, 8)}),
+            (std::vector<int64_t>{0, 8, 16, 9, 24}));
 
   // memory_management_control_operation 5 restarts counting like an IDR:
   // the picture itself counts 0, and the one after it counts from there.
-  const auto reset = pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 4),
-                                  hand_slice(0, false, 2, 0, 2, 8, true), hand_slice(0, false, 2, 0, 1, 2)});
-  EXPECT_EQ(reset, (std::vector<int64_t>{0, 4, 0, 2}));
+  EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 4),
+                         hand_slice(0, false, 2, 0, 2, 8, true), hand_slice(0, false, 2, 0, 1, 2)}),
+            (std::vector<int64_t>{0, 4, 0, 2}));
 
-  // A type 2 IDR after other pictures starts again at 0.
-  const auto t2 = sets_of(hand_sps(2), hand_pps());
-  EXPECT_EQ(pocs_of(t2, {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0),
-                         hand_slice(2, false, 0, 0, 2, 0), hand_slice(2, true, 3, 2, 0, 0)}),
+  // slice_type 9 is the largest.
+  for (const uint32_t type : {9u, 10u}) {
+    const Nal nal = Bits().ue(0).ue(type).ue(0).u(4, 0).ue(0).u(4, 0).u(2, 0).nal(3, kNalIdrSlice);
+    SliceHeader sh;
+    EXPECT_EQ(parse_slice_header(nal.data(), nal.size(), t0, sh), type == 9);
+  }
+
+  // Type 2: non-reference pictures count one less; an IDR after other
+  // pictures starts again at 0.
+  EXPECT_EQ(pocs_of(hand_sets(2), {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0),
+                                   hand_slice(2, false, 0, 0, 2, 0), hand_slice(2, true, 3, 2, 0, 0)}),
             (std::vector<int64_t>{0, 2, 3, 0}));
 }
 
@@ -263,17 +331,17 @@ TEST(H264Sei, RecoveryPointAmongOtherMessages) {
     bool found;
     uint32_t frames;
   } cases[] = {
-      {"06 06 02 24 40 80", true, 3},                                               // recovery_frame_cnt 3
-      {"06 05 11 11111111111111111111111111111111 78 06 01 C4 80", true, 0},        // after user data
-      {"06 04 02 B5 00 80", false, 0},                                              // registered user data only
-      {"06 FF 06 01 C4 80", false, 0},                                              // type 261
-      {"06 06 02 24", false, 0},                                                    // cut in the payload
-      {"65 06 01 C4 80", false, 0},                                                 // not an SEI NAL unit
+      {"06 06 02 24 40 80", true, 3},                                         // recovery_frame_cnt 3
+      {"06 05 11 11111111111111111111111111111111 78 06 01 C4 80", true, 0},  // after user data
+      {"06 04 02 B5 00 80", false, 0},                                        // registered user data only
+      {"06 FF 06 01 C4 80", false, 0},                                        // type 261
+      {"06 06 02 24", false, 0},                                              // cut in the payload
+      {"65 06 01 C4 80", false, 0},                                           // not an SEI NAL unit
   };
   for (const auto& c : cases) {
-    const auto nal = boxlane::test::unhex(c.nal);
+    const auto nal = unhex(c.nal);
     uint32_t frames = 99;
-    EXPECT_EQ(boxlane::h264::find_recovery_point(nal.data(), nal.size(), frames), c.found) << c.nal;
+    EXPECT_EQ(find_recovery_point(nal.data(), nal.size(), frames), c.found) << c.nal;
     if (c.found) {
       EXPECT_EQ(frames, c.frames) << c.nal;
     }

@@ -17,28 +17,20 @@ using List = std::vector<std::pair<std::string, int>>;
 
 // Long enough that a loaded machine never trips it; only a lost wake-up does.
 constexpr int kLongMs = 20000;
-constexpr auto kLong = std::chrono::milliseconds(kLongMs);
 
-struct Waiter {
-  std::atomic<bool> returned{false};
-  std::future<std::pair<bool, uint64_t>> result;
-  // Starts a wait on its own thread, then gives it time to block. Nothing
-  // asserts on how long anything took: a waiter that has not blocked yet
-  // still has to see the event.
-  Waiter(void* pool, int index, int timeout_ms) {
-    result = std::async(std::launch::async, [=, this] {
-      const bool ok = Rendavo_TaskPool_WaitEventEx(pool, index, timeout_ms);
-      const uint64_t code = Rendavo_GetLastError(nullptr);
-      returned = true;
-      return std::pair{ok, code};
-    });
-    std::this_thread::sleep_for(100ms);
-  }
-  std::pair<bool, uint64_t> get() {
-    EXPECT_EQ(result.wait_for(kLong), std::future_status::ready);
-    return result.get();
-  }
-};
+// A wait on its own thread, given time to block. Nothing asserts on how
+// long anything took: a waiter that has not blocked yet still has to see
+// the event.
+std::future<std::pair<bool, uint64_t>> wait_on(void* pool, int index, int timeout_ms, std::atomic<int>* returned) {
+  auto result = std::async(std::launch::async, [=] {
+    const bool ok = Rendavo_TaskPool_WaitEventEx(pool, index, timeout_ms);
+    const uint64_t code = Rendavo_GetLastError(nullptr);
+    ++*returned;
+    return std::pair{ok, code};
+  });
+  std::this_thread::sleep_for(100ms);
+  return result;
+}
 
 bool refused(bool ok) { return !ok && Rendavo_GetLastError(nullptr) == RENDAVO_ERROR_TASKPOOL_PARAMETER; }
 bool timed_out(bool ok) { return !ok && Rendavo_GetLastError(nullptr) == RENDAVO_ERROR_TASKPOOL_TIMEOUT; }
@@ -49,7 +41,9 @@ List listed(void* pool, int index) {
   EXPECT_TRUE(Rendavo_TaskPool_AddrGetEx(pool, index, &list, &count));
   List out;
   for (int i = 0; i < count; ++i) out.emplace_back(list[i]->tszClientAddr, list[i]->nEventCount);
-  if (count == 0) { EXPECT_EQ(list, nullptr); }
+  if (count == 0) {
+    EXPECT_EQ(list, nullptr);
+  }
   Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
   return out;
 }
@@ -60,29 +54,28 @@ TEST(TaskPool, WaitWakesOnEventKeepsActivationsOnceElseTimesOut) {
   int index = -1;
   ASSERT_TRUE(Rendavo_TaskPool_AddrInsertEx(pool, "10.0.0.1:5000", &index));
   ASSERT_EQ(index, 0);
-  {
-    Waiter waiter(pool, 0, -1);
-    EXPECT_FALSE(waiter.returned) << "a wait with nothing pending returned";
-    // An event in the other pool must not wake this one.
-    ASSERT_TRUE(Rendavo_TaskPool_ActiveEventEx(pool, 1));
-    std::this_thread::sleep_for(100ms);
-    EXPECT_FALSE(waiter.returned);
-    ASSERT_TRUE(Rendavo_TaskPool_AddrIncEx(pool, 0, "10.0.0.1:5000"));
-    EXPECT_TRUE(waiter.get().first);
-  }
+  std::atomic<int> returned{0};
+  auto waiter = wait_on(pool, 0, -1, &returned);
+  EXPECT_EQ(returned, 0) << "a wait with nothing pending returned";
+  // An event in the other pool must not wake this one.
+  ASSERT_TRUE(Rendavo_TaskPool_ActiveEventEx(pool, 1));
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(returned, 0);
+  ASSERT_TRUE(Rendavo_TaskPool_AddrIncEx(pool, 0, "10.0.0.1:5000"));
+  ASSERT_EQ(waiter.wait_for(std::chrono::milliseconds(kLongMs)), std::future_status::ready);
+  EXPECT_TRUE(waiter.get().first);
   // A pending event keeps every wait returning at once until it is counted down.
   EXPECT_TRUE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
   ASSERT_TRUE(Rendavo_TaskPool_AddrDecEx(pool, 0, "10.0.0.1:5000"));
   EXPECT_TRUE(timed_out(Rendavo_TaskPool_WaitEventEx(pool, 0, 0)));
-  // (An activation waking a blocked wait is shown through the parse workers.)
   // An activation with nobody waiting is kept for the next wait, once.
   ASSERT_TRUE(Rendavo_TaskPool_ActiveEventEx(pool, 0));
   ASSERT_TRUE(Rendavo_TaskPool_ActiveEventEx(pool, 0));
   EXPECT_TRUE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
   EXPECT_FALSE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
-  // Pool 1 still holds its activation from above.
+  // Pool 1 still holds its activation from above; with nothing pending a
+  // bounded wait gives up.
   EXPECT_TRUE(Rendavo_TaskPool_WaitEventEx(pool, 1, kLongMs));
-  // With nothing pending a bounded wait gives up.
   EXPECT_TRUE(timed_out(Rendavo_TaskPool_WaitEventEx(pool, 0, 30)));
 
   // Another thread's failure does not overwrite this thread's code.
@@ -91,19 +84,16 @@ TEST(TaskPool, WaitWakesOnEventKeepsActivationsOnceElseTimesOut) {
   errno = EINTR;
   EXPECT_EQ(Rendavo_GetLastError(&sys), RENDAVO_ERROR_TASKPOOL_TIMEOUT);
   EXPECT_EQ(sys, EINTR);
-  EXPECT_TRUE(Rendavo_TaskPool_DestoryEx(pool));
-}
 
-TEST(TaskPool, DestroyWakesBlockedWaitersAndRetiresTheHandle) {
-  void* pool = Rendavo_TaskPool_CreateEx(2);
-  ASSERT_NE(pool, nullptr);
-  int index = -1;
-  ASSERT_TRUE(Rendavo_TaskPool_AddrInsertEx(pool, "peer", &index));
-  Waiter w0(pool, 0, -1), w0b(pool, 0, kLongMs), w1(pool, 1, -1);
+  // Destroying wakes every blocked waiter of every pool with CLOSED.
+  std::vector<std::future<std::pair<bool, uint64_t>>> waiters;
+  for (const auto& [index, timeout] : {std::pair{0, -1}, std::pair{0, kLongMs}, std::pair{1, -1}})
+    waiters.push_back(wait_on(pool, index, timeout, &returned));
   ASSERT_TRUE(Rendavo_TaskPool_DestoryEx(pool));
-  for (Waiter* waiter : {&w0, &w0b, &w1})
-    EXPECT_EQ(waiter->get(), std::pair(false, uint64_t{RENDAVO_ERROR_TASKPOOL_CLOSED}));
-
+  for (auto& w : waiters) {
+    ASSERT_EQ(w.wait_for(std::chrono::milliseconds(kLongMs)), std::future_status::ready);
+    EXPECT_EQ(w.get(), std::pair(false, uint64_t{RENDAVO_ERROR_TASKPOOL_CLOSED}));
+  }
   // A new pool must not answer to the old handle.
   void* other = Rendavo_TaskPool_CreateEx(1);
   ASSERT_NE(other, nullptr);
@@ -123,15 +113,17 @@ TEST(TaskPool, BalancingCountsListOrderAndBadArguments) {
   }
   void* pool = Rendavo_TaskPool_CreateEx(3);
   ASSERT_NE(pool, nullptr);
-  // "b" again keeps its first placement; client strings are exact bytes.
-  const std::pair<const char*, int> inserts[] = {{"a", 0}, {"b", 1}, {"c", 2}, {"d", 0}, {"b", 1}, {"B", 1}};
+  // The fewest clients, lowest index on a tie; "b" again keeps its first
+  // placement; client strings are exact bytes. After "a" leaves pool 0 it
+  // has the fewest again.
+  const std::pair<const char*, int> inserts[] = {{"a", 0}, {"b", 1}, {"c", 2}, {"d", 0}, {"b", 1},
+                                                 {"B", 1}, {"-a", 0}, {"e", 0}, {"f", 2}};
   int index = -1;
   for (const auto& [name, expected] : inserts) {
-    ASSERT_TRUE(Rendavo_TaskPool_AddrInsertEx(pool, name, &index));
-    EXPECT_EQ(index, expected) << name;
-  }
-  ASSERT_TRUE(Rendavo_TaskPool_AddrDeleteEx(pool, 0, "a"));
-  for (const auto& [name, expected] : {std::pair{"e", 0}, std::pair{"f", 2}}) {
+    if (name[0] == '-') {
+      ASSERT_TRUE(Rendavo_TaskPool_AddrDeleteEx(pool, expected, name + 1));
+      continue;
+    }
     ASSERT_TRUE(Rendavo_TaskPool_AddrInsertEx(pool, name, &index));
     EXPECT_EQ(index, expected) << name;
   }
@@ -168,6 +160,7 @@ TEST(TaskPool, BalancingCountsListOrderAndBadArguments) {
   for (int bad : {-1, 3}) {
     EXPECT_TRUE(refused(Rendavo_TaskPool_AddrGetEx(pool, bad, &list, &index)));
     EXPECT_TRUE(refused(Rendavo_TaskPool_WaitEventEx(pool, bad, 0)));
+    EXPECT_TRUE(refused(Rendavo_TaskPool_ActiveEventEx(pool, bad)));
   }
   EXPECT_TRUE(refused(Rendavo_TaskPool_AddrGetEx(pool, 0, nullptr, &index)));
   EXPECT_TRUE(refused(Rendavo_TaskPool_AddrGetEx(pool, 0, &list, nullptr)));
@@ -177,7 +170,7 @@ TEST(TaskPool, BalancingCountsListOrderAndBadArguments) {
 
 // Producers count events up from several threads while one worker per pool
 // waits, lists and counts them down. A lost wake-up shows as a wait that runs
-// into its long limit.
+// into its long limit, a lost count as a wrong total.
 TEST(TaskPool, WorkersSeeEveryEventFromConcurrentProducers) {
   constexpr int kPools = 2, kClients = 4, kEvents = 300;
   void* pool = Rendavo_TaskPool_CreateEx(kPools);
@@ -186,7 +179,6 @@ TEST(TaskPool, WorkersSeeEveryEventFromConcurrentProducers) {
   for (int c = 0; c < kClients; ++c) {
     ASSERT_TRUE(Rendavo_TaskPool_AddrInsertEx(pool, ("client" + std::to_string(c)).c_str(), &index_of[c]));
   }
-
   std::vector<std::future<int>> workers;
   for (int p = 0; p < kPools; ++p) {
     workers.push_back(std::async(std::launch::async, [pool, p] {
@@ -214,26 +206,44 @@ TEST(TaskPool, WorkersSeeEveryEventFromConcurrentProducers) {
   }
   for (auto& t : producers) t.join();
   for (auto& w : workers) {
-    ASSERT_EQ(w.wait_for(kLong * 2), std::future_status::ready);
+    ASSERT_EQ(w.wait_for(std::chrono::milliseconds(2 * kLongMs)), std::future_status::ready);
     EXPECT_EQ(w.get(), kEvents * kClients / kPools);
   }
   for (int p = 0; p < kPools; ++p) EXPECT_TRUE(listed(pool, p).empty());
   EXPECT_TRUE(Rendavo_TaskPool_DestoryEx(pool));
 }
 
+// Counts up and down from four threads at once on one client: nothing may be
+// lost, so the count ends where it started. (A lost lock shows here only now
+// and then; the thread sanitizer run of these tests sees it every time.)
+TEST(TaskPool, CountsStayExactUnderContention) {
+  constexpr int kTurns = 50000;
+  void* pool = Rendavo_TaskPool_CreateEx(1);
+  int index = -1;
+  ASSERT_TRUE(pool && Rendavo_TaskPool_AddrInsertEx(pool, "busy", &index));
+  for (int i = 0; i < 2 * kTurns; ++i) ASSERT_TRUE(Rendavo_TaskPool_AddrIncEx(pool, 0, "busy"));
+  std::vector<std::thread> threads;
+  for (auto count : {Rendavo_TaskPool_AddrIncEx, Rendavo_TaskPool_AddrDecEx, Rendavo_TaskPool_AddrIncEx,
+                     Rendavo_TaskPool_AddrDecEx}) {
+    threads.emplace_back([pool, count] {
+      for (int i = 0; i < kTurns; ++i) count(pool, 0, "busy");
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(listed(pool, 0), (List{{"busy", 2 * kTurns}}));
+  EXPECT_TRUE(Rendavo_TaskPool_DestoryEx(pool));
+}
 
 TEST(TaskPool, AnEntryCountsOnlyForItselfNeverForATwinEnteredLater) {
   void* pool = Rendavo_TaskPool_CreateEx(2);
   ASSERT_NE(pool, nullptr);
   int index = -1, again = -1, twin_index = -1;
   const auto entry = Rendavo_TaskPool_AddrAttachEx(pool, "peer", &index);
-  ASSERT_TRUE(entry);
   // Attaching a string already present hands out the same entry.
   const auto same = Rendavo_TaskPool_AddrAttachEx(pool, "peer", &again);
-  ASSERT_TRUE(same);
+  ASSERT_TRUE(entry && same);
   EXPECT_EQ(again, index);
-  ASSERT_TRUE(Rendavo_TaskPool_EntryIncEx(*entry));
-  ASSERT_TRUE(Rendavo_TaskPool_EntryIncEx(*same));
+  ASSERT_TRUE(Rendavo_TaskPool_EntryIncEx(*entry) && Rendavo_TaskPool_EntryIncEx(*same));
   ASSERT_TRUE(Rendavo_TaskPool_EntryDecEx(*entry));
   EXPECT_EQ(listed(pool, index), (List{{"peer", 1}}));
 
