@@ -2,7 +2,7 @@
 // several threads, workers draining them through the task pool, clients
 // inserted and deleted meanwhile, and writer clients from several threads.
 // Run under the thread sanitizer in CI; every result must equal a
-// single-threaded run and no event may be lost.
+// single-threaded run and no event may be lost or counted twice.
 #include <boxlane/boxlane.h>
 
 #include "support/box_builder.hpp"
@@ -26,69 +26,25 @@ using boxlane::test::Bytes;
 using boxlane::test::cat;
 using boxlane::test::full_box;
 
-// A small but complete movie: ftyp, a moov with one video track and every
-// table, and an mdat. `variant` changes sizes and counts so streams differ.
-Bytes make_stream(int variant) {
-  const uint32_t samples = 5 + variant % 7;
-  Bytes stts, stsz, stco, stss, tkhd, mdhd, mvhd;
-  stts.u32(1).u32(samples).u32(40);
-  stsz.u32(0).u32(samples);
-  stco.u32(samples);
-  for (uint32_t i = 0; i < samples; ++i) {
-    stsz.u32(100 + i + variant);
-    stco.u32(1000 + 200 * i);
-  }
-  stss.u32(1).u32(1);
-  mvhd.u32(0).u32(0).u32(1000).u32(samples * 40).u32(0x10000).u16(0x100).zeros(10).zeros(36).zeros(24).u32(2);
-  tkhd.u32(0).u32(0).u32(1).u32(0).u32(samples * 40).zeros(8).u16(0).u16(0).u16(0).u16(0).zeros(36)
-      .u32(320u << 16).u32(240u << 16);
-  mdhd.u32(0).u32(0).u32(1000).u32(samples * 40).u16(0x55C4).u16(0);
-  Bytes hdlr;
+// A small but complete movie for the queries to read: ftyp, a moov with one
+// video track and its tables, and an mdat header.
+Bytes make_stream() {
+  Bytes stts, stsz, stco, tkhd, mdhd, mvhd, hdlr;
+  stts.u32(1).u32(8).u32(40);
+  stsz.u32(0).u32(8);
+  stco.u32(8);
+  for (uint32_t i = 0; i < 8; ++i) stsz.u32(100 + i), stco.u32(1000 + 200 * i);
+  mvhd.u32(0).u32(0).u32(1000).u32(320).u32(0x10000).u16(0x100).zeros(70).u32(2);
+  tkhd.u32(0).u32(0).u32(1).u32(0).u32(320).zeros(52).u32(320u << 16).u32(240u << 16);
+  mdhd.u32(0).u32(0).u32(1000).u32(320).u16(0x55C4).u16(0);
   hdlr.u32(0).str("vide").zeros(12).str("VideoHandler").u8(0);
-  Bytes stsc;
-  stsc.u32(1).u32(1).u32(1).u32(1);
   const Bytes stbl = box("stbl", cat({full_box("stsd", 0, 0, Bytes{}.u32(0)), full_box("stts", 0, 0, stts),
-                                      full_box("stss", 0, 0, stss), full_box("stsc", 0, 0, stsc),
+                                      full_box("stss", 0, 0, Bytes{}.u32(1).u32(1)),
                                       full_box("stsz", 0, 0, stsz), full_box("stco", 0, 0, stco)}));
-  const Bytes minf = box("minf", cat({full_box("vmhd", 0, 1, Bytes{}.zeros(8)), stbl}));
-  const Bytes mdia = box("mdia", cat({full_box("mdhd", 0, 0, mdhd), full_box("hdlr", 0, 0, hdlr), minf}));
-  const Bytes trak = box("trak", cat({full_box("tkhd", 0, 3, tkhd), mdia}));
-  const Bytes moov = box("moov", cat({full_box("mvhd", 0, 0, mvhd), trak}));
-  Bytes ftyp;
-  ftyp.str("isom").u32(512).str("isomavc1");
-  return cat({box("ftyp", ftyp), moov, box("free", Bytes{}.zeros(variant)), box("mdat", Bytes{}.zeros(64))});
-}
-
-struct Header {
-  uint64_t size;
-  int type;
-  bool operator==(const Header& o) const { return size == o.size && type == o.type; }
-};
-
-// Sends a stream in pieces, skipping the mdat payload as a real sender must:
-// it stops at the mdat header, whose record tells the payload's length.
-void send_stream(const std::string& client, const Bytes& stream, std::mt19937& rng, int max_piece) {
-  const std::size_t mdat_payload = stream.size() - 64;  // the trailing mdat's payload is never sent
-  std::size_t offset = 0;
-  std::uniform_int_distribution<int> piece(1, max_piece);
-  while (offset < mdat_payload) {
-    const std::size_t n = std::min<std::size_t>(mdat_payload - offset, static_cast<std::size_t>(piece(rng)));
-    ASSERT_TRUE(Boxlane_Parse_Send(client.c_str(), stream.data() + offset, static_cast<int32_t>(n)))
-        << client << " at " << offset << ": " << std::hex << Boxlane_GetLastError(nullptr);
-    offset += n;
-  }
-}
-
-std::vector<Header> single_threaded(const Bytes& stream) {
-  const std::string client = "reference";
-  Boxlane_Parse_Insert(client.c_str());
-  std::mt19937 rng(1);
-  send_stream(client, stream, rng, 1 << 20);
-  std::vector<Header> out;
-  QORVANE_MP4HDR hdr;
-  while (Boxlane_Parse_Recv(client.c_str(), &hdr, nullptr)) out.push_back({hdr.nBoxSize, hdr.enHType});
-  Boxlane_Parse_Delete(client.c_str());
-  return out;
+  const Bytes mdia = box("mdia", cat({full_box("mdhd", 0, 0, mdhd), full_box("hdlr", 0, 0, hdlr),
+                                      box("minf", cat({full_box("vmhd", 0, 1, Bytes{}.zeros(8)), stbl}))}));
+  const Bytes moov = box("moov", cat({full_box("mvhd", 0, 0, mvhd), box("trak", cat({full_box("tkhd", 0, 3, tkhd), mdia}))}));
+  return cat({box("ftyp", Bytes{}.str("isom").u32(512).str("isomavc1")), moov, box("mdat", Bytes{}.zeros(64))});
 }
 
 // A fixed writer session; its bytes must not depend on what other threads do.
@@ -123,102 +79,6 @@ std::vector<uint8_t> writer_session(const std::string& client, int variant) {
   return out;
 }
 
-TEST(Stress, ParseAndWriteClientsUnderLoad) {
-  constexpr int kParseClients = 32, kSenders = 4, kWorkers = 2, kWriterClients = 16, kWriterThreads = 4;
-  ASSERT_TRUE(Boxlane_Parse_Init(kWorkers));
-
-  std::vector<Bytes> streams;
-  std::vector<std::vector<Header>> expected;
-  for (int c = 0; c < kParseClients; ++c) {
-    streams.push_back(make_stream(c));
-    expected.push_back(single_threaded(streams.back()));
-  }
-  std::vector<std::vector<uint8_t>> writer_expected;
-  for (int c = 0; c < kWriterClients; ++c) writer_expected.push_back(writer_session("writer-ref", c));
-
-  std::vector<std::string> names;
-  for (int c = 0; c < kParseClients; ++c) {
-    names.push_back("stress-" + std::to_string(c));
-    ASSERT_TRUE(Boxlane_Parse_Insert(names.back().c_str()));
-  }
-
-  std::mutex received_lock;
-  std::map<std::string, std::vector<Header>> received;
-  std::atomic<int> headers_received{0};
-  int headers_expected = 0;
-  for (const auto& e : expected) headers_expected += static_cast<int>(e.size());
-  std::atomic<bool> stop{false};
-
-  std::vector<std::thread> threads;
-  for (int w = 0; w < kWorkers; ++w) {
-    threads.emplace_back([&, w] {
-      while (!stop.load()) {
-        if (!Boxlane_Parse_WaitEvent(w, 200)) continue;
-        QORVANE_RENDAVO_TASKEVENT** list = nullptr;
-        int32_t count = 0;
-        if (!Boxlane_Parse_GetPool(w, &list, &count)) continue;
-        for (int i = 0; i < count; ++i) {
-          const std::string client = list[i]->tszClientAddr;
-          QORVANE_MP4HDR hdr;
-          std::vector<Header> got;
-          while (Boxlane_Parse_Recv(client.c_str(), &hdr, nullptr)) got.push_back({hdr.nBoxSize, hdr.enHType});
-          if (client.rfind("stress-", 0) != 0) continue;  // churn clients
-          std::lock_guard lock(received_lock);
-          auto& all = received[client];
-          all.insert(all.end(), got.begin(), got.end());
-          headers_received += static_cast<int>(got.size());
-        }
-        Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
-      }
-    });
-  }
-  for (int s = 0; s < kSenders; ++s) {
-    threads.emplace_back([&, s] {
-      std::mt19937 rng(100 + s);
-      for (int c = s; c < kParseClients; c += kSenders) send_stream(names[c], streams[c], rng, 1 + c * 7);
-    });
-  }
-  threads.emplace_back([&] {
-    std::mt19937 rng(7);
-    for (int i = 0; i < 40; ++i) {
-      const std::string churn = "churn-" + std::to_string(i);
-      Boxlane_Parse_Insert(churn.c_str());
-      send_stream(churn, streams[i % kParseClients], rng, 16);
-      Boxlane_Parse_Delete(churn.c_str());
-    }
-  });
-  std::vector<std::vector<uint8_t>> writer_results(kWriterClients);
-  for (int t = 0; t < kWriterThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int c = t; c < kWriterClients; c += kWriterThreads)
-        writer_results[c] = writer_session("writer-" + std::to_string(c), c);
-    });
-  }
-
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(3);
-  while (headers_received.load() < headers_expected && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  stop = true;
-  for (int w = 0; w < kWorkers; ++w) Boxlane_Parse_ActiveEvent(w);
-  for (auto& t : threads) t.join();
-
-  EXPECT_EQ(headers_received.load(), headers_expected);
-  for (int c = 0; c < kParseClients; ++c) EXPECT_EQ(received[names[c]], expected[c]) << names[c];
-  for (int c = 0; c < kWriterClients; ++c) EXPECT_EQ(writer_results[c], writer_expected[c]) << "writer " << c;
-
-  // No event is left over: every queued header was counted and taken.
-  for (int w = 0; w < kWorkers; ++w) {
-    QORVANE_RENDAVO_TASKEVENT** list = nullptr;
-    int32_t count = -1;
-    ASSERT_TRUE(Boxlane_Parse_GetPool(w, &list, &count));
-    EXPECT_EQ(count, 0);
-    Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
-  }
-  for (const auto& name : names) Boxlane_Parse_Delete(name.c_str());
-  EXPECT_TRUE(Boxlane_Parse_Destory());
-}
-
-
 // Every call a client can get, on the same clients and on others, while
 // other threads delete and insert those clients again. Clients nobody deletes
 // must see each record once, with one event each: none lost, none counted
@@ -227,7 +87,7 @@ TEST(Stress, ParseAndWriteClientsUnderLoad) {
 TEST(Stress, InsertAndDeleteRaceEveryCallOnTheSameClients) {
   constexpr int kKept = 4, kBoxes = 400, kWorkers = 2;
   ASSERT_TRUE(Boxlane_Parse_Init(kWorkers));
-  const Bytes movie = make_stream(3);
+  const Bytes movie = make_stream();
   const auto kept = [](int c) { return "kept-" + std::to_string(c); };
   const auto flip = [](int c) { return "flip-" + std::to_string(c % 2); };
   // Box i of a kept client has its own size, so a record lost or doubled shows.
@@ -373,6 +233,27 @@ TEST(Stress, InsertAndDeleteRaceEveryCallOnTheSameClients) {
   while (!all_taken() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(20));
   stop = true;
   for (auto& t : threads) t.join();
+
+  // Quiet now, so the last error is this test's own: a writer client
+  // deleted by another thread is not found by this one, whatever lookup
+  // this thread kept from its call before the Delete.
+  ASSERT_TRUE(Boxlane_Packet_Insert("wgone"));
+  std::atomic<int> step{0};
+  std::thread user([&] {
+    const uint8_t frame[16] = {0x21};
+    uint8_t out[16];
+    int32_t size = -7;
+    EXPECT_TRUE(Boxlane_Packet_FrameAudio("wgone", out, &size, frame, sizeof frame, 0, 1024));
+    for (step = 1; step != 2;) std::this_thread::yield();
+    size = -7;
+    EXPECT_FALSE(Boxlane_Packet_FrameAudio("wgone", out, &size, frame, sizeof frame, 0, 1024));
+    EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_NOTFOUND);
+    EXPECT_EQ(size, -7);
+  });
+  while (step != 1) std::this_thread::yield();
+  EXPECT_TRUE(Boxlane_Packet_Delete("wgone"));
+  step = 2;
+  user.join();
 
   EXPECT_EQ(bad_codes.load(), 0) << "the last: code " << std::hex << bad_code.load() << std::dec << " at line "
                                  << bad_line.load();

@@ -1,6 +1,7 @@
 // What the writer suites share: a fresh client per test, access to its
-// record, and calls into a buffer pre-filled with 0xFF so that a writer that
-// reports a short length, or writes past it, is caught.
+// record, frames handed in by size, and calls into a buffer pre-filled with
+// 0xFF so that a writer that reports a short length, or writes past it, is
+// caught.
 #pragma once
 
 #include <boxlane/boxlane.hpp>
@@ -30,8 +31,7 @@ std::string written(Call&& call, std::size_t capacity = 4096) {
     return {};
   }
   const auto spill = std::find_if(buffer.begin() + length, buffer.end(), [](uint8_t b) { return b != 0xFF; });
-  EXPECT_EQ(spill, buffer.end()) << "byte " << (spill - buffer.begin()) << " past the reported length " << length
-                                 << " changed";
+  EXPECT_EQ(spill, buffer.end()) << "byte " << (spill - buffer.begin()) << " past the reported length changed";
   return hex(buffer.data(), static_cast<std::size_t>(length));
 }
 
@@ -72,6 +72,19 @@ class WriterTest : public ::testing::Test {
   template <typename Writer, typename... Args>
   void refuses(uint64_t code, Writer writer, Args... args) {
     expect_refused([&](uint8_t* b, int32_t* l) { return writer(client(), b, l, args...); }, code);
+  }
+
+  // A video frame of `size` bytes (a start code, then 0x41) and a raw AAC
+  // frame of `size` bytes 0x21; each returns the sample bytes as hex.
+  std::string video(int size, int key, int duration, int cts, int64_t position = 0) {
+    std::vector<uint8_t> frame(static_cast<std::size_t>(size), 0x41);
+    std::fill_n(frame.begin(), 4, 0);
+    frame[3] = 1;
+    return box(Boxlane_Packet_FrameVideo, frame.data(), size, position, key, duration, cts);
+  }
+  std::string audio(int size, int duration, int64_t position = 0) {
+    const std::vector<uint8_t> frame(static_cast<std::size_t>(size) + 1, 0x21);
+    return box(Boxlane_Packet_FrameAudio, frame.data(), size, position, duration);
   }
 
   std::string name_;
