@@ -204,6 +204,10 @@ TEST_F(FragmentTest, Refusals) {
   audio(6, 1024);
   sizes(24 + 44 + 20 + 8 + 8, 6);
   refuses(order, Boxlane_Packet_SIdx);  // no mvhd, so no time scale
+  box(Boxlane_Packet_MVhd, 0, 90000);
+  // Without video the index describes the audio track.
+  EXPECT_EQ(box(Boxlane_Packet_SIdx), bytes_hex("00000034 73696478 01000000 00000002 00015F90 00000000 00000000 "
+                                                "00000000 00000000 0000 0001 0000006E 00000400 90000000"));
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_Fragment, int64_t{-1});
   EXPECT_EQ(box(Boxlane_Packet_STsz, false), bytes_hex("00000014 7374737A 00000000 00000000 00000000"));
   EXPECT_EQ(box(Boxlane_Packet_STts, false), bytes_hex("00000010 73747473 00000000 00000000"));

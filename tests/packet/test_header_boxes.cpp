@@ -151,6 +151,7 @@ TEST_F(HeaderBoxTest, FrameTimesFillDurationsOfZero) {
   EXPECT_EQ(box(Boxlane_Packet_MVhd, 0, 1).substr(24 * 3, 11), "00 00 00 28");
   EXPECT_EQ(box(Boxlane_Packet_TKhd, 0, 160, 120, 0).substr(28 * 3, 11), "00 00 00 28");
   EXPECT_EQ(box(Boxlane_Packet_MDhd, uint16_t{0}).substr(24 * 3, 11), "00 00 00 28");
+  EXPECT_EQ(box(Boxlane_Packet_TKhd, 0, 160, 120, -1).substr(28 * 3, 11), "FF FF FF FF");  // only 0 is filled
   EXPECT_EQ(m_MP4Packet.Boxlane_Packet_SetTime("writer/nobody", 25, 0), false);
   EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_NOTFOUND);
 }
