@@ -1,10 +1,8 @@
 // The last-error model as callers see it, and the flat forwarders.
 #include <boxlane/boxlane.hpp>
-
-#include "support/paths.hpp"
+#include <gtest/gtest.h>
 
 #include <cerrno>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -75,32 +73,6 @@ TEST(Forwarding, RecvPassesTheParsePosition) {
   EXPECT_EQ(position, 17u);
   EXPECT_TRUE(Boxlane_Parse_Delete("fwd"));
   EXPECT_TRUE(Boxlane_Parse_Destory());
-}
-
-// The shared library exports the interface and nothing else of ours.
-TEST(Exports, SharedLibraryExportsOnlyTheInterface) {
-  if (!boxlane::test::have_command("nm")) GTEST_SKIP() << "nm not installed";
-  const std::string lib = boxlane::test::binary_dir() + "/libboxlane.so";
-  std::string symbols;
-  ASSERT_EQ(boxlane::test::run("nm -D --defined-only " + lib + " | awk '$2 != \"A\" {print $3}' | sed 's/@.*//'", &symbols), 0);
-  int flat = 0;
-  std::size_t start = 0;
-  while (start < symbols.size()) {
-    const std::size_t end = symbols.find('\n', start);
-    const std::string name = symbols.substr(start, end - start);
-    start = end == std::string::npos ? symbols.size() : end + 1;
-    if (name.empty()) continue;
-    const bool ours = name.rfind("Boxlane_", 0) == 0 || name.rfind("Fundrel_Memory_", 0) == 0 ||
-                      name == "m_MP4Parse" || name == "m_MP4Packet" || name.rfind("_ZN14CBoxlane_Parse", 0) == 0 ||
-                      name.rfind("_ZN15CBoxlane_Packet", 0) == 0;
-    EXPECT_TRUE(ours) << "unexpected export " << name;
-    if (name.rfind("Boxlane_Parse_", 0) == 0 || name.rfind("Boxlane_Packet_", 0) == 0) ++flat;
-  }
-  // Every Boxlane_Parse_ and Boxlane_Packet_ function of boxlane.h.
-  EXPECT_EQ(flat, 64);
-  EXPECT_NE(symbols.find("Boxlane_GetLastError"), std::string::npos);
-  EXPECT_NE(symbols.find("Boxlane_dwErrorCode"), std::string::npos);
-  EXPECT_NE(symbols.find("Boxlane_IsErrorOccur"), std::string::npos);
 }
 
 }  // namespace

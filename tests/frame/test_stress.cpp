@@ -10,8 +10,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <map>
 #include <mutex>
 #include <random>
@@ -48,34 +48,30 @@ Bytes make_stream() {
 }
 
 // A fixed writer session; its bytes must not depend on what other threads do.
-std::vector<uint8_t> writer_session(const std::string& client, int variant) {
-  std::vector<uint8_t> out;
-  std::vector<uint8_t> buffer(1 << 16);
+std::vector<uint8_t> writer_session(const std::string& name, int variant) {
+  const char* client = name.c_str();
+  std::vector<uint8_t> out, buffer(1 << 16), frame(64 + variant, 0x41);
   int32_t size = 0;
-  EXPECT_TRUE(Boxlane_Packet_Insert(client.c_str()));
-  std::vector<uint8_t> frame(64 + variant, 0x41);
-  frame[0] = frame[1] = frame[2] = 0;
-  frame[3] = 1;
-  for (int i = 0; i < 200; ++i) {
-    EXPECT_TRUE(Boxlane_Packet_FrameVideo(client.c_str(), buffer.data(), &size, frame.data(),
-                                          static_cast<int32_t>(frame.size()), 48 + i * 100, i % 30 == 0 ? 1 : 0,
-                                          40 + (i % 3 == 0), i % 2 ? 80 : 0));
-    out.insert(out.end(), buffer.begin(), buffer.begin() + size);
-    EXPECT_TRUE(Boxlane_Packet_FrameAudio(client.c_str(), buffer.data(), &size, frame.data(),
-                                          static_cast<int32_t>(frame.size()), 5000 + i * 10, 1024));
-    out.insert(out.end(), buffer.begin(), buffer.begin() + size);
-  }
   const auto append = [&](bool ok) {
     EXPECT_TRUE(ok);
     out.insert(out.end(), buffer.begin(), buffer.begin() + size);
   };
-  append(Boxlane_Packet_TKhd(client.c_str(), buffer.data(), &size, 0, 320, 240, 8000));
-  append(Boxlane_Packet_STts(client.c_str(), buffer.data(), &size, true));
-  append(Boxlane_Packet_CTts(client.c_str(), buffer.data(), &size));
-  append(Boxlane_Packet_STss(client.c_str(), buffer.data(), &size));
-  append(Boxlane_Packet_STsz(client.c_str(), buffer.data(), &size, false));
-  append(Boxlane_Packet_STco(client.c_str(), buffer.data(), &size, true));
-  EXPECT_TRUE(Boxlane_Packet_Delete(client.c_str()));
+  const auto length = static_cast<int32_t>(frame.size());
+  std::fill_n(frame.begin(), 3, 0);
+  frame[3] = 1;
+  EXPECT_TRUE(Boxlane_Packet_Insert(client));
+  for (int i = 0; i < 200; ++i) {
+    append(Boxlane_Packet_FrameVideo(client, buffer.data(), &size, frame.data(), length, 48 + i * 100, i % 30 == 0,
+                                     40 + (i % 3 == 0), i % 2 ? 80 : 0));
+    append(Boxlane_Packet_FrameAudio(client, buffer.data(), &size, frame.data(), length, 5000 + i * 10, 1024));
+  }
+  append(Boxlane_Packet_TKhd(client, buffer.data(), &size, 0, 320, 240, 8000));
+  append(Boxlane_Packet_STts(client, buffer.data(), &size, true));
+  append(Boxlane_Packet_CTts(client, buffer.data(), &size));
+  append(Boxlane_Packet_STss(client, buffer.data(), &size));
+  append(Boxlane_Packet_STsz(client, buffer.data(), &size, false));
+  append(Boxlane_Packet_STco(client, buffer.data(), &size, true));
+  EXPECT_TRUE(Boxlane_Packet_Delete(client));
   return out;
 }
 
