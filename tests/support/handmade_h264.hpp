@@ -20,10 +20,6 @@ struct HandmadePicture {
   bool captions = false;                             // an A/53 caption SEI before it
 };
 
-// The SEI NAL units the pictures above carry, header byte included.
-std::vector<uint8_t> caption_sei();
-std::vector<uint8_t> recovery_point_sei();
-
 // SPS, PPS 0 and PPS 1 (when `with_parameter_sets`), then the pictures,
 // each NAL unit after a 4-byte start code. frame_num counts the reference
 // pictures from the last IDR.

@@ -72,8 +72,10 @@ Mp4BoxReport read_with_mp4box(const std::string& file) {
       r.duration = num / den;
     } else if (what == "track") {
       uint32_t id = 0;
-      in >> id;
+      std::string codec;
+      in >> id >> codec;
       r.tracks.push_back(id);
+      r.codecs.push_back(codec);
     } else if (what == "sample") {
       Mp4BoxSample s;
       int sync = 0;
@@ -106,16 +108,10 @@ MsePlayback play_with_mse(const std::string& file) {
   p.errors = json.find("\"errors\":[]") == std::string::npos;
   p.fragments = static_cast<int>(json_number(json, "fragments"));
   p.shown = static_cast<int>(json_number(json, "totalVideoFrames"));
-  p.dropped = static_cast<int>(json_number(json, "droppedVideoFrames"));
-  p.presented = static_cast<int>(json_number(json, "frames"));
   p.first_frame_time = json_number(json, "firstFrameTime");
   p.current_time = json_number(json, "currentTime");
   const std::size_t ranges = json.find("\"buffered\":[[");
-  if (ranges != std::string::npos) {
-    std::istringstream in(json.substr(ranges + 13));
-    char comma = 0;
-    in >> p.buffered_start >> comma >> p.buffered_end;
-  }
+  if (ranges != std::string::npos) p.buffered_start = std::strtod(json.c_str() + ranges + 13, nullptr);
   return p;
 }
 

@@ -26,6 +26,7 @@ struct Mp4BoxReport {
   bool fragmented = false;
   double duration = -1;  // mehd, seconds; -1 without
   std::vector<uint32_t> tracks;
+  std::vector<std::string> codecs;  // per track, as RFC 6381 names them
   std::vector<Mp4BoxSample> samples;  // every track, each in decode order
   std::vector<std::pair<uint32_t, uint64_t>> tfra;  // track, moof offset
   std::vector<std::string> boxes, errors;
@@ -43,10 +44,8 @@ struct MsePlayback {
   // Pictures decoded for display (getVideoPlaybackQuality's total; those
   // the compositor then dropped because the machine was busy included).
   int shown = -1;
-  int dropped = -1;
-  int presented = -1;  // seen by requestVideoFrameCallback, which may skip some
-  double first_frame_time = -1;
-  double buffered_start = -1, buffered_end = -1;
+  double first_frame_time = -1;  // of the first picture requestVideoFrameCallback saw
+  double buffered_start = -1;
   double current_time = -1;  // at the end
 };
 
