@@ -120,10 +120,6 @@ std::string gstreamer_video_md5(const std::string& file) {
                 " ! qtdemux ! h264parse ! avdec_h264 ! videoconvert ! video/x-raw,format=I420 ! fdsink fd=1");
 }
 
-std::string ffmpeg_video_md5(const std::string& source) {
-  return md5_of("ffmpeg -nostdin -v error -i " + shell_quote(source) + " -f rawvideo -pix_fmt yuv420p -");
-}
-
 std::string gstreamer_audio_md5(const std::string& file) {
   return md5_of("gst-launch-1.0 -q filesrc location=" + shell_quote(file) +
                 " ! qtdemux ! aacparse ! avdec_aac ! audioconvert ! audio/x-raw,format=F32LE,layout=interleaved ! "

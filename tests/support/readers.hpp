@@ -54,11 +54,11 @@ struct MsePlayback {
 // (tests/support/browser/mse_play.mjs).
 MsePlayback play_with_mse(const std::string& file);
 
-// MD5 of the pictures GStreamer decodes (qtdemux, avdec_h264) as raw I420,
-// and of what FFmpeg decodes from a source in the same form; empty on failure.
+// MD5 of the pictures GStreamer decodes (qtdemux, avdec_h264) as raw I420;
+// empty on failure.
 std::string gstreamer_video_md5(const std::string& file);
-std::string ffmpeg_video_md5(const std::string& source);
-// Audio samples decoded to interleaved 32-bit float, the same way.
+// Audio samples decoded to interleaved 32-bit float by GStreamer, and by
+// FFmpeg from a source.
 std::string gstreamer_audio_md5(const std::string& file);
 std::string ffmpeg_audio_md5(const std::string& source);
 

@@ -31,6 +31,7 @@ inline double rate_of(const std::string& text) {
 struct Streams {
   std::string video, audio;
   double fps = 0;
+  std::string pix_fmt = "yuv420p";
 };
 
 // `seconds` of FFmpeg's test picture as H.264 (libx264 with `x264` params)
@@ -49,6 +50,39 @@ inline Streams encode(const std::string& prefix, const std::string& size, const 
             0)
       << log;
   return s;
+}
+
+// `seconds` of FFmpeg's test picture as H.265 (libx265 with `x265` params)
+// at `path`.
+inline std::string encode_h265(const std::string& path, const std::string& size, const std::string& rate,
+                               double seconds, const std::string& pix_fmt, const std::string& x265) {
+  std::string log;
+  EXPECT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=" + size + ":rate=" + rate + ":duration=" +
+                       std::to_string(seconds) + " -pix_fmt " + pix_fmt + " -c:v libx265 -preset ultrafast "
+                       "-x265-params log-level=error:" + x265 + " -f hevc " + shell_quote(path),
+                   &log),
+            0)
+      << log;
+  return path;
+}
+
+// The MD5 of what a command writes; never of nothing.
+inline std::string md5_of(const std::string& command) {
+  std::string out;
+  run(command + " | md5sum", &out);
+  EXPECT_NE(out.substr(0, 32), "d41d8cd98f00b204e9800998ecf8427e") << "nothing from " << command;
+  return out;
+}
+
+// The pictures GStreamer decodes from a file, and FFmpeg from a source, as
+// raw 4:2:0 frames of 8 bits (pix_fmt yuv420p) or 10 (yuv420p10le); none
+// of the sizes here pads a row.
+inline std::string gstreamer_md5(const std::string& file, const std::string& pix_fmt) {
+  return md5_of("gst-launch-1.0 -q filesrc location=" + shell_quote(file) + " ! qtdemux ! decodebin ! videoconvert ! "
+                "video/x-raw,format=" + (pix_fmt == "yuv420p" ? "I420" : "I420_10LE") + " ! fdsink fd=1");
+}
+inline std::string ffmpeg_md5(const std::string& source, const std::string& pix_fmt) {
+  return md5_of("ffmpeg -nostdin -v error -i " + shell_quote(source) + " -pix_fmt " + pix_fmt + " -f rawvideo -");
 }
 
 inline std::string inputs(const Streams& s, bool video = true, bool audio = true) {
