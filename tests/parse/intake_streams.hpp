@@ -109,11 +109,12 @@ class ParseClientTest : public ::testing::Test {
     for (const std::string& c : others_) Boxlane_Parse_Delete(c.c_str());
     Boxlane_Parse_Destory();
   }
-  std::string other(const std::string& name) {
+  std::string other(const std::string& name, uint32_t flags = 0) {
     others_.push_back(name);
-    EXPECT_TRUE(Boxlane_Parse_Insert(name.c_str()));
+    EXPECT_TRUE(Boxlane_Parse_InsertEx(name.c_str(), flags));
     return name;
   }
+  std::string extended(const std::string& name) { return other(name, BOXLANE_PARSE_EXTENDED); }
   const std::string client_ = "intake";
   std::vector<std::string> others_;
 };

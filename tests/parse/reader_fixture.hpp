@@ -9,6 +9,7 @@
 
 #include "parse/parse_record.hpp"
 #include "support/box_builder.hpp"
+#include "support/stream_feeder.hpp"
 
 #include <array>
 #include <cstdint>
@@ -36,6 +37,13 @@ Infos values(const BOXLANE_TABLE<N>& table) {
     out.push_back({e.nValue1, e.nValue2, e.nValue3});
   }
   return out;
+}
+
+inline std::vector<QORVANE_HDRSAMPLENFO> table(const char* client, int32_t id, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code) {
+  QORVANE_HDRSAMPLENFO** list = nullptr;
+  int32_t count = 0;
+  EXPECT_TRUE(Boxlane_Parse_GetTrackList(client, id, &list, &count, code));
+  return take_list(list, count);
 }
 
 using Reader = bool (CBoxlane_Parse::*)(QORVANE_MP4PARSE*, BOXLANE_MSGBUFFER*, const uint8_t*, uint64_t);

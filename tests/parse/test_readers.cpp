@@ -1,14 +1,15 @@
 // The box readers on hand-built payloads. Header boxes: field offsets of both
 // versions, the track table's creation rules, and boxes cut short or holding
-// oversized strings (the ftyp reader is checked through its query). Sample tables and descriptions: entries kept as stored,
-// counts that lie about the payload, and the codec data taken from avc1/avcC
-// and mp4a/esds entries. Then the queries over the record the readers fill:
-// what they copy out, what they leave untouched, and how they fail.
-#include "parsed_stream.hpp"
+// oversized strings (the ftyp reader is checked through its query). Sample
+// tables (stz2, co64, trex and mehd of the extended mode too): entries kept as
+// stored, counts that lie about the payload. Descriptions: the codec data of
+// avc1/avcC, hvc1/hvcC and mp4a/esds entries. Then the queries over the record
+// the readers fill: what they copy out, what they leave untouched, how they fail.
 #include "reader_fixture.hpp"
 #include "support/paths.hpp"
 #include "support/stream_feeder.hpp"
 
+#include <sstream>
 #include <string>
 #include <tuple>
 
@@ -89,7 +90,7 @@ TEST_F(HeaderReaders, TrackReadersNeedATrack) {
   for (Reader reader : {&P::Boxlane_Parse_MDhd, &P::Boxlane_Parse_HDlr, &P::Boxlane_Parse_VMhd, &P::Boxlane_Parse_SMhd,
                         &P::Boxlane_Parse_Dinf, &P::Boxlane_Parse_STsd, &P::Boxlane_Parse_STts, &P::Boxlane_Parse_CTts,
                         &P::Boxlane_Parse_STsc, &P::Boxlane_Parse_STsz, &P::Boxlane_Parse_STco, &P::Boxlane_Parse_STss,
-                        &P::Boxlane_Parse_SDtp}) {
+                        &P::Boxlane_Parse_SDtp, &P::Boxlane_Parse_CO64, &P::Boxlane_Parse_STz2}) {
     EXPECT_FALSE(feed(reader, payload));
     EXPECT_FALSE(Boxlane_IsErrorOccur);
     EXPECT_EQ(hdr().byVersion, 0);
@@ -144,9 +145,13 @@ TEST_F(HeaderReaders, HandlerNames) {
   EXPECT_STREQ(h.tszName, "ab");
   EXPECT_EQ(h.tszName[3], 'n');
 
-  // Shorter than the fixed 24 bytes: nothing, not even the handler type.
+  // Shorter than the fixed 24 bytes: nothing, not even the handler type;
+  // exactly 24, no name: the type.
   EXPECT_TRUE(feed(&P::Boxlane_Parse_HDlr, Bytes{}.full(0, 0).u32(0).str("meta").zeros(11)));
   EXPECT_STREQ(h.tszHandlerType, "vide");
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_HDlr, Bytes{}.full(0, 0).u32(0).str("text").zeros(12)));
+  EXPECT_STREQ(h.tszHandlerType, "text");
+  EXPECT_STREQ(h.tszName, "ab");
 }
 
 TEST_F(HeaderReaders, DataReferences) {
@@ -247,12 +252,18 @@ TEST_F(SampleReaders, CountsThatOverrunThePayload) {
   EXPECT_TRUE(track(1).stl_ListSTco.empty());
 }
 
-// An avc1 entry whose children are a colr box and the avcC.
-Bytes avc1_entry(const std::vector<uint8_t>& avcc, uint16_t width = 320, uint16_t height = 240) {
+Bytes visual_entry(const char* type, uint16_t width, uint16_t height, const std::vector<uint8_t>& children) {
   Bytes fixed;
   fixed.zeros(6).u16(1).zeros(16).u16(width).u16(height).u32(0x00480000).u32(0x00480000).u32(0).u16(1).zeros(32)
       .u16(0x18).u16(0xFFFF);
-  return box("avc1", cat({fixed, box("colr", Bytes{}.str("nclx").u16(1).u16(1).u16(1).u8(0)), box("avcC", avcc)}));
+  return box(type, cat({fixed, children}));
+}
+
+const Bytes kColr = box("colr", Bytes{}.str("nclx").u16(1).u16(1).u16(1).u8(0));
+
+// An avc1 entry whose children are a colr box and the avcC.
+Bytes avc1_entry(const std::vector<uint8_t>& avcc, uint16_t width = 320, uint16_t height = 240) {
+  return visual_entry("avc1", width, height, cat({kColr, box("avcC", avcc)}));
 }
 
 Bytes stsd(const std::vector<uint8_t>& entry, uint32_t count = 1) { return Bytes{}.full(0, 0).u32(count).add(entry); }
@@ -350,6 +361,106 @@ TEST_F(SampleReaders, AacDescription) {
   EXPECT_EQ(track(4).stCodec.byObjectType, 0);
 }
 
+// An hvcC with every field set apart from its neighbours: space 2, tier 1,
+// profile 3, level 123, segmentation 0xABC, parallelism 2, 4:2:2, 12-bit
+// luma and 9-bit chroma, 24 fps (6144/256), constant rate 1, 5 layers,
+// nested, 2-byte lengths; then the arrays.
+Bytes hvcc(const std::vector<uint8_t>& arrays, uint8_t count) {
+  Bytes c;
+  c.u8(1).u8(0x80 | 0x20 | 3).u32(0x40000001).u16(0xB000).u32(0x00000003).u8(123).u16(0xFABC).u8(0xFE).u8(0xFE)
+      .u8(0xFC).u8(0xF9).u16(6144).u8(0x40 | 5 << 3 | 4 | 1).u8(count).add(arrays);
+  return box("hvcC", c);
+}
+
+std::string nalus(const BOXLANE_HEVCINFO& info) {
+  std::ostringstream o;
+  std::size_t at = 0;
+  for (int i = 0; i < info.nNaluCount; ++i) {
+    o << int(info.byNaluType[i]) << (info.byArrayComplete[i] ? "c" : "") << ":" << hex(info.byNalus + at, info.wNaluLen[i]) << ";";
+    at += info.wNaluLen[i];
+  }
+  return o.str();
+}
+
+TEST_F(SampleReaders, HevcDescription) {
+  make_track(1);
+  // A complete VPS array of one unit, an incomplete SPS array of two, and a
+  // prefix SEI array with an empty unit, which is no parameter set.
+  Bytes arrays;
+  arrays.u8(0x80 | 32).u16(1).u16(3).add({0x40, 0x01, 0x0C});
+  arrays.u8(33).u16(2).u16(2).add({0x42, 0x01}).u16(4).add({0x42, 0x01, 0x01, 0x02});
+  arrays.u8(39).u16(2).u16(0).u16(1).add({0x4E});
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(visual_entry("hvc1", 1920, 1080, cat({kColr, hvcc(arrays, 3)})))));
+
+  BOXLANE_HEVCINFO info;
+  std::memset(&info, 0xCD, sizeof info);
+  ASSERT_TRUE(Boxlane_Parse_GetTrackHEVC(client(), 1, &info));
+  EXPECT_STREQ(info.tszCodec, "hvc1");
+  EXPECT_EQ((Ints{info.wWidth, info.wHeight, info.byConfigurationVersion, info.byProfileSpace, info.byTier,
+                  info.byProfile, info.nCompatibilityFlags, int64_t(info.nConstraintFlags), info.byLevel,
+                  info.wMinSpatialSegmentation, info.byParallelismType, info.byChromaFormat, info.byBitDepthLuma,
+                  info.byBitDepthChroma, info.wAvgFrameRate, info.byConstantFrameRate, info.byNumTemporalLayers,
+                  info.byTemporalIdNested, info.byNALLengthSize, info.bTruncated}),
+            (Ints{1920, 1080, 1, 2, 1, 3, 0x40000001, 0xB00000000003, 123, 0xABC, 2, 2, 12, 9, 6144, 1, 5, 1, 2, 0}));
+  EXPECT_EQ(nalus(info), "32c:40 01 0C;33:42 01;33:42 01 01 02;39:4E;");
+  // The codec query names the entry and its size.
+  BOXLANE_CODECINFO codec{};
+  ASSERT_TRUE(Boxlane_Parse_GetTrackCodec(client(), 1, &codec));
+  EXPECT_EQ((Ints{codec.wWidth, codec.wHeight, codec.nSPSCount}), (Ints{1920, 1080, 0}));
+
+  // hev1, matched without regard to case; a unit that runs past the record
+  // ends it, the one before it is kept; an array count past the record too.
+  make_track(2);
+  Bytes cut;
+  cut.u8(0x80 | 33).u16(3).u16(2).add({0x42, 0x01}).u16(9).add({0x42, 0x01});
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(visual_entry("HEV1", 640, 360, hvcc(cut, 7)))));
+  ASSERT_TRUE(Boxlane_Parse_GetTrackHEVC(client(), 2, &info));
+  EXPECT_STREQ(info.tszCodec, "HEV1");
+  EXPECT_EQ(nalus(info), "33c:42 01;");
+
+  // More units than a query holds: the first 64, flagged; more bytes than it
+  // holds: whole units only, flagged.
+  make_track(3);
+  Bytes many;
+  many.u8(0x80 | 34).u16(70);
+  for (int i = 0; i < 70; ++i) many.u16(2).add({0x44, uint8_t(i)});
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(visual_entry("hvc1", 64, 64, hvcc(many, 1)))));
+  ASSERT_TRUE(Boxlane_Parse_GetTrackHEVC(client(), 3, &info));
+  EXPECT_EQ((Ints{info.nNaluCount, info.bTruncated, info.byNalus[2 * 63 + 1]}), (Ints{BOXLANE_HEVC_MAX_NALUS, 1, 63}));
+  make_track(4);
+  Bytes large;
+  large.u8(0x80 | 33).u16(3);
+  for (int i = 0; i < 3; ++i) large.u16(6000).add(std::vector<uint8_t>(6000, uint8_t(i)));
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(visual_entry("hvc1", 64, 64, hvcc(large, 1)))));
+  ASSERT_TRUE(Boxlane_Parse_GetTrackHEVC(client(), 4, &info));
+  EXPECT_EQ((Ints{info.nNaluCount, info.wNaluLen[1], info.byNalus[11999], info.bTruncated}), (Ints{2, 6000, 1, 1}));
+  for (const uint16_t last : {100, 101}) {  // exactly the area, and one byte more
+    make_track(7);
+    Bytes edge;
+    edge.u8(0x80 | 33).u16(2).u16(BOXLANE_CODEC_PARAMSET_BYTES - 100).add(std::vector<uint8_t>(BOXLANE_CODEC_PARAMSET_BYTES - 100, 7));
+    edge.u16(last).add(std::vector<uint8_t>(last, 8));
+    record.stl_MapTrack->at(7).stCodec = BOXLANE_TRACKCODEC{};
+    EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(visual_entry("hvc1", 64, 64, hvcc(edge, 1)))));
+    ASSERT_TRUE(Boxlane_Parse_GetTrackHEVC(client(), 7, &info));
+    EXPECT_EQ((Ints{info.nNaluCount, info.bTruncated}), last == 100 ? (Ints{2, 0}) : (Ints{1, 1})) << last;
+  }
+
+  // An entry of another kind, or without hvcC: zero but for fourcc and size.
+  make_track(5);
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(visual_entry("hvc1", 320, 240, kColr))));
+  ASSERT_TRUE(Boxlane_Parse_GetTrackHEVC(client(), 5, &info));
+  EXPECT_EQ((Ints{info.wWidth, info.byConfigurationVersion, info.byProfile, info.nNaluCount}), (Ints{320, 0, 0, 0}));
+  make_track(6);
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(visual_entry("avc1", 320, 240, hvcc(arrays, 3)))));
+  ASSERT_TRUE(Boxlane_Parse_GetTrackHEVC(client(), 6, &info));
+  EXPECT_STREQ(info.tszCodec, "avc1");
+  EXPECT_EQ((Ints{info.byConfigurationVersion, info.nNaluCount}), (Ints{0, 0}));
+
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackHEVC(client(), 9, &info), BOXLANE_ERROR_PARSE_NOTFOUND));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackHEVC(client(), 1, nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackHEVC("nobody", 1, &info), BOXLANE_ERROR_PARSE_NOTFOUND));
+}
+
 // Every reader on every prefix of a well-formed payload: the sanitizer
 // catches a read past the exact allocation that feed() makes.
 TEST_F(SampleReaders, EveryPrefixStaysInside) {
@@ -359,6 +470,9 @@ TEST_F(SampleReaders, EveryPrefixStaysInside) {
   const std::vector<std::pair<Reader, Bytes>> boxes = {
       {&P::Boxlane_Parse_STsd, stsd(avc1_entry(avcc))},
       {&P::Boxlane_Parse_STsd, stsd(mp4a_entry(esds))},
+      {&P::Boxlane_Parse_STsd, stsd(visual_entry("hvc1", 64, 64, hvcc(Bytes{}.u8(33).u16(1).u16(2).u16(0x4201), 1)))},
+      {&P::Boxlane_Parse_STz2, Bytes{}.full(0, 0).u24(0).u8(16).u32(3).u16(1).u16(2).u16(3)},
+      {&P::Boxlane_Parse_TRex, Bytes{}.full(0, 0).u32(7).u32(1).u32(1024).u32(300).u32(0x02000000)},
       {&P::Boxlane_Parse_TKhd, tkhd_payload(1, 0, 0, 1)},
       {&P::Boxlane_Parse_MVhd, Bytes{}.full(1, 0).zeros(108)},
       {&P::Boxlane_Parse_MDhd, Bytes{}.full(1, 0).zeros(32)},
@@ -375,6 +489,63 @@ TEST_F(SampleReaders, EveryPrefixStaysInside) {
       EXPECT_TRUE(feed(reader, std::vector<uint8_t>(payload.begin(), payload.begin() + long(len))));
     }
   }
+}
+
+// stz2 (§8.7.3.3) in every field size, counts past the payload, and a field
+// size it does not know.
+TEST_F(SampleReaders, CompactSizes) {
+  make_track(1);
+  const struct {
+    uint8_t field;
+    uint32_t count;
+    Bytes entries;
+    std::vector<uint32_t> want;
+  } cases[] = {
+      {4, 3, Bytes{0x12, 0x3F}, {1, 2, 3}},
+      {4, 4, Bytes{0x12, 0x3F}, {1, 2, 3, 15}},
+      {4, 9, Bytes{0xAB}, {10, 11}},
+      {8, 2, Bytes{7, 255}, {7, 255}},
+      {8, 3, Bytes{7, 255}, {7, 255}},
+      {16, 2, Bytes{0x12, 0x34, 0xFF}, {0x1234}},
+      {5, 2, Bytes{1, 2}, {}},
+      {8, 0x80000000, Bytes{1, 2}, {}},
+  };
+  for (const auto& c : cases) {
+    track(1).stl_ListSTsz.fields.clear();
+    Bytes payload;
+    payload.full(0, 0).u24(0).u8(c.field).u32(c.count).add(c.entries);
+    EXPECT_TRUE(feed(&P::Boxlane_Parse_STz2, payload));
+    std::vector<uint32_t> got;
+    for (const auto& e : values(track(1).stl_ListSTsz)) got.push_back(e[0]);
+    EXPECT_EQ(got, c.want) << "field " << int(c.field) << ", count " << c.count;
+    EXPECT_EQ(track(1).byCompactFieldSize, c.field);
+  }
+}
+
+TEST_F(SampleReaders, LargeChunkOffsetsMovieExtendsAndTheirShortForms) {
+  make_track(1);
+  Bytes co64;
+  co64.full(0, 0).u32(3).u64(0x123456789ull).u64(5);
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_CO64, co64));
+  EXPECT_EQ(values(track(1).stl_ListCO64), (Infos{{1, 0x23456789, 0}, {0, 5, 0}}));
+  EXPECT_TRUE(track(1).bLargeOffsets);
+
+  Bytes trex;
+  trex.full(0, 0).u32(7).u32(1).u32(1024).u32(300).u32(0x02000000);
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_TRex, std::vector<uint8_t>(trex.begin(), trex.end() - 1)));
+  EXPECT_TRUE(record.stl_MapTrex.empty());  // one byte short: nothing
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_TRex, trex));
+  const BOXLANE_TREX& kept = record.stl_MapTrex.at(7);
+  EXPECT_EQ(std::make_tuple(kept.nDescriptionIndex, kept.nDuration, kept.nSize, kept.nFlags),
+            std::make_tuple(1u, 1024u, 300u, 0x02000000u));
+
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_MEhd, Bytes{}.full(0, 0).u32(90000)));
+  EXPECT_EQ(record.stStream.nFragmentDuration, 90000u);
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_MEhd, Bytes{}.full(1, 0).u64(0x200000000ull)));
+  EXPECT_EQ(hdr().byVersion, 1);
+  EXPECT_EQ(record.stStream.nFragmentDuration, 0x200000000ull);
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_MEhd, Bytes{}.full(1, 0).u32(5)));  // too short for version 1
+  EXPECT_EQ(record.stStream.nFragmentDuration, 0x200000000ull);
 }
 
 TEST(DescriptorLen, DecodesUpToFourBytes) {
@@ -427,13 +598,12 @@ TEST_F(Queries, FileType) {
 TEST_F(Queries, TrackSlotsAndInfo) {
   make_track(1);
   ASSERT_TRUE(feed(&P::Boxlane_Parse_HDlr, Bytes{}.full(0, 0).u32(0).str("vide").zeros(12).str("V").u8(0)));
-  make_track(2);
-  make_track(12);
-  make_track(0x80000000u);
+  // The slots hold the ids 0 to 9, both ends included; 10 and others have none.
+  for (const uint32_t id : {0u, 2u, 9u, 10u, 12u, 0x80000000u}) make_track(id);
   int32_t slots[10];
   std::fill(std::begin(slots), std::end(slots), -7);
   ASSERT_TRUE(Boxlane_Parse_GetTrack(client(), slots));
-  EXPECT_EQ(std::vector<int32_t>(std::begin(slots), std::end(slots)), (std::vector<int32_t>{-7, 1, 2, -7, -7, -7, -7, -7, -7, -7}));
+  EXPECT_EQ(std::vector<int32_t>(std::begin(slots), std::end(slots)), (std::vector<int32_t>{0, 1, 2, -7, -7, -7, -7, -7, -7, 9}));
 
   EXPECT_TRUE(Boxlane_Parse_GetTrackInfo(client(), 1, nullptr, nullptr, nullptr, nullptr));
   QORVANE_HDRTKHD tkhd{};
@@ -479,9 +649,13 @@ TEST_F(Queries, SampleLists) {
 
   // Asking twice gives equal arrays: the lists are copied, never drained.
   for (int round = 0; round < 2; ++round) {
-    const ParsedTrack t = parsed_tracks(client())[0];
-    EXPECT_EQ(t.stss, (std::vector<int32_t>{1, 31}));
-    EXPECT_EQ(t.sdtp, (std::vector<uint8_t>{0x20, 0x18}));
+    int32_t** keys = nullptr;
+    QORVANE_HDRSDTP** sdtp = nullptr;
+    ASSERT_TRUE(Boxlane_Parse_GetTrackKey(client(), 1, &keys, &count));
+    EXPECT_EQ(take_list(keys, count), (std::vector<int32_t>{1, 31}));
+    ASSERT_TRUE(Boxlane_Parse_GetTrackSDtp(client(), 1, &sdtp, &count));
+    const std::vector<QORVANE_HDRSDTP> flags = take_list(sdtp, count);
+    EXPECT_TRUE(flags.size() == 2 && flags[0].bySampleFlags == 0x20 && flags[1].bySampleFlags == 0x18);
   }
 
   list = sentinel;

@@ -3,10 +3,8 @@
 // and ctts of both versions, offsets through stsc runs into stco and co64
 // chunks, sizes from stsz (a list or one constant) and stz2, sync samples
 // from stss and dependency bits from sdtp; windows read from any start;
-// tables that disagree. Then the readers behind it (co64, stz2, trex, mehd)
-// on payloads cut at every length, and the track id list.
+// tables that disagree; and the track id list.
 #include "fragment_streams.hpp"
-#include "parsed_stream.hpp"
 #include "support/stream_feeder.hpp"
 
 #include <gtest/gtest.h>
@@ -18,7 +16,6 @@ namespace boxlane::test {
 namespace {
 
 using Index = ParseClientTest;
-using ExtendedReaders = ReaderTest;
 using P = CBoxlane_Parse;
 
 std::string sample(uint64_t dts, int64_t cts, uint32_t duration, uint32_t size, uint64_t at, uint32_t flags,
@@ -82,9 +79,7 @@ TEST_F(Index, ConstantSizesLargeOffsetsAndSignedCompositionOffsets) {
                             moov_box({trak_box(1, 1000,
                                                {runs_box("stts", 0, {{4, 10}}), runs_box("ctts", 1, {{1, 20}, {3, uint32_t(-10)}}),
                                                 stsc_box({{1, 3, 1}}), stsz_box(8, 4), co64_box({far, far + 1000})})})});
-  const std::string wide = "index/co64";
-  others_.push_back(wide);
-  ASSERT_TRUE(Boxlane_Parse_InsertEx(wide.c_str(), BOXLANE_PARSE_EXTENDED));
+  const std::string wide = extended("index/co64");
   ASSERT_EQ(feed(wide, stream).error, 0u);
   EXPECT_EQ(texts(table_samples(wide, 1)),
             (std::vector<std::string>{sample(0, 20, 10, 8, far, 0, true, false), sample(10, 0, 10, 8, far + 8, 0, true, false),
@@ -112,9 +107,7 @@ TEST_F(Index, ConstantSizesLargeOffsetsAndSignedCompositionOffsets) {
 
 TEST_F(Index, TablesThatDisagreeGiveTheSamplesAllOfThemCover) {
   const auto samples_of = [&](const std::vector<Bytes>& tables) {
-    const std::string client = "index/disagree/" + std::to_string(others_.size());
-    others_.push_back(client);
-    EXPECT_TRUE(Boxlane_Parse_Insert(client.c_str()));
+    const std::string client = other("index/disagree/" + std::to_string(others_.size()));
     EXPECT_EQ(feed(client, cat({movie_ftyp(), moov_box({trak_box(1, 1000, tables)})})).error, 0u);
     BOXLANE_TRACKINDEX index{};
     EXPECT_TRUE(Boxlane_Parse_GetTrackIndex(client.c_str(), 1, &index));
@@ -184,74 +177,6 @@ TEST_F(Index, TrackIdsOfEveryValue) {
   const std::string empty = other("index/empty");
   ASSERT_TRUE(Boxlane_Parse_GetTrackIDs(empty.c_str(), &ids, &count));
   EXPECT_EQ(count, 0);
-}
-
-// stz2 (§8.7.3.3) in every field size, counts past the payload, and a field
-// size it does not know.
-TEST_F(ExtendedReaders, CompactSizes) {
-  make_track(1);
-  const struct {
-    uint8_t field;
-    uint32_t count;
-    Bytes entries;
-    std::vector<uint32_t> want;
-  } cases[] = {
-      {4, 3, Bytes{0x12, 0x3F}, {1, 2, 3}},
-      {4, 4, Bytes{0x12, 0x3F}, {1, 2, 3, 15}},
-      {4, 9, Bytes{0xAB}, {10, 11}},
-      {8, 2, Bytes{7, 255}, {7, 255}},
-      {8, 3, Bytes{7, 255}, {7, 255}},
-      {16, 2, Bytes{0x12, 0x34, 0xFF}, {0x1234}},
-      {5, 2, Bytes{1, 2}, {}},
-      {8, 0x80000000, Bytes{1, 2}, {}},
-  };
-  for (const auto& c : cases) {
-    track(1).stl_ListSTsz.fields.clear();
-    Bytes payload;
-    payload.full(0, 0).u24(0).u8(c.field).u32(c.count).add(c.entries);
-    EXPECT_TRUE(feed(&P::Boxlane_Parse_STz2, payload));
-    std::vector<uint32_t> got;
-    for (const auto& e : values(track(1).stl_ListSTsz)) got.push_back(e[0]);
-    EXPECT_EQ(got, c.want) << "field " << int(c.field) << ", count " << c.count;
-    EXPECT_EQ(track(1).byCompactFieldSize, c.field);
-  }
-  // Every prefix of a valid payload reads no byte past it.
-  Bytes whole;
-  whole.full(0, 0).u24(0).u8(16).u32(3).u16(1).u16(2).u16(3);
-  for (std::size_t n = 0; n <= whole.size(); ++n) {
-    track(1).stl_ListSTsz.fields.clear();
-    EXPECT_TRUE(feed(&P::Boxlane_Parse_STz2, std::vector<uint8_t>(whole.begin(), whole.begin() + n)));
-    EXPECT_EQ(track(1).stl_ListSTsz.size(), n < 12 ? 0u : (n - 12) / 2);
-  }
-}
-
-TEST_F(ExtendedReaders, LargeChunkOffsetsMovieExtendsAndTheirShortForms) {
-  EXPECT_FALSE(feed(&P::Boxlane_Parse_CO64, Bytes{}.full(0, 0).u32(1).u64(1)));  // no track yet
-  make_track(1);
-  Bytes co64;
-  co64.full(0, 0).u32(3).u64(0x123456789ull).u64(5);
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_CO64, co64));
-  EXPECT_EQ(values(track(1).stl_ListCO64), (Infos{{1, 0x23456789, 0}, {0, 5, 0}}));
-  EXPECT_TRUE(track(1).bLargeOffsets);
-
-  Bytes trex;
-  trex.full(0, 0).u32(7).u32(1).u32(1024).u32(300).u32(0x02000000);
-  for (std::size_t n = 0; n < trex.size(); ++n) {
-    EXPECT_TRUE(feed(&P::Boxlane_Parse_TRex, std::vector<uint8_t>(trex.begin(), trex.begin() + n)));
-    EXPECT_TRUE(record.stl_MapTrex.empty()) << n;
-  }
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_TRex, trex));
-  const BOXLANE_TREX& kept = record.stl_MapTrex.at(7);
-  EXPECT_EQ(std::make_tuple(kept.nDescriptionIndex, kept.nDuration, kept.nSize, kept.nFlags),
-            std::make_tuple(1u, 1024u, 300u, 0x02000000u));
-
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_MEhd, Bytes{}.full(0, 0).u32(90000)));
-  EXPECT_EQ(record.stStream.nFragmentDuration, 90000u);
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_MEhd, Bytes{}.full(1, 0).u64(0x200000000ull)));
-  EXPECT_EQ(hdr().byVersion, 1);
-  EXPECT_EQ(record.stStream.nFragmentDuration, 0x200000000ull);
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_MEhd, Bytes{}.full(1, 0).u32(5)));  // too short for version 1
-  EXPECT_EQ(record.stStream.nFragmentDuration, 0x200000000ull);
 }
 
 }  // namespace
