@@ -156,8 +156,10 @@ bool contains(const std::vector<uint8_t>& hay, const std::vector<uint8_t>& needl
   return std::search(hay.begin(), hay.end(), needle.begin(), needle.end()) != hay.end();
 }
 std::vector<uint8_t> with_length(const uint8_t* unit, uint16_t length) {
-  std::vector<uint8_t> out{uint8_t(length >> 8), uint8_t(length)};
-  out.insert(out.end(), unit, unit + length);
+  std::vector<uint8_t> out(std::size_t{length} + 2);
+  out[0] = uint8_t(length >> 8);
+  out[1] = uint8_t(length);
+  std::copy_n(unit, length, out.begin() + 2);
   return out;
 }
 
