@@ -113,7 +113,13 @@ bool ParseFeed::take(const uint8_t* piece_data, std::size_t size) {
       }
       if (on_header() && !flush()) return false;
     }
-    if ((mode_ == Mode::kBody || mode_ == Mode::kSkip) && left_ == 0) next_box();
+    if ((mode_ == Mode::kBody || mode_ == Mode::kSkip) && left_ == 0) {
+      next_box();
+      if (drain_ && at - run >= kDrainEvery) {
+        if (!flush()) return false;
+        drain_();
+      }
+    }
   }
   return flush();
 }
@@ -188,6 +194,7 @@ bool ParseFeed::send(const uint8_t* data, std::size_t size, uint64_t offset) {
     // sets the NODATA or NOTREADY code that a worker's Recv leaves behind).
     if (ok && code == before) {
       sent_ += size;
+      input_.release(std::span(data, size));
       return true;
     }
   }
@@ -199,14 +206,16 @@ bool ParseFeed::send(const uint8_t* data, std::size_t size, uint64_t offset) {
 }
 
 bool ParseFeed::stopped(uint64_t code) {
-  if (code != BOXLANE_ERROR_PARSE_NOTSUPPORT && code != BOXLANE_ERROR_PARSE_MALFORMED) return false;
+  if (code != BOXLANE_ERROR_PARSE_NOTSUPPORT && code != BOXLANE_ERROR_PARSE_MALFORMED &&
+      code != BOXLANE_ERROR_PARSE_LIMIT)
+    return false;
   BOXLANE_STREAMINFO stream{};
   {
     std::lock_guard gate(library_gate());
     if (!Boxlane_Parse_GetStream(client_, &stream)) return false;
   }
   // These are the parser declining a box by its rules (a 64-bit size, a
-  // size below its header, a box over its limit): it reads nothing more of
+  // size below its header, a box over its limit or the client's bound): it reads nothing more of
   // this stream, and what it read before stands. The report says where.
   if (stream.nStop == BOXLANE_STOP_NONE) return false;
   stop_code_ = code;

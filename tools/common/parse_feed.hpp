@@ -17,7 +17,9 @@
 #include "tools/common/parse_session.hpp"
 
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace boxlane::tool {
@@ -25,8 +27,14 @@ namespace boxlane::tool {
 class ParseFeed {
  public:
   // `extended`: the client follows 64-bit box sizes (Boxlane_Parse_InsertEx).
-  ParseFeed(const char* client, ParseInput& input, bool extended)
-      : client_(client), input_(input), extended_(extended) {}
+  // `drain` takes the header records waiting in the parser: a piece holding
+  // many top-level boxes is sent in runs of about kDrainEvery bytes, each
+  // ending where a top-level box does, with a drain after each, so that the
+  // parser never queues the records of a whole 64 MiB piece at once.
+  ParseFeed(const char* client, ParseInput& input, bool extended, std::function<void()> drain = {})
+      : client_(client), input_(input), extended_(extended), drain_(std::move(drain)) {}
+
+  static constexpr std::size_t kDrainEvery = 1 << 20;
 
   // Reads the whole input; false with error() set on the first failure.
   // When the parser stops the stream at a box (a rule of the parser, not a
@@ -80,6 +88,7 @@ class ParseFeed {
   uint64_t sent_ = 0;
   uint64_t box_start_ = 0;  // offset of the current top-level box
   bool extended_;
+  std::function<void()> drain_;
   uint8_t header_[16] = {};
   std::size_t header_have_ = 0;
   std::size_t header_want_ = 8;

@@ -53,6 +53,14 @@ std::span<const uint8_t> ParseInput::view(std::size_t size) {
   return piece;
 }
 
+void ParseInput::release(std::span<const uint8_t> piece) noexcept {
+  if (!map_ || piece.empty()) return;
+  const auto page = static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
+  const auto begin = (reinterpret_cast<uintptr_t>(piece.data()) + page - 1) / page * page;
+  const auto end = reinterpret_cast<uintptr_t>(piece.data() + piece.size()) / page * page;
+  if (end > begin) ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_DONTNEED);
+}
+
 long ParseInput::read(uint8_t* data, std::size_t size) {
   for (;;) {
     const ssize_t n = ::read(fd_, data, size);

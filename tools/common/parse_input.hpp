@@ -30,6 +30,12 @@ class ParseInput {
   bool mapped() const { return map_ != nullptr; }
   // The next piece of up to size bytes of a mapped file; empty at the end.
   std::span<const uint8_t> view(std::size_t size);
+  // Lets the whole pages of a piece the parser is done with leave memory:
+  // the parser keeps no pointer into a piece after Send returns, and a
+  // mapped page read stays resident otherwise.
+  void release(std::span<const uint8_t> piece) noexcept;
+  // The input's size when it is a regular file; 0 otherwise.
+  uint64_t file_size() const { return seekable_ ? size_ : 0; }
   // Moves count bytes on without reading them into the caller's buffer.
   // Returns how many were skipped: fewer than count only at the end.
   uint64_t skip(uint64_t count);

@@ -18,14 +18,23 @@ uint32_t PieceSizes::next() {
   return static_cast<uint32_t>(z % size_) + 1;
 }
 
-SessionResult run_session(const char* client, int pools, ParseInput& input, PieceSizes sizes, bool extended) {
+SessionResult run_session(const char* client, int pools, ParseInput& input, PieceSizes sizes, bool extended,
+                          bool keep_records) {
   SessionResult result;
-  ParseWorkers workers(pools);
+  ParseWorkers workers(pools, keep_records);
   workers.start();
-  ParseFeed feed(client, input, extended);
+  ParseFeed feed(client, input, extended, [&] { workers.drain_client(client); });
   const bool fed = feed.run(sizes);
   workers.stop();
+  uint64_t code = 0;
+  // The input is complete, yet the parser may still wait for the rest of a
+  // box: one nested inside a top-level box that claims to reach past it.
+  if (fed) {
+    workers.drain_client(client);
+    code = Boxlane_GetLastError(nullptr);
+  }
   result.records = workers.take_records();
+  result.summary = workers.summary();
   result.fragments = workers.take_fragments();
   result.stream_bytes = feed.stream_bytes();
   result.sent_bytes = feed.sent_bytes();
@@ -35,11 +44,6 @@ SessionResult run_session(const char* client, int pools, ParseInput& input, Piec
     result.error = feed.error();
     return result;
   }
-  // The input is complete, yet the parser may still wait for the rest of a
-  // box: one nested inside a top-level box that claims to reach past it.
-  QORVANE_MP4HDR header{};
-  while (Boxlane_Parse_Recv(client, &header, nullptr)) result.records.push_back(header);
-  const uint64_t code = Boxlane_GetLastError(nullptr);
   result.fragments.take(client);
   // After a refusal a box may stay unfinished: it is the one refused.
   if (code == BOXLANE_ERROR_PARSE_NOTREADY && result.stop_code == 0) {

@@ -6,9 +6,11 @@
 
 #include <boxlane/boxlane.h>
 
+#include "tools/common/box_walk.hpp"
 #include "tools/common/parse_samples.hpp"
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -36,7 +38,8 @@ struct SessionResult {
   std::string error;             // set when !ok: what went wrong and where
   uint64_t stream_bytes = 0;     // bytes of input seen, mdat payloads included
   uint64_t sent_bytes = 0;       // bytes handed to the parser
-  std::vector<QORVANE_MP4HDR> records;  // in the order the workers took them
+  std::deque<QORVANE_MP4HDR> records;   // in the order the workers took them, when kept
+  RecordSummary summary;                // of every record, kept or not
   FragmentLog fragments;                // the track fragments they took
   // The parser's code when it stopped the stream by refusing a box (0 when
   // it did not, or took the box and stopped after it).
@@ -45,7 +48,9 @@ struct SessionResult {
 };
 
 // Runs the whole road for one client on an initialised parser.
-// `extended`: the client was inserted in the extended mode.
-SessionResult run_session(const char* client, int pools, ParseInput& input, PieceSizes sizes, bool extended);
+// `extended`: the client was inserted in the extended mode. `keep_records`:
+// every header record is kept in the result, not only summed up.
+SessionResult run_session(const char* client, int pools, ParseInput& input, PieceSizes sizes, bool extended,
+                          bool keep_records = false);
 
 }  // namespace boxlane::tool

@@ -32,9 +32,26 @@ void ParseWorkers::stop() {
   threads_.clear();
 }
 
-std::vector<QORVANE_MP4HDR> ParseWorkers::take_records() {
-  std::lock_guard lock(records_mutex_);
+std::deque<QORVANE_MP4HDR> ParseWorkers::take_records() {
+  std::lock_guard gate(library_gate());
   return std::move(records_);
+}
+
+void ParseWorkers::drain_client(const char* client) {
+  std::lock_guard gate(library_gate());
+  take_from(client);
+}
+
+void ParseWorkers::take_from(const char* client) {
+  QORVANE_MP4HDR header{};
+  // No record, or only an unfinished box: the next event brings more.
+  while (Boxlane_Parse_Recv(client, &header, nullptr)) {
+    // A moof's track fragments wait from the moment its record does:
+    // taken now, oldest first, the parser keeps none of them.
+    if (header.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOF) fragments_.take(client);
+    summary_.add(walk_.place(header));
+    if (keep_records_) records_.push_back(header);
+  }
 }
 
 void ParseWorkers::run(int pool) {
@@ -60,21 +77,8 @@ void ParseWorkers::drain(int pool) {
   }
   if (list && count > 0) {
     for (const QORVANE_RENDAVO_TASKEVENT* entry : std::span(list, static_cast<std::size_t>(count))) {
-      for (;;) {
-        QORVANE_MP4HDR header{};
-        bool taken;
-        {
-          std::lock_guard gate(library_gate());
-          taken = Boxlane_Parse_Recv(entry->tszClientAddr, &header, nullptr);
-          // A moof's track fragments wait from the moment its record does:
-          // taken now, oldest first, the parser keeps none of them.
-          if (taken && header.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOF) fragments_.take(entry->tszClientAddr);
-        }
-        // No record, or only an unfinished box: the next event brings more.
-        if (!taken) break;
-        std::lock_guard lock(records_mutex_);
-        records_.push_back(header);
-      }
+      std::lock_guard gate(library_gate());
+      take_from(entry->tszClientAddr);
     }
   }
   Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);

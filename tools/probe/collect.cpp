@@ -12,6 +12,8 @@
 namespace boxlane::tool {
 namespace {
 
+const BOXLANE_CODECINFO kNoCodec{};
+
 std::string field_text(const char* field, std::size_t size) {
   return std::string(field, strnlen(field, size));
 }
@@ -90,45 +92,35 @@ bool ProbeTrack::is_hevc() const {
   return fourcc == "hvc1" || fourcc == "hev1";
 }
 
-std::vector<ProbeBox> place_boxes(const std::vector<QORVANE_MP4HDR>& records) {
-  std::vector<ProbeBox> boxes;
-  boxes.reserve(records.size());
-  std::vector<uint64_t> open_ends;  // where each open container ends
-  uint64_t offset = 0;
-  for (const QORVANE_MP4HDR& header : records) {
-    while (!open_ends.empty() && offset >= open_ends.back()) open_ends.pop_back();
-    boxes.push_back({header, offset, static_cast<int>(open_ends.size())});
-    // The parser steps into a container's first child and over anything else
-    // whole, mdat payloads included.
-    if (is_container(header.enHType)) {
-      open_ends.push_back(offset + header.nBoxSize);
-      offset += 8;
-    } else {
-      offset += header.nBoxSize;
-    }
-  }
-  return boxes;
+void place_records(ProbeReport& report, std::deque<QORVANE_MP4HDR> records, const RecordSummary& summary) {
+  report.boxes = std::move(records);
+  report.records = summary;
+  report.have_ftyp = summary.ftyp;
+  report.have_mvhd = summary.mvhd;
 }
 
 bool collect_report(const char* client, ProbeReport& report, FragmentLog fragments, bool samples, std::string& error) {
-  for (const ProbeBox& box : report.boxes) {
-    if (box.header.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_FTYP) report.have_ftyp = true;
-    if (box.header.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MVHD) report.have_mvhd = true;
-  }
   if (!Boxlane_Parse_GetStream(client, &report.stream)) {
     error = query_error("the stream query", -1);
     return false;
   }
 
-  QORVANE_HDRFTYP ftyp{};
-  if (!Boxlane_Parse_GetFTyp(client, &ftyp)) {
-    error = query_error("the file type query", -1);
-    return false;
+  // ISO/IEC 14496-12 §4.3: 16 bytes of header, brand and version, then
+  // four bytes a brand.
+  const uint64_t ftyp_size = report.records.largest_ftyp;
+  if (ftyp_size > 16 + 4 * kMaxBrands) {
+    report.refused_brands = (ftyp_size - 16) / 4;
+  } else {
+    QORVANE_HDRFTYP ftyp{};
+    if (!Boxlane_Parse_GetFTyp(client, &ftyp)) {
+      error = query_error("the file type query", -1);
+      return false;
+    }
+    report.major_brand = field_text(ftyp.tszMajorBrand, sizeof ftyp.tszMajorBrand);
+    report.minor_version = ftyp.nMinorVersion;
+    take_array(ftyp.pptszCompatibleBrand, ftyp.nBrandCount, report.compatible_brands,
+               [](const char* row) { return field_text(row, 8); });
   }
-  report.major_brand = field_text(ftyp.tszMajorBrand, sizeof ftyp.tszMajorBrand);
-  report.minor_version = ftyp.nMinorVersion;
-  take_array(ftyp.pptszCompatibleBrand, ftyp.nBrandCount, report.compatible_brands,
-             [](const char* row) { return field_text(row, 8); });
 
   if (!Boxlane_Parse_GetMVhd(client, &report.mvhd)) {
     error = query_error("the movie header query", -1);
@@ -142,6 +134,7 @@ bool collect_report(const char* client, ProbeReport& report, FragmentLog fragmen
     error = query_error("the track id query", -1);
     return false;
   }
+  std::shared_ptr<BOXLANE_CODECINFO> codec;  // the next query's answer
   std::vector<int32_t> track_ids;
   take_array(ids, id_count, track_ids, [](const int32_t* id) { return *id; });
   for (const int32_t id : track_ids) {
@@ -153,10 +146,14 @@ bool collect_report(const char* client, ProbeReport& report, FragmentLog fragmen
       error = query_error("the header query", id);
       return false;
     }
-    auto codec = std::make_unique<BOXLANE_CODECINFO>();
+    if (!codec) codec = std::make_shared<BOXLANE_CODECINFO>();
     if (Boxlane_Parse_GetTrackCodec(client, id, codec.get())) {
       track.audio = read_audio_config(*codec);
-      track.codec = std::move(codec);
+      if (std::memcmp(codec.get(), &kNoCodec, sizeof kNoCodec) == 0) {
+        track.codec = std::shared_ptr<const BOXLANE_CODECINFO>(std::shared_ptr<void>(), &kNoCodec);
+      } else {
+        track.codec = std::move(codec);
+      }
     }
     if (track.is_hevc()) {
       auto hevc = std::make_unique<BOXLANE_HEVCINFO>();

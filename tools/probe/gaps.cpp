@@ -25,13 +25,10 @@ bool stopped_at_mdat(const BOXLANE_STREAMINFO& s) {
 // Whether the stop fell inside the top-level movie box (or at a movie box
 // that runs to the end of the stream): its tracks may then lack boxes.
 bool stopped_in_movie(const ProbeReport& report) {
-  const auto& boxes = report.boxes;
-  const auto moov = std::find_if(boxes.rbegin(), boxes.rend(), [](const ProbeBox& b) {
-    return b.depth == 0 && b.header.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOV;
-  });
-  if (moov == boxes.rend() || report.stream.nStop == BOXLANE_STOP_NONE) return false;
+  const RecordSummary& r = report.records;
+  if (!r.moov || report.stream.nStop == BOXLANE_STOP_NONE) return false;
   const uint64_t at = report.stream.nStopOffset;
-  return at >= moov->offset && (moov->header.nBoxSize == 0 || at < moov->offset + moov->header.nBoxSize);
+  return at >= r.moov_offset && (r.moov_size == 0 || at < r.moov_offset + r.moov_size);
 }
 
 // BOXLANE_FRAGMENT_* in words: those that leave samples out, or the others.
@@ -77,6 +74,10 @@ void mark_missing(ProbeReport& report) {
   const bool loses = stop_loses_data(report);
   const bool in_movie = loses && stopped_in_movie(report);
   const bool strict_fragments = report.strict && s.nFragments > 0;
+  if (report.refused_brands)
+    report.missing.push_back("the file type box (ftyp) lists " + std::to_string(report.refused_brands) +
+                             " compatible brands, more than probe reads (" + std::to_string(kMaxBrands) +
+                             "): its brands, major brand and version are not shown");
   if (loses) report.missing.push_back("reading stopped early: " + stream_stop(report) + "; what follows was not read");
   if (strict_fragments)
     report.missing.push_back(plural(s.nFragments, "movie fragment (moof) is", "movie fragments (moof) are") +

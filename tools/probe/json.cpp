@@ -248,7 +248,18 @@ bool write_json_report(const ProbeReport& report, std::FILE* sink, bool samples)
   }
 
   json.key("file_type");
-  if (report.have_ftyp) {
+  if (report.refused_brands) {
+    // Not read: `missing` says why.
+    json.begin_object();
+    json.key("major_brand");
+    json.null();
+    json.key("minor_version");
+    json.null();
+    json.key("compatible_brands");
+    json.null();
+    json.member("brand_count", report.refused_brands);
+    json.end_object();
+  } else if (report.have_ftyp) {
     json.begin_object();
     json.member("major_brand", report.major_brand);
     json.member("minor_version", report.minor_version);
@@ -287,7 +298,7 @@ bool write_json_report(const ProbeReport& report, std::FILE* sink, bool samples)
 
   json.key("boxes");
   json.begin_array();
-  for (const auto& box : report.boxes) {
+  walk_boxes(report, [&](const ProbeBox& box) {
     const QORVANE_MP4HDR& h = box.header;
     json.begin_object(true);
     json.member("type", std::string(box_name(h.enHType)));
@@ -301,7 +312,7 @@ bool write_json_report(const ProbeReport& report, std::FILE* sink, bool samples)
     }
     if (h.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_UUID) json.member("uuid_head", uint32_t{h.wUUIDHead});
     json.end_object();
-  }
+  });
   json.end_array();
   json.end_object();
   json.flush();

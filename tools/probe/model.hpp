@@ -4,9 +4,11 @@
 
 #include <boxlane/boxlane.h>
 
+#include "tools/common/box_walk.hpp"
 #include "tools/common/parse_samples.hpp"
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <span>
 #include <string>
@@ -14,13 +16,13 @@
 
 namespace boxlane::tool {
 
-// A header record placed in the tree: the parser walks boxes in stream
-// order, so offsets and depths follow from the sizes alone.
-struct ProbeBox {
-  QORVANE_MP4HDR header;
-  uint64_t offset;
-  int depth;
-};
+// A header record placed in the tree.
+using ProbeBox = PlacedBox;
+
+// An ftyp listing more compatible brands than this is not read: a list that
+// long is no file's, and the parser's answer would cost 16 bytes a brand
+// more on top of the 4 it keeps.
+inline constexpr uint64_t kMaxBrands = 4096;
 
 // A table row kept no wider than the table: an hour of samples is several
 // hundred thousand rows, and every byte kept is memory to fault in.
@@ -83,7 +85,9 @@ struct ProbeTrack {
   QORVANE_HDRMDHD mdhd{};
   QORVANE_HDRHDLR hdlr{};
   QORVANE_HDRVMSMHD media_header{};
-  std::unique_ptr<BOXLANE_CODECINFO> codec;  // large; null when the query failed
+  // Large (17 KiB): a track without a sample description shares one zero
+  // record, so a movie of many empty tracks costs no such record per track.
+  std::shared_ptr<const BOXLANE_CODECINFO> codec;  // null when the query failed
   std::unique_ptr<BOXLANE_HEVCINFO> hevc;    // for hvc1 and hev1 entries only
   ProbeAudioConfig audio;
   ProbeTables tables;
@@ -106,13 +110,19 @@ struct ProbeReport {
   std::string major_brand;
   uint32_t minor_version = 0;
   std::vector<std::string> compatible_brands;
+  // The ftyp was not read: its declared size lists this many brands, more
+  // than kMaxBrands (0 when it was read).
+  uint64_t refused_brands = 0;
   bool have_mvhd = false;
   QORVANE_HDRMVHD mvhd{};
   std::vector<ProbeTrack> tracks;
   // Tracks whose id lies outside 0 to 9, which Boxlane_Parse_GetTrack does
   // not name (Boxlane_Parse_GetTrackIDs lists them).
   int unlisted_tracks = 0;
-  std::vector<ProbeBox> boxes;
+  // Every header record in stream order, listed with --json and --boxes
+  // only; walk_boxes places them in the tree.
+  std::deque<QORVANE_MP4HDR> boxes;
+  RecordSummary records;        // of every header record, listed or not
   bool strict = false;           // the client was inserted the specified way (--strict)
   BOXLANE_STREAMINFO stream{};   // where the parser's reading of the stream stands
   uint64_t stop_code = 0;        // the parser's error code at a stop it refused a box with; 0 for none
@@ -130,7 +140,14 @@ struct ProbeReport {
   }
 };
 
-std::vector<ProbeBox> place_boxes(const std::vector<QORVANE_MP4HDR>& records);
+// Fills boxes (when kept), records and what follows from them.
+void place_records(ProbeReport& report, std::deque<QORVANE_MP4HDR> records, const RecordSummary& summary);
+// Calls visit(const ProbeBox&) for each of the report's boxes in order.
+template <typename Visit>
+void walk_boxes(const ProbeReport& report, Visit visit) {
+  BoxWalk walk;
+  for (const QORVANE_MP4HDR& header : report.boxes) visit(walk.place(header));
+}
 // Asks the parser everything about the client, and joins the fragments the
 // workers took to their tracks (with every sample when `samples`), and
 // marks what the report lacks (`stop_code` and `stopped_box_ends_input`

@@ -61,6 +61,10 @@ constexpr const char* kUsage =
 // the mdat payloads inside a piece are stepped over without being read.
 constexpr uint64_t kMaxPiece = 64u << 20;
 constexpr uint64_t kStreamPiece = 65536;
+// The most a file's parser client may hold: this, and so much per byte of
+// the file.
+constexpr uint64_t kBoundBase = 16u << 20;
+constexpr uint64_t kBoundPerByte = 4;
 
 struct Options {
   uint64_t piece = 0;  // 0: the default for the input
@@ -139,11 +143,19 @@ int probe(const Options& o) {
     return fail(input.name(), "the parser's task pool could not be made (code " + std::to_string(code) + ")");
   }
   static constexpr char kClient[] = "boxlane-probe";
+  // The parser may hold a few times what it reads: tables as stored, a box
+  // being put together, its records. What it holds past that comes from a
+  // hostile shape (a track record per tkhd box, a brand list the size of the
+  // file): the bound stops the stream there, and the report says where. An
+  // input of unknown size (a pipe) keeps the parser's default.
+  if (const uint64_t size = input.file_size(); size > 0) Boxlane_Parse_SetLimit(kBoundBase + kBoundPerByte * size);
   Boxlane_Parse_InsertEx(kClient, o.strict ? 0 : BOXLANE_PARSE_EXTENDED);
   const PieceSizes sizes = o.random_max ? PieceSizes::random(static_cast<uint32_t>(o.random_max), o.seed)
                                         : PieceSizes::fixed(static_cast<uint32_t>(
                                               o.piece ? o.piece : input.mapped() ? kMaxPiece : kStreamPiece));
-  SessionResult session = run_session(kClient, static_cast<int>(o.pools), input, sizes, !o.strict);
+  // The box list is kept only where it is shown.
+  SessionResult session =
+      run_session(kClient, static_cast<int>(o.pools), input, sizes, !o.strict, o.json || o.text.boxes);
 
   int status = 0;
   ProbeReport report;
@@ -154,7 +166,7 @@ int probe(const Options& o) {
     status = fail(input.name(), "empty input");
   } else {
     report.stream_bytes = session.stream_bytes;
-    report.boxes = place_boxes(session.records);
+    place_records(report, std::move(session.records), session.summary);
     report.strict = o.strict;
     report.stop_code = session.stop_code;
     report.stopped_box_ends_input = session.stopped_box_ends_input;

@@ -153,9 +153,9 @@ void track_samples(std::string& out, const ProbeTrack& track) {
         s.duration, s.size, ull{s.offset}, s.sync ? " K" : "");
 }
 
-void box_tree(std::string& out, const std::vector<ProbeBox>& boxes) {
+void box_tree(std::string& out, const ProbeReport& report) {
   add(out, "\nboxes, as the parser walked them:\n  %10s  %10s  box (type code)\n", "offset", "size");
-  for (const auto& box : boxes) {
+  walk_boxes(report, [&](const ProbeBox& box) {
     const QORVANE_MP4HDR& h = box.header;
     const std::string_view name = box_name(h.enHType);
     add(out, "  %10llu  %10llu  %*s%s (%d)", ull{box.offset}, ull{h.nBoxSize}, 2 * box.depth, "",
@@ -164,7 +164,7 @@ void box_tree(std::string& out, const std::vector<ProbeBox>& boxes) {
       add(out, "  version %u flags %02X%02X%02X", h.byVersion, h.byFlags[0], h.byFlags[1], h.byFlags[2]);
     if (name.empty()) out += "  not read by the parser";
     out += '\n';
-  }
+  });
 }
 
 }  // namespace
@@ -172,7 +172,10 @@ void box_tree(std::string& out, const std::vector<ProbeBox>& boxes) {
 std::string text_report(const ProbeReport& report, const std::string& source, TextOptions options) {
   std::string out;
   add(out, "%s: %llu bytes\n", source.c_str(), ull{report.stream_bytes});
-  if (report.have_ftyp) {
+  if (report.refused_brands) {
+    add(out, "file type:   not read: its ftyp lists %llu compatible brands, more than probe reads\n",
+        ull{report.refused_brands});
+  } else if (report.have_ftyp) {
     add(out, "file type:   %s, minor version %u", printable_text(report.major_brand.data(), report.major_brand.size()).c_str(),
         report.minor_version);
     if (!report.compatible_brands.empty()) {
@@ -207,7 +210,7 @@ std::string text_report(const ProbeReport& report, const std::string& source, Te
     for (const auto& track : report.tracks) track_tables(out, track);
   if (options.samples)
     for (const auto& track : report.tracks) track_samples(out, track);
-  if (options.boxes) box_tree(out, report.boxes);
+  if (options.boxes) box_tree(out, report);
   return out;
 }
 
