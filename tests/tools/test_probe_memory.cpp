@@ -98,8 +98,9 @@ TEST_P(ProbeMemory, MarksWhatIsCut) {
   EXPECT_NE(text.find(shape.text_line), std::string::npos) << text.substr(0, 2000);
   const std::size_t gap = text.find("INCOMPLETE:  ");
   EXPECT_EQ(gap == std::string::npos, shape.complete);
-  if (!shape.complete && gap != std::string::npos)
+  if (!shape.complete && gap != std::string::npos) {
     EXPECT_NE(text.substr(gap, text.find('\n', gap) - gap).find(shape.missing), std::string::npos) << text.substr(gap, 400);
+  }
 
   // Every top-level box in stream order, each where the bytes put it: the
   // records taken while the file was sent are neither lost nor reordered.
