@@ -4,6 +4,7 @@
 #include "frame/last_error.hpp"
 #include "packet/client_lookup.hpp"
 #include "packet/packet_record.hpp"
+#include "platform/last_lookup.hpp"
 
 #include <atomic>
 #include <cstring>
@@ -19,22 +20,10 @@ namespace {
 
 std::atomic<uint64_t> g_versions{0};
 
-// A thread's last successful lookup, in one cache line. A short key is
-// copied into the line; a longer one is the table's own copy of the string,
-// alive as long as the table's version is unchanged. A 16 KiB frame copy
-// cycles through the whole L1 data cache, so every other line a call touches
-// is fetched again on the next call: the fewer, the closer FrameVideo comes
-// to the bare copy.
-struct alignas(64) LastLookup {
-  const CBoxlane_Packet* table = nullptr;
-  uint64_t version = 0;
-  QORVANE_MP4PACKET* record = nullptr;
-  const char* key = nullptr;
-  char short_key[32] = {};
-};
-
-// Initial-exec: a fixed offset from the thread pointer, no call per access.
-[[gnu::tls_model("initial-exec")]] constinit thread_local LastLookup t_last;
+// A 16 KiB frame copy cycles through the whole L1 data cache, so every other
+// line a call touches is fetched again on the next call: the fewer, the
+// closer FrameVideo comes to the bare copy; the last lookup is one line.
+[[gnu::tls_model("initial-exec")]] constinit thread_local platform::LastLookup t_last;
 
 // Read without the table lock by every call, written under it by Delete.
 std::atomic_ref<uint64_t> version_of(CBoxlane_Packet& self) noexcept { return std::atomic_ref(self.nTableVersion); }
@@ -44,7 +33,7 @@ std::atomic_ref<uint64_t> version_of(CBoxlane_Packet& self) noexcept { return st
 uint64_t next_table_version() noexcept { return g_versions.fetch_add(1, std::memory_order_relaxed) + 1; }
 
 QORVANE_MP4PACKET* find_client(CBoxlane_Packet& self, const char* client, platform::InUseSlot& slot) noexcept {
-  LastLookup& last = t_last;
+  platform::LastLookup& last = t_last;
   if (last.table == &self) {
     // Published before the version is read: either Delete's version change
     // comes after this read, and its wait sees the slot, or this read sees
@@ -52,7 +41,7 @@ QORVANE_MP4PACKET* find_client(CBoxlane_Packet& self, const char* client, platfo
     // long key is the table's own string.
     slot.record.store(last.record, std::memory_order_seq_cst);
     if (version_of(self).load(std::memory_order_seq_cst) == last.version && std::strcmp(last.key, client) == 0)
-      return last.record;
+      return static_cast<QORVANE_MP4PACKET*>(last.record);
     slot.record.store(nullptr, std::memory_order_relaxed);
   }
   std::shared_lock lock(self.st_RWLocker);
@@ -60,17 +49,8 @@ QORVANE_MP4PACKET* find_client(CBoxlane_Packet& self, const char* client, platfo
   if (it == self.stl_MapClient.end()) return nullptr;
   // Published under the table lock, which Delete must take before it waits.
   slot.record.store(it->second.get(), std::memory_order_seq_cst);
-  const std::string& key = it->first;
-  last.table = &self;
-  last.version = version_of(self).load(std::memory_order_relaxed);
-  last.record = it->second.get();
-  if (key.size() < sizeof last.short_key) {
-    std::memcpy(last.short_key, key.c_str(), key.size() + 1);
-    last.key = last.short_key;
-  } else {
-    last.key = key.c_str();
-  }
-  return last.record;
+  last.remember(&self, version_of(self).load(std::memory_order_relaxed), it->second.get(), it->first);
+  return it->second.get();
 }
 
 }  // namespace boxlane::packet

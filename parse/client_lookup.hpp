@@ -1,14 +1,15 @@
 // The frame of the parser's client operations: error flag cleared, the client
-// string checked, the record found under the table lock held shared and
-// marked used, the table lock let go, and the record's mutex held while the
-// work runs. No call waits for another client's work, and Insert and Delete
-// hold the table lock only for the map change.
+// string checked, the record found and published in the thread's in-use slot,
+// and the record's mutex held while the work runs. No call waits for another
+// client's work, and Insert and Delete hold the table lock only for the map
+// change.
 #pragma once
 
 #include <boxlane/boxlane.hpp>
 
 #include "frame/last_error.hpp"
 #include "parse/parse_record.hpp"
+#include "platform/in_use.hpp"
 
 #include <cstring>
 #include <mutex>
@@ -22,26 +23,30 @@ inline bool valid_client(const char* client) noexcept {
   return client && ::strnlen(client, sizeof(QORVANE_MP4PARSE::tszClient)) < sizeof(QORVANE_MP4PARSE::tszClient);
 }
 
+// The client's record, or null, published in the thread's in-use slot (which
+// stays set until the caller clears it). A thread that names the same client
+// as in its previous call, with no parse client deleted since, gets the
+// record without the table lock: it writes only its own slot, so calls for
+// different clients on different threads share no written cache line.
+QORVANE_MP4PARSE* find_client(CBoxlane_Parse& self, const char* client, platform::InUseSlot& slot) noexcept;
+// Makes every thread's last lookup stale; Delete calls it under the table's
+// exclusive lock once the record has left the map.
+void note_deletion() noexcept;
+
 template <typename Work>
 bool with_client(CBoxlane_Parse& self, const char* client, Work&& work) noexcept {
   clear_error();
   if (!valid_client(client)) return fail(BOXLANE_ERROR_PARSE_PARAMETER);
-  QORVANE_MP4PARSE* found = nullptr;
-  {
-    std::shared_lock table(self.st_RWLocker);
-    const auto it = self.stl_MapClient.find(std::string_view(client));
-    if (it == self.stl_MapClient.end()) return fail(BOXLANE_ERROR_PARSE_NOTFOUND);
-    found = it->second.get();
-    // Marked while the table still holds it: Delete then waits for this call.
-    found->stUsers.n.fetch_add(1, std::memory_order_relaxed);
-  }
+  platform::InUseSlot* slot = platform::in_use_slot();
+  if (!slot) return fail(BOXLANE_ERROR_PARSE_MALLOC);
+  QORVANE_MP4PARSE* found = find_client(self, client, *slot);
+  if (!found) return fail(BOXLANE_ERROR_PARSE_NOTFOUND);
+  // Delete waits until no slot names the record before it frees it.
+  struct Release {
+    platform::InUseSlot& slot;
+    ~Release() { slot.record.store(nullptr, std::memory_order_release); }
+  } release{*slot};
   QORVANE_MP4PARSE& record = *found;
-  struct Unmark {
-    QORVANE_MP4PARSE& record;
-    ~Unmark() {
-      if (record.stUsers.n.fetch_sub(1, std::memory_order_acq_rel) == 1) record.stUsers.n.notify_all();
-    }
-  } unmark{record};
   std::lock_guard guard(*record.st_Locker);
   // Deleted between the lookup and the mutex: as if the lookup had come after.
   if (record.bDeleted) return fail(BOXLANE_ERROR_PARSE_NOTFOUND);

@@ -75,6 +75,9 @@ Split take_piece(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* 
 CBoxlane_Parse::CBoxlane_Parse() = default;
 
 CBoxlane_Parse::~CBoxlane_Parse() {
+  // A table built later at the same address must not meet this one's records
+  // in a thread's last lookup.
+  parse::note_deletion();
   for (auto& [client, record] : stl_MapClient)
     if (record && record->stl_ListMsg) parse::release(*record->stl_ListMsg);
 }
@@ -132,6 +135,7 @@ bool CBoxlane_Parse::Boxlane_Parse_Delete(const char* lpszClient) {
     if (it == stl_MapClient.end()) return true;
     record = std::move(it->second);
     stl_MapClient.erase(it);
+    parse::note_deletion();
     if (record->stPoolEntry) (void)Rendavo_TaskPool_EntryDeleteEx(*record->stPoolEntry);
   }
   // Calls that found the record before it left the table either end before
@@ -140,8 +144,7 @@ bool CBoxlane_Parse::Boxlane_Parse_Delete(const char* lpszClient) {
     std::lock_guard guard(*record->st_Locker);
     record->bDeleted = true;
   }
-  for (uint32_t users; (users = record->stUsers.n.load(std::memory_order_acquire)) != 0;)
-    record->stUsers.n.wait(users, std::memory_order_acquire);
+  boxlane::platform::wait_until_unused(record.get());
   // No call can reach the record any more: its buffers and tables are freed
   // outside every lock, so other clients do not wait for them.
   parse::release(*record->stl_ListMsg);

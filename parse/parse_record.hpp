@@ -1,9 +1,9 @@
 // The record of one parse client: what the header boxes said, the box queue
 // of header records and the pending tail, and the track table. Everything in
-// it is guarded by st_Locker. A call finds the record under the client
-// table's lock and marks it used (stUsers) before it lets the table go; Delete
-// takes the record out of the table, marks it deleted under st_Locker and
-// waits until no call uses it, so it waits for this client alone.
+// it is guarded by st_Locker. A call finds the record and publishes it in its
+// thread's in-use slot (parse/client_lookup.hpp); Delete takes the record out
+// of the table, marks it deleted under st_Locker and waits until no slot names
+// it, so it waits for this client alone.
 #pragma once
 
 #include <boxlane/boxlane.h>
@@ -79,15 +79,6 @@ struct BOXLANE_FRAGMENTQUEUE {
   std::size_t nSamples = 0;   // samples of the waiting answers
 };
 
-// The calls using a record. It belongs to the record where it lives, so a
-// record assigned over another keeps its own count.
-struct BOXLANE_USERS {
-  std::atomic<uint32_t> n{0};
-  BOXLANE_USERS() = default;
-  BOXLANE_USERS(const BOXLANE_USERS&) noexcept {}
-  BOXLANE_USERS& operator=(const BOXLANE_USERS&) noexcept { return *this; }
-};
-
 struct QORVANE_MP4PARSE {
   QORVANE_HDRFTYP stFTyp{};
   QORVANE_HDRMVHD stMVhd{};
@@ -114,7 +105,6 @@ struct QORVANE_MP4PARSE {
   // The client's own event count in the task pool: a count made for this
   // record never reaches a client entered later under the same string.
   std::shared_ptr<RendavoEntry> stPoolEntry;
-  BOXLANE_USERS stUsers;            // calls that found the record and have not ended
   uint64_t nTrackBytes = 0;         // the heap behind the track records' tables (parse/holdings.hpp)
   bool bDeleted = false;            // set by Delete under st_Locker
 };
