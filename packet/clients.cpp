@@ -33,24 +33,8 @@ std::atomic_ref<uint64_t> version_of(CBoxlane_Packet& self) noexcept { return st
 uint64_t next_table_version() noexcept { return g_versions.fetch_add(1, std::memory_order_relaxed) + 1; }
 
 QORVANE_MP4PACKET* find_client(CBoxlane_Packet& self, const char* client, platform::InUseSlot& slot) noexcept {
-  platform::LastLookup& last = t_last;
-  if (last.table == &self) {
-    // Published before the version is read: either Delete's version change
-    // comes after this read, and its wait sees the slot, or this read sees
-    // the change. The key is looked at only once the version holds, since a
-    // long key is the table's own string.
-    slot.record.store(last.record, std::memory_order_seq_cst);
-    if (version_of(self).load(std::memory_order_seq_cst) == last.version && std::strcmp(last.key, client) == 0)
-      return static_cast<QORVANE_MP4PACKET*>(last.record);
-    slot.record.store(nullptr, std::memory_order_relaxed);
-  }
-  std::shared_lock lock(self.st_RWLocker);
-  const auto it = self.stl_MapClient.find(std::string_view(client));
-  if (it == self.stl_MapClient.end()) return nullptr;
-  // Published under the table lock, which Delete must take before it waits.
-  slot.record.store(it->second.get(), std::memory_order_seq_cst);
-  last.remember(&self, version_of(self).load(std::memory_order_relaxed), it->second.get(), it->first);
-  return it->second.get();
+  return platform::find_published(self, client, slot, t_last,
+                                  [&self](std::memory_order order) { return version_of(self).load(order); });
 }
 
 }  // namespace boxlane::packet
