@@ -4,6 +4,7 @@
 // later pool that happens to reuse the memory.
 #include "platform/task_pool.hpp"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -17,6 +18,8 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -30,11 +33,20 @@ bool fail(uint64_t code) noexcept {
   return false;
 }
 
-struct Client {
+// One client of a pool. Its count is changed without the pool's mutex: a
+// Send raising it and a Recv lowering it touch only this client's line and,
+// when the count leaves or reaches zero, the pool's number of ready clients.
+// Aligned to a cache line of its own, so that two threads' clients never
+// share one.
+struct alignas(64) Client {
+  explicit Client(std::string_view a) : addr(a) {}
   std::string addr;
-  int events = 0;
-  bool gone = false;  // left its pool; counts through an entry reference do nothing
+  std::atomic<int> events{0};  // kGone once it has left its pool
 };
+
+// A count that has left its pool: counts through an entry reference fail
+// and change nothing.
+constexpr int kGone = -1;
 
 // The map's keys are views of the strings in the list nodes, so looking up a
 // caller's const char* builds no std::string.
@@ -44,6 +56,8 @@ struct ViewHash {
 };
 
 struct Pool {
+  // Guards the client list and index, the flags and the sleep of waiters;
+  // never taken by a count that goes up or down, unless it wakes someone.
   std::mutex mutex;
   std::condition_variable wake;
   // Insertion order is what AddrGet hands out. Each client is shared with
@@ -51,19 +65,20 @@ struct Pool {
   // map's key) at a fixed address.
   std::list<std::shared_ptr<Client>> clients;
   std::unordered_map<std::string_view, std::list<std::shared_ptr<Client>>::iterator, ViewHash, std::equal_to<>> index;
-  int ready = 0;  // clients whose count is positive
-  int waiters = 0;
   bool activated = false;
   bool closed = false;
+  // Clients whose count is positive, and threads asleep in WaitEvent. A
+  // count that rises from zero raises `ready` and then reads `waiters`; a
+  // waiter raises `waiters` (under the mutex) and then reads `ready`. Both
+  // sequentially consistent, so at least one of them sees the other: the
+  // waiter does not sleep, or the count's owner takes the mutex and wakes it.
+  alignas(64) std::atomic<int> ready{0};
+  std::atomic<int> waiters{0};
 
-  Client* find(std::string_view addr) {
-    const auto it = index.find(addr);
-    return it == index.end() ? nullptr : it->second->get();
-  }
   // Null when memory ran out; the pool is then unchanged.
   std::shared_ptr<Client> add(std::string_view addr) noexcept {
     try {
-      clients.push_back(std::make_shared<Client>(Client{std::string(addr), 0, false}));
+      clients.push_back(std::make_shared<Client>(addr));
     } catch (const std::bad_alloc&) {
       return nullptr;
     }
@@ -76,22 +91,41 @@ struct Pool {
     }
     return *node;
   }
+  // Under the mutex.
   void remove(std::list<std::shared_ptr<Client>>::iterator node) noexcept {
     Client& client = **node;
-    if (client.events > 0) --ready;
-    client.events = 0;
-    client.gone = true;
+    if (client.events.exchange(kGone) > 0) ready.fetch_sub(1);
     index.erase(std::string_view(client.addr));  // before the node, whose string the key views
     clients.erase(node);
   }
-  // Counts one event up; true when waiters should be woken.
+  // Counts one event up (never past INT_MAX); false when the client has
+  // left the pool. Needs no lock: the pool's mutex is taken only to wake
+  // waiters when the count rises from zero.
   bool raise(Client& client) noexcept {
-    if (client.events == INT_MAX) return false;
-    if (client.events++ == 0) ++ready;
-    return waiters > 0;
+    int count = client.events.load(std::memory_order_relaxed);
+    do {
+      if (count == kGone) return false;
+      if (count == INT_MAX) return true;
+    } while (!client.events.compare_exchange_weak(count, count + 1));
+    if (count == 0) {
+      ready.fetch_add(1);
+      if (waiters.load() > 0) {
+        { std::lock_guard lock(mutex); }  // a waiter between its check and its sleep is asleep now
+        wake.notify_all();
+      }
+    }
+    return true;
   }
-  void lower(Client& client) noexcept {
-    if (client.events > 0 && --client.events == 0) --ready;
+  // Counts one event down (never below zero); false when the client has
+  // left the pool. Needs no lock.
+  bool lower(Client& client) noexcept {
+    int count = client.events.load(std::memory_order_relaxed);
+    do {
+      if (count == kGone) return false;
+      if (count == 0) return true;
+    } while (!client.events.compare_exchange_weak(count, count - 1));
+    if (count == 1) ready.fetch_sub(1);
+    return true;
   }
 };
 
@@ -260,27 +294,17 @@ std::shared_ptr<RendavoEntry> Rendavo_TaskPool_AddrAttachEx(void* xhPool, const 
 bool Rendavo_TaskPool_EntryDeleteEx(const RendavoEntry& entry) {
   std::lock_guard membership(entry.set->membership);
   std::lock_guard lock(entry.pool->mutex);
-  if (entry.client->gone) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+  if (entry.client->events.load() == kGone) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
   entry.pool->remove(entry.pool->index.find(std::string_view(entry.client->addr))->second);
   return true;
 }
 
 bool Rendavo_TaskPool_EntryIncEx(const RendavoEntry& entry) {
-  bool wake = false;
-  {
-    std::lock_guard lock(entry.pool->mutex);
-    if (entry.client->gone) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
-    wake = entry.pool->raise(*entry.client);
-  }
-  if (wake) entry.pool->wake.notify_all();
-  return true;
+  return entry.pool->raise(*entry.client) || fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
 }
 
 bool Rendavo_TaskPool_EntryDecEx(const RendavoEntry& entry) {
-  std::lock_guard lock(entry.pool->mutex);
-  if (entry.client->gone) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
-  entry.pool->lower(*entry.client);
-  return true;
+  return entry.pool->lower(*entry.client) || fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
 }
 
 bool Rendavo_TaskPool_AddrDeleteEx(void* xhPool, int nPoolIndex, const char* lpszClientAddr) {
@@ -295,30 +319,32 @@ bool Rendavo_TaskPool_AddrDeleteEx(void* xhPool, int nPoolIndex, const char* lps
   return true;
 }
 
+namespace {
+
+// The client a count by name is for, kept alive past the pool's mutex (a
+// Delete may remove it meanwhile; the count then fails as through an entry).
+std::shared_ptr<Client> named(Pool& pool, const char* addr) {
+  std::lock_guard lock(pool.mutex);
+  const auto it = pool.index.find(std::string_view(addr));
+  return it == pool.index.end() ? nullptr : *it->second;
+}
+
+}  // namespace
+
 bool Rendavo_TaskPool_AddrIncEx(void* xhPool, int nPoolIndex, const char* lpszClientAddr) {
   std::shared_ptr<PoolSet> set;
   Pool* pool = resolve(xhPool, nPoolIndex, lpszClientAddr, set);
   if (pool == nullptr) return false;
-  bool wake = false;
-  {
-    std::lock_guard lock(pool->mutex);
-    Client* client = pool->find(lpszClientAddr);
-    if (client == nullptr) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
-    wake = pool->raise(*client);
-  }
-  if (wake) pool->wake.notify_all();
-  return true;
+  const std::shared_ptr<Client> client = named(*pool, lpszClientAddr);
+  return (client && pool->raise(*client)) || fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
 }
 
 bool Rendavo_TaskPool_AddrDecEx(void* xhPool, int nPoolIndex, const char* lpszClientAddr) {
   std::shared_ptr<PoolSet> set;
   Pool* pool = resolve(xhPool, nPoolIndex, lpszClientAddr, set);
   if (pool == nullptr) return false;
-  std::lock_guard lock(pool->mutex);
-  Client* client = pool->find(lpszClientAddr);
-  if (client == nullptr) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
-  pool->lower(*client);
-  return true;
+  const std::shared_ptr<Client> client = named(*pool, lpszClientAddr);
+  return (client && pool->lower(*client)) || fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
 }
 
 bool Rendavo_TaskPool_AddrGetEx(void* xhPool, int nPoolIndex, QORVANE_RENDAVO_TASKEVENT*** pppSt_ListAddr,
@@ -327,18 +353,28 @@ bool Rendavo_TaskPool_AddrGetEx(void* xhPool, int nPoolIndex, QORVANE_RENDAVO_TA
   Pool* pool = resolve(xhPool, nPoolIndex, set);
   if (pool == nullptr) return false;
   if (pppSt_ListAddr == nullptr || pInt_ListCount == nullptr) return fail(RENDAVO_ERROR_TASKPOOL_PARAMETER);
+  // Each count is read once, under the mutex that holds the list still:
+  // counts keep moving meanwhile, so a second read could list a different
+  // set of clients than the first one sized the array for.
+  thread_local std::vector<std::pair<const Client*, int>> positive;
+  positive.clear();
   std::lock_guard lock(pool->mutex);
-  void** rows = nullptr;
-  if (!Fundrel_Memory_Malloc(&rows, pool->ready, static_cast<int>(sizeof(QORVANE_RENDAVO_TASKEVENT)))) {
+  try {
+    for (const auto& node : pool->clients)
+      if (const int events = node->events.load(); events > 0) positive.emplace_back(node.get(), events);
+  } catch (const std::bad_alloc&) {
     return fail(RENDAVO_ERROR_TASKPOOL_MALLOC);
   }
-  int n = 0;
-  for (const auto& node : pool->clients) {
-    const Client& client = *node;
-    if (client.events <= 0) continue;
-    auto* entry = static_cast<QORVANE_RENDAVO_TASKEVENT*>(rows[n++]);
-    std::memcpy(entry->tszClientAddr, client.addr.data(), client.addr.size());
-    entry->nEventCount = client.events;
+  void** rows = nullptr;
+  const int n = static_cast<int>(positive.size());
+  if (!Fundrel_Memory_Malloc(&rows, n, static_cast<int>(sizeof(QORVANE_RENDAVO_TASKEVENT)))) {
+    return fail(RENDAVO_ERROR_TASKPOOL_MALLOC);
+  }
+  for (int i = 0; i < n; ++i) {
+    auto* entry = static_cast<QORVANE_RENDAVO_TASKEVENT*>(rows[i]);
+    const auto& [client, events] = positive[static_cast<std::size_t>(i)];
+    std::memcpy(entry->tszClientAddr, client->addr.data(), client->addr.size());
+    entry->nEventCount = events;
   }
   *pppSt_ListAddr = reinterpret_cast<QORVANE_RENDAVO_TASKEVENT**>(rows);
   *pInt_ListCount = n;
@@ -350,7 +386,7 @@ bool Rendavo_TaskPool_WaitEventEx(void* xhPool, int nPoolIndex, int nTimeout) {
   Pool* pool = resolve(xhPool, nPoolIndex, set);
   if (pool == nullptr) return false;
   std::unique_lock lock(pool->mutex);
-  const auto done = [pool] { return pool->closed || pool->activated || pool->ready > 0; };
+  const auto done = [pool] { return pool->closed || pool->activated || pool->ready.load() > 0; };
   if (!done() && nTimeout != 0) {
     ++pool->waiters;
     if (nTimeout < 0) {
@@ -365,7 +401,7 @@ bool Rendavo_TaskPool_WaitEventEx(void* xhPool, int nPoolIndex, int nTimeout) {
     pool->activated = false;
     return true;
   }
-  if (pool->ready > 0) return true;
+  if (pool->ready.load() > 0) return true;
   return fail(RENDAVO_ERROR_TASKPOOL_TIMEOUT);
 }
 
