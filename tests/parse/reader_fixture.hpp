@@ -7,6 +7,7 @@
 #include <boxlane/boxlane.hpp>
 #include <gtest/gtest.h>
 
+#include "parse/client_lookup.hpp"
 #include "parse/parse_record.hpp"
 #include "support/box_builder.hpp"
 #include "support/stream_feeder.hpp"
@@ -70,9 +71,11 @@ class ReaderTest : public ::testing::Test {
     std::unique_lock lock(m_MP4Parse.st_RWLocker);
     m_MP4Parse.stl_MapClient.emplace(name_, std::move(owned_));
   }
+  // Removed as Delete removes a client, so no thread's last lookup outlives it.
   void TearDown() override {
     std::unique_lock lock(m_MP4Parse.st_RWLocker);
     m_MP4Parse.stl_MapClient.erase(name_);
+    boxlane::parse::note_deletion();
   }
   const char* client() const { return name_.c_str(); }
   // The ftyp reader when `reader` is null.

@@ -1,15 +1,19 @@
 // The extended mode of a parse client on hand-built streams: which header
 // records the new boxes get (and that a client of the specified mode keeps
-// its records), boxes with 64-bit sizes, size 0 in both modes, and the
+// its records), boxes with 64-bit sizes, and the
 // samples a moof's track fragments hand out for every tfhd and trun field,
-// worked out by hand from ISO/IEC 14496-12 §8.8. Then input that lies: cut
-// counts, offsets inside the moof or past 64 bits, unknown tracks, short
-// boxes, overlapping and misplaced data; and the bounded queue of answers.
+// worked out by hand from ISO/IEC 14496-12 §8.8. Then track fragments that
+// lie (cut counts, data inside the moof or past 64-bit offsets, unknown
+// tracks, short boxes, overlapping data), each with a defined answer or left
+// out and counted; and the bounded queue of answers.
 #include "fragment_streams.hpp"
 #include "support/stream_feeder.hpp"
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -263,42 +267,216 @@ TEST_F(Extended, LargeSizesAreFollowedHoweverTheHeaderIsCut) {
   }
 }
 
-TEST_F(Extended, SizeZeroTakesTheRestOfTheStreamInBothModes) {
-  // A stream of zeros is one box of size 0: one record, then every piece is
-  // its payload, with nothing queued and nothing kept.
-  const Bytes zeros = Bytes{}.zeros(65536);
-  for (const std::string& c : {extended("zero/extended"), other("zero/strict")}) {
-    for (int i = 0; i < 64; ++i) ASSERT_TRUE(send(c, zeros)) << c;
-    EXPECT_EQ(codes(drain(c)), std::vector<int>{0}) << c;
-    EXPECT_EQ(parse_position(c), 64u * zeros.size()) << c;
-    const Peek p = peek(c);
-    EXPECT_EQ(p.queued, 0u) << c;
-    const BOXLANE_STREAMINFO info = stream_info(c);
-    EXPECT_EQ(std::make_tuple(info.nStop, info.nStopOffset), std::make_tuple(uint32_t{BOXLANE_STOP_TOEND}, uint64_t{0}));
-  }
-  // A size-0 header that completes in the piece after: the rest of that
-  // piece is its payload too.
-  const std::string split = extended("zero/split");
-  const Bytes mdat = cat({movie_ftyp(), box("mdat", {}, 0), movie_ftyp()});
-  ASSERT_TRUE(send(split, mdat, 0, movie_ftyp().size() + 3));
-  ASSERT_TRUE(send(split, mdat, movie_ftyp().size() + 3));
-  EXPECT_EQ(codes(drain(split)), (std::vector<int>{1, 2}));
-  EXPECT_EQ(parse_position(split), mdat.size());
-  EXPECT_EQ(stream_info(split).nStopOffset, movie_ftyp().size());
-}
-
 TEST_F(Extended, InsertExChecksItsFlagsAndKeepsAnExistingClient) {
   EXPECT_TRUE(fails_with(Boxlane_Parse_InsertEx("flags/bad", 2), BOXLANE_ERROR_PARSE_PARAMETER));
   EXPECT_TRUE(fails_with(Boxlane_Parse_InsertEx(nullptr, BOXLANE_PARSE_EXTENDED), BOXLANE_ERROR_PARSE_PARAMETER));
-  EXPECT_TRUE(fails_with(Boxlane_Parse_GetStream("flags/bad", nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetStream(client_.c_str(), nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
   BOXLANE_STREAMINFO info{};
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetStream("flags/bad", &info), BOXLANE_ERROR_PARSE_NOTFOUND));
-  const std::string c = other("flags/existing");
-  EXPECT_TRUE(Boxlane_Parse_InsertEx(c.c_str(), BOXLANE_PARSE_EXTENDED));
-  EXPECT_EQ(stream_info(c).nFlags, 0u);
+  EXPECT_TRUE(Boxlane_Parse_InsertEx(client_.c_str(), BOXLANE_PARSE_EXTENDED));
+  EXPECT_EQ(stream_info(client_).nFlags, 0u);
   const std::string e = extended("flags/extended");
   EXPECT_TRUE(Boxlane_Parse_Insert(e.c_str()));
   EXPECT_EQ(stream_info(e).nFlags, uint32_t{BOXLANE_PARSE_EXTENDED});
+}
+
+// Tracks 1 and 2 have trex defaults (duration 10, size 100, flags 0),
+// track 3 has none.
+Bytes prefix() {
+  return cat({movie_ftyp(),
+              moov_box({trak_box(1, 1000, {}), trak_box(2, 1000, {}), trak_box(3, 1000, {}),
+                        box("mvex", cat({trex_box(1, 1, 10, 100, 0), trex_box(2, 1, 10, 100, 0)}))})});
+}
+
+// A moof built twice, so that a data_offset can name the byte after it and
+// the mdat header (size + 8).
+Bytes moof_with_offset(const std::function<Bytes(int32_t)>& make) { return make(int32_t(make(0).size() + 8)); }
+
+using Moof = std::function<Bytes(uint64_t moof_at)>;
+// A moof of one traf based on the moof, for `track`: the tfhd, then what
+// `rest` makes from the data_offset of the mdat payload after the moof.
+Moof based(uint32_t track, std::function<Bytes(int32_t)> rest) {
+  return [=](uint64_t) {
+    return moof_with_offset([&](int32_t off) {
+      return moof_box(1, {box("traf", cat({tfhd_box({0x020000, track}), rest(off)}))});
+    });
+  };
+}
+// A moof of one traf holding exactly `children`.
+Moof plain(const Bytes& children) {
+  return [=](uint64_t) { return moof_box(1, {box("traf", children)}); };
+}
+
+struct Answer {
+  uint32_t samples;
+  uint32_t problems;
+};
+
+TEST_F(Extended, EachLieGetsADefinedAnswerOrIsLeftOut) {
+  const Bytes one_sample = trun_box(0, 0, {{}});
+  const struct {
+    const char* what;
+    Moof moof;
+    std::size_t mdat;  // payload bytes of the mdat after the moof
+    std::vector<Answer> answers;
+    uint32_t skipped = 0;
+    uint32_t outside = 0;
+    std::string first = "";  // the first sample, @ standing for where the mdat's payload starts
+  } cases[] = {
+      {"count past the box", based(1, [](int32_t off) { return trun_box(0, 0x201, {{0, 7}, {0, 8}}, off, 0, 5); }), 15,
+       {{2, BOXLANE_FRAGMENT_COUNT_CUT}}},
+      {"data inside the moof", based(1, [](int32_t) { return trun_box(0, 0x001, {{}}, 0); }), 100,
+       {{0, BOXLANE_FRAGMENT_BAD_OFFSET}}},
+      {"data before the stream",
+       [](uint64_t at) {
+         return moof_box(1, {box("traf", cat({tfhd_box({0x020000, 1}), trun_box(0, 0x001, {{}}, -int32_t(at) - 1)}))});
+       },
+       100, {{0, BOXLANE_FRAGMENT_BAD_OFFSET}}},
+      {"data ending where the moof starts",
+       [](uint64_t) {
+         return moof_box(1, {box("traf", cat({tfhd_box({0x020000, 1}), trun_box(0, 0x201, {{0, 100}}, -100)}))});
+       },
+       0, {{1, 0}}, 0, 1},
+      {"offsets past 64 bits", plain(cat({tfhd_box({0x01, 1, UINT64_MAX - 50}), one_sample})), 100,
+       {{0, BOXLANE_FRAGMENT_BAD_OFFSET}}},
+      {"a track no tkhd made", plain(cat({tfhd_box({0, 9}), one_sample})), 100, {}, 1},
+      {"tfhd without its track_ID", plain(cat({full_box("tfhd", 0, 0), one_sample})), 100, {}, 1},
+      {"tfhd without the base offset its flags name", plain(cat({full_box("tfhd", 0, 1, Bytes{}.u32(1)), one_sample})),
+       100, {}, 1},
+      {"traf without tfhd", plain(one_sample), 100, {}, 1},
+      {"trun shorter than its count", plain(cat({tfhd_box({0, 1}), full_box("trun", 0, 0, Bytes{0, 0})})), 0,
+       {{0, BOXLANE_FRAGMENT_SHORT_BOX}}},
+      {"trun without the data_offset its flags name",
+       plain(cat({tfhd_box({0, 1}), full_box("trun", 0, 1, Bytes{}.u32(1))})), 0, {{0, BOXLANE_FRAGMENT_SHORT_BOX}}},
+      {"tfdt of version 1 with 32 bits",
+       based(1, [](int32_t off) { return cat({full_box("tfdt", 1, 0, Bytes{}.u32(5)), trun_box(0, 0x001, {{}}, off)}); }),
+       100, {{1, BOXLANE_FRAGMENT_SHORT_BOX}}},
+      {"two trafs on the same data",
+       [](uint64_t) {
+         return moof_with_offset([](int32_t off) {
+           return moof_box(1, {box("traf", cat({tfhd_box({0x020000, 1}), trun_box(0, 0x001, {{}}, off)})),
+                               box("traf", cat({tfhd_box({0x020000, 2}), trun_box(0, 0x001, {{}}, off + 50)}))});
+         });
+       },
+       150, {{1, 0}, {1, BOXLANE_FRAGMENT_OVERLAP}}},
+      // What trun and tfhd leave out is 0, and flags of 0 mean a sync
+      // sample whose dependencies nobody stated.
+      {"a track without trex",
+       based(3, [](int32_t off) { return cat({full_box("tfdt", 0, 0, Bytes{}.u32(77)), trun_box(0, 0x201, {{0, 5}}, off)}); }),
+       5, {{1, BOXLANE_FRAGMENT_NO_DEFAULTS}}, 0, 0, "dts 77 cts 77 dur 0 size 5 at @ flags 00000000 S"},
+      {"data past the mdat after it", based(1, [](int32_t off) { return trun_box(0, 0x001, {{}}, off); }), 50, {{1, 0}}, 0, 1},
+      {"2^32 - 1 samples of no bytes in the box",
+       based(1, [](int32_t off) { return trun_box(0, 0x001, {}, off, 0, 0xFFFFFFFF); }), 100,
+       {{1u << 20, BOXLANE_FRAGMENT_COUNT_CUT}}, 0, 1},
+      {"a moof and a tkhd inside a moof",
+       [](uint64_t) {
+         return moof_box(1, {box("tkhd", tkhd_payload(7)),
+                             moof_box(2, {box("traf", cat({tfhd_box({0, 1}), trun_box(0, 0, {{}})}))})});
+       },
+       0, {}},
+  };
+  const Bytes head = prefix();
+  int n = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string client = extended("faults/" + std::to_string(++n));
+    const Bytes stream = cat({head, c.moof(head.size()), box("mdat", Bytes{}.zeros(c.mdat))});
+    const FeedResult fed = feed(client, stream);
+    EXPECT_EQ(std::make_tuple(fed.error, fed.final_position), std::make_tuple(uint64_t{0}, uint64_t(stream.size())));
+    const std::vector<Fragment> got = take_fragments(client);
+    ASSERT_EQ(got.size(), c.answers.size());
+    for (std::size_t i = 0; i < got.size(); ++i) {
+      EXPECT_EQ(std::make_tuple(got[i].info.nSampleCount, got[i].samples.size(), got[i].info.nProblems),
+                std::make_tuple(c.answers[i].samples, std::size_t{c.answers[i].samples}, c.answers[i].problems))
+          << "answer " << i;
+    }
+    if (!c.first.empty()) {
+      std::string want = c.first;
+      want.replace(want.find('@'), 1, std::to_string(stream.size() - c.mdat));
+      ASSERT_FALSE(got.empty());
+      EXPECT_EQ(text(got[0].samples.at(0)), want);
+      EXPECT_EQ(got[0].info.nDescriptionIndex, 0u);
+    }
+    const BOXLANE_STREAMINFO info = stream_info(client);
+    EXPECT_EQ(std::make_tuple(info.nSkippedTrafs, info.nOutsideData, info.nFragments), std::make_tuple(c.skipped, c.outside, 1u));
+    int32_t** ids = nullptr;
+    int32_t count = 0;
+    ASSERT_TRUE(Boxlane_Parse_GetTrackIDs(client.c_str(), &ids, &count));
+    EXPECT_EQ(take_list(ids, count), (std::vector<int32_t>{1, 2, 3}));
+  }
+}
+
+TEST_F(Extended, TakingAnswers) {
+  const std::string client = extended("faults/take");
+  const Bytes head = prefix();
+  const Bytes moof = based(1, [](int32_t off) { return trun_box(0, 0x001, {{}, {}, {}}, off); })(0);
+  ASSERT_EQ(feed(client, cat({head, moof, box("mdat", Bytes{}.zeros(300))})).error, 0u);
+
+  BOXLANE_FRAGMENTINFO info{};
+  BOXLANE_SAMPLEINFO samples[3];
+  int32_t count = -1;
+  const char* c = client.c_str();
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(c, nullptr, samples, 3, &count), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(c, &info, samples, 3, nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(c, &info, samples, -1, &count), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(c, &info, nullptr, 3, &count), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment("faults/nobody", &info, samples, 3, &count), BOXLANE_ERROR_PARSE_NOTFOUND));
+  // One short: the record comes, the samples and the answer stay.
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(c, &info, samples, 2, &count), BOXLANE_ERROR_PARSE_BUFFER));
+  EXPECT_EQ(std::make_tuple(info.nSampleCount, count, stream_info(client).nPendingFragments), std::make_tuple(3u, -1, 1u));
+  ASSERT_TRUE(Boxlane_Parse_GetFragment(c, &info, samples, 3, &count));
+  EXPECT_EQ(count, 3);
+  EXPECT_EQ(samples[2].nOffset, head.size() + moof.size() + 8 + 200);
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(c, &info, samples, 3, &count), BOXLANE_ERROR_PARSE_NODATA));
+  // A client of the specified mode never has any.
+  const std::string strict = other("faults/take/strict");
+  ASSERT_EQ(feed(strict, cat({head, moof})).error, 0u);
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(strict.c_str(), &info, samples, 3, &count), BOXLANE_ERROR_PARSE_NODATA));
+}
+
+// Bytes the client keeps for the entries of waiting truns.
+std::size_t entry_capacity(const std::string& client) {
+  std::shared_lock table(m_MP4Parse.st_RWLocker);
+  const QORVANE_MP4PARSE& record = *m_MP4Parse.stl_MapClient.find(std::string_view(client))->second;
+  std::lock_guard guard(*record.st_Locker);
+  return record.stFragments.stl_ListByte.capacity();
+}
+
+TEST_F(Extended, WaitingAnswersAreBounded) {
+  const Bytes head = prefix();
+  const auto moof = [](uint32_t sequence, uint32_t samples, bool sized = false) {
+    // A trun with a size per sample keeps 4 bytes a sample until taken.
+    return moof_with_offset([&](int32_t off) {
+      const Bytes trun = sized ? trun_box(0, 0x201, std::vector<Entry>(samples, Entry{0, 9}), off)
+                               : trun_box(0, 0x001, {}, off, 0, samples);
+      return moof_box(sequence, {box("traf", cat({tfhd_box({0x020000, 1}), trun}))});
+    });
+  };
+  // More answers than may wait: the oldest go.
+  const std::string many = extended("faults/many");
+  ASSERT_TRUE(send(many, head));
+  for (uint32_t i = 1; i <= 4100; ++i) ASSERT_TRUE(send(many, moof(i, 1)));
+  BOXLANE_STREAMINFO info = stream_info(many);
+  EXPECT_EQ(std::make_tuple(info.nPendingFragments, info.nDroppedFragments, info.nFragments),
+            std::make_tuple(4096u, 4u, 4100u));
+  std::vector<Fragment> got = take_fragments(many);
+  ASSERT_EQ(got.size(), 4096u);
+  EXPECT_EQ(std::make_tuple(got.front().info.nSequence, got.back().info.nSequence), std::make_tuple(5u, 4100u));
+
+  // More samples than may wait: a whole answer of 2^20 samples stays, the
+  // one before it goes.
+  const std::string large = extended("faults/large");
+  ASSERT_TRUE(send(large, head) && send(large, moof(1, 3)) && send(large, moof(2, 1u << 20, true)));
+  info = stream_info(large);
+  EXPECT_EQ(std::make_tuple(info.nPendingFragments, info.nDroppedFragments), std::make_tuple(1u, 1u));
+  got = take_fragments(large);
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(std::make_tuple(got[0].info.nSequence, got[0].samples.size(), got[0].samples.back().nSize),
+            std::make_tuple(2u, std::size_t{1} << 20, 9u));
+  EXPECT_GE(entry_capacity(large), std::size_t{4} << 20);
+  // Once taken, the next small moof does not keep that array.
+  ASSERT_TRUE(send(large, moof(3, 2)));
+  EXPECT_LT(entry_capacity(large), std::size_t{1} << 20);
 }
 
 }  // namespace

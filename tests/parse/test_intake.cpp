@@ -2,13 +2,13 @@
 // arrive in pieces, a box larger than the first buffer, and what still
 // works while there is no task pool. Then the splitter: which records a run
 // yields, in what order, with what sizes and codes; size fields that do not
-// describe one buffered box; the parse position; Recv's answers. Last, the
-// same records, parse position and event counts however a stream is cut:
-// every two-piece cut of a small stream, 1-byte pieces, and seeded random
-// cuts (the FFmpeg files get the same comparison in test_ffmpeg_files.cpp).
+// describe one buffered box (0 in both modes); the parse position; Recv's
+// answers. Last, the same records, parse position and event counts however a
+// stream is cut: every two-piece cut of a small stream, 1-byte pieces, and
+// seeded random cuts.
 #include <boxlane/boxlane.hpp>
 
-#include "intake_streams.hpp"
+#include "fragment_streams.hpp"
 #include "support/stream_feeder.hpp"
 
 #include <gtest/gtest.h>
@@ -179,37 +179,36 @@ TEST_F(Splitter, OnePieceYieldsEveryBoxInStreamOrderUpToTheMdat) {
   EXPECT_TRUE(uuid_head[0] == 0xAB && uuid_head[1] == 0xCD);
 }
 
-TEST_F(Splitter, SizeFieldsZeroAndOne) {
-  // 0: the box runs to the end of the stream. It takes the rest of its
-  // piece (its reader gets all of it), and every later piece is its payload:
-  // taken, counted in the position, never split.
+// Size 0: the box runs to the end of the stream, in either mode. It takes
+// the rest of its piece (its reader gets all of it), and every later piece is
+// its payload: taken, counted in the position, never split or queued.
+TEST_F(Splitter, SizeZeroTakesTheRestOfTheStream) {
   const Bytes ftyp = movie_ftyp();
-  ASSERT_TRUE(send(client_, cat({box("ftyp", Bytes{}.str("qt  ").u32(0).str("qt  "), 0), ftyp})));
-  auto headers = drain(client_);
-  ASSERT_EQ(codes(headers), std::vector<int>{1});
-  EXPECT_EQ(headers[0].nBoxSize, 0u);
-  EXPECT_EQ(parse_position(client_), 20 + ftyp.size());
-  EXPECT_EQ(major_brand(client_), "qt  ");
-  ASSERT_TRUE(send(client_, ftyp));
-  EXPECT_TRUE(drain(client_).empty());
-  EXPECT_EQ(pending_events(client_), 0);
-  EXPECT_EQ(parse_position(client_), 20 + 2 * ftyp.size());
-  BOXLANE_STREAMINFO stream{};
-  ASSERT_TRUE(Boxlane_Parse_GetStream(client_.c_str(), &stream));
-  EXPECT_EQ(stream.nStop, uint32_t{BOXLANE_STOP_TOEND});
-  EXPECT_EQ(stream.nStopOffset, 0u);
-  EXPECT_STREQ(stream.tszStopType, "ftyp");
-
-  // 1: reported with size 0, its reader not called, nothing after it split,
-  // and the stream refused from then on.
-  const std::string second = other("splitter/1");
-  ASSERT_TRUE(send(second, cat({box("ftyp", Bytes{}.u64(40).str("isom").u32(0), 1), movie_moov()})));
-  headers = drain(second);
-  ASSERT_EQ(codes(headers), std::vector<int>{1});
-  EXPECT_EQ(headers[0].nBoxSize, 0u);
-  EXPECT_EQ(major_brand(second), "");
-  EXPECT_EQ(parse_position(second), 0u);
-  EXPECT_TRUE(fails_with(send(second, ftyp), BOXLANE_ERROR_PARSE_NOTSUPPORT));
+  for (const std::string& c : {client_, extended("zero/extended")}) {
+    SCOPED_TRACE(c);
+    ASSERT_TRUE(send(c, cat({box("ftyp", Bytes{}.str("qt  ").u32(0).str("qt  "), 0), ftyp})));
+    const auto headers = drain(c);
+    ASSERT_EQ(codes(headers), std::vector<int>{1});
+    EXPECT_EQ(headers[0].nBoxSize, 0u);
+    EXPECT_EQ(major_brand(c), "qt  ");
+    for (int i = 0; i < 64; ++i) ASSERT_TRUE(send(c, Bytes{}.zeros(65536)));
+    EXPECT_TRUE(drain(c).empty());
+    EXPECT_EQ(std::make_tuple(pending_events(c), peek(c).queued), std::make_tuple(0, std::size_t{0}));
+    EXPECT_EQ(parse_position(c), 20 + ftyp.size() + 64 * 65536);
+    BOXLANE_STREAMINFO stream{};
+    ASSERT_TRUE(Boxlane_Parse_GetStream(c.c_str(), &stream));
+    EXPECT_EQ(std::make_tuple(stream.nStop, stream.nStopOffset, std::string(stream.tszStopType)),
+              std::make_tuple(uint32_t{BOXLANE_STOP_TOEND}, uint64_t{0}, std::string("ftyp")));
+  }
+  // A size-0 header that completes in the piece after: the rest of that
+  // piece is its payload too.
+  const std::string split = extended("zero/split");
+  const Bytes mdat = cat({ftyp, box("mdat", {}, 0), ftyp});
+  ASSERT_TRUE(send(split, mdat, 0, ftyp.size() + 3));
+  ASSERT_TRUE(send(split, mdat, ftyp.size() + 3));
+  EXPECT_EQ(codes(drain(split)), (std::vector<int>{1, 2}));
+  EXPECT_EQ(parse_position(split), mdat.size());
+  EXPECT_EQ(stream_info(split).nStopOffset, ftyp.size());
 }
 
 TEST_F(Splitter, MalformedAndOversizedBoxesStopTheStream) {
