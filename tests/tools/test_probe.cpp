@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -66,89 +67,100 @@ void expect_valid_json(const std::string& text) {
       << text.substr(0, 2000);
 }
 
-// Compares probe's JSON and text with what ffprobe reads from the same file,
-// track by track, with the edit lists ignored on ffprobe's side: the parser
-// reports the media as stored.
+std::string sorted_lines(std::vector<std::string> lines) {
+  std::sort(lines.begin(), lines.end());
+  std::string all;
+  for (const auto& line : lines) all += line + "\n";
+  return all;
+}
+
+std::string integer(double v) { return std::to_string(static_cast<long long>(std::floor(v))); }
+
+// What ffprobe reads of a stream, as "key=value" lines, with the edit lists
+// ignored (the parser reports the media as stored), and its packets' bytes,
+// key flags and 1-based key packet numbers.
+std::string ffprobe_view(const std::string& file, char kind) {
+  std::string text;
+  run("ffprobe -v error -ignore_editlist 1 -select_streams " + std::string(1, kind) + " -show_entries stream="
+      "codec_tag_string,profile,level,width,height,channels,sample_rate,nb_frames,duration_ts,duration,time_base,"
+      "bit_rate:stream_tags=language,handler_name -of default=nw=1 " + shell_quote(file), &text);
+  std::vector<std::string> lines;
+  std::istringstream rows(text);
+  for (std::string line; std::getline(rows, line);) lines.push_back(line);
+  double bytes = 0, keys = 0;
+  std::string sync;
+  const auto packets = probe_packets(file, kind, true);
+  for (const auto& packet : packets) {
+    bytes += double(packet.size), keys += packet.key;
+    if (packet.key) sync += " " + std::to_string(&packet - packets.data() + 1);
+  }
+  lines.insert(lines.end(), {"bytes=" + integer(bytes), "keys=" + integer(keys), "packets=" + integer(packets.size()),
+                             "sync=" + sync});
+  return sorted_lines(lines);
+}
+
+// The same from probe's JSON report of the track.
+std::string probe_view(const Json& t) {
+  const Json& c = t["codec"];
+  char seconds[32];
+  std::snprintf(seconds, sizeof seconds, "%.6f", t["duration_seconds"].num());
+  std::string sync;
+  for (const Json& number : t["tables"]["stss"].items) sync += " " + integer(number.num());
+  for (int i = 1; t["all_sync"].flag && i <= t["sample_count"].num(); ++i) sync += " " + std::to_string(i);
+  std::vector<std::string> lines{
+      "TAG:handler_name=" + t["handler_name"].text, "TAG:language=" + t["language"].text,
+      "codec_tag_string=" + c["fourcc"].text, "nb_frames=" + integer(t["sample_count"].num()),
+      "packets=" + integer(t["sample_count"].num()), "duration_ts=" + integer(t["duration"].num()),
+      "duration=" + std::string(seconds), "time_base=1/" + integer(t["timescale"].num()),
+      // ffprobe's bit rate is the same sum over the mdhd duration, cut to an integer.
+      "bit_rate=" + integer(t["bit_rate"].num()), "bytes=" + integer(t["sample_bytes"].num()),
+      "keys=" + integer(t["key_frames"].num()), "sync=" + sync};
+  if (t["handler"].text == "vide") {
+    // The sample entry's and the track header's sizes, one line when they agree.
+    for (const char* side : {"width", "height"})
+      lines.push_back(side + ("=" + integer(c[side].num())) +
+                      (c[side].num() == t[side].num() ? "" : " tkhd " + integer(t[side].num())));
+    lines.insert(lines.end(), {"profile=" + c["profile_name"].text, "level=" + integer(c["level"].num())});
+  } else {
+    const std::string name = c["audio_object_name"].text;
+    lines.insert(lines.end(), {"profile=" + name.substr(name.rfind(' ') + 1),
+                               "channels=" + integer(c["config_channels"].num()),
+                               "sample_rate=" + integer(c["config_sample_rate"].num())});
+  }
+  return sorted_lines(lines);
+}
+
+// probe's JSON and text agree with ffprobe on the file type, every track and
+// the top level of the box tree.
 void expect_agrees_with_ffprobe(const std::string& file) {
   SCOPED_TRACE(file);
-  const Json mine = probe_json(shell_quote(file));
   std::string json_text, text, ff_text;
   ASSERT_EQ(probe("--json " + shell_quote(file), &json_text), 0);
   expect_valid_json(json_text);
   ASSERT_EQ(probe(shell_quote(file), &text), 0);
-  ASSERT_EQ(run("ffprobe -v error -ignore_editlist 1 -show_entries stream=codec_type,codec_tag_string,profile,level,width,"
-                "height,channels,sample_rate,nb_frames,duration_ts,duration,time_base,bit_rate,avg_frame_rate:stream_tags="
-                "language,handler_name:format_tags=major_brand,minor_version,compatible_brands -of json " +
-                    shell_quote(file),
-                &ff_text),
-            0);
-  const Json ff = parse_json(ff_text).value_or(Json{});
-  const Json& tags = ff["format"]["tags"];
-  EXPECT_EQ(mine["file_type"]["major_brand"].text, tags["major_brand"].text);
-  EXPECT_EQ(mine["file_type"]["minor_version"].num(), tags["minor_version"].num());
-  std::string brands;
+  const Json mine = parse_json(json_text).value_or(Json{});
+  run("ffprobe -v error -show_entries format_tags=major_brand,minor_version,compatible_brands -of default=nw=1 " +
+          shell_quote(file), &ff_text);
+  std::string brands = "TAG:major_brand=" + mine["file_type"]["major_brand"].text + "\nTAG:minor_version=" +
+                       integer(mine["file_type"]["minor_version"].num()) + "\nTAG:compatible_brands=";
   for (const Json& brand : mine["file_type"]["compatible_brands"].items) brands += brand.text;
-  EXPECT_EQ(brands, tags["compatible_brands"].text);
+  EXPECT_EQ(sorted_lines({brands}), sorted_lines({ff_text.substr(0, ff_text.size() - 1)}));
 
-  const auto& tracks = mine["tracks"].items;
-  ASSERT_EQ(tracks.size(), ff["streams"].items.size());
-  for (const Json& stream : ff["streams"].items) {
-    const bool video = stream["codec_type"].text == "video";
-    SCOPED_TRACE(stream["codec_type"].text);
-    const auto track = std::find_if(tracks.begin(), tracks.end(),
-                                    [&](const Json& t) { return t["handler"].text == (video ? "vide" : "soun"); });
-    ASSERT_NE(track, tracks.end());
-    const Json& t = *track;
-    const auto packets = probe_packets(file, video ? 'v' : 'a', true);
-    double bytes = 0, keys = 0;
-    std::vector<double> sync;  // 1-based numbers of the key packets
-    for (const auto& packet : packets) {
-      bytes += double(packet.size), keys += packet.key;
-      if (packet.key) sync.push_back(double(&packet - packets.data() + 1));
-    }
-    std::vector<double> stss;
-    for (const Json& number : t["tables"]["stss"].items) stss.push_back(number.num());
-    EXPECT_EQ(t["all_sync"].flag, stss.empty());
-    if (!stss.empty()) {
-      EXPECT_EQ(stss, sync);
-    }
-    EXPECT_EQ(t["language"].text, stream["tags"]["language"].text);
-    EXPECT_EQ(t["handler_name"].text, stream["tags"]["handler_name"].text);
-    // ffprobe's bit rate is the same sum over the mdhd duration, cut to an integer.
-    EXPECT_EQ(std::floor(t["bit_rate"].num()), stream["bit_rate"].num());
-    EXPECT_EQ(t["sample_count"].num(), stream["nb_frames"].num());
-    EXPECT_EQ(t["sample_count"].num(), double(packets.size()));
-    EXPECT_EQ(t["sample_bytes"].num(), bytes);
-    EXPECT_EQ(t["key_frames"].num(), keys);
-    EXPECT_EQ(t["duration"].num(), stream["duration_ts"].num());
-    EXPECT_NEAR(t["duration_seconds"].num(), stream["duration"].num(), 1e-6);
-    EXPECT_EQ("1/" + std::to_string(static_cast<uint64_t>(t["timescale"].num())), stream["time_base"].text);
-    EXPECT_TRUE(t["consistency"]["consistent"].flag);
-    EXPECT_TRUE(t["complete"].flag);
-    const Json& codec = t["codec"];
+  std::string kinds;
+  for (const Json& t : mine["tracks"].items) {
+    const bool video = t["handler"].text == "vide";
+    kinds += video ? 'v' : 'a';
+    EXPECT_EQ(probe_view(t), ffprobe_view(file, video ? 'v' : 'a'));
+    EXPECT_TRUE(t["consistency"]["consistent"].flag && t["complete"].flag);
     char says[160];
     std::snprintf(says, sizeof says, "  bit rate:    %.1f kbit/s (%.0f bytes of samples)\n", t["bit_rate"].num() / 1000,
-                  bytes);
+                  t["sample_bytes"].num());
     EXPECT_NE(text.find(says), std::string::npos) << says << " in " << text;
-    if (video) {
-      const std::string& rate = stream["avg_frame_rate"].text;
-      const std::size_t slash = rate.find('/');
-      EXPECT_DOUBLE_EQ(t["frame_rate"].num(), std::stod(rate.substr(0, slash)) / std::stod(rate.substr(slash + 1)));
-      EXPECT_EQ(codec["fourcc"].text, stream["codec_tag_string"].text);
-      EXPECT_EQ(codec["profile_name"].text, stream["profile"].text);
-      EXPECT_EQ(codec["level"].num(), stream["level"].num());
-      for (const char* side : {"width", "height"}) {
-        EXPECT_EQ(codec[side].num(), stream[side].num()) << side;
-        EXPECT_EQ(t[side].num(), stream[side].num()) << side;
-      }
-      EXPECT_EQ(codec["sps"].items.size(), 1u);
-    } else {
-      EXPECT_EQ(codec["fourcc"].text, "mp4a");
-      EXPECT_EQ(codec["audio_object_name"].text, "AAC " + stream["profile"].text);
-      EXPECT_EQ(codec["config_channels"].num(), stream["channels"].num());
-      EXPECT_EQ(codec["config_sample_rate"].num(), stream["sample_rate"].num());
-    }
   }
+  std::string streams;
+  run("ffprobe -v error -show_entries stream=codec_type -of csv=p=0 " + shell_quote(file), &streams);
+  std::sort(kinds.begin(), kinds.end());
+  EXPECT_EQ(kinds, streams.find("audio") == std::string::npos ? "v" : "av") << streams;
 
   // The box tree's top level sits where the bytes say.
   const auto bytes = read_file(file);
@@ -165,74 +177,78 @@ void expect_agrees_with_ffprobe(const std::string& file) {
 }
 
 TEST_F(ProbeTool, AgreesWithFfprobeOnFilesFromFfmpegAndFromOurWriter) {
-  expect_agrees_with_ffprobe(moov_last_);
-  expect_agrees_with_ffprobe(fast_start_);
-  std::string text;
-  ASSERT_EQ(probe(shell_quote(moov_last_), &text), 0);
-  for (const char* says : {"H.264 High profile, level 1.1, 160x120", "frame rate:  25.000 frames/s",
-                           "AAC LC, 1 channel, 44100 Hz", ", language fra\n",
-                           "tables:      agree: 50 samples timed (stts), 50 sized (stsz), 50 placed in"})
-    EXPECT_NE(text.find(says), std::string::npos) << says << " in " << text;
-
-  const std::string out = temp_dir() + "/ours.mp4", data = source_dir() + "/tests/data/sample.";
-  for (const char* layout : {"", "--faststart"}) {
-    ASSERT_EQ(run(shell_quote(tool_path()) + " mux -q " + layout + " --video " + shell_quote(data + "h264") +
-                  " --audio " + shell_quote(data + "aac") + " -o " + shell_quote(out) + " 2>&1"),
-              0);
-    expect_agrees_with_ffprobe(out);
-  }
-  // H.265 at 10 bits from our writer.
-  const std::string es = out + ".h265";
+  const std::string out = temp_dir() + "/ours", data = source_dir() + "/tests/data/sample.", es = out + ".h265";
   ASSERT_EQ(ffmpeg("-f lavfi -i testsrc2=size=200x120:rate=25:duration=1 -pix_fmt yuv420p10le -c:v libx265 "
                    "-x265-params log-level=error:bframes=3 -f hevc " + shell_quote(es)), 0);
-  ASSERT_EQ(run(shell_quote(tool_path()) + " mux -q --video " + shell_quote(es) + " -o " + shell_quote(out)), 0);
-  expect_agrees_with_ffprobe(out);
-  const Json codec = probe_json(shell_quote(out))["tracks"].items.at(0)["codec"];
+  const std::string mux = shell_quote(tool_path()) + " mux -q ", h264 = "--video " + shell_quote(data + "h264");
+  const std::string aac = " --audio " + shell_quote(data + "aac");
+  const struct {
+    std::string file, mux, says;  // a file, the mux arguments that make it, a line of its text report
+  } cases[] = {
+      {moov_last_, "", "  codec:       avc1, H.264 High profile, level 1.1, 160x120, 4-byte NAL lengths, 1 SPS, 1 PPS\n"},
+      {moov_last_, "", "  frame rate:  25.000 frames/s\n"},
+      {moov_last_, "", ", language fra\n"},
+      {moov_last_, "", "  codec:       mp4a, AAC LC, 1 channel, 44100 Hz\n"},
+      {moov_last_, "", "  tables:      agree: 50 samples timed (stts), 50 sized (stsz), 50 placed in"},
+      {fast_start_, "", "  codec:       mp4a, AAC LC, 2 channels, 48000 Hz\n"},
+      {out + "1.mp4", h264 + aac, "\ntrack 1: video (handler 'vide', \"VideoHandler\")\n"},
+      {out + "2.mp4", "--faststart " + h264 + aac, "movie:       "},
+      // H.265 at 10 bits from our writer.
+      {out + "3.mp4", "--video " + shell_quote(es),
+       "hvc1, H.265 Main 10 profile, Main tier, level 2, 4:2:0, 10-bit, 200x120, 4-byte NAL lengths, 1 VPS, 1 SPS, "
+       "1 PPS\n"},
+  };
+  std::string last, text;
+  for (const auto& c : cases) {
+    if (c.file != last) {
+      if (!c.mux.empty()) {
+        ASSERT_EQ(run(mux + c.mux + " -o " + shell_quote(c.file) + " 2>&1"), 0) << c.mux;
+      }
+      expect_agrees_with_ffprobe(c.file);
+      ASSERT_EQ(probe(shell_quote(c.file), &text), 0);
+    }
+    last = c.file;
+    EXPECT_NE(text.find(c.says), std::string::npos) << c.says << " in " << text;
+  }
+  const Json codec = probe_json(shell_quote(out + "3.mp4"))["tracks"].items.at(0)["codec"];
   EXPECT_EQ(codec["bit_depth"].num() * 10 + codec["chroma_format"].num(), 101);
   EXPECT_EQ(codec["tier_name"].text + codec["level_name"].text, "Main2");
-  ASSERT_EQ(probe(shell_quote(out), &text), 0);
-  EXPECT_NE(text.find("hvc1, H.265 Main 10 profile, Main tier, level 2, 4:2:0, 10-bit, 200x120, 4-byte NAL lengths, "
-                      "1 VPS, 1 SPS, 1 PPS"), std::string::npos) << text;
 }
 
-// Every track's --samples columns: one length, equal to ffprobe's packets in
-// size, offset and key flag, and in decode and composition time relative to
-// the track's first sample and least composition offset.
+// Every track's --samples columns equal ffprobe's packets in size, offset
+// and key flag, and in decode and composition time relative to the track's
+// first sample and least composition offset.
 void expect_samples_like_ffprobe(const Json& report, const std::string& file) {
   const auto packets = packets_by_track(file);
   ASSERT_EQ(report["tracks"].items.size(), packets.size());
   for (const Json& track : report["tracks"].items) {
     const auto id = static_cast<int32_t>(track["id"].num());
-    SCOPED_TRACE("track " + std::to_string(id));
     const std::vector<PacketRow>& want = packets.at(id);
     const Json& s = track["samples"];
     for (const char* column : {"decode_time", "composition_time", "duration", "size", "offset", "sync"})
       ASSERT_EQ(s[column].items.size(), want.size()) << column;
     EXPECT_EQ(track["sample_count"].num(), double(want.size()));
-    double least_mine = 1e300, least_theirs = 1e300, keys = 0, bytes = 0;
+    double least_mine = 1e300, least_theirs = 1e300;
+    const auto at = [&](const char* column, std::size_t i) { return s[column].items[i].num(); };
     for (std::size_t i = 0; i < want.size(); ++i) {
-      least_mine = std::min(least_mine, s["composition_time"].items[i].num() - s["decode_time"].items[i].num());
+      least_mine = std::min(least_mine, at("composition_time", i) - at("decode_time", i));
       least_theirs = std::min(least_theirs, double(want[i].pts - want[i].dts));
-      keys += want[i].key, bytes += double(want[i].size);
     }
-    EXPECT_EQ(track["key_frames"].num(), keys);
-    EXPECT_EQ(track["sample_bytes"].num(), bytes);
-    for (std::size_t i = 0, wrong = 0; i < want.size() && wrong < 5; ++i) {
-      const auto row = [](double dts, double cts, double duration, double size, double pos, bool key) {
-        return std::to_string(dts) + " " + std::to_string(cts) + " " + std::to_string(duration) + " " +
-               std::to_string(size) + " " + std::to_string(pos) + (key ? " K" : "");
-      };
-      const auto at = [&](const char* column) { return s[column].items[i].num(); };
-      const std::string mine = row(at("decode_time") - s["decode_time"].items[0].num(),
-                                   at("composition_time") - at("decode_time") - least_mine,
-                                   i + 1 < want.size() ? at("duration") : 0, at("size"), at("offset"),
-                                   s["sync"].items[i].flag);
-      const std::string theirs = row(double(want[i].dts - want[0].dts), double(want[i].pts - want[i].dts) - least_theirs,
-                                     i + 1 < want.size() ? double(want[i + 1].dts - want[i].dts) : 0,
-                                     double(want[i].size), double(want[i].pos), want[i].key);
-      EXPECT_EQ(mine, theirs) << "sample " << i;
-      wrong += mine != theirs;
+    std::vector<std::string> mine, theirs;
+    const auto row = [](double dts, double cts, double duration, double size, double pos, bool key) {
+      return integer(dts) + " " + integer(cts) + " " + integer(duration) + " " + integer(size) + " " + integer(pos) +
+             (key ? " K" : "");
+    };
+    for (std::size_t i = 0; i < want.size(); ++i) {
+      const bool last = i + 1 == want.size();
+      mine.push_back(row(at("decode_time", i) - at("decode_time", 0),
+                         at("composition_time", i) - at("decode_time", i) - least_mine, last ? 0 : at("duration", i),
+                         at("size", i), at("offset", i), s["sync"].items[i].flag));
+      theirs.push_back(row(double(want[i].dts - want[0].dts), double(want[i].pts - want[i].dts) - least_theirs,
+                           last ? 0 : double(want[i + 1].dts - want[i].dts), double(want[i].size), double(want[i].pos),
+                           want[i].key));
     }
+    EXPECT_EQ(mine, theirs) << "track " << id;
   }
 }
 
@@ -258,14 +274,13 @@ TEST_F(ProbeTool, EverySampleOfFragmentsAndOfA64BitMdatIsListed) {
   // Without --samples the counts stay and the lists go.
   const Json video = probe_json(shell_quote(moov_and_fragments_))["tracks"].items.at(0);
   EXPECT_EQ(video["samples"].kind, Json::kNull);
-  EXPECT_EQ(video["sample_count"].num(), 50);
   EXPECT_GT(video["table_samples"].num(), 0);
   EXPECT_EQ(video["table_samples"].num() + video["fragment_samples"].num(), 50);
   std::string text;
   ASSERT_EQ(probe("--samples " + shell_quote(fragmented_), &text), 0);
-  EXPECT_NE(text.find("\ntrack 1 samples: 50 (decode_time composition_time duration size offset, K: sync)\n         1: "),
-            std::string::npos) << text;
-  EXPECT_NE(text.find("  samples:     50, 5 key frames\n"), std::string::npos) << text;
+  for (const char* says : {"\ntrack 1 samples: 50 (decode_time composition_time duration size offset, K: sync)\n"
+                           "         1: ", "  samples:     50, 5 key frames\n"})
+    EXPECT_NE(text.find(says), std::string::npos) << says << " in " << text;
 }
 
 TEST_F(ProbeTool, SameJsonForEveryPieceSizeAndFromStandardInput) {
@@ -384,34 +399,18 @@ Bytes movie_with_tables(const Bytes& stsz, const Bytes& stss, uint32_t chunks, u
 
 TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
   const std::string dir = temp_dir() + "/";
-  Bytes sizes = Bytes().u32(0).u32(9);
-  for (int i = 0; i < 9; ++i) sizes.u32(100);
-  write_file(dir + "bad.mp4", movie_with_tables(full_box("stsz", 0, 0, sizes),
-                                                full_box("stss", 0, 0, Bytes().u32(2).u32(1).u32(20)), 2));
-  std::string text;
-  ASSERT_EQ(probe(shell_quote(dir + "bad.mp4"), &text), 0);
-  for (const char* says : {"tables:      DISAGREE", "! stts counts 10 samples but stsz lists 9 sizes",
-                           "! the stco chunks hold 8 samples (through stsc) but stts counts 10", "! stss names sample 20",
-                           "samples:     10, 2 key frames\n", "(handler 'vide', \"T\"\\x5C\\x0A\\xFF\")"})
-    EXPECT_NE(text.find(says), std::string::npos) << says << " in " << text;
-  const Json track = probe_json(shell_quote(dir + "bad.mp4"))["tracks"].items.at(0);
-  EXPECT_FALSE(track["consistency"]["consistent"].flag);
-  EXPECT_EQ(track["consistency"]["problems"].items.size(), 3u);
-  EXPECT_EQ(track["handler_name"].text, "T\"\\\n\xC3\xBF");
-  EXPECT_EQ(track["language"].text, "und");
-  EXPECT_EQ(track["tables"]["stco"].items.at(1).num(), 1400);
-  EXPECT_EQ(track["frame_rate"].num(), 1.0);
-  EXPECT_EQ(track["height"].num(), 48);
-
   // A sync sample named twice is out of order too; the last stsc entry runs
   // to the last chunk, so 3 chunks of 4 hold 12 samples.
-  write_file(dir + "twice.mp4", movie_with_tables(full_box("stsz", 0, 0, sizes.u32(100)),
+  Bytes sizes = Bytes().u32(0).u32(9);
+  for (int i = 0; i < 9; ++i) sizes.u32(100);
+  write_file(dir + "twice.mp4", movie_with_tables(full_box("stsz", 0, 0, sizes),
                                                   full_box("stss", 0, 0, Bytes().u32(2).u32(3).u32(3)), 3));
-  const Json twice = probe_json(shell_quote(dir + "twice.mp4"));
-  std::string problems;
-  for (const Json& p : twice["tracks"].items.at(0)["consistency"]["problems"].items) problems += p.text + "|";
-  EXPECT_EQ(problems, "stts counts 10 samples but stsz lists 9 sizes|the stco chunks hold 12 samples (through stsc) but stts counts 10|"
-                      "stss names sample 3, out of order or past the 10 samples|");
+  const Json twice = probe_json(shell_quote(dir + "twice.mp4"))["tracks"].items.at(0);
+  std::string problems, text;
+  for (const Json& p : twice["consistency"]["problems"].items) problems += p.text + "|";
+  EXPECT_EQ(problems, "stts counts 10 samples but stsz lists 9 sizes|the stco chunks hold 12 samples (through stsc) "
+                      "but stts counts 10|stss names sample 3, out of order or past the 10 samples|");
+  EXPECT_EQ(twice["handler_name"].text, "T\"\\\n\xC3\xBF");
 
   // One size for every sample, no stss: 10 samples of 100 bytes in 10 s,
   // the whole report with its tables and boxes.
@@ -522,6 +521,12 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
   const auto with_id = [&](uint32_t id) {
     return changed([&](std::vector<uint8_t>& b) { put32(b, box_at(b, "tkhd", box_at(b, "tkhd") + 8) + 20, id); });
   };
+  const auto with_brands = [&](uint32_t count) {  // probe reads at most 4096
+    Bytes ftyp = Bytes().str("isom").u32(512);
+    for (uint32_t i = 0; i < count; ++i) ftyp.str(i % 2 ? "avc1" : "mp41");
+    return cat({box("ftyp", ftyp), {fast.begin() + get32(fast, 0), fast.end()}});
+  };
+  const std::string brands = "(ftyp) lists 4097 compatible brands, more than probe reads (4096)";
   const std::string unread = "which --strict does not read: their samples are not counted";
   const std::string moov_stop = "the parser stopped inside the movie box (at offset " + std::to_string(second_trak) + ")";
 
@@ -549,6 +554,8 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
        {{}, {"stsc gives samples sample description 2, but the parser hands out only the first"}},
        {{}, {"sample description 2"}}},
       {"track_10.mp4", with_id(10), {}, {}},
+      {"brands_at_cap.mp4", with_brands(4096), {}, {}},
+      {"brands_past_cap.mp4", with_brands(4097), {{brands}}, {{brands}}},
       // An mdat that ends the file loses nothing however its size is given;
       // another box of size 0 may hold what was not read.
       {"large_mdat.mp4", large_mdat, {}, {}},
@@ -601,7 +608,7 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
       EXPECT_EQ(without_bytes(cut_json), without_bytes(whole_json));
       const Json doc = parse_json(whole_json).value_or(Json{});
 
-      const bool whole = want.report.empty() && want.track1.empty() && want.track2.empty() && want.tracks == 2;
+      const bool whole = want.report.empty() && want.track1.empty() && want.track2.empty();
       EXPECT_EQ(doc["complete"].flag, whole);
       EXPECT_EQ(text.find("INCOMPLETE") == std::string::npos, whole) << text;
       const std::string report_missing = joined(doc["missing"]);
