@@ -193,6 +193,7 @@ TEST_F(ProbeTool, AgreesWithFfprobeOnFilesFromFfmpegAndFromOurWriter) {
       {moov_last_, "", "  tables:      agree: 50 samples timed (stts), 50 sized (stsz), 50 placed in"},
       {fast_start_, "", "  codec:       mp4a, AAC LC, 2 channels, 48000 Hz\n"},
       {out + "1.mp4", h264 + aac, "\ntrack 1: video (handler 'vide', \"VideoHandler\")\n"},
+      {out + "1.mp4", h264 + aac, ", language und\n"},
       {out + "2.mp4", "--faststart " + h264 + aac, "movie:       "},
       // H.265 at 10 bits from our writer.
       {out + "3.mp4", "--video " + shell_quote(es),
