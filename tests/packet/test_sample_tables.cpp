@@ -11,16 +11,6 @@ namespace {
 
 using SampleTableTest = WriterTest;
 
-TEST_F(SampleTableTest, ClientWithoutFramesGivesEmptyTablesAndNoCompositionOffsets) {
-  for (const bool video : {true, false}) {
-    EXPECT_EQ(box(Boxlane_Packet_STts, video), bytes_hex("00000010 73747473 00000000 00000000"));
-    EXPECT_EQ(box(Boxlane_Packet_STsz, video), bytes_hex("00000014 7374737A 00000000 00000000 00000000"));
-    EXPECT_EQ(box(Boxlane_Packet_STco, video), bytes_hex("00000010 7374636F 00000000 00000000"));
-  }
-  EXPECT_EQ(box(Boxlane_Packet_STss), bytes_hex("00000010 73747373 00000000 00000000"));
-  refuses(BOXLANE_ERROR_PACKET_NODATA, Boxlane_Packet_CTts);
-}
-
 // A duration merges only with the last run, and a frame without one is in
 // no run; only positive composition offsets get a ctts entry, one each; only
 // key flag 1 marks a sync sample; stco keeps the low 32 bits of a position.
