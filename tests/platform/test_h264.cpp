@@ -148,6 +148,7 @@ struct HandSps {
   std::vector<int32_t> cycle;
   int32_t non_ref = 0;
   std::vector<uint32_t> crop;  // left, right, top, bottom in crop units
+  int sar_idc = -1;            // a VUI with aspect_ratio_idc alone
 
   Nal nal() const {
     Bits b;
@@ -159,7 +160,9 @@ struct HandSps {
     }
     b.ue(2).u(1, 0).ue(width_mbs - 1).ue(14).u(1, 1).u(1, 1).u(1, !crop.empty());
     for (uint32_t c : crop) b.ue(c);
-    return b.u(1, 0).nal(3, kNalSps);
+    b.u(1, sar_idc >= 0);
+    if (sar_idc >= 0) b.u(1, 1).u(8, uint32_t(sar_idc)).u(8, 0);
+    return b.nal(3, kNalSps);
   }
 };
 
@@ -212,6 +215,14 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
   ASSERT_TRUE(parse_sps(wide.data(), wide.size(), s));
   EXPECT_EQ((std::vector<uint32_t>{s.log2_max_frame_num, s.log2_max_poc_lsb, s.width, s.height}),
             (std::vector<uint32_t>{16, 16, 314, 226}));
+  // Table E-1 ends at 16 (2:1); 17 to 254 are reserved and give no ratio.
+  for (const auto& [idc, sar] : {std::pair{1, " sar 1:1"}, {16, " sar 2:1"}, {17, " sar 0:0"}}) {
+    hand.sar_idc = idc;
+    const Nal with_sar = hand.nal();
+    Sps fresh;
+    ASSERT_TRUE(parse_sps(with_sar.data(), with_sar.size(), fresh));
+    EXPECT_NE(summary(fresh).find(sar), std::string::npos) << summary(fresh);
+  }
 }
 
 TEST(H264SliceHeader, X264StreamsInDisplayOrder) {
