@@ -52,15 +52,17 @@ void expect_decodes_like(const std::string& file, const std::string& video_sourc
 std::vector<ProbedPacket> probe_packets(const std::string& path, char kind, bool as_stored) {
   std::string text;
   if (run("ffprobe -v error" + std::string(as_stored ? " -ignore_editlist 1" : "") + " -select_streams " + kind +
-              ":0 -show_entries packet=pts_time,dts_time,size,flags -of csv=p=0 " + shell_quote(path),
+              ":0 -show_entries packet=pts_time,dts_time,size,pos,flags -of csv=p=0 " + shell_quote(path),
           &text) != 0)
     return {};
   const auto seconds = [](const std::string& t) { return t == "N/A" ? std::nan("") : std::strtod(t.c_str(), nullptr); };
   std::vector<ProbedPacket> packets;
   std::istringstream rows(text);
-  for (std::string pts, dts, size, flags; std::getline(rows, pts, ',') && std::getline(rows, dts, ',') &&
-                                          std::getline(rows, size, ',') && std::getline(rows, flags);)
-    packets.push_back({seconds(pts), seconds(dts), std::stoll(size), flags.find('K') != std::string::npos});
+  for (std::string pts, dts, size, pos, flags;
+       std::getline(rows, pts, ',') && std::getline(rows, dts, ',') && std::getline(rows, size, ',') &&
+       std::getline(rows, pos, ',') && std::getline(rows, flags);)
+    packets.push_back({seconds(pts), seconds(dts), std::stoll(size), std::strtoll(pos.c_str(), nullptr, 10),
+                       flags.find('K') != std::string::npos});
   return packets;
 }
 

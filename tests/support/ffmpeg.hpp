@@ -31,6 +31,7 @@ struct ProbedPacket {
   double pts = 0;  // seconds; NaN when ffprobe reports none
   double dts = 0;
   int64_t size = 0;
+  int64_t pos = 0;  // in the file
   bool key = false;
 };
 

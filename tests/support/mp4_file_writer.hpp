@@ -4,65 +4,12 @@
 // sample tables, nested with box headers.
 #pragma once
 
-#include <boxlane/boxlane.h>
-#include <gtest/gtest.h>
-
-#include "platform/adts.hpp"
-
 #include <cstdint>
-#include <initializer_list>
 #include <ostream>
 #include <string>
 #include <vector>
 
 namespace boxlane::test {
-
-// An H.264 Annex B stream with one slice per picture, in access units: each
-// the NAL units before its slice (AUD, SEI) and the slice, without start
-// codes, pointing into the stream.
-struct SplitAccessUnit {
-  std::vector<const uint8_t*> nalus;
-  std::vector<int32_t> lengths;
-  bool key = false;
-};
-struct SplitVideo {
-  std::vector<SplitAccessUnit> units;
-  std::vector<uint8_t> sps, pps;  // the first of each, without start code
-};
-SplitVideo split_access_units(const std::vector<uint8_t>& annexb);
-
-// The frames of an ADTS stream, headers included; `first` gets the first
-// header. Bytes that are not frames fail the running test.
-struct SplitAudioFrame {
-  const uint8_t* data;
-  int32_t size;
-};
-std::vector<SplitAudioFrame> split_adts(const std::vector<uint8_t>& adts, AdtsHeader& first);
-
-// Calls the writer's box functions for one client into a scratch buffer and
-// returns the bytes written; a failure, or a length past the buffer, fails
-// the running test and gives nothing.
-struct Mp4BoxWriter {
-  std::string client;
-  std::vector<uint8_t> scratch;
-
-  template <typename Fn, typename... Args>
-  std::vector<uint8_t> produce(const char* what, std::size_t capacity, Fn fn, Args... args) {
-    scratch.assign(capacity, 0);
-    int32_t length = -1;
-    if (!fn(client.c_str(), scratch.data(), &length, args...)) {
-      ADD_FAILURE() << what << " failed with 0x" << std::hex << Boxlane_GetLastError(nullptr);
-      return {};
-    }
-    if (length < 0 || static_cast<std::size_t>(length) > capacity) {
-      ADD_FAILURE() << what << " reported " << length << " bytes for a buffer of " << capacity;
-      return {};
-    }
-    return {scratch.begin(), scratch.begin() + length};
-  }
-  // A box of the given type around the children, in order.
-  std::vector<uint8_t> container(const char* type, std::initializer_list<std::vector<uint8_t>> children);
-};
 
 struct Mp4VideoInput {
   // H.264 Annex B, one slice per picture, in decode order. SPS and PPS go to

@@ -32,10 +32,12 @@ double json_number(const std::string& json, const std::string& key, double fallb
   return end == start ? fallback : v;
 }
 
+// The MD5 of what a command writes; empty when it writes nothing.
 std::string md5_of(const std::string& command) {
   std::string out;
   if (run(command + " | md5sum", &out) != 0 || out.size() < 32) return {};
-  return out.substr(0, 32);
+  const std::string md5 = out.substr(0, 32);
+  return md5 == "d41d8cd98f00b204e9800998ecf8427e" ? std::string() : md5;
 }
 
 }  // namespace
@@ -71,10 +73,8 @@ Mp4BoxReport read_with_mp4box(const std::string& file) {
       in >> num >> den;
       r.duration = num / den;
     } else if (what == "track") {
-      uint32_t id = 0;
-      std::string codec;
+      std::string id, codec;
       in >> id >> codec;
-      r.tracks.push_back(id);
       r.codecs.push_back(codec);
     } else if (what == "sample") {
       Mp4BoxSample s;
@@ -87,10 +87,6 @@ Mp4BoxReport read_with_mp4box(const std::string& file) {
       uint64_t time = 0, offset = 0;
       in >> track >> time >> offset;
       r.tfra.emplace_back(track, offset);
-    } else if (what == "box") {
-      std::string type;
-      in >> type;
-      r.boxes.push_back(type);
     } else {
       r.errors.push_back(line);
     }
@@ -115,9 +111,15 @@ MsePlayback play_with_mse(const std::string& file) {
   return p;
 }
 
-std::string gstreamer_video_md5(const std::string& file) {
+std::string gstreamer_video_md5(const std::string& file, const std::string& pix_fmt) {
   return md5_of("gst-launch-1.0 -q filesrc location=" + shell_quote(file) +
-                " ! qtdemux ! h264parse ! avdec_h264 ! videoconvert ! video/x-raw,format=I420 ! fdsink fd=1");
+                " ! qtdemux ! decodebin ! videoconvert ! video/x-raw,format=" +
+                (pix_fmt == "yuv420p" ? "I420" : "I420_10LE") + " ! fdsink fd=1");
+}
+
+std::string ffmpeg_video_md5(const std::string& source, const std::string& pix_fmt) {
+  return md5_of("ffmpeg -nostdin -v error -i " + shell_quote(source) + " -pix_fmt " + pix_fmt +
+                " -f rawvideo -");
 }
 
 std::string gstreamer_audio_md5(const std::string& file) {

@@ -25,11 +25,10 @@ struct Mp4BoxSample {
 struct Mp4BoxReport {
   bool fragmented = false;
   double duration = -1;  // mehd, seconds; -1 without
-  std::vector<uint32_t> tracks;
   std::vector<std::string> codecs;  // per track, as RFC 6381 names them
   std::vector<Mp4BoxSample> samples;  // every track, each in decode order
   std::vector<std::pair<uint32_t, uint64_t>> tfra;  // track, moof offset
-  std::vector<std::string> boxes, errors;
+  std::vector<std::string> errors;
   std::size_t count(uint32_t track) const;
 };
 
@@ -54,11 +53,12 @@ struct MsePlayback {
 // (tests/support/browser/mse_play.mjs).
 MsePlayback play_with_mse(const std::string& file);
 
-// MD5 of the pictures GStreamer decodes (qtdemux, avdec_h264) as raw I420;
-// empty on failure.
-std::string gstreamer_video_md5(const std::string& file);
-// Audio samples decoded to interleaved 32-bit float by GStreamer, and by
-// FFmpeg from a source.
+// MD5 of the pictures GStreamer decodes (qtdemux, decodebin), and FFmpeg
+// from a source, as raw 4:2:0 frames of 8 bits (pix_fmt yuv420p) or 10
+// (yuv420p10le); of the audio samples, as interleaved 32-bit float. Empty
+// when nothing is decoded.
+std::string gstreamer_video_md5(const std::string& file, const std::string& pix_fmt = "yuv420p");
+std::string ffmpeg_video_md5(const std::string& source, const std::string& pix_fmt = "yuv420p");
 std::string gstreamer_audio_md5(const std::string& file);
 std::string ffmpeg_audio_md5(const std::string& source);
 

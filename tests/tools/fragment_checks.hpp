@@ -7,8 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -34,29 +32,11 @@ inline std::vector<uint32_t> sequence_numbers(const std::string& file) {
   return numbers;
 }
 
-struct Packet {
-  double dts;
-  int64_t pos;
-  bool key;
-};
-
-inline std::vector<Packet> video_packets(const std::string& file) {
-  std::string text;
-  run("ffprobe -v error -select_streams v:0 -show_entries packet=dts_time,pos,flags -of csv=p=0 " + shell_quote(file),
-      &text);
-  std::vector<Packet> packets;
-  std::istringstream rows(text);
-  for (std::string dts, pos, flags; std::getline(rows, dts, ',') && std::getline(rows, pos, ',') &&
-                                    std::getline(rows, flags);)
-    packets.push_back({std::strtod(dts.c_str(), nullptr), std::stoll(pos), flags.find('K') != std::string::npos});
-  return packets;
-}
-
 // Where the cut rule puts fragments: at the first key frame at least
 // `seconds` after the start of the fragment before.
-inline std::vector<double> expected_cuts(const std::vector<Packet>& packets, double seconds) {
+inline std::vector<double> expected_cuts(const std::vector<ProbedPacket>& packets, double seconds) {
   std::vector<double> cuts{packets.front().dts};
-  for (const Packet& p : packets)
+  for (const ProbedPacket& p : packets)
     if (p.key && p.dts - cuts.back() >= seconds - 1e-6) cuts.push_back(p.dts);
   return cuts;
 }
@@ -75,10 +55,10 @@ inline void expect_fragment_layout(const std::string& file, double seconds) {
   for (std::size_t i = 0; i < numbers.size(); ++i) EXPECT_EQ(numbers[i], i + 1);
   if (seconds <= 0) return;
   // Each fragment opens with a key frame, where the rule puts it.
-  const auto packets = video_packets(file);
+  const auto packets = probe_packets(file, 'v');
   std::vector<double> cuts;
   std::size_t next = 0;
-  for (const Packet& p : packets) {
+  for (const ProbedPacket& p : packets) {
     for (; next < moofs.size() && uint64_t(p.pos) > moofs[next]; ++next) {
       EXPECT_TRUE(p.key) << "fragment " << next << " opens with a picture that is not a key frame";
       cuts.push_back(p.dts);

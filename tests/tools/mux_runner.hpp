@@ -8,6 +8,7 @@
 
 #include "support/ffmpeg.hpp"
 #include "support/paths.hpp"
+#include "support/readers.hpp"
 
 namespace boxlane::test {
 
@@ -66,23 +67,11 @@ inline std::string encode_h265(const std::string& path, const std::string& size,
   return path;
 }
 
-// The MD5 of what a command writes; never of nothing.
-inline std::string md5_of(const std::string& command) {
-  std::string out;
-  run(command + " | md5sum", &out);
-  EXPECT_NE(out.substr(0, 32), "d41d8cd98f00b204e9800998ecf8427e") << "nothing from " << command;
-  return out;
-}
-
-// The pictures GStreamer decodes from a file, and FFmpeg from a source, as
-// raw 4:2:0 frames of 8 bits (pix_fmt yuv420p) or 10 (yuv420p10le); none
-// of the sizes here pads a row.
-inline std::string gstreamer_md5(const std::string& file, const std::string& pix_fmt) {
-  return md5_of("gst-launch-1.0 -q filesrc location=" + shell_quote(file) + " ! qtdemux ! decodebin ! videoconvert ! "
-                "video/x-raw,format=" + (pix_fmt == "yuv420p" ? "I420" : "I420_10LE") + " ! fdsink fd=1");
-}
-inline std::string ffmpeg_md5(const std::string& source, const std::string& pix_fmt) {
-  return md5_of("ffmpeg -nostdin -v error -i " + shell_quote(source) + " -pix_fmt " + pix_fmt + " -f rawvideo -");
+// GStreamer decodes from `file` the pictures FFmpeg decodes from `source`.
+inline void expect_gstreamer_shows(const std::string& file, const Streams& source) {
+  const std::string want = ffmpeg_video_md5(source.video, source.pix_fmt);
+  EXPECT_FALSE(want.empty()) << source.video;
+  EXPECT_EQ(gstreamer_video_md5(file, source.pix_fmt), want) << "GStreamer's pictures of " << file;
 }
 
 inline std::string inputs(const Streams& s, bool video = true, bool audio = true) {

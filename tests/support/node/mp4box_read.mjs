@@ -5,7 +5,6 @@
 //   track ID CODEC TIMESCALE
 //   sample ID DTS CTS SIZE SYNC (every sample, in decode order)
 //   tfra TRACK TIME MOOF_OFFSET (random access entries of mfra)
-//   box TYPE                    (top-level boxes)
 //   error TEXT
 //
 //   BOXLANE_NPM=<folder with node_modules> node mp4box_read.mjs FILE
@@ -55,6 +54,5 @@ if (mfra) {
   }));
 }
 for (const t of report.tfra || []) for (const [time, offset] of t.entries) lines.push(`tfra ${t.track} ${time} ${offset}`);
-for (const b of file.boxes || []) lines.push(`box ${b.type}`);
 for (const e of report.errors) lines.push(`error ${e}`);
 console.log(lines.join('\n'));
