@@ -43,7 +43,6 @@ std::string md5_of(const std::string& command) {
 }  // namespace
 
 std::string npm_dir() { return binary_dir() + "/npm"; }
-bool have_mp4box() { return has_package("mp4box-2"); }
 bool have_chromium() { return has_package("playwright-core") && std::filesystem::exists("/usr/bin/chromium"); }
 bool have_gstreamer() {
   return have_command("gst-inspect-1.0") &&

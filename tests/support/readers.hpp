@@ -11,7 +11,6 @@ namespace boxlane::test {
 
 // Where scripts/test.sh installs the npm packages: <build>/npm.
 std::string npm_dir();
-bool have_mp4box();     // node and mp4box.js 2.x (npm mp4box, installed as mp4box-2)
 bool have_chromium();   // node, playwright-core and /usr/bin/chromium
 bool have_gstreamer();  // gst-launch-1.0 with qtdemux, h264parse, avdec_h264, avdec_aac
 
@@ -32,7 +31,7 @@ struct Mp4BoxReport {
   std::size_t count(uint32_t track) const;
 };
 
-// What mp4box.js reads from the file.
+// What mp4box.js 2.x (npm mp4box, installed as mp4box-2) reads from the file.
 Mp4BoxReport read_with_mp4box(const std::string& file);
 
 struct MsePlayback {
