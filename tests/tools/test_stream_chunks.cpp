@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/box_builder.hpp"
 #include "support/ffmpeg.hpp"
 #include "support/paths.hpp"
 #include "tools/common/tool_error.hpp"
@@ -75,33 +76,39 @@ TEST(StreamChunks, VideoIsCutWhereEachIdrAccessUnitBegins) {
 }
 
 TEST(StreamChunks, AudioComesInWholeFramesAndACutFrameIsReported) {
-  const std::string path = source_dir() + "/tests/data/sample.aac";
-  const auto bytes = read_file(path);
+  const auto plain = read_file(source_dir() + "/tests/data/sample.aac");
   tool::AudioStream whole;
-  tool::scan_audio(bytes.data(), bytes.size(), "whole", whole);
+  tool::scan_audio(plain.data(), plain.size(), "whole", whole);
+  // The same frames after an ID3v2.4 tag of 200 bytes (syncsafe size 01 48) and its footer.
+  auto tag = unhex("49 44 33 04 00 10 00 00 01 48");
+  tag.resize(210);
+  const std::vector<uint8_t> tagged = cat({tag, unhex("33 44 49 04 00 10 00 00 01 48"), plain});
   const std::string dir = temp_dir() + "/";
-  const std::size_t cut = bytes.size() - 5;
-  write_file(dir + "cut.aac", {bytes.begin(), bytes.begin() + long(cut)});
-  for (const std::size_t piece : {1, 6, 7, 100, 0}) {
-    for (const bool cut_short : {false, true}) {
-      SCOPED_TRACE(std::to_string(piece) + (cut_short ? " cut" : ""));
-      LiveInput in(cut_short ? dir + "cut.aac" : path);
-      AudioChunker chunker(in);
-      AudioChunk chunk;
-      std::size_t frames = 0;
-      uint64_t next = 0;
-      while (!chunker.finished()) {
-        in.read_some(piece);
-        while (chunker.next(chunk)) {
-          EXPECT_EQ(chunk.input_offset, next);
-          next += chunk.bytes.size();
-          frames += chunk.stream.frames.size();
+  for (const auto* bytes : {&plain, &tagged}) {
+    write_file(dir + "in.aac", *bytes);
+    write_file(dir + "cut.aac", {bytes->begin(), bytes->end() - 5});
+    for (const std::size_t piece : {1, 6, 7, 100, 0}) {
+      for (const bool cut_short : {false, true}) {
+        SCOPED_TRACE(std::to_string(bytes->size()) + " bytes read " + std::to_string(piece) + " at a time" +
+                     (cut_short ? ", cut" : ""));
+        LiveInput in(dir + (cut_short ? "cut.aac" : "in.aac"));
+        AudioChunker chunker(in);
+        AudioChunk chunk;
+        std::size_t frames = 0;
+        uint64_t next = 0;
+        while (!chunker.finished()) {
+          in.read_some(piece);
+          while (chunker.next(chunk)) {
+            EXPECT_EQ(chunk.input_offset, next);
+            next += chunk.bytes.size();
+            frames += chunk.stream.frames.size();
+          }
         }
-      }
-      EXPECT_EQ(frames, whole.frames.size() - (cut_short ? 1 : 0));
-      EXPECT_EQ(chunker.cut_short(), cut_short);
-      if (cut_short) {
-        EXPECT_EQ(chunker.cut_at(), bytes.size() - whole.frames.back().size);
+        EXPECT_EQ(frames, whole.frames.size() - (cut_short ? 1 : 0));
+        EXPECT_EQ(chunker.cut_short(), cut_short);
+        if (cut_short) {
+          EXPECT_EQ(chunker.cut_at(), bytes->size() - whole.frames.back().size);
+        }
       }
     }
   }
