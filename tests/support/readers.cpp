@@ -67,10 +67,6 @@ Mp4BoxReport read_with_mp4box(const std::string& file) {
       int f = 0;
       in >> f;
       r.fragmented = f != 0;
-    } else if (what == "duration") {
-      double num = 0, den = 1;
-      in >> num >> den;
-      r.duration = num / den;
     } else if (what == "track") {
       std::string id, codec;
       in >> id >> codec;

@@ -23,7 +23,6 @@ struct Mp4BoxSample {
 
 struct Mp4BoxReport {
   bool fragmented = false;
-  double duration = -1;  // mehd, seconds; -1 without
   std::vector<std::string> codecs;  // per track, as RFC 6381 names them
   std::vector<Mp4BoxSample> samples;  // every track, each in decode order
   std::vector<std::pair<uint32_t, uint64_t>> tfra;  // track, moof offset

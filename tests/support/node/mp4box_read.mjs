@@ -1,7 +1,6 @@
 // Reads an MP4 file with mp4box.js (the npm package mp4box, an independent
 // reader) and prints what it found, one fact a line:
 //   fragmented 0|1
-//   duration NUM DEN            (mehd, when there is one)
 //   track ID CODEC TIMESCALE
 //   sample ID DTS CTS SIZE SYNC (every sample, in decode order)
 //   tfra TRACK TIME MOOF_OFFSET (random access entries of mfra)
@@ -24,7 +23,6 @@ const report = { errors: [], tracks: [] };
 file.onError = (e) => report.errors.push(String(e));
 file.onReady = (info) => {
   report.fragmented = info.isFragmented;
-  report.fragmentDuration = info.fragment_duration ?? null;
   report.timescale = info.timescale;
   for (const t of info.tracks) {
     report.tracks.push({ id: t.id, codec: t.codec, timescale: t.timescale, samples: [] });
@@ -42,8 +40,6 @@ file.appendBuffer(buffer);
 file.flush();
 const lines = [];
 lines.push(`fragmented ${report.fragmented ? 1 : 0}`);
-const d = report.fragmentDuration;
-if (d && d.num) lines.push(`duration ${d.num} ${d.den}`);
 for (const t of report.tracks) lines.push(`track ${t.id} ${t.codec} ${t.timescale}`);
 for (const t of report.tracks) for (const s of t.samples) lines.push(`sample ${t.id} ${s.join(' ')}`);
 const mfra = file.mfra || (file.boxes || []).find((b) => b.type === 'mfra');
