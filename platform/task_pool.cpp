@@ -34,9 +34,8 @@ bool fail(uint64_t code) noexcept {
 }
 
 // One client of a pool. Its count is changed without the pool's mutex: a
-// Send raising it and a Recv lowering it touch only this client's line and,
-// when the count leaves or reaches zero, the pool's number of ready clients.
-// Aligned to a cache line of its own, so that two threads' clients never
+// Send raising it and a Recv lowering it touch only this client's line (and
+// read the pool's hint that some count is positive). Aligned to a cache line of its own, so that two threads' clients never
 // share one.
 struct alignas(64) Client {
   explicit Client(std::string_view a) : addr(a) {}
@@ -67,14 +66,33 @@ struct Pool {
   std::unordered_map<std::string_view, std::list<std::shared_ptr<Client>>::iterator, ViewHash, std::equal_to<>> index;
   bool activated = false;
   bool closed = false;
-  // Clients whose count is positive, and threads asleep in WaitEvent. A
-  // count that rises from zero raises `ready` and then reads `waiters`; a
-  // waiter raises `waiters` (under the mutex) and then reads `ready`. Both
-  // sequentially consistent, so at least one of them sees the other: the
-  // waiter does not sleep, or the count's owner takes the mutex and wakes it.
-  alignas(64) std::atomic<int> ready{0};
+  // Threads asleep in WaitEvent, and a hint that some client's count may
+  // be positive. A count that rises from zero sets the hint (unless it is
+  // set already: then the line stays shared, unwritten) and then reads
+  // `waiters`; a waiter raises `waiters` (under the mutex) and then looks at
+  // the hint and the counts. All sequentially consistent, so at least one
+  // of them sees the other: the waiter does not sleep, or the count's owner
+  // takes the mutex and wakes it. Only a waiter clears the hint, after a
+  // look at every count found none positive.
+  alignas(64) std::atomic<bool> maybe_ready{false};
   std::atomic<int> waiters{0};
 
+  bool any_positive() const noexcept {
+    for (const auto& node : clients)
+      if (node->events.load() > 0) return true;
+    return false;
+  }
+  // Under the mutex: whether some client has events. The hint is cleared
+  // before a second look, so a count that rises during the first is seen
+  // either by the second look or by its owner, who then sets the hint again.
+  bool has_events() noexcept {
+    if (!maybe_ready.load()) return false;
+    if (any_positive()) return true;
+    maybe_ready.store(false);
+    if (!any_positive()) return false;
+    maybe_ready.store(true);
+    return true;
+  }
   // Null when memory ran out; the pool is then unchanged.
   std::shared_ptr<Client> add(std::string_view addr) noexcept {
     try {
@@ -94,13 +112,14 @@ struct Pool {
   // Under the mutex.
   void remove(std::list<std::shared_ptr<Client>>::iterator node) noexcept {
     Client& client = **node;
-    if (client.events.exchange(kGone) > 0) ready.fetch_sub(1);
+    client.events.store(kGone);
     index.erase(std::string_view(client.addr));  // before the node, whose string the key views
     clients.erase(node);
   }
   // Counts one event up (never past INT_MAX); false when the client has
-  // left the pool. Needs no lock: the pool's mutex is taken only to wake
-  // waiters when the count rises from zero.
+  // left the pool. Needs no lock, and writes no line that other clients'
+  // counts write: the pool's mutex is taken only to wake waiters when the
+  // count rises from zero.
   bool raise(Client& client) noexcept {
     int count = client.events.load(std::memory_order_relaxed);
     do {
@@ -108,7 +127,7 @@ struct Pool {
       if (count == INT_MAX) return true;
     } while (!client.events.compare_exchange_weak(count, count + 1));
     if (count == 0) {
-      ready.fetch_add(1);
+      if (!maybe_ready.load()) maybe_ready.store(true);
       if (waiters.load() > 0) {
         { std::lock_guard lock(mutex); }  // a waiter between its check and its sleep is asleep now
         wake.notify_all();
@@ -124,7 +143,6 @@ struct Pool {
       if (count == kGone) return false;
       if (count == 0) return true;
     } while (!client.events.compare_exchange_weak(count, count - 1));
-    if (count == 1) ready.fetch_sub(1);
     return true;
   }
 };
@@ -386,7 +404,11 @@ bool Rendavo_TaskPool_WaitEventEx(void* xhPool, int nPoolIndex, int nTimeout) {
   Pool* pool = resolve(xhPool, nPoolIndex, set);
   if (pool == nullptr) return false;
   std::unique_lock lock(pool->mutex);
-  const auto done = [pool] { return pool->closed || pool->activated || pool->ready.load() > 0; };
+  bool events = false;
+  const auto done = [pool, &events] {
+    events = pool->has_events();
+    return pool->closed || pool->activated || events;
+  };
   if (!done() && nTimeout != 0) {
     ++pool->waiters;
     if (nTimeout < 0) {
@@ -401,8 +423,7 @@ bool Rendavo_TaskPool_WaitEventEx(void* xhPool, int nPoolIndex, int nTimeout) {
     pool->activated = false;
     return true;
   }
-  if (pool->ready.load() > 0) return true;
-  return fail(RENDAVO_ERROR_TASKPOOL_TIMEOUT);
+  return events || fail(RENDAVO_ERROR_TASKPOOL_TIMEOUT);
 }
 
 bool Rendavo_TaskPool_ActiveEventEx(void* xhPool, int nPoolIndex) {
