@@ -27,15 +27,15 @@ BOXLANE_READER_PACKAGES=(ffmpeg gstreamer1.0-tools gstreamer1.0-plugins-good gst
   gstreamer1.0-libav chromium)
 
 # npm packages the tests run with node, installed into the folder given
-# (never committed): mp4box.js 0.5 (the H.265 tests) and 2.x (as mp4box-2:
-# it reads every tfra entry, which 0.5 does not), and playwright-core.
+# (never committed): mp4box.js 2.x (as mp4box-2: it reads every tfra entry,
+# which 0.5 does not) and playwright-core.
 install_npm_packages() {
   local dir=$1 pkg wanted=()
-  for pkg in mp4box mp4box-2 playwright-core; do
+  for pkg in mp4box-2 playwright-core; do
     [ -f "$dir/node_modules/$pkg/package.json" ] || wanted+=("$pkg")
   done
   [ ${#wanted[@]} -eq 0 ] && return 0
   command -v npm >/dev/null || ensure_packages nodejs npm
   mkdir -p "$dir"
-  npm install --prefix "$dir" --no-audit --no-fund --silent mp4box@0.5.4 mp4box-2@npm:mp4box@2 playwright-core@1 >/dev/null
+  npm install --prefix "$dir" --no-audit --no-fund --silent mp4box-2@npm:mp4box@2 playwright-core@1 >/dev/null
 }
