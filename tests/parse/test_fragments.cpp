@@ -1,21 +1,13 @@
-// The extended mode of a parse client on hand-built streams: which header
-// records the new boxes get (and that a client of the specified mode keeps
-// its records), boxes with 64-bit sizes, and the
-// samples a moof's track fragments hand out for every tfhd and trun field,
-// worked out by hand from ISO/IEC 14496-12 §8.8. Then track fragments that
-// lie (cut counts, data inside the moof or past 64-bit offsets, unknown
-// tracks, short boxes, overlapping data), each with a defined answer or left
-// out and counted; and the bounded queue of answers.
-#include "fragment_streams.hpp"
-#include "support/stream_feeder.hpp"
-
-#include <gtest/gtest.h>
+// The extended mode of a parse client on hand-built streams: the records the
+// new boxes get (and a client of the specified mode unchanged), 64-bit box
+// sizes, and the samples a moof's track fragments hand out for the tfhd and
+// trun fields, worked out by hand from ISO/IEC 14496-12 §8.8. Then track
+// fragments that lie, each with a defined answer or left out and counted,
+// and the bounded queue of answers.
+#include "parse_fixtures.hpp"
 
 #include <functional>
-#include <mutex>
-#include <shared_mutex>
-#include <string>
-#include <vector>
+#include <tuple>
 
 namespace boxlane::test {
 namespace {
@@ -25,17 +17,18 @@ constexpr uint32_t kNonSync = 0x01010000;  // depends on others, non-sync bit se
 
 using Extended = ParseClientTest;
 
-// A movie of two tracks: track 1 (90 kHz) with empty tables, track 2
-// (48 kHz) with two samples of its own in an mdat after the moov; mvex
-// gives both trex defaults. Then three moof + mdat pairs exercising the
-// data bases, defaults and time rules of §8.8.7 and §8.8.8.
+// A moof built twice, so that a data_offset can name the byte after it and
+// the mdat header (size + 8).
+Bytes moof_with_offset(const std::function<Bytes(int32_t)>& make) { return make(int32_t(make(0).size() + 8)); }
+
+// Track 1 (90 kHz) with empty tables, track 2 (48 kHz) with two samples of
+// its own; mvex gives both trex defaults. Then three moof + mdat pairs for
+// the data bases, defaults and time rules of §8.8.7 and §8.8.8.
 struct FragmentedMovie {
   Bytes stream;
-  uint64_t moof1 = 0, data1 = 0, moof2 = 0, data2 = 0, moof3 = 0, data3 = 0;
-  std::size_t moof1_size = 0, moof2_size = 0, moof3_size = 0;
+  uint64_t moof1 = 0, data1 = 0, data2 = 0, data3 = 0;
 
   FragmentedMovie() {
-    const Bytes ftyp = movie_ftyp();
     const auto build_moov = [](uint32_t chunk) {
       return moov_box({trak_box(1, 90000, {runs_box("stts", 0, {}), stsc_box({}), stsz_box(0, 0), u32_table("stco", {})}),
                        trak_box(2, 48000, {runs_box("stts", 0, {{2, 1024}}), stsc_box({{1, 2, 1}}), stsz_box(0, 2, {10, 20}),
@@ -43,56 +36,39 @@ struct FragmentedMovie {
                        box("mvex", cat({full_box("mehd", 1, 0, Bytes{}.u64(0x100000000ull)),
                                         trex_box(1, 1, 3000, 0, kNonSync), trex_box(2, 1, 1024, 300, kSync)}))});
     };
-    const std::size_t moov_size = build_moov(0).size();
-    const Bytes moov = build_moov(uint32_t(ftyp.size() + moov_size + 8));
-    stream = cat({ftyp, moov, box("mdat", Bytes{}.zeros(30))});
-
+    stream = movie_ftyp();
+    stream.add(build_moov(uint32_t(stream.size() + build_moov(0).size() + 8))).add(box("mdat", Bytes{}.zeros(30)));
     // moof 1: track 1 based on the moof, with tfdt v1, first-sample flags
     // and signed offsets; track 2 with no base flag (its data follows track
     // 1's), no tfdt (its time follows its moov samples) and trex sizes.
     moof1 = stream.size();
-    const auto build1 = [](int32_t offset) {
-      return moof_box(1, {box("traf", cat({tfhd_box({0x020000, 1}), tfdt_box(1, 90000),
+    stream.add(moof_with_offset([](int32_t offset) {
+      return moof_box(1, {box("traf", cat({tfhd_box({0x020000, 1}), full_box("tfdt", 1, 0, Bytes{}.u64(90000)),
                                           trun_box(1, 0x001 | 0x004 | 0x200 | 0x800,
                                                    {{0, 100, 0, 0}, {0, 50, 0, uint32_t(-1000)}, {0, 60, 0, 2000}},
                                                    offset, kSync)})),
                           box("traf", cat({tfhd_box({0, 2}), trun_box(0, 0x100, {{1024}, {512}})}))});
-    };
-    moof1_size = build1(0).size();
-    stream.add(build1(int32_t(moof1_size + 8)));
-    data1 = moof1 + moof1_size + 8;
+    }));
+    data1 = stream.size() + 8;
     stream.add(box("mdat", Bytes{}.zeros(810)));
-
     // moof 2: an explicit base, tfhd defaults over the trex's, no tfdt, two
     // truns of version 0, the second without data_offset.
-    moof2 = stream.size();
-    const auto build2 = [&](uint64_t base, int32_t offset) {
-      return moof_box(2, {box("traf", cat({tfhd_box({0x01 | 0x02 | 0x08 | 0x20, 1, base, 2, 2000, 0, kNonSync}),
+    const uint64_t moof2 = stream.size();
+    stream.add(moof_with_offset([&](int32_t offset) {
+      return moof_box(2, {box("traf", cat({tfhd_box({0x01 | 0x02 | 0x08 | 0x20, 1, moof2, 2, 2000, 0, kNonSync}),
                                           trun_box(0, 0x001 | 0x200 | 0x400, {{0, 5, kSync}, {0, 6, kNonSync}}, offset),
                                           trun_box(0, 0x200 | 0x800, {{0, 7, 0, 0xFFFFFFFFu}})}))});
-    };
-    moof2_size = build2(0, 0).size();
-    stream.add(build2(moof2, int32_t(moof2_size + 8)));
-    data2 = moof2 + moof2_size + 8;
+    }));
+    data2 = stream.size() + 8;
     stream.add(box("mdat", Bytes{}.zeros(18)));
-
     // moof 3: the first traf without a base flag is based on the moof.
-    moof3 = stream.size();
-    const auto build3 = [](int32_t offset) {
+    stream.add(moof_with_offset([](int32_t offset) {
       return moof_box(3, {box("traf", cat({tfhd_box({0, 2}), trun_box(0, 0x001, {{}}, offset)}))});
-    };
-    moof3_size = build3(0).size();
-    stream.add(build3(int32_t(moof3_size + 8)));
-    data3 = moof3 + moof3_size + 8;
+    }));
+    data3 = stream.size() + 8;
     stream.add(box("mdat", Bytes{}.zeros(300)));
   }
 };
-
-std::string sample(uint64_t dts, int64_t cts, uint32_t duration, uint32_t size, uint64_t at, uint32_t flags,
-                   bool known = true) {
-  BOXLANE_SAMPLEINFO s{dts, cts, at, duration, size, flags, uint8_t((flags & 0x10000) == 0), known, {}};
-  return text(s);
-}
 
 TEST_F(Extended, FragmentSamplesFollowTheDefaultsBasesAndTimesOfTheStandard) {
   const FragmentedMovie movie;
@@ -101,50 +77,36 @@ TEST_F(Extended, FragmentSamplesFollowTheDefaultsBasesAndTimesOfTheStandard) {
   ASSERT_EQ(whole.error, 0u);
   const std::vector<Fragment> fragments = take_fragments(client);
   ASSERT_EQ(fragments.size(), 4u);
-
   const uint64_t d1 = movie.data1, d2 = movie.data2;
-  EXPECT_EQ(texts(fragments[0].samples),
-            (std::vector<std::string>{sample(90000, 90000, 3000, 100, d1, kSync),
-                                      sample(93000, 92000, 3000, 50, d1 + 100, kNonSync),
-                                      sample(96000, 98000, 3000, 60, d1 + 150, kNonSync)}));
-  EXPECT_EQ(texts(fragments[1].samples),
-            (std::vector<std::string>{sample(2048, 2048, 1024, 300, d1 + 210, kSync),
-                                      sample(3072, 3072, 512, 300, d1 + 510, kSync)}));
-  EXPECT_EQ(texts(fragments[2].samples),
-            (std::vector<std::string>{sample(99000, 99000, 2000, 5, d2, kSync),
-                                      sample(101000, 101000, 2000, 6, d2 + 5, kNonSync),
-                                      sample(103000, 103000 + 4294967295ll, 2000, 7, d2 + 11, kNonSync)}));
-  EXPECT_EQ(texts(fragments[3].samples),
-            (std::vector<std::string>{sample(3584, 3584, 1024, 300, movie.data3, kSync)}));
+  const std::vector<std::vector<std::string>> want = {
+      {sample(90000, 90000, 3000, 100, d1, kSync, true, true),
+       sample(93000, 92000, 3000, 50, d1 + 100, kNonSync, false, true),
+       sample(96000, 98000, 3000, 60, d1 + 150, kNonSync, false, true)},
+      {sample(2048, 2048, 1024, 300, d1 + 210, kSync, true, true), sample(3072, 3072, 512, 300, d1 + 510, kSync, true, true)},
+      {sample(99000, 99000, 2000, 5, d2, kSync, true, true), sample(101000, 101000, 2000, 6, d2 + 5, kNonSync, false, true),
+       sample(103000, 103000 + 4294967295ll, 2000, 7, d2 + 11, kNonSync, false, true)},
+      {sample(3584, 3584, 1024, 300, movie.data3, kSync, true, true)},
+  };
+  for (std::size_t i = 0; i < want.size(); ++i) EXPECT_EQ(texts(fragments[i].samples), want[i]) << "answer " << i;
 
   const BOXLANE_FRAGMENTINFO& a = fragments[0].info;
-  EXPECT_EQ(std::make_tuple(a.nTrackID, a.nSequence, a.nMoofOffset, a.nMoofSize, a.nBaseDecodeTime, a.nDataStart,
-                            a.nDataEnd, a.nSampleCount, a.nTrafIndex, a.nTfhdFlags, a.nDescriptionIndex, a.nProblems,
-                            a.bHasTfdt),
-            std::make_tuple(1, 1u, movie.moof1, uint64_t(movie.moof1_size), uint64_t{90000}, d1, d1 + 210, 3u, 0u,
-                            0x020000u, 1u, 0u, uint8_t{1}));
-  const BOXLANE_FRAGMENTINFO& b = fragments[1].info;
+  EXPECT_EQ(std::tuple(a.nTrackID, a.nSequence, a.nMoofOffset, a.nBaseDecodeTime, a.nDataStart, a.nDataEnd,
+                       a.nSampleCount, a.nTrafIndex, a.nTfhdFlags, a.nDescriptionIndex, a.nProblems, a.bHasTfdt),
+            std::tuple(1, 1u, movie.moof1, uint64_t{90000}, d1, d1 + 210, 3u, 0u, 0x020000u, 1u, 0u, uint8_t{1}));
   // Track 2's data starts where track 1's ends: next to it, no overlap.
-  EXPECT_EQ(std::make_tuple(b.nTrackID, b.nTrafIndex, b.nBaseDecodeTime, b.nDataStart, b.nDataEnd, b.bHasTfdt, b.nProblems),
-            std::make_tuple(2, 1u, uint64_t{2048}, d1 + 210, d1 + 810, uint8_t{0}, 0u));
+  const BOXLANE_FRAGMENTINFO& b = fragments[1].info;
+  EXPECT_EQ(std::tuple(b.nTrackID, b.nTrafIndex, b.nBaseDecodeTime, b.nDataStart, b.nDataEnd, b.bHasTfdt, b.nProblems),
+            std::tuple(2, 1u, uint64_t{2048}, d1 + 210, d1 + 810, uint8_t{0}, 0u));
   const BOXLANE_FRAGMENTINFO& c = fragments[2].info;
-  EXPECT_EQ(std::make_tuple(c.nSequence, c.nDescriptionIndex, c.nTfhdFlags, c.nBaseDecodeTime, c.nProblems),
-            std::make_tuple(2u, 2u, 0x2Bu, uint64_t{99000}, 0u));
+  EXPECT_EQ(std::tuple(c.nSequence, c.nDescriptionIndex, c.nTfhdFlags, c.nBaseDecodeTime), std::tuple(2u, 2u, 0x2Bu, uint64_t{99000}));
 
   BOXLANE_TRACKINDEX index{};
   ASSERT_TRUE(Boxlane_Parse_GetTrackIndex(client.c_str(), 1, &index));
-  EXPECT_EQ(std::make_tuple(index.nTrackFragments, index.nFragmentSamples, index.nFragmentEnd, index.bHasTrex,
-                            index.nTrexDuration, index.nTrexFlags),
-            std::make_tuple(2u, uint64_t{6}, uint64_t{105000}, uint8_t{1}, 3000u, kNonSync));
-  ASSERT_TRUE(Boxlane_Parse_GetTrackIndex(client.c_str(), 2, &index));
-  EXPECT_EQ(std::make_tuple(index.nTableSamples, index.nTrackFragments, index.nFragmentSamples, index.nFragmentEnd),
-            std::make_tuple(uint64_t{2}, 2u, uint64_t{3}, uint64_t{4608}));
+  EXPECT_EQ(std::tuple(index.nTrackFragments, index.nFragmentSamples, index.nFragmentEnd, index.bHasTrex, index.nTrexFlags),
+            std::tuple(2u, uint64_t{6}, uint64_t{105000}, uint8_t{1}, kNonSync));
   const BOXLANE_STREAMINFO stream = stream_info(client);
-  EXPECT_EQ(std::make_tuple(stream.nFlags, stream.nFragments, stream.nFragmentDuration, stream.bMovieExtends,
-                            stream.nOutsideData, stream.nSkippedTrafs, stream.nDroppedFragments, stream.nStop),
-            std::make_tuple(uint32_t{BOXLANE_PARSE_EXTENDED}, 3u, uint64_t{0x100000000}, uint8_t{1}, 0u, 0u, 0u,
-                            uint32_t{BOXLANE_STOP_NONE}));
-
+  EXPECT_EQ(std::tuple(stream.nFlags, stream.nFragments, stream.nFragmentDuration, stream.bMovieExtends, stream.nOutsideData),
+            std::tuple(uint32_t{BOXLANE_PARSE_EXTENDED}, 3u, uint64_t{0x100000000}, uint8_t{1}, 0u));
   // However the stream is cut, the same records and the same answers.
   const std::string cut = extended("fragments/movie/1-byte pieces");
   expect_same_feed(feed(cut, movie.stream, {}, 1), whole, "1-byte pieces");
@@ -154,87 +116,67 @@ TEST_F(Extended, FragmentSamplesFollowTheDefaultsBasesAndTimesOfTheStandard) {
 }
 
 TEST_F(Extended, RecordsOfTheNewBoxesAndTheSpecifiedModeUnchanged) {
-  const FragmentedMovie movie;
   const Bytes extra = cat({box("styp", Bytes{}.str("msdh").u32(0)), full_box("sidx", 1, 0, Bytes{}.zeros(32)),
                            full_box("emsg", 0, 0, Bytes{}.zeros(12)),
                            box("mfra", cat({full_box("tfra", 1, 0, Bytes{}.zeros(12)), full_box("mfro", 0, 0, Bytes{}.u32(16))}))});
-  const Bytes stream = cat({movie.stream, extra});
+  const Bytes stream = cat({FragmentedMovie().stream, extra});
   const std::string wide = extended("records/extended");
   const FeedResult fed = feed(wide, stream);
-  ASSERT_EQ(fed.error, 0u);
-  const std::vector<int> moov_track = {31, 311, 313, 3131, 3132, 3133, 31336, 313362, 313363, 313364, 313365};
-  std::vector<int> want = {1, 3, 30};
-  want.insert(want.end(), moov_track.begin(), moov_track.end());
-  want.insert(want.end(), moov_track.begin(), moov_track.end());
-  want.insert(want.end(), {32, 322, 321, 321, 2,             // mvex, mehd, trex x2, mdat
+  const Codes track = {31, 311, 313, 3131, 3132, 3133, 31336, 313362, 313363, 313364, 313365};
+  Codes want = {1, 3, 30};
+  for (int i = 0; i < 2; ++i) want.insert(want.end(), track.begin(), track.end());
+  const std::size_t moov_records = want.size();
+  want.insert(want.end(), {32, 322, 321, 321, 2,                     // mvex, mehd, trex x2, mdat
                            5, 51, 52, 521, 522, 523, 52, 521, 523, 2,  // moof 1
-                           5, 51, 52, 521, 523, 523, 2,        // moof 2
-                           5, 51, 52, 521, 523, 2,             // moof 3
+                           5, 51, 52, 521, 523, 523, 2,                // moof 2
+                           5, 51, 52, 521, 523, 2,                     // moof 3
                            7, 6, 8, 9, 91, 92});
   EXPECT_EQ(codes(fed.headers), want);
-  // Full boxes carry version and flags: the first trun of moof 1 is
-  // version 1 with flags 0x000A05.
-  const auto trun = std::find_if(fed.headers.begin(), fed.headers.end(),
-                                 [](const QORVANE_MP4HDR& h) { return h.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TRUN; });
-  ASSERT_NE(trun, fed.headers.end());
-  EXPECT_EQ(std::make_tuple(trun->byVersion, trun->byFlags[0], trun->byFlags[1], trun->byFlags[2]),
-            std::make_tuple(uint8_t{1}, uint8_t{0}, uint8_t{0x0A}, uint8_t{0x05}));
+  // Full boxes carry version and flags: moof 1's first trun.
+  const QORVANE_MP4HDR& trun = fed.headers[moov_records + 10];
+  EXPECT_EQ(std::tuple(trun.byVersion, trun.byFlags[1], trun.byFlags[2]), std::tuple(uint8_t{1}, uint8_t{0x0A}, uint8_t{0x05}));
   const BOXLANE_STREAMINFO info = stream_info(wide);
   EXPECT_TRUE(info.bSegmentType && info.bSegmentIndex && info.bRandomAccess);
 
-  // A client of the specified mode: every new box is UNKNOWN and skipped
-  // whole, so the moofs' and mvex's children get no records, and no answer
-  // waits; what it met is still noted.
+  // The specified mode: every new box is UNKNOWN and skipped whole, and no
+  // answer waits; what it met is still noted, and the moov's samples indexed.
   const std::string strict = other("records/strict");
   const FeedResult plain = feed(strict, stream);
-  ASSERT_EQ(plain.error, 0u);
-  want = {1, 3, 30};
-  want.insert(want.end(), moov_track.begin(), moov_track.end());
-  want.insert(want.end(), moov_track.begin(), moov_track.end());
+  want.resize(moov_records);
   want.insert(want.end(), {0, 2, 0, 2, 0, 2, 0, 2, 0, 0, 0, 0});
   EXPECT_EQ(codes(plain.headers), want);
   EXPECT_EQ(plain.final_position, fed.final_position);
   EXPECT_TRUE(take_fragments(strict).empty());
   const BOXLANE_STREAMINFO passed = stream_info(strict);
-  EXPECT_EQ(std::make_tuple(passed.nFlags, passed.nFragments, passed.bMovieExtends, passed.nFragmentDuration),
-            std::make_tuple(0u, 3u, uint8_t{1}, uint64_t{0}));
-  // The moov's own samples are indexed in either mode.
+  EXPECT_EQ(std::tuple(passed.nFlags, passed.nFragments, passed.bMovieExtends, passed.nFragmentDuration),
+            std::tuple(0u, 3u, uint8_t{1}, uint64_t{0}));
   EXPECT_EQ(texts(table_samples(strict, 2)), texts(table_samples(wide, 2)));
   EXPECT_EQ(table_samples(strict, 2).size(), 2u);
 }
 
 TEST_F(Extended, LargeSizesAreFollowedHoweverTheHeaderIsCut) {
   // A free box and a moov with 64-bit sizes, then an mdat of 8 GiB whose
-  // payload the sender skips: its record carries the 64-bit size, and the
-  // position lands after it.
+  // payload the sender skips: its record carries the 64-bit size.
   const Bytes moov = moov_box({trak_box(1, 1000, {})});
-  const Bytes large_moov = cat({Bytes{}.u32(1).str("moov").u64(moov.size() + 8), std::vector<uint8_t>(moov.begin() + 8, moov.end())});
   const uint64_t mdat_size = (uint64_t{8} << 30) + 16;
-  const Bytes stream = cat({movie_ftyp(), Bytes{}.u32(1).str("free").u64(24).u64(7), large_moov,
+  const Bytes stream = cat({movie_ftyp(), Bytes{}.u32(1).str("free").u64(24).u64(7),
+                            Bytes{}.u32(1).str("moov").u64(moov.size() + 8), std::vector<uint8_t>(moov.begin() + 8, moov.end()),
                             Bytes{}.u32(1).str("mdat").u64(mdat_size).zeros(4)});
-  const std::string client = extended("large/whole");
-  const FeedResult whole = feed(client, stream);
+  const FeedResult whole = feed(extended("large/whole"), stream);
   ASSERT_EQ(whole.error, 0u);
-  std::vector<int> want = {1, 0, 3, 30, 31, 311, 313, 3131, 3132, 3133, 31336, 2};
-  EXPECT_EQ(codes(whole.headers), want);
-  EXPECT_EQ(whole.headers[1].nBoxSize, 24u);
-  EXPECT_EQ(whole.headers[2].nBoxSize, moov.size() + 8);
-  EXPECT_EQ(whole.headers.back().nBoxSize, mdat_size);
-  const uint64_t mdat_at = stream.size() - 20;
-  EXPECT_EQ(whole.final_position, mdat_at + mdat_size);
-  EXPECT_EQ(stream_info(client).nLargeBoxes, 3u);
-  // The 16-byte headers complete the same way cut anywhere.
+  EXPECT_EQ(codes(whole.headers), (Codes{1, 0, 3, 30, 31, 311, 313, 3131, 3132, 3133, 31336, 2}));
+  EXPECT_EQ(std::tuple(whole.headers[1].nBoxSize, whole.headers[2].nBoxSize, whole.headers.back().nBoxSize),
+            std::tuple(uint64_t{24}, uint64_t(moov.size() + 8), mdat_size));
+  EXPECT_EQ(whole.final_position, stream.size() - 20 + mdat_size);
+  EXPECT_EQ(stream_info("large/whole").nLargeBoxes, 3u);
   for (std::size_t cut = 1; cut < stream.size(); ++cut)
-    expect_same_feed(feed(extended("large/cut " + std::to_string(cut)), stream, {cut}), whole,
-                     "cut at " + std::to_string(cut));
-
+    expect_same_feed(feed(extended("large/cut " + std::to_string(cut)), stream, {cut}), whole, "cut at " + std::to_string(cut));
   // The specified mode reports the free box with size 0 and stops there.
   const std::string strict = other("large/strict");
   const FeedResult stopped = feed(strict, stream);
-  EXPECT_EQ(codes(stopped.headers), (std::vector<int>{1, 0}));
+  EXPECT_EQ(codes(stopped.headers), (Codes{1, 0}));
   EXPECT_EQ(stopped.headers[1].nBoxSize, 0u);
   EXPECT_EQ(stream_info(strict).nStop, uint32_t{BOXLANE_STOP_LARGESIZE});
-  EXPECT_TRUE(fails_with(send(strict, movie_ftyp()), BOXLANE_ERROR_PARSE_NOTSUPPORT));
 
   // 64-bit sizes at and past their limits.
   const struct {
@@ -248,53 +190,30 @@ TEST_F(Extended, LargeSizesAreFollowedHoweverTheHeaderIsCut) {
       {"mdat of 2^62", Bytes{}.u32(1).str("mdat").u64(uint64_t{1} << 62), 0, BOXLANE_STOP_NONE},
       {"mdat past 2^62", Bytes{}.u32(1).str("mdat").u64((uint64_t{1} << 62) + 1), BOXLANE_ERROR_PARSE_NOTSUPPORT,
        BOXLANE_STOP_TOOLARGE},
-      {"free past 256 MiB", Bytes{}.u32(1).str("free").u64((uint64_t{256} << 20) + 1).zeros(8),
-       BOXLANE_ERROR_PARSE_NOTSUPPORT, BOXLANE_STOP_TOOLARGE},
   };
   for (const auto& limit : limits) {
     const std::string c = extended(std::string("large/") + limit.what);
     const bool sent = send(c, cat({movie_ftyp(), limit.box}));
     EXPECT_EQ(sent ? 0 : Boxlane_GetLastError(nullptr), limit.code) << limit.what;
     const BOXLANE_STREAMINFO info = stream_info(c);
-    EXPECT_EQ(std::make_tuple(info.nStop, info.nStopOffset),
-              std::make_tuple(limit.stop, limit.stop ? movie_ftyp().size() : uint64_t{0}))
+    EXPECT_EQ(std::tuple(info.nStop, info.nStopOffset), std::tuple(limit.stop, limit.stop ? movie_ftyp().size() : uint64_t{0}))
         << limit.what;
   }
-}
-
-TEST_F(Extended, InsertExChecksItsFlagsAndKeepsAnExistingClient) {
-  EXPECT_TRUE(fails_with(Boxlane_Parse_InsertEx("flags/bad", 2), BOXLANE_ERROR_PARSE_PARAMETER));
-  EXPECT_TRUE(fails_with(Boxlane_Parse_InsertEx(nullptr, BOXLANE_PARSE_EXTENDED), BOXLANE_ERROR_PARSE_PARAMETER));
-  EXPECT_TRUE(fails_with(Boxlane_Parse_GetStream(client_.c_str(), nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
-  BOXLANE_STREAMINFO info{};
-  EXPECT_TRUE(fails_with(Boxlane_Parse_GetStream("flags/bad", &info), BOXLANE_ERROR_PARSE_NOTFOUND));
-  EXPECT_TRUE(Boxlane_Parse_InsertEx(client_.c_str(), BOXLANE_PARSE_EXTENDED));
-  EXPECT_EQ(stream_info(client_).nFlags, 0u);
-  const std::string e = extended("flags/extended");
-  EXPECT_TRUE(Boxlane_Parse_Insert(e.c_str()));
-  EXPECT_EQ(stream_info(e).nFlags, uint32_t{BOXLANE_PARSE_EXTENDED});
 }
 
 // Tracks 1 and 2 have trex defaults (duration 10, size 100, flags 0),
 // track 3 has none.
 Bytes prefix() {
-  return cat({movie_ftyp(),
-              moov_box({trak_box(1, 1000, {}), trak_box(2, 1000, {}), trak_box(3, 1000, {}),
-                        box("mvex", cat({trex_box(1, 1, 10, 100, 0), trex_box(2, 1, 10, 100, 0)}))})});
+  return cat({movie_ftyp(), moov_box({trak_box(1, 1000, {}), trak_box(2, 1000, {}), trak_box(3, 1000, {}),
+                                      box("mvex", cat({trex_box(1, 1, 10, 100, 0), trex_box(2, 1, 10, 100, 0)}))})});
 }
-
-// A moof built twice, so that a data_offset can name the byte after it and
-// the mdat header (size + 8).
-Bytes moof_with_offset(const std::function<Bytes(int32_t)>& make) { return make(int32_t(make(0).size() + 8)); }
 
 using Moof = std::function<Bytes(uint64_t moof_at)>;
 // A moof of one traf based on the moof, for `track`: the tfhd, then what
 // `rest` makes from the data_offset of the mdat payload after the moof.
 Moof based(uint32_t track, std::function<Bytes(int32_t)> rest) {
   return [=](uint64_t) {
-    return moof_with_offset([&](int32_t off) {
-      return moof_box(1, {box("traf", cat({tfhd_box({0x020000, track}), rest(off)}))});
-    });
+    return moof_with_offset([&](int32_t off) { return moof_box(1, {box("traf", cat({tfhd_box({0x020000, track}), rest(off)}))}); });
   };
 }
 // A moof of one traf holding exactly `children`.
@@ -322,25 +241,14 @@ TEST_F(Extended, EachLieGetsADefinedAnswerOrIsLeftOut) {
        {{2, BOXLANE_FRAGMENT_COUNT_CUT}}},
       {"data inside the moof", based(1, [](int32_t) { return trun_box(0, 0x001, {{}}, 0); }), 100,
        {{0, BOXLANE_FRAGMENT_BAD_OFFSET}}},
-      {"data before the stream",
-       [](uint64_t at) {
-         return moof_box(1, {box("traf", cat({tfhd_box({0x020000, 1}), trun_box(0, 0x001, {{}}, -int32_t(at) - 1)}))});
-       },
-       100, {{0, BOXLANE_FRAGMENT_BAD_OFFSET}}},
-      {"data ending where the moof starts",
-       [](uint64_t) {
-         return moof_box(1, {box("traf", cat({tfhd_box({0x020000, 1}), trun_box(0, 0x201, {{0, 100}}, -100)}))});
-       },
-       0, {{1, 0}}, 0, 1},
+      {"data ending where the moof starts", plain(cat({tfhd_box({0x020000, 1}), trun_box(0, 0x201, {{0, 100}}, -100)})), 0,
+       {{1, 0}}, 0, 1},
       {"offsets past 64 bits", plain(cat({tfhd_box({0x01, 1, UINT64_MAX - 50}), one_sample})), 100,
        {{0, BOXLANE_FRAGMENT_BAD_OFFSET}}},
       {"a track no tkhd made", plain(cat({tfhd_box({0, 9}), one_sample})), 100, {}, 1},
-      {"tfhd without its track_ID", plain(cat({full_box("tfhd", 0, 0), one_sample})), 100, {}, 1},
       {"tfhd without the base offset its flags name", plain(cat({full_box("tfhd", 0, 1, Bytes{}.u32(1)), one_sample})),
        100, {}, 1},
       {"traf without tfhd", plain(one_sample), 100, {}, 1},
-      {"trun shorter than its count", plain(cat({tfhd_box({0, 1}), full_box("trun", 0, 0, Bytes{0, 0})})), 0,
-       {{0, BOXLANE_FRAGMENT_SHORT_BOX}}},
       {"trun without the data_offset its flags name",
        plain(cat({tfhd_box({0, 1}), full_box("trun", 0, 1, Bytes{}.u32(1))})), 0, {{0, BOXLANE_FRAGMENT_SHORT_BOX}}},
       {"tfdt of version 1 with 32 bits",
@@ -360,13 +268,14 @@ TEST_F(Extended, EachLieGetsADefinedAnswerOrIsLeftOut) {
        based(3, [](int32_t off) { return cat({full_box("tfdt", 0, 0, Bytes{}.u32(77)), trun_box(0, 0x201, {{0, 5}}, off)}); }),
        5, {{1, BOXLANE_FRAGMENT_NO_DEFAULTS}}, 0, 0, "dts 77 cts 77 dur 0 size 5 at @ flags 00000000 S"},
       {"data past the mdat after it", based(1, [](int32_t off) { return trun_box(0, 0x001, {{}}, off); }), 50, {{1, 0}}, 0, 1},
+      {"data ending exactly at the mdat's end", based(1, [](int32_t off) { return trun_box(0, 0x001, {{}}, off); }), 100,
+       {{1, 0}}},
       {"2^32 - 1 samples of no bytes in the box",
        based(1, [](int32_t off) { return trun_box(0, 0x001, {}, off, 0, 0xFFFFFFFF); }), 100,
        {{1u << 20, BOXLANE_FRAGMENT_COUNT_CUT}}, 0, 1},
       {"a moof and a tkhd inside a moof",
        [](uint64_t) {
-         return moof_box(1, {box("tkhd", tkhd_payload(7)),
-                             moof_box(2, {box("traf", cat({tfhd_box({0, 1}), trun_box(0, 0, {{}})}))})});
+         return moof_box(1, {box("tkhd", tkhd_payload(7)), moof_box(2, {box("traf", cat({tfhd_box({0, 1}), trun_box(0, 0, {{}})}))})});
        },
        0, {}},
   };
@@ -377,101 +286,54 @@ TEST_F(Extended, EachLieGetsADefinedAnswerOrIsLeftOut) {
     const std::string client = extended("faults/" + std::to_string(++n));
     const Bytes stream = cat({head, c.moof(head.size()), box("mdat", Bytes{}.zeros(c.mdat))});
     const FeedResult fed = feed(client, stream);
-    EXPECT_EQ(std::make_tuple(fed.error, fed.final_position), std::make_tuple(uint64_t{0}, uint64_t(stream.size())));
+    EXPECT_EQ(std::tuple(fed.error, fed.final_position), std::tuple(uint64_t{0}, uint64_t(stream.size())));
     const std::vector<Fragment> got = take_fragments(client);
     ASSERT_EQ(got.size(), c.answers.size());
-    for (std::size_t i = 0; i < got.size(); ++i) {
-      EXPECT_EQ(std::make_tuple(got[i].info.nSampleCount, got[i].samples.size(), got[i].info.nProblems),
-                std::make_tuple(c.answers[i].samples, std::size_t{c.answers[i].samples}, c.answers[i].problems))
+    for (std::size_t i = 0; i < got.size(); ++i)
+      EXPECT_EQ(std::tuple(got[i].info.nSampleCount, got[i].samples.size(), got[i].info.nProblems),
+                std::tuple(c.answers[i].samples, std::size_t{c.answers[i].samples}, c.answers[i].problems))
           << "answer " << i;
-    }
     if (!c.first.empty()) {
       std::string want = c.first;
       want.replace(want.find('@'), 1, std::to_string(stream.size() - c.mdat));
-      ASSERT_FALSE(got.empty());
-      EXPECT_EQ(text(got[0].samples.at(0)), want);
+      EXPECT_EQ(text(got.at(0).samples.at(0)), want);
       EXPECT_EQ(got[0].info.nDescriptionIndex, 0u);
     }
     const BOXLANE_STREAMINFO info = stream_info(client);
-    EXPECT_EQ(std::make_tuple(info.nSkippedTrafs, info.nOutsideData, info.nFragments), std::make_tuple(c.skipped, c.outside, 1u));
-    int32_t** ids = nullptr;
-    int32_t count = 0;
-    ASSERT_TRUE(Boxlane_Parse_GetTrackIDs(client.c_str(), &ids, &count));
-    EXPECT_EQ(take_list(ids, count), (std::vector<int32_t>{1, 2, 3}));
+    EXPECT_EQ(std::tuple(info.nSkippedTrafs, info.nOutsideData, info.nFragments), std::tuple(c.skipped, c.outside, 1u));
   }
 }
 
-TEST_F(Extended, TakingAnswers) {
+TEST_F(Extended, TakingAnswersAndTheirBound) {
   const std::string client = extended("faults/take");
   const Bytes head = prefix();
   const Bytes moof = based(1, [](int32_t off) { return trun_box(0, 0x001, {{}, {}, {}}, off); })(0);
   ASSERT_EQ(feed(client, cat({head, moof, box("mdat", Bytes{}.zeros(300))})).error, 0u);
-
   BOXLANE_FRAGMENTINFO info{};
   BOXLANE_SAMPLEINFO samples[3];
   int32_t count = -1;
   const char* c = client.c_str();
-  EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(c, nullptr, samples, 3, &count), BOXLANE_ERROR_PARSE_PARAMETER));
-  EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(c, &info, samples, 3, nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(c, &info, samples, -1, &count), BOXLANE_ERROR_PARSE_PARAMETER));
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(c, &info, nullptr, 3, &count), BOXLANE_ERROR_PARSE_PARAMETER));
-  EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment("faults/nobody", &info, samples, 3, &count), BOXLANE_ERROR_PARSE_NOTFOUND));
   // One short: the record comes, the samples and the answer stay.
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(c, &info, samples, 2, &count), BOXLANE_ERROR_PARSE_BUFFER));
-  EXPECT_EQ(std::make_tuple(info.nSampleCount, count, stream_info(client).nPendingFragments), std::make_tuple(3u, -1, 1u));
+  EXPECT_EQ(std::tuple(info.nSampleCount, count, stream_info(client).nPendingFragments), std::tuple(3u, -1, 1u));
   ASSERT_TRUE(Boxlane_Parse_GetFragment(c, &info, samples, 3, &count));
-  EXPECT_EQ(count, 3);
-  EXPECT_EQ(samples[2].nOffset, head.size() + moof.size() + 8 + 200);
+  EXPECT_EQ(std::tuple(count, samples[2].nOffset), std::tuple(3, uint64_t(head.size() + moof.size() + 8 + 200)));
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(c, &info, samples, 3, &count), BOXLANE_ERROR_PARSE_NODATA));
-  // A client of the specified mode never has any.
-  const std::string strict = other("faults/take/strict");
-  ASSERT_EQ(feed(strict, cat({head, moof})).error, 0u);
-  EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(strict.c_str(), &info, samples, 3, &count), BOXLANE_ERROR_PARSE_NODATA));
-}
 
-// Bytes the client keeps for the entries of waiting truns.
-std::size_t entry_capacity(const std::string& client) {
-  std::shared_lock table(m_MP4Parse.st_RWLocker);
-  const QORVANE_MP4PARSE& record = *m_MP4Parse.stl_MapClient.find(std::string_view(client))->second;
-  std::lock_guard guard(*record.st_Locker);
-  return record.stFragments.stl_ListByte.capacity();
-}
-
-TEST_F(Extended, WaitingAnswersAreBounded) {
-  const Bytes head = prefix();
-  const auto moof = [](uint32_t sequence, uint32_t samples, bool sized = false) {
-    // A trun with a size per sample keeps 4 bytes a sample until taken.
-    return moof_with_offset([&](int32_t off) {
-      const Bytes trun = sized ? trun_box(0, 0x201, std::vector<Entry>(samples, Entry{0, 9}), off)
-                               : trun_box(0, 0x001, {}, off, 0, samples);
-      return moof_box(sequence, {box("traf", cat({tfhd_box({0x020000, 1}), trun}))});
-    });
-  };
   // More answers than may wait: the oldest go.
   const std::string many = extended("faults/many");
   ASSERT_TRUE(send(many, head));
-  for (uint32_t i = 1; i <= 4100; ++i) ASSERT_TRUE(send(many, moof(i, 1)));
-  BOXLANE_STREAMINFO info = stream_info(many);
-  EXPECT_EQ(std::make_tuple(info.nPendingFragments, info.nDroppedFragments, info.nFragments),
-            std::make_tuple(4096u, 4u, 4100u));
-  std::vector<Fragment> got = take_fragments(many);
+  for (uint32_t i = 1; i <= 4097; ++i)
+    ASSERT_TRUE(send(many, moof_with_offset([&](int32_t off) {
+      return moof_box(i, {box("traf", cat({tfhd_box({0x020000, 1}), trun_box(0, 0x001, {}, off, 0, 1)}))});
+    })));
+  const BOXLANE_STREAMINFO stream = stream_info(many);
+  EXPECT_EQ(std::tuple(stream.nPendingFragments, stream.nDroppedFragments, stream.nFragments), std::tuple(4096u, 1u, 4097u));
+  const std::vector<Fragment> got = take_fragments(many);
   ASSERT_EQ(got.size(), 4096u);
-  EXPECT_EQ(std::make_tuple(got.front().info.nSequence, got.back().info.nSequence), std::make_tuple(5u, 4100u));
-
-  // More samples than may wait: a whole answer of 2^20 samples stays, the
-  // one before it goes.
-  const std::string large = extended("faults/large");
-  ASSERT_TRUE(send(large, head) && send(large, moof(1, 3)) && send(large, moof(2, 1u << 20, true)));
-  info = stream_info(large);
-  EXPECT_EQ(std::make_tuple(info.nPendingFragments, info.nDroppedFragments), std::make_tuple(1u, 1u));
-  got = take_fragments(large);
-  ASSERT_EQ(got.size(), 1u);
-  EXPECT_EQ(std::make_tuple(got[0].info.nSequence, got[0].samples.size(), got[0].samples.back().nSize),
-            std::make_tuple(2u, std::size_t{1} << 20, 9u));
-  EXPECT_GE(entry_capacity(large), std::size_t{4} << 20);
-  // Once taken, the next small moof does not keep that array.
-  ASSERT_TRUE(send(large, moof(3, 2)));
-  EXPECT_LT(entry_capacity(large), std::size_t{1} << 20);
+  EXPECT_EQ(std::tuple(got.front().info.nSequence, got.back().info.nSequence), std::tuple(2u, 4097u));
 }
 
 }  // namespace

@@ -1,52 +1,36 @@
 // The per-sample index of the moov's tables, worked out by hand from
-// ISO/IEC 14496-12 §8.6 and §8.7: decode and composition times from stts
-// and ctts of both versions, offsets through stsc runs into stco and co64
-// chunks, sizes from stsz (a list or one constant) and stz2, sync samples
-// from stss and dependency bits from sdtp; windows read from any start;
-// tables that disagree; and the track id list.
-#include "fragment_streams.hpp"
-#include "support/stream_feeder.hpp"
+// ISO/IEC 14496-12 §8.6 and §8.7: times from stts and ctts of both versions,
+// offsets through stsc runs into stco and co64 chunks, sizes from stsz (a
+// list or one constant), sync samples from stss and dependency bits from
+// sdtp; windows read from any start; tables that disagree; the track ids.
+#include "parse_fixtures.hpp"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
+#include <tuple>
 
 namespace boxlane::test {
 namespace {
 
 using Index = ParseClientTest;
-using P = CBoxlane_Parse;
 
-std::string sample(uint64_t dts, int64_t cts, uint32_t duration, uint32_t size, uint64_t at, uint32_t flags,
-                   bool sync, bool known) {
-  return text(BOXLANE_SAMPLEINFO{dts, cts, at, duration, size, flags, sync, known, {}});
-}
-
-// Track 1: five samples in two chunks of two and one of one (a fourth
-// chunk stays empty); every table.
-Bytes five_samples() {
-  return cat({movie_ftyp(),
-              moov_box({trak_box(1, 1000,
-                                 {runs_box("stts", 0, {{3, 1000}, {2, 500}}), runs_box("ctts", 0, {{1, 2000}, {2, 0}, {2, 1000}}),
-                                  stsc_box({{1, 2, 1}, {3, 1, 1}}), stsz_box(0, 5, {10, 20, 30, 40, 50}),
-                                  u32_table("stco", {100, 200, 300, 400}), u32_table("stss", {1, 4}),
-                                  full_box("sdtp", 0, 0, Bytes{0x20, 0x10, 0x10, 0x24, 0x10})})})});
-}
+Bytes movie(const std::vector<Bytes>& tables) { return cat({movie_ftyp(), moov_box({trak_box(1, 1000, tables)})}); }
 
 TEST_F(Index, SamplesOfTheMoovTables) {
-  ASSERT_EQ(feed(client_, five_samples()).error, 0u);
+  // Five samples in two chunks of two and one of one (a fourth chunk stays
+  // empty); every table.
+  ASSERT_EQ(feed(client_, movie({runs_box("stts", 0, {{3, 1000}, {2, 500}}), runs_box("ctts", 0, {{1, 2000}, {2, 0}, {2, 1000}}),
+                                 stsc_box({{1, 2, 1}, {3, 1, 1}}), stsz_box(0, 5, {10, 20, 30, 40, 50}),
+                                 u32_table("stco", {100, 200, 300, 400}), u32_table("stss", {1, 4}),
+                                 full_box("sdtp", 0, 0, Bytes{0x20, 0x10, 0x10, 0x24, 0x10})}))
+                .error,
+            0u);
   const std::vector<std::string> want = {
-      sample(0, 2000, 1000, 10, 100, 0x02000000, true, true),
-      sample(1000, 1000, 1000, 20, 110, 0x01010000, false, true),
-      sample(2000, 2000, 1000, 30, 200, 0x01010000, false, true),
-      sample(3000, 4000, 500, 40, 230, 0x02400000, true, true),
+      sample(0, 2000, 1000, 10, 100, 0x02000000, true, true),     sample(1000, 1000, 1000, 20, 110, 0x01010000, false, true),
+      sample(2000, 2000, 1000, 30, 200, 0x01010000, false, true), sample(3000, 4000, 500, 40, 230, 0x02400000, true, true),
       sample(3500, 4500, 500, 50, 300, 0x01010000, false, true),
   };
   EXPECT_EQ(texts(table_samples(client_, 1)), want);
   // Any window size, and any start: the same samples.
-  for (int32_t window : {1, 2, 3, 4})
-    EXPECT_EQ(texts(table_samples(client_, 1, window)), want) << "windows of " << window;
+  EXPECT_EQ(texts(table_samples(client_, 1, 2)), want);
   for (uint32_t first : {4u, 2u, 0u, 3u, 1u}) {
     BOXLANE_SAMPLEINFO got[5];
     int32_t n = -1;
@@ -54,61 +38,60 @@ TEST_F(Index, SamplesOfTheMoovTables) {
     ASSERT_EQ(n, int32_t(5 - first));
     EXPECT_EQ(text(got[0]), want[first]) << "from " << first;
   }
-  BOXLANE_SAMPLEINFO one;
   int32_t n = -1;
-  EXPECT_TRUE(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, 5, &one, 1, &n));
-  EXPECT_EQ(n, 0);
   EXPECT_TRUE(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, 0, nullptr, 0, &n));
   EXPECT_EQ(n, 0);
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, 0, nullptr, 1, &n), BOXLANE_ERROR_PARSE_PARAMETER));
-  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, 0, &one, -1, &n), BOXLANE_ERROR_PARSE_PARAMETER));
-  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackSamples(client_.c_str(), 2, 0, &one, 1, &n), BOXLANE_ERROR_PARSE_NOTFOUND));
-
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackSamples(client_.c_str(), 2, 0, nullptr, 0, &n), BOXLANE_ERROR_PARSE_NOTFOUND));
   BOXLANE_TRACKINDEX index{};
   ASSERT_TRUE(Boxlane_Parse_GetTrackIndex(client_.c_str(), 1, &index));
-  EXPECT_EQ(std::make_tuple(index.nTableSamples, index.nTableDuration, index.nSizeCount, index.nChunkCount,
-                            index.nConstantSize, index.bHasTrex),
-            std::make_tuple(uint64_t{5}, uint64_t{4000}, 5u, 4u, 0u, uint8_t{0}));
+  EXPECT_EQ(std::tuple(index.nTableSamples, index.nTableDuration, index.nSizeCount, index.nChunkCount),
+            std::tuple(uint64_t{5}, uint64_t{4000}, 5u, 4u));
+
+  // The same track again: its tables gain two samples and a fifth chunk, so
+  // the last stsc entry now runs one chunk further; a window walks anew.
+  ASSERT_TRUE(send(client_, moov_box({trak_box(1, 1000, {runs_box("stts", 0, {{2, 7}}), stsz_box(0, 2, {60, 70}),
+                                                         u32_table("stco", {500})})})));
+  BOXLANE_SAMPLEINFO got[2];
+  ASSERT_TRUE(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, 5, got, 2, &n));
+  EXPECT_EQ((std::vector<std::string>{text(got[0]), text(got[1])}),
+            (std::vector<std::string>{sample(4000, 4000, 7, 60, 400, 0x00010000, false, false),
+                                      sample(4007, 4007, 7, 70, 500, 0x00010000, false, false)}));
 }
 
 TEST_F(Index, ConstantSizesLargeOffsetsAndSignedCompositionOffsets) {
   // One constant size, co64 chunks past 4 GiB, ctts of version 1 with a
   // negative offset, no stss (all sync) and no sdtp (dependencies unknown).
   const uint64_t far = uint64_t{5} << 30;
-  const Bytes stream = cat({movie_ftyp(),
-                            moov_box({trak_box(1, 1000,
-                                               {runs_box("stts", 0, {{4, 10}}), runs_box("ctts", 1, {{1, 20}, {3, uint32_t(-10)}}),
-                                                stsc_box({{1, 3, 1}}), stsz_box(8, 4), co64_box({far, far + 1000})})})});
+  Bytes co64;
+  co64.u32(2).u64(far).u64(far + 1000);
+  const Bytes stream = movie({runs_box("stts", 0, {{4, 10}}), runs_box("ctts", 1, {{1, 20}, {3, uint32_t(-10)}}),
+                              stsc_box({{1, 3, 1}}), stsz_box(8, 4), full_box("co64", 0, 0, co64)});
   const std::string wide = extended("index/co64");
   ASSERT_EQ(feed(wide, stream).error, 0u);
   EXPECT_EQ(texts(table_samples(wide, 1)),
             (std::vector<std::string>{sample(0, 20, 10, 8, far, 0, true, false), sample(10, 0, 10, 8, far + 8, 0, true, false),
                                       sample(20, 10, 10, 8, far + 16, 0, true, false),
                                       sample(30, 20, 10, 8, far + 1000, 0, true, false)}));
-  BOXLANE_TRACKINDEX index{};
-  ASSERT_TRUE(Boxlane_Parse_GetTrackIndex(wide.c_str(), 1, &index));
-  EXPECT_EQ(std::make_tuple(index.nConstantSize, index.nConstantCount, index.nSizeCount, index.nChunkCount, index.bLargeOffsets),
-            std::make_tuple(8u, 4u, 0u, 2u, uint8_t{1}));
-  // The chunk offsets: low half in nValue1, high half in nValue2.
-  const std::vector<QORVANE_HDRSAMPLENFO> stco = table(wide.c_str(), 1, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO);
+  // The chunk offsets handed out: low half in nValue1, high half in nValue2.
+  QORVANE_HDRSAMPLENFO** list = nullptr;
+  int32_t count = 0;
+  ASSERT_TRUE(Boxlane_Parse_GetTrackList(wide.c_str(), 1, &list, &count, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO));
+  const auto stco = take_list(list, count);
   ASSERT_EQ(stco.size(), 2u);
-  EXPECT_EQ(std::make_tuple(stco[1].nValue1, stco[1].nValue2, stco[1].nValue3), std::make_tuple(0x40000000u + 1000u, 1u, 0u));
-  EXPECT_EQ(table(wide.c_str(), 1, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CO64).size(), 2u);
-
-  // The specified mode reads no co64: no chunks, so no samples, and the
-  // co64 it met is noted.
+  EXPECT_EQ(std::tuple(stco[1].nValue1, stco[1].nValue2, stco[1].nValue3), std::tuple(0x40000000u + 1000u, 1u, 0u));
+  // The specified mode reads no co64: no chunks, so no samples; the co64 is noted.
   ASSERT_EQ(feed(client_, stream).error, 0u);
   EXPECT_TRUE(table_samples(client_, 1).empty());
-  EXPECT_TRUE(table(client_.c_str(), 1, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO).empty());
+  BOXLANE_TRACKINDEX index{};
   ASSERT_TRUE(Boxlane_Parse_GetTrackIndex(client_.c_str(), 1, &index));
-  EXPECT_EQ(std::make_tuple(index.bLargeOffsets, index.nChunkCount, index.nTableSamples),
-            std::make_tuple(uint8_t{1}, 0u, uint64_t{0}));
+  EXPECT_EQ(std::tuple(index.bLargeOffsets, index.nChunkCount), std::tuple(uint8_t{1}, 0u));
 }
 
 TEST_F(Index, TablesThatDisagreeGiveTheSamplesAllOfThemCover) {
   const auto samples_of = [&](const std::vector<Bytes>& tables) {
     const std::string client = other("index/disagree/" + std::to_string(others_.size()));
-    EXPECT_EQ(feed(client, cat({movie_ftyp(), moov_box({trak_box(1, 1000, tables)})})).error, 0u);
+    EXPECT_EQ(feed(client, movie(tables)).error, 0u);
     BOXLANE_TRACKINDEX index{};
     EXPECT_TRUE(Boxlane_Parse_GetTrackIndex(client.c_str(), 1, &index));
     EXPECT_EQ(table_samples(client, 1).size(), index.nTableSamples);
@@ -117,7 +100,6 @@ TEST_F(Index, TablesThatDisagreeGiveTheSamplesAllOfThemCover) {
   const Bytes stts = runs_box("stts", 0, {{5, 1}});
   const Bytes stsz = stsz_box(0, 5, {1, 2, 3, 4, 5});
   const Bytes stco = u32_table("stco", {10, 20});
-  EXPECT_EQ(samples_of({stts, stsc_box({{1, 3, 1}}), stsz, stco}), 5u);
   EXPECT_EQ(samples_of({runs_box("stts", 0, {{3, 1}}), stsc_box({{1, 3, 1}}), stsz, stco}), 3u);  // times run out
   EXPECT_EQ(samples_of({stts, stsc_box({{1, 3, 1}}), stsz_box(0, 4, {1, 2, 3, 4}), stco}), 4u);   // sizes run out
   EXPECT_EQ(samples_of({stts, stsc_box({{1, 2, 1}}), stsz, stco}), 4u);                           // chunks run out
@@ -125,38 +107,20 @@ TEST_F(Index, TablesThatDisagreeGiveTheSamplesAllOfThemCover) {
   EXPECT_EQ(samples_of({stts, stsc_box({{1, 1, 1}, {1, 4, 1}}), stsz, stco}), 0u);                // not increasing
   EXPECT_EQ(samples_of({stts, stsc_box({{1, 1, 1}, {3, 4, 1}}), stsz, stco}), 2u);                // past the chunks
   EXPECT_EQ(samples_of({stts, stsc_box({{1, 0, 1}, {2, 3, 1}}), stsz, stco}), 3u);                // an empty chunk
-  EXPECT_EQ(samples_of({stts, stsc_box({{1, 3, 1}}), stco}), 0u);                                 // no stsz
   EXPECT_EQ(samples_of({stts, stsc_box({{1, 3, 1}}), stsz_box(7, 0), stco}), 0u);                 // constant, none
-}
-
-TEST_F(Index, AWindowAfterTheTablesGrewIsWalkedAnew) {
-  ASSERT_EQ(feed(client_, five_samples()).error, 0u);
-  EXPECT_EQ(table_samples(client_, 1).size(), 5u);
-  // The same track again: its tables gain two samples and a fifth chunk,
-  // so the last stsc entry now runs one chunk further.
-  ASSERT_TRUE(send(client_, moov_box({trak_box(1, 1000, {runs_box("stts", 0, {{2, 7}}), stsz_box(0, 2, {60, 70}),
-                                                         u32_table("stco", {500})})})));
-  BOXLANE_SAMPLEINFO got[2];
-  int32_t n = 0;
-  ASSERT_TRUE(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, 5, got, 2, &n));
-  ASSERT_EQ(n, 2);
-  EXPECT_EQ(text(got[0]), sample(4000, 4000, 7, 60, 400, 0x00010000, false, false));
-  EXPECT_EQ(text(got[1]), sample(4007, 4007, 7, 70, 500, 0x00010000, false, false));
 }
 
 // Found by fuzz_index: a window that starts mid-track searched an unsorted
 // stss as if it were sorted and called a sample sync that the walk from the
 // first sample does not.
 TEST_F(Index, AnUnsortedStssGivesTheSameSyncSamplesFromAnyStart) {
-  const Bytes stream = cat({movie_ftyp(), moov_box({trak_box(1, 1000,
-                                                             {runs_box("stts", 0, {{6, 1}}), stsc_box({{1, 6, 1}}),
-                                                              stsz_box(1, 6), u32_table("stco", {8}),
-                                                              u32_table("stss", {196609, 2, 5, 4})})})});
-  ASSERT_EQ(feed(client_, stream).error, 0u);
+  ASSERT_EQ(feed(client_, movie({runs_box("stts", 0, {{6, 1}}), stsc_box({{1, 6, 1}}), stsz_box(1, 6),
+                                 u32_table("stco", {8}), u32_table("stss", {196609, 2, 5, 4})}))
+                .error,
+            0u);
   const std::vector<BOXLANE_SAMPLEINFO> walked = table_samples(client_, 1);
   ASSERT_EQ(walked.size(), 6u);
-  // Backwards, so that every window starts somewhere new.
-  for (uint32_t first = 6; first-- > 0;) {
+  for (uint32_t first = 6; first-- > 0;) {  // backwards: every window starts somewhere new
     BOXLANE_SAMPLEINFO one;
     int32_t n = 0;
     ASSERT_TRUE(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, first, &one, 1, &n));
@@ -165,18 +129,15 @@ TEST_F(Index, AnUnsortedStssGivesTheSameSyncSamplesFromAnyStart) {
 }
 
 TEST_F(Index, TrackIdsOfEveryValue) {
-  const Bytes stream = cat({movie_ftyp(), moov_box({trak_box(257, 1000, {}), trak_box(0x80000001u, 1000, {}),
-                                                    trak_box(1, 1000, {}), trak_box(256, 1000, {})})});
-  ASSERT_EQ(feed(client_, stream).error, 0u);
+  ASSERT_EQ(feed(client_, cat({movie_ftyp(), moov_box({trak_box(257, 1000, {}), trak_box(0x80000001u, 1000, {}),
+                                                       trak_box(1, 1000, {}), trak_box(256, 1000, {})})}))
+                .error,
+            0u);
   int32_t** ids = nullptr;
   int32_t count = 0;
   ASSERT_TRUE(Boxlane_Parse_GetTrackIDs(client_.c_str(), &ids, &count));
   EXPECT_EQ(take_list(ids, count), (std::vector<int32_t>{1, 256, 257, INT32_MIN + 1}));
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackIDs(client_.c_str(), nullptr, &count), BOXLANE_ERROR_PARSE_PARAMETER));
-  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackIDs("index/nobody", &ids, &count), BOXLANE_ERROR_PARSE_NOTFOUND));
-  const std::string empty = other("index/empty");
-  ASSERT_TRUE(Boxlane_Parse_GetTrackIDs(empty.c_str(), &ids, &count));
-  EXPECT_EQ(count, 0);
 }
 
 }  // namespace

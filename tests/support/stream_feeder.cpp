@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <mutex>
-#include <random>
 #include <shared_mutex>
 #include <string_view>
 #include <utility>
@@ -60,7 +59,6 @@ FeedResult feed(const std::string& client, const std::vector<uint8_t>& stream, s
     const std::size_t end = *std::upper_bound(ends.begin(), ends.end(), offset);
     const bool sent = Boxlane_Parse_Send(client.c_str(), stream.data() + offset, static_cast<int32_t>(end - offset));
     const uint64_t code = Boxlane_GetLastError(nullptr);
-
     const int events = pending_events(client);
     std::size_t taken = 0;
     std::size_t next = end;
@@ -68,22 +66,17 @@ FeedResult feed(const std::string& client, const std::vector<uint8_t>& stream, s
     uint64_t position = 0;
     for (; Boxlane_Parse_Recv(client.c_str(), &header, &position); ++taken) {
       result.headers.push_back(header);
-      result.positions.push_back(position);
-      // Nothing after an mdat header is looked at; the next box starts
-      // where the mdat ends, which is the position Recv reports.
+      // The next box starts where the mdat ends, the position Recv reports;
+      // an mdat inside the piece was stepped over: go on after the piece.
       if (header.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT) {
         ended = header.nBoxSize == 0;
-        // An mdat inside the piece was stepped over: go on after the piece.
         next = std::max(end, static_cast<std::size_t>(position));
       }
     }
-    if (events >= 0) {
-      result.events = std::max<int64_t>(result.events, 0) + events;
-      result.events_matched = result.events_matched && static_cast<std::size_t>(events) == taken;
-    }
+    result.events += std::max(events, 0);
+    result.events_matched = result.events_matched && (events < 0 || static_cast<std::size_t>(events) == taken);
     if (!sent) {
       result.error = code;
-      result.error_offset = offset;
       break;
     }
     offset = next;
@@ -98,21 +91,13 @@ void expect_same_feed(const FeedResult& got, const FeedResult& want, const std::
     const QORVANE_MP4HDR& a = got.headers[i];
     const QORVANE_MP4HDR& b = want.headers[i];
     ASSERT_TRUE(a.nBoxSize == b.nBoxSize && a.enHType == b.enHType && a.wUUIDHead == b.wUUIDHead &&
-                a.byVersion == b.byVersion && a.byFlags[0] == b.byFlags[0] && a.byFlags[1] == b.byFlags[1] &&
-                a.byFlags[2] == b.byFlags[2])
+                a.byVersion == b.byVersion && std::equal(a.byFlags, a.byFlags + 3, b.byFlags))
         << how << ", record " << i;
   }
   EXPECT_EQ(got.final_position, want.final_position) << how;
   EXPECT_EQ(got.events, want.events) << how;
   EXPECT_TRUE(got.events_matched) << how;
   EXPECT_EQ(got.error, want.error) << how;
-}
-
-std::vector<std::size_t> random_cuts(std::size_t size, std::size_t count, uint32_t seed) {
-  std::vector<std::size_t> cuts;
-  std::mt19937 generator(seed);
-  for (std::size_t i = 0; i < count && size > 1; ++i) cuts.push_back(1 + generator() % (size - 1));
-  return cuts;
 }
 
 }  // namespace boxlane::test

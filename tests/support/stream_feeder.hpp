@@ -15,29 +15,21 @@ namespace boxlane::test {
 
 struct FeedResult {
   std::vector<QORVANE_MP4HDR> headers;  // in the order Recv handed them out
-  std::vector<uint64_t> positions;      // Recv's position with each header
   uint64_t final_position = 0;          // the client's parse position at the end
-  int64_t events = -1;                  // the pool's count before each drain, summed; -1: no pool
+  int64_t events = 0;                   // the pool's count before each drain, summed
   bool events_matched = true;           // every drain took as many records as the pool counted
   uint64_t error = 0;                   // the code of a failed Send, which ends the feed
-  std::size_t error_offset = 0;         // and the stream offset of its piece
 };
 
-// `client` must be inserted. Pieces end at the given stream offsets (in any
-// order; out-of-range ones are ignored), every `piece` bytes when it is not
-// 0, and at the end of the stream. After an mdat record the feed resumes at
-// the box after the mdat; an mdat of size 0 ends it.
+// `client` must be inserted. Pieces end at the given stream offsets, every
+// `piece` bytes when it is not 0, and at the end of the stream. After an mdat
+// record the feed resumes at the box after the mdat; an mdat of size 0 ends it.
 FeedResult feed(const std::string& client, const std::vector<uint8_t>& stream, std::vector<std::size_t> cuts = {},
                 std::size_t piece = 0);
-// `count` cut offsets in [1, size - 1] from a seeded generator.
-std::vector<std::size_t> random_cuts(std::size_t size, std::size_t count, uint32_t seed);
-// The same records field by field, events as the pool counted them, the same
-// final position and error, and the same position with each mdat record (the
-// end of the mdat, whatever the cut).
+// The same records field by field, events, final position and error.
 void expect_same_feed(const FeedResult& got, const FeedResult& want, const std::string& how);
 
-// The pool's event count for the client (0 when not listed); -1 when there
-// is no pool or no such client.
+// The pool's event count for the client (0 when not listed); -1 without a pool.
 int pending_events(const std::string& client);
 // The client's parse position, read under its locks; 0 for no such client.
 uint64_t parse_position(const std::string& client);

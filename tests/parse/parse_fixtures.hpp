@@ -1,31 +1,55 @@
-// Hand-built boxes of the extended mode (ISO/IEC 14496-12 §8.6, §8.7, §8.8)
-// for the fragment and index suites: sample tables, a moov of tracks, mvex
-// with trex, and moof with every tfhd and trun field optional as its flags
-// say; and the answers a client hands back, in forms a test compares.
+// What the parse suites share: hand-built boxes (ISO/IEC 14496-12 §8.3 to
+// §8.8), a fixture with a task pool and clients, one whose record the box
+// readers fill directly, and the answers a client hands back in forms a test
+// compares.
 #pragma once
 
-#include "intake_streams.hpp"
-#include "reader_fixture.hpp"
-#include "support/box_builder.hpp"
-
-#include <boxlane/boxlane.h>
+#include <boxlane/boxlane.hpp>
 #include <gtest/gtest.h>
+
+#include "parse/client_lookup.hpp"
+#include "parse/parse_record.hpp"
+#include "support/box_builder.hpp"
+#include "support/stream_feeder.hpp"
 
 #include <array>
 #include <cstdint>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 namespace boxlane::test {
 
-using Runs = std::vector<std::pair<uint32_t, uint32_t>>;
+using Ints = std::vector<int64_t>;
+using Codes = std::vector<int>;
 
-inline Bytes runs_box(const char* fourcc, uint8_t version, const Runs& runs) {
+// A tkhd payload of version 0 (84 bytes) or 1 (96 bytes).
+inline Bytes tkhd_payload(uint32_t id, uint32_t width_16_16 = 0, uint32_t height_16_16 = 0, uint8_t version = 0) {
+  Bytes p;
+  p.full(version, 7);
+  if (version == 0) p.u32(0x11).u32(0x22).u32(id).u32(0).u32(0x33);
+  else p.u64(0x1000000011ull).u64(0x1000000022ull).u32(id).u32(0).u64(0x1000000033ull);
+  p.zeros(8).u16(1).u16(2).u16(0x0100).u16(0).zeros(36).u32(width_16_16).u32(height_16_16);
+  return p;
+}
+
+// A table of (count, value) runs (stts, ctts) or of single values (stco, stss).
+inline Bytes runs_box(const char* fourcc, uint8_t version, const std::vector<std::pair<uint32_t, uint32_t>>& runs) {
   Bytes p;
   p.u32(uint32_t(runs.size()));
   for (const auto& [count, value] : runs) p.u32(count).u32(value);
   return full_box(fourcc, version, 0, p);
+}
+inline Bytes u32_table(const char* fourcc, const std::vector<uint32_t>& values) {
+  Bytes p;
+  p.u32(uint32_t(values.size()));
+  for (uint32_t v : values) p.u32(v);
+  return full_box(fourcc, 0, 0, p);
 }
 inline Bytes stsc_box(const std::vector<std::array<uint32_t, 3>>& entries) {
   Bytes p;
@@ -39,18 +63,6 @@ inline Bytes stsz_box(uint32_t constant, uint32_t count, const std::vector<uint3
   for (uint32_t s : sizes) p.u32(s);
   return full_box("stsz", 0, 0, p);
 }
-inline Bytes u32_table(const char* fourcc, const std::vector<uint32_t>& values) {
-  Bytes p;
-  p.u32(uint32_t(values.size()));
-  for (uint32_t v : values) p.u32(v);
-  return full_box(fourcc, 0, 0, p);
-}
-inline Bytes co64_box(const std::vector<uint64_t>& offsets) {
-  Bytes p;
-  p.u32(uint32_t(offsets.size()));
-  for (uint64_t v : offsets) p.u64(v);
-  return full_box("co64", 0, 0, p);
-}
 
 // A trak with the given track id, media time scale and stbl children.
 inline Bytes trak_box(uint32_t id, uint32_t timescale, const std::vector<Bytes>& stbl_children) {
@@ -60,16 +72,15 @@ inline Bytes trak_box(uint32_t id, uint32_t timescale, const std::vector<Bytes>&
   const Bytes hdlr = full_box("hdlr", 0, 0, Bytes{}.u32(0).str("vide").zeros(12).str("v").u8(0));
   return box("trak", cat({box("tkhd", tkhd_payload(id)), box("mdia", cat({mdhd, hdlr, box("minf", box("stbl", stbl))}))}));
 }
-
 inline Bytes trex_box(uint32_t id, uint32_t description, uint32_t duration, uint32_t size, uint32_t flags) {
   return full_box("trex", 0, 0, Bytes{}.u32(id).u32(description).u32(duration).u32(size).u32(flags));
 }
-
 inline Bytes moov_box(const std::vector<Bytes>& children) {
   Bytes body = full_box("mvhd", 0, 0, Bytes{}.zeros(96));
   for (const Bytes& child : children) body.add(child);
   return box("moov", body);
 }
+inline Bytes movie_ftyp() { return box("ftyp", Bytes{}.str("isom").u32(512).str("isomiso2avc1mp41")); }
 
 struct Tfhd {
   uint32_t flags = 0;
@@ -90,10 +101,6 @@ inline Bytes tfhd_box(const Tfhd& t) {
   if (t.flags & 0x20) p.u32(t.sample_flags);
   return full_box("tfhd", 0, t.flags, p);
 }
-inline Bytes tfdt_box(uint8_t version, uint64_t time) {
-  return full_box("tfdt", version, 0, version == 1 ? Bytes{}.u64(time) : Bytes{}.u32(uint32_t(time)));
-}
-
 struct Entry {
   uint32_t duration = 0;
   uint32_t size = 0;
@@ -121,42 +128,50 @@ inline Bytes moof_box(uint32_t sequence, const std::vector<Bytes>& trafs) {
   return box("moof", body);
 }
 
+inline Codes codes(const std::vector<QORVANE_MP4HDR>& headers) {
+  Codes out;
+  for (const auto& h : headers) out.push_back(static_cast<int>(h.enHType));
+  return out;
+}
+inline bool send(const std::string& client, const std::vector<uint8_t>& bytes, std::size_t from = 0,
+                 std::size_t to = SIZE_MAX) {
+  to = std::min(to, bytes.size());
+  return Boxlane_Parse_Send(client.c_str(), bytes.data() + from, static_cast<int32_t>(to - from));
+}
+inline BOXLANE_STREAMINFO stream_info(const std::string& client) {
+  BOXLANE_STREAMINFO info{};
+  EXPECT_TRUE(Boxlane_Parse_GetStream(client.c_str(), &info));
+  return info;
+}
+
 struct Fragment {
   BOXLANE_FRAGMENTINFO info;
   std::vector<BOXLANE_SAMPLEINFO> samples;
 };
-
 // Takes every waiting fragment, asking each one's count first.
 inline std::vector<Fragment> take_fragments(const std::string& client) {
   std::vector<Fragment> out;
-  for (;;) {
-    Fragment f{};
+  for (Fragment f{};; f = Fragment{}) {
     int32_t count = -1;
-    if (Boxlane_Parse_GetFragment(client.c_str(), &f.info, nullptr, 0, &count)) {
-      out.push_back(f);  // no samples: taken at once
-      continue;
+    if (!Boxlane_Parse_GetFragment(client.c_str(), &f.info, nullptr, 0, &count)) {
+      if (Boxlane_GetLastError(nullptr) != BOXLANE_ERROR_PARSE_BUFFER) break;
+      f.samples.resize(f.info.nSampleCount);
+      EXPECT_TRUE(Boxlane_Parse_GetFragment(client.c_str(), &f.info, f.samples.data(), int32_t(f.samples.size()), &count));
     }
-    if (Boxlane_GetLastError(nullptr) != BOXLANE_ERROR_PARSE_BUFFER) break;
-    f.samples.resize(f.info.nSampleCount);
-    EXPECT_TRUE(Boxlane_Parse_GetFragment(client.c_str(), &f.info, f.samples.data(), int32_t(f.samples.size()), &count));
-    EXPECT_EQ(count, int32_t(f.info.nSampleCount));
     out.push_back(std::move(f));
   }
   EXPECT_EQ(Boxlane_GetLastError(nullptr), uint64_t{BOXLANE_ERROR_PARSE_NODATA});
   return out;
 }
-
 // The samples of a track's moov tables, read `window` at a time.
 inline std::vector<BOXLANE_SAMPLEINFO> table_samples(const std::string& client, int32_t track, int32_t window = 1 << 16) {
-  std::vector<BOXLANE_SAMPLEINFO> out;
-  std::vector<BOXLANE_SAMPLEINFO> buffer(static_cast<std::size_t>(window));
+  std::vector<BOXLANE_SAMPLEINFO> out, buffer(static_cast<std::size_t>(window));
   for (;;) {
     int32_t n = -1;
     EXPECT_TRUE(Boxlane_Parse_GetTrackSamples(client.c_str(), track, uint32_t(out.size()), buffer.data(), window, &n));
-    if (n <= 0) break;
+    if (n <= 0) return out;
     out.insert(out.end(), buffer.begin(), buffer.begin() + n);
   }
-  return out;
 }
 
 // A sample as one line: decode and composition time, duration, size,
@@ -173,11 +188,31 @@ inline std::vector<std::string> texts(const std::vector<BOXLANE_SAMPLEINFO>& sam
   for (const auto& s : samples) out.push_back(text(s));
   return out;
 }
-
-inline BOXLANE_STREAMINFO stream_info(const std::string& client) {
-  BOXLANE_STREAMINFO info{};
-  EXPECT_TRUE(Boxlane_Parse_GetStream(client.c_str(), &info));
-  return info;
+inline std::string sample(uint64_t dts, int64_t cts, uint32_t duration, uint32_t size, uint64_t at, uint32_t flags,
+                          bool sync, bool known) {
+  return text(BOXLANE_SAMPLEINFO{dts, cts, at, duration, size, flags, sync, known, {}});
 }
+
+// Two pools and a client for each test; clients made with other() go with it.
+class ParseClientTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(Boxlane_Parse_Init(2));
+    ASSERT_TRUE(Boxlane_Parse_Insert(client_.c_str()));
+  }
+  void TearDown() override {
+    others_.push_back(client_);
+    for (const std::string& c : others_) Boxlane_Parse_Delete(c.c_str());
+    Boxlane_Parse_Destory();
+  }
+  std::string other(const std::string& name, uint32_t flags = 0) {
+    others_.push_back(name);
+    EXPECT_TRUE(Boxlane_Parse_InsertEx(name.c_str(), flags));
+    return name;
+  }
+  std::string extended(const std::string& name) { return other(name, BOXLANE_PARSE_EXTENDED); }
+  const std::string client_ = "intake";
+  std::vector<std::string> others_;
+};
 
 }  // namespace boxlane::test
