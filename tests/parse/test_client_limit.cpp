@@ -7,8 +7,7 @@
 #include <malloc.h>
 
 // The sanitizers' allocators count what they hand out (GCC ships no header
-// for it). The thread sanitizer's rounds each block up to its size class (up
-// to an eighth more); the address sanitizer's counts the bytes asked for.
+// for it); the thread sanitizer's round each block up by up to an eighth.
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
 #define BOXLANE_TEST_ALLOCATOR_COUNTS 1

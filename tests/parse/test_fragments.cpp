@@ -73,8 +73,7 @@ struct FragmentedMovie {
 TEST_F(Extended, FragmentSamplesFollowTheDefaultsBasesAndTimesOfTheStandard) {
   const FragmentedMovie movie;
   const std::string client = extended("fragments/movie");
-  const FeedResult whole = feed(client, movie.stream);
-  ASSERT_EQ(whole.error, 0u);
+  ASSERT_EQ(feed(client, movie.stream).error, 0u);
   const std::vector<Fragment> fragments = take_fragments(client);
   ASSERT_EQ(fragments.size(), 4u);
   const uint64_t d1 = movie.data1, d2 = movie.data2;
@@ -107,12 +106,6 @@ TEST_F(Extended, FragmentSamplesFollowTheDefaultsBasesAndTimesOfTheStandard) {
   const BOXLANE_STREAMINFO stream = stream_info(client);
   EXPECT_EQ(std::tuple(stream.nFlags, stream.nFragments, stream.nFragmentDuration, stream.bMovieExtends, stream.nOutsideData),
             std::tuple(uint32_t{BOXLANE_PARSE_EXTENDED}, 3u, uint64_t{0x100000000}, uint8_t{1}, 0u));
-  // However the stream is cut, the same records and the same answers.
-  const std::string cut = extended("fragments/movie/1-byte pieces");
-  expect_same_feed(feed(cut, movie.stream, {}, 1), whole, "1-byte pieces");
-  const std::vector<Fragment> again = take_fragments(cut);
-  ASSERT_EQ(again.size(), fragments.size());
-  for (std::size_t i = 0; i < again.size(); ++i) EXPECT_EQ(texts(again[i].samples), texts(fragments[i].samples));
 }
 
 TEST_F(Extended, RecordsOfTheNewBoxesAndTheSpecifiedModeUnchanged) {
@@ -172,11 +165,8 @@ TEST_F(Extended, LargeSizesAreFollowedHoweverTheHeaderIsCut) {
   for (std::size_t cut = 1; cut < stream.size(); ++cut)
     expect_same_feed(feed(extended("large/cut " + std::to_string(cut)), stream, {cut}), whole, "cut at " + std::to_string(cut));
   // The specified mode reports the free box with size 0 and stops there.
-  const std::string strict = other("large/strict");
-  const FeedResult stopped = feed(strict, stream);
-  EXPECT_EQ(codes(stopped.headers), (Codes{1, 0}));
-  EXPECT_EQ(stopped.headers[1].nBoxSize, 0u);
-  EXPECT_EQ(stream_info(strict).nStop, uint32_t{BOXLANE_STOP_LARGESIZE});
+  EXPECT_EQ(codes(feed(client_, stream).headers), (Codes{1, 0}));
+  EXPECT_EQ(stream_info(client_).nStop, uint32_t{BOXLANE_STOP_LARGESIZE});
 
   // 64-bit sizes at and past their limits.
   const struct {
@@ -246,11 +236,7 @@ TEST_F(Extended, EachLieGetsADefinedAnswerOrIsLeftOut) {
       {"offsets past 64 bits", plain(cat({tfhd_box({0x01, 1, UINT64_MAX - 50}), one_sample})), 100,
        {{0, BOXLANE_FRAGMENT_BAD_OFFSET}}},
       {"a track no tkhd made", plain(cat({tfhd_box({0, 9}), one_sample})), 100, {}, 1},
-      {"tfhd without the base offset its flags name", plain(cat({full_box("tfhd", 0, 1, Bytes{}.u32(1)), one_sample})),
-       100, {}, 1},
       {"traf without tfhd", plain(one_sample), 100, {}, 1},
-      {"trun without the data_offset its flags name",
-       plain(cat({tfhd_box({0, 1}), full_box("trun", 0, 1, Bytes{}.u32(1))})), 0, {{0, BOXLANE_FRAGMENT_SHORT_BOX}}},
       {"tfdt of version 1 with 32 bits",
        based(1, [](int32_t off) { return cat({full_box("tfdt", 1, 0, Bytes{}.u32(5)), trun_box(0, 0x001, {{}}, off)}); }),
        100, {{1, BOXLANE_FRAGMENT_SHORT_BOX}}},
@@ -273,11 +259,6 @@ TEST_F(Extended, EachLieGetsADefinedAnswerOrIsLeftOut) {
       {"2^32 - 1 samples of no bytes in the box",
        based(1, [](int32_t off) { return trun_box(0, 0x001, {}, off, 0, 0xFFFFFFFF); }), 100,
        {{1u << 20, BOXLANE_FRAGMENT_COUNT_CUT}}, 0, 1},
-      {"a moof and a tkhd inside a moof",
-       [](uint64_t) {
-         return moof_box(1, {box("tkhd", tkhd_payload(7)), moof_box(2, {box("traf", cat({tfhd_box({0, 1}), trun_box(0, 0, {{}})}))})});
-       },
-       0, {}},
   };
   const Bytes head = prefix();
   int n = 0;

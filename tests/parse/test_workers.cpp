@@ -1,12 +1,11 @@
 // Senders and workers on several threads through the task pool: every
-// queued record reaches a worker exactly once and in order per client,
-// ActiveEvent and Destory wake a waiting worker, and clients may be deleted
-// and inserted again while workers run (the thread sanitizer watches these).
+// queued record reaches a worker exactly once and in order per client, and
+// clients may be deleted and inserted again while workers run (the thread
+// sanitizer watches these).
 #include "parse_fixtures.hpp"
 
 #include <atomic>
 #include <chrono>
-#include <future>
 #include <map>
 #include <random>
 #include <thread>
@@ -88,25 +87,6 @@ TEST(Workers, EveryRecordReachesAWorkerOnceAndInOrder) {
     Boxlane_Parse_Delete(name(c).c_str());
   }
   Boxlane_Parse_Destory();
-}
-
-TEST(Workers, ActiveEventAndDestoryWakeAWaitingWorker) {
-  ASSERT_TRUE(Boxlane_Parse_Init(2));
-  auto waiting = std::async(std::launch::async, [] { return Boxlane_Parse_WaitEvent(1, -1); });
-  EXPECT_EQ(waiting.wait_for(50ms), std::future_status::timeout);
-  ASSERT_TRUE(Boxlane_Parse_ActiveEvent(1));
-  ASSERT_EQ(waiting.wait_for(30s), std::future_status::ready);
-  EXPECT_TRUE(waiting.get());
-  waiting = std::async(std::launch::async, [] {
-    // CLOSED when it was waiting; PARAMETER if Destory came first.
-    const bool woke = Boxlane_Parse_WaitEvent(0, -1);
-    const uint64_t code = Boxlane_GetLastError(nullptr);
-    return !woke && (code == RENDAVO_ERROR_TASKPOOL_CLOSED || code == RENDAVO_ERROR_TASKPOOL_PARAMETER);
-  });
-  EXPECT_EQ(waiting.wait_for(50ms), std::future_status::timeout);
-  ASSERT_TRUE(Boxlane_Parse_Destory());
-  ASSERT_EQ(waiting.wait_for(30s), std::future_status::ready);
-  EXPECT_TRUE(waiting.get());
 }
 
 // A worker's Recv races a thread that deletes the client, inserts it again
