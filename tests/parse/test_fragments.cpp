@@ -132,19 +132,16 @@ TEST_F(Extended, RecordsOfTheNewBoxesAndTheSpecifiedModeUnchanged) {
   EXPECT_TRUE(info.bSegmentType && info.bSegmentIndex && info.bRandomAccess);
 
   // The specified mode: every new box is UNKNOWN and skipped whole, and no
-  // answer waits; what it met is still noted, and the moov's samples indexed.
-  const std::string strict = other("records/strict");
-  const FeedResult plain = feed(strict, stream);
+  // answer waits; what it met is still noted.
+  const FeedResult plain = feed(client_, stream);
   want.resize(moov_records);
   want.insert(want.end(), {0, 2, 0, 2, 0, 2, 0, 2, 0, 0, 0, 0});
   EXPECT_EQ(codes(plain.headers), want);
   EXPECT_EQ(plain.final_position, fed.final_position);
-  EXPECT_TRUE(take_fragments(strict).empty());
-  const BOXLANE_STREAMINFO passed = stream_info(strict);
+  EXPECT_TRUE(take_fragments(client_).empty());
+  const BOXLANE_STREAMINFO passed = stream_info(client_);
   EXPECT_EQ(std::tuple(passed.nFlags, passed.nFragments, passed.bMovieExtends, passed.nFragmentDuration),
             std::tuple(0u, 3u, uint8_t{1}, uint64_t{0}));
-  EXPECT_EQ(texts(table_samples(strict, 2)), texts(table_samples(wide, 2)));
-  EXPECT_EQ(table_samples(strict, 2).size(), 2u);
 }
 
 TEST_F(Extended, LargeSizesAreFollowedHoweverTheHeaderIsCut) {
