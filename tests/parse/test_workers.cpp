@@ -96,7 +96,7 @@ TEST(Workers, EveryRecordReachesAWorkerOnceAndInOrder) {
 TEST(Workers, EventsFollowRecordsWhileClientsAreDeletedAndReinserted) {
   ASSERT_TRUE(Boxlane_Parse_Init(1));
   const std::string client = "reinserted";
-  const Bytes one_box = box("free", Bytes{});
+  const Bytes one_box = Bytes{}.u32(8).str("free");
   ASSERT_TRUE(Boxlane_Parse_Insert(client.c_str()));
   ASSERT_TRUE(send(client, one_box));
   std::atomic<int> go{-1}, done{-1};
