@@ -1,7 +1,5 @@
 // Rewrites of files from other muxers into the forms a large file takes,
-// without writing gigabytes: the free box FFmpeg keeps before its mdat
-// joined to the mdat header as a 64-bit size (what FFmpeg itself does past
-// 4 GiB), and stco tables turned into co64.
+// without writing gigabytes.
 #pragma once
 
 #include <cstdint>
@@ -9,9 +7,9 @@
 
 namespace boxlane::test {
 
-// An 8-byte free box followed by an mdat of size N become one mdat with
-// size field 1 and a 64-bit size N + 8; nothing moves. Fails the test when
-// there is no such pair.
+// The 8-byte free box FFmpeg keeps before its mdat joined to the mdat header
+// as a 64-bit size (what FFmpeg does past 4 GiB); nothing moves. Fails the
+// test when there is no such pair.
 std::vector<uint8_t> widen_mdat(std::vector<uint8_t> file);
 // Every stco becomes a co64 with the same offsets, the boxes around it
 // growing to match. The moov must come after the mdat, so no sample moves.

@@ -1,5 +1,6 @@
 // Running `boxlane probe` from the tool suites, and a strict reader for the
-// JSON that probe and ffprobe print.
+// JSON that probe and ffprobe print: anything that is not RFC 8259 JSON
+// fails, so a stray byte in probe's output shows.
 #pragma once
 
 #include "support/ffmpeg.hpp"
@@ -17,17 +18,13 @@
 
 namespace boxlane::test {
 
-// A strict reader for the JSON that probe and ffprobe print: anything that
-// is not RFC 8259 JSON fails, so a stray byte in probe's output shows.
 struct Json {
   enum Kind { kNull, kBool, kNumber, kString, kArray, kObject } kind = kNull;
   bool flag = false;
   double number = 0;
   std::string text;
   std::vector<Json> items;
-  // An object's members, as parallel lists: a pair holding the incomplete
-  // Json is refused by Clang's standard library checks.
-  std::vector<std::string> names;
+  std::vector<std::string> names;  // parallel lists: Clang's library refuses a pair of incomplete Json
   std::vector<Json> members;
 
   const Json& operator[](std::string_view key) const {

@@ -1,8 +1,7 @@
-// `boxlane probe` run as a user runs it: its JSON and text are checked
-// against ffprobe on files from FFmpeg and from our own writer (fragmented
-// ones sample by sample), against itself for every way of cutting the
-// input, its marks of what the parser's rules leave out, and its errors
-// against offsets read straight from the file bytes.
+// `boxlane probe` run as a user runs it: its JSON and text against ffprobe
+// on files from FFmpeg and from our own writer, against itself for every
+// way of cutting the input, its marks of what the parser's rules leave out,
+// and its errors.
 #include "support/box_builder.hpp"
 #include "support/ffmpeg.hpp"
 #include "support/mp4_file_writer.hpp"
@@ -16,7 +15,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -32,9 +30,7 @@ class ProbeTool : public ::testing::Test {
     const std::string d = temp_dir() + "/", video = "-f lavfi -i testsrc=size=160x120:rate=25 ";
     const std::string fragments = video + "-f lavfi -i sine=frequency=440:sample_rate=8000 -t 2 -c:v libx264 "
                                           "-pix_fmt yuv420p -bf 2 -x264-params b-adapt=0 -g 12 -c:a aac -b:a 16k ";
-    moov_last_ = d + "moov_last.mp4";
-    fast_start_ = d + "fast_start.mp4";
-    fragmented_ = d + "fragmented.mp4";
+    moov_last_ = d + "moov_last.mp4", fast_start_ = d + "fast_start.mp4", fragmented_ = d + "fragmented.mp4";
     moov_and_fragments_ = d + "moov_and_fragments.mp4";
     ready_ = ffmpeg(video + "-f lavfi -i sine=frequency=440:sample_rate=44100 -t 2 -pix_fmt yuv420p -c:v libx264 "
                     "-g 12 -c:a aac -b:a 48k -metadata:s:a:0 language=fra " + shell_quote(moov_last_)) == 0 &&
@@ -131,26 +127,25 @@ std::string probe_view(const Json& t) {
   return sorted_lines(lines);
 }
 
-// probe's JSON and text agree with ffprobe on the file type, every track and
-// the top level of the box tree.
-void expect_agrees_with_ffprobe(const std::string& file) {
+// probe's JSON and text agree with ffprobe on the file type and every track;
+// the text report is returned.
+std::string expect_agrees_with_ffprobe(const std::string& file) {
   SCOPED_TRACE(file);
   std::string json_text, text, ff_text;
-  ASSERT_EQ(probe("--json " + shell_quote(file), &json_text), 0);
+  EXPECT_EQ(probe("--json " + shell_quote(file), &json_text), 0);
   expect_valid_json(json_text);
-  ASSERT_EQ(probe(shell_quote(file), &text), 0);
+  EXPECT_EQ(probe(shell_quote(file), &text), 0);
   const Json mine = parse_json(json_text).value_or(Json{});
   run("ffprobe -v error -show_entries format_tags=major_brand,minor_version,compatible_brands -of default=nw=1 " +
           shell_quote(file), &ff_text);
   std::string brands = "TAG:major_brand=" + mine["file_type"]["major_brand"].text + "\nTAG:minor_version=" +
                        integer(mine["file_type"]["minor_version"].num()) + "\nTAG:compatible_brands=";
   for (const Json& brand : mine["file_type"]["compatible_brands"].items) brands += brand.text;
-  EXPECT_EQ(sorted_lines({brands}), sorted_lines({ff_text.substr(0, ff_text.size() - 1)}));
-
-  std::string kinds;
+  EXPECT_EQ(brands + "\n", ff_text);
+  std::string kinds, streams;
   for (const Json& t : mine["tracks"].items) {
     const bool video = t["handler"].text == "vide";
-    kinds += video ? 'v' : 'a';
+    kinds += video ? "video\n" : "audio\n";
     EXPECT_EQ(probe_view(t), ffprobe_view(file, video ? 'v' : 'a'));
     EXPECT_TRUE(t["consistency"]["consistent"].flag && t["complete"].flag);
     char says[160];
@@ -158,63 +153,37 @@ void expect_agrees_with_ffprobe(const std::string& file) {
                   t["sample_bytes"].num());
     EXPECT_NE(text.find(says), std::string::npos) << says << " in " << text;
   }
-  std::string streams;
   run("ffprobe -v error -show_entries stream=codec_type -of csv=p=0 " + shell_quote(file), &streams);
-  std::sort(kinds.begin(), kinds.end());
-  EXPECT_EQ(kinds, streams.find("audio") == std::string::npos ? "v" : "av") << streams;
-
-  // The box tree's top level sits where the bytes say.
-  const auto bytes = read_file(file);
-  const std::vector<TopBox> expected = top_boxes(bytes);
-  std::vector<TopBox> walked;
-  for (const Json& box : mine["boxes"].items)
-    if (box["depth"].num() == 0)
-      walked.push_back({box["type"].text, uint64_t(box["offset"].num()), uint64_t(box["size"].num())});
-  ASSERT_EQ(walked.size(), expected.size());
-  for (std::size_t i = 0; i < walked.size(); ++i)
-    if (walked[i].type.empty()) walked[i].type = expected[i].type;  // a type the parser has no name for
-  EXPECT_EQ(walked, expected);
-  EXPECT_EQ(mine["stream_bytes"].num(), double(bytes.size()));
+  EXPECT_EQ(kinds, streams);
+  return text;
 }
 
 TEST_F(ProbeTool, AgreesWithFfprobeOnFilesFromFfmpegAndFromOurWriter) {
   const std::string out = temp_dir() + "/ours", data = source_dir() + "/tests/data/sample.", es = out + ".h265";
   ASSERT_EQ(ffmpeg("-f lavfi -i testsrc2=size=200x120:rate=25:duration=1 -pix_fmt yuv420p10le -c:v libx265 "
                    "-x265-params log-level=error:bframes=3 -f hevc " + shell_quote(es)), 0);
-  const std::string mux = shell_quote(tool_path()) + " mux -q ", h264 = "--video " + shell_quote(data + "h264");
-  const std::string aac = " --audio " + shell_quote(data + "aac");
+  const std::string mux = shell_quote(tool_path()) + " mux -q ";
+  ASSERT_EQ(run(mux + "--video " + shell_quote(data + "h264") + " --audio " + shell_quote(data + "aac") + " -o " +
+                shell_quote(out + "1.mp4")), 0);
+  ASSERT_EQ(run(mux + "--video " + shell_quote(es) + " -o " + shell_quote(out + "2.mp4")), 0);
   const struct {
-    std::string file, mux, says;  // a file, the mux arguments that make it, a line of its text report
+    std::string file;
+    std::vector<std::string> says;  // lines of its text report
   } cases[] = {
-      {moov_last_, "", "  codec:       avc1, H.264 High profile, level 1.1, 160x120, 4-byte NAL lengths, 1 SPS, 1 PPS\n"},
-      {moov_last_, "", "  frame rate:  25.000 frames/s\n"},
-      {moov_last_, "", ", language fra\n"},
-      {moov_last_, "", "  codec:       mp4a, AAC LC, 1 channel, 44100 Hz\n"},
-      {moov_last_, "", "  tables:      agree: 50 samples timed (stts), 50 sized (stsz), 50 placed in"},
-      {fast_start_, "", "  codec:       mp4a, AAC LC, 2 channels, 48000 Hz\n"},
-      {out + "1.mp4", h264 + aac, "\ntrack 1: video (handler 'vide', \"VideoHandler\")\n"},
-      {out + "1.mp4", h264 + aac, ", language und\n"},
-      {out + "2.mp4", "--faststart " + h264 + aac, "movie:       "},
+      {moov_last_,
+       {"  codec:       avc1, H.264 High profile, level 1.1, 160x120, 4-byte NAL lengths, 1 SPS, 1 PPS\n",
+        "  frame rate:  25.000 frames/s\n", ", language fra\n", "  codec:       mp4a, AAC LC, 1 channel, 44100 Hz\n",
+        "  tables:      agree: 50 samples timed (stts), 50 sized (stsz), 50 placed in"}},
+      {fast_start_, {"  codec:       mp4a, AAC LC, 2 channels, 48000 Hz\n"}},
+      {out + "1.mp4", {"\ntrack 1: video (handler 'vide', \"VideoHandler\")\n", ", language und\n"}},
       // H.265 at 10 bits from our writer.
-      {out + "3.mp4", "--video " + shell_quote(es),
-       "hvc1, H.265 Main 10 profile, Main tier, level 2, 4:2:0, 10-bit, 200x120, 4-byte NAL lengths, 1 VPS, 1 SPS, "
-       "1 PPS\n"},
+      {out + "2.mp4", {"hvc1, H.265 Main 10 profile, Main tier, level 2, 4:2:0, 10-bit, 200x120, 4-byte NAL lengths, "
+                       "1 VPS, 1 SPS, 1 PPS\n"}},
   };
-  std::string last, text;
   for (const auto& c : cases) {
-    if (c.file != last) {
-      if (!c.mux.empty()) {
-        ASSERT_EQ(run(mux + c.mux + " -o " + shell_quote(c.file) + " 2>&1"), 0) << c.mux;
-      }
-      expect_agrees_with_ffprobe(c.file);
-      ASSERT_EQ(probe(shell_quote(c.file), &text), 0);
-    }
-    last = c.file;
-    EXPECT_NE(text.find(c.says), std::string::npos) << c.says << " in " << text;
+    const std::string text = expect_agrees_with_ffprobe(c.file);
+    for (const auto& says : c.says) EXPECT_NE(text.find(says), std::string::npos) << says << " in " << text;
   }
-  const Json codec = probe_json(shell_quote(out + "3.mp4"))["tracks"].items.at(0)["codec"];
-  EXPECT_EQ(codec["bit_depth"].num() * 10 + codec["chroma_format"].num(), 101);
-  EXPECT_EQ(codec["tier_name"].text + codec["level_name"].text, "Main2");
 }
 
 // Every track's --samples columns equal ffprobe's packets in size, offset
@@ -224,14 +193,12 @@ void expect_samples_like_ffprobe(const Json& report, const std::string& file) {
   const auto packets = packets_by_track(file);
   ASSERT_EQ(report["tracks"].items.size(), packets.size());
   for (const Json& track : report["tracks"].items) {
-    const auto id = static_cast<int32_t>(track["id"].num());
-    const std::vector<PacketRow>& want = packets.at(id);
+    const std::vector<PacketRow>& want = packets.at(static_cast<int32_t>(track["id"].num()));
     const Json& s = track["samples"];
-    for (const char* column : {"decode_time", "composition_time", "duration", "size", "offset", "sync"})
-      ASSERT_EQ(s[column].items.size(), want.size()) << column;
     EXPECT_EQ(track["sample_count"].num(), double(want.size()));
+    ASSERT_EQ(s["size"].items.size(), want.size());
+    const auto at = [&](const char* column, std::size_t i) { return s[column].items.at(i).num(); };
     double least_mine = 1e300, least_theirs = 1e300;
-    const auto at = [&](const char* column, std::size_t i) { return s[column].items[i].num(); };
     for (std::size_t i = 0; i < want.size(); ++i) {
       least_mine = std::min(least_mine, at("composition_time", i) - at("decode_time", i));
       least_theirs = std::min(least_theirs, double(want[i].pts - want[i].dts));
@@ -245,134 +212,98 @@ void expect_samples_like_ffprobe(const Json& report, const std::string& file) {
       const bool last = i + 1 == want.size();
       mine.push_back(row(at("decode_time", i) - at("decode_time", 0),
                          at("composition_time", i) - at("decode_time", i) - least_mine, last ? 0 : at("duration", i),
-                         at("size", i), at("offset", i), s["sync"].items[i].flag));
+                         at("size", i), at("offset", i), s["sync"].items.at(i).flag));
       theirs.push_back(row(double(want[i].dts - want[0].dts), double(want[i].pts - want[i].dts) - least_theirs,
                            last ? 0 : double(want[i + 1].dts - want[i].dts), double(want[i].size), double(want[i].pos),
                            want[i].key));
     }
-    EXPECT_EQ(mine, theirs) << "track " << id;
+    EXPECT_EQ(mine, theirs) << "track " << track["id"].num();
   }
 }
 
 TEST_F(ProbeTool, EverySampleOfFragmentsAndOfA64BitMdatIsListed) {
   const std::string large = temp_dir() + "/large_mdat.mp4";
   write_file(large, widen_mdat(read_file(fast_start_)));
-  const struct {
-    std::string file, mode, form;
-  } cases[] = {
-      {fragmented_, "", "fragmented, "},
-      {moov_and_fragments_, "", "fragmented, "},
-      {large, "", "box with a 64-bit size"},
-      // --strict reads every table before the mdat and says where it stopped.
-      {large, "--strict ", "box with a 64-bit size (not followed with --strict)"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.mode + c.file);
-    const Json report = probe_json(c.mode + "--samples " + shell_quote(c.file));
-    EXPECT_NE(report["form"].text.find(c.form), std::string::npos) << report["form"].text;
-    expect_samples_like_ffprobe(report, c.file);
-    EXPECT_EQ(report["stream_stop"].kind == Json::kNull, c.mode.empty());
+  // --strict reads every table before the mdat and says where it stopped.
+  for (const auto& [mode, file] : std::vector<std::pair<std::string, std::string>>{
+           {"", fragmented_}, {"", moov_and_fragments_}, {"", large}, {"--strict ", large}}) {
+    SCOPED_TRACE(mode + file);
+    const Json report = probe_json(mode + "--samples " + shell_quote(file));
+    expect_samples_like_ffprobe(report, file);
+    EXPECT_EQ(report["stream_stop"].kind == Json::kNull, mode.empty());
   }
-  // Without --samples the counts stay and the lists go.
-  const Json video = probe_json(shell_quote(moov_and_fragments_))["tracks"].items.at(0);
-  EXPECT_EQ(video["samples"].kind, Json::kNull);
-  EXPECT_GT(video["table_samples"].num(), 0);
-  EXPECT_EQ(video["table_samples"].num() + video["fragment_samples"].num(), 50);
   std::string text;
   ASSERT_EQ(probe("--samples " + shell_quote(fragmented_), &text), 0);
   for (const char* says : {"\ntrack 1 samples: 50 (decode_time composition_time duration size offset, K: sync)\n"
-                           "         1: ", "  samples:     50, 5 key frames\n"})
+                           "         1: ", "  samples:     50, 5 key frames\n", "form:        fragmented, "})
     EXPECT_NE(text.find(says), std::string::npos) << says << " in " << text;
 }
 
+// The same report however the input comes: in pieces of any size, through
+// several pools, through a pipe (which cannot seek, so mdat payloads are read
+// and thrown away there); an upper-case MDAT is skipped all the same.
 TEST_F(ProbeTool, SameJsonForEveryPieceSizeAndFromStandardInput) {
-  // The parser takes fourccs in any letter case; an upper-case MDAT payload
-  // is skipped all the same, so only its name in the box list differs.
   auto upper = read_file(moov_last_);
   for (const TopBox& box : top_boxes(upper))
     if (box.type == "mdat") std::copy_n("MDAT", 4, upper.begin() + long(box.offset) + 4);
   const std::string upper_file = temp_dir() + "/upper.mp4";
   write_file(upper_file, upper);
-  const std::string probe = shell_quote(tool_path()) + " probe --json ";
-  for (const std::string& options : {std::string(), std::string("--samples ")}) {
-    for (const std::string& name : {moov_last_, fragmented_}) {
-      const std::string file = shell_quote(name);
-      std::string whole;
-      ASSERT_EQ(run(probe + options + file, &whole), 0);
-      // A pipe cannot seek, so mdat payloads are read and thrown away there.
-      for (const std::string& command :
-           {probe + options + "--piece 1 " + file, probe + options + "--piece 7 " + file,
-            probe + options + "--random-pieces 5000 --seed 99 " + file, probe + options + "--pools 4 --piece 300 " + file,
-            probe + options + "- < " + file, "cat " + file + " | " + probe + options + "--piece 999 -",
-            probe + options + "--piece 999 " + shell_quote(upper_file)}) {
-        if (command.find(upper_file) != std::string::npos && name != moov_last_) continue;
-        std::string again;
-        EXPECT_EQ(run(command, &again), 0) << command;
-        EXPECT_EQ(again, whole) << command;
-      }
+  const std::string probe = shell_quote(tool_path()) + " probe --json --samples ";
+  for (const std::string& name : {moov_last_, fragmented_}) {
+    const std::string file = shell_quote(name);
+    std::string whole, again;
+    ASSERT_EQ(run(probe + file, &whole), 0);
+    for (const std::string& command :
+         {probe + "--piece 1 " + file, probe + "--random-pieces 5000 --seed 99 " + file,
+          probe + "--pools 4 --piece 300 " + file, "cat " + file + " | " + probe + "--piece 999 -",
+          probe + "--piece 999 " + shell_quote(name == moov_last_ ? upper_file : name)}) {
+      EXPECT_EQ(run(command, &again), 0) << command;
+      EXPECT_EQ(again, whole) << command;
     }
   }
 }
 
 TEST_F(ProbeTool, ErrorsNameWhatWentWrongAndWhere) {
   const std::string dir = temp_dir() + "/";
-  const auto moov_last = read_file(moov_last_);
-  const TopBox moov = top_boxes(moov_last).back();
-  const std::size_t cut = moov.offset + moov.size / 2;
-  const auto fast = read_file(fast_start_);
-  const TopBox mdat = top_boxes(fast).back();
+  const auto moov_last = read_file(moov_last_), fast = read_file(fast_start_);
+  const TopBox moov = top_boxes(moov_last).back(), mdat = top_boxes(fast).back();
   ASSERT_EQ(moov.type + mdat.type, "moovmdat");
   const Bytes ftyp = box("ftyp", Bytes().str("isom").u32(512).str("isom"));
-  Bytes garbage;
-  for (uint32_t i = 0, x = 12345; i < 3000; ++i) garbage.u8(uint8_t((x = x * 1103515245 + 12345) >> 24));
-  garbage[0] = 0x7F;  // a first box far larger than any reassembly buffer
   const auto at = [](uint64_t offset) { return " at offset " + std::to_string(offset); };
-
   const struct {
     const char* name;
     std::vector<uint8_t> bytes;
-    std::vector<std::string> wanted;
+    std::string wanted;
   } cases[] = {
-      {"cut_in_moov.mp4", {moov_last.begin(), moov_last.begin() + long(cut)},
-       {"truncated: box 'moov'" + at(moov.offset) + " declares " + std::to_string(moov.size) + " bytes, " +
-        std::to_string(cut - moov.offset) + " present"}},
+      {"cut_in_moov.mp4", {moov_last.begin(), moov_last.begin() + long(moov.offset + 100)},
+       "truncated: box 'moov'" + at(moov.offset) + " declares " + std::to_string(moov.size) + " bytes, 100 present"},
       {"cut_in_header.mp4", {moov_last.begin(), moov_last.begin() + long(moov.offset) + 3},
-       {"truncated: box header" + at(moov.offset) + " has 3 of its 8 bytes"}},
+       "truncated: box header" + at(moov.offset) + " has 3 of its 8 bytes"},
       {"cut_in_mdat.mp4", {fast.begin(), fast.begin() + long(mdat.offset) + 100},
-       {"truncated: box 'mdat'" + at(mdat.offset) + " declares " + std::to_string(mdat.size) + " bytes, 100 present"}},
-      {"garbage.bin", garbage, {"0x091B0006", "box '"}},
+       "truncated: box 'mdat'" + at(mdat.offset) + " declares " + std::to_string(mdat.size) + " bytes, 100 present"},
+      {"huge_box.mp4", cat({Bytes().u32(0x7F000000).str("junk").zeros(3000)}), "0x091B0006"},
       // The 64-bit mdat is followed, and nothing else is there.
-      {"large_size.mp4", cat({ftyp, Bytes().u32(1).str("mdat").u64(48).zeros(32)}),
-       {"no movie header (moov/mvhd) in 68 bytes"}},
-      {"size_four.mp4", cat({ftyp, Bytes().u32(4).str("free").zeros(20)}), {"0x091B0007 BOXLANE_ERROR_PARSE_MALFORMED"}},
+      {"large_size.mp4", cat({ftyp, Bytes().u32(1).str("mdat").u64(48).zeros(32)}), "no movie header (moov/mvhd) in 68 bytes"},
+      {"size_four.mp4", cat({ftyp, Bytes().u32(4).str("free").zeros(20)}), "0x091B0007 BOXLANE_ERROR_PARSE_MALFORMED"},
       {"child_past_parent.mp4", cat({ftyp, box("moov", box("udta", Bytes().zeros(8), 500)), box("free", Bytes().zeros(8))}),
-       {"the parser still waits for the end of a box"}},
-      {"no_movie.mp4", cat({ftyp, box("free", Bytes().zeros(8))}), {"no movie header"}},
-      {"empty.mp4", {}, {"empty input"}},
+       "the parser still waits for the end of a box"},
+      {"empty.mp4", {}, "empty input"},
   };
-  // Through a pipe, too: it cannot seek, so mdat payloads are read there.
   for (const auto& c : cases) {
     write_file(dir + c.name, c.bytes);
     const std::string file = shell_quote(dir + c.name), probe = shell_quote(tool_path()) + " probe ";
-    for (const std::string& command : {probe + "--piece 1 " + file, probe + "--piece 65536 " + file,
-                                       "cat " + file + " | " + probe + "-"}) {
+    for (const std::string& command : {probe + "--piece 1 " + file, "cat " + file + " | " + probe + "-"}) {
       SCOPED_TRACE(command);
       std::string out;
       EXPECT_EQ(run(command + " 2>&1", &out), 1);
-      for (const auto& wanted : c.wanted) EXPECT_NE(out.find(wanted), std::string::npos) << out;
       EXPECT_EQ(out.rfind("boxlane probe: ", 0), 0u) << "nothing but the error: " << out;
+      EXPECT_NE(out.find(c.wanted), std::string::npos) << out;
     }
   }
-  // /dev/zero never ends: one box of size 0, read no further.
-  std::string out;
-  EXPECT_EQ(run(shell_quote(tool_path()) + " probe /dev/zero 2>&1", &out), 1);
-  EXPECT_NE(out.find("has size 0: it runs to the end of the stream, so probe stopped reading there"), std::string::npos)
-      << out;
-
   // Options at their limits are taken; one past them is bad usage.
-  for (const std::string good : {"--pools 64", "--piece 67108864", "--random-pieces 67108864 --seed 0"}) {
+  std::string out;
+  for (const std::string good : {"--pools 64", "--piece 67108864", "--random-pieces 67108864 --seed 0"})
     EXPECT_EQ(probe(good + " " + shell_quote(fast_start_) + " 2>&1", &out), 0) << good << ": " << out;
-  }
   for (const std::string bad : {"", "--piece 0 x.mp4", "--bogus x.mp4", "--seed 3 x.mp4", "a.mp4 b.mp4", "--pools 65 x.mp4",
                                 "--pools 0 x.mp4", "--piece 67108865 x.mp4", "--random-pieces 0 x.mp4"}) {
     EXPECT_EQ(probe(bad + " 2>&1", &out), 2) << bad;
@@ -409,7 +340,7 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
                                                   full_box("stss", 0, 0, Bytes().u32(2).u32(3).u32(3)), 3));
   const Json twice = probe_json(shell_quote(dir + "twice.mp4"))["tracks"].items.at(0);
   std::string problems, text;
-  for (const Json& p : twice["consistency"]["problems"].items) problems += p.text + "|";
+  for (const Json& problem : twice["consistency"]["problems"].items) problems += problem.text + "|";
   EXPECT_EQ(problems, "stts counts 10 samples but stsz lists 9 sizes|the stco chunks hold 12 samples (through stsc) "
                       "but stts counts 10|stss names sample 3, out of order or past the 10 samples|");
   EXPECT_EQ(twice["handler_name"].text, "T\"\\\n\xC3\xBF");
@@ -460,17 +391,14 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
 
   // No time scale: rates and seconds are unknown, null in JSON.
   write_file(dir + "untimed.mp4", movie_with_tables(full_box("stsz", 0, 0, Bytes().u32(100).u32(10)), Bytes(), 3, 0));
-  ASSERT_EQ(probe("--json " + shell_quote(dir + "untimed.mp4"), &text), 0);
-  expect_valid_json(text);
-  const Json untimed = parse_json(text).value_or(Json{})["tracks"].items.at(0);
+  const Json untimed = probe_json(shell_quote(dir + "untimed.mp4"))["tracks"].items.at(0);
   for (const char* unknown : {"frame_rate", "bit_rate", "duration_seconds"})
     EXPECT_EQ(untimed[unknown].kind, Json::kNull) << unknown;
 }
 
 // The first occurrence of a fourcc in a file, as the offset of its box.
 std::size_t box_at(const std::vector<uint8_t>& file, const char* type, std::size_t from = 0) {
-  const std::string text(file.begin(), file.end());
-  const std::size_t at = text.find(type, from);
+  const std::size_t at = std::string(file.begin(), file.end()).find(type, from);
   EXPECT_NE(at, std::string::npos) << type;
   return at - 4;
 }
@@ -484,12 +412,10 @@ void put32(std::vector<uint8_t>& file, std::size_t at, uint32_t v) {
 }
 
 // The first stsz, a table of sizes below 65536, becomes an stz2 of 16-bit
-// fields followed by a free box over the bytes it no longer needs: no other
-// box moves or changes size.
+// fields followed by a free box over the bytes it no longer needs.
 std::vector<uint8_t> with_stz2(std::vector<uint8_t> file) {
   const std::size_t at = box_at(file, "stsz");
   const uint32_t count = get32(file, at + 16);
-  EXPECT_EQ(get32(file, at + 12), 0u) << "a table, not one size";
   Bytes stz2 = Bytes().u24(0).u8(16).u32(count);
   for (uint32_t i = 0; i < count; ++i) stz2.u16(uint16_t(get32(file, at + 20 + 4 * i)));
   const Bytes both = cat({full_box("stz2", 0, 0, stz2), box("free", Bytes().zeros(2 * count - 8))});
@@ -516,9 +442,8 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
     b.insert(b.begin() + long(second_trak), large.begin(), large.end());
     put32(b, moov, get32(b, moov) + 16);
   });
-  const auto large_mdat = widen_mdat(fast);
+  const auto large_mdat = widen_mdat(fast), fragmented = read_file(fragmented_);
   const std::string mdat_at = std::to_string(box_at(large_mdat, "mdat")), end_at = std::to_string(fast.size());
-  const auto fragmented = read_file(fragmented_);
   const Bytes size_four = Bytes().u32(4).str("free").zeros(4);
   const auto with_id = [&](uint32_t id) {
     return changed([&](std::vector<uint8_t>& b) { put32(b, box_at(b, "tkhd", box_at(b, "tkhd") + 8) + 20, id); });
@@ -531,13 +456,11 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
   const std::string brands = "(ftyp) lists 4097 compatible brands, more than probe reads (4096)";
   const std::string unread = "which --strict does not read: their samples are not counted";
   const std::string moov_stop = "the parser stopped inside the movie box (at offset " + std::to_string(second_trak) + ")";
+  const std::string trak_at = "box 'trak' at offset " + std::to_string(second_trak) + " is larger";
 
   struct Marks {  // missing at the top, at track 1 and at track 2; tracks listed
-    Marks(std::vector<std::string> r = {}, std::vector<std::string> t1 = {}, std::vector<std::string> t2 = {},
-          std::size_t n = 2)
-        : report(std::move(r)), track1(std::move(t1)), track2(std::move(t2)), tracks(n) {}
     std::vector<std::string> report, track1, track2;
-    std::size_t tracks;
+    std::size_t tracks = 2;
   };
   const struct {
     const char* name;
@@ -555,7 +478,6 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
       {"description_2.mp4", changed([&](std::vector<uint8_t>& b) { put32(b, box_at(b, "stsc") + 24, 2); }),
        {{}, {"stsc gives samples sample description 2, but the parser hands out only the first"}},
        {{}, {"sample description 2"}}},
-      {"track_10.mp4", with_id(10), {}, {}},
       {"brands_at_cap.mp4", with_brands(4096), {}, {}},
       {"brands_past_cap.mp4", with_brands(4097), {{brands}}, {{brands}}},
       // An mdat that ends the file loses nothing however its size is given;
@@ -570,9 +492,9 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
       {"nested_large.mp4", nested_large, {},
        {{"box 'free' at offset " + std::to_string(second_trak) + " has a 64-bit size"}, {moov_stop}, {}, 1}},
       {"nested_huge.mp4", changed([&](std::vector<uint8_t>& b) { put32(b, second_trak, 0x10000001); }),
-       {{"box 'trak' at offset " + std::to_string(second_trak) + " is larger than the parser takes: the parser "
-         "stopped there (0x091B0006 BOXLANE_ERROR_PARSE_NOTSUPPORT"}, {moov_stop}, {}, 1},
-       {{"box 'trak' at offset " + std::to_string(second_trak) + " is larger"}, {moov_stop}, {}, 1}},
+       {{trak_at + " than the parser takes: the parser stopped there (0x091B0006 BOXLANE_ERROR_PARSE_NOTSUPPORT"},
+        {moov_stop}, {}, 1},
+       {{trak_at}, {moov_stop}, {}, 1}},
       // A stop after the movie keeps nothing from a progressive file's
       // tracks; a fragmented file's may lack fragments.
       {"size_four.mp4", cat({fast, size_four}),
@@ -592,35 +514,22 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
   };
   for (const auto& c : cases) {
     write_file(dir + c.name, c.bytes);
-    const std::string file = shell_quote(dir + c.name);
     for (const bool strict : {false, true}) {
       SCOPED_TRACE(std::string(c.name) + (strict ? " --strict" : ""));
       const Marks& want = strict ? c.strict : c.extended;
-      const std::string mode = strict ? "--strict " : "";
-      std::string text, whole_json, cut_json;
-      ASSERT_EQ(probe(mode + file, &text), 0);
-      // The same marks however the input is cut: only the bytes read after
-      // a stop depend on the pieces.
-      ASSERT_EQ(probe("--json " + mode + file, &whole_json), 0);
-      EXPECT_EQ(probe("--json --piece 7 " + mode + file, &cut_json), 0);
-      const auto without_bytes = [](std::string json) {
-        const std::size_t at = json.find("\"stream_bytes\": ");
-        return json.erase(at, json.find('\n', at) - at);
-      };
-      EXPECT_EQ(without_bytes(cut_json), without_bytes(whole_json));
-      const Json doc = parse_json(whole_json).value_or(Json{});
-
+      const std::string args = (strict ? "--strict " : "") + shell_quote(dir + c.name);
+      std::string text;
+      ASSERT_EQ(probe(args, &text), 0);
+      const Json doc = probe_json(args);
       const bool whole = want.report.empty() && want.track1.empty() && want.track2.empty();
       EXPECT_EQ(doc["complete"].flag, whole);
       EXPECT_EQ(text.find("INCOMPLETE") == std::string::npos, whole) << text;
       const std::string report_missing = joined(doc["missing"]);
+      EXPECT_EQ(report_missing.empty(), want.report.empty()) << report_missing;
       for (const auto& says : want.report) {
         EXPECT_NE(report_missing.find(says), std::string::npos) << says << " in " << report_missing;
         const std::size_t at = text.find(says);
         EXPECT_EQ(text.compare(text.rfind('\n', at) + 1, 13, "INCOMPLETE:  "), 0) << says << " in " << text;
-      }
-      if (want.report.empty()) {
-        EXPECT_EQ(report_missing, "");
       }
       const auto& tracks = doc["tracks"].items;
       ASSERT_EQ(tracks.size(), want.tracks);
@@ -637,79 +546,13 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
       }
     }
   }
-  // A stop that loses nothing is said once, as where reading ended.
-  std::string text;
-  ASSERT_EQ(probe("--strict " + shell_quote(dir + "large_mdat.mp4"), &text), 0);
-  EXPECT_NE(text.find("\nstream:      box 'mdat' at offset " + mdat_at + " has a 64-bit size"), std::string::npos) << text;
-  ASSERT_EQ(probe("--strict " + shell_quote(dir + "large_mdat_then_free.mp4"), &text), 0);
-  EXPECT_EQ(text.find("\nstream:      "), std::string::npos) << text;
   // --strict names the ids GetTrack leaves out: 10, and not 9.
   for (const uint32_t id : {9u, 10u}) {
+    std::string text;
     write_file(dir + "id.mp4", with_id(id));
     ASSERT_EQ(probe("--strict " + shell_quote(dir + "id.mp4"), &text), 0);
     EXPECT_EQ(text.find("track id " + std::to_string(id) + " lies outside 0 to 9") != std::string::npos, id == 10) << text;
     EXPECT_NE(text.find("\ntrack " + std::to_string(id) + ": audio"), std::string::npos) << text;
-  }
-}
-
-// Shapes of file that would make probe hold far more than the file: tkhd
-// boxes each making a track until the parser client's bound stops the
-// stream, and so many top-level boxes that their records are taken while the
-// file is still being sent. Each is reported with what is cut marked as cut
-// (read as text: the test's JSON reader is slow on tens of megabytes).
-TEST(ProbeMemory, MarksWhatIsCut) {
-  if (tool_path().empty()) GTEST_SKIP() << "the boxlane program is not built";
-  // ISO/IEC 14496-12 §8.2.2 and §8.3.2: time scale 1000, rate and volume
-  // 1.0, next track id 2; a tkhd of version 0, flags 3.
-  const Bytes mvhd = full_box("mvhd", 0, 0, Bytes{}.u32(0).u32(0).u32(1000).u32(0).u32(0x10000).u16(0x100).zeros(10)
-                                                .u32(0x10000).zeros(12).u32(0x10000).zeros(12).u32(0x40000000)
-                                                .zeros(24).u32(2));
-  const Bytes ftyp = box("ftyp", Bytes().str("isom").u32(512).str("mp41"));
-  // 1.2 MiB of tkhd boxes: a track record each would take the parser past
-  // 16 MiB and four times the file.
-  Bytes tracks = mvhd;
-  for (uint32_t id = 1; id <= 14000; ++id) tracks.add(full_box("tkhd", 0, 3, Bytes{}.u32(0).u32(0).u32(id).zeros(68)));
-  // 1.5 MiB of 8-byte boxes: records taken between runs of the file.
-  Bytes small = ftyp;
-  for (uint32_t i = 0; i < 196608; ++i) small.u32(8).str("free");
-  const struct {
-    const char* name;
-    Bytes bytes;
-    const char* missing;  // a piece of the first gap; nullptr when complete
-    const char* says;     // a piece of the text report
-  } cases[] = {
-      {"tracks_past_bound", cat({ftyp, box("moov", tracks)}), "box 'tkhd' at offset", "tracks after it are not listed"},
-      {"many_small_boxes", cat({small, box("moov", mvhd)}), nullptr, "form:        progressive"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const std::string file = temp_dir() + "/" + c.name + ".mp4";
-    write_file(file, c.bytes);
-    std::string text;
-    ASSERT_EQ(probe("--boxes " + shell_quote(file), &text), 0) << text.substr(0, 2000);
-    EXPECT_NE(text.find(c.says), std::string::npos) << text.substr(0, 2000);
-    const std::size_t gap = text.find("INCOMPLETE:  ");
-    ASSERT_EQ(gap == std::string::npos, c.missing == nullptr) << text.substr(0, 2000);
-    if (c.missing) {
-      EXPECT_NE(text.substr(gap, text.find('\n', gap) - gap).find(c.missing), std::string::npos);
-    }
-
-    // Every top-level box in stream order, each where the bytes put it: the
-    // records taken while the file was sent are neither lost nor reordered.
-    uint64_t offset = 0;
-    const std::size_t tree = text.find("\nboxes, as the parser walked them:");
-    ASSERT_NE(tree, std::string::npos);
-    for (std::size_t line = text.find('\n', tree + 1); line != std::string::npos; line = text.find('\n', line + 1)) {
-      // Two 10-wide columns, each after two spaces, then two spaces a level
-      // (sscanf would measure the rest of the report at every line).
-      const char* row = text.c_str() + line + 1;
-      char* end = nullptr;
-      const uint64_t at = std::strtoull(row, &end, 10);
-      if (end == row || text.size() <= line + 27 || text[line + 27] == ' ') continue;
-      ASSERT_EQ(at, offset);
-      offset += std::strtoull(end, nullptr, 10);
-    }
-    EXPECT_EQ(offset, c.bytes.size());
   }
 }
 
@@ -719,49 +562,28 @@ TEST(JsonWriter, AnyBytesAndNumbersBecomeValidJson) {
   const std::string ascii("q\"b\\s/\x01\x1f\x7f\n\t", 11), utf8 = "\xC3\xA9\xE2\x82\xAC\xF0\x9D\x84\x9E", nul(1, '\0');
   // Not UTF-8: a lone byte, an overlong form, a cut sequence, an overlong
   // three-byte form, a surrogate, a code point past U+10FFFF.
-  const std::string broken = "\xFF\xC0\x80\xE2\x82\xE0\x80\x80\xED\xA0\x80\xF4\x90\x80\x80";
-  const std::string long_text(200000, 'x');
+  const std::string broken = "\xFF\xC0\x80\xE2\x82\xE0\x80\x80\xED\xA0\x80\xF4\x90\x80\x80", long_text(200000, 'x');
   // Tables are formatted by hand: both sides of every digit count.
   std::vector<uint32_t> column{0};
   for (uint64_t power = 10; power <= 1000000000; power *= 10) column.insert(column.end(), {uint32_t(power - 1), uint32_t(power)});
   column.push_back(4294967295u);
-  const auto write = [&](tool::JsonWriter& json) {
-    json.begin_object();
-    json.member("text", std::string_view(ascii + utf8 + broken + nul));
-    json.key("row");
-    json.begin_array(true);
-    json.real(std::nan(""));
-    json.real(2.5);
-    json.number(int64_t{-7});
-    json.begin_array(true);
-    json.end_array();
-    json.end_array();
-    json.key("empty");
-    json.begin_object();
-    json.end_object();
-    json.key("column");
-    json.table(column, 1, [](uint32_t v, int) { return v; });
-    const std::vector<std::pair<uint32_t, uint32_t>> pairs{{1, 20}, {300, 4000}};
-    json.key("pairs");
-    json.table(pairs, 2, [](const auto& p, int i) { return i ? p.second : p.first; });
-    json.key("none");
-    json.table(std::vector<uint32_t>{}, 2, [](uint32_t v, int) { return v; });
-    json.member("long", std::string_view(long_text));
-    json.end_object();
-    json.flush();
-  };
-  // Streamed to a file, as probe writes it.
-  std::FILE* file = std::tmpfile();
-  ASSERT_NE(file, nullptr);
-  {
-    tool::JsonWriter json(file);
-    write(json);
-    EXPECT_TRUE(json.ok());
-  }
-  std::string out(static_cast<std::size_t>(std::ftell(file)), '\0');
-  std::rewind(file);
-  ASSERT_EQ(std::fread(out.data(), 1, out.size(), file), out.size());
-  std::fclose(file);
+  std::string out;
+  tool::JsonWriter json(out);
+  json.begin_object();
+  json.member("text", std::string_view(ascii + utf8 + broken + nul));
+  json.key("row");
+  json.begin_array(true);
+  json.real(std::nan(""));
+  json.real(2.5);
+  json.number(int64_t{-7});
+  json.end_array();
+  json.key("column");
+  json.table(column, 1, [](uint32_t v, int) { return v; });
+  json.key("pairs");
+  json.table(std::vector<std::pair<uint32_t, uint32_t>>{{1, 20}}, 2, [](const auto& p, int i) { return i ? p.second : p.first; });
+  json.member("long", std::string_view(long_text));
+  json.end_object();
+  json.flush();
   expect_valid_json(out);
   const auto doc = parse_json(out);
   ASSERT_TRUE(doc) << out.substr(0, 2000);
@@ -769,10 +591,9 @@ TEST(JsonWriter, AnyBytesAndNumbersBecomeValidJson) {
   EXPECT_EQ((*doc)["text"].text, ascii + utf8 + "\xC3\xBF\xC3\x80\xC2\x80\xC3\xA2\xC2\x82\xC3\xA0\xC2\x80\xC2\x80"
                                  "\xC3\xAD\xC2\xA0\xC2\x80\xC3\xB4\xC2\x90\xC2\x80\xC2\x80" + nul);
   EXPECT_EQ((*doc)["long"].text, long_text);
-  EXPECT_NE(out.find("\"row\": [null, 2.5, -7, []],\n  \"empty\": {},\n"), std::string::npos) << out.substr(0, 2000);
-  EXPECT_NE(out.find("\"column\": [0, 9, 10, 99, 100, 999, 1000, 9999, 10000, 99999, 100000, 999999, 1000000, 9999999, "
-                     "10000000, 99999999, 100000000, 999999999, 1000000000, 4294967295],\n"
-                     "  \"pairs\": [[1, 20], [300, 4000]],\n  \"none\": [],\n"),
+  EXPECT_NE(out.find("\"row\": [null, 2.5, -7],\n  \"column\": [0, 9, 10, 99, 100, 999, 1000, 9999, 10000, 99999, 100000, "
+                     "999999, 1000000, 9999999, 10000000, 99999999, 100000000, 999999999, 1000000000, 4294967295],\n"
+                     "  \"pairs\": [[1, 20]],\n"),
             std::string::npos)
       << out.substr(0, 2000);
 }
