@@ -14,6 +14,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <climits>
 #include <cmath>
 #include <sstream>
 #include <string>
@@ -127,26 +129,56 @@ std::string probe_view(const Json& t) {
   return sorted_lines(lines);
 }
 
-// probe's JSON and text agree with ffprobe on the file type and every track;
-// the text report is returned.
-std::string expect_agrees_with_ffprobe(const std::string& file) {
+// Every track's --samples columns equal ffprobe's packets in size, offset
+// and key flag, and in decode and composition time relative to the track's
+// first sample and least composition offset.
+void expect_samples_like_ffprobe(const Json& report, const std::string& file) {
+  const auto packets = packets_by_track(file);
+  ASSERT_EQ(report["tracks"].items.size(), packets.size());
+  for (const Json& track : report["tracks"].items) {
+    const std::vector<PacketRow>& want = packets.at(static_cast<int32_t>(track["id"].num()));
+    const Json& s = track["samples"];
+    EXPECT_EQ(track["sample_count"].num(), double(want.size()));
+    ASSERT_EQ(s["size"].items.size(), want.size());
+    const auto at = [&](const char* column, std::size_t i) { return int64_t(s[column].items.at(i).num()); };
+    std::vector<std::array<int64_t, 6>> mine, theirs;
+    for (std::size_t i = 0; i < want.size(); ++i) {
+      const bool last = i + 1 == want.size();
+      mine.push_back({at("decode_time", i) - at("decode_time", 0), at("composition_time", i) - at("decode_time", i),
+                      last ? 0 : at("duration", i), at("size", i), at("offset", i), s["sync"].items.at(i).flag});
+      theirs.push_back({want[i].dts - want[0].dts, want[i].pts - want[i].dts, last ? 0 : want[i + 1].dts - want[i].dts,
+                        want[i].size, want[i].pos, want[i].key});
+    }
+    for (auto* rows : {&mine, &theirs}) {
+      int64_t least = INT64_MAX;
+      for (const auto& row : *rows) least = std::min(least, row[1]);
+      for (auto& row : *rows) row[1] -= least;
+    }
+    EXPECT_EQ(mine, theirs) << "track " << track["id"].num();
+  }
+}
+
+// probe's JSON and text agree with ffprobe: the file type, every sample and,
+// unless the file is fragmented, every track's stream values; the text report
+// is returned.
+std::string expect_agrees_with_ffprobe(const std::string& file, bool fragmented) {
   SCOPED_TRACE(file);
-  std::string json_text, text, ff_text;
-  EXPECT_EQ(probe("--json " + shell_quote(file), &json_text), 0);
+  std::string json_text, text, ff_text, kinds, streams;
+  EXPECT_EQ(probe("--json --samples " + shell_quote(file), &json_text), 0);
   expect_valid_json(json_text);
-  EXPECT_EQ(probe(shell_quote(file), &text), 0);
+  EXPECT_EQ(probe("--samples " + shell_quote(file), &text), 0);
   const Json mine = parse_json(json_text).value_or(Json{});
+  expect_samples_like_ffprobe(mine, file);
   run("ffprobe -v error -show_entries format_tags=major_brand,minor_version,compatible_brands -of default=nw=1 " +
           shell_quote(file), &ff_text);
   std::string brands = "TAG:major_brand=" + mine["file_type"]["major_brand"].text + "\nTAG:minor_version=" +
                        integer(mine["file_type"]["minor_version"].num()) + "\nTAG:compatible_brands=";
   for (const Json& brand : mine["file_type"]["compatible_brands"].items) brands += brand.text;
   EXPECT_EQ(brands + "\n", ff_text);
-  std::string kinds, streams;
   for (const Json& t : mine["tracks"].items) {
     const bool video = t["handler"].text == "vide";
     kinds += video ? "video\n" : "audio\n";
-    EXPECT_EQ(probe_view(t), ffprobe_view(file, video ? 'v' : 'a'));
+    if (!fragmented) EXPECT_EQ(probe_view(t), ffprobe_view(file, video ? 'v' : 'a'));
     EXPECT_TRUE(t["consistency"]["consistent"].flag && t["complete"].flag);
     char says[160];
     std::snprintf(says, sizeof says, "  bit rate:    %.1f kbit/s (%.0f bytes of samples)\n", t["bit_rate"].num() / 1000,
@@ -166,9 +198,11 @@ TEST_F(ProbeTool, AgreesWithFfprobeOnFilesFromFfmpegAndFromOurWriter) {
   ASSERT_EQ(run(mux + "--video " + shell_quote(data + "h264") + " --audio " + shell_quote(data + "aac") + " -o " +
                 shell_quote(out + "1.mp4")), 0);
   ASSERT_EQ(run(mux + "--video " + shell_quote(es) + " -o " + shell_quote(out + "2.mp4")), 0);
+  write_file(out + "3.mp4", widen_mdat(read_file(fast_start_)));
   const struct {
     std::string file;
     std::vector<std::string> says;  // lines of its text report
+    bool fragmented = false;
   } cases[] = {
       {moov_last_,
        {"  codec:       avc1, H.264 High profile, level 1.1, 160x120, 4-byte NAL lengths, 1 SPS, 1 PPS\n",
@@ -179,64 +213,19 @@ TEST_F(ProbeTool, AgreesWithFfprobeOnFilesFromFfmpegAndFromOurWriter) {
       // H.265 at 10 bits from our writer.
       {out + "2.mp4", {"hvc1, H.265 Main 10 profile, Main tier, level 2, 4:2:0, 10-bit, 200x120, 4-byte NAL lengths, "
                        "1 VPS, 1 SPS, 1 PPS\n"}},
+      {out + "3.mp4", {"form:        progressive, 1 box with a 64-bit size"}},
+      {fragmented_, {"form:        fragmented, ", "  samples:     50, 5 key frames\n", "\ntrack 1 samples: 50 "
+                     "(decode_time composition_time duration size offset, K: sync)\n         1: "}, true},
+      {moov_and_fragments_, {"form:        fragmented, "}, true},
   };
   for (const auto& c : cases) {
-    const std::string text = expect_agrees_with_ffprobe(c.file);
+    const std::string text = expect_agrees_with_ffprobe(c.file, c.fragmented);
     for (const auto& says : c.says) EXPECT_NE(text.find(says), std::string::npos) << says << " in " << text;
   }
-}
-
-// Every track's --samples columns equal ffprobe's packets in size, offset
-// and key flag, and in decode and composition time relative to the track's
-// first sample and least composition offset.
-void expect_samples_like_ffprobe(const Json& report, const std::string& file) {
-  const auto packets = packets_by_track(file);
-  ASSERT_EQ(report["tracks"].items.size(), packets.size());
-  for (const Json& track : report["tracks"].items) {
-    const std::vector<PacketRow>& want = packets.at(static_cast<int32_t>(track["id"].num()));
-    const Json& s = track["samples"];
-    EXPECT_EQ(track["sample_count"].num(), double(want.size()));
-    ASSERT_EQ(s["size"].items.size(), want.size());
-    const auto at = [&](const char* column, std::size_t i) { return s[column].items.at(i).num(); };
-    double least_mine = 1e300, least_theirs = 1e300;
-    for (std::size_t i = 0; i < want.size(); ++i) {
-      least_mine = std::min(least_mine, at("composition_time", i) - at("decode_time", i));
-      least_theirs = std::min(least_theirs, double(want[i].pts - want[i].dts));
-    }
-    std::vector<std::string> mine, theirs;
-    const auto row = [](double dts, double cts, double duration, double size, double pos, bool key) {
-      return integer(dts) + " " + integer(cts) + " " + integer(duration) + " " + integer(size) + " " + integer(pos) +
-             (key ? " K" : "");
-    };
-    for (std::size_t i = 0; i < want.size(); ++i) {
-      const bool last = i + 1 == want.size();
-      mine.push_back(row(at("decode_time", i) - at("decode_time", 0),
-                         at("composition_time", i) - at("decode_time", i) - least_mine, last ? 0 : at("duration", i),
-                         at("size", i), at("offset", i), s["sync"].items.at(i).flag));
-      theirs.push_back(row(double(want[i].dts - want[0].dts), double(want[i].pts - want[i].dts) - least_theirs,
-                           last ? 0 : double(want[i + 1].dts - want[i].dts), double(want[i].size), double(want[i].pos),
-                           want[i].key));
-    }
-    EXPECT_EQ(mine, theirs) << "track " << track["id"].num();
-  }
-}
-
-TEST_F(ProbeTool, EverySampleOfFragmentsAndOfA64BitMdatIsListed) {
-  const std::string large = temp_dir() + "/large_mdat.mp4";
-  write_file(large, widen_mdat(read_file(fast_start_)));
-  // --strict reads every table before the mdat and says where it stopped.
-  for (const auto& [mode, file] : std::vector<std::pair<std::string, std::string>>{
-           {"", fragmented_}, {"", moov_and_fragments_}, {"", large}, {"--strict ", large}}) {
-    SCOPED_TRACE(mode + file);
-    const Json report = probe_json(mode + "--samples " + shell_quote(file));
-    expect_samples_like_ffprobe(report, file);
-    EXPECT_EQ(report["stream_stop"].kind == Json::kNull, mode.empty());
-  }
-  std::string text;
-  ASSERT_EQ(probe("--samples " + shell_quote(fragmented_), &text), 0);
-  for (const char* says : {"\ntrack 1 samples: 50 (decode_time composition_time duration size offset, K: sync)\n"
-                           "         1: ", "  samples:     50, 5 key frames\n", "form:        fragmented, "})
-    EXPECT_NE(text.find(says), std::string::npos) << says << " in " << text;
+  // --strict reads every table before the 64-bit mdat and says where it stopped.
+  const Json strict = probe_json("--strict --samples " + shell_quote(out + "3.mp4"));
+  expect_samples_like_ffprobe(strict, out + "3.mp4");
+  EXPECT_EQ(strict["stream_stop"]["box"].text, "mdat");
 }
 
 // The same report however the input comes: in pieces of any size, through
@@ -346,10 +335,10 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
   EXPECT_EQ(twice["handler_name"].text, "T\"\\\n\xC3\xBF");
 
   // One size for every sample, no stss: 10 samples of 100 bytes in 10 s,
-  // the whole report with its tables and boxes.
+  // the whole text report with its tables.
   const std::string constant = dir + "constant.mp4";
   write_file(constant, movie_with_tables(full_box("stsz", 0, 0, Bytes().u32(100).u32(10)), Bytes(), 3));
-  ASSERT_EQ(probe("--tables --boxes " + shell_quote(constant), &text), 0);
+  ASSERT_EQ(probe("--tables " + shell_quote(constant), &text), 0);
   EXPECT_EQ(text.erase(text.find("  codec:"), text.find("  dimensions:") - text.find("  codec:")),
             constant + ": 450 bytes\nfile type:   isom, minor version 0\n"
             "movie:       10.000 s (duration 10000 at time scale 1000), 1 track\nform:        progressive\n\n"
@@ -363,20 +352,8 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
             "  stsc: 1 entry (first_chunk samples_per_chunk sample_description_index)\n         1: 1 4 1\n"
             "  stsz: sample_size 100 for each of 10 samples\n"
             "  stco: 3 entries (chunk_offset)\n         1: 1000\n         2: 1400\n         3: 1800\n"
-            "  stss: 0 entries (sample_number)\n  sdtp: 0 entries (flags byte)\n\n"
-            "boxes, as the parser walked them:\n      offset        size  box (type code)\n"
-            "           0          16  ftyp (1)\n          16         410  moov (3)\n"
-            "          24         108    mvhd (30)  version 0 flags 000000\n         132         294    trak (31)\n"
-            "         140          92      tkhd (311)  version 0 flags 000003\n         232         194      mdia (313)\n"
-            "         240          32        mdhd (3131)  version 0 flags 000000\n"
-            "         272          38        hdlr (3132)  version 0 flags 000000\n"
-            "         310         116        minf (3133)\n         318         108          stbl (31336)\n"
-            "         326          24            stts (313362)  version 0 flags 000000\n"
-            "         350          28            stsc (313363)  version 0 flags 000000\n"
-            "         378          20            stsz (313364)  version 0 flags 000000\n"
-            "         398          28            stco (313365)  version 0 flags 000000\n"
-            "         426          24  mdat (2)\n");
-  ASSERT_EQ(probe("--json " + shell_quote(constant), &text), 0);
+            "  stss: 0 entries (sample_number)\n  sdtp: 0 entries (flags byte)\n");
+  ASSERT_EQ(probe("--json --boxes " + shell_quote(constant), &text), 0);
   const Json same = parse_json(text).value_or(Json{});
   std::string movie;
   for (const Json& v : same["movie"].members) movie += std::to_string(v.num()).substr(0, 8) + " ";
