@@ -22,20 +22,10 @@
 namespace boxlane::test {
 namespace {
 
-struct RemuxRun {
-  int status;
-  std::string out, err;
-};
-
-// Runs `boxlane remux ARGS` in `cwd`.
-RemuxRun remux(const std::string& args, const std::string& cwd) {
-  RemuxRun r;
-  const std::string err_file = binary_dir() + "/test-tmp/remux-stderr." + std::to_string(getpid());
-  r.status = run("cd " + shell_quote(cwd) + " && " + shell_quote(tool_path()) + " remux " + args + " 2>" +
-                     shell_quote(err_file), &r.out);
-  const auto err = read_file(err_file);
-  r.err.assign(err.begin(), err.end());
-  return r;
+// Runs `boxlane remux ARGS` in `dir`; what it prints on either stream goes
+// to *out.
+int remux(const std::string& args, const std::string& dir, std::string* out = nullptr) {
+  return run("cd " + shell_quote(dir) + " && " + shell_quote(tool_path()) + " remux " + args + " 2>&1", out);
 }
 
 // What ffprobe reads of a kind's stream and of its every packet in decode
@@ -86,13 +76,12 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
             0);
   if (!in.audio) write_file(source, with_co64(read_file(source)));
 
-  RemuxRun r = remux("source.mp4 --fragment 1 -o fragmented.mp4", dir);
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("fragmented.mp4: video "), std::string::npos) << r.out;
-  ASSERT_EQ(remux("fragmented.mp4 -o back.mp4", dir).status, 0);
-  r = remux("source.mp4 --faststart -q -o fast.mp4", dir);
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out + r.err, "") << "--quiet";
+  std::string out;
+  ASSERT_EQ(remux("source.mp4 --fragment 1 -o fragmented.mp4", dir, &out), 0) << out;
+  EXPECT_NE(out.find("fragmented.mp4: video "), std::string::npos) << out;
+  ASSERT_EQ(remux("fragmented.mp4 -o back.mp4", dir), 0);
+  ASSERT_EQ(remux("source.mp4 --faststart -q -o fast.mp4", dir, &out), 0) << out;
+  EXPECT_EQ(out, "") << "--quiet";
 
   // In one progressive file FFmpeg decodes the input's pictures and audio
   // frames, and ffprobe reads the same samples, times and parameters.
@@ -135,9 +124,7 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
                    shell_quote(dir + "two_audio.mp4")),
             0);
   const auto whole = read_file(dir + "two_audio.mp4");
-  // FFmpeg's moov is last: a cut in the mdat, and one in the moov.
   write_file(dir + "truncated.mp4", std::vector<uint8_t>(whole.begin(), whole.begin() + whole.size() / 2));
-  write_file(dir + "cut_moov.mp4", std::vector<uint8_t>(whole.begin(), whole.end() - 100));
   // A video sample whose first NAL unit claims more bytes than the sample
   // holds: found while writing, after the output was opened.
   auto broken = whole;
@@ -149,7 +136,7 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   const struct {
     std::string args;
     int status;
-    std::string message;  // in what it prints on stderr
+    std::string message;  // in what it prints
   } cases[] = {
       {"others.mp4 -o out.mp4", 1,
        "boxlane remux: track 2 (soun, 'mp4a') cannot be written: its mp4a entry holds object type 0x6B, not AAC "
@@ -159,7 +146,6 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
       {"two_audio.mp4 -o hard_link.mp4", 1, "is the input file"},
       {"two_audio.mp4 -o soft_link.mp4", 1, "is the input file"},
       {"truncated.mp4 -o out.mp4", 1, "truncated"},
-      {"cut_moov.mp4 -o out.mp4", 1, "truncated"},
       {"missing.mp4 -o out.mp4", 1, "cannot open 'missing.mp4'"},
       {"broken.mp4 --skip-unsupported -o out.mp4", 1, "holds a NAL unit longer than the sample"},
       {"two_audio.mp4 -o out.mp4 --fragment 1 --faststart", 2, "exclude each other"},
@@ -171,9 +157,9 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args);
     write_file(dir + "out.mp4", unhex("6F6C64"));  // "old"
-    const RemuxRun r = remux("-q " + c.args, dir);
-    EXPECT_EQ(r.status, c.status);
-    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+    std::string out;
+    EXPECT_EQ(remux("-q " + c.args, dir, &out), c.status);
+    EXPECT_NE(out.find(c.message), std::string::npos) << out;
     EXPECT_EQ(read_file(dir + "out.mp4"), unhex("6F6C64"));
     EXPECT_EQ(read_file(dir + "two_audio.mp4"), whole);
     std::string listing;
@@ -182,10 +168,9 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   }
   // --skip-unsupported leaves those tracks out with a notice each, and the
   // rest decodes as before.
-  const RemuxRun r = remux("others.mp4 --skip-unsupported -o out.mp4", dir);
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.err.find("track 3 (sbtl, 'tx3g') cannot be written"), std::string::npos) << r.err;
-  std::string streams;
+  std::string out, streams;
+  ASSERT_EQ(remux("others.mp4 --skip-unsupported -o out.mp4", dir, &out), 0) << out;
+  EXPECT_NE(out.find("track 3 (sbtl, 'tx3g') cannot be written"), std::string::npos) << out;
   run("ffprobe -v error -show_entries stream=codec_name -of csv=p=0 " + shell_quote(dir + "out.mp4"), &streams);
   EXPECT_EQ(streams, "h264\n");
   EXPECT_EQ(decoded_md5s(dir + "out.mp4", 'v'), decoded_md5s(dir + "others.mp4", 'v'));
@@ -213,8 +198,6 @@ TEST(RemuxEditLists, ReadFromTheMoovOfEachTrackAsFarAsTheyAreWhole) {
   EXPECT_EQ(Lists(lists.begin(), lists.end()), want);
 
   const Bytes one = elst(0, "00000001 00000FA0 00000400 00010000");
-  Bytes cut = box("moov", box("trak", tkhd(0, 1)));
-  cut.resize(cut.size() - 3);
   const struct {
     const char* what;
     Bytes file;
@@ -224,7 +207,6 @@ TEST(RemuxEditLists, ReadFromTheMoovOfEachTrackAsFarAsTheyAreWhole) {
       {"half an entry", box("moov", box("trak", cat({tkhd(0, 1), elst(0, "00000001 00000FA0 0000")}))), 0},
       {"tkhd cut before the id", box("moov", box("trak", cat({full_box("tkhd", 0, 3, Bytes().zeros(10)), one}))), 99},
       {"trak past the moov", box("moov", box("trak", cat({tkhd(0, 1), one}), 4000)), 99},
-      {"moov cut short", cut, 99},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
