@@ -363,7 +363,8 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
                            "\"alternate_group\": 2, \"volume\": 256},\n      \"mdhd\": {\"creation_time\": 5, "
                            "\"modification_time\": 6, \"language_code\": 21956},",
                            "\"constant_sample_size\": {\"size\": 100, \"count\": 10}",
-                           "{\"type\": \"tkhd\", \"code\": 311, \"offset\": 140, \"size\": 92, \"depth\": 2, \"version\": 0, \"flags\": 3},"})
+                           "{\"type\": \"tkhd\", \"code\": 311, \"offset\": 140, \"size\": 92, \"depth\": 2, "
+                           "\"version\": 0, \"flags\": 3},"})
     EXPECT_NE(text.find(line), std::string::npos) << line << " in " << text;
 
   // No time scale: rates and seconds are unknown, null in JSON.
@@ -528,7 +529,8 @@ TEST(JsonWriter, AnyBytesAndNumbersBecomeValidJson) {
   const std::string broken = "\xFF\xC0\x80\xE2\x82\xE0\x80\x80\xED\xA0\x80\xF4\x90\x80\x80", long_text(200000, 'x');
   // Tables are formatted by hand: both sides of every digit count.
   std::vector<uint32_t> column{0};
-  for (uint64_t power = 10; power <= 1000000000; power *= 10) column.insert(column.end(), {uint32_t(power - 1), uint32_t(power)});
+  for (uint64_t power = 10; power <= 1000000000; power *= 10)
+    column.insert(column.end(), {uint32_t(power - 1), uint32_t(power)});
   column.push_back(4294967295u);
   std::string out;
   tool::JsonWriter json(out);
@@ -543,7 +545,8 @@ TEST(JsonWriter, AnyBytesAndNumbersBecomeValidJson) {
   json.key("column");
   json.table(column, 1, [](uint32_t v, int) { return v; });
   json.key("pairs");
-  json.table(std::vector<std::pair<uint32_t, uint32_t>>{{1, 20}}, 2, [](const auto& p, int i) { return i ? p.second : p.first; });
+  const std::vector<std::pair<uint32_t, uint32_t>> pairs{{1, 20}};
+  json.table(pairs, 2, [](const auto& p, int i) { return i ? p.second : p.first; });
   json.member("long", std::string_view(long_text));
   json.end_object();
   json.flush();

@@ -185,7 +185,7 @@ Bytes tkhd(uint8_t version, uint32_t id) {
 TEST(RemuxEditLists, ReadFromTheMoovOfEachTrackAsFarAsTheyAreWhole) {
   // Track 1: elst version 0 with an empty edit and a media edit; track 7:
   // version 1 with 64-bit fields, tkhd version 1; track 3: no edts.
-  const auto elst = [](uint8_t version, const char* hex) { return box("edts", full_box("elst", version, 0, unhex(hex))); };
+  const auto elst = [](uint8_t v, const char* hex) { return box("edts", full_box("elst", v, 0, unhex(hex))); };
   const Bytes file = cat({box("ftyp", unhex("69736F6D 00000200")), box("mdat", unhex("00112233")),
                           box("moov", cat({box("trak", cat({tkhd(0, 1), elst(0, "00000002 00000050 FFFFFFFF 00010000 "
                                                                                  "00000FA0 00000400 00010000")})),
@@ -203,7 +203,8 @@ TEST(RemuxEditLists, ReadFromTheMoovOfEachTrackAsFarAsTheyAreWhole) {
     Bytes file;
     std::size_t entries;  // of track 1; 99: no list
   } cases[] = {
-      {"count past the box", box("moov", box("trak", cat({tkhd(0, 1), elst(0, "000003E8 00000FA0 00000400 00010000")}))), 1},
+      {"count past the box",
+       box("moov", box("trak", cat({tkhd(0, 1), elst(0, "000003E8 00000FA0 00000400 00010000")}))), 1},
       {"half an entry", box("moov", box("trak", cat({tkhd(0, 1), elst(0, "00000001 00000FA0 0000")}))), 0},
       {"tkhd cut before the id", box("moov", box("trak", cat({full_box("tkhd", 0, 3, Bytes().zeros(10)), one}))), 99},
       {"trak past the moov", box("moov", box("trak", cat({tkhd(0, 1), one}), 4000)), 99},
