@@ -65,20 +65,18 @@ TEST(Mux, EveryOptionAsReadersSeeIt) {
             0);
   const Streams sources[] = {
       encode(dir + "p30", "160x120", "30", 3, "bframes=1", 44100),
-      // B-frames and four slices a picture; the VUI says 30000/1001.
-      encode(dir + "ntsc", "160x120", "30000/1001", 1, "bframes=2:slices=4", 44100),
-      encode(dir + "aud", "160x120", "25", 1, "bframes=3:b-pyramid=normal:aud=1", 48000),  // AUDs and SEI
-      {source_dir() + "/tests/data/sample.h264", source_dir() + "/tests/data/sample.aac", 25},
+      // AUDs and SEI, a B-pyramid, four slices a picture; the VUI says 30000/1001.
+      encode(dir + "ntsc", "160x120", "30000/1001", 1, "bframes=3:b-pyramid=normal:slices=4:aud=1", 44100),
       encode(dir + "71", "64x48", "25", 0.5, "bframes=0", 48000, 8),  // 7.1: eight channels
       big,
       // H.265 Main, closed GOPs, four B-frames; Main 10, open GOPs (CRA
       // pictures with leading pictures), a B-pyramid, three slices a
       // picture, a conformance window.
       {encode_h265(dir + "main.h265", "176x144", "25", 2, "yuv420p", "bframes=4:keyint=30:open-gop=0"),
-       dir + "aud.aac", 25},
+       dir + "71.aac", 25},
       {encode_h265(dir + "main10.h265", "320x180", "30000/1001", 2, "yuv420p10le",
                    "bframes=3:b-pyramid=1:keyint=24:open-gop=1:slices=3"),
-       dir + "aud.aac", 30000.0 / 1001, "yuv420p10le"},
+       dir + "big.aac", 30000.0 / 1001, "yuv420p10le"},
   };
   const struct {
     int source;
@@ -92,97 +90,66 @@ TEST(Mux, EveryOptionAsReadersSeeIt) {
       {1, true, true, "--faststart", "30 frames at 29.970 fps with B-frames; audio AAC 44100 Hz stereo",
        "ftyp moov mdat\nvideo,30000/1001,1/4410000,4414410,30,und\naudio,44100,2,0/0,1/4410000,4608000,45,und\n"
        "mp4a 2 16 44100\nmp4box avc1.64000b mp4a.40.2\n"},
-      {2, true, true, "--faststart", "25 frames at 25 fps with B-frames; audio AAC 48000 Hz stereo",
-       "ftyp moov mdat\nvideo,25/1,1/48000,48000,25,und\naudio,48000,2,0/0,1/48000,49152,48,und\n"
-       "mp4a 2 16 48000\nmp4box avc1.64000b mp4a.40.2\n"},
-      {3, true, true, "", "320x240, 125 frames at 25 fps with B-frames; audio AAC 48000 Hz stereo, 236 frames; 5.03 s",
-       "ftyp mdat moov\nvideo,25/1,1/48000,240000,125,und\naudio,48000,2,0/0,1/48000,241664,236,und\n"
-       "mp4a 2 16 48000\nmp4box avc1.64000d mp4a.40.2\n"},
-      // Video alone: the VUI's rate on a 90 kHz clock.
-      {1, true, false, "-q", "", "ftyp mdat moov\nvideo,30000/1001,1/90000,90090,30,und\nmp4box avc1.64000b\n"},
-      {1, false, true, "--faststart -q", "",
-       "ftyp moov mdat\naudio,44100,2,0/0,1/44100,46080,45,und\nmp4a 2 16 44100\nmp4box mp4a.40.2\n"},
-      // --fps wins over the stream's timing.
-      {1, true, true, "--fps 50 -q", "",
-       "ftyp mdat moov\nvideo,50/1,1/44100,26460,30,und\naudio,44100,2,0/0,1/44100,46080,45,und\n"
-       "mp4a 2 16 44100\nmp4box avc1.64000b mp4a.40.2\n"},
-      {1, true, false, "--fps 25 -q", "",
-       "ftyp mdat moov\nvideo,25/1,1/90000,108000,30,und\nmp4box avc1.64000b\n"},
-      {1, true, false, "--fps 29.97 -q", "",
-       "ftyp mdat moov\nvideo,30000/1001,1/90000,90090,30,und\nmp4box avc1.64000b\n"},
+      // --fps wins over the stream's timing; video alone on a 90 kHz clock
+      // when it divides the frame duration.
+      {0, true, false, "--fps 29.97 -q", "", "ftyp mdat moov\nvideo,30000/1001,1/90000,270270,90,und\nmp4box avc1.64000b\n"},
       {1, true, false, "--fps 24000/1001 -q", "",
        "ftyp mdat moov\nvideo,24000/1001,1/360000,450450,30,und\nmp4box avc1.64000b\n"},
       // One tick a frame: the coarsest time scale allowed.
-      {1, true, false, "--fps 25 --timescale 25 -q", "",
-       "ftyp mdat moov\nvideo,25/1,1/25,30,30,und\nmp4box avc1.64000b\n"},
+      {1, true, false, "--fps 25 --timescale 25 -q", "", "ftyp mdat moov\nvideo,25/1,1/25,30,30,und\nmp4box avc1.64000b\n"},
       // A millisecond clock divides neither duration: frame times are
       // rounded down from the exact ones, 45 x 1024 / 44.1 = 1044.9 ms.
       {1, true, true, "--timescale 1000 -q", "",
        "ftyp mdat moov\nvideo,30000/1001,1/1000,1001,30,und\naudio,44100,2,0/0,1/1000,1044,45,und\n"
        "mp4a 2 16 44100\nmp4box avc1.64000b mp4a.40.2\n"},
-      {4, false, true, "--timescale 1000 -q", "",
-       "ftyp mdat moov\naudio,48000,8,0/0,1/1000,533,25,und\nmp4a 8 16 48000\nmp4box mp4a.40.2\n"},
+      {2, false, true, "--faststart -q", "",
+       "ftyp moov mdat\naudio,48000,8,0/0,1/48000,25600,25,und\nmp4a 8 16 48000\nmp4box mp4a.40.2\n"},
       // Three seconds pass 2^32 ticks: every header with a duration takes its
       // 64-bit form; at the finest time scale allowed too.
       {0, true, true, "--timescale 1920000000 --faststart -q", "",
        "ftyp moov mdat\nvideo,30/1,1/1920000000,5760000000,90,und\n"
        "audio,44100,2,0/0,1/1920000000,5840282993,131,und\nmp4a 2 16 44100\n"
        "mp4box avc1.64000b mp4a.40.2\nversion 1: mvhd tkhd elst mdhd tkhd mdhd\n"},
-      {3, false, true, "--timescale 2147483647 -q", "",
-       "ftyp mdat moov\naudio,48000,2,0/0,1/2147483647,10811864334,236,und\nmp4a 2 16 48000\n"
+      {0, false, true, "--timescale 2147483647 -q", "",
+       "ftyp mdat moov\naudio,44100,2,0/0,1/2147483647,6532245948,131,und\nmp4a 2 16 44100\n"
        "mp4box mp4a.40.2\nversion 1: mvhd tkhd mdhd\n"},
-      {5, true, true, "-q", "",
+      {3, true, true, "-q", "",
        "ftyp mdat moov\nvideo,25/1,1/48000,19200,10,und\naudio,48000,1,0/0,1/48000,20480,20,und\n"
        "mp4a 1 16 48000\nmp4box avc1.f4001f mp4a.40.2\n"},
-      {5, true, true, "--faststart -q", "",
-       "ftyp moov mdat\nvideo,25/1,1/48000,19200,10,und\naudio,48000,1,0/0,1/48000,20480,20,und\n"
-       "mp4a 1 16 48000\nmp4box avc1.f4001f mp4a.40.2\n"},
-      {6, true, true, "", "video H.265 176x144, 50 frames at 25 fps with B-frames; audio AAC 48000 Hz",
-       "ftyp mdat moov\nvideo,25/1,1/48000,96000,50,und\naudio,48000,2,0/0,1/48000,49152,48,und\n"
-       "mp4a 2 16 48000\n"
-       "mp4box hvc1.1.6.L60.90 mp4a.40.2\n"},
-      {6, true, false, "--faststart --video-codec hevc -q", "",
-       "ftyp moov mdat\nvideo,25/1,1/90000,180000,50,und\nmp4box hvc1.1.6.L60.90\n"},
-      {7, true, true, "--faststart", "video H.265 320x180, 60 frames at 29.970 fps with B-frames", 
-       "ftyp moov mdat\nvideo,30000/1001,1/240000,480480,60,und\naudio,48000,2,0/0,1/240000,245760,48,und\n"
-       "mp4a 2 16 48000\nmp4box hvc1.2.4.L60.90 mp4a.40.2\n"},
-      {7, true, false, "--video-codec h265 -q", "",
-       "ftyp mdat moov\nvideo,30000/1001,1/90000,180180,60,und\nmp4box hvc1.2.4.L60.90\n"},
+      {4, true, true, "", "video H.265 176x144, 50 frames at 25 fps with B-frames; audio AAC 48000 Hz",
+       "ftyp mdat moov\nvideo,25/1,1/48000,96000,50,und\naudio,48000,8,0/0,1/48000,25600,25,und\n"
+       "mp4a 8 16 48000\nmp4box hvc1.1.6.L60.90 mp4a.40.2\n"},
+      {5, true, false, "--faststart --video-codec hevc -q", "",
+       "ftyp moov mdat\nvideo,30000/1001,1/90000,180180,60,und\nmp4box hvc1.2.4.L60.90\n"},
   };
+  const std::string out = dir + "out.mp4";
   for (const auto& r : runs) {
     const Streams& src = sources[r.source];
     SCOPED_TRACE(inputs(src, r.video, r.audio) + " " + r.options);
-    const std::string out = dir + "out.mp4";
     const MuxResult m = mux(inputs(src, r.video, r.audio) + " " + r.options + " -o " + shell_quote(out));
     ASSERT_EQ(m.status, 0) << m.output;
-    if (r.says.empty()) {
-      EXPECT_EQ(m.output, "");
-    } else {
-      EXPECT_NE(m.output.find(r.says), std::string::npos) << m.output;
-    }
+    EXPECT_TRUE(r.says.empty() ? m.output.empty() : m.output.find(r.says) != std::string::npos) << m.output;
     EXPECT_EQ(facts(out), r.facts);
     expect_decodes_like(out, r.video ? src.video : "", r.audio ? src.audio : "");
-    // Video and audio start at 0; video frames in display order step at the
-    // frame rate, within a millisecond (the coarsest clock above).
     if (r.audio) {
       EXPECT_NEAR(probe_packets(out, 'a').at(0).pts, 0.0, 1e-6);
     }
     if (!r.video) continue;
-    // The key frames are the source's random access points, in decoding
-    // order; GStreamer decodes the pictures FFmpeg decodes from the source.
+    // Key frames where the source has its random access points; frames in
+    // display order from 0 at the frame rate, within the millisecond clock's
+    // rounding.
     const auto packets = probe_packets(out, 'v'), raw = probe_packets(src.video, 'v');
     ASSERT_EQ(packets.size(), raw.size());
-    for (std::size_t i = 0; i < packets.size(); ++i) EXPECT_EQ(packets[i].key, raw[i].key) << "picture " << i;
-    // (GStreamer's qtdemux takes a track at a time scale past 2^30 for a
-    // preview image and leaves it out: an overflow of its own.)
-    if (r.facts.find("version 1") == std::string::npos) {
-      expect_gstreamer_shows(out, src);
-    }
-    const double fps = r.options.rfind("--fps ", 0) == 0 ? rate_of(r.options.substr(6)) : src.fps;
     std::vector<double> times;
-    for (const auto& packet : packets) times.push_back(packet.pts);
+    for (std::size_t i = 0; i < packets.size(); ++i) {
+      EXPECT_EQ(packets[i].key, raw[i].key) << "picture " << i;
+      times.push_back(packets[i].pts);
+    }
     std::sort(times.begin(), times.end());
+    const double fps = r.options.rfind("--fps ", 0) == 0 ? rate_of(r.options.substr(6)) : src.fps;
     for (std::size_t i = 0; i < times.size(); ++i) ASSERT_NEAR(times[i], i / fps, 1.001e-3) << "frame " << i;
+    // (GStreamer's qtdemux leaves out a track at a time scale past 2^30.)
+    if (r.facts.find("version 1") == std::string::npos) expect_gstreamer_shows(out, src);
   }
 }
 
@@ -190,8 +157,7 @@ TEST(Mux, RefusedInputsSayWhyAndLeaveNoFile) {
   BOXLANE_REQUIRE_FFMPEG();
   const std::string dir = temp_dir() + "/";
   const Streams src = encode(dir + "in", "160x120", "25", 0.4, "bframes=2");
-  const auto video = read_file(src.video);
-  const auto audio = read_file(src.audio);
+  const auto video = read_file(src.video), audio = read_file(src.audio);
   const auto input = [&](const std::string& name, const std::vector<uint8_t>& bytes) {
     write_file(dir + name, bytes);
     return shell_quote(dir + name);
@@ -201,17 +167,15 @@ TEST(Mux, RefusedInputsSayWhyAndLeaveNoFile) {
   auto layered = hevc;  // a NAL unit of layer 1 after the base layer's pictures
   layered.insert(layered.end(), {0, 0, 0, 1, 0x02, 0x09, 0xAF, 0x00});
   const std::string other = encode(dir + "other", "176x144", "25", 0.2, "bframes=0").video;
-
   auto without_sps = video;  // every SPS NAL header byte turned into a filler NAL
-  for (std::size_t i = 0; i + 4 < without_sps.size(); ++i)
-    if (!without_sps[i] && !without_sps[i + 1] && without_sps[i + 2] == 1 && (without_sps[i + 3] & 0x1F) == 7)
-      without_sps[i + 3] = 0x0C;
+  for (std::size_t i = 0; i + 4 < video.size(); ++i)
+    if (!video[i] && !video[i + 1] && video[i + 2] == 1 && (video[i + 3] & 0x1F) == 7) without_sps[i + 3] = 0x0C;
   std::vector<uint8_t> garbage(4096);
   for (std::size_t i = 0; i < garbage.size(); ++i) garbage[i] = uint8_t(i * 7 + 1);
-  const std::size_t second_frame = ((audio[3] & 3u) << 11) | (audio[4] << 3) | (audio[5] >> 5);
+  const std::size_t second = ((audio[3] & 3u) << 11) | (audio[4] << 3) | (audio[5] >> 5);  // frame_length
   auto lost = audio;
-  lost[second_frame] = 0x12;  // the second frame's sync word
-  // ADTS headers with another sampling_frequency_index or channel_configuration.
+  lost[second] = 0x12;  // the second frame's sync word
+  // ADTS with another sampling_frequency_index or channel_configuration in the header at `at`.
   const auto adts_with = [&](std::size_t at, int index, int channels) {
     auto bytes = audio;
     if (index >= 0) bytes[at + 2] = uint8_t((bytes[at + 2] & 0xC3) | index << 2);
@@ -222,7 +186,7 @@ TEST(Mux, RefusedInputsSayWhyAndLeaveNoFile) {
     return bytes;
   };
   using P = HandmadePicture;
-  const std::string v = "--video " + shell_quote(src.video);
+  const std::string v = "--video " + shell_quote(src.video), a = "--audio ";
   const struct {
     std::string args, says;
   } failures[] = {
@@ -230,7 +194,6 @@ TEST(Mux, RefusedInputsSayWhyAndLeaveNoFile) {
       {"--video " + input("cut.h264", {video.begin(), video.begin() + 20}), "cut short"},
       {"--video " + input("empty.h264", {}), "is empty"},
       {"--video " + input("garbage.bin", garbage), "neither an H.264 nor an H.265"},
-      {"--video " + input("zeros.bin", std::vector<uint8_t>(64, 0)), "neither an H.264 nor an H.265"},
       {"--video " + shell_quote(dir + "missing.h264"), "cannot open"},
       {"--video " + input("changing.h264", cat({video, read_file(other)})),
        "sequence parameter set changes at byte " + std::to_string(video.size() + 4)},
@@ -243,35 +206,31 @@ TEST(Mux, RefusedInputsSayWhyAndLeaveNoFile) {
       {"--video " + shell_quote(other) + " --video-codec hevc", "is this an H.265 stream?"},
       {v + " --video-codec h265 --fragment 1", "told that the stream is H.265, but its parameter sets are H.264's"},
       {v + " --video-codec vp9", "--video-codec takes h264, h265"},
-      {"--audio " + input("lost.aac", lost), "ADTS sync lost at byte " + std::to_string(second_frame)},
-      {v + " --audio " + shell_quote(dir + "lost.aac"), "sync lost"},
-      {"--audio " + input("cut.aac", {audio.begin(), audio.end() - 10}), "cut short"},
-      {"--audio " + input("garbage.aac", garbage), "not an AAC ADTS stream"},
-      {"--audio " + input("explicit_rate.aac", adts_with(0, 15, -1)),
+      {v + " --audio " + input("lost.aac", lost), "ADTS sync lost at byte " + std::to_string(second)},
+      {a + input("cut.aac", {audio.begin(), audio.end() - 10}), "cut short"},
+      {a + input("garbage.aac", garbage), "not an AAC ADTS stream"},
+      {a + input("explicit_rate.aac", adts_with(0, 15, -1)),
        "at byte 0 gives sampling_frequency_index 15, an explicit sample rate, which ADTS does not allow"},
-      {"--audio " + input("reserved_rate.aac", adts_with(0, 13, -1)), "the reserved sampling_frequency_index 13"},
-      {"--audio " + input("no_pce.aac", adts_with(0, -1, 0)), "does not start with the program_config_element"},
-      {"--audio " + input("rate_change.aac", adts_with(second_frame, 4, -1)),
-       "the ADTS header at byte " + std::to_string(second_frame) + " changes the sample rate"},
-      {"--audio " + input("layout_change.aac", adts_with(second_frame, -1, 1)), "changes the sample rate, channels"},
+      {a + input("reserved_rate.aac", adts_with(0, 13, -1)), "the reserved sampling_frequency_index 13"},
+      {a + input("no_pce.aac", adts_with(0, -1, 0)), "does not start with the program_config_element"},
+      {a + input("rate_change.aac", adts_with(second, 4, -1)),
+       "the ADTS header at byte " + std::to_string(second) + " changes the sample rate"},
+      {a + input("layout_change.aac", adts_with(second, -1, 1)), "changes the sample rate, channels"},
       {v + " --fps 0", "--fps takes a rate such as 25, 29.97 or 30000/1001, not '0'"},
       {v + " --fps 1001/0", "--fps takes"},
       {v + " --fps 1001/1", "--fps takes"},  // 1000 frames a second at most
-      {v + " --fps abc", "--fps takes"},
       {v + " --timescale 20", "time scale 20 is too coarse"},
       {v + " --fps 25 --timescale 24", "time scale 24 is too coarse"},
-      {"--audio " + shell_quote(src.audio) + " --timescale 46", "time scale 46 is too coarse"},  // 48000 / 1024
+      {a + shell_quote(src.audio) + " --timescale 46", "time scale 46 is too coarse"},  // 48000 / 1024
       {v + " --fps 1/100000 --timescale 90000", "too fine"},
       {v + " --timescale 0", "--timescale takes a whole number from 1 to 2147483647"},
       {v + " --timescale 2147483648", "--timescale takes a whole number from 1 to 2147483647"},
       {v + " --fragment 0", "--fragment takes a number of seconds above 0 and at most 86400"},
       {v + " --fragment 86400.5", "--fragment takes"},
-      {v + " --fragment x", "--fragment takes"},
       {v + " --fragment 1 --faststart", "do not go together"},
       {v + " --fsync", "--fsync needs --fragment"},
       {"--video - --audio -", "only one input"},
       {"--video - --fragment 1 < /dev/null", "is empty"},
-      {"--audio - < /dev/null", "is empty"},
       {v + " --bogus", "unknown option"},
       {"", "give --video, --audio or both"},
   };
@@ -331,11 +290,9 @@ int caption_frames(const std::string& file) {
 // come from its own look at the slices).
 std::vector<uint32_t> sync_samples(const std::string& file) {
   std::vector<uint32_t> numbers;
-  uint32_t number = 0;
-  for (const Mp4BoxSample& sample : read_with_mp4box(file).samples) {
-    ++number;
-    if (sample.sync) numbers.push_back(number);
-  }
+  const auto samples = read_with_mp4box(file).samples;
+  for (std::size_t i = 0; i < samples.size(); ++i)
+    if (samples[i].sync) numbers.push_back(uint32_t(i + 1));
   return numbers;
 }
 
@@ -367,8 +324,8 @@ std::vector<uint8_t> with_pce(const std::vector<uint8_t>& adts, uint8_t comment)
     const std::size_t length = ((adts[at + 3] & 3u) << 11) | (adts[at + 4] << 3) | (adts[at + 5] >> 5);
     const std::size_t header = (adts[at + 1] & 1) ? 7 : 9, grown = length + pce.size();
     std::vector<uint8_t> head(adts.begin() + long(at), adts.begin() + long(at + header));
-    head[2] &= 0xFE;                                           // channel_configuration 0: its top bit,
-    head[3] = uint8_t((head[3] & 0x3C) | (grown >> 11));       // its low two bits, frame_length
+    head[2] &= 0xFE;                                      // channel_configuration 0: its top bit,
+    head[3] = uint8_t((head[3] & 0x3C) | (grown >> 11));  // its low two bits, frame_length
     head[4] = uint8_t(grown >> 3);
     head[5] = uint8_t((head[5] & 0x1F) | (grown << 5));
     out.insert(out.end(), head.begin(), head.end());
@@ -379,15 +336,13 @@ std::vector<uint8_t> with_pce(const std::vector<uint8_t>& adts, uint8_t comment)
   return out;
 }
 
-// Streams in the shapes other encoders and broadcast gear write. Each is
-// muxed whole and fragmented, and the file must decode in FFmpeg without a
-// message to exactly the frames FFmpeg decodes from the elementary streams
-// themselves (which shows nothing before the first point decoding can start
-// either).
+// Streams in the shapes other encoders and broadcast gear write, muxed whole
+// and fragmented: each file decodes in FFmpeg without a message to exactly
+// the frames FFmpeg decodes from the elementary stream (which shows nothing
+// before the first point decoding can start either).
 TEST(Mux, StreamsFromOtherEncoders) {
   BOXLANE_REQUIRE_FFMPEG();
   const std::string dir = temp_dir() + "/";
-  using P = HandmadePicture;
   const auto file = [&](const std::string& name, const std::vector<uint8_t>& bytes) {
     write_file(dir + name, bytes);
     return dir + name;
@@ -423,15 +378,16 @@ TEST(Mux, StreamsFromOtherEncoders) {
   }
   ASSERT_GT(starts.size(), 7u);
 
+  using P = HandmadePicture;
   const std::vector<P> turns = {{P::kIdr, 0, 0x40}, {P::kSkipped, 1}, {P::kSkipped, 0},
                                 {P::kIdr, 1, 0xC0}, {P::kSkipped, 0}, {P::kSkipped, 1}};
   const std::vector<P> mid_gop = {{P::kSkipped, 0}, {P::kSkipped, 1}, {P::kIdr, 0, 0x50},
                                   {P::kSkipped, 1}, {P::kIntra, 0, 0x90}, {P::kSkipped, 0}};
   const std::vector<P> recovery = {{P::kSkipped, 0}, {P::kIntra, 0, 0x60, true}, {P::kSkipped, 1},
                                    {P::kIntra, 1, 0xA0, true}, {P::kSkipped, 0}};
-  enum Decodes { kSame, kLast, kAny };  // to the source's frames, to its last ones, to any
   std::vector<P> captioned = turns;
   for (P& p : captioned) p.captions = true;
+  enum Decodes { kSame, kLast, kAny };  // to the source's frames, to its last ones, to any
   const struct {
     std::string video, audio, options, says;
     std::vector<uint32_t> sync;  // the sync samples
@@ -474,52 +430,50 @@ TEST(Mux, StreamsFromOtherEncoders) {
        "48000,6\nmp4a 48000\n"},
       {"", file("pce255.aac", with_pce(surround, 255)), "", "48000 Hz 6 channels", {}, 0, "48000,6\nmp4a 48000\n"},
   };
+  const std::string out = dir + "out.mp4";
   for (const auto& c : cases) {
     for (const bool fragmented : {false, true}) {
       SCOPED_TRACE(c.video + c.audio + (fragmented ? " --fragment 1 " : " ") + c.options);
-      const std::string out = dir + "out.mp4";
-      const MuxResult r = mux((c.video.empty() ? "" : "--video " + shell_quote(c.video)) +
-                              (c.audio.empty() ? "" : " --audio " + shell_quote(c.audio)) + " --fps 25 " +
-                              (fragmented ? "--fragment 1 " : "") + c.options + " -o " + shell_quote(out));
+      const MuxResult r = mux((c.video.empty() ? "--audio " + shell_quote(c.audio) : "--video " + shell_quote(c.video)) +
+                              " --fps 25 " + (fragmented ? "--fragment 1 " : "") + c.options + " -o " + shell_quote(out));
       ASSERT_EQ(r.status, 0) << r.output;
       EXPECT_NE(r.output.find(c.says), std::string::npos) << c.says << " in " << r.output;
       if (c.decodes == kSame) expect_decodes_like(out, c.video, c.audio);
-      if (!c.video.empty()) {
-        EXPECT_EQ(sync_samples(out), c.sync);
-        EXPECT_EQ(caption_frames(out), c.captions);
-        // The pictures said to be dropped are those missing from the file.
-        std::size_t said = 0;
-        if (const auto at = r.output.find(" leading picture"); at != std::string::npos) {
-          said = std::stoul(r.output.substr(r.output.rfind('(', at) + 1));
-        } else if (const auto skipped = r.output.find("skipped "); skipped != std::string::npos) {
-          said = std::stoul(r.output.substr(skipped + 8));
-        }
-        EXPECT_EQ(said, probe_packets(c.video, 'v').size() - probe_packets(out, 'v').size());
-        if (c.decodes == kLast) {
-          const auto want = decoded_md5s(c.video, 'v'), got = decoded_md5s(out, 'v');
-          ASSERT_LT(got.size(), want.size());
-          EXPECT_EQ(got, std::vector<std::string>(want.end() - long(got.size()), want.end()));
-        }
-        if (c.video.ends_with(".h265") && !fragmented) {
-          // The repeated parameter sets are in the sample description once,
-          // and none in the samples.
-          std::string trace;
-          ASSERT_EQ(run("ffmpeg -nostdin -hide_banner -i " + shell_quote(out) +
-                        " -c copy -bsf:v trace_headers -f null - 2>&1", &trace), 0);
-          for (const char* set : {"Video Parameter Set", "Sequence Parameter Set", "Picture Parameter Set"}) {
-            std::size_t count = 0;
-            for (std::size_t at = trace.find(set); at != std::string::npos; at = trace.find(set, at + 1)) ++count;
-            EXPECT_EQ(count, 1u) << set;
-          }
-        }
+      if (c.video.empty()) {
+        std::string stream;
+        run("ffprobe -v error -show_entries stream=sample_rate,channels -of csv=p=0 " + shell_quote(out), &stream);
+        const auto bytes = read_file(out);
+        const std::size_t at = std::string(bytes.begin(), bytes.end()).find("mp4a");
+        ASSERT_NE(at, std::string::npos);
+        EXPECT_EQ(stream + "mp4a " + std::to_string(bytes.at(at + 28) << 8 | bytes.at(at + 29)) + "\n", c.audio_facts);
         continue;
       }
-      std::string stream;
-      run("ffprobe -v error -show_entries stream=sample_rate,channels -of csv=p=0 " + shell_quote(out), &stream);
-      const auto bytes = read_file(out);
-      const std::size_t at = std::string(bytes.begin(), bytes.end()).find("mp4a");
-      ASSERT_NE(at, std::string::npos);
-      EXPECT_EQ(stream + "mp4a " + std::to_string(bytes.at(at + 28) << 8 | bytes.at(at + 29)) + "\n", c.audio_facts);
+      EXPECT_EQ(sync_samples(out), c.sync);
+      EXPECT_EQ(caption_frames(out), c.captions);
+      // The pictures said to be dropped are those missing from the file.
+      std::size_t said = 0;
+      if (const auto at = r.output.find(" leading picture"); at != std::string::npos) {
+        said = std::stoul(r.output.substr(r.output.rfind('(', at) + 1));
+      } else if (const auto skipped = r.output.find("skipped "); skipped != std::string::npos) {
+        said = std::stoul(r.output.substr(skipped + 8));
+      }
+      EXPECT_EQ(said, probe_packets(c.video, 'v').size() - probe_packets(out, 'v').size());
+      if (c.decodes == kLast) {
+        const auto want = decoded_md5s(c.video, 'v'), got = decoded_md5s(out, 'v');
+        ASSERT_LT(got.size(), want.size());
+        EXPECT_EQ(got, std::vector<std::string>(want.end() - long(got.size()), want.end()));
+      }
+      if (c.video.ends_with(".h265") && !fragmented) {
+        // The repeated parameter sets are in the sample description once, and none in the samples.
+        std::string trace;
+        ASSERT_EQ(run("ffmpeg -nostdin -hide_banner -i " + shell_quote(out) +
+                      " -c copy -bsf:v trace_headers -f null - 2>&1", &trace), 0);
+        for (const char* set : {"Video Parameter Set", "Sequence Parameter Set", "Picture Parameter Set"}) {
+          std::size_t count = 0;
+          for (std::size_t at = trace.find(set); at != std::string::npos; at = trace.find(set, at + 1)) ++count;
+          EXPECT_EQ(count, 1u) << set;
+        }
+      }
     }
   }
   // The configuration's length goes into the esds descriptors' size fields,
@@ -528,9 +482,9 @@ TEST(Mux, StreamsFromOtherEncoders) {
   for (const int comment : {94, 95, 102, 103, 117, 118}) {
     SCOPED_TRACE(comment);
     const std::string pce = file("pce.aac", with_pce(surround, uint8_t(comment)));
-    const MuxResult r = mux("--audio " + shell_quote(pce) + " -q -o " + shell_quote(dir + "out.mp4"));
+    const MuxResult r = mux("--audio " + shell_quote(pce) + " -q -o " + shell_quote(out));
     ASSERT_EQ(r.status, 0) << r.output;
-    expect_decodes_like(dir + "out.mp4", "", pce);
+    expect_decodes_like(out, "", pce);
   }
 }
 
