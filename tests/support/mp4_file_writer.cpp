@@ -17,32 +17,23 @@ namespace boxlane::test {
 
 namespace {
 
-// An H.264 Annex B stream with one slice per picture, in access units: each
-// the NAL units before its slice (AUD, SEI) and the slice, without start
-// codes, pointing into the stream.
-struct SplitAccessUnit {
+constexpr uint16_t kUndetermined = 0x55C4;  // "und", ISO/IEC 14496-12 §8.4.2.3
+constexpr int kAacFrameSamples = 1024;
+
+void append(std::vector<uint8_t>& to, const std::vector<uint8_t>& bytes) { to.insert(to.end(), bytes.begin(), bytes.end()); }
+
+// An access unit: the NAL units before its slice (AUD, SEI) and the slice,
+// without start codes, pointing into the stream.
+struct AccessUnit {
   std::vector<const uint8_t*> nalus;
   std::vector<int32_t> lengths;
   bool key = false;
 };
-struct SplitVideo {
-  std::vector<SplitAccessUnit> units;
-  std::vector<uint8_t> sps, pps;  // the first of each, without start code
-};
-SplitVideo split_access_units(const std::vector<uint8_t>& annexb);
-
-// The frames of an ADTS stream, headers included; `first` gets the first
-// header. Bytes that are not frames fail the running test.
-struct SplitAudioFrame {
-  const uint8_t* data;
-  int32_t size;
-};
-std::vector<SplitAudioFrame> split_adts(const std::vector<uint8_t>& adts, AdtsHeader& first);
 
 // Calls the writer's box functions for one client into a scratch buffer and
 // returns the bytes written; a failure, or a length past the buffer, fails
 // the running test and gives nothing.
-struct Mp4BoxWriter {
+struct BoxWriter {
   std::string client;
   std::vector<uint8_t> scratch;
 
@@ -60,18 +51,17 @@ struct Mp4BoxWriter {
     }
     return {scratch.begin(), scratch.begin() + length};
   }
-  // A box of the given type around the children, in order.
-  std::vector<uint8_t> container(const char* type, std::initializer_list<std::vector<uint8_t>> children);
-};
 
-constexpr uint16_t kUndetermined = 0x55C4;  // "und", ISO/IEC 14496-12 §8.4.2.3
-constexpr int kAacFrameSamples = 1024;
+  std::vector<uint8_t> container(const char* type, std::initializer_list<std::vector<uint8_t>> children) {
+    std::vector<uint8_t> payload;
+    for (const auto& child : children) append(payload, child);
+    return produce(type, payload.size() + 8, Boxlane_Packet_HDRBox, type, payload.data(), int32_t(payload.size()));
+  }
 
-struct FileWriter : Mp4BoxWriter {
   // trak[tkhd, edts, mdia[mdhd, hdlr, minf[vmhd or smhd, dinf, stbl]]], made
   // in file order: the avc1 entry takes the picture size from the latest
-  // track header. Only video has a
-  // sync table, and composition offsets and an edit list when media_time >= 0.
+  // track header. Only video has a sync table, and composition offsets and
+  // an edit list when media_time >= 0.
   std::vector<uint8_t> track(const tag_Qorvane_AVProtocol& description, int width, int height, uint32_t duration,
                              int media_time, std::size_t room) {
     const bool video = description.bVideo != 0;
@@ -91,51 +81,7 @@ struct FileWriter : Mp4BoxWriter {
                                          produce("stco", room, Boxlane_Packet_STco, video)});
     return container("trak", {tkhd, edts, container("mdia", {mdhd, hdlr, container("minf", {xmhd, dinf, stbl})})});
   }
-
 };
-
-void append(std::vector<uint8_t>& to, const std::vector<uint8_t>& bytes) { to.insert(to.end(), bytes.begin(), bytes.end()); }
-
-std::vector<uint8_t> Mp4BoxWriter::container(const char* type, std::initializer_list<std::vector<uint8_t>> children) {
-  std::vector<uint8_t> payload;
-  for (const auto& child : children) payload.insert(payload.end(), child.begin(), child.end());
-  return produce(type, payload.size() + 8, Boxlane_Packet_HDRBox, type, payload.data(), int32_t(payload.size()));
-}
-
-// With one slice per picture, an access unit is whatever precedes its slice
-// (AUD, SEI) and the slice itself.
-SplitVideo split_access_units(const std::vector<uint8_t>& annexb) {
-  SplitVideo out;
-  SplitAccessUnit current;
-  AnnexBSplitter splitter(annexb.data(), annexb.size());
-  for (NalUnit nal; splitter.next(nal);) {
-    const uint8_t type = nal.type();
-    if (nal.size == 0) continue;
-    if (type == 7 || type == 8) {
-      auto& kept = type == 7 ? out.sps : out.pps;
-      if (kept.empty()) kept.assign(nal.data, nal.data + nal.size);
-      continue;
-    }
-    current.nalus.push_back(nal.data);
-    current.lengths.push_back(static_cast<int32_t>(nal.size));
-    current.key = type == 5;
-    if (type == 1 || type == 5) out.units.push_back(std::exchange(current, {}));
-  }
-  return out;
-}
-
-std::vector<SplitAudioFrame> split_adts(const std::vector<uint8_t>& adts, AdtsHeader& first) {
-  std::vector<SplitAudioFrame> frames;
-  std::size_t pos = 0;
-  AdtsHeader header;
-  while (pos < adts.size() && parse_adts(adts.data() + pos, adts.size() - pos, header)) {
-    if (frames.empty()) first = header;
-    frames.push_back({adts.data() + pos, header.frame_length});
-    pos += header.frame_length;
-  }
-  EXPECT_EQ(pos, adts.size()) << "ADTS stream has bytes that are not frames";
-  return frames;
-}
 
 }  // namespace
 
@@ -145,12 +91,42 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
     ADD_FAILURE() << "Insert failed";
     return result;
   }
-  FileWriter writer{{client, {}}};
+  BoxWriter writer{client, {}};
   auto& file = result.file;
 
-  const SplitVideo split = video ? split_access_units(video->annexb) : SplitVideo{};
+  // With one slice per picture, an access unit is whatever precedes its
+  // slice and the slice itself; the first SPS and PPS go to the sample entry.
+  std::vector<AccessUnit> units;
+  std::vector<uint8_t> sps, pps;
+  if (video) {
+    AccessUnit current;
+    AnnexBSplitter splitter(video->annexb.data(), video->annexb.size());
+    for (NalUnit nal; splitter.next(nal);) {
+      const uint8_t type = nal.type();
+      if (nal.size == 0) continue;
+      if (type == 7 || type == 8) {
+        auto& kept = type == 7 ? sps : pps;
+        if (kept.empty()) kept.assign(nal.data, nal.data + nal.size);
+        continue;
+      }
+      current.nalus.push_back(nal.data);
+      current.lengths.push_back(static_cast<int32_t>(nal.size));
+      current.key = type == 5;
+      if (type == 1 || type == 5) units.push_back(std::exchange(current, {}));
+    }
+  }
+  // The ADTS frames, headers included.
+  std::vector<std::pair<const uint8_t*, int32_t>> frames;
   AdtsHeader audio_header;
-  const auto audio_frames = audio ? split_adts(audio->adts, audio_header) : std::vector<SplitAudioFrame>{};
+  if (audio) {
+    std::size_t pos = 0;
+    for (AdtsHeader h; pos < audio->adts.size() && parse_adts(audio->adts.data() + pos, audio->adts.size() - pos, h);) {
+      if (frames.empty()) audio_header = h;
+      frames.emplace_back(audio->adts.data() + pos, h.frame_length);
+      pos += h.frame_length;
+    }
+    EXPECT_EQ(pos, audio->adts.size()) << "ADTS stream has bytes that are not frames";
+  }
 
   // One time scale for the movie and both media: the audio sample rate makes
   // every AAC frame 1024 ticks, and 44100 and 48000 are whole multiples of 30 fps.
@@ -162,14 +138,14 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
   std::vector<int> offsets;
   int media_time = -1;  // none without composition offsets
   if (video && !video->composition_frames.empty()) {
-    EXPECT_EQ(video->composition_frames.size(), split.units.size());
+    EXPECT_EQ(video->composition_frames.size(), units.size());
     const int lowest = *std::min_element(video->composition_frames.begin(), video->composition_frames.end());
     result.composition_shift = lowest > 0 ? 0 : 1 - lowest;
     int earliest = INT32_MAX;
     for (std::size_t i = 0; i < video->composition_frames.size(); ++i) {
-      const int frames = video->composition_frames[i] + result.composition_shift;
-      offsets.push_back(frames * frame_ticks);
-      earliest = std::min(earliest, static_cast<int>(i) + frames);
+      const int shifted = video->composition_frames[i] + result.composition_shift;
+      offsets.push_back(shifted * frame_ticks);
+      earliest = std::min(earliest, static_cast<int>(i) + shifted);
     }
     media_time = earliest * frame_ticks;
   }
@@ -177,28 +153,23 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
   append(file, writer.produce("ftyp", 32, Boxlane_Packet_FTyp));
   const std::size_t mdat_at = file.size();
   append(file, writer.produce("mdat", 8, Boxlane_Packet_HDRBox, "mdat", nullptr, 0));
-
   // Interleaved by decode time, as a recorder receives them.
-  std::size_t v = 0, a = 0;
-  while (v < split.units.size() || a < audio_frames.size()) {
-    const bool take_video = a == audio_frames.size() ||
-                            (v < split.units.size() && int64_t(v) * frame_ticks <= int64_t(a) * kAacFrameSamples);
+  for (std::size_t v = 0, a = 0; v < units.size() || a < frames.size();) {
     const auto position = static_cast<int64_t>(file.size());
-    if (take_video) {
-      const SplitAccessUnit& unit = split.units[v];
+    if (a == frames.size() || (v < units.size() && int64_t(v) * frame_ticks <= int64_t(a) * kAacFrameSamples)) {
+      const AccessUnit& unit = units[v];
       uint32_t size = 0;
       for (const int32_t length : unit.lengths) size += 4 + static_cast<uint32_t>(length);
-      const int offset = offsets.empty() ? 0 : offsets[v];
       append(file, writer.produce("FrameAccessUnit", size, Boxlane_Packet_FrameAccessUnit, unit.nalus.data(),
                                   unit.lengths.data(), static_cast<int32_t>(unit.nalus.size()), position,
-                                  unit.key ? 1 : 0, frame_ticks, offset));
+                                  unit.key ? 1 : 0, frame_ticks, offsets.empty() ? 0 : offsets[v]));
       result.video_sizes.push_back(size);
       result.video_keys.push_back(unit.key);
       ++v;
     } else {
-      const SplitAudioFrame& frame = audio_frames[a];
-      const auto bytes = writer.produce("FrameAudio", static_cast<std::size_t>(frame.size), Boxlane_Packet_FrameAudio,
-                                        frame.data, frame.size, position, kAacFrameSamples);
+      const auto bytes = writer.produce("FrameAudio", static_cast<std::size_t>(frames[a].second),
+                                        Boxlane_Packet_FrameAudio, frames[a].first, frames[a].second, position,
+                                        kAacFrameSamples);
       append(file, bytes);
       result.audio_sizes.push_back(static_cast<uint32_t>(bytes.size()));
       ++a;
@@ -206,25 +177,24 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
   }
   for (int i = 0; i < 4; ++i) file.at(mdat_at + i) = static_cast<uint8_t>((file.size() - mdat_at) >> (24 - 8 * i));
 
-  const auto video_duration = static_cast<uint32_t>(split.units.size() * static_cast<std::size_t>(frame_ticks));
-  const auto audio_duration = static_cast<uint32_t>(audio_frames.size() * kAacFrameSamples);
-  const std::size_t table_room = 64 + 8 * std::max(split.units.size(), audio_frames.size());
+  const auto video_duration = static_cast<uint32_t>(units.size() * static_cast<std::size_t>(frame_ticks));
+  const auto audio_duration = static_cast<uint32_t>(frames.size() * kAacFrameSamples);
+  const std::size_t table_room = 64 + 8 * std::max(units.size(), frames.size());
   const auto mvhd = writer.produce("mvhd", 108, Boxlane_Packet_MVhd, int32_t(std::max(video_duration, audio_duration)),
                                    int32_t(result.time_scale));
-
   std::vector<uint8_t> video_trak, audio_trak;
   if (video) {
     tag_Qorvane_AVProtocol description{};
     description.bVideo = 1;
     description.nVideoCodec = 27;
-    std::vector<uint8_t> header;
-    for (const auto* set : {&split.sps, &split.pps}) {
-      header.insert(header.end(), {0, 0, 0, 1});
-      append(header, *set);
-    }
-    EXPECT_LE(header.size(), sizeof description.tszVideoHdr);
-    description.nVideoHdrLen = static_cast<int32_t>(std::min(header.size(), sizeof description.tszVideoHdr));
-    std::memcpy(description.tszVideoHdr, header.data(), static_cast<std::size_t>(description.nVideoHdrLen));
+    const std::vector<uint8_t> header = {0, 0, 0, 1};
+    std::vector<uint8_t> sets = header;
+    append(sets, sps);
+    append(sets, header);
+    append(sets, pps);
+    EXPECT_LE(sets.size(), sizeof description.tszVideoHdr);
+    description.nVideoHdrLen = static_cast<int32_t>(std::min(sets.size(), sizeof description.tszVideoHdr));
+    std::memcpy(description.tszVideoHdr, sets.data(), static_cast<std::size_t>(description.nVideoHdrLen));
     video_trak = writer.track(description, video->width, video->height, video_duration, media_time, table_room);
   }
   if (audio) {
@@ -236,7 +206,6 @@ Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, 
     audio_specific_config(audio_header, description.tszAudioCfg);
     audio_trak = writer.track(description, 0, 0, audio_duration, -1, table_room);
   }
-
   append(file, writer.container("moov", {mvhd, video_trak, audio_trak}));
   EXPECT_TRUE(Boxlane_Packet_Delete(client.c_str()));
   return result;

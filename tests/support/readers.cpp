@@ -10,6 +10,9 @@ namespace boxlane::test {
 
 namespace {
 
+// Where scripts/test.sh installs the npm packages.
+std::string npm_dir() { return binary_dir() + "/npm"; }
+
 std::string node(const std::string& script, const std::string& file) {
   std::string out;
   run("BOXLANE_NPM=" + shell_quote(npm_dir()) + " node " +
@@ -42,7 +45,6 @@ std::string md5_of(const std::string& command) {
 
 }  // namespace
 
-std::string npm_dir() { return binary_dir() + "/npm"; }
 bool have_chromium() { return has_package("playwright-core") && std::filesystem::exists("/usr/bin/chromium"); }
 bool have_gstreamer() {
   return have_command("gst-inspect-1.0") &&
@@ -63,25 +65,17 @@ Mp4BoxReport read_with_mp4box(const std::string& file) {
     std::istringstream in(line);
     std::string what;
     in >> what;
+    std::string id, codec;
+    Mp4BoxSample s;
+    uint64_t time = 0, offset = 0;
     if (what == "fragmented") {
-      int f = 0;
-      in >> f;
-      r.fragmented = f != 0;
-    } else if (what == "track") {
-      std::string id, codec;
-      in >> id >> codec;
+      in >> r.fragmented;
+    } else if (what == "track" && in >> id >> codec) {
       r.codecs.push_back(codec);
-    } else if (what == "sample") {
-      Mp4BoxSample s;
-      int sync = 0;
-      in >> s.track >> s.dts >> s.cts >> s.size >> sync;
-      s.sync = sync != 0;
+    } else if (what == "sample" && in >> s.track >> s.dts >> s.cts >> s.size >> s.sync) {
       r.samples.push_back(s);
-    } else if (what == "tfra") {
-      uint32_t track = 0;
-      uint64_t time = 0, offset = 0;
-      in >> track >> time >> offset;
-      r.tfra.emplace_back(track, offset);
+    } else if (what == "tfra" && in >> s.track >> time >> offset) {
+      r.tfra.emplace_back(s.track, offset);
     } else {
       r.errors.push_back(line);
     }

@@ -9,8 +9,6 @@
 
 namespace boxlane::test {
 
-// Where scripts/test.sh installs the npm packages: <build>/npm.
-std::string npm_dir();
 bool have_chromium();   // node, playwright-core and /usr/bin/chromium
 bool have_gstreamer();  // gst-launch-1.0 with qtdemux, h264parse, avdec_h264, avdec_aac
 

@@ -173,8 +173,9 @@ TEST(Mux, RefusedInputsSayWhyAndLeaveNoFile) {
   std::vector<uint8_t> garbage(4096);
   for (std::size_t i = 0; i < garbage.size(); ++i) garbage[i] = uint8_t(i * 7 + 1);
   const std::size_t second = ((audio[3] & 3u) << 11) | (audio[4] << 3) | (audio[5] >> 5);  // frame_length
-  auto lost = audio;
-  lost[second] = 0x12;  // the second frame's sync word
+  auto lost = audio, main_profile = audio;
+  lost[second] = 0x12;               // the second frame's sync word
+  main_profile[second + 2] &= 0x3F;  // the second frame's profile: Main after LC
   // ADTS with another sampling_frequency_index or channel_configuration in the header at `at`.
   const auto adts_with = [&](std::size_t at, int index, int channels) {
     auto bytes = audio;
@@ -216,6 +217,7 @@ TEST(Mux, RefusedInputsSayWhyAndLeaveNoFile) {
       {a + input("rate_change.aac", adts_with(second, 4, -1)),
        "the ADTS header at byte " + std::to_string(second) + " changes the sample rate"},
       {a + input("layout_change.aac", adts_with(second, -1, 1)), "changes the sample rate, channels"},
+      {a + input("profile_change.aac", main_profile), "changes the sample rate, channels or profile"},
       {v + " --fps 0", "--fps takes a rate such as 25, 29.97 or 30000/1001, not '0'"},
       {v + " --fps 1001/0", "--fps takes"},
       {v + " --fps 1001/1", "--fps takes"},  // 1000 frames a second at most

@@ -1,9 +1,6 @@
-// `boxlane mux --fragment` and live inputs, run as a user runs them, on
-// streams FFmpeg makes at test time. The fragmented files are read by
-// FFmpeg, mp4box.js, GStreamer and headless Chromium through Media Source
-// Extensions: the same pictures and AAC frames as the sources, presented
-// from 0, every fragment opening with a key frame where the cut rule puts
-// it; a run killed part way leaves every whole fragment playable.
+// `boxlane mux --fragment` and live inputs, run as a user runs them. FFmpeg,
+// mp4box.js, GStreamer and Chromium (Media Source Extensions) read the same
+// frames as the sources, from 0, in fragments cut where the rule says.
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -232,11 +229,6 @@ TEST(MuxFragments, KilledAndInterruptedRecordings) {
     ASSERT_LT(decoded.size(), source.size());
     decoded.resize(pictures);
     EXPECT_EQ(decoded, std::vector<std::string>(source.begin(), source.begin() + long(pictures)));
-    if (have_gstreamer()) {
-      std::string text;
-      EXPECT_EQ(run("gst-launch-1.0 -q filesrc location=" + shell_quote(file) +
-                    " ! qtdemux ! h264parse ! avdec_h264 ! fakesink 2>&1", &text), 0) << text;
-    }
     if (have_chromium()) {
       const MsePlayback p = play_with_mse(file);
       EXPECT_FALSE(p.errors) << p.report;
@@ -269,8 +261,7 @@ TEST(MuxFragments, InputsThatStopOrChangeKeepWhatCameBefore) {
   BOXLANE_REQUIRE_FFMPEG();
   const std::string dir = temp_dir() + "/", out = dir + "out.mp4";
   const Streams src = encode(dir + "in", "160x120", "25", 2, "keyint=10:bframes=2");
-  const auto video = read_file(src.video);
-  const auto audio = read_file(src.audio);
+  const auto video = read_file(src.video), audio = read_file(src.audio);
   const auto source = decoded_md5s(src.video, 'v');
 
   // ADTS stopped in the middle of a frame: the whole frames are written,

@@ -1,9 +1,6 @@
 // The live stream cutters of `boxlane mux --fragment`: however the input
 // arrives (a byte at a time, a few, all at once), H.264 is cut where the
-// access unit of each IDR picture begins (its AUD, SEI and parameter sets
-// included), and ADTS at whole frames, with the same pictures and frames as
-// reading the stream whole. (That later pieces get the parameter sets sent
-// once before the first, the muxed sample file shows.)
+// access unit of each IDR picture begins, and ADTS at whole frames.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -62,8 +59,7 @@ TEST(StreamChunks, VideoIsCutWhereEachIdrAccessUnitBegins) {
   std::size_t units = 0;
   for (const Cut& c : reference) {
     units += c.units;
-    // Every piece opens with the AUD (type 9) that opens the IDR picture's
-    // access unit, and holds exactly one key frame, its first picture.
+    // Each piece opens with the AUD (type 9) of an IDR picture's access unit, its only key frame.
     ASSERT_LT(c.offset + 4, bytes.size());
     EXPECT_EQ(hex(bytes.data() + c.offset, 5), "00 00 00 01 09") << "piece at " << c.offset;
     EXPECT_TRUE(c.keys.front());
