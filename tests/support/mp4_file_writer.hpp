@@ -1,7 +1,6 @@
 // Writes a whole MP4 file through the flat writer API the way a recording
-// application would: ftyp, an mdat header patched at the end, every frame,
-// then the moov assembled from the header boxes, sample descriptions and
-// sample tables, nested with box headers.
+// application would: ftyp, mdat, every frame, then the moov assembled from
+// the header boxes, sample descriptions and sample tables.
 #pragma once
 
 #include <cstdint>
@@ -12,15 +11,11 @@
 namespace boxlane::test {
 
 struct Mp4VideoInput {
-  // H.264 Annex B, one slice per picture, in decode order. SPS and PPS go to
-  // the sample description and are kept out of the samples.
-  std::vector<uint8_t> annexb;
+  std::vector<uint8_t> annexb;  // one slice per picture, in decode order; SPS and PPS go to the stsd
   int frame_rate = 30;
   int width = 0;
   int height = 0;
-  // Per access unit in decode order: presentation minus decode time in
-  // frames. Empty for a stream without B-frames.
-  std::vector<int> composition_frames;
+  std::vector<int> composition_frames;  // presentation minus decode time in frames; empty: no B-frames
 };
 
 struct Mp4AudioInput {
@@ -30,19 +25,15 @@ struct Mp4AudioInput {
 struct Mp4WriteResult {
   std::vector<uint8_t> file;
   uint32_t time_scale = 0;
-  // Bytes handed to the writer per sample: for video the NAL units with
-  // their 4-byte lengths, for audio the frame without its ADTS header.
+  // Per sample: the NAL units with their 4-byte lengths; the frame without its ADTS header.
   std::vector<uint32_t> video_sizes;
   std::vector<uint32_t> audio_sizes;
   std::vector<bool> video_keys;
-  // Frames by which composition offsets were shifted to keep them positive;
-  // the edit list takes them back out.
-  int composition_shift = 0;
+  int composition_shift = 0;  // frames added to keep composition offsets positive; the edit list removes them
 };
 
-// Writes with a client of the given name (inserted and deleted here).
-// Either input may be null. Failures are reported to the running test; the
-// file is then incomplete.
+// Writes with a client of the given name (inserted and deleted here); either
+// input may be null. Failures fail the running test.
 Mp4WriteResult write_mp4(const std::string& client, const Mp4VideoInput* video, const Mp4AudioInput* audio);
 
 struct TopBox {

@@ -1,7 +1,5 @@
-// Checks of a fragmented MP4 shared by the tools suites: the top-level
-// layout (ftyp, moov, then moof and mdat pairs numbered 1, 2, 3, ..., an
-// optional mfra last), and fragments that open with a video key frame where
-// the cut rule puts them, as ffprobe reads the file.
+// Checks of a fragmented MP4 shared by the tools suites: the top-level layout
+// and fragments that open with a video key frame where the cut rule puts them.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -32,16 +30,9 @@ inline std::vector<uint32_t> sequence_numbers(const std::string& file) {
   return numbers;
 }
 
-// Where the cut rule puts fragments: at the first key frame at least
-// `seconds` after the start of the fragment before.
-inline std::vector<double> expected_cuts(const std::vector<ProbedPacket>& packets, double seconds) {
-  std::vector<double> cuts{packets.front().dts};
-  for (const ProbedPacket& p : packets)
-    if (p.key && p.dts - cuts.back() >= seconds - 1e-6) cuts.push_back(p.dts);
-  return cuts;
-}
-
-// The layout, and with `seconds` above 0 the cuts at video key frames.
+// ftyp, moov, then moof and mdat pairs numbered 1, 2, 3, ..., an optional
+// mfra last; with `seconds` above 0 the cuts at video key frames, as ffprobe
+// reads the file.
 inline void expect_fragment_layout(const std::string& file, double seconds) {
   std::string layout, want = "ftyp moov";
   std::vector<uint64_t> moofs;
@@ -64,7 +55,11 @@ inline void expect_fragment_layout(const std::string& file, double seconds) {
       cuts.push_back(p.dts);
     }
   }
-  EXPECT_EQ(cuts, expected_cuts(packets, seconds));
+  // The rule: at the first key frame at least `seconds` after the start of the fragment before.
+  std::vector<double> expected{packets.front().dts};
+  for (const ProbedPacket& p : packets)
+    if (p.key && p.dts - expected.back() >= seconds - 1e-6) expected.push_back(p.dts);
+  EXPECT_EQ(cuts, expected);
 }
 
 }  // namespace boxlane::test
