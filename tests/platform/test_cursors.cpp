@@ -22,86 +22,50 @@ TEST(BeReader, FailsPastTheEndWithoutMovingStaysFailedAndBoundsSubViews) {
   const auto data = unhex("AA BB CC DD EE");
   BeReader r(data.data(), data.size());
   ASSERT_EQ(r.u16(), 0xAABBu);
-  uint8_t peeked = 0;
-  EXPECT_TRUE(r.peek(2, peeked) && peeked == 0xEE);  // the last byte
-  // Each over-long request reads nothing and leaves the position.
-  EXPECT_EQ(r.u32(), 0u);
+  EXPECT_EQ(r.u32(), 0u);  // an over-long read reads nothing and leaves the position
   EXPECT_FALSE(r.ok());
-  EXPECT_FALSE(r.skip(4));
-  uint8_t out[4] = {1, 2, 3, 4};
-  EXPECT_FALSE(r.copy(out, 4));
-  EXPECT_EQ(hex(out, 4), "01 02 03 04");
-  EXPECT_EQ(r.bytes(4), nullptr);
-  EXPECT_FALSE(r.seek(6));
-  EXPECT_FALSE(r.peek(3, peeked));
   EXPECT_EQ(r.position(), 2u);
-  // What still fits reads correctly, but the cursor stays failed.
-  EXPECT_EQ(r.u24(), 0xCCDDEEu);
+  EXPECT_EQ(r.u24(), 0xCCDDEEu);  // what still fits reads, but the cursor stays failed
   EXPECT_FALSE(r.ok());
-
-  // Sizes near 2^64 must not wrap into a small count; the end itself is a
-  // place to seek to.
+  // Sizes near 2^64 must not wrap into a small count; the end is a place to seek to.
   BeReader big(data.data(), data.size());
   EXPECT_FALSE(big.skip(~uint64_t{0}) || big.has(~uint64_t{0}));
-  EXPECT_EQ(big.position(), 0u);
   BeReader end(data.data(), data.size());
-  EXPECT_TRUE(end.seek(5) && end.ok() && end.remaining() == 0 && end.current() == nullptr);
-  BeReader empty(nullptr, 10);
-  EXPECT_EQ(empty.size(), 0u);
-  EXPECT_EQ(empty.u8(), 0u);
-  EXPECT_FALSE(empty.ok());
+  EXPECT_TRUE(end.seek(5) && end.ok() && end.remaining() == 0);
+  EXPECT_FALSE(end.seek(6));
 
-  // A sub-view ends where its box ends and advances the parent past it.
+  // A sub-view ends where its box ends and advances the parent past it; one
+  // longer than what remains fails the parent, not the position.
   const auto boxes = unhex("00000010 6D766864 01020304 05060708 99");
   BeReader p(boxes.data(), boxes.size());
   ASSERT_EQ(p.u32(), 16u);
   BeReader box = p.sub(12);
-  EXPECT_EQ(p.position(), 16u);
   EXPECT_EQ(p.u8(), 0x99u);
   EXPECT_EQ(box.u32(), 0x6D766864u);
-  BeReader inner = box.sub(4);
-  EXPECT_EQ(inner.u32(), 0x01020304u);
-  EXPECT_EQ(inner.u8(), 0u);
-  EXPECT_FALSE(inner.ok());
-  EXPECT_TRUE(box.ok());
-  EXPECT_EQ(box.u64(), 0u) << "8 bytes past a 4-byte rest";
-  EXPECT_EQ(box.i32(), int32_t{0x05060708});
-  // An empty view at the very end is fine; one longer than what remains
-  // fails the parent, not the position.
-  BeReader tail = p.sub(0);
-  EXPECT_TRUE(p.ok() && tail.ok() && tail.remaining() == 0);
+  EXPECT_EQ(box.u64(), 0x0102030405060708u);
+  EXPECT_EQ(box.u8(), 0u);
+  EXPECT_FALSE(box.ok());
   BeReader again(boxes.data(), boxes.size());
   ASSERT_TRUE(again.skip(10));
   BeReader overlong = again.sub(8);
   EXPECT_FALSE(again.ok() || overlong.ok());
   EXPECT_EQ(again.position(), 10u);
-  EXPECT_EQ(overlong.size(), 0u);
 }
 
-// Column sums over records of a stride: both columns in one pass, an odd
-// count (the last record alone), and records or fields that do not fit.
+// Column sums over records of a stride: an odd count (the last record
+// alone), and records or fields that do not fit.
 TEST(BeReader, SumsColumnsOfRecordsThatLieWhole) {
-  // Three records of 12 bytes: (1, 0x100, pad), (2, 0xFFFFFFFF, pad), (3, 5, pad).
   const auto bytes = unhex("00000001 00000100 09090909 00000002 FFFFFFFF 09090909 00000003 00000005 09090909");
   BeReader whole(bytes.data(), bytes.size());
   const BeReader::Sums sums = whole.sum32(3, 12, 0, 4);
   EXPECT_EQ(sums.first, 6u);
   EXPECT_EQ(sums.second, uint64_t{0x100} + 0xFFFFFFFFu + 5u);  // past 32 bits
-  EXPECT_EQ(whole.sum32(3, 12, 8, 4).first, 3 * 0x09090909u) << "the last field of a record";
-  EXPECT_EQ(whole.position(), 0u);  // the position stays
-  EXPECT_EQ(whole.sum32(0, 12, 0, 0).first, 0u);
-  EXPECT_TRUE(whole.ok());
-  // One record too many, a field past its record: nothing read, failed.
-  EXPECT_EQ(whole.sum32(4, 12, 0, 4).first, 0u);
+  EXPECT_EQ(whole.position(), 0u);
+  EXPECT_EQ(whole.sum32(4, 12, 0, 4).first, 0u);  // one record too many
   EXPECT_FALSE(whole.ok());
   BeReader field(bytes.data(), bytes.size());
-  EXPECT_EQ(field.sum32(3, 12, 0, 9).second, 0u);
+  EXPECT_EQ(field.sum32(3, 12, 0, 9).second, 0u);  // a field past its record
   EXPECT_FALSE(field.ok());
-  // From the position: two whole records of 12 remain after 12 bytes.
-  BeReader later(bytes.data(), bytes.size());
-  later.skip(12);
-  EXPECT_EQ(later.sum32(2, 12, 0, 4).first, 5u);
-  EXPECT_EQ(later.sum32(3, 12, 0, 4).first, 0u);
 }
 
 TEST(BeWriter, PatchesBoxSizesAndWritesNothingPastCapacity) {
@@ -149,7 +113,6 @@ TEST(AnnexB, SplitsOnThreeAndFourByteStartCodes) {
       {"000001 6588 00000001", {"6588"}, 0},
       {"000001 06 000002 000003 01", {"06 000002 000003 01"}, 0},  // 00 00 02/03 are no start codes
       {"000001 6588 01 000001 41", {"658801", "41"}, 0},  // a start code right after a 01 byte
-      {"", {}, 0},
       {"6588 8400", {}, 4},
   };
   for (const auto& c : cases) {
@@ -164,9 +127,6 @@ TEST(AnnexB, SplitsOnThreeAndFourByteStartCodes) {
     EXPECT_EQ(units, expected) << c.stream;
     EXPECT_EQ(splitter.leading_bytes(), c.leading) << c.stream;
   }
-  AnnexBSplitter null_stream(nullptr, 16);
-  NalUnit nal;
-  EXPECT_FALSE(null_stream.next(nal));
 }
 
 }  // namespace
