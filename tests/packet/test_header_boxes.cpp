@@ -2,8 +2,6 @@
 // the 64-bit forms on both sides of each limit.
 #include "writer_fixture.hpp"
 
-#include "support/box_builder.hpp"
-
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -53,8 +51,11 @@ TEST_F(HeaderBoxTest, FixedBoxesAndBoxHeaders) {
       {"meta", "MetaHandler"},  {"text", "TextHandler"}};
   for (uint8_t type = 0; type < 5; ++type) {
     const auto& [fourcc, name] = handlers[type];
-    const Bytes hdlr = Bytes().u32(33 + uint32_t(std::strlen(name))).str("hdlr").u32(0).u32(0).str(fourcc).zeros(12);
-    EXPECT_EQ(box(Boxlane_Packet_HDlr, type), hex(Bytes(hdlr).str(name).u8(0))) << fourcc;
+    const std::string tail = fourcc + std::string(12, '\0') + name + '\0';
+    char size[9];
+    std::snprintf(size, sizeof size, "%08X", unsigned(33 + std::strlen(name)));
+    EXPECT_EQ(box(Boxlane_Packet_HDlr, type), bytes_hex(std::string(size) + "68646C72 00000000 00000000") + " " +
+                                                  hex(reinterpret_cast<const uint8_t*>(tail.data()), tail.size()));
   }
   refuses(BOXLANE_ERROR_PACKET_NOTSUPPORT, Boxlane_Packet_HDlr, uint8_t{5});
 }
