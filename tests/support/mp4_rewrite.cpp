@@ -60,4 +60,15 @@ std::vector<uint8_t> with_co64(const std::vector<uint8_t>& file) {
   return rewrite(0, file.size());
 }
 
+std::vector<TopBox> top_boxes(const std::vector<uint8_t>& file) {
+  std::vector<TopBox> boxes;
+  for (uint64_t at = 0; at + 8 <= file.size();) {
+    const uint64_t size = be32(file, at);
+    boxes.push_back({std::string(file.begin() + at + 4, file.begin() + at + 8), at, size});
+    if (size < 8) break;
+    at += size;
+  }
+  return boxes;
+}
+
 }  // namespace boxlane::test

@@ -1,11 +1,25 @@
-// Rewrites of files from other muxers into the forms a large file takes,
-// without writing gigabytes.
+// A file's top-level boxes read straight from its bytes, and rewrites of
+// files from other muxers into the forms a large file takes, without writing
+// gigabytes.
 #pragma once
 
 #include <cstdint>
+#include <ostream>
+#include <string>
 #include <vector>
 
 namespace boxlane::test {
+
+struct TopBox {
+  std::string type;
+  uint64_t offset = 0, size = 0;
+  bool operator==(const TopBox&) const = default;
+};
+inline void PrintTo(const TopBox& box, std::ostream* os) { *os << box.type << " at " << box.offset << " size " << box.size; }
+
+// The top-level boxes in file order (32-bit sizes only); the walk stops at a
+// size below 8.
+std::vector<TopBox> top_boxes(const std::vector<uint8_t>& file);
 
 // The 8-byte free box FFmpeg keeps before its mdat joined to the mdat header
 // as a 64-bit size (what FFmpeg does past 4 GiB); nothing moves. Fails the

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "support/ffmpeg.hpp"
-#include "support/mp4_file_writer.hpp"
+#include "support/mp4_rewrite.hpp"
 #include "support/paths.hpp"
 
 namespace boxlane::test {

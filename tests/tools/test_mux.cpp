@@ -13,7 +13,7 @@
 
 #include "support/box_builder.hpp"
 #include "support/handmade_h264.hpp"
-#include "support/mp4_file_writer.hpp"
+#include "support/mp4_rewrite.hpp"
 #include "support/readers.hpp"
 #include "mux_runner.hpp"
 

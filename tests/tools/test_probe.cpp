@@ -4,7 +4,6 @@
 // and its errors.
 #include "support/box_builder.hpp"
 #include "support/ffmpeg.hpp"
-#include "support/mp4_file_writer.hpp"
 #include "support/mp4_rewrite.hpp"
 #include "support/paths.hpp"
 #include "support/probe_json.hpp"
