@@ -55,7 +55,7 @@ constexpr uint32_t fourcc(std::string_view name) noexcept {
 
 // What else the splitter must know of a box.
 enum BoxTraits : uint8_t {
-  kSpecified = 0,
+  kBasic = 0,
   kExtended = 1,  // read only by a client in the extended mode; UNKNOWN otherwise
   kFullBox = 2,   // version and flags follow the header (ISO/IEC 14496-12 §4.2)
 };
@@ -65,7 +65,7 @@ struct BoxRow {
   ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code;
   BoxKind kind;
   BoxReader reader;  // null: no reader
-  uint8_t traits = kSpecified;
+  uint8_t traits = kBasic;
 };
 
 // The reader of a full box that stores nothing: its header record gets the

@@ -113,7 +113,7 @@ bool CBoxlane_Parse::Boxlane_Parse_GetTrackList(const char* lpszClient, int nTra
                       [](QORVANE_HDRSAMPLENFO& to, const QORVANE_HDRSAMPLENFO& from) { to = from; });
     };
     // A co64 offset as its low and high halves; only the extended mode reads
-    // co64, so a client of the specified mode gets its stco alone.
+    // co64, so a client of the basic mode gets its stco alone.
     const auto chunk_offsets = [&](bool narrow) {
       const std::size_t first = narrow ? track.stl_ListSTco.size() : 0;
       const int n = static_cast<int>(first + track.stl_ListCO64.size());

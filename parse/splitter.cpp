@@ -75,7 +75,7 @@ Split stop_stream(QORVANE_MP4PARSE& record, uint32_t why, const uint8_t* type, u
 }
 
 // What either mode notes about boxes of the extended mode it meets; a client
-// in the specified mode still reports them as UNKNOWN and skips them.
+// in the basic mode still reports them as UNKNOWN and skips them.
 void note_box(QORVANE_MP4PARSE& record, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code) {
   BOXLANE_STREAMINFO& stream = record.stStream;
   switch (code) {
@@ -149,7 +149,7 @@ Split split_run(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* d
     uint64_t header = kBoxHeader;
     uint64_t size = size_field;
     if (size_field == 1) {
-      // A client in the specified mode does not follow a 64-bit size
+      // A client in the basic mode does not follow a 64-bit size
       // (ISO/IEC 14496-12 §4.2): the box is reported with size 0 and the
       // stream ends here.
       if (!wide) {

@@ -150,7 +150,7 @@ INSTANTIATE_TEST_SUITE_P(Shapes, ClientLimit,
                          ::testing::Combine(::testing::ValuesIn(kShapes), ::testing::Values(0u, BOXLANE_PARSE_EXTENDED)),
                          [](const auto& info) {
                            return std::string(std::get<0>(info.param).name) +
-                                  (std::get<1>(info.param) ? "_extended" : "_specified");
+                                  (std::get<1>(info.param) ? "_extended" : "_basic");
                          });
 
 }  // namespace

@@ -1,5 +1,5 @@
 // The extended mode of a parse client on hand-built streams: the records the
-// new boxes get (and a client of the specified mode unchanged), 64-bit box
+// new boxes get (and a client of the basic mode unchanged), 64-bit box
 // sizes, and the samples a moof's track fragments hand out for the tfhd and
 // trun fields, worked out by hand from ISO/IEC 14496-12 §8.8. Then track
 // fragments that lie, each with a defined answer or left out and counted,
@@ -108,7 +108,7 @@ TEST_F(Extended, FragmentSamplesFollowTheDefaultsBasesAndTimesOfTheStandard) {
             std::tuple(uint32_t{BOXLANE_PARSE_EXTENDED}, 3u, uint64_t{0x100000000}, uint8_t{1}, 0u));
 }
 
-TEST_F(Extended, RecordsOfTheNewBoxesAndTheSpecifiedModeUnchanged) {
+TEST_F(Extended, RecordsOfTheNewBoxesAndTheBasicModeUnchanged) {
   const Bytes extra = cat({box("styp", Bytes{}.str("msdh").u32(0)), full_box("sidx", 1, 0, Bytes{}.zeros(32)),
                            full_box("emsg", 0, 0, Bytes{}.zeros(12)),
                            box("mfra", cat({full_box("tfra", 1, 0, Bytes{}.zeros(12)), full_box("mfro", 0, 0, Bytes{}.u32(16))}))});
@@ -131,7 +131,7 @@ TEST_F(Extended, RecordsOfTheNewBoxesAndTheSpecifiedModeUnchanged) {
   const BOXLANE_STREAMINFO info = stream_info(wide);
   EXPECT_TRUE(info.bSegmentType && info.bSegmentIndex && info.bRandomAccess);
 
-  // The specified mode: every new box is UNKNOWN and skipped whole, and no
+  // The basic mode: every new box is UNKNOWN and skipped whole, and no
   // answer waits; what it met is still noted.
   const FeedResult plain = feed(client_, stream);
   want.resize(moov_records);
@@ -161,7 +161,7 @@ TEST_F(Extended, LargeSizesAreFollowedHoweverTheHeaderIsCut) {
   EXPECT_EQ(stream_info("large/whole").nLargeBoxes, 3u);
   for (std::size_t cut = 1; cut < stream.size(); ++cut)
     expect_same_feed(feed(extended("large/cut " + std::to_string(cut)), stream, {cut}), whole, "cut at " + std::to_string(cut));
-  // The specified mode reports the free box with size 0 and stops there.
+  // The basic mode reports the free box with size 0 and stops there.
   EXPECT_EQ(codes(feed(client_, stream).headers), (Codes{1, 0}));
   EXPECT_EQ(stream_info(client_).nStop, uint32_t{BOXLANE_STOP_LARGESIZE});
 

@@ -80,7 +80,7 @@ TEST_F(Index, ConstantSizesLargeOffsetsAndSignedCompositionOffsets) {
   const auto stco = take_list(list, count);
   ASSERT_EQ(stco.size(), 2u);
   EXPECT_EQ(std::tuple(stco[1].nValue1, stco[1].nValue2, stco[1].nValue3), std::tuple(0x40000000u + 1000u, 1u, 0u));
-  // The specified mode reads no co64: no chunks, so no samples; the co64 is noted.
+  // The basic mode reads no co64: no chunks, so no samples; the co64 is noted.
   ASSERT_EQ(feed(client_, stream).error, 0u);
   EXPECT_TRUE(table_samples(client_, 1).empty());
   BOXLANE_TRACKINDEX index{};

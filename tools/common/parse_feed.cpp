@@ -135,7 +135,7 @@ bool ParseFeed::on_header() {
     mode_ = mdat ? Mode::kSkip : Mode::kBody;
     flush_here = mdat;
   } else if (size_field_ == 1 && !extended_) {
-    // The specified mode stops at a 64-bit size: the header goes to the
+    // The basic mode stops at a 64-bit size: the header goes to the
     // parser, which notes where and why; nothing more is sent.
     mode_ = Mode::kStopSize;
     header_want_ = 16;

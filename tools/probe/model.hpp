@@ -123,7 +123,7 @@ struct ProbeReport {
   // only; walk_boxes places them in the tree.
   std::deque<QORVANE_MP4HDR> boxes;
   RecordSummary records;        // of every header record, listed or not
-  bool strict = false;           // the client was inserted the specified way (--strict)
+  bool strict = false;           // the client was inserted in the basic mode (--strict)
   BOXLANE_STREAMINFO stream{};   // where the parser's reading of the stream stands
   uint64_t stop_code = 0;        // the parser's error code at a stop it refused a box with; 0 for none
   // The parser stopped at a top-level box with a 64-bit size (--strict),
@@ -166,7 +166,7 @@ bool stop_loses_data(const ProbeReport& report);
 // notes that depend on the client's mode. Call once the tracks are
 // collected and their facts derived.
 void mark_missing(ProbeReport& report);
-// `strict`: the client was inserted the specified way, which reads no co64
+// `strict`: the client was inserted in the basic mode, which reads no co64
 // or stz2 table.
 ProbeFacts derive_facts(const ProbeTrack& track, bool strict);
 ProbeAudioConfig read_audio_config(const BOXLANE_CODECINFO& codec);

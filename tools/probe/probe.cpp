@@ -38,7 +38,7 @@ constexpr const char* kUsage =
     "  --random-pieces MAX    read pieces of 1 to MAX bytes, sizes drawn from --seed\n"
     "  --seed S               seed for --random-pieces (default 1)\n"
     "  --pools N              task pools for the parser's events (default 1)\n"
-    "  --strict               insert the parser client the specified way: no 64-bit\n"
+    "  --strict               insert the parser client in the basic mode: no 64-bit\n"
     "                         sizes, co64, stz2 or fragments (the report marks what is left)\n"
     "  --tables               also print every track's raw sample tables\n"
     "  --samples              also list every sample: decode and composition time,\n"
