@@ -6,6 +6,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
 #include <map>
 #include <string>
 #include <vector>
@@ -47,21 +49,47 @@ std::vector<std::string> index_of(const std::string& path, char kind) {
   return rows;
 }
 
+// Each audio frame goes into the fragment whose video it starts during: one
+// that starts exactly at a cut opens the next fragment. Times as stored,
+// from 0 on both tracks, as the cuts are made. Returns how many audio frames
+// start exactly at a cut.
+int expect_audio_follows_the_cuts(const std::string& file) {
+  std::vector<uint64_t> moofs;
+  for (const TopBox& box : boxes_of(file))
+    if (box.type == "moof") moofs.push_back(box.offset);
+  const auto fragment_of = [&](int64_t pos) {
+    return std::upper_bound(moofs.begin(), moofs.end(), uint64_t(pos)) - moofs.begin();
+  };
+  std::vector<double> cuts;  // where each fragment after the first starts
+  for (const ProbedPacket& v : probe_packets(file, 'v', true))
+    if (fragment_of(v.pos) > long(cuts.size()) + 1) cuts.push_back(v.dts);
+  EXPECT_GE(cuts.size(), 2u);
+  int exact = 0;
+  for (const ProbedPacket& a : probe_packets(file, 'a', true)) {
+    const long after = std::count_if(cuts.begin(), cuts.end(), [&](double cut) { return a.dts >= cut - 1e-7; });
+    exact += std::count_if(cuts.begin(), cuts.end(), [&](double cut) { return std::abs(a.dts - cut) < 1e-7; });
+    EXPECT_EQ(fragment_of(a.pos), after + 1) << "the audio frame at " << a.dts;
+  }
+  return exact;
+}
+
 struct Input {
   const char* name;
   const char* ffmpeg;  // arguments after the lavfi sources
   bool audio = true;
+  bool audio_frame_at_a_cut = false;  // the check of where audio goes bites at an exact cut only
 };
 
-// 4 s of 160x120 video at 25 fps with B-frames, a key frame every 12.
+// 4 s of 160x120 video at 25 fps with B-frames.
 const Input kInputs[] = {
     {"h264_aac44_fragmented", "-c:v libx264 -preset veryfast -bf 3 -g 12 -c:a aac -ar 44100 -metadata:s:v language=deu "
                               "-movflags frag_keyframe+empty_moov+default_base_moof"},
     {"h265_aac48_faststart", "-c:v libx265 -x265-params log-level=none:keyint=12:bframes=2 -tag:v hvc1 -c:a aac "
-                             "-ar 48000 -metadata:s:a language=fra -movflags faststart"},
+                             "-ar 48000 -metadata:s:a language=fra -movflags faststart", true, true},  // 2.88 s: frame 135
     // Negative composition offsets (ctts version 1), which the output moves
-    // past 0; the moov last, its stco turned into co64.
-    {"h264_alone_co64", "-c:v libx264 -preset veryfast -bf 2 -g 10 -movflags negative_cts_offsets", false},
+    // past 0; the moov last, its stco turned into co64; a key frame exactly
+    // every second, so that each one is exactly a fragment's length on.
+    {"h264_alone_co64", "-c:v libx264 -preset veryfast -bf 2 -g 25 -movflags negative_cts_offsets", false},
 };
 
 class RemuxRoundTrip : public ::testing::TestWithParam<Input> {};
@@ -102,6 +130,9 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
   // open on sync samples.
   EXPECT_EQ(decoded_md5s(dir + "fragmented.mp4", 'v'), decoded_md5s(source, 'v'));
   expect_fragment_layout(dir + "fragmented.mp4", 1);
+  if (in.audio) {
+    EXPECT_EQ(expect_audio_follows_the_cuts(dir + "fragmented.mp4") > 0, in.audio_frame_at_a_cut);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(FilesFromOtherMuxers, RemuxRoundTrip, ::testing::ValuesIn(kInputs),
