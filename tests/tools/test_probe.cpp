@@ -333,6 +333,12 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
   EXPECT_EQ(problems, "stts counts 10 samples but stsz lists 9 sizes|the stco chunks hold 12 samples (through stsc) "
                       "but stts counts 10|stss names sample 3, out of order or past the 10 samples|");
   EXPECT_EQ(twice["handler_name"].text, "T\"\\\n\xC3\xBF");
+  // The last sample may be a sync sample: only the chunks disagree.
+  write_file(dir + "last.mp4", movie_with_tables(full_box("stsz", 0, 0, Bytes().u32(100).u32(10)),
+                                                 full_box("stss", 0, 0, Bytes().u32(1).u32(10))));
+  const Json last = probe_json(shell_quote(dir + "last.mp4"))["tracks"].items.at(0)["consistency"]["problems"];
+  ASSERT_EQ(last.items.size(), 1u);
+  EXPECT_EQ(last.items[0].text, "the stco chunks hold 12 samples (through stsc) but stts counts 10");
 
   // One size for every sample, no stss: 10 samples of 100 bytes in 10 s,
   // the whole text report with its tables.
