@@ -52,11 +52,12 @@ struct FragmentedMovie {
     data1 = stream.size() + 8;
     stream.add(box("mdat", Bytes{}.zeros(810)));
     // moof 2: an explicit base, tfhd defaults over the trex's, no tfdt, two
-    // truns of version 0, the second without data_offset.
+    // truns of version 0, the first with durations and sizes, the second
+    // without data_offset.
     const uint64_t moof2 = stream.size();
     stream.add(moof_with_offset([&](int32_t offset) {
       return moof_box(2, {box("traf", cat({tfhd_box({0x01 | 0x02 | 0x08 | 0x20, 1, moof2, 2, 2000, 0, kNonSync}),
-                                          trun_box(0, 0x001 | 0x200 | 0x400, {{0, 5, kSync}, {0, 6, kNonSync}}, offset),
+                                          trun_box(0, 0x001 | 0x100 | 0x200 | 0x400, {{2000, 5, kSync}, {2000, 6, kNonSync}}, offset),
                                           trun_box(0, 0x200 | 0x800, {{0, 7, 0, 0xFFFFFFFFu}})}))});
     }));
     data2 = stream.size() + 8;
