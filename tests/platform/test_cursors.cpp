@@ -33,6 +33,11 @@ TEST(BeReader, FailsPastTheEndWithoutMovingStaysFailedAndBoundsSubViews) {
   BeReader end(data.data(), data.size());
   EXPECT_TRUE(end.seek(5) && end.ok() && end.remaining() == 0);
   EXPECT_FALSE(end.seek(6));
+  // peek looks at what remains and never past it.
+  uint8_t seen = 0;
+  ASSERT_TRUE(end.seek(3));
+  EXPECT_TRUE(end.peek(1, seen) && seen == 0xEE);
+  EXPECT_FALSE(end.peek(2, seen));
 
   // A sub-view ends where its box ends and advances the parent past it; one
   // longer than what remains fails the parent, not the position.
