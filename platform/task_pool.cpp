@@ -35,8 +35,8 @@ bool fail(uint64_t code) noexcept {
 
 // One client of a pool. Its count is changed without the pool's mutex: a
 // Send raising it and a Recv lowering it touch only this client's line (and
-// read the pool's hint that some count is positive). Aligned to a cache line of its own, so that two threads' clients never
-// share one.
+// read the pool's hint that some count is positive). Aligned to a cache
+// line of its own, so that two threads' clients never share one.
 struct alignas(64) Client {
   explicit Client(std::string_view a) : addr(a) {}
   std::string addr;
