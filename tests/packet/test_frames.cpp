@@ -25,9 +25,14 @@ TEST_F(FrameTest, VideoNalUnitsGetTheirLengths) {
   const uint8_t sei[] = {0x06, 0x05, 0x01}, slice[] = {0x65, 0x88, 0x84, 0x21};
   const uint8_t* const nalus[] = {sei, slice, odd};
   const int32_t lengths[] = {3, 4, 0};
-  EXPECT_EQ(box(Boxlane_Packet_FrameAccessUnit, nalus, lengths, 3, int64_t{1000}, 1, 40, 80),
+  EXPECT_EQ(box(Boxlane_Packet_FrameAccessUnit, nalus, lengths, 3, int64_t{1000}, 1, 41, 80),
             bytes_hex("00000003 060501 00000004 65888421 00000000"));
+  // The access unit's position, key flag, duration and offset reach the tables.
   EXPECT_EQ(box(Boxlane_Packet_STsz, true), bytes_hex("00000020 7374737A 00000000 00000000 00000003 000003E8 00000004 00000013"));
+  EXPECT_EQ(box(Boxlane_Packet_STco, true), bytes_hex("0000001C 7374636F 00000000 00000003 00000030 00000000 000003E8"));
+  EXPECT_EQ(box(Boxlane_Packet_STts, true), bytes_hex("00000020 73747473 00000000 00000002 00000002 00000028 00000001 00000029"));
+  EXPECT_EQ(box(Boxlane_Packet_CTts), bytes_hex("00000018 63747473 00000000 00000001 00000001 00000050"));
+  EXPECT_EQ(box(Boxlane_Packet_STss), bytes_hex("00000018 73747373 00000000 00000002 00000001 00000003"));
 }
 
 TEST_F(FrameTest, AudioDropsTheAdtsHeaderWithOrWithoutCrc) {

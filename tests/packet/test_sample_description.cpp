@@ -108,12 +108,14 @@ TEST_F(SampleDescription, VideoEntryWithEveryParameterSet) {
 }
 
 TEST_F(SampleDescription, AudioEntry) {
-  const std::string head = "0000005B 73747364 00000000 00000001 0000004B 6D703461 000000000000 0001 0000000000000000"
-                           "0002 0010 00000000";
+  const std::string head = "0000005B 73747364 00000000 00000001 0000004B 6D703461 000000000000 0001 0000000000000000";
   const std::string esds = "00000027 65736473 00000000 03 19 0002 00 04 11 40 15 000000 00000000 00000000 05 02 1210 06 01 02";
-  EXPECT_EQ(stsd(protocol(false, {0x12, 0x10})), bytes_hex(head + "AC44 0000" + esds));
-  // The samplerate field takes the low 16 bits of the rate.
-  EXPECT_EQ(stsd(protocol(false, {0x12, 0x10}, 96000)), bytes_hex(head + "7700 0000" + esds));
+  EXPECT_EQ(stsd(protocol(false, {0x12, 0x10})), bytes_hex(head + "0002 0010 00000000 AC44 0000" + esds));
+  // Channels and sample size as given; the samplerate field takes the low 16 bits of the rate.
+  auto six = protocol(false, {0x12, 0x10}, 96000);
+  six->nAudioChannel = 6;
+  six->nAudioSampleBit = 24;
+  EXPECT_EQ(stsd(six), bytes_hex(head + "0006 0018 00000000 7700 0000" + esds));
 
   // 105 configuration bytes push the ES_Descriptor past 127: DecoderSpecificInfo
   // 105 (69), DecoderConfig 13 + 2 + 105 = 120 (78), ES 3 + 2 + 120 + 3 = 128
