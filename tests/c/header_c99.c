@@ -1,8 +1,9 @@
 /* The public header as a C99 caller sees it: it compiles with -std=c99
  * -pedantic, its records have the sizes callers rely on, and the shared
- * library answers through it. */
+ * library answers through it, with the last error as C callers read it. */
 #include <boxlane/boxlane.h>
 
+#include <errno.h>
 #include <stddef.h>
 #include <stdio.h>
 #include <string.h>
@@ -18,7 +19,8 @@ static int failures = 0;
 
 int main(void) {
   uint8_t box[256];
-  int32_t size = -1;
+  int32_t size = -1, sys = -1;
+  uint64_t position = 0;
   QORVANE_MP4HDR hdr;
   static const uint8_t large_mdat[16] = {0, 0, 0, 1, 'm', 'd', 'a', 't', 0, 0, 0, 1, 0, 0, 0, 16};
 
@@ -36,7 +38,8 @@ int main(void) {
   /* Right after loading: no failure recorded. */
   CHECK(!Boxlane_IsErrorOccur && Boxlane_GetLastError(NULL) == 0);
   CHECK(!Boxlane_Packet_Insert(NULL));
-  CHECK(Boxlane_IsErrorOccur && Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PACKET_PARAMETER);
+  errno = EACCES;
+  CHECK(Boxlane_IsErrorOccur && Boxlane_GetLastError(&sys) == BOXLANE_ERROR_PACKET_PARAMETER && sys == EACCES);
   CHECK(Boxlane_Packet_Insert("c99"));
   CHECK(!Boxlane_IsErrorOccur && Boxlane_dwErrorCode == BOXLANE_ERROR_PACKET_PARAMETER);
   CHECK(Boxlane_Packet_HDRBox64("c99", box, &size, "mdat", UINT64_C(0xFFFFFFF0)));
@@ -50,9 +53,11 @@ int main(void) {
   /* The extended parse mode: a 64-bit mdat header is followed and reported. */
   CHECK(Boxlane_Parse_InsertEx("c99-ext", BOXLANE_PARSE_EXTENDED));
   CHECK(Boxlane_Parse_Send("c99-ext", large_mdat, 16));
-  CHECK(Boxlane_Parse_Recv("c99-ext", &hdr, NULL));
+  CHECK(Boxlane_Parse_Recv("c99-ext", &hdr, &position));
   CHECK(hdr.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT && hdr.nBoxSize == 0x100000010ull);
-  CHECK(Boxlane_Parse_Delete("c99-ext"));
+  CHECK(position == 0x100000010ull);
+  CHECK(Boxlane_Parse_Delete("c99-ext") && !Boxlane_IsErrorOccur);
+  CHECK(!Boxlane_Parse_Recv("c99-ext", &hdr, NULL) && Boxlane_IsErrorOccur);
 
   if (failures) fprintf(stderr, "%d check(s) failed\n", failures);
   return failures ? 1 : 0;

@@ -12,7 +12,6 @@ namespace {
 using boxlane::test::bytes_hex;
 using boxlane::test::HandSps;
 using boxlane::test::hand_pps;
-using boxlane::test::hex;
 using boxlane::test::unhex;
 using Bytes = std::vector<uint8_t>;
 
@@ -34,13 +33,6 @@ Bytes annexb(const std::vector<Bytes>& units) {
   return out;
 }
 
-// Bytes 24-101 of an hvc1 entry: the VisualSampleEntry fields for a size,
-// with the compressor name "HEVC".
-std::string hvc1_fixed(const std::string& size) {
-  return "000000000000 0001 " + std::string(32, '0') + " " + size + " 00480000 00480000 00000000 0001 0448455643" +
-         std::string(54, '0') + " 0018 FFFF ";
-}
-
 class HevcSampleDescription : public boxlane::test::WriterTest {
  protected:
   std::string stsd(const Bytes& sets) { return box(Boxlane_Packet_STsdHEVC, sets.data(), int32_t(sets.size())); }
@@ -49,27 +41,30 @@ class HevcSampleDescription : public boxlane::test::WriterTest {
     const std::string all = stsd(sets);
     return all.size() > 133 * 3 ? all.substr(110 * 3) : "";
   }
-  void refused(const Bytes& sets) { refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdHEVC, sets.data(), int32_t(sets.size())); }
+  void refused(const Bytes& sets) {
+    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdHEVC, sets.data(), int32_t(sets.size()));
+  }
 };
 
 TEST_F(HevcSampleDescription, X265MainAndMain10ByHand) {
-  // 142 + 24 + 42 + 7 + 3 * 2 = 221 bytes. general_profile_space 0, tier 0,
-  // profile 1; compatibility flags 1 and 2; progressive and frame-only
-  // constraints; level 60; no segmentation restriction, so parallelismType 0;
-  // 4:2:0, 8 bits; avgFrameRate 0; constantFrameRate 0, one temporal layer,
-  // nested, 4-byte lengths (0F); three complete arrays.
+  // 142 + 24 + 42 + 7 + 3 * 2 = 221 bytes; the entry's compressor name is
+  // "HEVC". general_profile_space 0, tier 0, profile 1; compatibility flags 1
+  // and 2; progressive and frame-only constraints; level 60; no segmentation
+  // restriction, so parallelismType 0; 4:2:0, 8 bits; avgFrameRate 0;
+  // constantFrameRate 0, one temporal layer, nested, 4-byte lengths (0F);
+  // three complete arrays.
   EXPECT_EQ(stsd(annexb({unhex(kVps), unhex(kSps), unhex(kPps)})),
-            bytes_hex("00 00 00 DD 73 74 73 64 00 00 00 00 00 00 00 01 00 00 00 CD 68 76 63 31" +
-                      hvc1_fixed("01 40 00 F0") +
-                      "00 00 00 77 68 76 63 43 01 01 60 00 00 00 90 00 00 00 00 00 3C F0 00 FC FD F8 F8 00 00 0F 03"
-                      "A0 00 01 00 18" + kVps + "A1 00 01 00 2A" + kSps + "A2 00 01 00 07" + kPps));
+            bytes_hex("000000DD 73747364 00000000 00000001 000000CD 68766331 000000000000 0001" + std::string(32, '0') +
+                      "0140 00F0 00480000 00480000 00000000 0001 0448455643" + std::string(54, '0') + "0018 FFFF"
+                      "00000077 68766343 01 01 60000000 9000 00000000 3C F000 FC FD F8 F8 0000 0F 03"
+                      "A0 0001 0018" + kVps + "A1 0001 002A" + kSps + "A2 0001 0007" + kPps));
 
   // Main 10: profile 2, compatibility flag 2 only, 10-bit (FA FA), and the
   // size after the conformance window, 322 x 182. The PPS comes first in the
   // input and repeats; the arrays keep their order and the repeat goes.
   EXPECT_EQ(hvcc(annexb({unhex(kPps), unhex(kVps10), unhex(kSps10), unhex(kPps)})),
-            bytes_hex("01 02 20 00 00 00 90 00 00 00 00 00 3C F0 00 FC FD FA FA 00 00 0F 03"
-                      "A0 00 01 00 18" + kVps10 + "A1 00 01 00 34" + kSps10 + "A2 00 01 00 07" + kPps));
+            bytes_hex("01 02 20000000 9000 00000000 3C F000 FC FD FA FA 0000 0F 03"
+                      "A0 0001 0018" + kVps10 + "A1 0001 0034" + kSps10 + "A2 0001 0007" + kPps));
   EXPECT_EQ(stsd(annexb({unhex(kVps10), unhex(kSps10), unhex(kPps)})).substr(48 * 3, 11), "01 42 00 B6");
 }
 
@@ -81,19 +76,16 @@ TEST_F(HevcSampleDescription, FieldsThatDescribeEverySet) {
   hand.sub_layers_minus1 = 2;
   const Bytes vps = unhex(kVps);
   const auto head = [&](const std::vector<Bytes>& units) { return hvcc(annexb(units)).substr(0, 22 * 3 - 1); };
-  EXPECT_EQ(head({vps, hand.nal(), hand_pps(0, false, false, 0, true, false)}),
-            bytes_hex("01 62 20 00 00 00 80 00 00 00 00 01 99 F3 E8 FF FD F8 F8 00 00 1F"));
-
+  const Bytes wpp = hand_pps(0, false, false, 0, true, false), tiles = hand_pps(1, false, false, 0, false, true),
+              neither = hand_pps(2, false, false, 0, false, false);
+  EXPECT_EQ(head({vps, hand.nal(), wpp}), bytes_hex("01 62 20000000 8000 00000001 99 F3E8 FF FD F8 F8 0000 1F"));
   // With the x265 SPS as well: the first SPS gives space and profile; a
   // flag stays only if both set it; tier and level are the highest, the
   // segmentation the lowest (none given: 0, and so parallelismType 0).
   EXPECT_EQ(head({vps, unhex(kSps), hand.nal(), unhex(kPps)}),
-            bytes_hex("01 21 20 00 00 00 80 00 00 00 00 00 99 F0 00 FC FD F8 F8 00 00 1F"));
+            bytes_hex("01 21 20000000 8000 00000000 99 F000 FC FD F8 F8 0000 1F"));
 
-  // parallelismType from the PPSs: all wavefronts 3, all tiles 2, neither 1,
-  // a mixture 0.
-  const Bytes wpp = hand_pps(0, false, false, 0, true, false), tiles = hand_pps(1, false, false, 0, false, true),
-              neither = hand_pps(2, false, false, 0, false, false);
+  // parallelismType from the PPSs: all wavefronts 3, all tiles 2, neither 1, a mixture 0.
   const std::vector<std::pair<std::vector<Bytes>, std::string>> cases = {
       {{wpp}, "FF"}, {{tiles}, "FE"}, {{neither}, "FD"}, {{wpp, tiles}, "FC"}};
   for (const auto& [pps, type] : cases) {
@@ -128,8 +120,7 @@ TEST_F(HevcSampleDescription, WhatTheInputMayHold) {
   // 64 parameter sets in all, and 65.
   std::vector<Bytes> many{vps, sps};
   for (uint32_t id = 0; id < 62; ++id) many.push_back(hand_pps(id));
-  const std::string at_limit = stsd(annexb(many));
-  EXPECT_EQ(at_limit.substr(209 * 3, 8), "A2 00 3E") << "62 PPS after the VPS and SPS arrays";
+  EXPECT_EQ(stsd(annexb(many)).substr(209 * 3, 8), "A2 00 3E") << "62 PPS after the VPS and SPS arrays";
   many.push_back(hand_pps(62));
   refused(annexb(many));
 
