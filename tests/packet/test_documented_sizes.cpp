@@ -4,6 +4,7 @@
 #include "writer_fixture.hpp"
 
 #include "support/box_builder.hpp"
+#include "support/hevc_units.hpp"
 
 #include <memory>
 
@@ -60,6 +61,13 @@ TEST_F(DocumentedSize, SampleDescriptions) {
   const uint8_t* const sets[] = {sps.data(), pps.data(), sps.data()};
   const int32_t lengths[] = {65535, 65535, 4};
   exact(117 + 2 * 65537 + 6, Boxlane_Packet_STsdParamSets, sets, lengths, 3);
+  // hvc1: 142 + the input's bytes is enough; with 3-byte start codes it is closest.
+  const Bytes hevc = Bytes().u24(1).add(unhex("40010c01ffff01600000030090000003000003003c959809")).u24(1).add(
+      HandSps().nal()).u24(1).add(hand_pps(0));
+  const auto buffer = std::make_unique<uint8_t[]>(142 + hevc.size());
+  int32_t length = -1;
+  ASSERT_TRUE(Boxlane_Packet_STsdHEVC(client(), buffer.get(), &length, hevc.data(), int32_t(hevc.size())));
+  EXPECT_EQ(length, int32_t(142 + hevc.size() - 3));
 }
 
 TEST_F(DocumentedSize, HeaderBoxes) {

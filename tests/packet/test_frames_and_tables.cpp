@@ -1,15 +1,77 @@
-// The sample tables, read back as bytes after frames have been handed in:
-// where the frame writers' bookkeeping becomes visible.
+// The frame writers and the sample tables: the sample bytes each frame
+// returns for the mdat, its bookkeeping read back through the tables, and
+// refusals that must leave buffer, length and record alone.
 #include "writer_fixture.hpp"
 
 #include "packet/box_output.hpp"
+#include "support/box_builder.hpp"
 
+#include <climits>
 #include <cstdint>
+#include <vector>
 
 namespace boxlane::test {
 namespace {
 
+using FrameTest = WriterTest;
 using SampleTableTest = WriterTest;
+
+// The start code is not examined but replaced by the NAL length; a 4-byte
+// frame is an empty NAL unit. An access unit gets a length per unit.
+TEST_F(FrameTest, VideoNalUnitsGetTheirLengths) {
+  Bytes frame = Bytes().add(unhex("00000001 65")), expected = Bytes().add(unhex("000003E4 65"));
+  frame.resize(1000, 0x5A);
+  expected.resize(1000, 0x5A);
+  EXPECT_EQ(box(Boxlane_Packet_FrameVideo, frame.data(), 1000, int64_t{48}, 1, 40, 0), hex(expected));
+  const uint8_t odd[] = {0xAA, 0xBB, 0xCC, 0xDD, 0x41};
+  EXPECT_EQ(box(Boxlane_Packet_FrameVideo, odd, 4, int64_t{0}, 0, 40, 0), bytes_hex("00000000"));
+  const uint8_t sei[] = {0x06, 0x05, 0x01}, slice[] = {0x65, 0x88, 0x84, 0x21};
+  const uint8_t* const nalus[] = {sei, slice, odd};
+  const int32_t lengths[] = {3, 4, 0};
+  EXPECT_EQ(box(Boxlane_Packet_FrameAccessUnit, nalus, lengths, 3, int64_t{1000}, 1, 41, 80),
+            bytes_hex("00000003 060501 00000004 65888421 00000000"));
+  // The access unit's position, key flag, duration and offset reach the tables.
+  EXPECT_EQ(box(Boxlane_Packet_STsz, true), bytes_hex("00000020 7374737A 00000000 00000000 00000003 000003E8 00000004 00000013"));
+  EXPECT_EQ(box(Boxlane_Packet_STco, true), bytes_hex("0000001C 7374636F 00000000 00000003 00000030 00000000 000003E8"));
+  EXPECT_EQ(box(Boxlane_Packet_STts, true), bytes_hex("00000020 73747473 00000000 00000002 00000002 00000028 00000001 00000029"));
+  EXPECT_EQ(box(Boxlane_Packet_CTts), bytes_hex("00000018 63747473 00000000 00000001 00000001 00000050"));
+  EXPECT_EQ(box(Boxlane_Packet_STss), bytes_hex("00000018 73747373 00000000 00000002 00000001 00000003"));
+}
+
+TEST_F(FrameTest, AudioDropsTheAdtsHeaderWithOrWithoutCrc) {
+  // AAC-LC 48 kHz stereo (ISO/IEC 14496-3 §1.A.2.2): 371 bytes without CRC,
+  // 373 with CRC 1234.
+  Bytes plain = Bytes().add(unhex("FFF1 4C80 2E7F FC")), with_crc = Bytes().add(unhex("FFF0 4C80 2EBF FC 1234"));
+  for (int i = 0; i < 364; ++i) plain.u8(uint8_t(i)), with_crc.u8(uint8_t(i));
+  const std::string plain_out = box(Boxlane_Packet_FrameAudio, plain.data(), 371, int64_t{100}, 1024);
+  EXPECT_EQ(plain_out, hex(plain.data() + 7, 364));
+  EXPECT_EQ(box(Boxlane_Packet_FrameAudio, with_crc.data(), 373, int64_t{464}, 1024), plain_out);
+  // Not ADTS (here: a frame_length past the bytes handed in): stored whole.
+  EXPECT_EQ(box(Boxlane_Packet_FrameAudio, plain.data(), 370, int64_t{828}, 1024), hex(plain.data(), 370));
+}
+
+TEST_F(FrameTest, RefusedFramesChangeNothing) {
+  const uint8_t frame[] = {0, 0, 0, 1, 0x65, 0x88};
+  const uint8_t* const nalus[2] = {frame + 4, frame + 4};
+  const uint8_t* const with_null[2] = {frame + 4, nullptr};
+  const int32_t lengths[2] = {2, 2}, with_negative[2] = {2, -1};
+  const int32_t too_long[2] = {INT_MAX / 2, INT_MAX / 2};  // with 8 length bytes, past INT_MAX
+  for (const int length : {3, -1})
+    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, frame, length, int64_t{0}, 1, 40, 40);
+  struct AccessUnit {
+    const uint8_t* const* nalus;
+    const int32_t* lengths;
+    int count;
+  };
+  for (const AccessUnit& unit : {AccessUnit{nalus, lengths, 0}, {with_null, lengths, 2}, {nalus, with_negative, 2},
+                                 {nalus, too_long, 2}})
+    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAccessUnit, unit.nalus, unit.lengths, unit.count,
+            int64_t{0}, 1, 40, 40);
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAudio, frame, -1, int64_t{0}, 1024);
+  EXPECT_EQ(record().nVideoCount, 0u);
+  EXPECT_TRUE(record().listVideoSample.empty() && record().listAudioSize.empty());
+}
+
 
 // A duration merges only with the last run, and a frame without one is in
 // no run; only positive composition offsets get a ctts entry, one each; only
