@@ -46,6 +46,8 @@ TEST_F(FrameTest, AudioDropsTheAdtsHeaderWithOrWithoutCrc) {
   const std::string plain_out = box(Boxlane_Packet_FrameAudio, plain.data(), 371, int64_t{100}, 1024);
   EXPECT_EQ(plain_out, hex(plain.data() + 7, 364));
   EXPECT_EQ(box(Boxlane_Packet_FrameAudio, with_crc.data(), 373, int64_t{464}, 1024), plain_out);
+  // All header (frame_length 7): an empty sample, not a refusal.
+  EXPECT_EQ(box(Boxlane_Packet_FrameAudio, unhex("FFF1 4C80 00FF FC").data(), 7, int64_t{828}, 1024), "");
   // Not ADTS (here: a frame_length past the bytes handed in): stored whole.
   EXPECT_EQ(box(Boxlane_Packet_FrameAudio, plain.data(), 370, int64_t{828}, 1024), hex(plain.data(), 370));
 }
