@@ -1,7 +1,7 @@
 // What the parse suites share: hand-built boxes (ISO/IEC 14496-12 §8.3 to
-// §8.8), a fixture with a task pool and clients, one whose record the box
-// readers fill directly, and the answers a client hands back in forms a test
-// compares.
+// §8.8), a feed that sends a stream in pieces the way a receiving program
+// does, a fixture with a task pool and clients, and the answers a client
+// hands back in forms a test compares.
 #pragma once
 
 #include <boxlane/boxlane.hpp>
@@ -10,8 +10,9 @@
 #include "parse/client_lookup.hpp"
 #include "parse/parse_record.hpp"
 #include "support/box_builder.hpp"
-#include "support/stream_feeder.hpp"
+#include "support/paths.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -20,6 +21,7 @@
 #include <shared_mutex>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -37,25 +39,13 @@ inline Bytes tkhd_payload(uint32_t id, uint32_t width_16_16 = 0, uint32_t height
   p.zeros(8).u16(1).u16(2).u16(0x0100).u16(0).zeros(36).u32(width_16_16).u32(height_16_16);
   return p;
 }
-
-// A table of (count, value) runs (stts, ctts) or of single values (stco, stss).
-inline Bytes runs_box(const char* fourcc, uint8_t version, const std::vector<std::pair<uint32_t, uint32_t>>& runs) {
-  Bytes p;
-  p.u32(uint32_t(runs.size()));
-  for (const auto& [count, value] : runs) p.u32(count).u32(value);
-  return full_box(fourcc, version, 0, p);
-}
-inline Bytes u32_table(const char* fourcc, const std::vector<uint32_t>& values) {
-  Bytes p;
-  p.u32(uint32_t(values.size()));
-  for (uint32_t v : values) p.u32(v);
-  return full_box(fourcc, 0, 0, p);
-}
-inline Bytes stsc_box(const std::vector<std::array<uint32_t, 3>>& entries) {
+// A table of n-field entries after its entry count (stts, ctts, stsc, stco, stss).
+inline Bytes table_box(const char* fourcc, const std::vector<std::vector<uint32_t>>& entries, uint8_t version = 0) {
   Bytes p;
   p.u32(uint32_t(entries.size()));
-  for (const auto& e : entries) p.u32(e[0]).u32(e[1]).u32(e[2]);
-  return full_box("stsc", 0, 0, p);
+  for (const auto& entry : entries)
+    for (uint32_t v : entry) p.u32(v);
+  return full_box(fourcc, version, 0, p);
 }
 inline Bytes stsz_box(uint32_t constant, uint32_t count, const std::vector<uint32_t>& sizes = {}) {
   Bytes p;
@@ -63,7 +53,6 @@ inline Bytes stsz_box(uint32_t constant, uint32_t count, const std::vector<uint3
   for (uint32_t s : sizes) p.u32(s);
   return full_box("stsz", 0, 0, p);
 }
-
 // A trak with the given track id, media time scale and stbl children.
 inline Bytes trak_box(uint32_t id, uint32_t timescale, const std::vector<Bytes>& stbl_children) {
   Bytes stbl;
@@ -82,24 +71,12 @@ inline Bytes moov_box(const std::vector<Bytes>& children) {
 }
 inline Bytes movie_ftyp() { return box("ftyp", Bytes{}.str("isom").u32(512).str("isomiso2avc1mp41")); }
 
-struct Tfhd {
-  uint32_t flags = 0;
-  uint32_t track = 1;
-  uint64_t base = 0;
-  uint32_t description = 0;
-  uint32_t duration = 0;
-  uint32_t size = 0;
-  uint32_t sample_flags = 0;
-};
-inline Bytes tfhd_box(const Tfhd& t) {
+// tfhd: flags, track, then the optional fields its flags name.
+inline Bytes tfhd_box(uint32_t flags, uint32_t track, std::vector<uint32_t> fields = {}) {
   Bytes p;
-  p.u32(t.track);
-  if (t.flags & 0x01) p.u64(t.base);
-  if (t.flags & 0x02) p.u32(t.description);
-  if (t.flags & 0x08) p.u32(t.duration);
-  if (t.flags & 0x10) p.u32(t.size);
-  if (t.flags & 0x20) p.u32(t.sample_flags);
-  return full_box("tfhd", 0, t.flags, p);
+  p.u32(track);
+  for (uint32_t v : fields) p.u32(v);
+  return full_box("tfhd", 0, flags, p);
 }
 struct Entry {
   uint32_t duration = 0;
@@ -142,6 +119,99 @@ inline BOXLANE_STREAMINFO stream_info(const std::string& client) {
   BOXLANE_STREAMINFO info{};
   EXPECT_TRUE(Boxlane_Parse_GetStream(client.c_str(), &info));
   return info;
+}
+// The call failed and left the given code as the last error.
+inline ::testing::AssertionResult fails_with(bool result, uint64_t code) {
+  const uint64_t last = Boxlane_GetLastError(nullptr);
+  if (!result && Boxlane_IsErrorOccur && last == code) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "returned " << result << " with last error " << last << ", wanted " << code;
+}
+// Copies a list the library allocated and frees it.
+template <class T>
+std::vector<T> take_list(T** list, int32_t count) {
+  std::vector<T> out;
+  for (int32_t i = 0; i < count; ++i) out.push_back(*list[i]);
+  Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
+  return out;
+}
+
+// Pool index and parse position of a client, read under its locks; -1 and 0 for no such client.
+inline std::pair<int, uint64_t> look(const std::string& client) {
+  std::shared_lock table(m_MP4Parse.st_RWLocker);
+  const auto it = m_MP4Parse.stl_MapClient.find(std::string_view(client));
+  if (it == m_MP4Parse.stl_MapClient.end()) return {-1, 0};
+  std::lock_guard guard(*it->second->st_Locker);
+  return {it->second->nPoolIndex, it->second->nParsePos};
+}
+inline uint64_t parse_position(const std::string& client) { return look(client).second; }
+// The pool's event count for the client (0 when not listed); -1 without a pool.
+inline int pending_events(const std::string& client) {
+  QORVANE_RENDAVO_TASKEVENT** list = nullptr;
+  int32_t count = 0;
+  const int index = look(client).first;
+  if (index < 0 || !Boxlane_Parse_GetPool(index, &list, &count)) return -1;
+  int events = 0;
+  for (const auto& event : take_list(list, count))
+    if (client == event.tszClientAddr) events = event.nEventCount;
+  return events;
+}
+// Takes every finished header record of the client.
+inline std::vector<QORVANE_MP4HDR> drain(const std::string& client) {
+  std::vector<QORVANE_MP4HDR> headers;
+  for (QORVANE_MP4HDR h; Boxlane_Parse_Recv(client.c_str(), &h, nullptr);) headers.push_back(h);
+  return headers;
+}
+
+struct FeedResult {
+  std::vector<QORVANE_MP4HDR> headers;  // in the order Recv handed them out
+  std::vector<std::string> records;     // the same, each as one line of its fields
+  uint64_t final_position = 0;
+  bool events_matched = true;  // every drain took as many records as the pool counted
+  uint64_t error = 0;          // the code of a failed Send, which ends the feed
+};
+// Sends the stream in pieces ending at `cuts` (and every `piece` bytes),
+// taking the records after each. After an mdat record the feed resumes at
+// the box after the mdat, the position Recv reports; an mdat of size 0 ends it.
+inline FeedResult feed(const std::string& client, const std::vector<uint8_t>& stream, std::vector<std::size_t> cuts = {},
+                       std::size_t piece = 0) {
+  for (std::size_t at = piece; piece && at < stream.size(); at += piece) cuts.push_back(at);
+  cuts.push_back(stream.size());
+  std::sort(cuts.begin(), cuts.end());
+  FeedResult result;
+  bool ended = false;
+  for (std::size_t offset = 0; offset < stream.size() && !ended;) {
+    const std::size_t end = *std::upper_bound(cuts.begin(), cuts.end(), offset);
+    const bool sent = send(client, stream, offset, end);
+    const uint64_t code = Boxlane_GetLastError(nullptr);
+    const int events = pending_events(client);
+    std::size_t next = end;
+    int taken = 0;
+    QORVANE_MP4HDR h;
+    for (uint64_t position = 0; Boxlane_Parse_Recv(client.c_str(), &h, &position); ++taken) {
+      result.headers.push_back(h);
+      char line[96];
+      std::snprintf(line, sizeof line, "%d size %llu v%u flags %02X%02X%02X uuid %04X", int(h.enHType),
+                    (unsigned long long)h.nBoxSize, h.byVersion, h.byFlags[0], h.byFlags[1], h.byFlags[2], h.wUUIDHead);
+      result.records.push_back(line);
+      if (h.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT) {
+        ended = h.nBoxSize == 0;
+        next = std::max(end, static_cast<std::size_t>(position));
+      }
+    }
+    result.events_matched = result.events_matched && (events < 0 || events == taken);
+    if (!sent) {
+      result.error = code;
+      break;
+    }
+    offset = next;
+  }
+  result.final_position = parse_position(client);
+  return result;
+}
+inline void expect_same_feed(const FeedResult& got, const FeedResult& want, const std::string& how) {
+  EXPECT_EQ(std::tie(got.records, got.final_position, got.error), std::tie(want.records, want.final_position, want.error))
+      << how;
+  EXPECT_TRUE(got.events_matched) << how;
 }
 
 struct Fragment {

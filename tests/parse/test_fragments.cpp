@@ -30,9 +30,9 @@ struct FragmentedMovie {
 
   FragmentedMovie() {
     const auto build_moov = [](uint32_t chunk) {
-      return moov_box({trak_box(1, 90000, {runs_box("stts", 0, {}), stsc_box({}), stsz_box(0, 0), u32_table("stco", {})}),
-                       trak_box(2, 48000, {runs_box("stts", 0, {{2, 1024}}), stsc_box({{1, 2, 1}}), stsz_box(0, 2, {10, 20}),
-                                           u32_table("stco", {chunk})}),
+      return moov_box({trak_box(1, 90000, {table_box("stts", {}), table_box("stsc", {}), stsz_box(0, 0), table_box("stco", {})}),
+                       trak_box(2, 48000, {table_box("stts", {{2, 1024}}), table_box("stsc", {{1, 2, 1}}), stsz_box(0, 2, {10, 20}),
+                                           table_box("stco", {{chunk}})}),
                        box("mvex", cat({full_box("mehd", 1, 0, Bytes{}.u64(0x100000000ull)),
                                         trex_box(1, 1, 3000, 0, kNonSync), trex_box(2, 1, 1024, 300, kSync)}))});
     };
@@ -43,11 +43,11 @@ struct FragmentedMovie {
     // 1's), no tfdt (its time follows its moov samples) and trex sizes.
     moof1 = stream.size();
     stream.add(moof_with_offset([](int32_t offset) {
-      return moof_box(1, {box("traf", cat({tfhd_box({0x020000, 1}), full_box("tfdt", 1, 0, Bytes{}.u64(90000)),
+      return moof_box(1, {box("traf", cat({tfhd_box(0x020000, 1), full_box("tfdt", 1, 0, Bytes{}.u64(90000)),
                                           trun_box(1, 0x001 | 0x004 | 0x200 | 0x800,
                                                    {{0, 100, 0, 0}, {0, 50, 0, uint32_t(-1000)}, {0, 60, 0, 2000}},
                                                    offset, kSync)})),
-                          box("traf", cat({tfhd_box({0, 2}), trun_box(0, 0x100, {{1024}, {512}})}))});
+                          box("traf", cat({tfhd_box(0, 2), trun_box(0, 0x100, {{1024}, {512}})}))});
     }));
     data1 = stream.size() + 8;
     stream.add(box("mdat", Bytes{}.zeros(810)));
@@ -56,7 +56,7 @@ struct FragmentedMovie {
     // without data_offset.
     const uint64_t moof2 = stream.size();
     stream.add(moof_with_offset([&](int32_t offset) {
-      return moof_box(2, {box("traf", cat({tfhd_box({0x01 | 0x02 | 0x08 | 0x20, 1, moof2, 2, 2000, 0, kNonSync}),
+      return moof_box(2, {box("traf", cat({tfhd_box(0x2B, 1, {0, uint32_t(moof2), 2, 2000, kNonSync}),
                                           trun_box(0, 0x001 | 0x100 | 0x200 | 0x400, {{2000, 5, kSync}, {2000, 6, kNonSync}}, offset),
                                           trun_box(0, 0x200 | 0x800, {{0, 7, 0, 0xFFFFFFFFu}})}))});
     }));
@@ -64,7 +64,7 @@ struct FragmentedMovie {
     stream.add(box("mdat", Bytes{}.zeros(18)));
     // moof 3: the first traf without a base flag is based on the moof.
     stream.add(moof_with_offset([](int32_t offset) {
-      return moof_box(3, {box("traf", cat({tfhd_box({0, 2}), trun_box(0, 0x001, {{}}, offset)}))});
+      return moof_box(3, {box("traf", cat({tfhd_box(0, 2), trun_box(0, 0x001, {{}}, offset)}))});
     }));
     data3 = stream.size() + 8;
     stream.add(box("mdat", Bytes{}.zeros(300)));
@@ -190,24 +190,20 @@ TEST_F(Extended, LargeSizesAreFollowedHoweverTheHeaderIsCut) {
 }
 
 // Tracks 1 and 2 have trex defaults (duration 10, size 100, flags 0),
-// track 3 has none.
+// track 3 has none; the shortest mehd (version 0).
 Bytes prefix() {
-  return cat({movie_ftyp(), moov_box({trak_box(1, 1000, {}), trak_box(2, 1000, {}), trak_box(3, 1000, {}),
-                                      box("mvex", cat({trex_box(1, 1, 10, 100, 0), trex_box(2, 1, 10, 100, 0)}))})});
+  const Bytes mvex = box("mvex", cat({full_box("mehd", 0, 0, Bytes{}.u32(1234)), trex_box(1, 1, 10, 100, 0),
+                                      trex_box(2, 1, 10, 100, 0)}));
+  return cat({movie_ftyp(), moov_box({trak_box(1, 1000, {}), trak_box(2, 1000, {}), trak_box(3, 1000, {}), mvex})});
 }
 
-using Moof = std::function<Bytes(uint64_t moof_at)>;
 // A moof of one traf based on the moof, for `track`: the tfhd, then what
 // `rest` makes from the data_offset of the mdat payload after the moof.
-Moof based(uint32_t track, std::function<Bytes(int32_t)> rest) {
-  return [=](uint64_t) {
-    return moof_with_offset([&](int32_t off) { return moof_box(1, {box("traf", cat({tfhd_box({0x020000, track}), rest(off)}))}); });
-  };
+Bytes based(uint32_t track, const std::function<Bytes(int32_t)>& rest) {
+  return moof_with_offset([&](int32_t off) { return moof_box(1, {box("traf", cat({tfhd_box(0x020000, track), rest(off)}))}); });
 }
 // A moof of one traf holding exactly `children`.
-Moof plain(const Bytes& children) {
-  return [=](uint64_t) { return moof_box(1, {box("traf", children)}); };
-}
+Bytes plain(const Bytes& children) { return moof_box(1, {box("traf", children)}); }
 
 struct Answer {
   uint32_t samples;
@@ -218,7 +214,7 @@ TEST_F(Extended, EachLieGetsADefinedAnswerOrIsLeftOut) {
   const Bytes one_sample = trun_box(0, 0, {{}});
   const struct {
     const char* what;
-    Moof moof;
+    Bytes moof;
     std::size_t mdat;  // payload bytes of the mdat after the moof
     std::vector<Answer> answers;
     uint32_t skipped = 0;
@@ -229,22 +225,19 @@ TEST_F(Extended, EachLieGetsADefinedAnswerOrIsLeftOut) {
        {{2, BOXLANE_FRAGMENT_COUNT_CUT}}},
       {"data inside the moof", based(1, [](int32_t) { return trun_box(0, 0x001, {{}}, 0); }), 100,
        {{0, BOXLANE_FRAGMENT_BAD_OFFSET}}},
-      {"data ending where the moof starts", plain(cat({tfhd_box({0x020000, 1}), trun_box(0, 0x201, {{0, 100}}, -100)})), 0,
+      {"data ending where the moof starts", plain(cat({tfhd_box(0x020000, 1), trun_box(0, 0x201, {{0, 100}}, -100)})), 0,
        {{1, 0}}, 0, 1},
-      {"offsets past 64 bits", plain(cat({tfhd_box({0x01, 1, UINT64_MAX - 50}), one_sample})), 100,
+      {"offsets past 64 bits", plain(cat({tfhd_box(0x01, 1, {0xFFFFFFFF, 0xFFFFFFCD}), one_sample})), 100,
        {{0, BOXLANE_FRAGMENT_BAD_OFFSET}}},
-      {"a track no tkhd made", plain(cat({tfhd_box({0, 9}), one_sample})), 100, {}, 1},
+      {"a track no tkhd made", plain(cat({tfhd_box(0, 9), one_sample})), 100, {}, 1},
       {"traf without tfhd", plain(one_sample), 100, {}, 1},
       {"tfdt of version 1 with 32 bits",
        based(1, [](int32_t off) { return cat({full_box("tfdt", 1, 0, Bytes{}.u32(5)), trun_box(0, 0x001, {{}}, off)}); }),
        100, {{1, BOXLANE_FRAGMENT_SHORT_BOX}}},
-      {"two trafs on the same data",
-       [](uint64_t) {
-         return moof_with_offset([](int32_t off) {
-           return moof_box(1, {box("traf", cat({tfhd_box({0x020000, 1}), trun_box(0, 0x001, {{}}, off)})),
-                               box("traf", cat({tfhd_box({0x020000, 2}), trun_box(0, 0x001, {{}}, off + 50)}))});
-         });
-       },
+      {"two trafs on the same data", moof_with_offset([](int32_t off) {
+         return moof_box(1, {box("traf", cat({tfhd_box(0x020000, 1), trun_box(0, 0x001, {{}}, off)})),
+                             box("traf", cat({tfhd_box(0x020000, 2), trun_box(0, 0x001, {{}}, off + 50)}))});
+       }),
        150, {{1, 0}, {1, BOXLANE_FRAGMENT_OVERLAP}}},
       // What trun and tfhd leave out is 0, and flags of 0 mean a sync
       // sample whose dependencies nobody stated.
@@ -263,7 +256,7 @@ TEST_F(Extended, EachLieGetsADefinedAnswerOrIsLeftOut) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     const std::string client = extended("faults/" + std::to_string(++n));
-    const Bytes stream = cat({head, c.moof(head.size()), box("mdat", Bytes{}.zeros(c.mdat))});
+    const Bytes stream = cat({head, c.moof, box("mdat", Bytes{}.zeros(c.mdat))});
     const FeedResult fed = feed(client, stream);
     EXPECT_EQ(std::tuple(fed.error, fed.final_position), std::tuple(uint64_t{0}, uint64_t(stream.size())));
     const std::vector<Fragment> got = take_fragments(client);
@@ -286,7 +279,7 @@ TEST_F(Extended, EachLieGetsADefinedAnswerOrIsLeftOut) {
 TEST_F(Extended, TakingAnswersAndTheirBound) {
   const std::string client = extended("faults/take");
   const Bytes head = prefix();
-  const Bytes moof = based(1, [](int32_t off) { return trun_box(0, 0x001, {{}, {}, {}}, off); })(0);
+  const Bytes moof = based(1, [](int32_t off) { return trun_box(0, 0x001, {{}, {}, {}}, off); });
   ASSERT_EQ(feed(client, cat({head, moof, box("mdat", Bytes{}.zeros(300))})).error, 0u);
   BOXLANE_FRAGMENTINFO info{};
   BOXLANE_SAMPLEINFO samples[3];
@@ -306,10 +299,11 @@ TEST_F(Extended, TakingAnswersAndTheirBound) {
   ASSERT_TRUE(send(many, head));
   for (uint32_t i = 1; i <= 4097; ++i)
     ASSERT_TRUE(send(many, moof_with_offset([&](int32_t off) {
-      return moof_box(i, {box("traf", cat({tfhd_box({0x020000, 1}), trun_box(0, 0x001, {}, off, 0, 1)}))});
+      return moof_box(i, {box("traf", cat({tfhd_box(0x020000, 1), trun_box(0, 0x001, {}, off, 0, 1)}))});
     })));
   const BOXLANE_STREAMINFO stream = stream_info(many);
-  EXPECT_EQ(std::tuple(stream.nPendingFragments, stream.nDroppedFragments, stream.nFragments), std::tuple(4096u, 1u, 4097u));
+  EXPECT_EQ(std::tuple(stream.nPendingFragments, stream.nDroppedFragments, stream.nFragments, stream.nFragmentDuration),
+            std::tuple(4096u, 1u, 4097u, uint64_t{1234}));
   const std::vector<Fragment> got = take_fragments(many);
   ASSERT_EQ(got.size(), 4096u);
   EXPECT_EQ(std::tuple(got.front().info.nSequence, got.back().info.nSequence), std::tuple(2u, 4097u));

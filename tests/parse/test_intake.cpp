@@ -30,13 +30,14 @@ const Codes kMoovCodes = {3,      30,     31,     311,    312,    3121,   313,  
                           31335,  31336,  313361, 313362, 313366, 313367, 313363, 313364, 313365, 313368, 0};
 
 // ftyp, moov, free, uuid (AB CD after its fourcc), an mdat whose payload
-// looks like ftyp boxes (a splitter that read into it would show), a free box.
+// looks like ftyp boxes (a splitter that read into it would show), and a
+// free box of 8 bytes that ends the stream.
 Bytes movie_file(std::size_t payload = 600, const std::string& moov = "moov") {
   Bytes media;
   while (media.size() + 8 <= payload) media.u32(8).str("ftyp");
   media.zeros(payload - media.size());
   return cat({movie_ftyp(), movie_moov(moov), box("free", Bytes{}.zeros(5)), box("uuid", Bytes{0xAB, 0xCD}.zeros(14)),
-              box("mdat", media), box("free", Bytes{}.zeros(3))});
+              box("mdat", media), box("free")});
 }
 Codes movie_file_codes() {
   Codes codes{1};
@@ -55,10 +56,14 @@ TEST_F(Intake, BadArgumentsFailWithParameterAndChangeNothing) {
   EXPECT_TRUE(fails_with(Boxlane_Parse_Send(client_.c_str(), nullptr, 8), BOXLANE_ERROR_PARSE_PARAMETER));
   EXPECT_TRUE(fails_with(Boxlane_Parse_Send(client_.c_str(), ftyp.data(), -1), BOXLANE_ERROR_PARSE_PARAMETER));
   EXPECT_TRUE(fails_with(Boxlane_Parse_Recv(client_.c_str(), nullptr, nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
+  QORVANE_MP4HDR header;
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetStream(client_.c_str(), nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
-  // Length 0 does nothing, with or without data; 127 bytes and the NUL fit.
+  // Length 0 does nothing, with or without data; a box still arriving is
+  // not ready; 127 bytes and the NUL fit.
   EXPECT_TRUE(Boxlane_Parse_Send(client_.c_str(), nullptr, 0) && Boxlane_Parse_Send(client_.c_str(), ftyp.data(), 0));
-  EXPECT_EQ(drain(client_).size(), 0u);
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Recv(client_.c_str(), &header, nullptr), BOXLANE_ERROR_PARSE_NODATA));
+  EXPECT_TRUE(send(client_, ftyp, 0, 9));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Recv(client_.c_str(), &header, nullptr), BOXLANE_ERROR_PARSE_NOTREADY));
   const std::string longest = other(std::string(127, 'x'));
   EXPECT_TRUE(send(longest, ftyp));
   EXPECT_EQ(pending_events(longest), 1);
@@ -83,30 +88,6 @@ TEST_F(Intake, ADeletedClientIsGoneAndStartsAfreshWhenInsertedAgain) {
   ASSERT_TRUE(Boxlane_Parse_Destory());
   ASSERT_TRUE(send(client_, movie_ftyp()));
   EXPECT_EQ(codes(drain(client_)), Codes{1});
-}
-
-TEST_F(Intake, OnePieceYieldsEveryBoxInStreamOrderUpToTheMdat) {
-  const Bytes file = movie_file(600, "MOOV");
-  const std::size_t mdat_at = file.size() - 608 - 11;
-  // The piece ends 100 bytes into the mdat payload.
-  ASSERT_TRUE(send(client_, file, 0, mdat_at + 108));
-  Codes expected = movie_file_codes();
-  expected.pop_back();  // the free box after the mdat is not reached
-  EXPECT_EQ(pending_events(client_), int(expected.size()));
-  std::vector<QORVANE_MP4HDR> headers;
-  QORVANE_MP4HDR h;
-  uint64_t pos = 0;
-  while (Boxlane_Parse_Recv(client_.c_str(), &h, &pos)) {
-    headers.push_back(h);
-    EXPECT_EQ(pos, mdat_at + 608);  // the position at Recv: past the whole mdat
-  }
-  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PARSE_NODATA);
-  ASSERT_EQ(codes(headers), expected);
-  EXPECT_EQ((std::vector<uint64_t>{headers[0].nBoxSize, headers[1].nBoxSize, headers.back().nBoxSize}),
-            (std::vector<uint64_t>{movie_ftyp().size(), movie_moov().size(), 608}));
-  EXPECT_EQ(headers[4].byFlags[2], 3);  // tkhd: what its reader left in the record
-  const auto* uuid_head = reinterpret_cast<const uint8_t*>(&headers[headers.size() - 2].wUUIDHead);
-  EXPECT_TRUE(uuid_head[0] == 0xAB && uuid_head[1] == 0xCD);
 }
 
 // Size 0: the box runs to the end of the stream. It takes the rest of its
@@ -170,10 +151,17 @@ TEST_F(Intake, CutsChangeNothing) {
     SCOPED_TRACE(what);
     const FeedResult whole = feed(other("cuts/" + std::to_string(++clients)), stream);
     ASSERT_EQ(whole.error, 0u);
-    ASSERT_EQ(whole.events, int64_t(whole.headers.size()));
+    ASSERT_TRUE(whole.events_matched);
     if (&stream == &streams[0].second) {
+      // Every box in stream order; sizes, what tkhd's reader left in its
+      // record (flags 3) and the uuid's first bytes as sent.
       EXPECT_EQ(codes(whole.headers), movie_file_codes());
-      EXPECT_EQ(whole.final_position, stream.size());
+      EXPECT_EQ(std::tuple(whole.final_position, whole.records[0], whole.records[1], whole.records[4],
+                           whole.records[whole.records.size() - 3], whole.records[whole.records.size() - 2]),
+                std::tuple(uint64_t(stream.size()), "1 size 32 v0 flags 000000 uuid 0000",
+                           "3 size " + std::to_string(movie_moov().size()) + " v0 flags 000000 uuid 0000",
+                           "311 size 92 v0 flags 000003 uuid 0000", "4 size 24 v0 flags 000000 uuid CDAB",
+                           "2 size 608 v0 flags 000000 uuid 0000"));
       for (std::size_t cut = 1; cut < stream.size() && !HasFatalFailure(); ++cut)
         expect_same_feed(feed(other("cuts/" + std::to_string(++clients)), stream, {cut}), whole, "cut at " + std::to_string(cut));
     }

@@ -4,10 +4,8 @@
 // less, strings at their limits, counts that lie; then the queries over the
 // record the readers fill.
 #include "parse_fixtures.hpp"
-#include "support/paths.hpp"
 
 #include <sstream>
-#include <tuple>
 
 namespace boxlane::test {
 namespace {
@@ -111,6 +109,45 @@ TEST_F(Readers, TrackHeaderMakesAndSelectsTracks) {
   cut.pop_back();
   EXPECT_TRUE(feed(&P::Boxlane_Parse_TKhd, cut));
   EXPECT_EQ(std::tuple(record.nCurrentTrack, record.stl_MapTrack->size()), std::tuple(INT32_MIN + 1, std::size_t{3}));
+}
+
+// ftyp: 8 bytes (no compatible brands) and one less; a brand cut by the
+// end of the box is no brand; one padded with NULs keeps its letters.
+TEST_F(Readers, FileTypeBrands) {
+  const struct {
+    Bytes payload;
+    std::string major;
+    std::vector<std::string> brands;
+  } cases[] = {
+      {Bytes{}.str("qt  ").u32(0), "qt  ", {}},
+      {Bytes{}.str("isom").u24(0), "", {}},
+      {Bytes{}.str("isom").u32(1).str("mp41").str("av").u16(0).str("avc"), "isom", {"mp41", "av"}},
+  };
+  for (const auto& c : cases) {
+    record.stFTyp = {};
+    record.stl_ListBrand.clear();
+    EXPECT_TRUE(feed(nullptr, c.payload));
+    QORVANE_HDRFTYP ftyp{};
+    ASSERT_TRUE(Boxlane_Parse_GetFTyp(client(), &ftyp));
+    const std::vector<std::string> brands(ftyp.pptszCompatibleBrand, ftyp.pptszCompatibleBrand + ftyp.nBrandCount);
+    Fundrel_Memory_Free(reinterpret_cast<void***>(&ftyp.pptszCompatibleBrand), ftyp.nBrandCount);
+    EXPECT_EQ(std::tuple(std::string(ftyp.tszMajorBrand), brands), std::tuple(c.major, c.brands)) << c.payload.size();
+  }
+}
+
+// ISO/IEC 14496-1 §8.3.3 sizes: one to four bytes; a fourth byte that
+// still has its top bit set gives the count 5.
+TEST(DescriptorSizes, OneToFourBytesAndOneThatRunsOn) {
+  const struct {
+    Bytes bytes;
+    int value, count;
+  } cases[] = {{{0x05, 0x80, 0x80, 0x80}, 5, 1},   {{0xFF, 0x7F, 0xFF, 0xFF}, 0x3FFF, 2},
+               {{0x80, 0x80, 0x80, 0x05}, 5, 4},   {{0x81, 0x80, 0x80, 0x80}, 1 << 21, 5}};
+  for (const auto& c : cases) {
+    int count = 0;
+    EXPECT_EQ(m_MP4Parse.Boxlane_Parse_DescriptorLen(c.bytes.data(), &count), c.value) << hex(c.bytes);
+    EXPECT_EQ(count, c.count) << hex(c.bytes);
+  }
 }
 
 TEST_F(Readers, MediaHeaderAndMediaInformation) {
@@ -300,9 +337,8 @@ TEST_F(Readers, AacDescription) {
 // profile 3, level 123, segmentation 0xABC, parallelism 2, 4:2:2, 12-bit
 // luma and 9-bit chroma, 24 fps (6144/256), constant rate 1, 5 layers,
 // nested, 2-byte lengths; then the arrays.
-Bytes hvcc(const std::vector<uint8_t>& arrays, uint8_t count) {
-  return box("hvcC", cat({unhex("01 A3 40000001 B000 00000003 7B FABC FE FE FC F9 1800 6D"), {count}, arrays}));
-}
+const char* const kHvccFixed = "01 A3 40000001 B000 00000003 7B FABC FE FE FC F9 1800 6D";
+Bytes hvcc(const std::vector<uint8_t>& arrays, uint8_t count) { return box("hvcC", cat({unhex(kHvccFixed), {count}, arrays})); }
 
 std::string nalus(const BOXLANE_HEVCINFO& info) {
   std::ostringstream o;
@@ -338,6 +374,23 @@ TEST_F(Readers, HevcDescription) {
     EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(visual_entry("hvc1", 64, 64, hvcc(edge, 1)))));
     ASSERT_TRUE(Boxlane_Parse_GetTrackHEVC(client(), last, &info));
     EXPECT_EQ((Ints{info.nNaluCount, info.bTruncated}), last == 100 ? (Ints{2, 0}) : (Ints{1, 1})) << last;
+  }
+  // The shortest hvcC (no arrays) and one byte less; 64 units, the most the
+  // query holds, and 65.
+  for (const int cut : {0, 1}) {
+    make_track(200 + cut);
+    const Bytes config = box("hvcC", cut ? unhex(kHvccFixed) : cat({unhex(kHvccFixed), {0}}));
+    EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(visual_entry("hvc1", 64, 64, config))));
+    EXPECT_EQ(track(200 + cut).stCodec.stHEVC.byLevel, cut ? 0 : 123) << cut;
+  }
+  for (const uint16_t units : {64, 65}) {
+    make_track(units);
+    Bytes array;
+    array.u8(0x80 | 33).u16(units);
+    for (int i = 0; i < units; ++i) array.u16(1).u8(uint8_t(i));
+    EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(visual_entry("hvc1", 64, 64, hvcc(array, 1)))));
+    ASSERT_TRUE(Boxlane_Parse_GetTrackHEVC(client(), units, &info));
+    EXPECT_EQ((Ints{info.nNaluCount, info.byNalus[63], info.bTruncated}), (Ints{64, 63, units == 65})) << units;
   }
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackHEVC(client(), 9, &info), BOXLANE_ERROR_PARSE_NOTFOUND));
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackHEVC(client(), 1, nullptr), BOXLANE_ERROR_PARSE_PARAMETER));

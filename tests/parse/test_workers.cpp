@@ -53,8 +53,15 @@ TEST(Workers, EveryRecordReachesAWorkerOnceAndInOrder) {
   ASSERT_TRUE(Boxlane_Parse_Init(3));
   const auto name = [](int c) { return "workers/" + std::to_string(c); };
   // Box i of client c has its own size, so a record lost, doubled or out of order shows.
-  const auto box_size = [](int c, int i) { return std::size_t(8 + (c * 7 + i) % 50); };
-  for (int c = 0; c < kClients; ++c) ASSERT_TRUE(Boxlane_Parse_Insert(name(c).c_str()));
+  std::vector<Bytes> streams(kClients);
+  std::vector<std::vector<uint64_t>> want(kClients);
+  for (int c = 0; c < kClients; ++c) {
+    ASSERT_TRUE(Boxlane_Parse_Insert(name(c).c_str()));
+    for (int i = 0; i < kBoxes; ++i) {
+      want[c].push_back(8 + (c * 7 + i) % 50);
+      streams[c].add(box("free", Bytes{}.zeros(want[c].back() - 8)));
+    }
+  }
   Workers workers(3, 2);
   // Each sender interleaves its clients, cutting every stream at random.
   std::atomic<int> failed{0};
@@ -62,18 +69,14 @@ TEST(Workers, EveryRecordReachesAWorkerOnceAndInOrder) {
   for (int s = 0; s < kSenders; ++s)
     senders.emplace_back([&, s] {
       std::mt19937 rng(uint32_t(s + 1));
-      std::map<int, std::pair<Bytes, std::size_t>> streams;
-      for (int c = s; c < kClients; c += kSenders)
-        for (int i = 0; i < kBoxes; ++i) streams[c].first.add(box("free", Bytes{}.zeros(box_size(c, i) - 8)));
+      std::vector<std::size_t> at(kClients);
       for (bool more = true; more;) {
         more = false;
-        for (auto& [c, stream] : streams) {
-          auto& [bytes, at] = stream;
-          if (at == bytes.size()) continue;
-          const std::size_t n = std::min<std::size_t>(bytes.size() - at, 1 + rng() % 97);
-          failed += !send(name(c), bytes, at, at + n);
-          at += n;
-          more = true;
+        for (int c = s; c < kClients; c += kSenders) {
+          const std::size_t n = std::min<std::size_t>(streams[c].size() - at[c], 1 + rng() % 97);
+          failed += n && !send(name(c), streams[c], at[c], at[c] + n);
+          at[c] += n;
+          more = more || n;
         }
       }
     });
@@ -81,9 +84,7 @@ TEST(Workers, EveryRecordReachesAWorkerOnceAndInOrder) {
   workers.join();
   EXPECT_EQ(failed.load(), 0);
   for (int c = 0; c < kClients; ++c) {
-    std::vector<uint64_t> want;
-    for (int i = 0; i < kBoxes; ++i) want.push_back(box_size(c, i));
-    EXPECT_EQ(workers.sizes[name(c)], want) << name(c);
+    EXPECT_EQ(workers.sizes[name(c)], want[c]) << name(c);
     Boxlane_Parse_Delete(name(c).c_str());
   }
   Boxlane_Parse_Destory();
