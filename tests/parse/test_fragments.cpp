@@ -71,51 +71,17 @@ struct FragmentedMovie {
   }
 };
 
-TEST_F(Extended, FragmentSamplesFollowTheDefaultsBasesAndTimesOfTheStandard) {
+// The movie and the boxes of segments and random access after it: the
+// records every box gets, in both modes, and the samples of the fragments.
+TEST_F(Extended, RecordsAndFragmentSamplesFollowTheStandard) {
   const FragmentedMovie movie;
-  const std::string client = extended("fragments/movie");
-  ASSERT_EQ(feed(client, movie.stream).error, 0u);
-  const std::vector<Fragment> fragments = take_fragments(client);
-  ASSERT_EQ(fragments.size(), 4u);
-  const uint64_t d1 = movie.data1, d2 = movie.data2;
-  const std::vector<std::vector<std::string>> want = {
-      {sample(90000, 90000, 3000, 100, d1, kSync, true, true),
-       sample(93000, 92000, 3000, 50, d1 + 100, kNonSync, false, true),
-       sample(96000, 98000, 3000, 60, d1 + 150, kNonSync, false, true)},
-      {sample(2048, 2048, 1024, 300, d1 + 210, kSync, true, true), sample(3072, 3072, 512, 300, d1 + 510, kSync, true, true)},
-      {sample(99000, 99000, 2000, 5, d2, kSync, true, true), sample(101000, 101000, 2000, 6, d2 + 5, kNonSync, false, true),
-       sample(103000, 103000 + 4294967295ll, 2000, 7, d2 + 11, kNonSync, false, true)},
-      {sample(3584, 3584, 1024, 300, movie.data3, kSync, true, true)},
-  };
-  for (std::size_t i = 0; i < want.size(); ++i) EXPECT_EQ(texts(fragments[i].samples), want[i]) << "answer " << i;
-
-  const BOXLANE_FRAGMENTINFO& a = fragments[0].info;
-  EXPECT_EQ(std::tuple(a.nTrackID, a.nSequence, a.nMoofOffset, a.nBaseDecodeTime, a.nDataStart, a.nDataEnd,
-                       a.nSampleCount, a.nTrafIndex, a.nTfhdFlags, a.nDescriptionIndex, a.nProblems, a.bHasTfdt),
-            std::tuple(1, 1u, movie.moof1, uint64_t{90000}, d1, d1 + 210, 3u, 0u, 0x020000u, 1u, 0u, uint8_t{1}));
-  // Track 2's data starts where track 1's ends: next to it, no overlap.
-  const BOXLANE_FRAGMENTINFO& b = fragments[1].info;
-  EXPECT_EQ(std::tuple(b.nTrackID, b.nTrafIndex, b.nBaseDecodeTime, b.nDataStart, b.nDataEnd, b.bHasTfdt, b.nProblems),
-            std::tuple(2, 1u, uint64_t{2048}, d1 + 210, d1 + 810, uint8_t{0}, 0u));
-  const BOXLANE_FRAGMENTINFO& c = fragments[2].info;
-  EXPECT_EQ(std::tuple(c.nSequence, c.nDescriptionIndex, c.nTfhdFlags, c.nBaseDecodeTime), std::tuple(2u, 2u, 0x2Bu, uint64_t{99000}));
-
-  BOXLANE_TRACKINDEX index{};
-  ASSERT_TRUE(Boxlane_Parse_GetTrackIndex(client.c_str(), 1, &index));
-  EXPECT_EQ(std::tuple(index.nTrackFragments, index.nFragmentSamples, index.nFragmentEnd, index.bHasTrex, index.nTrexFlags),
-            std::tuple(2u, uint64_t{6}, uint64_t{105000}, uint8_t{1}, kNonSync));
-  const BOXLANE_STREAMINFO stream = stream_info(client);
-  EXPECT_EQ(std::tuple(stream.nFlags, stream.nFragments, stream.nFragmentDuration, stream.bMovieExtends, stream.nOutsideData),
-            std::tuple(uint32_t{BOXLANE_PARSE_EXTENDED}, 3u, uint64_t{0x100000000}, uint8_t{1}, 0u));
-}
-
-TEST_F(Extended, RecordsOfTheNewBoxesAndTheBasicModeUnchanged) {
   const Bytes extra = cat({box("styp", Bytes{}.str("msdh").u32(0)), full_box("sidx", 1, 0, Bytes{}.zeros(32)),
                            full_box("emsg", 0, 0, Bytes{}.zeros(12)),
                            box("mfra", cat({full_box("tfra", 1, 0, Bytes{}.zeros(12)), full_box("mfro", 0, 0, Bytes{}.u32(16))}))});
-  const Bytes stream = cat({FragmentedMovie().stream, extra});
-  const std::string wide = extended("records/extended");
-  const FeedResult fed = feed(wide, stream);
+  const Bytes stream = cat({movie.stream, extra});
+  const std::string client = extended("fragments/movie");
+  const FeedResult fed = feed(client, stream);
+  ASSERT_EQ(fed.error, 0u);
   const Codes track = {31, 311, 313, 3131, 3132, 3133, 31336, 313362, 313363, 313364, 313365};
   Codes want = {1, 3, 30};
   for (int i = 0; i < 2; ++i) want.insert(want.end(), track.begin(), track.end());
@@ -127,10 +93,39 @@ TEST_F(Extended, RecordsOfTheNewBoxesAndTheBasicModeUnchanged) {
                            7, 6, 8, 9, 91, 92});
   EXPECT_EQ(codes(fed.headers), want);
   // Full boxes carry version and flags: moof 1's first trun.
-  const QORVANE_MP4HDR& trun = fed.headers[moov_records + 10];
-  EXPECT_EQ(std::tuple(trun.byVersion, trun.byFlags[1], trun.byFlags[2]), std::tuple(uint8_t{1}, uint8_t{0x0A}, uint8_t{0x05}));
-  const BOXLANE_STREAMINFO info = stream_info(wide);
-  EXPECT_TRUE(info.bSegmentType && info.bSegmentIndex && info.bRandomAccess);
+  EXPECT_EQ(fed.records[moov_records + 10], "523 size 48 v1 flags 000A05 uuid 0000");
+
+  const std::vector<Fragment> fragments = take_fragments(client);
+  ASSERT_EQ(fragments.size(), 4u);
+  const uint64_t d1 = movie.data1, d2 = movie.data2;
+  const std::vector<std::vector<std::string>> samples = {
+      {sample(90000, 90000, 3000, 100, d1, kSync, true, true),
+       sample(93000, 92000, 3000, 50, d1 + 100, kNonSync, false, true),
+       sample(96000, 98000, 3000, 60, d1 + 150, kNonSync, false, true)},
+      {sample(2048, 2048, 1024, 300, d1 + 210, kSync, true, true), sample(3072, 3072, 512, 300, d1 + 510, kSync, true, true)},
+      {sample(99000, 99000, 2000, 5, d2, kSync, true, true), sample(101000, 101000, 2000, 6, d2 + 5, kNonSync, false, true),
+       sample(103000, 103000 + 4294967295ll, 2000, 7, d2 + 11, kNonSync, false, true)},
+      {sample(3584, 3584, 1024, 300, movie.data3, kSync, true, true)},
+  };
+  for (std::size_t i = 0; i < samples.size(); ++i) EXPECT_EQ(texts(fragments[i].samples), samples[i]) << "answer " << i;
+  const BOXLANE_FRAGMENTINFO& a = fragments[0].info;
+  EXPECT_EQ(std::tuple(a.nTrackID, a.nSequence, a.nMoofOffset, a.nBaseDecodeTime, a.nDataStart, a.nDataEnd,
+                       a.nSampleCount, a.nTrafIndex, a.nTfhdFlags, a.nDescriptionIndex, a.nProblems, a.bHasTfdt),
+            std::tuple(1, 1u, movie.moof1, uint64_t{90000}, d1, d1 + 210, 3u, 0u, 0x020000u, 1u, 0u, uint8_t{1}));
+  // Track 2's data starts where track 1's ends: next to it, no overlap.
+  const BOXLANE_FRAGMENTINFO& b = fragments[1].info;
+  EXPECT_EQ(std::tuple(b.nTrackID, b.nTrafIndex, b.nBaseDecodeTime, b.nDataStart, b.nDataEnd, b.bHasTfdt, b.nProblems),
+            std::tuple(2, 1u, uint64_t{2048}, d1 + 210, d1 + 810, uint8_t{0}, 0u));
+  const BOXLANE_FRAGMENTINFO& c = fragments[2].info;
+  EXPECT_EQ(std::tuple(c.nSequence, c.nDescriptionIndex, c.nTfhdFlags, c.nBaseDecodeTime), std::tuple(2u, 2u, 0x2Bu, uint64_t{99000}));
+  BOXLANE_TRACKINDEX index{};
+  ASSERT_TRUE(Boxlane_Parse_GetTrackIndex(client.c_str(), 1, &index));
+  EXPECT_EQ(std::tuple(index.nTrackFragments, index.nFragmentSamples, index.nFragmentEnd, index.bHasTrex, index.nTrexFlags),
+            std::tuple(2u, uint64_t{6}, uint64_t{105000}, uint8_t{1}, kNonSync));
+  const BOXLANE_STREAMINFO info = stream_info(client);
+  EXPECT_EQ(std::tuple(info.nFlags, info.nFragments, info.nFragmentDuration, info.bMovieExtends, info.nOutsideData,
+                       info.bSegmentType, info.bSegmentIndex, info.bRandomAccess),
+            std::tuple(uint32_t{BOXLANE_PARSE_EXTENDED}, 3u, uint64_t{0x100000000}, uint8_t{1}, 0u, 1, 1, 1));
 
   // The basic mode: every new box is UNKNOWN and skipped whole, and no
   // answer waits; what it met is still noted.

@@ -15,16 +15,6 @@ using Reader = bool (CBoxlane_Parse::*)(QORVANE_MP4PARSE*, BOXLANE_MSGBUFFER*, c
 using Infos = std::vector<std::array<uint32_t, 3>>;
 using Sets = std::vector<std::vector<uint8_t>>;
 
-template <class Table>
-Infos values(const Table& table) {
-  Infos out;
-  for (std::size_t i = 0; i < table.size(); ++i) {
-    const QORVANE_HDRSAMPLENFO e = table.entry(i);
-    out.push_back({e.nValue1, e.nValue2, e.nValue3});
-  }
-  return out;
-}
-
 // The record the readers fill sits in the client table under the test's
 // name, so the queries see it too.
 class Readers : public ::testing::Test {
@@ -209,72 +199,67 @@ TEST_F(Readers, HandlerNamesAndDataReferences) {
   EXPECT_EQ(track(1).stl_ListDinf, (std::vector<std::string>{"s", "s", "s"}));
 }
 
-// The tables as stored, read back through the list queries.
-TEST_F(Readers, TablesKeepEntriesAsStored) {
-  make_track(1);
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_STts, Bytes{}.full(0, 0).u32(2).u32(3).u32(1000).u32(1).u32(500)));
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_CTts, Bytes{}.full(1, 0).u32(2).u32(1).u32(uint32_t(-2)).u32(4).u32(2048)));
-  EXPECT_EQ(hdr().byVersion, 1);
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsc, Bytes{}.full(0, 0).u32(2).u32(1).u32(5).u32(1).u32(3).u32(2).u32(1)));
-  // A constant sample size leaves the list alone whatever follows it.
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsz, Bytes{}.full(0, 0).u32(1024).u32(10).u32(5).u32(6)));
-  EXPECT_TRUE(listed(ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ).empty());
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsz, Bytes{}.full(0, 0).u32(0).u32(3).u32(7).u32(8).u32(9)));
-  // A second box for the track appends.
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_STco, Bytes{}.full(0, 0).u32(2).u32(48).u32(0xFFFFFFF0)));
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_STco, Bytes{}.full(0, 0).u32(1).u32(96)));
+// Each table box as stored, read back through the list query, its list
+// reserved exactly: a second box appends; a constant sample size leaves the
+// list alone; a count past the payload (huge or negative too) keeps the
+// whole entries only; stz2 (§8.7.3.3) in every field size, 4-bit fields
+// high nibble first, and a field size it does not know.
+TEST_F(Readers, SampleTables) {
+  const auto u32s = [](uint8_t version, const std::vector<uint32_t>& fields) {
+    Bytes p;
+    p.full(version, 0);
+    for (uint32_t v : fields) p.u32(v);
+    return p;
+  };
+  const auto stz2 = [](uint8_t field, uint32_t count, const Bytes& entries) {
+    return std::vector<Bytes>{Bytes{}.full(0, 0).u24(0).u8(field).u32(count).add(entries)};
+  };
+  const auto kStts = ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS, kCtts = ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS,
+             kStsc = ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSC, kStsz = ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ,
+             kStco = ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO;
+  const Reader stsz = &P::Boxlane_Parse_STsz, stz2_reader = &P::Boxlane_Parse_STz2;
+  const struct {
+    Reader reader;
+    std::vector<Bytes> boxes;
+    ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code;
+    Infos want;
+  } cases[] = {
+      {&P::Boxlane_Parse_STts, {u32s(0, {2, 3, 1000, 1, 500})}, kStts, {{3, 1000, 0}, {1, 500, 0}}},
+      {&P::Boxlane_Parse_CTts, {u32s(1, {2, 1, uint32_t(-2), 4, 2048})}, kCtts, {{1, 4294967294u, 0}, {4, 2048, 0}}},
+      {&P::Boxlane_Parse_STsc, {u32s(0, {2, 1, 5, 1, 3, 2, 1})}, kStsc, {{1, 5, 1}, {3, 2, 1}}},
+      {stsz, {u32s(0, {1024, 10, 5, 6}), u32s(0, {0, 3, 7, 8, 9})}, kStsz, {{7, 0, 0}, {8, 0, 0}, {9, 0, 0}}},
+      {&P::Boxlane_Parse_STco, {u32s(0, {2, 48, 0xFFFFFFF0}), u32s(0, {1, 96})}, kStco, {{48, 0, 0}, {0xFFFFFFF0, 0, 0}, {96, 0, 0}}},
+      {&P::Boxlane_Parse_STts, {u32s(0, {1000, 1, 2, 3, 4, 5})}, kStts, {{1, 2, 0}, {3, 4, 0}}},
+      {&P::Boxlane_Parse_STsc, {u32s(0, {0x7FFFFFFF, 1, 1}), u32s(0, {0x80000000, 1, 1}), u32s(0, {0xFFFFFFFF, 1, 1})}, kStsc, {}},
+      {stsz, {u32s(0, {0, 0x7FFFFFFF, 9}), u32s(0, {0, 0x80000000, 9}), u32s(0, {0, 0xFFFFFFFF, 9})}, kStsz, {{9, 0, 0}}},
+      {stz2_reader, stz2(4, 3, {0x12, 0x3F}), kStsz, {{1, 0, 0}, {2, 0, 0}, {3, 0, 0}}},
+      {stz2_reader, stz2(4, 9, {0xAB}), kStsz, {{10, 0, 0}, {11, 0, 0}}},
+      {stz2_reader, stz2(8, 3, {7, 255}), kStsz, {{7, 0, 0}, {255, 0, 0}}},
+      {stz2_reader, stz2(16, 2, {0x12, 0x34, 0xFF}), kStsz, {{0x1234, 0, 0}}},
+      {stz2_reader, stz2(5, 2, {1, 2}), kStsz, {}},
+      {stz2_reader, stz2(8, 0x80000000, {1, 2}), kStsz, {}},
+  };
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    const auto id = int32_t(i + 1);
+    make_track(uint32_t(id));
+    for (const Bytes& b : cases[i].boxes) EXPECT_TRUE(feed(cases[i].reader, b));
+    EXPECT_EQ(listed(cases[i].code, id), cases[i].want) << "case " << i;
+    const BOXLANE_TRACKINFO& t = track(id);
+    const std::size_t fields = t.stl_ListSTts.fields.capacity() + t.stl_ListCTts.fields.capacity() +
+                               t.stl_ListSTsc.fields.capacity() + t.stl_ListSTsz.fields.capacity() +
+                               t.stl_ListSTco.fields.capacity();
+    const std::size_t per_entry = cases[i].code == kStsc ? 3 : cases[i].code == kStts || cases[i].code == kCtts ? 2 : 1;
+    EXPECT_EQ(fields, cases[i].want.size() * per_entry) << "case " << i;
+  }
   // sdtp: box size 12 gives nothing, 15 gives three bytes.
   EXPECT_TRUE(feed(&P::Boxlane_Parse_SDtp, Bytes{}.full(0, 0)));
   EXPECT_TRUE(feed(&P::Boxlane_Parse_SDtp, Bytes{}.full(0, 0).u8(0x20).u8(0x10).u8(0xA6)));
-  EXPECT_EQ(listed(ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS), (Infos{{3, 1000, 0}, {1, 500, 0}}));
-  EXPECT_EQ(listed(ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS), (Infos{{1, 4294967294u, 0}, {4, 2048, 0}}));
-  EXPECT_EQ(listed(ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSC), (Infos{{1, 5, 1}, {3, 2, 1}}));
-  EXPECT_EQ(listed(ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ), (Infos{{7, 0, 0}, {8, 0, 0}, {9, 0, 0}}));
-  EXPECT_EQ(listed(ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO), (Infos{{48, 0, 0}, {0xFFFFFFF0, 0, 0}, {96, 0, 0}}));
   QORVANE_HDRSDTP** sdtp = nullptr;
   int32_t count = 0;
-  ASSERT_TRUE(Boxlane_Parse_GetTrackSDtp(client(), 1, &sdtp, &count));
+  ASSERT_TRUE(Boxlane_Parse_GetTrackSDtp(client(), int32_t(std::size(cases)), &sdtp, &count));
   std::vector<int> flags;
   for (const QORVANE_HDRSDTP& f : take_list(sdtp, count)) flags.push_back(f.bySampleFlags);
   EXPECT_EQ(flags, (std::vector<int>{0x20, 0x10, 0xA6}));
-}
-
-TEST_F(Readers, CountsThatOverrunThePayload) {
-  make_track(1);
-  // Two whole entries and half of a third: exactly two, reserved exactly.
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_STts, Bytes{}.full(0, 0).u32(1000).u32(1).u32(2).u32(3).u32(4).u32(5)));
-  EXPECT_EQ(values(track(1).stl_ListSTts), (Infos{{1, 2, 0}, {3, 4, 0}}));
-  EXPECT_EQ(track(1).stl_ListSTts.capacity(), 2u);
-  // Huge and negative counts on tiny payloads allocate nothing to speak of.
-  for (uint32_t count : {0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
-    EXPECT_TRUE(feed(&P::Boxlane_Parse_STsc, Bytes{}.full(0, 0).u32(count).u32(1).u32(1)));
-    EXPECT_TRUE(feed(&P::Boxlane_Parse_STsz, Bytes{}.full(0, 0).u32(0).u32(count).u32(9)));
-  }
-  EXPECT_TRUE(track(1).stl_ListSTsc.empty());
-  EXPECT_EQ(values(track(1).stl_ListSTsz), (Infos{{9, 0, 0}}));
-  EXPECT_LE(track(1).stl_ListSTsz.capacity(), 1u);
-}
-
-// stz2 (§8.7.3.3) in every field size, counts past the payload, and a field
-// size it does not know.
-TEST_F(Readers, CompactSizes) {
-  make_track(1);
-  const struct {
-    uint8_t field;
-    uint32_t count;
-    Bytes entries;
-    std::vector<uint32_t> want;
-  } cases[] = {
-      {4, 3, Bytes{0x12, 0x3F}, {1, 2, 3}},     {4, 9, Bytes{0xAB}, {10, 11}}, {8, 3, Bytes{7, 255}, {7, 255}},
-      {16, 2, Bytes{0x12, 0x34, 0xFF}, {0x1234}}, {5, 2, Bytes{1, 2}, {}},     {8, 0x80000000, Bytes{1, 2}, {}},
-  };
-  for (const auto& c : cases) {
-    track(1).stl_ListSTsz.fields.clear();
-    EXPECT_TRUE(feed(&P::Boxlane_Parse_STz2, Bytes{}.full(0, 0).u24(0).u8(c.field).u32(c.count).add(c.entries)));
-    std::vector<uint32_t> got;
-    for (const auto& e : values(track(1).stl_ListSTsz)) got.push_back(e[0]);
-    EXPECT_EQ(got, c.want) << "field " << int(c.field) << ", count " << c.count;
-  }
 }
 
 Bytes visual_entry(const char* type, uint16_t width, uint16_t height, const std::vector<uint8_t>& children) {
