@@ -120,8 +120,9 @@ TEST_F(Extended, RecordsAndFragmentSamplesFollowTheStandard) {
   EXPECT_EQ(std::tuple(c.nSequence, c.nDescriptionIndex, c.nTfhdFlags, c.nBaseDecodeTime), std::tuple(2u, 2u, 0x2Bu, uint64_t{99000}));
   BOXLANE_TRACKINDEX index{};
   ASSERT_TRUE(Boxlane_Parse_GetTrackIndex(client.c_str(), 1, &index));
-  EXPECT_EQ(std::tuple(index.nTrackFragments, index.nFragmentSamples, index.nFragmentEnd, index.bHasTrex, index.nTrexFlags),
-            std::tuple(2u, uint64_t{6}, uint64_t{105000}, uint8_t{1}, kNonSync));
+  EXPECT_EQ(std::tuple(index.nTrackFragments, index.nFragmentSamples, index.nFragmentEnd, index.bHasTrex,
+                       index.nTrexDescriptionIndex, index.nTrexDuration, index.nTrexSize, index.nTrexFlags),
+            std::tuple(2u, uint64_t{6}, uint64_t{105000}, uint8_t{1}, 1u, 3000u, 0u, kNonSync));
   const BOXLANE_STREAMINFO info = stream_info(client);
   EXPECT_EQ(std::tuple(info.nFlags, info.nFragments, info.nFragmentDuration, info.bMovieExtends, info.nOutsideData,
                        info.bSegmentType, info.bSegmentIndex, info.bRandomAccess),
@@ -179,7 +180,8 @@ TEST_F(Extended, LargeSizesAreFollowedHoweverTheHeaderIsCut) {
     const bool sent = send(c, cat({movie_ftyp(), limit.box}));
     EXPECT_EQ(sent ? 0 : Boxlane_GetLastError(nullptr), limit.code) << limit.what;
     const BOXLANE_STREAMINFO info = stream_info(c);
-    EXPECT_EQ(std::tuple(info.nStop, info.nStopOffset), std::tuple(limit.stop, limit.stop ? movie_ftyp().size() : uint64_t{0}))
+    EXPECT_EQ(std::tuple(info.nStop, info.nStopOffset, drain(c).size()),
+              std::tuple(limit.stop, limit.stop ? movie_ftyp().size() : uint64_t{0}, std::size_t{limit.code ? 1u : 2u}))
         << limit.what;
   }
 }
@@ -242,6 +244,8 @@ TEST_F(Extended, EachLieGetsADefinedAnswerOrIsLeftOut) {
       {"data past the mdat after it", based(1, [](int32_t off) { return trun_box(0, 0x001, {{}}, off); }), 50, {{1, 0}}, 0, 1},
       {"data ending exactly at the mdat's end", based(1, [](int32_t off) { return trun_box(0, 0x001, {{}}, off); }), 100,
        {{1, 0}}},
+      {"the shortest trun, for a track without trex", plain(cat({tfhd_box(0x020000, 3), trun_box(0, 0, {{}})})), 0,
+       {{1, BOXLANE_FRAGMENT_NO_DEFAULTS}}},
       {"2^32 - 1 samples of no bytes in the box",
        based(1, [](int32_t off) { return trun_box(0, 0x001, {}, off, 0, 0xFFFFFFFF); }), 100,
        {{1u << 20, BOXLANE_FRAGMENT_COUNT_CUT}}, 0, 1},
@@ -288,6 +292,20 @@ TEST_F(Extended, TakingAnswersAndTheirBound) {
   ASSERT_TRUE(Boxlane_Parse_GetFragment(c, &info, samples, 3, &count));
   EXPECT_EQ(std::tuple(count, samples[2].nOffset), std::tuple(3, uint64_t(head.size() + moof.size() + 8 + 200)));
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetFragment(c, &info, samples, 3, &count), BOXLANE_ERROR_PARSE_NODATA));
+
+  // Answers taken while others wait: the arrays move what waits to the
+  // front, and each answer keeps its own samples.
+  const std::string mixed = extended("faults/mixed");
+  ASSERT_TRUE(send(mixed, head));
+  for (uint32_t i = 1, taken = 0; i <= 12; ++i) {
+    ASSERT_TRUE(send(mixed, moof_with_offset([&](int32_t off) {
+      return moof_box(i, {box("traf", cat({tfhd_box(0x020000, 1), trun_box(0, 0x201, {{0, i}, {0, 100 + i}}, off)}))});
+    })));
+    if (i % 3 == 0) continue;  // two taken for every three sent
+    ASSERT_TRUE(Boxlane_Parse_GetFragment(mixed.c_str(), &info, samples, 3, &count));
+    ++taken;
+    EXPECT_EQ(std::tuple(info.nSequence, count, samples[0].nSize, samples[1].nSize), std::tuple(taken, 2, taken, 100 + taken));
+  }
 
   // More answers than may wait: the oldest go.
   const std::string many = extended("faults/many");

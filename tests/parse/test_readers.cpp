@@ -13,7 +13,6 @@ namespace {
 using P = CBoxlane_Parse;
 using Reader = bool (CBoxlane_Parse::*)(QORVANE_MP4PARSE*, BOXLANE_MSGBUFFER*, const uint8_t*, uint64_t);
 using Infos = std::vector<std::array<uint32_t, 3>>;
-using Sets = std::vector<std::vector<uint8_t>>;
 
 // The record the readers fill sits in the client table under the test's
 // name, so the queries see it too.
@@ -58,22 +57,26 @@ class Readers : public ::testing::Test {
 };
 
 TEST_F(Readers, MovieHeaderBothVersions) {
-  const QORVANE_HDRMVHD& m = record.stMVhd;
+  QORVANE_HDRMVHD m{};  // as the query hands it out
+  const auto read = [&](const Bytes& payload) {
+    EXPECT_TRUE(feed(&P::Boxlane_Parse_MVhd, payload));
+    EXPECT_TRUE(Boxlane_Parse_GetMVhd(client(), &m));
+  };
   Bytes v0;
   v0.full(0, 0).u32(1).u32(2).u32(1000).u32(5000).u32(0x00010000).u16(0x0100).zeros(70).u32(3);
   ASSERT_EQ(v0.size(), 100u);  // the shortest whole version 0
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_MVhd, v0));
+  read(v0);
   EXPECT_EQ(std::tuple(m.nTimeScale, m.nDuration, m.nRate, m.wVolume, m.nNextTrackID),
             std::tuple(1000u, uint64_t{5000}, 0x00010000u, uint16_t{0x0100}, 3u));
   Bytes v1;
   v1.full(1, 0).u64(0x100000001ull).u64(0x100000002ull).u32(90000).u64(0x100000005ull).u32(0).u16(0).zeros(70).u32(7);
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_MVhd, v1));
+  read(v1);
   EXPECT_EQ(std::tuple(hdr().byVersion, m.nCreateTime, m.nDuration, m.nTimeScale, m.nNextTrackID),
             std::tuple(uint8_t{1}, uint64_t{0x100000001}, uint64_t{0x100000005}, 90000u, 7u));
   // One byte short of next_track_ID: version and flags only.
   v0[3] = 9;
   v0.pop_back();
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_MVhd, v0));
+  read(v0);
   EXPECT_EQ(std::tuple(hdr().byFlags[2], m.nTimeScale), std::tuple(uint8_t{9}, 90000u));
 }
 
@@ -276,45 +279,60 @@ Bytes mp4a_entry(const std::vector<uint8_t>& esds_body, uint16_t sound_version =
   return box("mp4a", cat({fixed, box("esds", Bytes{}.full(0, 0).add(esds_body))}));
 }
 
+// What the codec query hands out, as one line: the fields of both kinds of
+// entry and the parameter sets and AudioSpecificConfig in hex.
+std::string codec_text(const char* client, int32_t id) {
+  BOXLANE_CODECINFO c;
+  std::memset(&c, 0xCD, sizeof c);
+  EXPECT_TRUE(Boxlane_Parse_GetTrackCodec(client, id, &c));
+  std::ostringstream o;
+  o << c.tszCodec << " ref " << c.wDataRefIndex << " " << c.wWidth << "x" << c.wHeight << " avc " << int(c.byProfile) << "/"
+    << int(c.byCompatibility) << "/" << int(c.byLevel) << " len " << int(c.byNALLengthSize) << " sets";
+  std::size_t at = 0;
+  for (int i = 0; i < c.nSPSCount + c.nPPSCount; ++i) {
+    const uint16_t len = i < c.nSPSCount ? c.wSPSLen[i] : c.wPPSLen[i - c.nSPSCount];
+    o << (i == c.nSPSCount ? " |" : "") << " " << hex(c.byParamSets + at, len) << ";";
+    at += len;
+  }
+  o << " audio " << c.wChannelCount << "ch " << c.wSampleSize << "bit " << c.nSampleRate << "Hz oti " << int(c.byObjectType)
+    << " st " << int(c.byStreamType) << " buf " << c.nBufferSizeDB << " max " << c.nMaxBitrate << " avg " << c.nAvgBitrate
+    << " asc " << hex(c.byAudioCfg, std::size_t(c.nAudioCfgLen)) << (c.bTruncated ? " cut" : "");
+  return o.str();
+}
+
 TEST_F(Readers, AvcDescription) {
-  make_track(1);
-  // All six reserved bits of the length size byte set.
-  const std::vector<uint8_t> avcc = unhex("01 64 00 1F FF E2 0004 6764001F 0002 6701 03 0002 68EE 0003 68EBE3 0001 68");
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(visual_entry("avc1", 320, 240, box("avcC", avcc)))));
-  const BOXLANE_TRACKCODEC& c = track(1).stCodec;
-  EXPECT_STREQ(c.tszCodec, "avc1");
-  EXPECT_EQ((Ints{c.wDataRefIndex, c.wWidth, c.wHeight, c.byProfile, c.byLevel, c.byNALLengthSize}),
-            (Ints{1, 320, 240, 0x64, 0x1F, 4}));
-  EXPECT_EQ(c.stl_ListSPS, (Sets{{0x67, 0x64, 0x00, 0x1F}, {0x67, 0x01}}));
-  EXPECT_EQ(c.stl_ListPPS, (Sets{{0x68, 0xEE}, {0x68, 0xEB, 0xE3}, {0x68}}));
-  // A PPS whose length runs past the avcC keeps the sets before it.
-  make_track(2);
-  const std::vector<uint8_t> cut = unhex("01 42 C0 0D FD E1 0002 6742 02 0001 68 0032 68");
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(visual_entry("avc1", 160, 120, box("avcC", cut)))));
-  EXPECT_EQ(std::tuple(track(2).stCodec.byNALLengthSize, track(2).stCodec.stl_ListSPS.size()), std::tuple(2, 1u));
-  EXPECT_EQ(track(2).stCodec.stl_ListPPS, (Sets{{0x68}}));
+  // All six reserved bits of the length size byte set; then a PPS whose
+  // length runs past the avcC keeps the sets before it.
+  const char* const cases[][2] = {
+      {"01 64 00 1F FF E2 0004 6764001F 0002 6701 03 0002 68EE 0003 68EBE3 0001 68",
+       "avc1 ref 1 320x240 avc 100/0/31 len 4 sets 67 64 00 1F; 67 01; | 68 EE; 68 EB E3; 68;"},
+      {"01 42 C0 0D FD E1 0002 6742 02 0001 68 0032 68", "avc1 ref 1 320x240 avc 66/192/13 len 2 sets 67 42; | 68;"},
+  };
+  for (int i = 0; i < 2; ++i) {
+    make_track(uint32_t(i + 1));
+    EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(visual_entry("avc1", 320, 240, box("avcC", unhex(cases[i][0]))))));
+    EXPECT_EQ(codec_text(client(), i + 1), std::string(cases[i][1]) + " audio 0ch 0bit 0Hz oti 0 st 0 buf 0 max 0 avg 0 asc ");
+  }
 }
 
 TEST_F(Readers, AacDescription) {
-  make_track(1);
-  // ES_Descriptor with dependsOn, URL and OCR fields, sizes in four bytes.
-  const std::vector<uint8_t> esds = unhex("03 80808027 0001 E0 0007 03 616263 0009 04 80808014 40 15 001800 0001F400 00017700"
-                           " 05 80808002 1210 06 01 02");
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(mp4a_entry(esds))));
-  const BOXLANE_TRACKCODEC& c = track(1).stCodec;
-  EXPECT_STREQ(c.tszCodec, "mp4a");
-  EXPECT_EQ((Ints{c.wChannelCount, c.wSampleSize, c.nSampleRate, c.byObjectType, c.byStreamType, c.nBufferSizeDB,
-                  c.nMaxBitrate, c.nAvgBitrate}),
-            (Ints{2, 16, 44100, 0x40, 0x15, 6144, 128000, 96000}));
-  EXPECT_EQ(c.stl_AudioCfg, (std::vector<uint8_t>{0x12, 0x10}));
+  // ES_Descriptor with dependsOn, URL and OCR fields, sizes in four bytes;
   // QuickTime sound descriptions of version 1 and 2 move the esds 16 and 36
   // bytes on.
-  const std::vector<uint8_t> plain = unhex("03 19 0002 00 04 11 40 15 000000 0001F400 0001F400 05 02 1190 06 01 02");
-  for (const uint16_t version : {1, 2}) {
-    make_track(2 + version);
-    EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(mp4a_entry(plain, version))));
-    EXPECT_EQ(track(2 + version).stCodec.nMaxBitrate, 128000u) << version;
-    EXPECT_EQ(track(2 + version).stCodec.stl_AudioCfg, (std::vector<uint8_t>{0x11, 0x90})) << version;
+  const std::string rich = "03 80808027 0001 E0 0007 03 616263 0009 04 80808014 40 15 001800 0001F400 00017700 "
+                           "05 80808002 1210 06 01 02";
+  const std::string plain = "03 19 0002 00 04 11 40 15 000000 0001F400 0001F400 05 02 1190 06 01 02";
+  const std::string head = "mp4a ref 1 0x0 avc 0/0/0 len 0 sets audio 2ch 16bit 44100Hz oti 64 st 21 ";
+  const struct {
+    uint16_t version;
+    std::string esds, want;
+  } cases[] = {{0, rich, head + "buf 6144 max 128000 avg 96000 asc 12 10"},
+               {1, plain, head + "buf 0 max 128000 avg 128000 asc 11 90"},
+               {2, plain, head + "buf 0 max 128000 avg 128000 asc 11 90"}};
+  for (const auto& c : cases) {
+    make_track(c.version + 1u);
+    EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(mp4a_entry(unhex(c.esds), c.version))));
+    EXPECT_EQ(codec_text(client(), c.version + 1), c.want);
   }
 }
 
