@@ -113,6 +113,7 @@ TEST_F(Readers, FileTypeBrands) {
     std::vector<std::string> brands;
   } cases[] = {
       {Bytes{}.str("qt  ").u32(0), "qt  ", {}},
+      {Bytes{}.str("qt  ").u32(0).str("qt  "), "qt  ", {"qt  "}},
       {Bytes{}.str("isom").u24(0), "", {}},
       {Bytes{}.str("isom").u32(1).str("mp41").str("av").u16(0).str("avc"), "isom", {"mp41", "av"}},
   };
