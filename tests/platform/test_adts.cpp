@@ -83,9 +83,9 @@ TEST(Adts, ProgramConfigElementMovesIntoTheConfiguration) {
     const char* config;
     unsigned channels;
   } cases[] = {
-      // A front CPE and a side SCE (tag 3), mono and matrix mixdowns (index
-      // 2, no pseudo surround), the comment "hi".
-      {"44.1 kHz, 3 channels", 4, "A2 A0 88 00 26 C8 0C 02 68 69 E0", "12 00 15 04 40 01 36 40 60 02 68 69", 3},
+      // A front CPE and a side SCE (tag 3), mono, stereo (element 5) and
+      // matrix mixdowns (index 2, no pseudo surround), the comment "hi".
+      {"44.1 kHz, 3 channels", 4, "A2 A0 88 00 27 5C 80 C0 02 68 69 E0", "12 00 15 04 40 01 3A E4 06 02 68 69", 3},
       // 5.1: front SCE and CPE, back CPE, one LFE, an associated data
       // element and an independently switched coupling channel; no comment.
       {"48 kHz, 5.1", 3, "A0 99 00 A4 40 21 10 29 80 00 E0", "11 80 04 C8 05 22 01 08 81 4C 00", 6},

@@ -18,6 +18,10 @@ using boxlane::test::Bits;
 using boxlane::test::hex;
 using boxlane::test::unhex;
 using Nal = std::vector<uint8_t>;
+using Pocs = std::vector<int64_t>;
+
+// x264, Main, 1920x1080 (68 macroblock rows cropped by 8 lines) at 30000/1001 with two B-frames.
+const char* kX264Sps = "674d4028eca03c0113f2e022000007d20001d4c01e30632c";
 
 ParameterSets sets_of(const Nal& sps_nal, const Nal& pps_nal) {
   ParameterSets sets;
@@ -31,9 +35,9 @@ ParameterSets sets_of(const Nal& sps_nal, const Nal& pps_nal) {
 }
 
 // POCs of slices fed in decoding order.
-std::vector<int64_t> pocs_of(const ParameterSets& sets, const std::vector<Nal>& slices) {
+Pocs pocs_of(const ParameterSets& sets, const std::vector<Nal>& slices) {
   PocCounter counter;
-  std::vector<int64_t> pocs;
+  Pocs pocs;
   for (const auto& nal : slices) {
     SliceHeader sh;
     EXPECT_TRUE(parse_slice_header(nal.data(), nal.size(), sets, sh)) << hex(nal);
@@ -46,23 +50,19 @@ std::vector<int64_t> pocs_of(const ParameterSets& sets, const std::vector<Nal>& 
 TEST(H264BitReader, EmulationPreventionAndTheLargestCodes) {
   // Every 03 after two zeros is dropped, and counting zeros starts again
   // after it; an 03 after a dropped one, or after a single zero, is data.
-  const Nal escaped = unhex("06 0000 03 01 0000 03 0000 03 03 03 00 03");
+  const Nal escaped = unhex("06 0000 03 01 0000 03 0000 03 03 03 00 03"), again = unhex("06 0000 03 00 03");
   BitReader er(escaped.data(), escaped.size());
-  EXPECT_EQ(er.bits(32), 0x00000100u);
-  EXPECT_EQ(er.bits(24), 0x000000u);
-  EXPECT_EQ(er.bits(32), 0x03030003u);
+  EXPECT_EQ((std::vector<uint32_t>{er.bits(32), er.bits(24), er.bits(32)}),
+            (std::vector<uint32_t>{0x00000100, 0, 0x03030003}));
   EXPECT_TRUE(er.ok());
-  EXPECT_EQ(er.bits(1), 0u);
+  er.bits(1);
   EXPECT_FALSE(er.ok()) << "a read past the end fails";
-  const Nal again = unhex("06 0000 03 00 03");  // zeros counted afresh after a dropped 03
   EXPECT_EQ(BitReader(again.data(), again.size()).bits(32), 0x00000003u);
   // 31 leading zeros is the largest code; 32 fails instead of wrapping.
-  const Nal largest = unhex("67 00000001 FFFFFFFE");
-  BitReader lr(largest.data(), largest.size());
+  const Nal largest = unhex("67 00000001 FFFFFFFE"), huge = unhex("67 00000000 80000000 00");
+  BitReader lr(largest.data(), largest.size()), hr(huge.data(), huge.size());
   EXPECT_EQ(lr.ue(), 0xFFFFFFFEu);
   EXPECT_TRUE(lr.ok());
-  const Nal huge = unhex("67 00000000 80000000 00");
-  BitReader hr(huge.data(), huge.size());
   EXPECT_EQ(hr.ue(), 0u);
   EXPECT_FALSE(hr.ok());
 }
@@ -79,25 +79,27 @@ std::string summary(const Sps& s) {
   return o.str();
 }
 
-TEST(H264ParameterSets, X264AndHandMadeSequenceParameterSets) {
-  // x264, Main, 1920x1080 (68 macroblock rows cropped by 8 lines) at
-  // 30000/1001 with two B-frames.
-  const auto hd = unhex("674d4028eca03c0113f2e022000007d20001d4c01e30632c");
+std::string parsed(const Nal& nal) {
   Sps sps;
-  ASSERT_TRUE(parse_sps(hd.data(), hd.size(), sps));
-  EXPECT_EQ(summary(sps),
+  return parse_sps(nal.data(), nal.size(), sps) ? summary(sps) : "refused";
+}
+
+TEST(H264ParameterSets, X264AndHandMadeSequenceParameterSets) {
+  const auto hd = unhex(kX264Sps);
+  EXPECT_EQ(parsed(hd),
             "profile 77 level 40 chroma 1 frames 1920x1080 crop 0 0 0 8 poc 0 sar 1:1 tick 1001/60000 reorder 2");
-
   // Cut short, or the wrong NAL type: refused.
-  const auto pps = unhex("68 EB E3 CB 22 C0");
-  for (std::size_t cut : {std::size_t{0}, std::size_t{4}, hd.size() - 1}) EXPECT_FALSE(parse_sps(hd.data(), cut, sps)) << cut;
-  EXPECT_FALSE(parse_sps(pps.data(), pps.size(), sps));
+  for (std::size_t cut : {std::size_t{0}, std::size_t{4}, hd.size() - 1}) {
+    EXPECT_EQ(parsed(Nal(hd.begin(), hd.begin() + long(cut))), "refused") << cut;
+  }
+  EXPECT_EQ(parsed(unhex("68 EB E3 CB 22 C0")), "refused");
 
-  // High 4:2:2, 1280x736 coded, fields (crop unit 2 x 2). Scaling lists (4x4,
-  // one that ends at once on a zero scale, 8x8) and every optional part of
-  // the VUI must be skipped exactly, or the fields after them come out wrong.
+  // High 4:2:2 at 14 bits, 1280x736 coded, fields (crop unit 2 x 2). Scaling
+  // lists (4x4, one that ends at once on a zero scale, 8x8) and every
+  // optional part of the VUI, with the most CPBs, must be skipped exactly,
+  // or the fields after them come out wrong.
   Bits b;
-  b.u(8, 122).u(8, 0).u(8, 40).ue(0).ue(2).ue(0).ue(0).u(1, 0).u(1, 1);
+  b.u(8, 122).u(8, 0).u(8, 40).ue(0).ue(2).ue(6).ue(6).u(1, 0).u(1, 1);
   b.u(1, 1);
   for (int i = 0; i < 16; ++i) b.se(1);
   b.u(1, 1).se(-8).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 1);
@@ -108,25 +110,27 @@ TEST(H264ParameterSets, X264AndHandMadeSequenceParameterSets) {
   b.u(1, 1).ue(0).ue(2).ue(0).ue(8);  // cropping: 4 columns at the right, 16 lines at the bottom
   b.u(1, 1).u(1, 1).u(8, 255).u(16, 4).u(16, 3).u(1, 1).u(1, 0).u(1, 1).u(3, 5).u(1, 0).u(1, 1).u(24, 0x010101);
   b.u(1, 1).ue(1).ue(1).u(1, 1).u(32, 1001).u(32, 60000).u(1, 1);
-  // NAL HRD with two CPBs, no VCL HRD, low_delay and pic_struct flags.
-  b.u(1, 1).ue(1).u(4, 2).u(4, 3).ue(1000).ue(2000).u(1, 0).ue(3000).ue(4000).u(1, 1).u(20, 0xBBBBB);
-  b.u(1, 0).u(1, 0).u(1, 0);
+  // NAL HRD with 32 CPBs, no VCL HRD, low_delay and pic_struct flags.
+  b.u(1, 1).ue(31).u(4, 2).u(4, 3);
+  for (int i = 0; i < 32; ++i) b.ue(1000).ue(2000).u(1, i % 2);
+  b.u(20, 0xBBBBB).u(1, 0).u(1, 0).u(1, 0);
   b.u(1, 1).u(1, 1).ue(0).ue(1).ue(16).ue(16).ue(3).ue(4);  // bitstream_restriction: 3 reordered frames
-  const auto nal = b.nal(3, kNalSps);
-  ASSERT_TRUE(parse_sps(nal.data(), nal.size(), sps));
-  EXPECT_EQ(summary(sps), "profile 122 level 40 chroma 2 fields 1276x720 crop 0 4 0 16 poc 2 sar 4:3 tick 1001/60000 "
-                          "reorder 3");
+  EXPECT_EQ(parsed(b.nal(3, kNalSps)),
+            "profile 122 level 40 chroma 2 fields 1276x720 crop 0 4 0 16 poc 2 sar 4:3 tick 1001/60000 reorder 3");
 
   // Found by fuzzing: a scaling-list delta far outside -128..127 overflowed
   // the running scale instead of being refused.
-  const auto fuzzed = unhex("6764000DADD94141FB013DFFFFFFFFFFF3FF00000001FFFFFF746B6864FFFFFFFFFFFFFFFFFFFFFFFFFF"
-                            "0075722099996004");
-  EXPECT_FALSE(parse_sps(fuzzed.data(), fuzzed.size(), sps));
+  EXPECT_EQ(parsed(unhex("6764000DADD94141FB013DFFFFFFFFFFF3FF00000001FFFFFF746B6864FFFFFFFFFFFFFFFFFFFFFFFFFF"
+                         "0075722099996004")),
+            "refused");
 }
 
-// A Baseline SPS with the given fields, 320x240, and a PPS.
+// An SPS with the given fields, 320x240 (Baseline, or a High profile with
+// every scaling list flag 0 when `chroma` is set), and a PPS.
 struct HandSps {
-  uint32_t id = 0, frame_num_minus4 = 0, poc_type = 0, lsb_minus4 = 0, width_mbs = 20;
+  int chroma = -1;
+  bool separate = false;
+  uint32_t depth = 0, id = 0, frame_num_minus4 = 0, poc_type = 0, lsb_minus4 = 0, width_mbs = 20;
   std::vector<int32_t> cycle;
   int32_t non_ref = 0;
   std::vector<uint32_t> crop;  // left, right, top, bottom in crop units
@@ -134,7 +138,13 @@ struct HandSps {
 
   Nal nal() const {
     Bits b;
-    b.u(8, 66).u(8, 0).u(8, 30).ue(id).ue(frame_num_minus4).ue(poc_type);
+    b.u(8, chroma < 0 ? 66 : 244).u(8, 0).u(8, 30).ue(id);
+    if (chroma >= 0) {
+      b.ue(uint32_t(chroma));
+      if (chroma == 3) b.u(1, separate);
+      b.ue(depth).ue(depth).u(1, 0).u(1, 1).u(chroma == 3 ? 12 : 8, 0);
+    }
+    b.ue(frame_num_minus4).ue(poc_type);
     if (poc_type == 0) b.ue(lsb_minus4);
     if (poc_type == 1) {
       b.u(1, 0).se(non_ref).se(0).ue(uint32_t(cycle.size()));
@@ -164,6 +174,8 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
     Nal (*make)(bool past);
   } limits[] = {
       {"seq_parameter_set_id 31", [](bool p) { HandSps s; s.id = p ? 32 : 31; return s.nal(); }},
+      {"chroma_format_idc 3", [](bool p) { HandSps s; s.chroma = p ? 4 : 3; return s.nal(); }},
+      {"bit depth 14", [](bool p) { HandSps s; s.chroma = 1, s.depth = p ? 7 : 6; return s.nal(); }},
       {"log2_max_frame_num 16", [](bool p) { HandSps s; s.frame_num_minus4 = p ? 13 : 12; return s.nal(); }},
       {"log2_max_pic_order_cnt_lsb 16", [](bool p) { HandSps s; s.lsb_minus4 = p ? 13 : 12; return s.nal(); }},
       {"pic_order_cnt_type 2", [](bool p) { HandSps s; s.poc_type = p ? 3 : 2; return s.nal(); }},
@@ -182,31 +194,40 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
     SCOPED_TRACE(limit.what);
     for (const bool past : {false, true}) {
       const Nal nal = limit.make(past);
-      Sps sps;
       Pps pps;
-      const bool is_sps = (nal[0] & 0x1F) == kNalSps;
-      EXPECT_EQ(is_sps ? parse_sps(nal.data(), nal.size(), sps) : parse_pps(nal.data(), nal.size(), pps), !past);
+      EXPECT_EQ((nal[0] & 0x1F) == kNalSps ? parsed(nal) != "refused" : parse_pps(nal.data(), nal.size(), pps), !past);
     }
   }
-  // Table E-1 ends at 16 (2:1); 17 to 254 are reserved and give no ratio.
-  HandSps hand;
-  for (const auto& [idc, sar] : {std::pair{1, " sar 1:1"}, {16, " sar 2:1"}, {17, " sar 0:0"}}) {
-    hand.sar_idc = idc;
-    const Nal with_sar = hand.nal();
-    Sps fresh;
-    ASSERT_TRUE(parse_sps(with_sar.data(), with_sar.size(), fresh));
-    EXPECT_NE(summary(fresh).find(sar), std::string::npos) << summary(fresh);
+  // The crop unit of each chroma format (separate planes count as
+  // monochrome), after 8 or 12 scaling list flags; and Table E-1, which ends
+  // at 16 (2:1): 17 to 254 are reserved and give no ratio.
+  const struct {
+    int chroma;
+    bool separate;
+    int sar_idc;
+    const char* expected;
+  } cases[] = {
+      {0, false, 1, "chroma 0 frames 317x233 crop 1 2 3 4 poc 0 sar 1:1"},
+      {1, false, 16, "chroma 1 frames 314x226 crop 2 4 6 8 poc 0 sar 2:1"},
+      {2, false, 17, "chroma 2 frames 314x233 crop 2 4 3 4 poc 0 sar 0:0"},
+      {3, false, -1, "chroma 3 frames 317x233 crop 1 2 3 4 poc 0 sar 0:0"},
+      {3, true, -1, "chroma 3 frames 317x233 crop 1 2 3 4 poc 0 sar 0:0"},
+  };
+  for (const auto& c : cases) {
+    HandSps s;
+    s.chroma = c.chroma, s.separate = c.separate, s.sar_idc = c.sar_idc, s.crop = {1, 2, 3, 4};
+    EXPECT_EQ(parsed(s.nal()), std::string("profile 244 level 30 ") + c.expected) << c.chroma << c.separate;
   }
 }
 
 TEST(H264SliceHeader, X264StreamsInDisplayOrder) {
   // The first bytes of each slice of a six-frame x264 stream (Main,
   // B-frames): ffprobe shows them in display order 0, 2, 3, 1, 5, 4.
-  const auto sets = sets_of(unhex("674d4028eca03c0113f2e022000007d20001d4c01e30632c"), unhex("68ce0fc8"));
+  const auto sets = sets_of(unhex(kX264Sps), unhex("68ce0fc8"));
   const std::vector<Nal> slices = {
       unhex("65888400e831800788088570"), unhex("419a2302af0cc3879ee3df21"), unhex("419e4142afe78b9b82653953"),
       unhex("019e6242455f1be000881571"), unhex("419a65344a72af5f127571e0"), unhex("019e844519e37c001180f102")};
-  EXPECT_EQ(pocs_of(sets, slices), (std::vector<int64_t>{0, 6, 2, 4, 10, 8}));  // x264 counts 2 a frame
+  EXPECT_EQ(pocs_of(sets, slices), (Pocs{0, 6, 2, 4, 10, 8}));  // x264 counts 2 a frame
 
   // The IDR: first macroblock 0, I slice, frame_num 0; slice 3: B, not a reference.
   SliceHeader idr, b;
@@ -219,6 +240,7 @@ TEST(H264SliceHeader, X264StreamsInDisplayOrder) {
   ParameterSets none;
   EXPECT_FALSE(parse_slice_header(slices[1].data(), slices[1].size(), none, b));
   EXPECT_FALSE(parse_slice_header(slices[1].data(), 2, sets, b));
+
 }
 
 // slice_type 0 P, 1 B, 2 I. `poc_field` is pic_order_cnt_lsb (type 0) or
@@ -252,24 +274,24 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   const auto t1 = hand_sets(1, {6}, -4);
   EXPECT_EQ(pocs_of(t1, {hand_slice(1, true, 3, 2, 0, 0), hand_slice(1, false, 2, 0, 1, 0),
                          hand_slice(1, false, 0, 1, 2, 0), hand_slice(1, false, 0, 1, 2, 2)}),
-            (std::vector<int64_t>{0, 6, 2, 4}));
+            (Pocs{0, 6, 2, 4}));
   // A cycle of two: offsets 5 and 1 by turns.
   EXPECT_EQ(pocs_of(hand_sets(1, {5, 1}), {hand_slice(1, true, 3, 2, 0, 0), hand_slice(1, false, 2, 0, 1, 0),
                                            hand_slice(1, false, 2, 0, 2, 0), hand_slice(1, false, 2, 0, 3, 0)}),
-            (std::vector<int64_t>{0, 5, 6, 11}));
+            (Pocs{0, 5, 6, 11}));
 
-  // Type 1 across the wrap of a 4-bit frame_num: FrameNumOffset carries on.
-  std::vector<Nal> run{hand_slice(1, true, 3, 2, 0, 0)};
-  for (uint32_t i = 1; i < 20; ++i) run.push_back(hand_slice(1, false, 2, 0, i % 16, 0));
-  const auto wrapped = pocs_of(t1, run);
-  for (std::size_t i = 0; i < wrapped.size(); ++i) EXPECT_EQ(wrapped[i], int64_t(6 * i)) << i;
-
-  // Type 0 across the wrap of a 4-bit pic_order_cnt_lsb.
+  // Across the wrap of a 4-bit frame_num (type 1: FrameNumOffset carries on)
+  // and of a 4-bit pic_order_cnt_lsb (type 0).
   const auto t0 = hand_sets(0);
-  run = {hand_slice(0, true, 3, 2, 0, 0)};
-  for (uint32_t i = 1; i < 20; ++i) run.push_back(hand_slice(0, false, 2, 0, i % 16, int32_t((2 * i) % 16)));
-  const auto msb = pocs_of(t0, run);
-  for (std::size_t i = 0; i < msb.size(); ++i) EXPECT_EQ(msb[i], int64_t(2 * i)) << i;
+  std::vector<Nal> type1{hand_slice(1, true, 3, 2, 0, 0)}, type0{hand_slice(0, true, 3, 2, 0, 0)};
+  Pocs sixes{0}, twos{0};
+  for (uint32_t i = 1; i < 20; ++i) {
+    type1.push_back(hand_slice(1, false, 2, 0, i % 16, 0));
+    type0.push_back(hand_slice(0, false, 2, 0, i % 16, int32_t((2 * i) % 16)));
+    sixes.push_back(6 * i), twos.push_back(2 * i);
+  }
+  EXPECT_EQ(pocs_of(t1, type1), sixes);
+  EXPECT_EQ(pocs_of(t0, type0), twos);
 
   // At exactly half the lsb range a fall is a wrap and a rise is not
   // (§8.2.1.1); one more than half and a rise is a wrap backwards. Only
@@ -277,50 +299,50 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 8),
                          hand_slice(0, false, 2, 0, 2, 0), hand_slice(0, false, 0, 0, 3, 9),
                          hand_slice(0, false, 2, 0, 3, 8)}),
-            (std::vector<int64_t>{0, 8, 16, 9, 24}));
+            (Pocs{0, 8, 16, 9, 24}));
 
   // memory_management_control_operation 5 restarts counting like an IDR:
   // the picture itself counts 0, and the one after it counts from there.
   EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 4),
                          hand_slice(0, false, 2, 0, 2, 8, true), hand_slice(0, false, 2, 0, 1, 2)}),
-            (std::vector<int64_t>{0, 4, 0, 2}));
+            (Pocs{0, 4, 0, 2}));
 
-  // slice_type 9 is the largest.
-  for (const uint32_t type : {9u, 10u}) {
-    const Nal nal = Bits().ue(0).ue(type).ue(0).u(4, 0).ue(0).u(4, 0).u(2, 0).nal(3, kNalIdrSlice);
+  // slice_type 9 is the largest; with separate colour planes colour_plane_id
+  // (2 bits) comes before frame_num.
+  HandSps planes;
+  planes.chroma = 3, planes.separate = true;
+  const auto with_planes = sets_of(planes.nal(), hand_pps());
+  for (const auto& [type, plane_bits, ok] : {std::tuple{9u, 0u, true}, {10u, 0u, false}, {7u, 2u, true}}) {
+    const Nal nal = Bits().ue(0).ue(type).ue(0).u(plane_bits, 3).u(4, 5).ue(0).u(4, 0).u(2, 0).nal(3, kNalIdrSlice);
     SliceHeader sh;
-    EXPECT_EQ(parse_slice_header(nal.data(), nal.size(), t0, sh), type == 9);
+    EXPECT_EQ(parse_slice_header(nal.data(), nal.size(), plane_bits ? with_planes : t0, sh), ok) << type;
+    EXPECT_EQ(sh.frame_num, ok ? 5u : 0u) << type;
   }
 
   // Type 2: non-reference pictures count one less; an IDR after other
   // pictures starts again at 0.
   EXPECT_EQ(pocs_of(hand_sets(2), {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0),
                                    hand_slice(2, false, 0, 0, 2, 0), hand_slice(2, true, 3, 2, 0, 0)}),
-            (std::vector<int64_t>{0, 2, 3, 0}));
+            (Pocs{0, 2, 3, 0}));
 }
 
 // §7.3.2.3.1 and §D.1.8 by hand: the recovery point is found after other
-// messages, and only payload type 6 counts (0xFF 0x06 is type 261).
+// messages (one of 300 bytes: size FF 2D), and only payload type 6 counts
+// (0xFF 0x06 is type 261).
 TEST(H264Sei, RecoveryPointAmongOtherMessages) {
-  const struct {
-    const char* nal;
-    bool found;
-    uint32_t frames;
-  } cases[] = {
-      {"06 06 02 24 40 80", true, 3},                                         // recovery_frame_cnt 3
-      {"06 05 11 11111111111111111111111111111111 78 06 01 C4 80", true, 0},  // after user data
-      {"06 04 02 B5 00 80", false, 0},                                        // registered user data only
-      {"06 FF 06 01 C4 80", false, 0},                                        // type 261
-      {"06 06 02 24", false, 0},                                              // cut in the payload
-      {"65 06 01 C4 80", false, 0},                                           // not an SEI NAL unit
+  const std::pair<std::string, int> cases[] = {
+      {"06 06 02 24 40 80", 3},                                                // recovery_frame_cnt 3
+      {"06 05 11 11111111111111111111111111111111 78 06 01 C4 80", 0},         // after user data
+      {"06 05 FF 2D " + std::string(600, '1') + " 06 02 24 40 80", 3},          // after 300 bytes of it
+      {"06 04 02 B5 00 80", -1},                                               // registered user data only
+      {"06 FF 06 01 C4 80", -1},                                               // type 261
+      {"06 06 02 24", -1},                                                     // cut in the payload
+      {"65 06 01 C4 80", -1},                                                  // not an SEI NAL unit
   };
-  for (const auto& c : cases) {
-    const auto nal = unhex(c.nal);
-    uint32_t frames = 99;
-    EXPECT_EQ(find_recovery_point(nal.data(), nal.size(), frames), c.found) << c.nal;
-    if (c.found) {
-      EXPECT_EQ(frames, c.frames) << c.nal;
-    }
+  for (const auto& [bytes, frames] : cases) {
+    const auto nal = unhex(bytes);
+    uint32_t found = 99;
+    EXPECT_EQ(find_recovery_point(nal.data(), nal.size(), found) ? int(found) : -1, frames) << bytes;
   }
 }
 

@@ -46,23 +46,14 @@ std::string summary(const Sps& s) {
 }
 
 TEST(HevcNalHeader, FieldsAndRefusals) {
-  const struct {
-    std::vector<uint8_t> bytes;
-    bool ok;
-    int type, layer, tid;
-  } cases[] = {
-      {{0x7F, 0xFF}, true, 63, 63, 6},  // every field at its largest
-      {{0x80, 0x01}, false, 0, 0, 0},   // forbidden_zero_bit
-      {{0x02, 0x00}, false, 0, 0, 0},   // nuh_temporal_id_plus1 0
-      {{0x02}, false, 0, 0, 0},
-  };
-  for (const auto& c : cases) {
-    NalHeader h;
-    ASSERT_EQ(parse_nal_header(c.bytes.data(), c.bytes.size(), h), c.ok) << boxlane::test::hex(c.bytes);
-    if (c.ok) {
-      EXPECT_EQ((std::array<int, 3>{h.type, h.layer_id, h.temporal_id}), (std::array<int, 3>{c.type, c.layer, c.tid}));
-    }
-  }
+  // Every field at its largest; then forbidden_zero_bit, nuh_temporal_id_plus1 0 and a header cut short.
+  const uint8_t largest[] = {0x7F, 0xFF}, forbidden[] = {0x80, 0x01}, no_tid[] = {0x02, 0x00};
+  NalHeader h;
+  ASSERT_TRUE(parse_nal_header(largest, 2, h));
+  EXPECT_EQ((std::array<int, 3>{h.type, h.layer_id, h.temporal_id}), (std::array<int, 3>{63, 63, 6}));
+  EXPECT_FALSE(parse_nal_header(forbidden, 2, h));
+  EXPECT_FALSE(parse_nal_header(no_tid, 2, h));
+  EXPECT_FALSE(parse_nal_header(largest, 1, h));
 }
 
 TEST(HevcParameterSets, X265Main10) {
@@ -126,14 +117,8 @@ std::string parsed(const HandSps& hand) {
 
 TEST(HevcParameterSets, HandMadeSequenceParameterSetsReadToTheEnd) {
   // Every field the syntax skips must be skipped exactly, or the VUI at the
-  // end (SAR 64:45, 1001/60000, segmentation 1000) comes out wrong.
-  HandSps plain;
-  EXPECT_EQ(parsed(plain),
-            "sps 0 vps 0 sub 1 nest 1 | space 1 tier 1 profile 2 compat 20000000 constraints 800000000001 level 153 | "
-            "chroma 1 1280x720 window 0 0 0 0 = 1280x720 depth 8 8 lsb 8 dpb 5 reorder 0 ctb 6 rps 0 | sar 64:45 "
-            "tick 1001/60000 segmentation 1000");
-
-  // Sub-layers with their own profiles and levels, scaling lists, PCM,
+  // end (SAR 64:45, 1001/60000, segmentation 1000) comes out wrong:
+  // sub-layers with their own profiles and levels, scaling lists, PCM,
   // explicit and predicted reference picture sets, long-term pictures and
   // HRD parameters for every sub-layer.
   HandSps full;
@@ -181,12 +166,16 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
       {"bit_depth_chroma_minus8 8", [](HandSps& s, bool past) { s.chroma_minus8 = past ? 9 : 8; }},
       {"log2_max_pic_order_cnt_lsb_minus4 12", [](HandSps& s, bool past) { s.lsb_minus4 = past ? 13 : 12; }},
       {"sps_max_dec_pic_buffering_minus1 15", [](HandSps& s, bool past) { s.buffering_minus1 = past ? 16 : 15; }},
+      {"sps_max_num_reorder_pics 4 of 5", [](HandSps& s, bool past) { s.reorder = past ? 5 : 4; }},
       {"CtbLog2SizeY 6", [](HandSps& s, bool past) { s.cb_diff = past ? 4 : 3; }},
+      {"CtbLog2SizeY 4", [](HandSps& s, bool past) { s.cb_diff = past ? 0 : 1, s.tb_diff = 1; }},
       {"min_spatial_segmentation_idc 4095", [](HandSps& s, bool past) { s.min_spatial = past ? 4096 : 4095; }},
       {"pic_width_in_luma_samples 32768", [](HandSps& s, bool past) { s.width = past ? 32776 : 32768; }},
       {"width a multiple of MinCbSizeY", [](HandSps& s, bool past) { s.width = past ? 1284 : 1288; }},
       {"conformance window narrower than the picture",
        [](HandSps& s, bool past) { s.window = {past ? 320u : 319u, 320, 0, 0}; }},
+      {"conformance window lower than the picture",
+       [](HandSps& s, bool past) { s.window = {0, 0, past ? 180u : 179u, 180}; }},
       {"num_short_term_ref_pic_sets 64",
        [](HandSps& s, bool past) {
          s.rps.assign(past ? 65 : 64, explicit_rps({1}, {}, false));
@@ -203,16 +192,20 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
     EXPECT_NE(parsed(at), "refused") << limit.what;
     EXPECT_EQ(parsed(past), "refused") << limit.what;
   }
-  Pps pps;
-  EXPECT_TRUE(parse_pps(hand_pps(63).data(), hand_pps(63).size(), pps));
-  EXPECT_FALSE(parse_pps(hand_pps(64).data(), hand_pps(64).size(), pps)) << "pps_pic_parameter_set_id 64";
+  const struct {
+    const char* what;
+    std::vector<uint8_t> at, past;
+  } pps_limits[] = {{"pps_pic_parameter_set_id 63", hand_pps(63), hand_pps(64)},
+                    {"init_qp_minus26 25", hand_pps(0, 0, 0, 0, 1, 1, 25), hand_pps(0, 0, 0, 0, 1, 1, 26)}};
+  for (const auto& limit : pps_limits) {
+    Pps pps;
+    EXPECT_TRUE(parse_pps(limit.at.data(), limit.at.size(), pps)) << limit.what;
+    EXPECT_FALSE(parse_pps(limit.past.data(), limit.past.size(), pps)) << limit.what;
+  }
 }
 
-ParameterSets hand_sets(uint32_t lsb_minus4, uint32_t width = 1280, uint32_t height = 720) {
-  HandSps hand;
+ParameterSets hand_sets(uint32_t lsb_minus4, HandSps hand = {}) {
   hand.lsb_minus4 = lsb_minus4;
-  hand.width = width;
-  hand.height = height;
   ParameterSets sets;
   const auto sps = hand.nal();
   EXPECT_TRUE(parse_sps(sps.data(), sps.size(), sets.sps[0]));
@@ -278,45 +271,47 @@ TEST(HevcPictureOrder, WrapAtHalfTheRangeAndTheTid0Picture) {
 }
 
 TEST(HevcSliceHeader, SegmentsAndRefusals) {
-  const ParameterSets sets = hand_sets(4);
-  // 1280x720 in 64x64 tree blocks: 20 x 12 = 240, so 8 address bits.
-  EXPECT_EQ(sets.sps[0].ctbs_in_picture(), 240u);
+  // 1280x720 in 64x64 tree blocks: 20 x 12 = 240, so 8 address bits; 1024x1024
+  // is exactly 256 and still takes 8. With separate colour planes,
+  // colour_plane_id (2 bits) comes before the lsb.
+  HandSps square, planes;
+  square.width = square.height = 1024;
+  planes.chroma = 3, planes.separate = true;
+  const ParameterSets sets[] = {hand_sets(4), hand_sets(4, square), hand_sets(4, planes)};
+  EXPECT_EQ(sets[0].sps[0].ctbs_in_picture(), 240u);
   struct Case {
     const char* what;
+    int sets;
     std::vector<uint8_t> nal;
     bool ok;
-    std::array<uint32_t, 5> fields;  // first, dependent, address, slice_type, poc_lsb
-    bool output = true;
+    std::array<uint32_t, 6> fields;  // first, dependent, address, slice_type, poc_lsb, pic_output
   };
   const auto slice = [](uint8_t type, const Bits& b) { return b.hevc_nal(type); };
   const Case cases[] = {
-      {"IDR: no lsb", slice(kIdrNLp, Bits().u(1, 1).u(1, 1).ue(0).ue(2)), true, {1, 0, 0, 2, 0}},
-      {"CRA with lsb", slice(kCra, Bits().u(1, 1).u(1, 0).ue(0).ue(2).u(8, 200)), true, {1, 0, 0, 2, 200}},
-      {"second segment", slice(kTrailR, Bits().u(1, 0).ue(0).u(8, 239).ue(1).u(8, 33)), true, {0, 0, 239, 1, 33}},
-      {"address past the picture", slice(kTrailR, Bits().u(1, 0).ue(0).u(8, 240).ue(1).u(8, 33)), false, {}},
-      {"dependent segment: nothing more", slice(kTrailR, Bits().u(1, 0).ue(63).u(1, 1).u(8, 5)), true, {0, 1, 5, 0, 0}},
-      {"extra bits and pic_output_flag 0",
-       slice(kTrailN, Bits().u(1, 1).ue(63).u(2, 3).ue(0).u(1, 0).u(8, 77)), true, {1, 0, 0, 0, 77}, false},
-      {"slice_type 3", slice(kTrailR, Bits().u(1, 1).ue(0).ue(3).u(8, 1)), false, {}},
-      {"unknown PPS", slice(kTrailR, Bits().u(1, 1).ue(2).ue(1).u(8, 1)), false, {}},
-      {"reserved VCL type 10", slice(10, Bits().u(1, 1).ue(0).ue(1).u(8, 1)), false, {}},
+      {"IDR: no lsb", 0, slice(kIdrNLp, Bits().u(1, 1).u(1, 1).ue(0).ue(2)), true, {1, 0, 0, 2, 0, 1}},
+      {"CRA with lsb", 0, slice(kCra, Bits().u(1, 1).u(1, 0).ue(0).ue(2).u(8, 200)), true, {1, 0, 0, 2, 200, 1}},
+      {"second segment", 0, slice(kTrailR, Bits().u(1, 0).ue(0).u(8, 239).ue(1).u(8, 33)), true, {0, 0, 239, 1, 33, 1}},
+      {"address past the picture", 0, slice(kTrailR, Bits().u(1, 0).ue(0).u(8, 240).ue(1).u(8, 33)), false, {}},
+      {"address 0 after the first", 0, slice(kTrailR, Bits().u(1, 0).ue(0).u(8, 0).ue(1).u(8, 33)), false, {}},
+      {"last of 256", 1, slice(kTrailR, Bits().u(1, 0).ue(0).u(8, 255).ue(1).u(8, 33)), true, {0, 0, 255, 1, 33, 1}},
+      {"colour_plane_id", 2, slice(kTrailR, Bits().u(1, 1).ue(0).ue(1).u(2, 2).u(8, 33)), true, {1, 0, 0, 1, 33, 1}},
+      {"dependent segment: nothing more", 0, slice(kTrailR, Bits().u(1, 0).ue(63).u(1, 1).u(8, 5)), true,
+       {0, 1, 5, 0, 0, 1}},
+      {"extra bits and pic_output_flag 0", 0, slice(kTrailN, Bits().u(1, 1).ue(63).u(2, 3).ue(0).u(1, 0).u(8, 77)),
+       true, {1, 0, 0, 0, 77, 0}},
+      {"slice_type 3", 0, slice(kTrailR, Bits().u(1, 1).ue(0).ue(3).u(8, 1)), false, {}},
+      {"unknown PPS", 0, slice(kTrailR, Bits().u(1, 1).ue(2).ue(1).u(8, 1)), false, {}},
+      {"reserved VCL type 10", 0, slice(10, Bits().u(1, 1).ue(0).ue(1).u(8, 1)), false, {}},
   };
   for (const Case& c : cases) {
     SliceHeader sh;
-    ASSERT_EQ(parse_slice_header(c.nal.data(), c.nal.size(), sets, sh), c.ok) << c.what;
+    ASSERT_EQ(parse_slice_header(c.nal.data(), c.nal.size(), sets[c.sets], sh), c.ok) << c.what;
     if (!c.ok) continue;
-    EXPECT_EQ((std::array<uint32_t, 5>{sh.first_slice_segment_in_pic, sh.dependent_slice_segment, sh.segment_address,
-                                       sh.slice_type, sh.poc_lsb}),
+    EXPECT_EQ((std::array<uint32_t, 6>{sh.first_slice_segment_in_pic, sh.dependent_slice_segment, sh.segment_address,
+                                       sh.slice_type, sh.poc_lsb, sh.pic_output}),
               c.fields)
         << c.what;
-    EXPECT_EQ(sh.pic_output, c.output) << c.what;
   }
-  SliceHeader sh;
-  // 1024x1024: exactly 256 tree blocks still take 8 address bits.
-  const ParameterSets square = hand_sets(4, 1024, 1024);
-  const auto last = slice(kTrailR, Bits().u(1, 0).ue(0).u(8, 255).ue(1).u(8, 33));
-  ASSERT_TRUE(parse_slice_header(last.data(), last.size(), square, sh));
-  EXPECT_EQ((std::array<uint32_t, 3>{sh.segment_address, sh.slice_type, sh.poc_lsb}), (std::array<uint32_t, 3>{255, 1, 33}));
 }
 
 }  // namespace

@@ -17,12 +17,12 @@ const std::string kSps = "67 64 00 0B AC D9 42 84 7E 5C 04 40 00 00 03 00 40 00 
 const std::string kPps = "68 EB E3 CB 22 C0";
 
 struct Found {
-  std::array<uint8_t, SANVIK_PARAMSET_CAPACITY> sps{}, pps{};
-  int sps_len = 0, pps_len = 0;
+  std::array<uint8_t, SANVIK_PARAMSET_CAPACITY> sps{}, pps{}, sei{};
+  int sps_len = 0, pps_len = 0, sei_len = 0;
   bool ok;
   Found(const Bytes& in, int codec = 27) {
-    ok = Sanvik_Parse_VideoHdr(in.data(), int(in.size()), codec, 0, sps.data(), pps.data(), nullptr, nullptr,
-                               &sps_len, &pps_len, nullptr, nullptr);
+    ok = Sanvik_Parse_VideoHdr(in.data(), int(in.size()), codec, 0, sps.data(), pps.data(), nullptr, sei.data(),
+                               &sps_len, &pps_len, nullptr, &sei_len);
   }
   std::string sps_hex() const { return hex(sps.data(), std::size_t(sps_len)); }
   std::string pps_hex() const { return hex(pps.data(), std::size_t(pps_len)); }
@@ -63,6 +63,7 @@ TEST(Sanvik, FirstOfEachTypeWithinCapacity) {
   Found f(mixed);
   EXPECT_EQ(f.sps_hex(), kSps);
   EXPECT_EQ(f.pps_hex(), kPps);
+  EXPECT_EQ(hex(f.sei.data(), std::size_t(f.sei_len)), "06 05 01 AA 80");
   EXPECT_FALSE(Found(unhex(kSps + kPps)).ok) << "bare units are not Annex B";
 
   // An SPS larger than the buffer is dropped, not truncated, and a later one

@@ -18,12 +18,13 @@ struct HandSps {
   bool sub_layer_profile = false;  // sub_layer_profile_present_flag of every sub-layer
   uint32_t id = 0;
   uint32_t chroma = 1;
+  bool separate = false;  // separate_colour_plane_flag (4:4:4)
   uint32_t width = 1280, height = 720;
   std::vector<uint32_t> window;  // left, right, top bottom in chroma units
   uint32_t luma_minus8 = 0, chroma_minus8 = 0;
   uint32_t lsb_minus4 = 4;
-  uint32_t buffering_minus1 = 4;
-  uint32_t min_cb_minus3 = 0, cb_diff = 3;
+  uint32_t buffering_minus1 = 4, reorder = 0;
+  uint32_t min_cb_minus3 = 0, cb_diff = 3, tb_diff = 3;
   bool scaling_list = false;
   bool pcm = false;
   std::vector<Bits> rps;
@@ -43,13 +44,13 @@ struct HandSps {
       b.u(8, 0xAA);
     }
     b.ue(id).ue(chroma);
-    if (chroma == 3) b.u(1, 0);
+    if (chroma == 3) b.u(1, separate);
     b.ue(width).ue(height).u(1, !window.empty());
     for (uint32_t w : window) b.ue(w);
     b.ue(luma_minus8).ue(chroma_minus8).ue(lsb_minus4);
     b.u(1, 1);
-    for (uint32_t i = 0; i <= sub_layers_minus1; ++i) b.ue(buffering_minus1).ue(0).ue(0);
-    b.ue(min_cb_minus3).ue(cb_diff).ue(0).ue(3).ue(1).ue(1);
+    for (uint32_t i = 0; i <= sub_layers_minus1; ++i) b.ue(buffering_minus1).ue(reorder).ue(0);
+    b.ue(min_cb_minus3).ue(cb_diff).ue(0).ue(tb_diff).ue(1).ue(1);
     b.u(1, scaling_list);
     if (scaling_list) {
       b.u(1, 1);
@@ -96,13 +97,12 @@ struct HandSps {
 // A picture parameter set for SPS 0 with the given slice header switches,
 // wavefront (entropy coding sync) and tiles.
 inline std::vector<uint8_t> hand_pps(uint32_t id, bool dependent = false, bool output_flag = false, uint32_t extra_bits = 0,
-                                     bool wpp = true, bool tiles = true) {
+                                     bool wpp = true, bool tiles = true, int32_t init_qp_minus26 = 0) {
   Bits b;
-  b.ue(id).ue(0).u(1, dependent).u(1, output_flag).u(3, extra_bits).u(1, 0).u(1, 0).ue(0).ue(0).se(0);
+  b.ue(id).ue(0).u(1, dependent).u(1, output_flag).u(3, extra_bits).u(1, 0).u(1, 0).ue(0).ue(0).se(init_qp_minus26);
   b.u(1, 0).u(1, 0).u(1, 0).se(0).se(0).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, tiles).u(1, wpp);
   if (tiles) b.ue(1).ue(0).u(1, 1).u(1, 1);  // two tile columns, one row, uniform spacing, loop filter across tiles
   return b.hevc_nal(hevc::kPps);
 }
-
 
 }  // namespace boxlane::test
