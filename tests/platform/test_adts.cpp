@@ -1,5 +1,5 @@
-// tests/data/aac_lc_44100_stereo.adts: ffmpeg -f lavfi -i sine=frequency=440:sample_rate=44100 -t 0.1
-// -ac 2 -c:a aac -f adts. ffprobe -show_packets: frames of 345 415 340 351 409 14 bytes, LC, 44100 Hz, 2 ch.
+// tests/data/aac_lc_44100_stereo.adts: ffmpeg -f lavfi -i sine=frequency=440:sample_rate=44100 -t 0.1 -ac 2
+// -c:a aac -f adts. ffprobe -show_packets: frames of 345 415 340 351 409 14 bytes, LC, 44100 Hz, 2 ch.
 #include "platform/adts.hpp"
 #include "platform/sanvik.hpp"
 #include "support/paths.hpp"
@@ -30,9 +30,8 @@ TEST(Adts, ReadsAnFfmpegStream) {
   EXPECT_FALSE(Sanvik_Parse_AACInfo(stream.data(), 344, nullptr, nullptr, nullptr, nullptr));
 }
 
-// ISO/IEC 14496-3 Table 1.A.5/1.A.6 written out bit by bit. Each header is
-// given `size` bytes (an exact heap copy, so a read past them trips the
-// sanitizer), and the AudioSpecificConfig of §1.6.2.1 follows from it.
+// ISO/IEC 14496-3 Table 1.A.5/1.A.6 written out bit by bit. Each header is given `size` bytes (an exact heap
+// copy, so a read past them trips the sanitizer), and the AudioSpecificConfig of §1.6.2.1 follows from it.
 TEST(Adts, HeadersFieldByFieldAndTheirConfigurations) {
   const struct {
     const char* what;
@@ -72,9 +71,8 @@ TEST(Adts, HeadersFieldByFieldAndTheirConfigurations) {
   }
 }
 
-// ISO/IEC 14496-3 Table 4.2 written out by hand. In a frame the PCE follows
-// the 3-bit element id and aligns from the block's start; in the
-// configuration it follows 16 bits and aligns from there.
+// ISO/IEC 14496-3 Table 4.2 written out by hand. In a frame the PCE follows the 3-bit element id and aligns
+// from the block's start; in the configuration it follows 16 bits and aligns from there.
 TEST(Adts, ProgramConfigElementMovesIntoTheConfiguration) {
   const struct {
     const char* what;
@@ -83,11 +81,11 @@ TEST(Adts, ProgramConfigElementMovesIntoTheConfiguration) {
     const char* config;
     unsigned channels;
   } cases[] = {
-      // A front CPE and a side SCE (tag 3), mono, stereo (element 5) and
-      // matrix mixdowns (index 2, no pseudo surround), the comment "hi".
+      // A front CPE and a side SCE (tag 3), mono, stereo (element 5) and matrix mixdowns (index 2, no pseudo
+      // surround), the comment "hi".
       {"44.1 kHz, 3 channels", 4, "A2 A0 88 00 27 5C 80 C0 02 68 69 E0", "12 00 15 04 40 01 3A E4 06 02 68 69", 3},
-      // 5.1: front SCE and CPE, back CPE, one LFE, an associated data
-      // element and an independently switched coupling channel; no comment.
+      // 5.1: front SCE and CPE, back CPE, one LFE, an associated data element and an independently switched
+      // coupling channel; no comment.
       {"48 kHz, 5.1", 3, "A0 99 00 A4 40 21 10 29 80 00 E0", "11 80 04 C8 05 22 01 08 81 4C 00", 6},
   };
   AdtsHeader h;
@@ -101,8 +99,7 @@ TEST(Adts, ProgramConfigElementMovesIntoTheConfiguration) {
     ASSERT_TRUE(boxlane::audio_specific_config_with_pce(h, raw.data(), raw.size(), config, channels));
     EXPECT_EQ(hex(config), hex(unhex(c.config)));
     EXPECT_EQ(channels, c.channels);
-    // Cut anywhere before the comment ends (exact heap copies), it is
-    // refused and nothing is kept.
+    // Cut anywhere before the comment ends (exact heap copies), it is refused and nothing is kept.
     for (std::size_t size = 0; size + 1 < raw.size(); ++size) {
       const std::vector<uint8_t> cut(raw.begin(), raw.begin() + long(size));
       std::vector<uint8_t> none;

@@ -39,8 +39,8 @@ TEST(BeReader, FailsPastTheEndWithoutMovingStaysFailedAndBoundsSubViews) {
   EXPECT_TRUE(end.peek(1, seen) && seen == 0xEE);
   EXPECT_FALSE(end.peek(2, seen));
 
-  // A sub-view ends where its box ends and advances the parent past it; one
-  // longer than what remains fails the parent, not the position.
+  // A sub-view ends where its box ends and advances the parent past it; one longer than what remains fails
+  // the parent, not the position.
   const auto boxes = unhex("00000010 6D766864 01020304 05060708 99");
   BeReader p(boxes.data(), boxes.size());
   ASSERT_EQ(p.u32(), 16u);
@@ -57,8 +57,8 @@ TEST(BeReader, FailsPastTheEndWithoutMovingStaysFailedAndBoundsSubViews) {
   EXPECT_EQ(again.position(), 10u);
 }
 
-// Column sums over records of a stride: an odd count (the last record
-// alone), and records or fields that do not fit.
+// Column sums over records of a stride: an odd count (the last record alone), and records or fields that do
+// not fit.
 TEST(BeReader, SumsColumnsOfRecordsThatLieWhole) {
   const auto bytes = unhex("00000001 00000100 09090909 00000002 FFFFFFFF 09090909 00000003 00000005 09090909");
   BeReader whole(bytes.data(), bytes.size());
@@ -110,8 +110,8 @@ TEST(AnnexB, SplitsOnThreeAndFourByteStartCodes) {
   } cases[] = {
       {"00000001 6742 000001 68CE 00000001 6588 84", {"6742", "68CE", "658884"}, 0},
       {"FF 12 00 000001 0910", {"0910"}, 2},  // bytes before the first start code are no unit
-      // trailing_zero_8bits before the next start code and at the end are
-      // dropped; a zero inside a unit stays.
+      // trailing_zero_8bits before the next start code and at the end are dropped; a zero inside a unit
+      // stays.
       {"000001 6500 80 0000 00000001 4101 000000", {"650080", "4101"}, 0},
       // A start code that ends the stream opens no unit and is not part of the last one.
       {"000001 6588 000001", {"6588"}, 0},

@@ -1,5 +1,5 @@
-// The H.264 syntax parser on units that x264 made (values from the encoder
-// settings and ffprobe) and on hand-made bit strings for what x264 never writes.
+// The H.264 syntax parser on units that x264 made (values from the encoder settings and ffprobe) and on
+// hand-made bit strings for what x264 never writes.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -48,8 +48,8 @@ Pocs pocs_of(const ParameterSets& sets, const std::vector<Nal>& slices) {
 
 // Plain ue/se decoding is exercised by every parameter set and slice below.
 TEST(H264BitReader, EmulationPreventionAndTheLargestCodes) {
-  // Every 03 after two zeros is dropped, and counting zeros starts again
-  // after it; an 03 after a dropped one, or after a single zero, is data.
+  // Every 03 after two zeros is dropped, and counting zeros starts again after it; an 03 after a dropped one,
+  // or after a single zero, is data.
   const Nal escaped = unhex("06 0000 03 01 0000 03 0000 03 03 03 00 03"), again = unhex("06 0000 03 00 03");
   BitReader er(escaped.data(), escaped.size());
   EXPECT_EQ((std::vector<uint32_t>{er.bits(32), er.bits(24), er.bits(32)}),
@@ -94,10 +94,9 @@ TEST(H264ParameterSets, X264AndHandMadeSequenceParameterSets) {
   }
   EXPECT_EQ(parsed(unhex("68 EB E3 CB 22 C0")), "refused");
 
-  // High 4:2:2 at 14 bits, 1280x736 coded, fields (crop unit 2 x 2). Scaling
-  // lists (4x4, one that ends at once on a zero scale, 8x8) and every
-  // optional part of the VUI, with the most CPBs, must be skipped exactly,
-  // or the fields after them come out wrong.
+  // High 4:2:2 at 14 bits, 1280x736 coded, fields (crop unit 2 x 2). Scaling lists (4x4, one that ends at
+  // once on a zero scale, 8x8) and every optional part of the VUI, with the most CPBs, must be skipped
+  // exactly, or the fields after them come out wrong.
   Bits b;
   b.u(8, 122).u(8, 0).u(8, 40).ue(0).ue(2).ue(6).ue(6).u(1, 0).u(1, 1);
   b.u(1, 1);
@@ -118,15 +117,15 @@ TEST(H264ParameterSets, X264AndHandMadeSequenceParameterSets) {
   EXPECT_EQ(parsed(b.nal(3, kNalSps)),
             "profile 122 level 40 chroma 2 fields 1276x720 crop 0 4 0 16 poc 2 sar 4:3 tick 1001/60000 reorder 3");
 
-  // Found by fuzzing: a scaling-list delta far outside -128..127 overflowed
-  // the running scale instead of being refused.
+  // Found by fuzzing: a scaling-list delta far outside -128..127 overflowed the running scale instead of
+  // being refused.
   EXPECT_EQ(parsed(unhex("6764000DADD94141FB013DFFFFFFFFFFF3FF00000001FFFFFF746B6864FFFFFFFFFFFFFFFFFFFFFFFFFF"
                          "0075722099996004")),
             "refused");
 }
 
-// An SPS with the given fields, 320x240 (Baseline, or a High profile with
-// every scaling list flag 0 when `chroma` is set), and a PPS.
+// An SPS with the given fields, 320x240 (Baseline, or a High profile with every scaling list flag 0 when
+// `chroma` is set), and a PPS.
 struct HandSps {
   int chroma = -1;
   bool separate = false;
@@ -198,9 +197,8 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
       EXPECT_EQ((nal[0] & 0x1F) == kNalSps ? parsed(nal) != "refused" : parse_pps(nal.data(), nal.size(), pps), !past);
     }
   }
-  // The crop unit of each chroma format (separate planes count as
-  // monochrome), after 8 or 12 scaling list flags; and Table E-1, which ends
-  // at 16 (2:1): 17 to 254 are reserved and give no ratio.
+  // The crop unit of each chroma format (separate planes count as monochrome), after 8 or 12 scaling list
+  // flags; and Table E-1, which ends at 16 (2:1): 17 to 254 are reserved and give no ratio.
   const struct {
     int chroma;
     bool separate;
@@ -221,8 +219,8 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
 }
 
 TEST(H264SliceHeader, X264StreamsInDisplayOrder) {
-  // The first bytes of each slice of a six-frame x264 stream (Main,
-  // B-frames): ffprobe shows them in display order 0, 2, 3, 1, 5, 4.
+  // The first bytes of each slice of a six-frame x264 stream (Main, B-frames): ffprobe shows them in display
+  // order 0, 2, 3, 1, 5, 4.
   const auto sets = sets_of(unhex(kX264Sps), unhex("68ce0fc8"));
   const std::vector<Nal> slices = {
       unhex("65888400e831800788088570"), unhex("419a2302af0cc3879ee3df21"), unhex("419e4142afe78b9b82653953"),
@@ -243,8 +241,7 @@ TEST(H264SliceHeader, X264StreamsInDisplayOrder) {
 
 }
 
-// slice_type 0 P, 1 B, 2 I. `poc_field` is pic_order_cnt_lsb (type 0) or
-// delta_pic_order_cnt[0] (type 1).
+// slice_type 0 P, 1 B, 2 I. `poc_field` is pic_order_cnt_lsb (type 0) or delta_pic_order_cnt[0] (type 1).
 Nal hand_slice(uint32_t poc_type, bool idr, uint8_t ref_idc, uint32_t type, uint32_t frame_num, int32_t poc_field,
                bool mmco5 = false) {
   Bits b;
@@ -255,8 +252,7 @@ Nal hand_slice(uint32_t poc_type, bool idr, uint8_t ref_idc, uint32_t type, uint
   if (type == 1) b.u(1, 1);          // direct_spatial_mv_pred_flag
   if (type != 2) b.u(1, 0).u(1, 0);  // no override, no list modification
   if (type == 1) b.u(1, 0);
-  // dec_ref_pic_marking; with mmco5, every other operation (and its
-  // arguments, all 7) comes first.
+  // dec_ref_pic_marking; with mmco5, every other operation (and its arguments, all 7) comes first.
   if (ref_idc) idr ? b.u(2, 0) : b.u(1, mmco5);
   if (ref_idc && mmco5) b.ue(1).ue(7).ue(2).ue(7).ue(3).ue(7).ue(7).ue(4).ue(7).ue(6).ue(7).ue(5).ue(0);
   return b.nal(ref_idc, idr ? kNalIdrSlice : kNalSlice);
@@ -269,8 +265,8 @@ ParameterSets hand_sets(uint32_t poc_type, std::vector<int32_t> cycle = {}, int3
 }
 
 TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
-  // Type 1: reference frames 6 apart, non-reference pictures 4 before the
-  // expected count; the second B moves 2 later with delta_pic_order_cnt[0].
+  // Type 1: reference frames 6 apart, non-reference pictures 4 before the expected count; the second B moves
+  // 2 later with delta_pic_order_cnt[0].
   const auto t1 = hand_sets(1, {6}, -4);
   EXPECT_EQ(pocs_of(t1, {hand_slice(1, true, 3, 2, 0, 0), hand_slice(1, false, 2, 0, 1, 0),
                          hand_slice(1, false, 0, 1, 2, 0), hand_slice(1, false, 0, 1, 2, 2)}),
@@ -280,8 +276,8 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
                                            hand_slice(1, false, 2, 0, 2, 0), hand_slice(1, false, 2, 0, 3, 0)}),
             (Pocs{0, 5, 6, 11}));
 
-  // Across the wrap of a 4-bit frame_num (type 1: FrameNumOffset carries on)
-  // and of a 4-bit pic_order_cnt_lsb (type 0).
+  // Across the wrap of a 4-bit frame_num (type 1: FrameNumOffset carries on) and of a 4-bit pic_order_cnt_lsb
+  // (type 0).
   const auto t0 = hand_sets(0);
   std::vector<Nal> type1{hand_slice(1, true, 3, 2, 0, 0)}, type0{hand_slice(0, true, 3, 2, 0, 0)};
   Pocs sixes{0}, twos{0};
@@ -293,22 +289,20 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   EXPECT_EQ(pocs_of(t1, type1), sixes);
   EXPECT_EQ(pocs_of(t0, type0), twos);
 
-  // At exactly half the lsb range a fall is a wrap and a rise is not
-  // (§8.2.1.1); one more than half and a rise is a wrap backwards. Only
-  // reference pictures move the reference point.
+  // At exactly half the lsb range a fall is a wrap and a rise is not (§8.2.1.1); one more than half and a
+  // rise is a wrap backwards. Only reference pictures move the reference point.
   EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 8),
                          hand_slice(0, false, 2, 0, 2, 0), hand_slice(0, false, 0, 0, 3, 9),
                          hand_slice(0, false, 2, 0, 3, 8)}),
             (Pocs{0, 8, 16, 9, 24}));
 
-  // memory_management_control_operation 5 restarts counting like an IDR:
-  // the picture itself counts 0, and the one after it counts from there.
+  // memory_management_control_operation 5 restarts counting like an IDR: the picture itself counts 0, and the
+  // one after it counts from there.
   EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 4),
                          hand_slice(0, false, 2, 0, 2, 8, true), hand_slice(0, false, 2, 0, 1, 2)}),
             (Pocs{0, 4, 0, 2}));
 
-  // slice_type 9 is the largest; with separate colour planes colour_plane_id
-  // (2 bits) comes before frame_num.
+  // slice_type 9 is the largest; with separate colour planes colour_plane_id (2 bits) comes before frame_num.
   HandSps planes;
   planes.chroma = 3, planes.separate = true;
   const auto with_planes = sets_of(planes.nal(), hand_pps());
@@ -319,16 +313,14 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
     EXPECT_EQ(sh.frame_num, ok ? 5u : 0u) << type;
   }
 
-  // Type 2: non-reference pictures count one less; an IDR after other
-  // pictures starts again at 0.
+  // Type 2: non-reference pictures count one less; an IDR after other pictures starts again at 0.
   EXPECT_EQ(pocs_of(hand_sets(2), {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0),
                                    hand_slice(2, false, 0, 0, 2, 0), hand_slice(2, true, 3, 2, 0, 0)}),
             (Pocs{0, 2, 3, 0}));
 }
 
-// §7.3.2.3.1 and §D.1.8 by hand: the recovery point is found after other
-// messages (one of 300 bytes: size FF 2D), and only payload type 6 counts
-// (0xFF 0x06 is type 261).
+// §7.3.2.3.1 and §D.1.8 by hand: the recovery point is found after other messages (one of 300 bytes: size FF
+// 2D), and only payload type 6 counts (0xFF 0x06 is type 261).
 TEST(H264Sei, RecoveryPointAmongOtherMessages) {
   const std::pair<std::string, int> cases[] = {
       {"06 06 02 24 40 80", 3},                                                // recovery_frame_cnt 3

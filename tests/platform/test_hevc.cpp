@@ -1,6 +1,5 @@
-// The H.265 syntax parser on parameter sets that libx265 made (the expected
-// values are those FFmpeg's trace_headers filter prints for them), and on
-// hand-made bit strings for what libx265 never writes.
+// The H.265 syntax parser on parameter sets that libx265 made (the expected values are those FFmpeg's
+// trace_headers filter prints for them), and on hand-made bit strings for what libx265 never writes.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -24,8 +23,7 @@ using boxlane::test::unhex;
 
 // libx265, testsrc2 320x240 at 25 fps, yuv420p (Main).
 const char* kMainPps = "4401c172b46240";
-// libx265, testsrc2 322x182 at 30000/1001, yuv420p10le (Main 10), with HRD
-// parameters in the VUI.
+// libx265, testsrc2 322x182 at 30000/1001, yuv420p10le (Main 10), with HRD parameters in the VUI.
 const char* kMain10Vps = "40010c01ffff02200000030090000003000003003c959409";
 const char* kMain10Sps =
     "42010102200000030090000003000003003ca00a480b9c94d96565924caf01680800001f480003a98300a4837000493e000927c4";
@@ -57,9 +55,8 @@ TEST(HevcNalHeader, FieldsAndRefusals) {
 }
 
 TEST(HevcParameterSets, X265Main10) {
-  // 4:2:0: conf_win_right_offset 3 and conf_win_bottom_offset 1 are in
-  // chroma samples, 6 and 2 luma samples. The HRD parameters lie between the
-  // timing and the end.
+  // 4:2:0: conf_win_right_offset 3 and conf_win_bottom_offset 1 are in chroma samples, 6 and 2 luma samples.
+  // The HRD parameters lie between the timing and the end.
   Sps sps;
   const auto m10_sps = unhex(kMain10Sps);
   ASSERT_TRUE(parse_sps(m10_sps.data(), m10_sps.size(), sps));
@@ -96,8 +93,8 @@ Bits explicit_rps(const std::vector<uint32_t>& negative, const std::vector<uint3
   for (uint32_t d : positive) b.ue(d - 1).u(1, 1);
   return b;
 }
-// ... or predicted from the set before: `flags` holds used_by_curr_pic_flag
-// and use_delta_flag for each of its deltas and for delta_rps itself.
+// ... or predicted from the set before: `flags` holds used_by_curr_pic_flag and use_delta_flag for each of
+// its deltas and for delta_rps itself.
 Bits predicted_rps(int32_t delta_rps, const std::vector<std::array<bool, 2>>& flags) {
   Bits b;
   b.u(1, 1).u(1, delta_rps < 0).ue(uint32_t(std::abs(delta_rps)) - 1);
@@ -116,11 +113,9 @@ std::string parsed(const HandSps& hand) {
 }
 
 TEST(HevcParameterSets, HandMadeSequenceParameterSetsReadToTheEnd) {
-  // Every field the syntax skips must be skipped exactly, or the VUI at the
-  // end (SAR 64:45, 1001/60000, segmentation 1000) comes out wrong:
-  // sub-layers with their own profiles and levels, scaling lists, PCM,
-  // explicit and predicted reference picture sets, long-term pictures and
-  // HRD parameters for every sub-layer.
+  // Every field the syntax skips must be skipped exactly, or the VUI at the end (SAR 64:45, 1001/60000,
+  // segmentation 1000) comes out wrong: sub-layers with their own profiles and levels, scaling lists, PCM,
+  // explicit and predicted reference picture sets, long-term pictures and HRD parameters for every sub-layer.
   HandSps full;
   full.sub_layers_minus1 = 2;
   full.sub_layer_profile = true;
@@ -129,11 +124,11 @@ TEST(HevcParameterSets, HandMadeSequenceParameterSetsReadToTheEnd) {
   full.hrd = true;
   full.long_term = 3;
   full.rps = {explicit_rps({1, 2}, {3}, true),
-              // From {-1, -3 | +3} with delta_rps -1: -2 and -4 from the
-              // negatives, +2 from the positive; delta_rps itself unused.
+              // From {-1, -3 | +3} with delta_rps -1: -2 and -4 from the negatives, +2 from the positive;
+              // delta_rps itself unused.
               predicted_rps(-1, {{true, true}, {false, true}, {true, true}, {false, false}}),
-              // From that set's 3 deltas with delta_rps 2: -2 + 2 and -4 + 2
-              // dropped (0, and use_delta_flag 0), +2 + 2 and delta_rps kept.
+              // From that set's 3 deltas with delta_rps 2: -2 + 2 and -4 + 2 dropped (0, and use_delta_flag
+              // 0), +2 + 2 and delta_rps kept.
               predicted_rps(2, {{true, true}, {false, false}, {true, true}, {true, true}}),
               explicit_rps({}, {}, false)};
   EXPECT_EQ(parsed(full),
@@ -141,8 +136,8 @@ TEST(HevcParameterSets, HandMadeSequenceParameterSetsReadToTheEnd) {
             "chroma 1 1280x720 window 0 0 0 0 = 1280x720 depth 8 8 lsb 8 dpb 5 reorder 0 ctb 6 rps 4 | sar 64:45 "
             "tick 1001/60000 segmentation 1000");
 
-  // The conformance window is counted in chroma samples: 2 x 2 for 4:2:0,
-  // 2 x 1 for 4:2:2, 1 x 1 for 4:4:4 and monochrome.
+  // The conformance window is counted in chroma samples: 2 x 2 for 4:2:0, 2 x 1 for 4:2:2, 1 x 1 for 4:4:4
+  // and monochrome.
   for (const auto& [chroma, size] : std::vector<std::pair<uint32_t, std::string>>{
            {0, "window 1 2 3 4 = 1277x713"}, {1, "window 2 4 6 8 = 1274x706"},
            {2, "window 2 4 3 4 = 1274x713"}, {3, "window 1 2 3 4 = 1277x713"}}) {
@@ -240,19 +235,17 @@ std::vector<int64_t> pocs_of(const ParameterSets& sets, const std::vector<std::v
 
 TEST(HevcPictureOrder, WrapAtHalfTheRangeAndTheTid0Picture) {
   const ParameterSets sets = hand_sets(0);  // 16 values of slice_pic_order_cnt_lsb
-  // A step of exactly half the range back counts as a wrap forwards; a step
-  // of exactly half forwards does not count as a wrap backwards.
+  // A step of exactly half the range back counts as a wrap forwards; a step of exactly half forwards does not
+  // count as a wrap backwards.
   EXPECT_EQ(pocs_of(sets, {hand_slice(kIdrWRadl, 0), hand_slice(kTrailR, 8), hand_slice(kTrailR, 0),
                            hand_slice(kTrailR, 9), hand_slice(kTrailR, 1)}),
             (std::vector<int64_t>{0, 8, 16, 9, 17}));
-  // Going forwards by more than half wraps backwards: leading pictures of
-  // an IDR come out negative.
+  // Going forwards by more than half wraps backwards: leading pictures of an IDR come out negative.
   EXPECT_EQ(pocs_of(sets, {hand_slice(kIdrWRadl, 0), hand_slice(kRadlN, 14), hand_slice(kRadlN + 1, 15)}),
             (std::vector<int64_t>{0, -2, -1}));
-  // Only pictures of temporal layer 0 that are neither leading nor
-  // sub-layer non-reference pictures move the reference point: after the
-  // IDR, lsb 7 (non-reference, leading, or in layer 1) leaves it at 0, so
-  // lsb 9 counts as -7; after a TRAIL_R with lsb 7, it counts as 9.
+  // Only pictures of temporal layer 0 that are neither leading nor sub-layer non-reference pictures move the
+  // reference point: after the IDR, lsb 7 (non-reference, leading, or in layer 1) leaves it at 0, so lsb 9
+  // counts as -7; after a TRAIL_R with lsb 7, it counts as 9.
   for (const auto& skipped : {hand_slice(kTrailN, 7), hand_slice(kRadlN + 1, 7), hand_slice(kRaslR, 7),
                               hand_slice(kTrailR, 7, 1)}) {
     EXPECT_EQ(pocs_of(sets, {hand_slice(kIdrWRadl, 0), skipped, hand_slice(kTrailR, 9)})[2], -7);
@@ -271,9 +264,8 @@ TEST(HevcPictureOrder, WrapAtHalfTheRangeAndTheTid0Picture) {
 }
 
 TEST(HevcSliceHeader, SegmentsAndRefusals) {
-  // 1280x720 in 64x64 tree blocks: 20 x 12 = 240, so 8 address bits; 1024x1024
-  // is exactly 256 and still takes 8. With separate colour planes,
-  // colour_plane_id (2 bits) comes before the lsb.
+  // 1280x720 in 64x64 tree blocks: 20 x 12 = 240, so 8 address bits; 1024x1024 is exactly 256 and still takes
+  // 8. With separate colour planes, colour_plane_id (2 bits) comes before the lsb.
   HandSps square, planes;
   square.width = square.height = 1024;
   planes.chroma = 3, planes.separate = true;

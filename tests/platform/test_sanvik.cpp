@@ -1,6 +1,6 @@
 // tests/data/x264_sps_pps.h264: ffmpeg -f lavfi -i testsrc=size=160x120:rate=25 -frames:v 1 -pix_fmt yuv420p
-// -c:v libx264 -bsf:v filter_units=pass_types=7-8 -f h264. It holds 00 00 00 01, a 25-byte SPS (High
-// profile 100, level 1.1), 00 00 00 01 and a 6-byte PPS.
+// -c:v libx264 -bsf:v filter_units=pass_types=7-8 -f h264. It holds 00 00 00 01, a 25-byte SPS (High profile
+// 100, level 1.1), 00 00 00 01 and a 6-byte PPS.
 #include "platform/sanvik.hpp"
 #include "support/paths.hpp"
 
@@ -42,9 +42,8 @@ TEST(Sanvik, ParameterSetsOfAnX264Stream) {
   EXPECT_EQ(f.pps_hex(), kPps);
   EXPECT_EQ(hex(info_of(stream).data(), 4), "64 0B 00 00");  // profile_idc, level_idc, constraint flags
 
-  // Every prefix, as an exact-size heap copy: nothing past the length is
-  // read, what comes out is a prefix of the real unit, and a start code that
-  // ends the bytes is not taken into the SPS.
+  // Every prefix, as an exact-size heap copy: nothing past the length is read, what comes out is a prefix of
+  // the real unit, and a start code that ends the bytes is not taken into the SPS.
   for (std::size_t n = 0; n < stream.size(); ++n) {
     const Bytes cut(stream.begin(), stream.begin() + long(n));
     const Found part(cut);
@@ -56,8 +55,8 @@ TEST(Sanvik, ParameterSetsOfAnX264Stream) {
 }
 
 TEST(Sanvik, FirstOfEachTypeWithinCapacity) {
-  // Garbage first, 3- and 4-byte start codes, an SEI and padding zeros, then
-  // a second SPS and PPS that must not replace the first.
+  // Garbage first, 3- and 4-byte start codes, an SEI and padding zeros, then a second SPS and PPS that must
+  // not replace the first.
   const Bytes mixed = unhex("12 34 00 00 01 06 05 01 AA 80 00 00 00 00 01 " + kSps + " 00 00 00 01 " + kPps +
                             " 00 00 01 67 42 C0 1E FF 00 00 01 68 CE 38 80");
   Found f(mixed);
@@ -66,8 +65,7 @@ TEST(Sanvik, FirstOfEachTypeWithinCapacity) {
   EXPECT_EQ(hex(f.sei.data(), std::size_t(f.sei_len)), "06 05 01 AA 80");
   EXPECT_FALSE(Found(unhex(kSps + kPps)).ok) << "bare units are not Annex B";
 
-  // An SPS larger than the buffer is dropped, not truncated, and a later one
-  // does not stand in for it.
+  // An SPS larger than the buffer is dropped, not truncated, and a later one does not stand in for it.
   Bytes big = unhex("00 00 00 01 67 64 00 1F");
   big.resize(4 + 1500, 0x11);
   const Bytes rest = unhex("00 00 01 " + kPps + " 00 00 01 " + kSps);

@@ -1,5 +1,4 @@
-// H.265 parameter sets built field by field (ISO/IEC 23008-2 §7.3.2), for
-// what libx265 never writes.
+// H.265 parameter sets built field by field (ISO/IEC 23008-2 §7.3.2), for what libx265 never writes.
 #pragma once
 
 #include <algorithm>
@@ -76,8 +75,8 @@ struct HandSps {
       for (uint32_t i = 0; i < long_term; ++i) b.u(lsb_minus4 + 4, i).u(1, 1);
     }
     b.u(1, 1).u(1, 1).u(1, 1);
-    // VUI: SAR 255 (given), video signal, default display window, timing,
-    // HRD when asked, bitstream restriction.
+    // VUI: SAR 255 (given), video signal, default display window, timing, HRD when asked, bitstream
+    // restriction.
     b.u(1, 1).u(8, 255).u(16, 64).u(16, 45).u(1, 0).u(1, 1).u(3, 5).u(1, 0).u(1, 1).u(24, 0x010101);
     b.u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 1).ue(0).ue(8).ue(0).ue(4);
     b.u(1, 1).u(32, 1001).u(32, 60000).u(1, 1).ue(1).u(1, hrd);
@@ -94,8 +93,8 @@ struct HandSps {
   }
 };
 
-// A picture parameter set for SPS 0 with the given slice header switches,
-// wavefront (entropy coding sync) and tiles.
+// A picture parameter set for SPS 0 with the given slice header switches, wavefront (entropy coding sync) and
+// tiles.
 inline std::vector<uint8_t> hand_pps(uint32_t id, bool dependent = false, bool output_flag = false, uint32_t extra_bits = 0,
                                      bool wpp = true, bool tiles = true, int32_t init_qp_minus26 = 0) {
   Bits b;

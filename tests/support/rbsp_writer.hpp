@@ -1,6 +1,5 @@
-// Writes RBSP bits by hand for the bitstream tests, then wraps them as a NAL
-// unit with the stop bit and emulation prevention inserted
-// (ISO/IEC 14496-10 §7.4.1, ISO/IEC 23008-2 §7.4.2).
+// Writes RBSP bits by hand for the bitstream tests, then wraps them as a NAL unit with the stop bit and
+// emulation prevention inserted (ISO/IEC 14496-10 §7.4.1, ISO/IEC 23008-2 §7.4.2).
 #pragma once
 
 #include <bit>
