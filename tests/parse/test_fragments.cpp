@@ -241,6 +241,12 @@ TEST_F(Extended, EachLieGetsADefinedAnswerOrIsLeftOut) {
       {"a track without trex",
        based(3, [](int32_t off) { return cat({full_box("tfdt", 0, 0, Bytes{}.u32(77)), trun_box(0, 0x201, {{0, 5}}, off)}); }),
        5, {{1, BOXLANE_FRAGMENT_NO_DEFAULTS}}, 0, 0, "dts 77 cts 77 dur 0 size 5 at @ flags 00000000 S"},
+      {"data starting exactly where the moof ends",
+       based(1, [](int32_t off) { return trun_box(0, 0x201, {{0, 8}}, off - 8); }), 0, {{1, 0}}, 0, 1},
+      {"an empty box before the trun", based(1, [](int32_t off) {
+         return cat({box("free", Bytes{}), trun_box(0, 0x001, {{}}, off)});
+       }),
+       100, {{1, 0}}},
       {"data past the mdat after it", based(1, [](int32_t off) { return trun_box(0, 0x001, {{}}, off); }), 50, {{1, 0}}, 0, 1},
       {"data ending exactly at the mdat's end", based(1, [](int32_t off) { return trun_box(0, 0x001, {{}}, off); }), 100,
        {{1, 0}}},

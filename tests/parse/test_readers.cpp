@@ -97,10 +97,12 @@ TEST_F(Readers, TrackHeaderMakesAndSelectsTracks) {
   // Ids of 2^31 and more are keyed negative.
   EXPECT_TRUE(feed(&P::Boxlane_Parse_TKhd, tkhd_payload(0x80000001u)));
   EXPECT_EQ(track(INT32_MIN + 1).stTKhd.nTrackID, INT32_MIN + 1);
-  // One byte short neither makes a track nor switches to it.
-  Bytes cut = tkhd_payload(9);
-  cut.pop_back();
-  EXPECT_TRUE(feed(&P::Boxlane_Parse_TKhd, cut));
+  // One byte short, in either version, neither makes a track nor switches to it.
+  for (const uint8_t version : {0, 1}) {
+    Bytes cut = tkhd_payload(9, 0, 0, version);
+    cut.pop_back();
+    EXPECT_TRUE(feed(&P::Boxlane_Parse_TKhd, cut));
+  }
   EXPECT_EQ(std::tuple(record.nCurrentTrack, record.stl_MapTrack->size()), std::tuple(INT32_MIN + 1, std::size_t{3}));
 }
 
