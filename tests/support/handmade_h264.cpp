@@ -11,37 +11,19 @@ void nal(std::vector<uint8_t>& out, const std::vector<uint8_t>& unit) {
   out.insert(out.end(), unit.begin(), unit.end());
 }
 
+// Baseline (66) with constraint_set0 and 1, level 1.0, id 0, a 4-bit
+// frame_num, pic_order_cnt_type 2, one reference frame, no gaps, one
+// macroblock wide and high, frame_mbs_only and direct_8x8_inference, no
+// cropping, no VUI.
 std::vector<uint8_t> sps() {
-  return Bits()
-      .u(8, 66)    // profile_idc: Baseline
-      .u(8, 0xC0)  // constraint_set0 and 1
-      .u(8, 10)    // level_idc 1.0
-      .ue(0)       // seq_parameter_set_id
-      .ue(0)       // log2_max_frame_num_minus4: frame_num has 4 bits
-      .ue(2)       // pic_order_cnt_type 2: output order is decoding order
-      .ue(1)       // max_num_ref_frames
-      .u(1, 0)     // gaps_in_frame_num_value_allowed_flag
-      .ue(0)       // pic_width_in_mbs_minus1
-      .ue(0)       // pic_height_in_map_units_minus1
-      .u(2, 3)     // frame_mbs_only_flag, direct_8x8_inference_flag
-      .u(2, 0)     // frame_cropping_flag, vui_parameters_present_flag
-      .nal(3, 7);
+  return Bits().u(8, 66).u(8, 0xC0).u(8, 10).ue(0).ue(0).ue(2).ue(1).u(1, 0).ue(0).ue(0).u(2, 3).u(2, 0).nal(3, 7);
 }
 
+// SPS 0, CAVLC, no bottom-field POC, one slice group, one reference in each
+// list, no weighted prediction, QP and chroma offsets 0, the deblocking
+// filter controlled by the slice.
 std::vector<uint8_t> pps(uint32_t id) {
-  return Bits()
-      .ue(id)
-      .ue(0)         // seq_parameter_set_id
-      .u(2, 0)       // entropy_coding_mode_flag (CAVLC), bottom_field_pic_order_in_frame_present_flag
-      .ue(0)         // num_slice_groups_minus1
-      .ue(0)         // num_ref_idx_l0_default_active_minus1
-      .ue(0)         // num_ref_idx_l1_default_active_minus1
-      .u(3, 0)       // weighted_pred_flag, weighted_bipred_idc
-      .se(0)         // pic_init_qp_minus26
-      .se(0)         // pic_init_qs_minus26
-      .se(0)         // chroma_qp_index_offset
-      .u(3, 0b100)   // deblocking_filter_control_present_flag, constrained_intra_pred, redundant_pic_cnt_present
-      .nal(3, 8);
+  return Bits().ue(id).ue(0).u(2, 0).ue(0).ue(0).ue(0).u(3, 0).se(0).se(0).se(0).u(3, 0b100).nal(3, 8);
 }
 
 std::vector<uint8_t> slice(const HandmadePicture& p, uint32_t frame_num, uint32_t idr_id) {

@@ -31,22 +31,19 @@ struct Mp4BoxReport {
 // What mp4box.js 2.x (npm mp4box, installed as mp4box-2) reads from the file.
 Mp4BoxReport read_with_mp4box(const std::string& file);
 
+// Headless Chromium appends the init segment, then every whole fragment,
+// through Media Source Extensions and plays to the end
+// (tests/support/browser/mse_play.mjs).
 struct MsePlayback {
   std::string report;  // the page's JSON, for messages
   bool ran = false;
   bool errors = true;  // any error reported
   int fragments = -1;  // appended
-  // Pictures decoded for display (getVideoPlaybackQuality's total; those
-  // the compositor then dropped because the machine was busy included).
-  int shown = -1;
+  int shown = -1;      // getVideoPlaybackQuality's total (pictures a busy machine then dropped included)
   double first_frame_time = -1;  // of the first picture requestVideoFrameCallback saw
   double buffered_start = -1;
   double current_time = -1;  // at the end
 };
-
-// Headless Chromium appends the init segment, then every whole fragment,
-// through Media Source Extensions and plays to the end
-// (tests/support/browser/mse_play.mjs).
 MsePlayback play_with_mse(const std::string& file);
 
 // MD5 of the pictures GStreamer decodes (qtdemux, decodebin), and FFmpeg

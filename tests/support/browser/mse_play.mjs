@@ -1,16 +1,13 @@
 // Plays a fragmented MP4 in headless Chromium (/usr/bin/chromium) through
-// Media Source Extensions, as a live player would: the init segment
-// (everything before the first moof) is appended, then each fragment (moof
-// and mdat, with any styp and sidx before them) in turn; a torn last box is
-// left out, as a player that reads a file still being written would. Then
-// the media element plays to the end.
+// Media Source Extensions, as a live player does: the init segment (all
+// before the first moof), then each fragment (moof and mdat, with any styp
+// and sidx before them), leaving out a torn last box; then plays to the end.
 //
 //   BOXLANE_NPM=<folder with node_modules/playwright-core> node mse_play.mjs FILE
 //
-// Prints one JSON object: codecs, fragments appended, buffered ranges, the
-// media time of the first frame requestVideoFrameCallback sees, the
-// element's playback quality, and every error. Exits 0 when the page ran,
-// whatever it found; the caller judges the report.
+// Prints one JSON object (fragments appended, buffered ranges, the media time
+// of the first frame requestVideoFrameCallback sees, the playback quality,
+// every error) and exits 0 whenever the page ran: the caller judges it.
 import http from 'node:http';
 import fs from 'node:fs';
 import path from 'node:path';
@@ -115,10 +112,7 @@ async function main() {
   await Promise.race([ended, timeout]);
   await new Promise((r) => setTimeout(r, 200));
   report.currentTime = m.currentTime;
-  if (m.getVideoPlaybackQuality) {
-    const q = m.getVideoPlaybackQuality();
-    report.totalVideoFrames = q.totalVideoFrames;
-  }
+  if (m.getVideoPlaybackQuality) report.totalVideoFrames = m.getVideoPlaybackQuality().totalVideoFrames;
   return report;
 }
 window.result = main().catch((e) => ({ errors: ['page: ' + e] }));
@@ -126,21 +120,16 @@ window.result = main().catch((e) => ({ errors: ['page: ' + e] }));
 
 const server = http.createServer((req, res) => {
   if (req.url === '/file') {
-    res.writeHead(200, { 'content-type': 'application/octet-stream' });
-    res.end(bytes);
+    res.writeHead(200, { 'content-type': 'application/octet-stream' }).end(bytes);
   } else {
-    res.writeHead(200, { 'content-type': 'text/html' });
-    res.end(page);
+    res.writeHead(200, { 'content-type': 'text/html' }).end(page);
   }
 });
 await new Promise((r) => server.listen(0, '127.0.0.1', r));
-const browser = await chromium.launch({
-  executablePath: '/usr/bin/chromium',
-  headless: true,
+// Playwright gives every launch a fresh, temporary profile.
+const browser = await chromium.launch({ executablePath: '/usr/bin/chromium', headless: true,
   args: ['--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run', '--disable-background-networking',
-    '--disable-component-update', '--disable-sync', '--autoplay-policy=no-user-gesture-required'],
-  // Playwright gives every launch a fresh, temporary profile.
-});
+    '--disable-component-update', '--disable-sync', '--autoplay-policy=no-user-gesture-required'] });
 let report;
 try {
   const tab = await browser.newPage();
