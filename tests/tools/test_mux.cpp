@@ -84,7 +84,8 @@ TEST(Mux, EveryOptionAsReadersSeeIt) {
     bool video, audio;
     std::string options, says, facts;
   } runs[] = {
-      {0, true, true, "", "video H.264 160x120, 90 frames at 30 fps with B-frames; audio AAC 44100 Hz stereo, ",
+      {0, true, true, "",
+       "video H.264 160x120, 90 frames at 30 fps with B-frames; audio AAC 44100 Hz stereo, 131 frames; 3.04 s, ",
        "ftyp mdat moov\nvideo,30/1,1/44100,132300,90,und\naudio,44100,2,0/0,1/44100,134144,131,und\n"
        "mp4a 2 16 44100\nmp4box avc1.64000b mp4a.40.2\n"},
       // lcm(44100, 30000): 147147 ticks a frame, 102400 an AAC frame.

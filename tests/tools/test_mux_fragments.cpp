@@ -183,6 +183,7 @@ TEST(MuxFragments, LiveInputsFromStandardInputAndFifos) {
     EXPECT_EQ(finish(writer, r), 0);
     ASSERT_EQ(r.status, 0) << r.output;
     expect_decodes_like(out, src.video, src.audio);
+    EXPECT_TRUE(!*mode || boxes_of(out).back().type == "mdat");  // no mfra: an input was live
     // Two FIFOs filled by one program, audio opened first and written whole
     // before the video: the reader must not wait on the one it opened first.
     writer = start("exec 4>" + afifo + " 3>" + vfifo + "; cat " + shell_quote(src.audio) + " >&4; exec 4>&-; cat " +
