@@ -111,10 +111,13 @@ std::string ffmpeg_video_md5(const std::string& source, const std::string& pix_f
                 " -f rawvideo -");
 }
 
-std::string gstreamer_audio_md5(const std::string& file) {
-  return md5_of("gst-launch-1.0 -q filesrc location=" + shell_quote(file) +
-                " ! qtdemux ! aacparse ! avdec_aac ! audioconvert ! audio/x-raw,format=F32LE,layout=interleaved ! "
-                "fdsink fd=1");
+// With video, its pad goes to a fakesink that needs no preroll: left unlinked, it may stop qtdemux
+// (not-linked) before the audio pad is linked, and gst-launch then can hang instead of failing.
+std::string gstreamer_audio_md5(const std::string& file, bool with_video) {
+  return md5_of("timeout 300 gst-launch-1.0 -q filesrc location=" + shell_quote(file) +
+                " ! qtdemux name=d d.audio_0 ! queue ! aacparse ! avdec_aac ! audioconvert ! "
+                "audio/x-raw,format=F32LE,layout=interleaved ! fdsink fd=1" +
+                (with_video ? " d.video_0 ! queue ! fakesink async=false" : ""));
 }
 
 std::string ffmpeg_audio_md5(const std::string& source) {

@@ -52,7 +52,7 @@ MsePlayback play_with_mse(const std::string& file);
 // when nothing is decoded.
 std::string gstreamer_video_md5(const std::string& file, const std::string& pix_fmt = "yuv420p");
 std::string ffmpeg_video_md5(const std::string& source, const std::string& pix_fmt = "yuv420p");
-std::string gstreamer_audio_md5(const std::string& file);
+std::string gstreamer_audio_md5(const std::string& file, bool with_video);
 std::string ffmpeg_audio_md5(const std::string& source);
 
 }  // namespace boxlane::test

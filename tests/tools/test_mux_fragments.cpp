@@ -132,7 +132,9 @@ TEST(MuxFragments, ReadersSeeTheSourcesFramesFromZero) {
     EXPECT_EQ(indexed, r.video ? with_video : moofs);
     if (have_gstreamer()) {
       if (r.video) expect_gstreamer_shows(out, src);
-      EXPECT_EQ(gstreamer_audio_md5(out), r.audio ? ffmpeg_audio_md5(src.audio) : "");
+      if (r.audio) {
+        EXPECT_EQ(gstreamer_audio_md5(out, r.video), ffmpeg_audio_md5(src.audio));
+      }
     }
     if (r.browser && have_chromium()) {
       const MsePlayback p = play_with_mse(out);
