@@ -78,6 +78,7 @@ struct Input {
   const char* ffmpeg;  // arguments after the lavfi sources
   bool audio = true;
   bool audio_frame_at_a_cut = false;  // the check of where audio goes bites at an exact cut only
+  bool video = true;
 };
 
 // 4 s of 160x120 video at 25 fps with B-frames.
@@ -90,6 +91,8 @@ const Input kInputs[] = {
     // past 0; the moov last, its stco turned into co64; a key frame exactly
     // every second, so that each one is exactly a fragment's length on.
     {"h264_alone_co64", "-c:v libx264 -preset veryfast -bf 2 -g 25 -movflags negative_cts_offsets", false},
+    // Audio alone is cut every --fragment seconds.
+    {"aac_alone", "-vn -c:a aac", true, false, false},
 };
 
 class RemuxRoundTrip : public ::testing::TestWithParam<Input> {};
@@ -103,10 +106,11 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
                    in.ffmpeg + " " + shell_quote(source)),
             0);
   if (!in.audio) write_file(source, with_co64(read_file(source)));
+  const std::string kinds = std::string(in.video ? "v" : "") + (in.audio ? "a" : "");
 
   std::string out;
   ASSERT_EQ(remux("source.mp4 --fragment 1 -o fragmented.mp4", dir, &out), 0) << out;
-  EXPECT_NE(out.find("fragmented.mp4: video "), std::string::npos) << out;
+  EXPECT_NE(out.find(in.video ? "fragmented.mp4: video " : "fragmented.mp4: audio "), std::string::npos) << out;
   ASSERT_EQ(remux("fragmented.mp4 -o back.mp4", dir), 0);
   ASSERT_EQ(remux("source.mp4 --faststart -q -o fast.mp4", dir, &out), 0) << out;
   EXPECT_EQ(out, "") << "--quiet";
@@ -115,8 +119,7 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
   // frames, and ffprobe reads the same samples, times and parameters.
   for (const std::string file : {"back.mp4", "fast.mp4"}) {
     SCOPED_TRACE(file);
-    for (const char kind : {'v', 'a'}) {
-      if (kind == 'a' && !in.audio) continue;
+    for (const char kind : kinds) {
       const auto want = decoded_md5s(source, kind);
       ASSERT_FALSE(want.empty());
       EXPECT_EQ(decoded_md5s(dir + file, kind), want) << kind;
@@ -127,10 +130,15 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
     EXPECT_EQ(boxes[1].type, file == "fast.mp4" ? "moov" : "mdat");
   }
   // The fragments: the same pictures, in fragments of at least a second that
-  // open on sync samples.
-  EXPECT_EQ(decoded_md5s(dir + "fragmented.mp4", 'v'), decoded_md5s(source, 'v'));
-  expect_fragment_layout(dir + "fragmented.mp4", 1);
-  if (in.audio) {
+  // open on sync samples; audio alone in fragments of a second.
+  expect_fragment_layout(dir + "fragmented.mp4", in.video ? 1 : 0);
+  if (in.video) {
+    EXPECT_EQ(decoded_md5s(dir + "fragmented.mp4", 'v'), decoded_md5s(source, 'v'));
+  }
+  if (!in.video) {
+    const auto boxes = boxes_of(dir + "fragmented.mp4");
+    EXPECT_GE(std::count_if(boxes.begin(), boxes.end(), [](const TopBox& b) { return b.type == "moof"; }), 4);
+  } else if (in.audio) {
     EXPECT_EQ(expect_audio_follows_the_cuts(dir + "fragmented.mp4") > 0, in.audio_frame_at_a_cut);
   }
 }
@@ -257,6 +265,9 @@ TEST(RemuxEditLists, EditBoxBytes) {
       {{{4000, 1024}}, "00000024 65647473 0000001C 656C7374 00000000 00000001 00000FA0 00000400 00010000"},
       {{{80, -1}, {4000, 1024}},
        "00000030 65647473 00000028 656C7374 00000000 00000002 00000050 FFFFFFFF 00010000 00000FA0 00000400 00010000"},
+      // The largest duration and media time a version 0 entry holds.
+      {{{0xFFFFFFFF, -1}, {80, 0x7FFFFFFF}},
+       "00000030 65647473 00000028 656C7374 00000000 00000002 FFFFFFFF FFFFFFFF 00010000 00000050 7FFFFFFF 00010000"},
       {{{80, -1}, {0, int64_t{1} << 31}},
        "00000040 65647473 00000038 656C7374 01000000 00000002 0000000000000050 FFFFFFFFFFFFFFFF 00010000"
        " 0000000000000000 0000000080000000 00010000"},
@@ -300,6 +311,14 @@ TEST(RemuxTimeline, OneTimeScaleToWhichEveryTimeConvertsExactly) {
     EXPECT_EQ(t.tracks[0].offset(0) * int64_t{c.video_scale}, 2 * int64_t{c.video_duration} * c.want);
     EXPECT_EQ(t.tracks[0].edit_media_time * int64_t{c.video_scale}, 2 * int64_t{c.video_duration} * c.want);
   }
+  // Audio's time scale first when both fit; an edit's media time that the
+  // audio's cannot hold exactly; a sample of duration 0 lasts one tick.
+  const auto v25 = track(true, 1000, 40, {0}), a8 = track(false, 8000, 1024, {0});
+  const auto edit = track(true, 12800, 512, {0}, {{0, 102}}), a48 = track(false, 48000, 1024, {0});
+  const auto zero = track(false, 48000, 0, {0});
+  EXPECT_EQ(tool::plan_timeline({&v25, &a8}, 1000).timescale, 8000u);
+  EXPECT_EQ(tool::plan_timeline({&edit, &a48}, 1000).timescale, 192000u);
+  EXPECT_EQ(tool::plan_timeline({&zero}, 1000).tracks[0].duration(0), 1u);
   // Prime time scales: their least common multiple is past 2^31.
   const auto v = track(true, 65521, 1, {0}), a = track(false, 65519, 1024, {0});
   EXPECT_THROW(tool::plan_timeline({&v, &a}, 1000), tool::ToolError);
