@@ -53,8 +53,6 @@ class ProbeTool : public ::testing::Test {
   static inline bool ready_ = false;
 };
 
-std::string integer(double v) { return std::to_string(static_cast<long long>(std::floor(v))); }
-
 // probe's report of the track at path t ("tracks.0.") against what ffprobe
 // reads of the stream, with the edit lists ignored (the parser reports the
 // media as stored).
@@ -72,7 +70,7 @@ void expect_stream_like_ffprobe(const Json& j, const std::string& t, const std::
       {"duration_ts", j[t + "duration"]}, {"duration", seconds}, {"time_base", "1/" + j[t + "timescale"]},
       {"tags.language", j[t + "language"]}, {"tags.handler_name", j[t + "handler_name"]},
       // ffprobe's bit rate is the same sum over the mdhd duration, cut to an integer.
-      {"bit_rate", integer(j.num(t + "bit_rate"))},
+      {"bit_rate", std::to_string(static_cast<long long>(j.num(t + "bit_rate")))},
       {"profile", video ? j[t + "codec.profile_name"] : name.substr(name.rfind(' ') + 1)}};
   if (video) {
     // The sample entry's and the track header's sizes.
@@ -137,7 +135,7 @@ void expect_samples_like_ffprobe(const Json& j, const std::string& file, bool fr
 // is returned.
 std::string expect_agrees_with_ffprobe(const std::string& file, bool fragmented) {
   SCOPED_TRACE(file);
-  std::string text, brands, kinds, streams;
+  std::string text, brands;
   const Json j = probe_json("--samples " + shell_quote(file));
   EXPECT_EQ(probe("--samples " + shell_quote(file), &text), 0);
   expect_samples_like_ffprobe(j, file, fragmented);
@@ -148,8 +146,6 @@ std::string expect_agrees_with_ffprobe(const std::string& file, bool fragmented)
             brands);
   for (std::size_t k = 0; k < j.count("tracks"); ++k) {
     const std::string t = "tracks." + std::to_string(k) + ".";
-    const bool video = j[t + "handler"] == "vide";
-    kinds += video ? "video\n" : "audio\n";
     if (!fragmented) expect_stream_like_ffprobe(j, t, file);
     EXPECT_TRUE(j.flag(t + "consistency.consistent") && j.flag(t + "complete")) << t;
     char says[160];
@@ -157,8 +153,6 @@ std::string expect_agrees_with_ffprobe(const std::string& file, bool fragmented)
                   j[t + "sample_bytes"].c_str());
     EXPECT_NE(text.find(says), std::string::npos) << says << " in " << text;
   }
-  run("ffprobe -v error -show_entries stream=codec_type -of csv=p=0 " + shell_quote(file), &streams);
-  EXPECT_EQ(kinds, streams);
   return text;
 }
 
