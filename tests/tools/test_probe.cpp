@@ -8,6 +8,7 @@
 #include "support/paths.hpp"
 #include "support/probe_json.hpp"
 #include "tools/common/json_writer.hpp"
+#include "tools/probe/model.hpp"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@
 #include <climits>
 #include <cmath>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -541,6 +543,31 @@ TEST(JsonWriter, AnyBytesAndNumbersBecomeValidJson) {
                      "  \"pairs\": [[1, 20]],\n"),
             std::string::npos)
       << out.substr(0, 2000);
+}
+
+// AudioSpecificConfig (ISO/IEC 14496-3 §1.6.2.1), bits written out by hand:
+// the escaped object type (31, then 6 bits more: 32 + 10 = 42) and the
+// explicit 24-bit rate of frequency index 15; a cut config reads as none.
+TEST(ProbeAudioConfig, EscapedObjectTypeAndExplicitRate) {
+  const struct {
+    const char* hex;
+    tool::ProbeAudioConfig want;
+  } cases[] = {
+      {"11 90", {true, 2, 48000, 2}},
+      {"F9 46 40", {true, 42, 48000, 2}},
+      {"17 80 2A F8 08", {true, 2, 22000, 1}},
+      {"17 80 2A F8", {false, 0, 0, 0}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.hex);
+    BOXLANE_CODECINFO codec{};
+    const std::vector<uint8_t> config = unhex(c.hex);
+    std::copy(config.begin(), config.end(), codec.byAudioCfg);
+    codec.nAudioCfgLen = static_cast<int32_t>(config.size());
+    const tool::ProbeAudioConfig got = tool::read_audio_config(codec);
+    EXPECT_EQ(std::tuple(got.valid, got.object_type, got.sample_rate, got.channel_config),
+              std::tuple(c.want.valid, c.want.object_type, c.want.sample_rate, c.want.channel_config));
+  }
 }
 
 }  // namespace
