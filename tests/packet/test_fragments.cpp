@@ -105,6 +105,14 @@ TEST_F(FragmentTest, DecodeTimesPassThirtyTwoBits) {
                       "00000010 74666864 00020000 00000001 00000014 74666474 01000000 00000001 7FFFFFFD"));
 }
 
+// 2 x (2^31 - 1) + 1 = 2^32 - 1 ticks: the longest subsegment sidx holds.
+TEST_F(FragmentTest, IndexOfTheLongestSubsegment) {
+  fragments(0, 1, 0);
+  for (const int duration : {INT32_MAX, INT32_MAX, 1}) video(5, 1, duration, 0);
+  box(Boxlane_Packet_MVhd, 0, 90000);
+  EXPECT_NE(box(Boxlane_Packet_SIdx).find(bytes_hex("FFFFFFFF 90000000")), std::string::npos);
+}
+
 TEST_F(FragmentTest, SegmentTypeAndIndex) {
   EXPECT_EQ(box(Boxlane_Packet_STyp), bytes_hex("00000014 73747970 6D736468 00000000 6D736468"));
   fragments();

@@ -316,6 +316,10 @@ TEST_F(Readers, AvcDescription) {
     EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(visual_entry("avc1", 320, 240, box("avcC", unhex(cases[i][0]))))));
     EXPECT_EQ(codec_text(client(), i + 1), std::string(cases[i][1]) + " audio 0ch 0bit 0Hz oti 0 st 0 buf 0 max 0 avg 0 asc ");
   }
+  // The 78 fixed bytes alone, no child box: the size is still read.
+  make_track(3);
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(box("avc1", Bytes{}.zeros(6).u16(1).zeros(16).u16(64).u16(48).zeros(50)))));
+  EXPECT_EQ(codec_text(client(), 3).substr(0, 17), "avc1 ref 1 64x48 ");
 }
 
 TEST_F(Readers, AacDescription) {
