@@ -122,6 +122,8 @@ TEST(HevcParameterSets, HandMadeSequenceParameterSetsReadToTheEnd) {
   full.scaling_list = true;
   full.pcm = true;
   full.hrd = true;
+  full.cpbs = 32;        // the most §E.3.2 allows
+  full.dc_minus8 = 247;  // the highest DC coefficient, 255 (§7.4.5)
   full.long_term = 3;
   full.rps = {explicit_rps({1, 2}, {3}, true),
               // From {-1, -3 | +3} with delta_rps -1: -2 and -4 from the negatives, +2 from the positive;

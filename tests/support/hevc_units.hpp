@@ -30,6 +30,8 @@ struct HandSps {
   uint32_t long_term = 0;
   uint32_t min_spatial = 1000;
   bool hrd = false;
+  uint32_t cpbs = 2;        // per sub-layer, with HRD
+  int32_t dc_minus8 = 8;    // scaling_list_dc_coef_minus8 of every list that has one
 
   std::vector<uint8_t> nal() const {
     Bits b;
@@ -60,7 +62,7 @@ struct HandSps {
             continue;
           }
           b.u(1, 1);
-          if (size_id > 1) b.se(8);
+          if (size_id > 1) b.se(dc_minus8);
           for (int i = 0; i < std::min(64, 1 << (4 + 2 * size_id)); ++i) b.se(i % 2 ? -3 : 3);
         }
       }
@@ -83,8 +85,8 @@ struct HandSps {
     if (hrd) {
       b.u(1, 1).u(1, 1).u(1, 1).u(8, 90).u(5, 23).u(1, 1).u(5, 23).u(4, 4).u(4, 6).u(4, 2).u(5, 23).u(5, 23).u(5, 23);
       for (uint32_t i = 0; i <= sub_layers_minus1; ++i) {
-        b.u(1, 0).u(1, 0).u(1, 0).ue(1);  // not fixed rate, not low delay, two CPBs
-        for (int k = 0; k < 2 * 2; ++k) b.ue(1000).ue(2000).ue(300).ue(400).u(1, 1);  // NAL and VCL
+        b.u(1, 0).u(1, 0).u(1, 0).ue(cpbs - 1);  // not fixed rate, not low delay
+        for (uint32_t k = 0; k < 2 * cpbs; ++k) b.ue(1000).ue(2000).ue(300).ue(400).u(1, 1);  // NAL and VCL
       }
     }
     b.u(1, 1).u(1, 0).u(1, 1).u(1, 0).ue(min_spatial).ue(2).ue(1).ue(15).ue(15);
