@@ -266,6 +266,13 @@ TEST_F(Readers, SampleTables) {
   std::vector<int> flags;
   for (const QORVANE_HDRSDTP& f : take_list(sdtp, count)) flags.push_back(f.bySampleFlags);
   EXPECT_EQ(flags, (std::vector<int>{0x20, 0x10, 0xA6}));
+  // stco and co64 in one track: the co64 query hands out the co64 entries
+  // alone (low half first), the stco query both.
+  make_track(99);
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_STco, u32s(0, {1, 48})));
+  EXPECT_TRUE(feed(&P::Boxlane_Parse_CO64, u32s(0, {1, 1, 2})));
+  EXPECT_EQ(listed(ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CO64, 99), (Infos{{2, 1, 0}}));
+  EXPECT_EQ(listed(kStco, 99), (Infos{{48, 0, 0}, {2, 1, 0}}));
 }
 
 Bytes visual_entry(const char* type, uint16_t width, uint16_t height, const std::vector<uint8_t>& children) {
