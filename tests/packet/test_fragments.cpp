@@ -106,9 +106,10 @@ TEST_F(FragmentTest, DecodeTimesPassThirtyTwoBits) {
 }
 
 // 2 x (2^31 - 1) + 1 = 2^32 - 1 ticks: the longest subsegment sidx holds.
+// A negative duration counts as 0.
 TEST_F(FragmentTest, IndexOfTheLongestSubsegment) {
   fragments(0, 1, 0);
-  for (const int duration : {INT32_MAX, INT32_MAX, 1}) video(5, 1, duration, 0);
+  for (const int duration : {INT32_MAX, INT32_MAX, 1, -1}) video(5, 1, duration, 0);
   box(Boxlane_Packet_MVhd, 0, 90000);
   EXPECT_NE(box(Boxlane_Packet_SIdx).find(bytes_hex("FFFFFFFF 90000000")), std::string::npos);
 }
