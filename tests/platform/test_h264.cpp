@@ -4,7 +4,7 @@
 
 #include <sstream>
 #include <string>
-#include <utility>
+#include <tuple>
 #include <vector>
 
 #include "platform/h264.hpp"
@@ -19,9 +19,6 @@ using boxlane::test::hex;
 using boxlane::test::unhex;
 using Nal = std::vector<uint8_t>;
 using Pocs = std::vector<int64_t>;
-
-// x264, Main, 1920x1080 (68 macroblock rows cropped by 8 lines) at 30000/1001 with two B-frames.
-const char* kX264Sps = "674d4028eca03c0113f2e022000007d20001d4c01e30632c";
 
 ParameterSets sets_of(const Nal& sps_nal, const Nal& pps_nal) {
   ParameterSets sets;
@@ -46,79 +43,64 @@ Pocs pocs_of(const ParameterSets& sets, const std::vector<Nal>& slices) {
   return pocs;
 }
 
-// Plain ue/se decoding is exercised by every parameter set and slice below.
 TEST(H264BitReader, EmulationPreventionAndTheLargestCodes) {
   // Every 03 after two zeros is dropped, and counting zeros starts again after it; an 03 after a dropped one,
-  // or after a single zero, is data.
+  // or after a single zero, is data. 31 leading zeros is the largest code; 32 fails instead of wrapping.
   const Nal escaped = unhex("06 0000 03 01 0000 03 0000 03 03 03 00 03"), again = unhex("06 0000 03 00 03");
-  BitReader er(escaped.data(), escaped.size());
+  const Nal largest = unhex("67 00000001 FFFFFFFE"), huge = unhex("67 00000000 80000000 00");
+  BitReader er(escaped.data(), escaped.size()), lr(largest.data(), largest.size()), hr(huge.data(), huge.size());
   EXPECT_EQ((std::vector<uint32_t>{er.bits(32), er.bits(24), er.bits(32)}),
             (std::vector<uint32_t>{0x00000100, 0, 0x03030003}));
   EXPECT_TRUE(er.ok());
   er.bits(1);
   EXPECT_FALSE(er.ok()) << "a read past the end fails";
   EXPECT_EQ(BitReader(again.data(), again.size()).bits(32), 0x00000003u);
-  // 31 leading zeros is the largest code; 32 fails instead of wrapping.
-  const Nal largest = unhex("67 00000001 FFFFFFFE"), huge = unhex("67 00000000 80000000 00");
-  BitReader lr(largest.data(), largest.size()), hr(huge.data(), huge.size());
-  EXPECT_EQ(lr.ue(), 0xFFFFFFFEu);
-  EXPECT_TRUE(lr.ok());
-  EXPECT_EQ(hr.ue(), 0u);
-  EXPECT_FALSE(hr.ok());
+  EXPECT_EQ((std::tuple{lr.ue(), lr.ok(), hr.ue(), hr.ok()}), (std::tuple{0xFFFFFFFEu, true, 0u, false}));
 }
 
 // The fields of an SPS the muxer relies on, in one line.
-std::string summary(const Sps& s) {
+std::string parsed(const Nal& nal) {
+  Sps s;
+  if (!parse_sps(nal.data(), nal.size(), s)) return "refused";
   std::ostringstream o;
   o << "profile " << +s.profile_idc << " level " << +s.level_idc << " chroma " << s.chroma_format_idc
     << (s.frame_mbs_only ? " frames " : " fields ") << s.width << "x" << s.height << " crop " << s.crop_left << " "
-    << s.crop_right << " " << s.crop_top << " " << s.crop_bottom << " poc " << s.poc_type << " sar " << s.sar_width
-    << ":" << s.sar_height;
+    << s.crop_right << " " << s.crop_top << " " << s.crop_bottom << " poc " << s.poc_type << " sar "
+    << s.sar_width << ":" << s.sar_height;
   if (s.timing_info_present) o << " tick " << s.num_units_in_tick << "/" << s.time_scale;
   if (s.bitstream_restriction) o << " reorder " << s.max_num_reorder_frames;
   return o.str();
 }
 
-std::string parsed(const Nal& nal) {
-  Sps sps;
-  return parse_sps(nal.data(), nal.size(), sps) ? summary(sps) : "refused";
-}
-
 TEST(H264ParameterSets, X264AndHandMadeSequenceParameterSets) {
-  const auto hd = unhex(kX264Sps);
+  // x264, Main, 1920x1080 (68 macroblock rows cropped by 8 lines) at 30000/1001 with two B-frames.
+  const auto hd = unhex("674d4028eca03c0113f2e022000007d20001d4c01e30632c");
   EXPECT_EQ(parsed(hd),
             "profile 77 level 40 chroma 1 frames 1920x1080 crop 0 0 0 8 poc 0 sar 1:1 tick 1001/60000 reorder 2");
   // Cut short, or the wrong NAL type: refused.
-  for (std::size_t cut : {std::size_t{0}, std::size_t{4}, hd.size() - 1}) {
+  for (std::size_t cut : {std::size_t{0}, std::size_t{4}, hd.size() - 1})
     EXPECT_EQ(parsed(Nal(hd.begin(), hd.begin() + long(cut))), "refused") << cut;
-  }
   EXPECT_EQ(parsed(unhex("68 EB E3 CB 22 C0")), "refused");
 
   // High 4:2:2 at 14 bits, 1280x736 coded, fields (crop unit 2 x 2). Scaling lists (4x4, one that ends at
   // once on a zero scale, 8x8) and every optional part of the VUI, with the most CPBs, must be skipped
   // exactly, or the fields after them come out wrong.
   Bits b;
-  b.u(8, 122).u(8, 0).u(8, 40).ue(0).ue(2).ue(6).ue(6).u(1, 0).u(1, 1);
-  b.u(1, 1);
+  b.u(8, 122).u(8, 0).u(8, 40).ue(0).ue(2).ue(6).ue(6).u(1, 0).u(1, 1).u(1, 1);
   for (int i = 0; i < 16; ++i) b.se(1);
   b.u(1, 1).se(-8).u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 1);
   for (int i = 0; i < 64; ++i) b.se(1);
-  b.u(1, 0);
-  b.ue(0).ue(2).ue(4).u(1, 0);
-  b.ue(1280 / 16 - 1).ue(736 / 32 - 1).u(1, 0).u(1, 1).u(1, 1);
+  b.u(1, 0).ue(0).ue(2).ue(4).u(1, 0).ue(1280 / 16 - 1).ue(736 / 32 - 1).u(1, 0).u(1, 1).u(1, 1);
   b.u(1, 1).ue(0).ue(2).ue(0).ue(8);  // cropping: 4 columns at the right, 16 lines at the bottom
   b.u(1, 1).u(1, 1).u(8, 255).u(16, 4).u(16, 3).u(1, 1).u(1, 0).u(1, 1).u(3, 5).u(1, 0).u(1, 1).u(24, 0x010101);
   b.u(1, 1).ue(1).ue(1).u(1, 1).u(32, 1001).u(32, 60000).u(1, 1);
-  // NAL HRD with 32 CPBs, no VCL HRD, low_delay and pic_struct flags.
-  b.u(1, 1).ue(31).u(4, 2).u(4, 3);
+  b.u(1, 1).ue(31).u(4, 2).u(4, 3);  // NAL HRD with 32 CPBs, no VCL HRD, low_delay and pic_struct flags
   for (int i = 0; i < 32; ++i) b.ue(1000).ue(2000).u(1, i % 2);
   b.u(20, 0xBBBBB).u(1, 0).u(1, 0).u(1, 0);
   b.u(1, 1).u(1, 1).ue(0).ue(1).ue(16).ue(16).ue(3).ue(4);  // bitstream_restriction: 3 reordered frames
   EXPECT_EQ(parsed(b.nal(3, kNalSps)),
             "profile 122 level 40 chroma 2 fields 1276x720 crop 0 4 0 16 poc 2 sar 4:3 tick 1001/60000 reorder 3");
-
-  // Found by fuzzing: a scaling-list delta far outside -128..127 overflowed the running scale instead of
-  // being refused.
+  // Found by fuzzing: a scaling-list delta far outside -128..127 overflowed the running scale.
   EXPECT_EQ(parsed(unhex("6764000DADD94141FB013DFFFFFFFFFFF3FF00000001FFFFFF746B6864FFFFFFFFFFFFFFFFFFFFFFFFFF"
                          "0075722099996004")),
             "refused");
@@ -145,10 +127,8 @@ struct HandSps {
     }
     b.ue(frame_num_minus4).ue(poc_type);
     if (poc_type == 0) b.ue(lsb_minus4);
-    if (poc_type == 1) {
-      b.u(1, 0).se(non_ref).se(0).ue(uint32_t(cycle.size()));
-      for (int32_t c : cycle) b.se(c);
-    }
+    if (poc_type == 1) b.u(1, 0).se(non_ref).se(0).ue(uint32_t(cycle.size()));
+    for (int32_t c : cycle) b.se(c);
     b.ue(2).u(1, 0).ue(width_mbs - 1).ue(14).u(1, 1).u(1, 1).u(1, !crop.empty());
     for (uint32_t c : crop) b.ue(c);
     b.u(1, sar_idc >= 0);
@@ -190,55 +170,27 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
       {"weighted_bipred_idc 2", [](bool p) { return hand_pps(0, 0, 0, 0, p ? 3 : 2); }},
   };
   for (const auto& limit : limits) {
-    SCOPED_TRACE(limit.what);
     for (const bool past : {false, true}) {
       const Nal nal = limit.make(past);
       Pps pps;
-      EXPECT_EQ((nal[0] & 0x1F) == kNalSps ? parsed(nal) != "refused" : parse_pps(nal.data(), nal.size(), pps), !past);
+      const bool ok = (nal[0] & 0x1F) == kNalSps ? parsed(nal) != "refused" : parse_pps(nal.data(), nal.size(), pps);
+      EXPECT_EQ(ok, !past) << limit.what;
     }
   }
   // The crop unit of each chroma format (separate planes count as monochrome), after 8 or 12 scaling list
   // flags; and Table E-1, which ends at 16 (2:1): 17 to 254 are reserved and give no ratio.
-  const struct {
-    int chroma;
-    bool separate;
-    int sar_idc;
-    const char* expected;
-  } cases[] = {
+  const std::tuple<int, bool, int, const char*> cases[] = {
       {0, false, 1, "chroma 0 frames 317x233 crop 1 2 3 4 poc 0 sar 1:1"},
       {1, false, 16, "chroma 1 frames 314x226 crop 2 4 6 8 poc 0 sar 2:1"},
       {2, false, 17, "chroma 2 frames 314x233 crop 2 4 3 4 poc 0 sar 0:0"},
       {3, false, -1, "chroma 3 frames 317x233 crop 1 2 3 4 poc 0 sar 0:0"},
       {3, true, -1, "chroma 3 frames 317x233 crop 1 2 3 4 poc 0 sar 0:0"},
   };
-  for (const auto& c : cases) {
+  for (const auto& [chroma, separate, sar_idc, expected] : cases) {
     HandSps s;
-    s.chroma = c.chroma, s.separate = c.separate, s.sar_idc = c.sar_idc, s.crop = {1, 2, 3, 4};
-    EXPECT_EQ(parsed(s.nal()), std::string("profile 244 level 30 ") + c.expected) << c.chroma << c.separate;
+    s.chroma = chroma, s.separate = separate, s.sar_idc = sar_idc, s.crop = {1, 2, 3, 4};
+    EXPECT_EQ(parsed(s.nal()), std::string("profile 244 level 30 ") + expected);
   }
-}
-
-TEST(H264SliceHeader, X264StreamsInDisplayOrder) {
-  // The first bytes of each slice of a six-frame x264 stream (Main, B-frames): ffprobe shows them in display
-  // order 0, 2, 3, 1, 5, 4.
-  const auto sets = sets_of(unhex(kX264Sps), unhex("68ce0fc8"));
-  const std::vector<Nal> slices = {
-      unhex("65888400e831800788088570"), unhex("419a2302af0cc3879ee3df21"), unhex("419e4142afe78b9b82653953"),
-      unhex("019e6242455f1be000881571"), unhex("419a65344a72af5f127571e0"), unhex("019e844519e37c001180f102")};
-  EXPECT_EQ(pocs_of(sets, slices), (Pocs{0, 6, 2, 4, 10, 8}));  // x264 counts 2 a frame
-
-  // The IDR: first macroblock 0, I slice, frame_num 0; slice 3: B, not a reference.
-  SliceHeader idr, b;
-  ASSERT_TRUE(parse_slice_header(slices[0].data(), slices[0].size(), sets, idr));
-  ASSERT_TRUE(parse_slice_header(slices[3].data(), slices[3].size(), sets, b));
-  EXPECT_EQ((std::vector<uint32_t>{idr.idr(), idr.first_mb, idr.slice_type, idr.frame_num, b.slice_type, b.nal_ref_idc}),
-            (std::vector<uint32_t>{1, 0, 2, 0, 1, 0}));
-
-  // A slice whose PPS was never sent, or cut inside its header, is refused.
-  ParameterSets none;
-  EXPECT_FALSE(parse_slice_header(slices[1].data(), slices[1].size(), none, b));
-  EXPECT_FALSE(parse_slice_header(slices[1].data(), 2, sets, b));
-
 }
 
 // slice_type 0 P, 1 B, 2 I. `poc_field` is pic_order_cnt_lsb (type 0) or delta_pic_order_cnt[0] (type 1).
@@ -266,41 +218,36 @@ ParameterSets hand_sets(uint32_t poc_type, std::vector<int32_t> cycle = {}, int3
 
 TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   // Type 1: reference frames 6 apart, non-reference pictures 4 before the expected count; the second B moves
-  // 2 later with delta_pic_order_cnt[0].
+  // 2 later with delta_pic_order_cnt[0]. A cycle of two: offsets 5 and 1 by turns.
   const auto t1 = hand_sets(1, {6}, -4);
   EXPECT_EQ(pocs_of(t1, {hand_slice(1, true, 3, 2, 0, 0), hand_slice(1, false, 2, 0, 1, 0),
                          hand_slice(1, false, 0, 1, 2, 0), hand_slice(1, false, 0, 1, 2, 2)}),
             (Pocs{0, 6, 2, 4}));
-  // A cycle of two: offsets 5 and 1 by turns.
   EXPECT_EQ(pocs_of(hand_sets(1, {5, 1}), {hand_slice(1, true, 3, 2, 0, 0), hand_slice(1, false, 2, 0, 1, 0),
                                            hand_slice(1, false, 2, 0, 2, 0), hand_slice(1, false, 2, 0, 3, 0)}),
             (Pocs{0, 5, 6, 11}));
 
-  // Across the wrap of a 4-bit frame_num (type 1: FrameNumOffset carries on) and of a 4-bit pic_order_cnt_lsb
-  // (type 0).
-  const auto t0 = hand_sets(0);
-  std::vector<Nal> type1{hand_slice(1, true, 3, 2, 0, 0)}, type0{hand_slice(0, true, 3, 2, 0, 0)};
-  Pocs sixes{0}, twos{0};
-  for (uint32_t i = 1; i < 20; ++i) {
-    type1.push_back(hand_slice(1, false, 2, 0, i % 16, 0));
-    type0.push_back(hand_slice(0, false, 2, 0, i % 16, int32_t((2 * i) % 16)));
-    sixes.push_back(6 * i), twos.push_back(2 * i);
-  }
+  // Across the wrap of a 4-bit frame_num, FrameNumOffset carries on.
+  std::vector<Nal> type1{hand_slice(1, true, 3, 2, 0, 0)};
+  Pocs sixes{0};
+  for (uint32_t i = 1; i < 20; ++i) type1.push_back(hand_slice(1, false, 2, 0, i % 16, 0)), sixes.push_back(6 * i);
   EXPECT_EQ(pocs_of(t1, type1), sixes);
-  EXPECT_EQ(pocs_of(t0, type0), twos);
 
   // At exactly half the lsb range a fall is a wrap and a rise is not (§8.2.1.1); one more than half and a
   // rise is a wrap backwards. Only reference pictures move the reference point.
+  const auto t0 = hand_sets(0);
   EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 8),
                          hand_slice(0, false, 2, 0, 2, 0), hand_slice(0, false, 0, 0, 3, 9),
                          hand_slice(0, false, 2, 0, 3, 8)}),
             (Pocs{0, 8, 16, 9, 24}));
-
-  // memory_management_control_operation 5 restarts counting like an IDR: the picture itself counts 0, and the
-  // one after it counts from there.
+  // memory_management_control_operation 5 restarts counting like an IDR, from the picture itself.
   EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 4),
                          hand_slice(0, false, 2, 0, 2, 8, true), hand_slice(0, false, 2, 0, 1, 2)}),
             (Pocs{0, 4, 0, 2}));
+  // Type 2: non-reference pictures count one less; an IDR after other pictures starts again at 0.
+  EXPECT_EQ(pocs_of(hand_sets(2), {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0),
+                                   hand_slice(2, false, 0, 0, 2, 0), hand_slice(2, true, 3, 2, 0, 0)}),
+            (Pocs{0, 2, 3, 0}));
 
   // slice_type 9 is the largest; with separate colour planes colour_plane_id (2 bits) comes before frame_num.
   HandSps planes;
@@ -312,11 +259,6 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
     EXPECT_EQ(parse_slice_header(nal.data(), nal.size(), plane_bits ? with_planes : t0, sh), ok) << type;
     EXPECT_EQ(sh.frame_num, ok ? 5u : 0u) << type;
   }
-
-  // Type 2: non-reference pictures count one less; an IDR after other pictures starts again at 0.
-  EXPECT_EQ(pocs_of(hand_sets(2), {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0),
-                                   hand_slice(2, false, 0, 0, 2, 0), hand_slice(2, true, 3, 2, 0, 0)}),
-            (Pocs{0, 2, 3, 0}));
 }
 
 // §7.3.2.3.1 and §D.1.8 by hand: the recovery point is found after other messages (one of 300 bytes: size FF

@@ -11,19 +11,20 @@ uintptr_t addr(const void* p) { return reinterpret_cast<uintptr_t>(p); }
 
 TEST(Memory, BlocksFollowTheArrayZeroedAlignedAndDisjoint) {
   // The last two are large enough to be mapped on their own.
-  const std::pair<int, int> shapes[] = {{1, 1},      {3, 12}, {5, 7}, {2, 1024}, {9, 8},
-                                        {4, 0},      {200000, 12}, {1, 3 << 20}};
+  const std::pair<int, int> shapes[] = {{1, 1}, {3, 12}, {5, 7},      {2, 1024},
+                                        {9, 8}, {4, 0},  {200000, 12}, {1, 3 << 20}};
   for (const auto& [count, size] : shapes) {
     SCOPED_TRACE(testing::Message() << count << " x " << size);
     void** rows = nullptr;
-    ASSERT_TRUE(Fundrel_Memory_Malloc(&rows, count, size));
-    ASSERT_NE(rows, nullptr);
+    ASSERT_TRUE(Fundrel_Memory_Malloc(&rows, count, size) && rows);
     // One allocation: the first block starts right after the pointer array.
     EXPECT_LT(addr(rows[0]) - addr(rows + count), 8u);
     // Every byte of every block starts zero and is writable (ASan checks the end).
     for (int i = 0; i < count; ++i) {
       EXPECT_EQ(addr(rows[i]) % 8, 0u);
-      if (i > 0) { EXPECT_GE(addr(rows[i]), addr(rows[i - 1]) + (size ? size : 1)); }
+      if (i > 0) {
+        EXPECT_GE(addr(rows[i]), addr(rows[i - 1]) + (size ? size : 1));
+      }
       auto* block = static_cast<uint8_t*>(rows[i]);
       for (int b = 0; b < size; ++b) {
         ASSERT_EQ(block[b], 0) << "row " << i << " byte " << b;
@@ -33,15 +34,23 @@ TEST(Memory, BlocksFollowTheArrayZeroedAlignedAndDisjoint) {
     Fundrel_Memory_Free(&rows, count);
     EXPECT_EQ(rows, nullptr);
   }
-}
-
-TEST(Memory, EdgeArguments) {
+  // The pages of the last large result freed (6 MiB here) serve the next one that fits in them, and no other.
+  void** big = nullptr;
+  ASSERT_TRUE(Fundrel_Memory_Malloc(&big, 1, 5 << 20));
+  void** const pages = big;
+  for (const auto& [size, same] : {std::pair{(6 << 20) - 24, true}, std::pair{(6 << 20) - 23, false}}) {
+    Fundrel_Memory_Free(&big, 1);
+    ASSERT_TRUE(Fundrel_Memory_Malloc(&big, 1, size));
+    EXPECT_EQ(big == pages, same) << size;
+  }
+  Fundrel_Memory_Free(&big, 1);
   const std::tuple<int, int, bool> cases[] = {{0, 12, true}, {-1, 4, false}, {3, -1, false}};
   for (const auto& [count, size, ok] : cases) {
     void** rows = reinterpret_cast<void**>(uintptr_t{0x10});
     EXPECT_EQ(Fundrel_Memory_Malloc(&rows, count, size), ok) << count << " x " << size;
     EXPECT_EQ(rows, nullptr);
   }
+  EXPECT_FALSE(Fundrel_Memory_Malloc(nullptr, 1, 1));
   Fundrel_Memory_Free(nullptr, 3);  // releasing nothing is harmless
 }
 

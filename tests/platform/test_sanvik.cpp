@@ -16,9 +16,10 @@ using Bytes = std::vector<uint8_t>;
 const std::string kSps = "67 64 00 0B AC D9 42 84 7E 5C 04 40 00 00 03 00 40 00 00 0C 83 C5 0A 65 80";
 const std::string kPps = "68 EB E3 CB 22 C0";
 
+// What Sanvik_Parse_VideoHdr hands out; the lengths start at -1 so that one left unset shows.
 struct Found {
   std::array<uint8_t, SANVIK_PARAMSET_CAPACITY> sps{}, pps{}, sei{};
-  int sps_len = 0, pps_len = 0, sei_len = 0;
+  int sps_len = -1, pps_len = -1, sei_len = -1;
   bool ok;
   Found(const Bytes& in, int codec = 27) {
     ok = Sanvik_Parse_VideoHdr(in.data(), int(in.size()), codec, 0, sps.data(), pps.data(), nullptr, sei.data(),
@@ -28,44 +29,39 @@ struct Found {
   std::string pps_hex() const { return hex(pps.data(), std::size_t(pps_len)); }
 };
 
-std::array<uint8_t, 16> info_of(const Bytes& in, bool expect_found = true) {
-  std::array<uint8_t, 16> info{};
-  EXPECT_EQ(Sanvik_Parse_SPSInfo(in.data(), int(in.size()), info.data()), expect_found);
-  return info;
-}
-
 TEST(Sanvik, ParameterSetsOfAnX264Stream) {
   const Bytes stream = boxlane::test::read_file(boxlane::test::source_dir() + "/tests/data/x264_sps_pps.h264");
   const Found f(stream);
-  EXPECT_TRUE(f.ok);
+  std::array<uint8_t, 16> info{};
+  EXPECT_TRUE(f.ok && Sanvik_Parse_SPSInfo(stream.data(), int(stream.size()), info.data()));
   EXPECT_EQ(f.sps_hex(), kSps);
   EXPECT_EQ(f.pps_hex(), kPps);
-  EXPECT_EQ(hex(info_of(stream).data(), 4), "64 0B 00 00");  // profile_idc, level_idc, constraint flags
-
+  EXPECT_EQ(hex(info.data(), 4), "64 0B 00 00");  // profile_idc, level_idc, constraint flags
   // Every prefix, as an exact-size heap copy: nothing past the length is read, what comes out is a prefix of
-  // the real unit, and a start code that ends the bytes is not taken into the SPS.
-  for (std::size_t n = 0; n < stream.size(); ++n) {
+  // the real unit, and a start code that ends the bytes is not taken into the SPS; SPSInfo needs the SPS's
+  // header and three bytes.
+  for (std::size_t n = 1; n < stream.size(); ++n) {
     const Bytes cut(stream.begin(), stream.begin() + long(n));
     const Found part(cut);
     EXPECT_EQ(kSps.rfind(part.sps_hex(), 0), 0u) << n;
     EXPECT_EQ(part.pps_len, n < 33 ? 0 : int(n) - 33) << n;
-    info_of(cut, n >= 8);  // the SPS needs its header and three bytes
+    EXPECT_EQ(Sanvik_Parse_SPSInfo(cut.data(), int(cut.size()), info.data()), n >= 8) << n;
   }
-  EXPECT_FALSE(Found(Bytes(stream.begin(), stream.end()), 173).ok) << "not H.264";
+  EXPECT_FALSE(Found(stream, 173).ok) << "not H.264";
 }
 
 TEST(Sanvik, FirstOfEachTypeWithinCapacity) {
   // Garbage first, 3- and 4-byte start codes, an SEI and padding zeros, then a second SPS and PPS that must
   // not replace the first.
-  const Bytes mixed = unhex("12 34 00 00 01 06 05 01 AA 80 00 00 00 00 01 " + kSps + " 00 00 00 01 " + kPps +
-                            " 00 00 01 67 42 C0 1E FF 00 00 01 68 CE 38 80");
-  Found f(mixed);
+  Found f(unhex("12 34 00 00 01 06 05 01 AA 80 00 00 00 00 01 " + kSps + " 00 00 00 01 " + kPps +
+                " 00 00 01 67 42 C0 1E FF 00 00 01 68 CE 38 80"));
   EXPECT_EQ(f.sps_hex(), kSps);
   EXPECT_EQ(f.pps_hex(), kPps);
   EXPECT_EQ(hex(f.sei.data(), std::size_t(f.sei_len)), "06 05 01 AA 80");
   EXPECT_FALSE(Found(unhex(kSps + kPps)).ok) << "bare units are not Annex B";
 
-  // An SPS larger than the buffer is dropped, not truncated, and a later one does not stand in for it.
+  // An SPS larger than the buffer is dropped, not truncated, and a later one does not stand in for it; one of
+  // exactly the capacity fits.
   Bytes big = unhex("00 00 00 01 67 64 00 1F");
   big.resize(4 + 1500, 0x11);
   const Bytes rest = unhex("00 00 01 " + kPps + " 00 00 01 " + kSps);
@@ -75,9 +71,8 @@ TEST(Sanvik, FirstOfEachTypeWithinCapacity) {
   EXPECT_EQ(f.sps_len, 0);
   EXPECT_EQ(f.sps[0], 0);
   EXPECT_EQ(f.pps_hex(), kPps);
-
   big.erase(big.begin() + 4 + SANVIK_PARAMSET_CAPACITY, big.begin() + 4 + 1500);
-  EXPECT_EQ(Found(big).sps_len, SANVIK_PARAMSET_CAPACITY) << "exactly the capacity fits";
+  EXPECT_EQ(Found(big).sps_len, SANVIK_PARAMSET_CAPACITY);
 }
 
 }  // namespace
