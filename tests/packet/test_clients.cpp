@@ -1,11 +1,10 @@
-// Writer clients: life cycle, lookups, and the checks every writer operation
-// makes first: a null, unknown or deleted client, a null buffer or length.
+// Writer clients: life cycle and lookups. What every writer refuses first (a
+// null, unknown or deleted client, a null buffer or length) is checked with
+// each call of test_documented_sizes.cpp.
 #include "writer_fixture.hpp"
 
-#include <functional>
 #include <string>
 #include <string_view>
-#include <utility>
 
 namespace boxlane::test {
 namespace {
@@ -66,43 +65,6 @@ TEST_F(ClientTest, LookupsFollowTheNameInTheBufferNotTheBuffer) {
     Boxlane_Packet_Delete(a.c_str());
     Boxlane_Packet_Delete(b.c_str());
   }
-}
-
-// Every writer refuses a null client and one deleted after this thread
-// reached it, then a null buffer or length, writing nothing.
-TEST_F(ClientTest, EveryWriterRefusesMissingClientBufferOrLength) {
-  using Writer = std::function<bool(const char*, uint8_t*, int32_t*)>;
-  static const uint8_t payload[4] = {1, 2, 3, 4};
-  static const uint8_t* const nalus[1] = {kFrame + 4};
-  static const int32_t nalu_lengths[1] = {3};
-  static const tag_Qorvane_AVProtocol av{};
-#define WRITER(name, ...) \
-  { #name, [](auto c, auto b, auto l) { return Boxlane_Packet_##name(c, b, l __VA_OPT__(, ) __VA_ARGS__); } }
-  const std::pair<const char*, Writer> writers[] = {
-      WRITER(HDRBox, "free", payload, 4), WRITER(FTyp), WRITER(MVhd, 0, 1000), WRITER(TKhd, 0, 1, 1, 0),
-      WRITER(MDhd, 0), WRITER(MDhdEx, 0, 1), WRITER(HDlr, 0), WRITER(VMhd), WRITER(SMhd, 0), WRITER(DInf),
-      WRITER(EDts, 1, 0), WRITER(CTts), WRITER(STts, true), WRITER(STss), WRITER(STsc), WRITER(STsz, false),
-      WRITER(STco, false), WRITER(HDRBox64, "mdat", 0), WRITER(MVhd64, 0, 1000), WRITER(TKhd64, 0, 1, 1, 0),
-      WRITER(MDhd64, 0, 1), WRITER(EDts64, 1, 0), WRITER(STco64, true, 0), WRITER(STsd, &av),
-      WRITER(STsdHEVC, payload, 4), WRITER(STsdParamSets, nalus, nalu_lengths, 1), WRITER(MVex, 0),
-      WRITER(Fragment, 0), WRITER(STyp), WRITER(SIdx), WRITER(MFra),
-      WRITER(FrameVideo, kFrame, sizeof kFrame, 0, 1, 40, 40),
-      WRITER(FrameAccessUnit, nalus, nalu_lengths, 1, 0, 1, 40, 40), WRITER(FrameAudio, payload, 4, 0, 1024),
-  };
-#undef WRITER
-  const std::string gone = name_ + ".gone";
-  for (const auto& row : writers) {
-    SCOPED_TRACE(row.first);
-    const auto& call = row.second;  // Clang 14 cannot capture a structured binding
-    expect_refused([&](uint8_t* b, int32_t* l) { return call(nullptr, b, l); }, BOXLANE_ERROR_PACKET_PARAMETER);
-    ASSERT_TRUE(Boxlane_Packet_Insert(gone.c_str()));
-    expect_refused([&](uint8_t*, int32_t* l) { return call(gone.c_str(), nullptr, l); }, BOXLANE_ERROR_PACKET_PARAMETER);
-    ASSERT_TRUE(Boxlane_Packet_Delete(gone.c_str()));
-    expect_refused([&](uint8_t* b, int32_t* l) { return call(gone.c_str(), b, l); }, BOXLANE_ERROR_PACKET_NOTFOUND);
-    expect_refused([&](uint8_t* b, int32_t*) { return call(client(), b, nullptr); }, BOXLANE_ERROR_PACKET_PARAMETER);
-  }
-  EXPECT_EQ(record().nVideoCount, 0u);
-  EXPECT_TRUE(record().listAudioSize.empty());
 }
 
 }  // namespace

@@ -15,9 +15,10 @@ namespace {
 
 using FrameTest = WriterTest;
 using SampleTableTest = WriterTest;
+constexpr int64_t k32 = int64_t{1} << 32;
 
 // The start code is not examined but replaced by the NAL length; a 4-byte
-// frame is an empty NAL unit. An access unit gets a length per unit.
+// frame is an empty NAL unit.
 TEST_F(FrameTest, VideoNalUnitsGetTheirLengths) {
   Bytes frame = Bytes().add(unhex("00000001 65")), expected = Bytes().add(unhex("000003E4 65"));
   frame.resize(1000, 0x5A);
@@ -25,17 +26,6 @@ TEST_F(FrameTest, VideoNalUnitsGetTheirLengths) {
   EXPECT_EQ(box(Boxlane_Packet_FrameVideo, frame.data(), 1000, int64_t{48}, 1, 40, 0), hex(expected));
   const uint8_t odd[] = {0xAA, 0xBB, 0xCC, 0xDD, 0x41};
   EXPECT_EQ(box(Boxlane_Packet_FrameVideo, odd, 4, int64_t{0}, 0, 40, 0), bytes_hex("00000000"));
-  const uint8_t sei[] = {0x06, 0x05, 0x01}, slice[] = {0x65, 0x88, 0x84, 0x21};
-  const uint8_t* const nalus[] = {sei, slice, odd};
-  const int32_t lengths[] = {3, 4, 0};
-  EXPECT_EQ(box(Boxlane_Packet_FrameAccessUnit, nalus, lengths, 3, int64_t{1000}, 1, 41, 80),
-            bytes_hex("00000003 060501 00000004 65888421 00000000"));
-  // The access unit's position, key flag, duration and offset reach the tables.
-  EXPECT_EQ(box(Boxlane_Packet_STsz, true), bytes_hex("00000020 7374737A 00000000 00000000 00000003 000003E8 00000004 00000013"));
-  EXPECT_EQ(box(Boxlane_Packet_STco, true), bytes_hex("0000001C 7374636F 00000000 00000003 00000030 00000000 000003E8"));
-  EXPECT_EQ(box(Boxlane_Packet_STts, true), bytes_hex("00000020 73747473 00000000 00000002 00000002 00000028 00000001 00000029"));
-  EXPECT_EQ(box(Boxlane_Packet_CTts), bytes_hex("00000018 63747473 00000000 00000001 00000001 00000050"));
-  EXPECT_EQ(box(Boxlane_Packet_STss), bytes_hex("00000018 73747373 00000000 00000002 00000001 00000003"));
 }
 
 TEST_F(FrameTest, AudioDropsTheAdtsHeaderWithOrWithoutCrc) {
@@ -60,33 +50,38 @@ TEST_F(FrameTest, RefusedFramesChangeNothing) {
   const int32_t too_long[2] = {INT_MAX / 2, INT_MAX / 2};  // with 8 length bytes, past INT_MAX
   for (const int length : {3, -1})
     refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, frame, length, int64_t{0}, 1, 40, 40);
-  struct AccessUnit {
+  const struct {
     const uint8_t* const* nalus;
     const int32_t* lengths;
     int count;
-  };
-  for (const AccessUnit& unit : {AccessUnit{nalus, lengths, 0}, {with_null, lengths, 2}, {nalus, with_negative, 2},
-                                 {nalus, too_long, 2}})
-    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAccessUnit, unit.nalus, unit.lengths, unit.count,
-            int64_t{0}, 1, 40, 40);
+  } units[] = {{nalus, lengths, 0}, {with_null, lengths, 2}, {nalus, with_negative, 2}, {nalus, too_long, 2}};
+  for (const auto& u : units)
+    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAccessUnit, u.nalus, u.lengths, u.count, int64_t{0},
+            1, 40, 40);
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAudio, frame, -1, int64_t{0}, 1024);
   EXPECT_EQ(record().nVideoCount, 0u);
   EXPECT_TRUE(record().listVideoSample.empty() && record().listAudioSize.empty());
 }
 
-
 // A duration merges only with the last run, and a frame without one is in
 // no run; only positive composition offsets get a ctts entry, one each; only
 // key flag 1 marks a sync sample; stco keeps the low 32 bits of a position.
+// An access unit gets a length per NAL unit, an empty one too.
 TEST_F(SampleTableTest, TablesOfBothTracks) {
+  EXPECT_EQ(box(Boxlane_Packet_STts, true), bytes_hex("00000010 73747473 00000000 00000000"));
+  refuses(BOXLANE_ERROR_PACKET_NODATA, Boxlane_Packet_CTts);
   video(10, 1, 40, 0, 48);
   video(9, 0, 40, 80, 58);
   audio(7, 1024, 67);
   video(8, 2, 41, 40, 74);
   video(7, -1, 40, 40, 82);
-  video(6, 1, 0, -40, (int64_t{1} << 32) + 100);
+  video(6, 1, 0, -40, k32 + 100);
   audio(0, 1024, 0x7FFFFFFF);
-  video(5, 1, -3, 0, 100);
+  const uint8_t sei[] = {0x06, 0x05, 0x01}, slice[] = {0x65, 0x88, 0x84, 0x21};
+  const uint8_t* const nalus[] = {sei, slice, sei};
+  const int32_t lengths[] = {3, 4, 0};
+  EXPECT_EQ(box(Boxlane_Packet_FrameAccessUnit, nalus, lengths, 3, int64_t{100}, 1, -3, 0),
+            bytes_hex("00000003 060501 00000004 65888421 00000000"));
   video(4, 0, 40, 0, 110);
   audio(3, 960, 200);
   EXPECT_EQ(box(Boxlane_Packet_STts, true),
@@ -95,7 +90,7 @@ TEST_F(SampleTableTest, TablesOfBothTracks) {
             bytes_hex("00000028 63747473 00000000 00000003 00000001 00000050 00000001 00000028 00000001 00000028"));
   EXPECT_EQ(box(Boxlane_Packet_STss), bytes_hex("0000001C 73747373 00000000 00000003 00000001 00000005 00000006"));
   EXPECT_EQ(box(Boxlane_Packet_STsz, true), bytes_hex("00000030 7374737A 00000000 00000000 00000007 0000000A 00000009 "
-                                                      "00000008 00000007 00000006 00000005 00000004"));
+                                                      "00000008 00000007 00000006 00000013 00000004"));
   EXPECT_EQ(box(Boxlane_Packet_STco, true), bytes_hex("0000002C 7374636F 00000000 00000007 00000030 0000003A 0000004A "
                                                       "00000052 00000064 00000064 0000006E"));
   EXPECT_EQ(box(Boxlane_Packet_STts, false),
@@ -105,28 +100,25 @@ TEST_F(SampleTableTest, TablesOfBothTracks) {
   EXPECT_EQ(box(Boxlane_Packet_STco, false), bytes_hex("0000001C 7374636F 00000000 00000003 00000043 7FFFFFFF 000000C8"));
 }
 
-// stco while every offset (position + delta) is below 2^32, co64 from the
-// first offset at 2^32, chosen per track; the size query agrees.
+// stco while every offset (position + delta) is below 2^32, co64 once the
+// highest, wherever it is, reaches 2^32, chosen per track; the size query
+// agrees. An offset below 0, or past 63 bits, is refused by both.
 TEST_F(SampleTableTest, ChunkOffsetsWidenAtFourGibibytes) {
-  constexpr int64_t k32 = int64_t{1} << 32;
   const auto size_of = [&](bool video, int64_t delta) {
     int32_t size = -7;
     if (!Boxlane_Packet_STco64Size(client(), video, delta, &size)) return -int(Boxlane_GetLastError(nullptr));
     return int(size);
   };
-  video(8, 1, 40, 0, 48);
-  video(8, 0, 40, 0, k32 - 1);
+  video(8, 1, 40, 0, k32 - 1);
+  video(8, 0, 40, 0, 48);
   audio(6, 1024, 100);
   EXPECT_EQ(box(Boxlane_Packet_STco64, true, int64_t{0}),
-            bytes_hex("00000018 7374636F 00000000 00000002 00000030 FFFFFFFF"));
+            bytes_hex("00000018 7374636F 00000000 00000002 FFFFFFFF 00000030"));
   EXPECT_EQ(size_of(true, 0), 24);
-  // One more byte of delta moves the last offset to 2^32.
   EXPECT_EQ(box(Boxlane_Packet_STco64, true, int64_t{1}),
-            bytes_hex("00000020 636F3634 00000000 00000002 00000000 00000031 00000001 00000000"));
+            bytes_hex("00000020 636F3634 00000000 00000002 00000001 00000000 00000000 00000031"));
   EXPECT_EQ(size_of(true, 1), 32);
-  // The audio track keeps its own table.
   EXPECT_EQ(box(Boxlane_Packet_STco64, false, int64_t{0}), bytes_hex("00000014 7374636F 00000000 00000001 00000064"));
-  // An offset below 0, or one past 63 bits, is refused by both.
   audio(6, 1024, INT64_MAX);
   for (const auto& [video_track, delta] : {std::pair{true, int64_t{-49}}, std::pair{false, int64_t{1}}}) {
     SCOPED_TRACE(delta);

@@ -2,6 +2,8 @@
 // the 64-bit forms on both sides of each limit.
 #include "writer_fixture.hpp"
 
+#include "support/box_builder.hpp"
+
 #include <climits>
 #include <cstdio>
 #include <ctime>
@@ -34,8 +36,12 @@ TEST_F(HeaderBoxTest, FixedBoxesAndBoxHeaders) {
   // hdlr: pre_defined, the handler type, three reserved words, the name; 5 is past the last type.
   EXPECT_EQ(box(Boxlane_Packet_HDlr, uint8_t{0}), bytes_hex("0000002D 68646C72 00000000 00000000 76696465 "
                                                             "00000000 00000000 00000000 566964656F48616E646C657200"));
-  EXPECT_EQ(box(Boxlane_Packet_HDlr, uint8_t{4}), bytes_hex("0000002C 68646C72 00000000 00000000 74657874 "
-                                                            "00000000 00000000 00000000 5465787448616E646C657200"));
+  const char* const handlers[][2] = {{"soun", "Sound"}, {"hint", "Hint"}, {"meta", "Meta"}, {"text", "Text"}};
+  for (uint8_t type = 1; type < 5; ++type) {
+    const std::string name = handlers[type - 1][1] + std::string("Handler");
+    Bytes hdlr = Bytes().u32(uint32_t(33 + name.size())).str("hdlr").zeros(8).str(handlers[type - 1][0]);
+    EXPECT_EQ(box(Boxlane_Packet_HDlr, type), hex(hdlr.zeros(12).str(name).u8(0))) << name;
+  }
   refuses(BOXLANE_ERROR_PACKET_NOTSUPPORT, Boxlane_Packet_HDlr, uint8_t{5});
 
   const uint8_t payload[] = {0xDE, 0xAD, 0xBE, 0xEF};
@@ -120,8 +126,8 @@ TEST_F(HeaderBoxTest, FrameTimesFillDurationsOfZero) {
     EXPECT_EQ(record().nAudioFrameTime, c.audio_ms);
   }
   ASSERT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(client(), 25, 0));
-  EXPECT_EQ(box(Boxlane_Packet_MVhd, 0, 1).substr(24 * 3, 11), "00 00 00 28");
-  EXPECT_EQ(box(Boxlane_Packet_TKhd, 0, 160, 120, 0).substr(28 * 3, 11), "00 00 00 28");
+  EXPECT_EQ(box(Boxlane_Packet_MVhd, 0, 4).substr(24 * 3, 11), "00 00 00 0A");  // 40 ms / 4
+  EXPECT_EQ(box(Boxlane_Packet_TKhd, 0, 160, 120, 0).substr(28 * 3, 11), "00 00 00 0A");
   EXPECT_EQ(box(Boxlane_Packet_TKhd, 0, 160, 120, -1).substr(28 * 3, 11), "FF FF FF FF");  // only 0 is filled
 }
 

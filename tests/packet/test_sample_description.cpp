@@ -33,12 +33,16 @@ class SampleDescription : public WriterTest {
  protected:
   std::string stsd(const std::unique_ptr<tag_Qorvane_AVProtocol>& av) { return box(Boxlane_Packet_STsd, av.get()); }
   void tkhd(int volume, int width, int height) { box(Boxlane_Packet_TKhd, volume, width, height, 0); }
-  // then(pointers, lengths, count) for the sets listed.
+  // then(pointers, lengths, count) for the sets listed; an empty set still has an address.
   template <typename Then>
   void with_sets(const Sets& sets, Then then) {
+    static const uint8_t empty[1] = {0x67};
     std::vector<const uint8_t*> pointers;
     std::vector<int32_t> lengths;
-    for (const auto& set : sets) pointers.push_back(set.data()), lengths.push_back(int32_t(set.size()));
+    for (const auto& set : sets) {
+      pointers.push_back(set.empty() ? empty : set.data());
+      lengths.push_back(int32_t(set.size()));
+    }
     then(pointers.data(), lengths.data(), int32_t(sets.size()));
   }
   std::string sets_box(const Sets& sets) {
@@ -79,27 +83,24 @@ TEST_F(SampleDescription, VideoEntryWithEveryParameterSet) {
             bytes_hex("0000001C 61766343 01 4D 40 1E FF E2 0004 674D401E 0005 6764001FAC 00"));
 
   // 31 SPSs and 255 PPSs are the most avcC counts.
-  const std::vector<uint8_t> sei = unhex("06 05 01");
   Sets pps256(256, pps0), sps32(32, sps0), most(31, sps0);
   pps256.push_back(sps0);
   most.insert(most.end(), 255, pps0);
   EXPECT_EQ(sets_box(most).substr(110 * 3, 17), "01 64 00 1F FF FF");
   const Sets refused[] = {
-      {},                             // no set
-      {pps0},                         // no SPS
-      {unhex("67 64 00"), sps0},      // the first SPS too short for its profile and level
-      {sps0, sei},                    // not a parameter set
-      {sps0, {}},                     // empty
-      sps32,                          // 32 SPSs
-      pps256,                         // 256 PPSs
+      {},                                         // no set
+      {pps0},                                     // no SPS
+      {unhex("67 64 00"), sps0},                  // the first SPS too short for its profile and level
+      {sps0, unhex("06 05 01")},                  // not a parameter set
+      {sps0, {}},                                 // empty
+      sps32,                                      // 32 SPSs
+      pps256,                                     // 256 PPSs
       {sps0, std::vector<uint8_t>(65536, 0x68)},  // longer than a 16-bit length
   };
   for (const Sets& sets : refused) {
     SCOPED_TRACE(sets.size());
-    with_sets(sets, [&](auto p, auto l, int32_t n) {
-      std::vector<const uint8_t*> pointers(p, p + n);
-      for (auto& pointer : pointers) pointer = pointer ? pointer : sei.data();  // an empty set still has an address
-      refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, pointers.data(), l, n);
+    with_sets(sets, [&](auto p, auto l, int n) {
+      refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, p, l, n);
     });
   }
   const uint8_t* const null_set[] = {sps0.data(), nullptr};
@@ -125,9 +126,8 @@ TEST_F(SampleDescription, AudioEntry) {
   EXPECT_EQ(hex(bytes.data() + 52, 22), bytes_hex("0000008F 65736473 00000000 03 8100 0002 00 04 78 40 15"));
   EXPECT_EQ(hex(bytes.data() + 85, 4), "05 69 5A 5A");
   EXPECT_EQ(hex(bytes.data() + 189, 6), "5A 5A 5A 06 01 02");
-}
 
-TEST_F(SampleDescription, RefusesBadRecords) {
+  // Lengths below 0 or past the 1024-byte field, of the block bVideo selects.
   for (const int32_t bad : {-1, 1025}) {
     for (const bool video : {true, false}) {
       auto av = protocol(video, {});

@@ -15,11 +15,10 @@ using boxlane::test::hand_pps;
 using boxlane::test::unhex;
 using Bytes = std::vector<uint8_t>;
 
-// libx265 Main, 320x240 (see tests/platform/test_hevc.cpp).
+// libx265 Main, 320x240, and Main 10, 328x184 coded, 322x182 shown (see tests/platform/test_hevc.cpp).
 const std::string kVps = "40010c01ffff01600000030090000003000003003c959809";
 const std::string kSps = "42010101600000030090000003000003003ca00a080f165959a4932bc05a020000030002000003003210";
 const std::string kPps = "4401c172b46240";
-// libx265 Main 10, 328x184 coded, 322x182 shown.
 const std::string kVps10 = "40010c01ffff02200000030090000003000003003c959409";
 const std::string kSps10 =
     "42010102200000030090000003000003003ca00a480b9c94d96565924caf01680800001f480003a98300a4837000493e000927c4";
@@ -68,50 +67,54 @@ TEST_F(HevcSampleDescription, X265MainAndMain10ByHand) {
   EXPECT_EQ(stsd(annexb({unhex(kVps10), unhex(kSps10), unhex(kPps)})).substr(48 * 3, 11), "01 42 00 B6");
 }
 
+// The record describes every SPS at once (§8.3.3.2): the first SPS gives
+// space, profile and chroma; a flag stays only if every SPS sets it; tier,
+// level and temporal layers are the highest, segmentation the lowest, and
+// temporalIdNested holds only if every SPS nests. parallelismType comes from
+// the PPSs: all wavefronts 3, all tiles 2, neither 1, mixed (or no
+// segmentation restriction) 0.
 TEST_F(HevcSampleDescription, FieldsThatDescribeEverySet) {
-  // A hand-made SPS: space 1, high tier, profile 2, compatibility 0x20000000,
-  // constraints 0x800000000001, level 153, three temporal layers, nested,
-  // min_spatial_segmentation_idc 1000.
-  HandSps hand;
+  // Space 1, high tier, profile 2, compatibility 0x20000000, constraints
+  // 0x800000000001, level 153, min_spatial_segmentation_idc 1000; three
+  // temporal layers (nested, then not), and 4:4:4 at 15 and 14 bits.
+  HandSps hand, deep;
   hand.sub_layers_minus1 = 2;
-  const Bytes vps = unhex(kVps);
-  const auto head = [&](const std::vector<Bytes>& units) { return hvcc(annexb(units)).substr(0, 22 * 3 - 1); };
-  const Bytes wpp = hand_pps(0, false, false, 0, true, false), tiles = hand_pps(1, false, false, 0, false, true),
-              neither = hand_pps(2, false, false, 0, false, false);
-  EXPECT_EQ(head({vps, hand.nal(), wpp}), bytes_hex("01 62 20000000 8000 00000001 99 F3E8 FF FD F8 F8 0000 1F"));
-  // With the x265 SPS as well: the first SPS gives space and profile; a
-  // flag stays only if both set it; tier and level are the highest, the
-  // segmentation the lowest (none given: 0, and so parallelismType 0).
-  EXPECT_EQ(head({vps, unhex(kSps), hand.nal(), unhex(kPps)}),
-            bytes_hex("01 21 20000000 8000 00000000 99 F000 FC FD F8 F8 0000 1F"));
-
-  // parallelismType from the PPSs: all wavefronts 3, all tiles 2, neither 1, a mixture 0.
-  const std::vector<std::pair<std::vector<Bytes>, std::string>> cases = {
-      {{wpp}, "FF"}, {{tiles}, "FE"}, {{neither}, "FD"}, {{wpp, tiles}, "FC"}};
-  for (const auto& [pps, type] : cases) {
-    std::vector<Bytes> units{vps, hand.nal()};
-    units.insert(units.end(), pps.begin(), pps.end());
-    EXPECT_EQ(head(units).substr(15 * 3, 2), type) << pps.size();
-  }
-
-  // 16-bit 4:4:4 is not describable (3 bits for bit_depth_luma_minus8);
-  // 15-bit luma with 14-bit chroma is.
-  HandSps deep;
+  Bytes unnested = hand.nal();
+  unnested[2] &= 0xFE;  // sps_temporal_id_nesting_flag
   deep.chroma = 3;
   deep.luma_minus8 = 7;
   deep.chroma_minus8 = 6;
-  EXPECT_EQ(head({vps, deep.nal(), wpp}).substr(16 * 3), bytes_hex("FF FF FE 00 00 0F"));
+  const Bytes vps = unhex(kVps), wpp = hand_pps(0, false, false, 0, true, false),
+              tiles = hand_pps(1, false, false, 0, false, true), neither = hand_pps(2, false, false, 0, false, false);
+  const struct {
+    std::vector<Bytes> units;
+    const char* head;  // the first 22 bytes of hvcC
+  } cases[] = {
+      {{vps, hand.nal(), wpp}, "01 62 20000000 8000 00000001 99 F3E8 FF FD F8 F8 0000 1F"},
+      {{vps, hand.nal(), tiles}, "01 62 20000000 8000 00000001 99 F3E8 FE FD F8 F8 0000 1F"},
+      {{vps, hand.nal(), neither}, "01 62 20000000 8000 00000001 99 F3E8 FD FD F8 F8 0000 1F"},
+      {{vps, hand.nal(), wpp, tiles}, "01 62 20000000 8000 00000001 99 F3E8 FC FD F8 F8 0000 1F"},
+      {{vps, unnested, unhex(kSps), unhex(kPps)}, "01 62 20000000 8000 00000000 99 F000 FC FD F8 F8 0000 1B"},
+      {{vps, deep.nal(), wpp}, "01 62 20000000 8000 00000001 99 F3E8 FF FF FF FE 0000 0F"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.head);
+    EXPECT_EQ(hvcc(annexb(c.units)).substr(0, 22 * 3 - 1), bytes_hex(c.head));
+  }
+  // 16-bit luma is not describable: hvcC has 3 bits for bit_depth_luma_minus8.
   deep.luma_minus8 = 8;
   refused(annexb({vps, deep.nal(), wpp}));
 }
 
 TEST_F(HevcSampleDescription, WhatTheInputMayHold) {
   const Bytes vps = unhex(kVps), sps = unhex(kSps), pps = unhex(kPps);
-  // The largest input, 65536 bytes (a long filler unit), and one byte more.
+  // The largest input, 65536 bytes, and one byte more; units that are not
+  // parameter sets (a long filler unit, one without a readable header) are
+  // passed over.
   Bytes filler = {0x4C, 0x01};
-  Bytes big = annexb({vps, sps, pps});
+  Bytes big = annexb({vps, sps, pps, {0x4C}});
   filler.resize(65536 - big.size() - 4, 0xFF);
-  big = annexb({vps, sps, pps, filler});
+  big = annexb({vps, sps, pps, {0x4C}, filler});
   ASSERT_EQ(big.size(), 65536u);
   EXPECT_EQ(stsd(big), stsd(annexb({vps, sps, pps})));
   big.push_back(0xFF);

@@ -56,9 +56,20 @@ class WriterTest : public ::testing::Test {
   const char* client() const { return name_.c_str(); }
   QORVANE_MP4PACKET& record() { return *m_MP4Packet.stl_MapClient.find(name_)->second; }
 
+  // Every call is first refused for a null client, a null buffer or length,
+  // and a client deleted after this thread reached it, with nothing written.
   template <typename Writer, typename... Args>
   std::string box(Writer writer, Args... args) {
-    return written([&](uint8_t* b, int32_t* l) { return writer(client(), b, l, args...); });
+    const auto call = [&](const char* c, uint8_t* b, int32_t* l) { return writer(c, b, l, args...); };
+    const std::string gone = name_ + ".gone";
+    expect_refused([&](uint8_t* b, int32_t* l) { return call(nullptr, b, l); }, BOXLANE_ERROR_PACKET_PARAMETER);
+    expect_refused([&](uint8_t* b, int32_t*) { return call(client(), b, nullptr); }, BOXLANE_ERROR_PACKET_PARAMETER);
+    EXPECT_TRUE(Boxlane_Packet_Insert(gone.c_str()));
+    const auto parameter = BOXLANE_ERROR_PACKET_PARAMETER;
+    expect_refused([&](uint8_t*, int32_t* l) { return call(gone.c_str(), nullptr, l); }, parameter);
+    EXPECT_TRUE(Boxlane_Packet_Delete(gone.c_str()));
+    expect_refused([&](uint8_t* b, int32_t* l) { return call(gone.c_str(), b, l); }, BOXLANE_ERROR_PACKET_NOTFOUND);
+    return written([&](uint8_t* b, int32_t* l) { return call(client(), b, l); });
   }
   template <typename Writer, typename... Args>
   void refuses(uint64_t code, Writer writer, Args... args) {
