@@ -1,6 +1,6 @@
 // Writer clients: life cycle and lookups. What every writer refuses first (a
 // null, unknown or deleted client, a null buffer or length) is checked with
-// each call of test_documented_sizes.cpp.
+// each call through WriterTest::box().
 #include "writer_fixture.hpp"
 
 #include <string>
@@ -51,10 +51,7 @@ TEST_F(ClientTest, LookupsFollowTheNameInTheBufferNotTheBuffer) {
     // Deleted and entered again: the old record is not reached.
     buffer.back() = 'a';
     EXPECT_TRUE(frame(m_MP4Packet, buffer.c_str()));
-    ASSERT_TRUE(Boxlane_Packet_Delete(a.c_str()));
-    EXPECT_FALSE(frame(m_MP4Packet, buffer.c_str()));
-    EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_NOTFOUND);
-    ASSERT_TRUE(Boxlane_Packet_Insert(a.c_str()));
+    ASSERT_TRUE(Boxlane_Packet_Delete(a.c_str()) && Boxlane_Packet_Insert(a.c_str()));
     EXPECT_TRUE(frame(m_MP4Packet, buffer.c_str()));
     // Another writer with the same client name keeps its own record.
     CBoxlane_Packet other;

@@ -26,6 +26,9 @@ TEST_F(FrameTest, VideoNalUnitsGetTheirLengths) {
   EXPECT_EQ(box(Boxlane_Packet_FrameVideo, frame.data(), 1000, int64_t{48}, 1, 40, 0), hex(expected));
   const uint8_t odd[] = {0xAA, 0xBB, 0xCC, 0xDD, 0x41};
   EXPECT_EQ(box(Boxlane_Packet_FrameVideo, odd, 4, int64_t{0}, 0, 40, 0), bytes_hex("00000000"));
+  // A client with video frames stays a movie.
+  EXPECT_FALSE(Boxlane_Packet_FragmentMode(client(), 1, 2, 0, 0));
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_ORDER);
 }
 
 TEST_F(FrameTest, AudioDropsTheAdtsHeaderWithOrWithoutCrc) {

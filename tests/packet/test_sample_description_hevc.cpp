@@ -46,12 +46,8 @@ class HevcSampleDescription : public boxlane::test::WriterTest {
 };
 
 TEST_F(HevcSampleDescription, X265MainAndMain10ByHand) {
-  // 142 + 24 + 42 + 7 + 3 * 2 = 221 bytes; the entry's compressor name is
-  // "HEVC". general_profile_space 0, tier 0, profile 1; compatibility flags 1
-  // and 2; progressive and frame-only constraints; level 60; no segmentation
-  // restriction, so parallelismType 0; 4:2:0, 8 bits; avgFrameRate 0;
-  // constantFrameRate 0, one temporal layer, nested, 4-byte lengths (0F);
-  // three complete arrays.
+  // 221 bytes: space 0, tier 0, profile 1; compatibility 1 and 2; level 60; no segmentation restriction
+  // (parallelismType 0); 4:2:0, 8 bits; one temporal layer, nested, 4-byte lengths (0F); three complete arrays.
   EXPECT_EQ(stsd(annexb({unhex(kVps), unhex(kSps), unhex(kPps)})),
             bytes_hex("000000DD 73747364 00000000 00000001 000000CD 68766331 000000000000 0001" + std::string(32, '0') +
                       "0140 00F0 00480000 00480000 00000000 0001 0448455643" + std::string(54, '0') + "0018 FFFF"
@@ -67,16 +63,12 @@ TEST_F(HevcSampleDescription, X265MainAndMain10ByHand) {
   EXPECT_EQ(stsd(annexb({unhex(kVps10), unhex(kSps10), unhex(kPps)})).substr(48 * 3, 11), "01 42 00 B6");
 }
 
-// The record describes every SPS at once (§8.3.3.2): the first SPS gives
-// space, profile and chroma; a flag stays only if every SPS sets it; tier,
-// level and temporal layers are the highest, segmentation the lowest, and
-// temporalIdNested holds only if every SPS nests. parallelismType comes from
-// the PPSs: all wavefronts 3, all tiles 2, neither 1, mixed (or no
-// segmentation restriction) 0.
+// The record describes every SPS at once (§8.3.3.2): the first gives space, profile and chroma; a flag stays
+// only if every SPS sets it; tier, level and layers are the highest, segmentation the lowest; nested only if
+// all nest. parallelismType from the PPSs: all wavefronts 3, all tiles 2, neither 1, else 0.
 TEST_F(HevcSampleDescription, FieldsThatDescribeEverySet) {
-  // Space 1, high tier, profile 2, compatibility 0x20000000, constraints
-  // 0x800000000001, level 153, min_spatial_segmentation_idc 1000; three
-  // temporal layers (nested, then not), and 4:4:4 at 15 and 14 bits.
+  // Space 1, high tier, profile 2, compatibility 0x20000000, constraints 0x800000000001, level 153,
+  // min_spatial_segmentation_idc 1000; three temporal layers (nested, then not); 4:4:4 at 15 and 14 bits.
   HandSps hand, deep;
   hand.sub_layers_minus1 = 2;
   Bytes unnested = hand.nal();

@@ -1,6 +1,5 @@
 // What the writer suites share: a fresh client per test, access to its
-// record, and calls into a buffer pre-filled with 0xFF so that a writer that
-// reports a short length, or writes past it, is caught.
+// record, and calls checked for their refusals and for the bytes they write.
 #pragma once
 
 #include <boxlane/boxlane.hpp>
@@ -16,19 +15,6 @@
 #include <vector>
 
 namespace boxlane::test {
-
-// Runs call(buffer, &length); expects success and no change past the
-// reported length. Returns the reported bytes as hex.
-template <typename Call>
-std::string written(Call&& call, std::size_t capacity = 4096) {
-  std::vector<uint8_t> buffer(capacity, 0xFF);
-  int32_t length = -1;
-  EXPECT_TRUE(call(buffer.data(), &length)) << "code " << std::hex << Boxlane_GetLastError(nullptr);
-  EXPECT_FALSE(Boxlane_IsErrorOccur);
-  if (length < 0 || static_cast<std::size_t>(length) > capacity) return "length " + std::to_string(length);
-  EXPECT_TRUE(std::all_of(buffer.begin() + length, buffer.end(), [](uint8_t b) { return b == 0xFF; }));
-  return hex(buffer.data(), static_cast<std::size_t>(length));
-}
 
 // Hand-written hex in the form written() returns.
 inline std::string bytes_hex(std::string_view text) { return hex(unhex(text)); }
@@ -56,20 +42,28 @@ class WriterTest : public ::testing::Test {
   const char* client() const { return name_.c_str(); }
   QORVANE_MP4PACKET& record() { return *m_MP4Packet.stl_MapClient.find(name_)->second; }
 
-  // Every call is first refused for a null client, a null buffer or length,
-  // and a client deleted after this thread reached it, with nothing written.
+  // Every call is first refused for a null client, a null buffer or length, and a client deleted after this
+  // thread reached it, with nothing written; then it must succeed into a buffer of 0xFF bytes, changing
+  // none past the reported length. Returns the reported bytes as hex.
   template <typename Writer, typename... Args>
   std::string box(Writer writer, Args... args) {
     const auto call = [&](const char* c, uint8_t* b, int32_t* l) { return writer(c, b, l, args...); };
     const std::string gone = name_ + ".gone";
-    expect_refused([&](uint8_t* b, int32_t* l) { return call(nullptr, b, l); }, BOXLANE_ERROR_PACKET_PARAMETER);
-    expect_refused([&](uint8_t* b, int32_t*) { return call(client(), b, nullptr); }, BOXLANE_ERROR_PACKET_PARAMETER);
-    EXPECT_TRUE(Boxlane_Packet_Insert(gone.c_str()));
     const auto parameter = BOXLANE_ERROR_PACKET_PARAMETER;
+    expect_refused([&](uint8_t* b, int32_t* l) { return call(nullptr, b, l); }, parameter);
+    expect_refused([&](uint8_t* b, int32_t*) { return call(client(), b, nullptr); }, parameter);
+    EXPECT_TRUE(Boxlane_Packet_Insert(gone.c_str()));
     expect_refused([&](uint8_t*, int32_t* l) { return call(gone.c_str(), nullptr, l); }, parameter);
     EXPECT_TRUE(Boxlane_Packet_Delete(gone.c_str()));
     expect_refused([&](uint8_t* b, int32_t* l) { return call(gone.c_str(), b, l); }, BOXLANE_ERROR_PACKET_NOTFOUND);
-    return written([&](uint8_t* b, int32_t* l) { return call(client(), b, l); });
+
+    std::vector<uint8_t> buffer(4096, 0xFF);
+    int32_t length = -1;
+    EXPECT_TRUE(call(client(), buffer.data(), &length)) << "code " << std::hex << Boxlane_GetLastError(nullptr);
+    EXPECT_FALSE(Boxlane_IsErrorOccur);
+    if (length < 0 || length > 4096) return "length " + std::to_string(length);
+    EXPECT_TRUE(std::all_of(buffer.begin() + length, buffer.end(), [](uint8_t b) { return b == 0xFF; }));
+    return hex(buffer.data(), static_cast<std::size_t>(length));
   }
   template <typename Writer, typename... Args>
   void refuses(uint64_t code, Writer writer, Args... args) {
