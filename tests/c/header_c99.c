@@ -9,13 +9,11 @@
 #include <string.h>
 
 static int failures = 0;
-#define CHECK(cond)                                              \
-  do {                                                           \
-    if (!(cond)) {                                               \
-      fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #cond); \
-      ++failures;                                                \
-    }                                                            \
-  } while (0)
+static void check(int ok, int line, const char* what) {
+  failures += !ok;
+  if (!ok) fprintf(stderr, "%s:%d: %s\n", __FILE__, line, what);
+}
+#define CHECK(cond) check(cond, __LINE__, #cond)
 
 int main(void) {
   uint8_t box[256];

@@ -1,6 +1,5 @@
-// The frame writers and the sample tables: the sample bytes each frame
-// returns for the mdat, its bookkeeping read back through the tables, and
-// refusals that must leave buffer, length and record alone.
+// The frame writers and the sample tables: the sample bytes each frame returns for the mdat, its bookkeeping read
+// back through the tables, and refusals that must leave buffer, length and record alone.
 #include "writer_fixture.hpp"
 
 #include "packet/box_output.hpp"
@@ -17,9 +16,9 @@ using FrameTest = WriterTest;
 using SampleTableTest = WriterTest;
 constexpr int64_t k32 = int64_t{1} << 32;
 
-// The start code is not examined but replaced by the NAL length; a 4-byte
-// frame is an empty NAL unit.
-TEST_F(FrameTest, VideoNalUnitsGetTheirLengths) {
+// The start code is not examined but replaced by the NAL length; a 4-byte frame is an empty NAL unit. An ADTS
+// header goes, with or without CRC.
+TEST_F(FrameTest, SampleBytesOfVideoAndAudio) {
   Bytes frame = Bytes().add(unhex("00000001 65")), expected = Bytes().add(unhex("000003E4 65"));
   frame.resize(1000, 0x5A);
   expected.resize(1000, 0x5A);
@@ -29,11 +28,7 @@ TEST_F(FrameTest, VideoNalUnitsGetTheirLengths) {
   // A client with video frames stays a movie.
   EXPECT_FALSE(Boxlane_Packet_FragmentMode(client(), 1, 2, 0, 0));
   EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_ORDER);
-}
-
-TEST_F(FrameTest, AudioDropsTheAdtsHeaderWithOrWithoutCrc) {
-  // AAC-LC 48 kHz stereo (ISO/IEC 14496-3 §1.A.2.2): 371 bytes without CRC,
-  // 373 with CRC 1234.
+  // AAC-LC 48 kHz stereo (ISO/IEC 14496-3 §1.A.2.2): 371 bytes without CRC, 373 with CRC 1234.
   Bytes plain = Bytes().add(unhex("FFF1 4C80 2E7F FC")), with_crc = Bytes().add(unhex("FFF0 4C80 2EBF FC 1234"));
   for (int i = 0; i < 364; ++i) plain.u8(uint8_t(i)), with_crc.u8(uint8_t(i));
   const std::string plain_out = box(Boxlane_Packet_FrameAudio, plain.data(), 371, int64_t{100}, 1024);
@@ -66,10 +61,9 @@ TEST_F(FrameTest, RefusedFramesChangeNothing) {
   EXPECT_TRUE(record().listVideoSample.empty() && record().listAudioSize.empty());
 }
 
-// A duration merges only with the last run, and a frame without one is in
-// no run; only positive composition offsets get a ctts entry, one each; only
-// key flag 1 marks a sync sample; stco keeps the low 32 bits of a position.
-// An access unit gets a length per NAL unit, an empty one too.
+// A duration merges only with the last run, and a frame without one is in no run; only positive composition offsets
+// get a ctts entry, one each; only key flag 1 marks a sync sample; stco keeps the low 32 bits of a position. An
+// access unit gets a length per NAL unit, an empty one too.
 TEST_F(SampleTableTest, TablesOfBothTracks) {
   EXPECT_EQ(box(Boxlane_Packet_STts, true), bytes_hex("00000010 73747473 00000000 00000000"));
   refuses(BOXLANE_ERROR_PACKET_NODATA, Boxlane_Packet_CTts);
@@ -103,9 +97,8 @@ TEST_F(SampleTableTest, TablesOfBothTracks) {
   EXPECT_EQ(box(Boxlane_Packet_STco, false), bytes_hex("0000001C 7374636F 00000000 00000003 00000043 7FFFFFFF 000000C8"));
 }
 
-// stco while every offset (position + delta) is below 2^32, co64 once the
-// highest, wherever it is, reaches 2^32, chosen per track; the size query
-// agrees. An offset below 0, or past 63 bits, is refused by both.
+// stco while every offset (position + delta) is below 2^32, co64 once the highest, wherever it is, reaches 2^32,
+// chosen per track; the size query agrees. An offset below 0, or past 63 bits, is refused by both.
 TEST_F(SampleTableTest, ChunkOffsetsWidenAtFourGibibytes) {
   const auto size_of = [&](bool video, int64_t delta) {
     int32_t size = -7;
@@ -121,6 +114,8 @@ TEST_F(SampleTableTest, ChunkOffsetsWidenAtFourGibibytes) {
   EXPECT_EQ(box(Boxlane_Packet_STco64, true, int64_t{1}),
             bytes_hex("00000020 636F3634 00000000 00000002 00000001 00000000 00000000 00000031"));
   EXPECT_EQ(size_of(true, 1), 32);
+  EXPECT_EQ(box(Boxlane_Packet_STco64, true, int64_t{-48}),  // the lowest offset, 0
+            bytes_hex("00000018 7374636F 00000000 00000002 FFFFFFCF 00000000"));
   EXPECT_EQ(box(Boxlane_Packet_STco64, false, int64_t{0}), bytes_hex("00000014 7374636F 00000000 00000001 00000064"));
   audio(6, 1024, INT64_MAX);
   for (const auto& [video_track, delta] : {std::pair{true, int64_t{-49}}, std::pair{false, int64_t{1}}}) {
@@ -130,8 +125,8 @@ TEST_F(SampleTableTest, ChunkOffsetsWidenAtFourGibibytes) {
   }
 }
 
-// A table is refused only when its box would not fit the signed 32-bit
-// length: the largest count that fits, worked out by hand, and one more.
+// A table is refused only when its box would not fit the signed 32-bit length: the largest count that fits, worked
+// out by hand, and one more.
 TEST(TableSize, LargestCountThatFitsTheLength) {
   const struct {
     uint64_t head, each, most;

@@ -1,5 +1,5 @@
-// The header boxes against bytes written out by hand from ISO/IEC 14496-12,
-// the 64-bit forms on both sides of each limit.
+// The header boxes against bytes written out by hand from ISO/IEC 14496-12, the 64-bit forms on both sides of each
+// limit.
 #include "writer_fixture.hpp"
 
 #include "support/box_builder.hpp"
@@ -16,8 +16,8 @@ const std::string kMatrix = " 00010000 00000000 00000000 00000000 00010000 00000
 
 class HeaderBoxTest : public WriterTest {
  protected:
-  // Compares with hand-written hex in which "tttttttt" stands for the
-  // creation time the latest mvhd stamped (read after `got` was written).
+  // Compares with hand-written hex in which "tttttttt" stands for the creation time the latest mvhd stamped (read
+  // after `got` was written).
   void expect_box(const std::string& got, std::string text) {
     char stamp[9];
     std::snprintf(stamp, sizeof stamp, "%08X", record().nCreateTime);
@@ -43,7 +43,6 @@ TEST_F(HeaderBoxTest, FixedBoxesAndBoxHeaders) {
     EXPECT_EQ(box(Boxlane_Packet_HDlr, type), hex(hdlr.zeros(12).str(name).u8(0))) << name;
   }
   refuses(BOXLANE_ERROR_PACKET_NOTSUPPORT, Boxlane_Packet_HDlr, uint8_t{5});
-
   const uint8_t payload[] = {0xDE, 0xAD, 0xBE, 0xEF};
   EXPECT_EQ(box(Boxlane_Packet_HDRBox, "moov", nullptr, 1000), bytes_hex("000003F0 6D6F6F76"));
   EXPECT_EQ(box(Boxlane_Packet_HDRBox, "free", payload, 4), bytes_hex("0000000C 66726565 DEADBEEF"));
@@ -57,9 +56,8 @@ TEST_F(HeaderBoxTest, FixedBoxesAndBoxHeaders) {
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_HDRBox64, "mdat", ~uint64_t{0} - 15);
 }
 
-// mvhd, tkhd and mdhd pass the creation time, time scale, track numbering and
-// durations through the record; each writes version 1 from the first value
-// that does not fit 32 bits.
+// mvhd, tkhd and mdhd pass the creation time, time scale, track numbering and durations through the record; each
+// writes version 1 from the first value that does not fit 32 bits.
 TEST_F(HeaderBoxTest, MovieTrackAndMediaHeaders) {
   const auto before = static_cast<uint32_t>(std::time(nullptr) + 2082844800LL);
   const std::string movie = " 00010000 0100 0000 00000000 00000000" + kMatrix + std::string(48, '0') + " 00000002";
@@ -70,7 +68,6 @@ TEST_F(HeaderBoxTest, MovieTrackAndMediaHeaders) {
              "0000006C 6D766864 00000000 tttttttt tttttttt 7FFFFFFF 00015F90" + movie);
   EXPECT_GE(record().nCreateTime, before);  // seconds since 1904
   EXPECT_LE(record().nCreateTime, before + 5);
-
   const std::string head = "00000000 00000000 0000 0000 ";
   expect_box(box(Boxlane_Packet_TKhd, 0, 1920, 1080, 5000), "0000005C 746B6864 00000003 tttttttt tttttttt 00000001 "
              "00000000 00001388 " + head + "0000 0000" + kMatrix + "07800000 04380000");
@@ -80,7 +77,6 @@ TEST_F(HeaderBoxTest, MovieTrackAndMediaHeaders) {
   expect_box(box(Boxlane_Packet_MDhd, uint16_t{0x55C4}), "00000020 6D646864 00000000 tttttttt tttttttt 7FFFFFFF 00001388 55C4 0000");
   expect_box(box(Boxlane_Packet_MDhdEx, uint16_t{0x15C7}, 7000u),
              "00000020 6D646864 00000000 tttttttt tttttttt 7FFFFFFF 00001B58 15C7 0000");
-
   expect_box(box(Boxlane_Packet_TKhd64, 0, 640, 480, k32 + 0x1234), "00000068 746B6864 01000003 00000000 tttttttt "
              "00000000 tttttttt 00000003 00000000 00000001 00001234 " + head + "0000 0000" + kMatrix + "02800000 01E00000");
   // A visual duration past 32 bits reaches MDhd as the most it can hold.
@@ -111,9 +107,8 @@ TEST_F(HeaderBoxTest, EditListsOnBothSidesOfTheirLimits) {
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_EDts64, uint64_t{5}, int64_t{-2});
 }
 
-// SetTime keeps the frame times in milliseconds (a rate of 0 or less leaves
-// the last one); MVhd and TKhd given a duration of 0 write the frame time
-// divided by the time scale.
+// SetTime keeps the frame times in milliseconds (a rate of 0 or less leaves the last one); MVhd and TKhd given a
+// duration of 0 write the frame time divided by the time scale.
 TEST_F(HeaderBoxTest, FrameTimesFillDurationsOfZero) {
   const struct {
     int frame_rate, sample_rate;

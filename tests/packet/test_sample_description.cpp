@@ -1,6 +1,8 @@
-// The avc1 and mp4a stsd writers against boxes worked out by hand field by
-// field (ISO/IEC 14496-12 §12.1.3, 14496-15 §5.3.3, 14496-14 §5.6).
+// The avc1 and mp4a stsd writers against boxes worked out by hand field by field (ISO/IEC 14496-12 §12.1.3,
+// 14496-15 §5.3.3, 14496-14 §5.6).
 #include "writer_fixture.hpp"
+
+#include "support/box_builder.hpp"
 
 #include <memory>
 
@@ -33,22 +35,18 @@ class SampleDescription : public WriterTest {
  protected:
   std::string stsd(const std::unique_ptr<tag_Qorvane_AVProtocol>& av) { return box(Boxlane_Packet_STsd, av.get()); }
   void tkhd(int volume, int width, int height) { box(Boxlane_Packet_TKhd, volume, width, height, 0); }
-  // then(pointers, lengths, count) for the sets listed; an empty set still has an address.
-  template <typename Then>
-  void with_sets(const Sets& sets, Then then) {
+  // call(pointers, lengths, count) for the sets listed; an empty set still has an address.
+  template <typename Call>
+  auto with_sets(const Sets& sets, Call call) {
     static const uint8_t empty[1] = {0x67};
     std::vector<const uint8_t*> pointers;
     std::vector<int32_t> lengths;
-    for (const auto& set : sets) {
-      pointers.push_back(set.empty() ? empty : set.data());
-      lengths.push_back(int32_t(set.size()));
-    }
-    then(pointers.data(), lengths.data(), int32_t(sets.size()));
+    for (const auto& set : sets) pointers.push_back(set.empty() ? empty : set.data());
+    for (const auto& set : sets) lengths.push_back(int32_t(set.size()));
+    return call(pointers.data(), lengths.data(), int32_t(sets.size()));
   }
   std::string sets_box(const Sets& sets) {
-    std::string out;
-    with_sets(sets, [&](auto p, auto l, int32_t n) { out = box(Boxlane_Packet_STsdParamSets, p, l, n); });
-    return out;
+    return with_sets(sets, [&](auto p, auto l, int32_t n) { return box(Boxlane_Packet_STsdParamSets, p, l, n); });
   }
 };
 
@@ -58,7 +56,6 @@ TEST_F(SampleDescription, VideoEntry) {
                                       "00000013 61766343 01 00 00 00 FF E1 0000 01 0000");
   EXPECT_EQ(stsd(protocol(true, {})), empty);
   EXPECT_EQ(stsd(protocol(true, unhex("00 00 00 01 65 88 84 00 21"))), empty);
-
   tkhd(0, 320, 240);
   auto av = protocol(true, unhex("00 00 00 01 " + kSps + "00 00 00 01 " + kPps));
   av->nAudioCfgLen = -5;  // the audio block is not looked at
@@ -69,8 +66,8 @@ TEST_F(SampleDescription, VideoEntry) {
   EXPECT_EQ(stsd(av).substr(48 * 3, 11), "07 80 04 38");
 }
 
-// Every parameter set listed goes into avcC, SPSs and PPSs each in the order
-// given; profile, compatibility and level are the first SPS's own bytes.
+// Every parameter set listed goes into avcC, SPSs and PPSs each in the order given; profile, compatibility and
+// level are the first SPS's own bytes.
 TEST_F(SampleDescription, VideoEntryWithEveryParameterSet) {
   const auto sps0 = unhex("67 64 00 1F AC"), sps1 = unhex("67 4D 40 1E 99"), pps0 = unhex("68 EE 3C 80"),
              pps1 = unhex("28 CE");
@@ -118,9 +115,8 @@ TEST_F(SampleDescription, AudioEntry) {
   six->nAudioSampleBit = 24;
   EXPECT_EQ(stsd(six), bytes_hex(head + "0006 0018 00000000 7700 0000" + esds));
 
-  // 105 configuration bytes push the ES_Descriptor past 127: DecoderSpecificInfo
-  // 105 (69), DecoderConfig 13 + 2 + 105 = 120 (78), ES 3 + 2 + 120 + 3 = 128
-  // (81 00). esds 12 + 3 + 128 = 143 (8F); 104 bytes still take one each.
+  // 105 configuration bytes push the ES_Descriptor past 127: DecoderSpecificInfo 105 (69), DecoderConfig 13 + 2 +
+  // 105 = 120 (78), ES 3 + 2 + 120 + 3 = 128 (81 00). esds 12 + 3 + 128 = 143 (8F); 104 bytes still take one each.
   const auto bytes = unhex(stsd(protocol(false, std::vector<uint8_t>(105, 0x5A))));
   ASSERT_EQ(bytes.size(), 195u);
   EXPECT_EQ(hex(bytes.data() + 52, 22), bytes_hex("0000008F 65736473 00000000 03 8100 0002 00 04 78 40 15"));
@@ -136,6 +132,34 @@ TEST_F(SampleDescription, AudioEntry) {
     }
   }
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsd, static_cast<const tag_Qorvane_AVProtocol*>(nullptr));
+}
+
+// The sizes boxlane.h documents: audio 89 to 92 + the configuration (its descriptor sizes take 1 to 2 bytes more
+// past 104, 112 and 127 bytes), for every length; video 121 + the first SPS and PPS found; every set listed.
+TEST_F(SampleDescription, DocumentedSizes) {
+  auto av = protocol(false, {}, 48000);
+  for (int32_t length = 0; length <= 1024; ++length) {
+    SCOPED_TRACE(length);
+    av->nAudioCfgLen = length;
+    const std::size_t extra = length <= 104 ? 89 : length <= 112 ? 90 : length <= 127 ? 91 : 92;
+    exact(extra + std::size_t(length), Boxlane_Packet_STsd, av.get());
+  }
+  const auto nal = [](uint8_t header, std::size_t size) {  // no start code inside, no zero at the end
+    Bytes unit = Bytes().u32(1).u8(header);
+    unit.resize(4 + size, 0x5A);
+    return unit;
+  };
+  const std::pair<Bytes, std::size_t> headers[] = {
+      {nal(0x65, 20), 0},
+      {cat({nal(0x67, 30), nal(0x67, 90), nal(0x68, 7), nal(0x68, 60)}), 37},
+      {cat({nal(0x67, 1008), nal(0x68, 8)}), 1016},  // 1024 header bytes
+  };
+  for (const auto& [header, sets] : headers) exact(121 + sets, Boxlane_Packet_STsd, protocol(true, header).get());
+  // 117 + 2 + length for every set listed.
+  const std::vector<uint8_t> sps(65535, 0x67), pps(65535, 0x68);
+  const uint8_t* const sets[] = {sps.data(), pps.data(), sps.data()};
+  const int32_t lengths[] = {65535, 65535, 4};
+  exact(117 + 2 * 65537 + 6, Boxlane_Packet_STsdParamSets, sets, lengths, 3);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// What the writer suites share: a fresh client per test, access to its
-// record, and calls checked for their refusals and for the bytes they write.
+// What the writer suites share: a fresh client per test, access to its record, and calls checked for their refusals
+// and for the bytes they write.
 #pragma once
 
 #include <boxlane/boxlane.hpp>
@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -38,13 +39,12 @@ class WriterTest : public ::testing::Test {
     ASSERT_TRUE(Boxlane_Packet_Insert(client()));
   }
   void TearDown() override { Boxlane_Packet_Delete(client()); }
-
   const char* client() const { return name_.c_str(); }
   QORVANE_MP4PACKET& record() { return *m_MP4Packet.stl_MapClient.find(name_)->second; }
 
-  // Every call is first refused for a null client, a null buffer or length, and a client deleted after this
-  // thread reached it, with nothing written; then it must succeed into a buffer of 0xFF bytes, changing
-  // none past the reported length. Returns the reported bytes as hex.
+  // Every call is first refused for a null client, a null buffer or length, and a client deleted after this thread
+  // reached it, with nothing written; then it must succeed into a buffer of 0xFF bytes, changing none past the
+  // reported length. Returns the reported bytes as hex.
   template <typename Writer, typename... Args>
   std::string box(Writer writer, Args... args) {
     const auto call = [&](const char* c, uint8_t* b, int32_t* l) { return writer(c, b, l, args...); };
@@ -56,7 +56,6 @@ class WriterTest : public ::testing::Test {
     expect_refused([&](uint8_t*, int32_t* l) { return call(gone.c_str(), nullptr, l); }, parameter);
     EXPECT_TRUE(Boxlane_Packet_Delete(gone.c_str()));
     expect_refused([&](uint8_t* b, int32_t* l) { return call(gone.c_str(), b, l); }, BOXLANE_ERROR_PACKET_NOTFOUND);
-
     std::vector<uint8_t> buffer(4096, 0xFF);
     int32_t length = -1;
     EXPECT_TRUE(call(client(), buffer.data(), &length)) << "code " << std::hex << Boxlane_GetLastError(nullptr);
@@ -65,13 +64,22 @@ class WriterTest : public ::testing::Test {
     EXPECT_TRUE(std::all_of(buffer.begin() + length, buffer.end(), [](uint8_t b) { return b == 0xFF; }));
     return hex(buffer.data(), static_cast<std::size_t>(length));
   }
+  // Calls the writer into a heap buffer of exactly the size boxlane.h documents for its arguments: under the
+  // address sanitizer one byte past it is a heap-buffer-overflow; the reported length must be that size.
+  template <typename Writer, typename... Args>
+  void exact(std::size_t documented, Writer writer, Args... args) {
+    const auto buffer = std::make_unique<uint8_t[]>(documented);
+    int32_t length = -1;
+    ASSERT_TRUE(writer(client(), buffer.get(), &length, args...)) << std::hex << Boxlane_GetLastError(nullptr);
+    EXPECT_EQ(length, static_cast<int32_t>(documented));
+  }
   template <typename Writer, typename... Args>
   void refuses(uint64_t code, Writer writer, Args... args) {
     expect_refused([&](uint8_t* b, int32_t* l) { return writer(client(), b, l, args...); }, code);
   }
 
-  // A video frame of `size` bytes (a start code, then 0x41) and a raw AAC
-  // frame of `size` bytes 0x21; each returns the sample bytes as hex.
+  // A video frame of `size` bytes (a start code, then 0x41) and a raw AAC frame of `size` bytes 0x21; each returns
+  // the sample bytes as hex.
   std::string video(int size, int key, int duration, int cts, int64_t position = 0) {
     std::vector<uint8_t> frame(static_cast<std::size_t>(size), 0x41);
     std::fill_n(frame.begin(), 4, 0);
@@ -82,7 +90,6 @@ class WriterTest : public ::testing::Test {
     const std::vector<uint8_t> frame(static_cast<std::size_t>(size) + 1, 0x21);
     return box(Boxlane_Packet_FrameAudio, frame.data(), size, position, duration);
   }
-
   std::string name_;
 };
 
