@@ -2,8 +2,6 @@
 // limit.
 #include "writer_fixture.hpp"
 
-#include "support/box_builder.hpp"
-
 #include <climits>
 #include <cstdio>
 #include <ctime>
@@ -33,14 +31,14 @@ TEST_F(HeaderBoxTest, FixedBoxesAndBoxHeaders) {
   EXPECT_EQ(box(Boxlane_Packet_VMhd), bytes_hex("00000014 766D6864 00000001 0000 0000 0000 0000"));
   EXPECT_EQ(box(Boxlane_Packet_SMhd, int16_t{-256}), bytes_hex("00000010 736D6864 00000000 FF00 0000"));
   EXPECT_EQ(box(Boxlane_Packet_STsc), bytes_hex("0000001C 73747363 00000000 00000001 00000001 00000001 00000001"));
-  // hdlr: pre_defined, the handler type, three reserved words, the name; 5 is past the last type.
-  EXPECT_EQ(box(Boxlane_Packet_HDlr, uint8_t{0}), bytes_hex("0000002D 68646C72 00000000 00000000 76696465 "
-                                                            "00000000 00000000 00000000 566964656F48616E646C657200"));
-  const char* const handlers[][2] = {{"soun", "Sound"}, {"hint", "Hint"}, {"meta", "Meta"}, {"text", "Text"}};
-  for (uint8_t type = 1; type < 5; ++type) {
-    const std::string name = handlers[type - 1][1] + std::string("Handler");
-    Bytes hdlr = Bytes().u32(uint32_t(33 + name.size())).str("hdlr").zeros(8).str(handlers[type - 1][0]);
-    EXPECT_EQ(box(Boxlane_Packet_HDlr, type), hex(hdlr.zeros(12).str(name).u8(0))) << name;
+  // hdlr: size, pre_defined, the handler type, three reserved words, the name ("...Handler"); 5 is past the last.
+  const char* const handlers[][3] = {{"2D", "76696465", "566964656F"}, {"2D", "736F756E", "536F756E64"},
+                                     {"2C", "68696E74", "48696E74"}, {"2C", "6D657461", "4D657461"},
+                                     {"2C", "74657874", "54657874"}};
+  for (uint8_t type = 0; type < 5; ++type) {
+    const std::string hdlr = std::string("000000") + handlers[type][0] + " 68646C72 00000000 00000000 " +
+                             handlers[type][1] + std::string(24, '0') + handlers[type][2] + "48616E646C6572 00";
+    EXPECT_EQ(box(Boxlane_Packet_HDlr, type), bytes_hex(hdlr)) << hdlr;
   }
   refuses(BOXLANE_ERROR_PACKET_NOTSUPPORT, Boxlane_Packet_HDlr, uint8_t{5});
   const uint8_t payload[] = {0xDE, 0xAD, 0xBE, 0xEF};
