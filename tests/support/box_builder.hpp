@@ -1,6 +1,5 @@
-// Builds boxes by hand for tests: big-endian fields appended in order, and
-// boxes whose size is written for you or forced to any value (truncated,
-// below 8, past the parent, 0 or 1) to make malformed input.
+// Builds boxes by hand for tests: big-endian fields appended in order, and boxes whose size is written for
+// you or forced to any value (truncated, below 8, past the parent, 0 or 1) to make malformed input.
 #pragma once
 
 #include <cstdint>

@@ -21,8 +21,8 @@ int ffmpeg(const std::string& args, std::string* log) {
 
 std::vector<std::string> decoded_md5s(const std::string& path, char kind) {
   std::string text;
-  // Passthrough keeps every decoded picture whatever its timestamp, so a
-  // timestamp fault shows up as a mismatch rather than a silent drop.
+  // Passthrough keeps every decoded picture whatever its timestamp, so a timestamp fault shows up as a
+  // mismatch rather than a silent drop.
   const std::string sync = kind == 'v' ? " -fps_mode passthrough" : "";
   if (run("ffmpeg -nostdin -v error -i " + shell_quote(path) + " -map 0:" + kind + ":0" + sync + " -f framemd5 - 2>/dev/null",
           &text) != 0)

@@ -11,17 +11,15 @@ void nal(std::vector<uint8_t>& out, const std::vector<uint8_t>& unit) {
   out.insert(out.end(), unit.begin(), unit.end());
 }
 
-// Baseline (66) with constraint_set0 and 1, level 1.0, id 0, a 4-bit
-// frame_num, pic_order_cnt_type 2, one reference frame, no gaps, one
-// macroblock wide and high, frame_mbs_only and direct_8x8_inference, no
+// Baseline (66) with constraint_set0 and 1, level 1.0, id 0, a 4-bit frame_num, pic_order_cnt_type 2, one
+// reference frame, no gaps, one macroblock wide and high, frame_mbs_only and direct_8x8_inference, no
 // cropping, no VUI.
 std::vector<uint8_t> sps() {
   return Bits().u(8, 66).u(8, 0xC0).u(8, 10).ue(0).ue(0).ue(2).ue(1).u(1, 0).ue(0).ue(0).u(2, 3).u(2, 0).nal(3, 7);
 }
 
-// SPS 0, CAVLC, no bottom-field POC, one slice group, one reference in each
-// list, no weighted prediction, QP and chroma offsets 0, the deblocking
-// filter controlled by the slice.
+// SPS 0, CAVLC, no bottom-field POC, one slice group, one reference in each list, no weighted prediction, QP
+// and chroma offsets 0, the deblocking filter controlled by the slice.
 std::vector<uint8_t> pps(uint32_t id) {
   return Bits().ue(id).ue(0).u(2, 0).ue(0).ue(0).ue(0).u(3, 0).se(0).se(0).se(0).u(3, 0b100).nal(3, 8);
 }
@@ -43,12 +41,11 @@ std::vector<uint8_t> slice(const HandmadePicture& p, uint32_t frame_num, uint32_
   return b.nal(idr ? 3 : 2, idr ? 5 : 1);
 }
 
-// user_data_registered_itu_t_t35 (payload type 4): ATSC A/53 Part 4,
-// "GA94", cc_data with one CEA-608 pair.
+// user_data_registered_itu_t_t35 (payload type 4): ATSC A/53 Part 4, "GA94", cc_data with one CEA-608 pair.
 const std::vector<uint8_t> kCaptionSei = {0x06, 0x04, 0x0E, 0xB5, 0x00, 0x31, 'G',  'A',  '9',
                                           '4',  0x03, 0x41, 0xFF, 0xFC, 0x94, 0x20, 0xFF, 0x80};
-// Payload type 6, one byte: recovery_frame_cnt 0, exact_match_flag 1,
-// broken_link_flag 0, changing_slice_group_idc 0, then payload alignment.
+// Payload type 6, one byte: recovery_frame_cnt 0, exact_match_flag 1, broken_link_flag 0,
+// changing_slice_group_idc 0, then payload alignment.
 const std::vector<uint8_t> kRecoveryPointSei = {0x06, 0x06, 0x01, 0xC4, 0x80};
 
 }  // namespace

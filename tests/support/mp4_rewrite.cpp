@@ -9,12 +9,8 @@
 namespace boxlane::test {
 namespace {
 
-uint32_t be32(const std::vector<uint8_t>& b, std::size_t at) {
-  return uint32_t(b[at]) << 24 | uint32_t(b[at + 1]) << 16 | uint32_t(b[at + 2]) << 8 | b[at + 3];
-}
-
-// Built byte by byte: GCC 12's -Wstringop-overflow misreads range inserts
-// once this is inlined in a Release build.
+// Built byte by byte: GCC 12's -Wstringop-overflow misreads range inserts once this is inlined in a Release
+// build.
 void put(std::vector<uint8_t>& out, uint64_t v, int bytes) {
   for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) out.push_back(uint8_t(v >> shift));
 }
@@ -24,6 +20,10 @@ void put_type(std::vector<uint8_t>& out, const char* type) {
 }
 
 }  // namespace
+
+uint32_t be32(const std::vector<uint8_t>& b, std::size_t at) {
+  return uint32_t(b.at(at)) << 24 | uint32_t(b.at(at + 1)) << 16 | uint32_t(b.at(at + 2)) << 8 | b.at(at + 3);
+}
 
 std::vector<uint8_t> widen_mdat(std::vector<uint8_t> file) {
   for (std::size_t at = 0, size = 0; at + 16 <= file.size() && (size = be32(file, at)) >= 8; at += size) {
@@ -58,6 +58,18 @@ std::vector<uint8_t> with_co64(const std::vector<uint8_t>& file) {
     return out;
   };
   return rewrite(0, file.size());
+}
+
+std::vector<uint8_t> inserted(std::vector<uint8_t> file, const std::vector<std::string>& boxes, std::size_t at,
+                              const std::vector<uint8_t>& bytes) {
+  const std::string text(file.begin(), file.end());
+  for (const std::string& type : boxes) {
+    const std::size_t box = text.find(type, text.find("moov")) - 4;
+    const uint64_t size = be32(file, box) + bytes.size();
+    for (int i = 0; i < 4; ++i) file.at(box + i) = uint8_t(size >> (24 - 8 * i));
+  }
+  file.insert(file.begin() + std::ptrdiff_t(at), bytes.begin(), bytes.end());
+  return file;
 }
 
 std::vector<TopBox> top_boxes(const std::vector<uint8_t>& file) {

@@ -1,5 +1,6 @@
 #include "support/paths.hpp"
 
+#include <cctype>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -31,8 +32,7 @@ int run(const std::string& command, std::string* out) {
   if (!pipe) return -1;
   std::string text;
   char chunk[4096];
-  std::size_t n;
-  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) text.append(chunk, n);
+  for (std::size_t n; (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;) text.append(chunk, n);
   const int status = pclose(pipe);
   if (out) *out = std::move(text);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -58,32 +58,22 @@ void write_file(const std::string& path, const std::vector<uint8_t>& bytes) {
 }
 
 std::string hex(const uint8_t* data, std::size_t size) {
-  static const char digits[] = "0123456789ABCDEF";
   std::string text;
+  char digits[4];
   for (std::size_t i = 0; i < size; ++i) {
-    if (i) text += ' ';
-    text += digits[data[i] >> 4];
-    text += digits[data[i] & 15];
+    std::snprintf(digits, sizeof digits, i ? " %02X" : "%02X", data[i]);
+    text += digits;
   }
   return text;
 }
 
 std::vector<uint8_t> unhex(std::string_view text) {
+  std::string digits;
+  for (const char c : text)
+    if (std::isxdigit(static_cast<unsigned char>(c))) digits += c;
   std::vector<uint8_t> bytes;
-  int high = -1;
-  for (char c : text) {
-    int v;
-    if (c >= '0' && c <= '9') v = c - '0';
-    else if (c >= 'a' && c <= 'f') v = c - 'a' + 10;
-    else if (c >= 'A' && c <= 'F') v = c - 'A' + 10;
-    else continue;
-    if (high < 0) {
-      high = v;
-    } else {
-      bytes.push_back(static_cast<uint8_t>(high << 4 | v));
-      high = -1;
-    }
-  }
+  for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
+    bytes.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
   return bytes;
 }
 

@@ -1,5 +1,4 @@
-// Small helpers every suite uses: where things are, running commands, files
-// and hex.
+// Small helpers every suite uses: where things are, running commands, files and hex.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -18,8 +17,7 @@ std::string tool_path();
 // A fresh directory for this test, removed by nothing (under the build tree).
 std::string temp_dir();
 
-// Runs a shell command; returns its exit status and, when out is given, what
-// it printed on stdout.
+// Runs a shell command; returns its exit status and, when out is given, what it printed on stdout.
 int run(const std::string& command, std::string* out = nullptr);
 bool have_command(const std::string& name);
 bool have_ffmpeg();

@@ -1,7 +1,6 @@
-// Running `boxlane probe` from the tool suites, and its JSON read by Node's
-// JSON.parse, a strict reader apart from ours (it refuses NaN, stray control
-// bytes and leading zeros), after a UTF-8 decode that fails on any byte that
-// is not UTF-8.
+// Running `boxlane probe` from the tool suites, and its JSON read by Node's JSON.parse, a strict reader apart
+// from ours (it refuses NaN, stray control bytes and leading zeros), after a UTF-8 decode that fails on any
+// byte that is not UTF-8.
 #pragma once
 
 #include "support/ffmpeg.hpp"
@@ -17,8 +16,8 @@
 
 namespace boxlane::test {
 
-// Every value of a document under its path ("tracks.0.codec.fourcc"), null
-// as "null"; every array's length under "path.#".
+// Every value of a document under its path ("tracks.0.codec.fourcc"), null as "null"; every array's length
+// under "path.#".
 class Json {
  public:
   static std::optional<Json> parse(const std::string& text) {

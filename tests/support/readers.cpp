@@ -7,7 +7,6 @@
 #include <sstream>
 
 namespace boxlane::test {
-
 namespace {
 
 // Where scripts/test.sh installs the npm packages.
@@ -50,12 +49,6 @@ bool have_gstreamer() {
   return have_command("gst-inspect-1.0") &&
          run("gst-inspect-1.0 qtdemux >/dev/null 2>&1 && gst-inspect-1.0 h264parse >/dev/null 2>&1 && "
              "gst-inspect-1.0 avdec_h264 >/dev/null 2>&1 && gst-inspect-1.0 avdec_aac >/dev/null 2>&1") == 0;
-}
-
-std::size_t Mp4BoxReport::count(uint32_t track) const {
-  std::size_t n = 0;
-  for (const Mp4BoxSample& s : samples) n += s.track == track;
-  return n;
 }
 
 Mp4BoxReport read_with_mp4box(const std::string& file) {

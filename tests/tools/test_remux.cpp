@@ -1,7 +1,5 @@
-// `boxlane remux`, run as a user runs it, on files FFmpeg makes at test
-// time, remuxed into fragments and back into progressive files; FFmpeg and
-// ffprobe judge the results. What works on numbers and bytes alone is
-// checked on its own against values and bytes written out by hand.
+// `boxlane remux` as a user runs it, on files FFmpeg makes, into fragments and back; FFmpeg and ffprobe judge
+// the results. What works on numbers and bytes alone is checked against values written by hand.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -10,6 +8,7 @@
 #include <cmath>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "fragment_checks.hpp"
@@ -24,16 +23,14 @@
 namespace boxlane::test {
 namespace {
 
-// Runs `boxlane remux ARGS` in `dir`; what it prints on either stream goes
-// to *out.
+// `boxlane remux ARGS` in `dir`; what it prints on either stream goes to *out.
 int remux(const std::string& args, const std::string& dir, std::string* out = nullptr) {
   return run("cd " + shell_quote(dir) + " && " + shell_quote(tool_path()) + " remux " + args + " 2>&1", out);
 }
 
-// What ffprobe reads of a kind's stream and of its every packet in decode
-// order. Decode times count from the first: a track whose composition offsets
-// had to be moved past 0 decodes as much earlier, and presents at the same
-// times.
+// What ffprobe reads of a kind's stream and of its every packet in decode order, decode times from the first
+// (a track whose offsets moved past 0 decodes as much earlier); then, as hex, what FFmpeg and we write alike
+// outside the tables: each tkhd from its volume to its size, the mp4a's channels to its rate.
 std::vector<std::string> index_of(const std::string& path, char kind) {
   std::string stream;
   run("ffprobe -v error -select_streams " + std::string(1, kind) + " -show_entries stream=codec_name,profile,level,"
@@ -46,13 +43,25 @@ std::vector<std::string> index_of(const std::string& path, char kind) {
                   static_cast<long long>(p.size), p.key ? " key" : "");
     rows.push_back(row);
   }
+  const auto b = read_file(path);
+  const std::string s(b.begin(), b.end());
+  for (std::size_t at = s.find("tkhd"); at != std::string::npos; at = s.find("tkhd", at + 4))
+    rows.push_back(hex(&b[at - 52 + (b[at - 4] << 24 | b[at - 3] << 16 | b[at - 2] << 8 | b[at - 1])], 48));
+  if (const std::size_t at = s.find("mp4a", s.find("stsd")); at != std::string::npos)
+    rows.push_back(hex(&b[at + 20], 12));
   return rows;
 }
 
-// Each audio frame goes into the fragment whose video it starts during: one
-// that starts exactly at a cut opens the next fragment. Times as stored,
-// from 0 on both tracks, as the cuts are made. Returns how many audio frames
-// start exactly at a cut.
+// A copy of `from` as `to` with one byte changed: `at` bytes into the first `box` after the stsd's start.
+void patch(const std::string& from, const std::string& to, const char* box, std::size_t at, uint8_t value) {
+  auto bytes = read_file(from);
+  const std::string text(bytes.begin(), bytes.end());
+  bytes.at(text.find(box, text.find("stsd")) + at) = value;
+  write_file(to, bytes);
+}
+
+// Each audio frame goes into the fragment whose video it starts during: one that starts exactly at a cut
+// opens the next. Times as stored, from 0 on both tracks. Returns how many audio frames start at a cut.
 int expect_audio_follows_the_cuts(const std::string& file) {
   std::vector<uint64_t> moofs;
   for (const TopBox& box : boxes_of(file))
@@ -76,6 +85,8 @@ int expect_audio_follows_the_cuts(const std::string& file) {
 struct Input {
   const char* name;
   const char* ffmpeg;  // arguments after the lavfi sources
+  const char* summary;  // what the fragmenting run says, up to the file size
+  int fragments;
   bool audio = true;
   bool audio_frame_at_a_cut = false;  // the check of where audio goes bites at an exact cut only
   bool video = true;
@@ -84,15 +95,18 @@ struct Input {
 // 4 s of 160x120 video at 25 fps with B-frames.
 const Input kInputs[] = {
     {"h264_aac44_fragmented", "-c:v libx264 -preset veryfast -bf 3 -g 12 -c:a aac -ar 44100 -metadata:s:v language=deu "
-                              "-movflags frag_keyframe+empty_moov+default_base_moof"},
+     "-movflags frag_keyframe+empty_moov+default_base_moof",
+     "video H.264 160x120, 100 frames; audio AAC 44100 Hz stereo, 174 frames; 4.08 s, ", 3},
     {"h265_aac48_faststart", "-c:v libx265 -x265-params log-level=none:keyint=12:bframes=2 -tag:v hvc1 -c:a aac "
-                             "-ar 48000 -metadata:s:a language=fra -movflags faststart", true, true},  // 2.88 s: frame 135
-    // Negative composition offsets (ctts version 1), which the output moves
-    // past 0; the moov last, its stco turned into co64; a key frame exactly
-    // every second, so that each one is exactly a fragment's length on.
-    {"h264_alone_co64", "-c:v libx264 -preset veryfast -bf 2 -g 25 -movflags negative_cts_offsets", false},
-    // Audio alone is cut every --fragment seconds.
-    {"aac_alone", "-vn -c:a aac", true, false, false},
+     "-ar 48000 -metadata:s:a language=fra -movflags faststart",
+     "video H.265 160x120, 100 frames; audio AAC 48000 Hz stereo, 189 frames; 4.02 s, ", 3, true,
+     true},  // an audio frame at 2.88 s, on a cut: frame 135
+    // Negative composition offsets (ctts version 1), which the output moves past 0; the moov last, its stco
+    // turned into co64; a key frame exactly every second, so each is exactly a fragment's length on.
+    {"h264_alone_co64", "-c:v libx264 -preset veryfast -bf 2 -g 25 -movflags negative_cts_offsets",
+     "video H.264 160x120, 100 frames; 4.00 s, ", 4, false},
+    // Audio alone is cut every --fragment seconds; its mp4a entry made to say 1 channel.
+    {"aac_alone", "-vn -c:a aac", "audio AAC 44100 Hz mono, 174 frames; 4.02 s, ", 4, true, false, false},
 };
 
 class RemuxRoundTrip : public ::testing::TestWithParam<Input> {};
@@ -106,17 +120,19 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
                    in.ffmpeg + " " + shell_quote(source)),
             0);
   if (!in.audio) write_file(source, with_co64(read_file(source)));
+  if (!in.video) patch(source, source, "mp4a", 21, 1);
   const std::string kinds = std::string(in.video ? "v" : "") + (in.audio ? "a" : "");
 
   std::string out;
   ASSERT_EQ(remux("source.mp4 --fragment 1 -o fragmented.mp4", dir, &out), 0) << out;
-  EXPECT_NE(out.find(in.video ? "fragmented.mp4: video " : "fragmented.mp4: audio "), std::string::npos) << out;
+  EXPECT_NE(out.find("fragmented.mp4: " + std::string(in.summary)), std::string::npos) << out;
+  EXPECT_NE(out.find(" in " + std::to_string(in.fragments) + " fragments, written in "), std::string::npos) << out;
   ASSERT_EQ(remux("fragmented.mp4 -o back.mp4", dir), 0);
   ASSERT_EQ(remux("source.mp4 --faststart -q -o fast.mp4", dir, &out), 0) << out;
   EXPECT_EQ(out, "") << "--quiet";
 
-  // In one progressive file FFmpeg decodes the input's pictures and audio
-  // frames, and ffprobe reads the same samples, times and parameters.
+  // In one progressive file FFmpeg decodes the input's pictures and audio frames, and ffprobe reads the same
+  // samples, times and parameters; on a tie in decode time the video's sample comes first.
   for (const std::string file : {"back.mp4", "fast.mp4"}) {
     SCOPED_TRACE(file);
     for (const char kind : kinds) {
@@ -128,17 +144,22 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
     const auto boxes = boxes_of(dir + file);
     ASSERT_EQ(boxes.size(), 3u);
     EXPECT_EQ(boxes[1].type, file == "fast.mp4" ? "moov" : "mdat");
+    if (kinds == "va") {
+      EXPECT_LT(probe_packets(dir + file, 'v').front().pos, probe_packets(dir + file, 'a').front().pos);
+    }
   }
-  // The fragments: the same pictures, in fragments of at least a second that
-  // open on sync samples; audio alone in fragments of a second.
+  // The fragments: the same pictures, in fragments of at least a second (rounded to ticks: 1.00004 s are
+  // 12801 ticks of 1/12800 s) that open on sync samples; audio alone in fragments of a second (the summary
+  // counts them).
   expect_fragment_layout(dir + "fragmented.mp4", in.video ? 1 : 0);
   if (in.video) {
     EXPECT_EQ(decoded_md5s(dir + "fragmented.mp4", 'v'), decoded_md5s(source, 'v'));
   }
-  if (!in.video) {
-    const auto boxes = boxes_of(dir + "fragmented.mp4");
-    EXPECT_GE(std::count_if(boxes.begin(), boxes.end(), [](const TopBox& b) { return b.type == "moof"; }), 4);
-  } else if (in.audio) {
+  if (!in.audio) {
+    ASSERT_EQ(remux("source.mp4 --fragment 1.00004 -o longer.mp4", dir), 0);
+    expect_fragment_layout(dir + "longer.mp4", 1.00004);
+  }
+  if (in.video && in.audio) {
     EXPECT_EQ(expect_audio_follows_the_cuts(dir + "fragmented.mp4") > 0, in.audio_frame_at_a_cut);
   }
 }
@@ -146,16 +167,16 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
 INSTANTIATE_TEST_SUITE_P(FilesFromOtherMuxers, RemuxRoundTrip, ::testing::ValuesIn(kInputs),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// Files the writer cannot take whole, inputs that are not what they claim,
-// an output that is the input and bad options: each is named in a clear
-// message, the target stays as it was and no temporary file is left behind.
+// Files the writer cannot take whole, inputs that are not what they claim, an output that is the input and
+// bad options: each is named in a clear message, the target stays as it was and no temporary file is left.
 TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   BOXLANE_REQUIRE_FFMPEG();
   const std::string dir = temp_dir() + "/";
   write_file(dir + "subtitles.srt", unhex("310A30303A30303A30302C303030202D2D3E2030303A30303A30312C3030300A68690A"));
   const std::string sources = "-f lavfi -i testsrc2=size=160x120:rate=25:duration=2 -f lavfi -i sine=duration=2 ";
-  // H.264 with MPEG-1 layer 2 audio (mp4a, object type 0x6B) and a subtitle
-  // track (tx3g); H.264 with two AAC tracks.
+  // H.264 with MPEG-1 layer 2 audio (mp4a, object type 0x6B) and a subtitle track (tx3g); H.264 with two AAC
+  // tracks, whose first is given object types 0x65 to 0x69 (MPEG-2 AAC is 0x66 to 0x68), whose video entry
+  // is made avc3, or whose avcC is made to declare 2-byte NAL unit lengths or to hold its PPS twice.
   ASSERT_EQ(ffmpeg("-v error " + sources + "-i " + shell_quote(dir + "subtitles.srt") +
                    " -map 0 -map 1 -map 2 -c:v libx264 -c:a mp2 -c:s mov_text " + shell_quote(dir + "others.mp4")),
             0);
@@ -163,9 +184,19 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
                    shell_quote(dir + "two_audio.mp4")),
             0);
   const auto whole = read_file(dir + "two_audio.mp4");
+  for (const auto& [name, box, at, value] :
+       {std::tuple{"aac_65.mp4", "esds", 21, 0x65}, {"aac_66.mp4", "esds", 21, 0x66}, {"aac_68.mp4", "esds", 21, 0x68},
+        {"aac_69.mp4", "esds", 21, 0x69}, {"nal_2.mp4", "avcC", 8, 0xFD}, {"avc3.mp4", "avc1", 3, '3'}})
+    patch(dir + "two_audio.mp4", dir + name, box, at, uint8_t(value));
+  const std::size_t avcc = std::string(whole.begin(), whole.end()).find("avcC") + 4;
+  const std::size_t pps = avcc + 9 + (be32(whole, avcc + 4) & 0xFFFF), pps_end = pps + 2 + (be32(whole, pps) >> 16);
+  auto two_pps = whole;
+  two_pps[pps - 1] = 2;
+  write_file(dir + "two_pps.mp4", inserted(two_pps, {"moov", "trak", "mdia", "minf", "stbl", "stsd", "avc1", "avcC"}, pps_end,
+                                          {whole.begin() + long(pps), whole.begin() + long(pps_end)}));
+  write_file(dir + "empty.mp4", {});
   write_file(dir + "truncated.mp4", std::vector<uint8_t>(whole.begin(), whole.begin() + whole.size() / 2));
-  // A video sample whose first NAL unit claims more bytes than the sample
-  // holds: found while writing, after the output was opened.
+  // A video sample whose first NAL unit claims more bytes than it holds: found after the output was opened.
   auto broken = whole;
   std::fill_n(broken.begin() + long(packets_by_track(dir + "two_audio.mp4").at(1).at(3).pos), 4, uint8_t{0x7F});
   write_file(dir + "broken.mp4", broken);
@@ -180,18 +211,29 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
       {"others.mp4 -o out.mp4", 1,
        "boxlane remux: track 2 (soun, 'mp4a') cannot be written: its mp4a entry holds object type 0x6B, not AAC "
        "(--skip-unsupported leaves it out)\n"},
-      {"two_audio.mp4 -o out.mp4", 1, "track 3 (soun, AAC) cannot be written: a second audio track"},
+      {"aac_65.mp4 -o out.mp4", 1, "track 2 (soun, 'mp4a') cannot be written: its mp4a entry holds object type 0x65"},
+      {"aac_66.mp4 -o out.mp4", 1, "track 3 (soun, AAC) cannot be written: a second audio track"},
+      {"aac_68.mp4 -o out.mp4", 1, "track 3 (soun, AAC) cannot be written: a second audio track"},
+      {"avc3.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its avcC holds 0 SPS and 0 PPS"},
+      {"two_pps.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its avcC holds 1 SPS and 2 PPS"},
+      {"aac_69.mp4 -o out.mp4", 1, "track 2 (soun, 'mp4a') cannot be written: its mp4a entry holds object type 0x69"},
+      {"nal_2.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its samples have 2-byte NAL unit lengths"},
       {"two_audio.mp4 -o two_audio.mp4", 1, "'two_audio.mp4' is the input file 'two_audio.mp4'"},
       {"two_audio.mp4 -o hard_link.mp4", 1, "is the input file"},
       {"two_audio.mp4 -o soft_link.mp4", 1, "is the input file"},
       {"truncated.mp4 -o out.mp4", 1, "truncated"},
       {"missing.mp4 -o out.mp4", 1, "cannot open 'missing.mp4'"},
+      {"empty.mp4 -o out.mp4", 1, "'empty.mp4' is empty"},
+      {". -o out.mp4", 1, "'.' is not a regular file"},
       {"broken.mp4 --skip-unsupported -o out.mp4", 1, "holds a NAL unit longer than the sample"},
       {"two_audio.mp4 -o out.mp4 --fragment 1 --faststart", 2, "exclude each other"},
       {"two_audio.mp4 -o out.mp4 --fragment 0", 2, "--fragment needs a length in seconds"},
       {"two_audio.mp4 -o out.mp4 --fragment 3600.001", 2, "above 0 and at most 3600"},
       {"two_audio.mp4 -o out.mp4 --fragment 3600", 1, "a second audio track"},
       {"two_audio.mp4", 2, "no output file given"},
+      {"two_audio.mp4 -o", 2, "-o needs a file name"},
+      {"two_audio.mp4 -o out.mp4 --fragment 1s", 2, "--fragment needs a length in seconds"},
+      {"two_audio.mp4 others.mp4 -o out.mp4", 2, "one input only"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args);
@@ -201,12 +243,9 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
     EXPECT_NE(out.find(c.message), std::string::npos) << out;
     EXPECT_EQ(read_file(dir + "out.mp4"), unhex("6F6C64"));
     EXPECT_EQ(read_file(dir + "two_audio.mp4"), whole);
-    std::string listing;
-    run("ls -a " + shell_quote(dir) + " | grep -c '^\\.[^.]'", &listing);
-    EXPECT_EQ(listing, "0\n") << "a temporary file is left";
+    EXPECT_EQ(run("ls -a " + shell_quote(dir) + " | grep -q '^\\.[^.]'"), 1) << "a temporary file is left";
   }
-  // --skip-unsupported leaves those tracks out with a notice each, and the
-  // rest decodes as before.
+  // --skip-unsupported leaves those tracks out with a notice each, and the rest decodes as before.
   std::string out, streams;
   ASSERT_EQ(remux("others.mp4 --skip-unsupported -o out.mp4", dir, &out), 0) << out;
   EXPECT_NE(out.find("track 3 (sbtl, 'tx3g') cannot be written"), std::string::npos) << out;
@@ -221,9 +260,9 @@ Bytes tkhd(uint8_t version, uint32_t id) {
   return full_box("tkhd", version, 3, Bytes().zeros(version == 1 ? 16 : 8).u32(id).zeros(version == 1 ? 80 : 72));
 }
 
+// Track 1: elst version 0 with an empty edit and a media edit; track 7: version 1 with 64-bit fields, tkhd
+// version 1; track 3: no edts. Then lists cut short, and boxes past their parents.
 TEST(RemuxEditLists, ReadFromTheMoovOfEachTrackAsFarAsTheyAreWhole) {
-  // Track 1: elst version 0 with an empty edit and a media edit; track 7:
-  // version 1 with 64-bit fields, tkhd version 1; track 3: no edts.
   const auto elst = [](uint8_t v, const char* hex) { return box("edts", full_box("elst", v, 0, unhex(hex))); };
   const Bytes file = cat({box("ftyp", unhex("69736F6D 00000200")), box("mdat", unhex("00112233")),
                           box("moov", cat({box("trak", cat({tkhd(0, 1), elst(0, "00000002 00000050 FFFFFFFF 00010000 "
@@ -311,8 +350,8 @@ TEST(RemuxTimeline, OneTimeScaleToWhichEveryTimeConvertsExactly) {
     EXPECT_EQ(t.tracks[0].offset(0) * int64_t{c.video_scale}, 2 * int64_t{c.video_duration} * c.want);
     EXPECT_EQ(t.tracks[0].edit_media_time * int64_t{c.video_scale}, 2 * int64_t{c.video_duration} * c.want);
   }
-  // Audio's time scale first when both fit; an edit's media time that the
-  // audio's cannot hold exactly; a sample of duration 0 lasts one tick.
+  // Audio's time scale first when both fit; an edit's media time that the audio's cannot hold exactly; a
+  // sample of duration 0 lasts one tick.
   const auto v25 = track(true, 1000, 40, {0}), a8 = track(false, 8000, 1024, {0});
   const auto edit = track(true, 12800, 512, {0}, {{0, 102}}), a48 = track(false, 48000, 1024, {0});
   const auto zero = track(false, 48000, 0, {0});
@@ -324,8 +363,8 @@ TEST(RemuxTimeline, OneTimeScaleToWhichEveryTimeConvertsExactly) {
   EXPECT_THROW(tool::plan_timeline({&v, &a}, 1000), tool::ToolError);
 }
 
+// 25 fps at 12800 ticks alone, offsets of 0 to 2 frames; movie at 1000.
 TEST(RemuxTimeline, EditListsForTheOutput) {
-  // 25 fps at 12800 ticks alone, offsets of 0 to 2 frames; movie at 1000.
   const struct {
     const char* what;
     std::vector<int32_t> offsets;
@@ -339,8 +378,7 @@ TEST(RemuxTimeline, EditListsForTheOutput) {
       {"the input's media edit", {1024, 1536, 512}, {{120, 1024}}, 0, false, {{1536, 1024}}, 1536},
       {"its duration 0 runs to the end", {1024, 1536, 512}, {{0, 1024}}, 0, false, {{1536, 1024}}, 1536},
       {"a shift is taken back out", {512, 0, 1024}, {{120, 512}}, 512, false, {{1536, 1024}}, 1536},
-      // No edit list: the first picture is presented at its composition
-      // time, 512, after a gap.
+      // No edit list: the first picture is presented at its composition time, 512, after a gap.
       {"without an edit too", {512, 0, 1024}, {}, 512, false, {{512, -1}, {2048, 1024}}, 2560},
       {"a gap before the first picture", {1024, 2048, 512}, {{120, 0}}, 0, false, {{1024, -1}, {512, 1024}}, 1536},
       // 41 ms are 524.8 ticks.
