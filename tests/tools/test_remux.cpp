@@ -28,9 +28,21 @@ int remux(const std::string& args, const std::string& dir, std::string* out = nu
   return run("cd " + shell_quote(dir) + " && " + shell_quote(tool_path()) + " remux " + args + " 2>&1", out);
 }
 
+// As hex, what FFmpeg and we write alike outside the tables: each tkhd from its volume to its size, the mp4a's
+// channels to its rate.
+std::vector<std::string> headers(const std::string& path) {
+  std::vector<std::string> rows;
+  const auto b = read_file(path);
+  const std::string s(b.begin(), b.end());
+  for (std::size_t at = s.find("tkhd"); at != std::string::npos; at = s.find("tkhd", at + 4))
+    rows.push_back(hex(&b[at - 52 + be32(b, at - 4)], 48));
+  if (const std::size_t at = s.find("mp4a", s.find("stsd")); at != std::string::npos)
+    rows.push_back(hex(&b[at + 20], 12));
+  return rows;
+}
+
 // What ffprobe reads of a kind's stream and of its every packet in decode order, decode times from the first
-// (a track whose offsets moved past 0 decodes as much earlier); then, as hex, what FFmpeg and we write alike
-// outside the tables: each tkhd from its volume to its size, the mp4a's channels to its rate.
+// (a track whose offsets moved past 0 decodes as much earlier); then the headers.
 std::vector<std::string> index_of(const std::string& path, char kind) {
   std::string stream;
   run("ffprobe -v error -select_streams " + std::string(1, kind) + " -show_entries stream=codec_name,profile,level,"
@@ -43,12 +55,7 @@ std::vector<std::string> index_of(const std::string& path, char kind) {
                   static_cast<long long>(p.size), p.key ? " key" : "");
     rows.push_back(row);
   }
-  const auto b = read_file(path);
-  const std::string s(b.begin(), b.end());
-  for (std::size_t at = s.find("tkhd"); at != std::string::npos; at = s.find("tkhd", at + 4))
-    rows.push_back(hex(&b[at - 52 + (b[at - 4] << 24 | b[at - 3] << 16 | b[at - 2] << 8 | b[at - 1])], 48));
-  if (const std::size_t at = s.find("mp4a", s.find("stsd")); at != std::string::npos)
-    rows.push_back(hex(&b[at + 20], 12));
+  for (const std::string& row : headers(path)) rows.push_back(row);
   return rows;
 }
 
@@ -152,6 +159,7 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
   // 12801 ticks of 1/12800 s) that open on sync samples; audio alone in fragments of a second (the summary
   // counts them).
   expect_fragment_layout(dir + "fragmented.mp4", in.video ? 1 : 0);
+  EXPECT_EQ(headers(dir + "fragmented.mp4"), headers(source));
   if (in.video) {
     EXPECT_EQ(decoded_md5s(dir + "fragmented.mp4", 'v'), decoded_md5s(source, 'v'));
   }
