@@ -16,8 +16,7 @@ namespace boxlane::test {
 
 inline std::vector<TopBox> boxes_of(const std::string& file) { return top_boxes(read_file(file)); }
 
-// The sequence number of each moof's mfhd, the box that must open it
-// (ISO/IEC 14496-12 §8.8.4, §8.8.5).
+// The sequence number of each moof's mfhd, the box that opens it (ISO/IEC 14496-12 §8.8.5).
 inline std::vector<uint32_t> sequence_numbers(const std::string& file) {
   const auto bytes = read_file(file);
   std::vector<uint32_t> numbers;
@@ -30,9 +29,9 @@ inline std::vector<uint32_t> sequence_numbers(const std::string& file) {
   return numbers;
 }
 
-// ftyp, moov, then moof and mdat pairs numbered 1, 2, 3, ..., an optional
-// mfra last; with `seconds` above 0 the cuts at video key frames, as ffprobe
-// reads the file.
+// ftyp, moov, then moof and mdat pairs numbered 1, 2, 3, ..., an optional mfra last; with
+// `seconds` above 0 each fragment opens with a key frame, the first at least `seconds` after the
+// start of the fragment before, as ffprobe reads the file.
 inline void expect_fragment_layout(const std::string& file, double seconds) {
   std::string layout, want = "ftyp moov";
   std::vector<uint64_t> moofs;
@@ -40,25 +39,21 @@ inline void expect_fragment_layout(const std::string& file, double seconds) {
     layout += (layout.empty() ? "" : " ") + box.type;
     if (box.type == "moof") moofs.push_back(box.offset), want += " moof mdat";
   }
-  EXPECT_EQ(layout, layout.ends_with(" mfra") ? want + " mfra" : want);  // mfra ends the file
+  EXPECT_EQ(layout, layout.ends_with(" mfra") ? want + " mfra" : want);
   ASSERT_FALSE(moofs.empty());
   const auto numbers = sequence_numbers(file);
   for (std::size_t i = 0; i < numbers.size(); ++i) EXPECT_EQ(numbers[i], i + 1);
   if (seconds <= 0) return;
-  // Each fragment opens with a key frame, where the rule puts it.
   const auto packets = probe_packets(file, 'v');
-  std::vector<double> cuts;
+  std::vector<double> cuts, expected{packets.front().dts};
   std::size_t next = 0;
   for (const ProbedPacket& p : packets) {
     for (; next < moofs.size() && uint64_t(p.pos) > moofs[next]; ++next) {
       EXPECT_TRUE(p.key) << "fragment " << next << " opens with a picture that is not a key frame";
       cuts.push_back(p.dts);
     }
-  }
-  // The rule: at the first key frame at least `seconds` after the start of the fragment before.
-  std::vector<double> expected{packets.front().dts};
-  for (const ProbedPacket& p : packets)
     if (p.key && p.dts - expected.back() >= seconds - 1e-6) expected.push_back(p.dts);
+  }
   EXPECT_EQ(cuts, expected);
 }
 

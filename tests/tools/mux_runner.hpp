@@ -1,12 +1,13 @@
-// Runs `boxlane mux` as a user does, and makes its inputs with FFmpeg, for
-// the tools suites.
+// Runs `boxlane mux` as a user does, makes its inputs with FFmpeg, and the checks the mux suites share.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <string>
+#include <algorithm>
+#include <cstring>
 
 #include "support/ffmpeg.hpp"
+#include "support/mp4_rewrite.hpp"
 #include "support/paths.hpp"
 #include "support/readers.hpp"
 
@@ -35,8 +36,8 @@ struct Streams {
   std::string pix_fmt = "yuv420p";
 };
 
-// `seconds` of FFmpeg's test picture as H.264 (libx264 with `x264` params)
-// at `prefix`.h264, and of a sine as AAC in ADTS at `prefix`.aac.
+// `seconds` of FFmpeg's test picture as H.264 (libx264 with `x264` params) at `prefix`.h264, and
+// of a sine as AAC in ADTS at `prefix`.aac.
 inline Streams encode(const std::string& prefix, const std::string& size, const std::string& rate, double seconds,
                       const std::string& x264, int sample_rate = 48000, int channels = 2) {
   const Streams s{prefix + ".h264", prefix + ".aac", rate_of(rate)};
@@ -53,8 +54,7 @@ inline Streams encode(const std::string& prefix, const std::string& size, const 
   return s;
 }
 
-// `seconds` of FFmpeg's test picture as H.265 (libx265 with `x265` params)
-// at `path`.
+// `seconds` of FFmpeg's test picture as H.265 (libx265 with `x265` params) at `path`.
 inline std::string encode_h265(const std::string& path, const std::string& size, const std::string& rate,
                                double seconds, const std::string& pix_fmt, const std::string& x265) {
   std::string log;
@@ -67,15 +67,48 @@ inline std::string encode_h265(const std::string& path, const std::string& size,
   return path;
 }
 
-// GStreamer decodes from `file` the pictures FFmpeg decodes from `source`.
-inline void expect_gstreamer_shows(const std::string& file, const Streams& source) {
-  const std::string want = ffmpeg_video_md5(source.video, source.pix_fmt);
-  EXPECT_FALSE(want.empty()) << source.video;
-  EXPECT_EQ(gstreamer_video_md5(file, source.pix_fmt), want) << "GStreamer's pictures of " << file;
-}
-
 inline std::string inputs(const Streams& s, bool video = true, bool audio = true) {
   return (video ? " --video " + shell_quote(s.video) : "") + (audio ? " --audio " + shell_quote(s.audio) : "");
+}
+
+// What every written file must show: the sources' frames in FFmpeg, audio from 0; each tkhd
+// (ISO/IEC 14496-12 §8.3.2) with the picture size ffprobe reads from the SPS, or audio's volume
+// 0x0100; key frames where the source has them, frames from 0 at `fps`, the same in GStreamer.
+inline void expect_sources_shown(const std::string& file, const Streams& src, bool video, bool audio, double fps,
+                                 double tolerance, bool gstreamer = true) {
+  expect_decodes_like(file, video ? src.video : "", audio ? src.audio : "");
+  if (audio) {
+    EXPECT_NEAR(probe_packets(file, 'a').at(0).pts, 0.0, 1e-6);
+  }
+  const auto bytes = read_file(file);
+  std::string got, want;
+  const auto u16 = [&](std::size_t at) { return std::to_string(bytes.at(at) << 8 | bytes.at(at + 1)); };
+  for (const TopBox& box : top_boxes(bytes)) {
+    for (std::size_t i = box.offset + 12; box.type == "moov" && i + 4 < box.offset + box.size; ++i) {
+      if (std::memcmp(&bytes[i], "tkhd", 4) != 0) continue;
+      const std::size_t end = i - 4 + (bytes[i - 4] << 24 | bytes[i - 3] << 16 | bytes[i - 2] << 8 | bytes[i - 1]);
+      got += u16(end - 8) + "x" + u16(end - 4) + "/" + u16(end - 48) + " ";
+    }
+  }
+  if (video) {
+    run("ffprobe -v error -show_entries stream=width,height -of csv=s=x:p=0 " + shell_quote(src.video), &want);
+    want = want.substr(0, want.find('\n')) + "/0 ";
+  }
+  EXPECT_EQ(got, want + (audio ? "0x0/256 " : ""));
+  if (!video) return;
+  const auto packets = probe_packets(file, 'v'), raw = probe_packets(src.video, 'v');
+  ASSERT_EQ(packets.size(), raw.size());
+  std::vector<double> times;
+  for (std::size_t i = 0; i < packets.size(); ++i) {
+    EXPECT_EQ(packets[i].key, raw[i].key) << "picture " << i;
+    times.push_back(packets[i].pts);
+  }
+  std::sort(times.begin(), times.end());
+  for (std::size_t i = 0; i < times.size(); ++i) ASSERT_NEAR(times[i], i / fps, tolerance) << "frame " << i;
+  if (!gstreamer || !have_gstreamer()) return;
+  const std::string md5 = ffmpeg_video_md5(src.video, src.pix_fmt);
+  EXPECT_FALSE(md5.empty()) << src.video;
+  EXPECT_EQ(gstreamer_video_md5(file, src.pix_fmt), md5) << "GStreamer's pictures of " << file;
 }
 
 }  // namespace boxlane::test

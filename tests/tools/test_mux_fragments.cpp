@@ -1,22 +1,17 @@
-// `boxlane mux --fragment` and live inputs, run as a user runs them. FFmpeg,
-// mp4box.js, GStreamer and Chromium (Media Source Extensions) read the same
-// frames as the sources, from 0, in fragments cut where the rule says.
+// `boxlane mux --fragment` and live inputs, run as a user runs them: FFmpeg,
+// mp4box.js, GStreamer and Chromium (Media Source Extensions) read the
+// sources' frames from 0, in fragments cut where the rule says.
 #include <gtest/gtest.h>
-
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "support/box_builder.hpp"
-#include "support/readers.hpp"
 #include "fragment_checks.hpp"
 #include "mux_runner.hpp"
 
@@ -25,8 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The duration in mehd, in seconds of the mvhd's time scale (ISO/IEC
-// 14496-12 §8.2.2, §8.8.2), read from the bytes; -1 without a mehd.
+// mehd's duration in seconds of the mvhd's time scale (ISO/IEC 14496-12 §8.8.2), from the bytes; -1 without.
 double mehd_seconds(const std::string& file) {
   const auto bytes = read_file(file);
   const std::string text(bytes.begin(), bytes.end());
@@ -35,10 +29,9 @@ double mehd_seconds(const std::string& file) {
   const auto field = [&](std::size_t at, int size) {
     uint64_t v = 0;
     for (int i = 0; i < size; ++i) v = v << 8 | bytes.at(at + i);
-    return v;
+    return double(v);
   };
-  const uint64_t timescale = field(mvhd + (bytes.at(mvhd + 4) == 1 ? 24 : 16), 4);
-  return double(field(mehd + 8, bytes.at(mehd + 4) == 1 ? 8 : 4)) / double(timescale);
+  return field(mehd + 8, bytes.at(mehd + 4) == 1 ? 8 : 4) / field(mvhd + (bytes.at(mvhd + 4) == 1 ? 24 : 16), 4);
 }
 
 TEST(MuxFragments, ReadersSeeTheSourcesFramesFromZero) {
@@ -47,10 +40,7 @@ TEST(MuxFragments, ReadersSeeTheSourcesFramesFromZero) {
   const Streams sources[] = {
       encode(dir + "a", "160x120", "30", 3, "keyint=12:bframes=2"),
       encode(dir + "b", "160x120", "25", 2, "keyint=10:bframes=3:b-pyramid=normal:slices=2:aud=1", 44100),
-      // H.265 is cut at every IRAP picture. An open GOP starts at a CRA
-      // picture whose RASL pictures refer to the fragment before: they stay
-      // (a reader that plays on has their references), and so does their
-      // display order.
+      // H.265 is cut at every IRAP picture; the RASL pictures of a CRA picture (referring back) stay.
       {encode_h265(dir + "open.h265", "192x108", "25", 3, "yuv420p", "keyint=24:min-keyint=24:bframes=3:open-gop=1"),
        dir + "a.aac", 25},
       {encode_h265(dir + "closed.h265", "192x108", "25", 3, "yuv420p10le", "keyint=20:bframes=4:open-gop=0"),
@@ -59,35 +49,32 @@ TEST(MuxFragments, ReadersSeeTheSourcesFramesFromZero) {
   const struct {
     int source;
     bool video, audio;
-    std::string seconds;
-    bool browser;  // also played through Media Source Extensions
+    std::string seconds, says;  // --fragment and other options; the summary up to its size
+    bool browser;               // also played through Media Source Extensions
   } runs[] = {
-      {0, true, true, "0.5", true},
-      // Key frames exactly 0.8 s apart start fragments; --fsync changes when
-      // bytes reach the disk, never which.
-      {1, true, true, "0.8 --fsync", false},
-      {0, true, false, "86400", false},  // the longest fragment: one
-      {0, false, true, "0.5", true},
-      {2, true, true, "0.5", false},
-      {3, true, true, "0.5", false},
+      {0, true, true, "0.5", "video H.264 160x120, 90 frames at 30 fps with B-frames; audio AAC 48000 Hz stereo, "
+       "142 frames; 3.03 s, ", true},
+      // Key frames exactly 0.8 s apart start fragments; --fsync changes when bytes reach the disk, never which.
+      {1, true, true, "0.8 --fsync", "50 frames at 25 fps with B-frames; audio AAC 44100 Hz stereo, 88 frames; 2.04 s",
+       false},
+      {0, true, false, "86400", "video H.264 160x120, 90 frames at 30 fps with B-frames; 3.00 s, ", false},  // one
+      {0, false, true, "0.5", "audio AAC 48000 Hz stereo, 142 frames; 3.03 s, ", true},
+      // Past 2^32 ticks: mehd takes its 64-bit form.
+      {0, false, true, "0.5 --timescale 2147483647", "142 frames; 3.03 s, ", false},
+      {2, true, true, "0.5", "video H.265 192x108, 75 frames at 25 fps with B-frames; audio", false},
+      {3, true, true, "0.5", "video H.265 192x108, 75 frames at 25 fps with B-frames; audio", false},
   };
-  const std::string out = dir + "out.mp4";
+  const std::string out = dir + "out.mp4";  // each run writes over a longer file
   for (const auto& r : runs) {
     const Streams& src = sources[r.source];
     SCOPED_TRACE(inputs(src, r.video, r.audio) + " --fragment " + r.seconds);
-    const MuxResult m = mux(inputs(src, r.video, r.audio) + " --fragment " + r.seconds + " -q -o " + shell_quote(out));
+    const MuxResult m = mux(inputs(src, r.video, r.audio) + " --fragment " + r.seconds + " -o " + shell_quote(out));
     ASSERT_EQ(m.status, 0) << m.output;
-    EXPECT_EQ(m.output, "");
-    expect_decodes_like(out, r.video ? src.video : "", r.audio ? src.audio : "");
+    EXPECT_NE(m.output.find(r.says), std::string::npos) << m.output;
+    EXPECT_NE(m.output.find(" in " + std::to_string(sequence_numbers(out).size()) + " fragments"), std::string::npos);
+    expect_sources_shown(out, src, r.video, r.audio, src.fps, 2e-4);
     expect_fragment_layout(out, r.video ? std::stod(r.seconds) : 0);
-    if (r.audio) {
-      EXPECT_NEAR(probe_packets(out, 'a').at(0).pts, 0.0, 1e-6);
-    }
     const auto packets = probe_packets(out, 'v');
-    std::vector<double> times;
-    for (const auto& p : packets) times.push_back(p.pts);
-    std::sort(times.begin(), times.end());
-    for (std::size_t i = 0; i < times.size(); ++i) ASSERT_NEAR(times[i], i / src.fps, 2e-4) << "frame " << i;
     const std::size_t audio_frames = r.audio ? decoded_md5s(src.audio, 'a').size() : 0;
     const double seconds = std::max(r.video ? packets.size() / src.fps : 0,
                                     audio_frames * 1024.0 / (r.source == 1 ? 44100 : 48000));
@@ -109,41 +96,29 @@ TEST(MuxFragments, ReadersSeeTheSourcesFramesFromZero) {
         EXPECT_EQ(fragment_of(p), std::upper_bound(cuts.begin(), cuts.end(), p.pts) - cuts.begin() - 1) << p.pts;
       }
     }
-
-    // mp4box.js: sync samples where FFmpeg sees key frames, every audio
-    // frame, and mfra listing every fragment that holds video (audio alone:
-    // every one); mehd: the duration of the longer track.
+    // mp4box.js: every audio frame, and mfra listing every fragment that holds video (audio
+    // alone: every one); mehd: the duration of the longer track.
     const Mp4BoxReport mp4box = read_with_mp4box(out);
     EXPECT_TRUE(mp4box.fragmented);
     EXPECT_EQ(mp4box.errors, std::vector<std::string>{});
-    std::vector<bool> keys, syncs;
     std::vector<uint64_t> with_video, indexed;
-    for (const ProbedPacket& p : packets) {
-      keys.push_back(p.key);
+    for (const ProbedPacket& p : packets)
       if (with_video.empty() || with_video.back() != moofs[fragment_of(p)]) with_video.push_back(moofs[fragment_of(p)]);
-    }
-    for (const auto& s : mp4box.samples)
-      if (s.track == 1 && r.video) syncs.push_back(s.sync);
     for (const auto& [track, offset] : mp4box.tfra)
       if (track == 1) indexed.push_back(offset);  // the video track, or audio alone
-    EXPECT_EQ(syncs, keys);
     EXPECT_EQ(mp4box.count(r.video ? 2 : 1), audio_frames);
     EXPECT_NEAR(mehd_seconds(out), seconds, 1e-6);
     EXPECT_EQ(indexed, r.video ? with_video : moofs);
-    if (have_gstreamer()) {
-      if (r.video) expect_gstreamer_shows(out, src);
-      if (r.audio) {
-        EXPECT_EQ(gstreamer_audio_md5(out, r.video), ffmpeg_audio_md5(src.audio));
-      }
+    if (r.audio && have_gstreamer() && r.seconds.find("timescale") == std::string::npos) {  // qtdemux: at most 2^30
+      EXPECT_EQ(gstreamer_audio_md5(out, r.video), ffmpeg_audio_md5(src.audio));
     }
     if (r.browser && have_chromium()) {
       const MsePlayback p = play_with_mse(out);
       ASSERT_TRUE(p.ran) << p.report;
       EXPECT_FALSE(p.errors) << p.report;
-      EXPECT_EQ(p.fragments, int(sequence_numbers(out).size())) << p.report;
+      EXPECT_EQ(p.fragments, int(moofs.size())) << p.report;
       EXPECT_NEAR(p.buffered_start, 0, 1e-3) << p.report;
-      // requestVideoFrameCallback may miss the very first picture.
-      EXPECT_LT(p.first_frame_time, r.video ? 1.5 / src.fps : 1e9) << p.report;
+      EXPECT_LT(p.first_frame_time, r.video ? 1.5 / src.fps : 1e9) << p.report;  // the first may be missed
       EXPECT_NEAR(r.video ? p.shown : p.current_time, r.video ? packets.size() : seconds, 0.05) << p.report;
     }
   }
@@ -160,8 +135,7 @@ pid_t start(const std::string& command) {
   return pid;
 }
 
-// The exit status; -1 when killed. With `mux` failed, the writer into a
-// FIFO is killed first, as it may wait for a reader forever.
+// The exit status; -1 when killed. With `mux` failed, a writer into a FIFO is killed first.
 int finish(pid_t pid, const MuxResult& mux = {0, ""}) {
   if (mux.status != 0) kill(-pid, SIGKILL);
   int status = 0;
@@ -169,25 +143,26 @@ int finish(pid_t pid, const MuxResult& mux = {0, ""}) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-TEST(MuxFragments, LiveInputsFromStandardInputAndFifos) {
+// Standard input and FIFOs, whole and fragmented (no mfra when an input is live); then live
+// recordings trickled into FIFOs in fragments of 0.4 s: one killed (SIGKILL, quiet) leaves every
+// whole fragment playable, one interrupted (SIGINT) shows progress and ends cleanly.
+TEST(MuxFragments, LiveInputs) {
   BOXLANE_REQUIRE_FFMPEG();
   const std::string dir = temp_dir() + "/";
-  const Streams src = encode(dir + "in", "160x120", "25", 2, "keyint=25:bframes=2");
+  const Streams src = encode(dir + "in", "160x120", "25", 4, "keyint=10:bframes=2");
   const std::string vfifo = shell_quote(dir + "v.fifo"), afifo = shell_quote(dir + "a.fifo"), out = dir + "out.mp4";
   ASSERT_EQ(mkfifo((dir + "v.fifo").c_str(), 0600), 0);
   ASSERT_EQ(mkfifo((dir + "a.fifo").c_str(), 0600), 0);
   for (const char* mode : {"--fragment 0.5", ""}) {
     SCOPED_TRACE(mode);
-    // Standard input for video, a FIFO for audio.
     pid_t writer = start("cat " + shell_quote(src.audio) + " > " + afifo);
     MuxResult r = mux("--video - --audio " + afifo + " " + mode + " -q -o " + shell_quote(out) + " < " +
                       shell_quote(src.video));
     EXPECT_EQ(finish(writer, r), 0);
     ASSERT_EQ(r.status, 0) << r.output;
     expect_decodes_like(out, src.video, src.audio);
-    EXPECT_TRUE(!*mode || boxes_of(out).back().type == "mdat");  // no mfra: an input was live
-    // Two FIFOs filled by one program, audio opened first and written whole
-    // before the video: the reader must not wait on the one it opened first.
+    EXPECT_TRUE(!*mode || boxes_of(out).back().type == "mdat");
+    // Two FIFOs from one program, audio opened first and written whole before the video.
     writer = start("exec 4>" + afifo + " 3>" + vfifo + "; cat " + shell_quote(src.audio) + " >&4; exec 4>&-; cat " +
                    shell_quote(src.video) + " >&3");
     r = mux("--video " + vfifo + " --audio " + afifo + " " + mode + " -q -o " + shell_quote(out));
@@ -197,16 +172,6 @@ TEST(MuxFragments, LiveInputsFromStandardInputAndFifos) {
     for (const auto& entry : fs::directory_iterator(dir))
       EXPECT_EQ(entry.path().filename().string().find(".boxlane-"), std::string::npos) << entry.path();
   }
-}
-
-// Two live recordings of four seconds of video trickled into FIFOs, in
-// fragments of 0.4 s: one killed with SIGKILL part way (and quiet), which
-// leaves every whole fragment playable in every reader; one interrupted
-// (SIGINT), which shows progress and ends cleanly with its duration filled in.
-TEST(MuxFragments, KilledAndInterruptedRecordings) {
-  BOXLANE_REQUIRE_FFMPEG();
-  const std::string dir = temp_dir() + "/";
-  const Streams src = encode(dir + "in", "160x120", "25", 4, "keyint=10:bframes=2");
   const auto source = decoded_md5s(src.video, 'v');
   pid_t writers[2], muxers[2];
   const std::string outs[2] = {dir + "killed.mp4", dir + "stopped.mp4"};
@@ -222,9 +187,9 @@ TEST(MuxFragments, KilledAndInterruptedRecordings) {
                       shell_quote(fifo) + " -o " + shell_quote(outs[i]) + " 2>" + shell_quote(outs[i] + ".log"));
   }
   const auto mdats = [](const std::string& file) {
-    if (!fs::exists(file)) return 0l;
-    const auto boxes = boxes_of(file);
-    return long(std::count_if(boxes.begin(), boxes.end(), [](const TopBox& b) { return b.type == "mdat"; }));
+    int n = 0;
+    for (const TopBox& box : fs::exists(file) ? boxes_of(file) : std::vector<TopBox>{}) n += box.type == "mdat";
+    return n;
   };
   for (int i = 0; i < 1000 && (mdats(outs[0]) < 3 || mdats(outs[1]) < 6); ++i)  // past 2 s: progress shown
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -233,13 +198,8 @@ TEST(MuxFragments, KilledAndInterruptedRecordings) {
   EXPECT_EQ(finish(muxers[0]), -1);
   EXPECT_EQ(finish(muxers[1]), 0);
   for (const pid_t writer : writers) finish(writer, {1, ""});
-  const auto log = [](const std::string& file) {
-    const auto bytes = read_file(file + ".log");
-    return std::string(bytes.begin(), bytes.end());
-  };
+  const auto log = [](const std::string& f) { const auto b = read_file(f + ".log"); return std::string(b.begin(), b.end()); };
   EXPECT_EQ(log(outs[0]), "");
-  EXPECT_NE(log(outs[1]).find(" frames, "), std::string::npos) << log(outs[1]);
-  // Every picture in whole fragments, as the source has them.
   auto decoded = decoded_md5s(outs[0], 'v');
   const std::size_t pictures = probe_packets(outs[0], 'v').size();
   ASSERT_GE(mdats(outs[0]), 3);
@@ -254,56 +214,51 @@ TEST(MuxFragments, KilledAndInterruptedRecordings) {
     EXPECT_EQ(p.shown, int(pictures)) << p.report;
     EXPECT_NEAR(p.buffered_start, 0, 1e-3) << p.report;
   }
-
   const auto stopped = decoded_md5s(outs[1], 'v');
   ASSERT_GE(stopped.size(), 10u);
   ASSERT_LT(stopped.size(), source.size());
   EXPECT_EQ(stopped, std::vector<std::string>(source.begin(), source.begin() + long(stopped.size())));
   EXPECT_NEAR(mehd_seconds(outs[1]), stopped.size() / 25.0, 1e-6);
   EXPECT_EQ(mehd_seconds(outs[0]), -1);  // killed: room for it, but no mehd
+  char written[64];
+  std::snprintf(written, sizeof written, " %zu frames, %.1f s written", stopped.size(), stopped.size() / 25.0);
+  EXPECT_NE(log(outs[1]).find(written), std::string::npos) << log(outs[1]);
 }
 
+// Inputs that stop in the middle of a frame, or whose SPS changes, keep what came before; the run
+// says where and fails.
 TEST(MuxFragments, InputsThatStopOrChangeKeepWhatCameBefore) {
   BOXLANE_REQUIRE_FFMPEG();
   const std::string dir = temp_dir() + "/", out = dir + "out.mp4";
   const Streams src = encode(dir + "in", "160x120", "25", 2, "keyint=10:bframes=2");
   const auto video = read_file(src.video), audio = read_file(src.audio);
   const auto source = decoded_md5s(src.video, 'v');
-
-  // ADTS stopped in the middle of a frame: the whole frames are written,
-  // the run says where the input stopped and fails.
+  const auto run_on = [&](const std::string& args, const std::string& says) {
+    const MuxResult r = mux(args + " --fragment 0.5 -q -o " + shell_quote(out));
+    EXPECT_NE(r.status, 0);
+    EXPECT_NE(r.output.find(says), std::string::npos) << r.output;
+  };
+  // ADTS stopped in the middle of a frame: the whole frames are written.
   const std::size_t cut = audio.size() - 100;
   write_file(dir + "cut.aac", {audio.begin(), audio.begin() + long(cut)});
-  MuxResult r = mux("--audio " + shell_quote(dir + "cut.aac") + " --fragment 0.5 -q -o " + shell_quote(out));
-  EXPECT_EQ(r.status, 1);
   std::size_t whole = 0, frame = 0;
   for (std::size_t length; frame + 6 < cut; frame += length, ++whole) {
     length = ((audio[frame + 3] & 3u) << 11) | (audio[frame + 4] << 3) | (audio[frame + 5] >> 5);
     if (frame + length > cut) break;
   }
-  EXPECT_NE(r.output.find("stops in the middle of a frame at byte " + std::to_string(frame)), std::string::npos)
-      << r.output;
+  run_on("--audio " + shell_quote(dir + "cut.aac"), "stops in the middle of a frame at byte " + std::to_string(frame));
   EXPECT_EQ(probe_packets(out, 'a').size(), whole);
-
   // H.264 stopped just after the header of its last NAL unit.
   std::size_t last = video.size();
   while (last > 3 && !(video[last - 3] == 0 && video[last - 2] == 0 && video[last - 1] == 1)) --last;
   write_file(dir + "cut.h264", {video.begin(), video.begin() + long(last) + 2});
-  r = mux("--video " + shell_quote(dir + "cut.h264") + " --fragment 0.5 -q -o " + shell_quote(out));
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.output.find("stops in the middle of a frame at byte " + std::to_string(last - 3)), std::string::npos)
-      << r.output;
+  run_on("--video " + shell_quote(dir + "cut.h264"), "stops in the middle of a frame at byte " + std::to_string(last - 3));
   EXPECT_EQ(decoded_md5s(out, 'v'), std::vector<std::string>(source.begin(), source.end() - 1));
-
-  // A live stream whose SPS changes is refused where it changes; what came
-  // before stays in the file.
+  // A live stream whose SPS changes is refused where it changes.
   const std::string other = encode(dir + "other", "176x144", "25", 0.4, "bframes=0").video;
   write_file(dir + "changing.h264", cat({video, read_file(other)}));
-  r = mux("--video - --fragment 0.5 -q -o " + shell_quote(out) + " < " + shell_quote(dir + "changing.h264"));
-  EXPECT_NE(r.status, 0);
-  EXPECT_NE(r.output.find("sequence parameter set changes at byte " + std::to_string(video.size() + 4)),
-            std::string::npos)
-      << r.output;
+  run_on("--video - < " + shell_quote(dir + "changing.h264"),
+         "sequence parameter set changes at byte " + std::to_string(video.size() + 4));
   const auto kept = decoded_md5s(out, 'v');
   EXPECT_GE(kept.size(), 10u);
   EXPECT_EQ(kept, std::vector<std::string>(source.begin(), source.begin() + long(std::min(kept.size(), source.size()))));

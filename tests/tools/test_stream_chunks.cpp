@@ -1,29 +1,22 @@
-// The live stream cutters of `boxlane mux --fragment`: however the input
-// arrives (a byte at a time, a few, all at once), H.264 is cut where the
-// access unit of each IDR picture begins, and ADTS at whole frames.
+// The parts of `boxlane mux` that work alone: the live stream cutters of --fragment, however
+// the input arrives (a byte at a time, a few, all at once), and the choice of stco or co64.
 #include <gtest/gtest.h>
 
-#include <string>
-#include <utility>
-#include <vector>
+#include <optional>
 
 #include "support/box_builder.hpp"
 #include "support/ffmpeg.hpp"
 #include "support/paths.hpp"
+#include "tools/common/chunk_offsets.hpp"
 #include "tools/common/tool_error.hpp"
 #include "tools/mux/stream_chunks.hpp"
 
 namespace boxlane::test {
 namespace {
 
-using tool::AudioChunk;
-using tool::AudioChunker;
-using tool::LiveInput;
-using tool::VideoChunk;
-using tool::VideoChunker;
+using namespace tool;
 
-// Each piece of `path` read `piece` bytes at a time: its offset and the key
-// flags of its units.
+// Each piece of `path` read `piece` bytes at a time: its offset and the key flags of its units.
 std::vector<std::pair<uint64_t, std::vector<bool>>> cut_video(const std::string& path, std::size_t piece) {
   LiveInput in(path);
   VideoChunker chunker(in);
@@ -38,88 +31,112 @@ std::vector<std::pair<uint64_t, std::vector<bool>>> cut_video(const std::string&
   return cuts;
 }
 
+// H.264 is cut where the access unit of each IDR picture begins.
 TEST(StreamChunks, VideoIsCutWhereEachIdrAccessUnitBegins) {
   BOXLANE_REQUIRE_FFMPEG();
-  const std::string dir = temp_dir() + "/";
-  // AUDs and SEI before every picture, parameter sets before every IDR.
+  const std::string path = temp_dir() + "/aud.h264";  // AUDs and SEI before every picture, sets before IDRs
   ASSERT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=64x48:rate=25:duration=1.2 -c:v libx264 -g 8 -bf 2 "
-                   "-x264-params aud=1 -f h264 " + shell_quote(dir + "aud.h264")),
+                   "-x264-params aud=1 -f h264 " + shell_quote(path)),
             0);
-  const auto bytes = read_file(dir + "aud.h264");
-  tool::VideoStream whole;
-  tool::scan_video(bytes.data(), bytes.size(), "whole", whole);
-  const auto reference = cut_video(dir + "aud.h264", 0);
-  std::size_t units = 0;
-  for (const auto& [offset, keys] : reference) {
-    // Each piece opens with the AUD (type 9) of an IDR picture's access unit, its only key frame.
+  const auto bytes = read_file(path);
+  const auto reference = cut_video(path, 0);
+  EXPECT_EQ(reference.size(), 4u);  // 30 frames, a key frame every 8
+  for (const auto& [offset, keys] : reference) {  // each opens with the AUD of its one key frame, an IDR
     ASSERT_LT(offset + 4, bytes.size());
     EXPECT_EQ(hex(bytes.data() + offset, 5), "00 00 00 01 09") << "piece at " << offset;
     EXPECT_TRUE(keys.front());
     EXPECT_EQ(std::count(keys.begin(), keys.end(), true), 1);
-    units += keys.size();
   }
-  EXPECT_EQ(reference.size(), 4u);  // 30 frames, a key frame every 8
-  EXPECT_EQ(units, whole.units.size());
   for (const std::size_t piece : {1, 2, 3, 5, 7, 64, 1000})
-    EXPECT_EQ(cut_video(dir + "aud.h264", piece), reference) << "read " << piece << " bytes at a time";
+    EXPECT_EQ(cut_video(path, piece), reference) << "read " << piece << " bytes at a time";
 }
 
-struct AudioCut {
-  std::size_t frames = 0;
-  bool cut_short = false;
-  uint64_t cut_at = 0;
-};
-
-// `bytes` fed to an AudioChunker `piece` bytes at a time (0: all at once),
-// each chunk starting where the one before ended.
-AudioCut cut_audio(const std::vector<uint8_t>& bytes, std::size_t piece) {
+// `bytes` read `piece` bytes at a time (0: all at once): the frames of chunks that each start
+// where the one before ended, and where a cut frame starts.
+std::pair<std::size_t, std::optional<uint64_t>> cut_audio(const std::vector<uint8_t>& bytes, std::size_t piece) {
   const std::string path = temp_dir() + "/in.aac";
   write_file(path, bytes);
   LiveInput in(path);
   AudioChunker chunker(in);
   AudioChunk chunk;
-  AudioCut cut;
+  std::size_t frames = 0;
   for (uint64_t next = 0; !chunker.finished();) {
     in.read_some(piece);
     for (; chunker.next(chunk); next += chunk.bytes.size()) {
       EXPECT_EQ(chunk.input_offset, next);
-      cut.frames += chunk.stream.frames.size();
+      frames += chunk.stream.frames.size();
     }
   }
-  return {cut.frames, chunker.cut_short(), chunker.cut_at()};
+  return {frames, chunker.cut_short() ? std::optional(chunker.cut_at()) : std::nullopt};
 }
 
-TEST(StreamChunks, AudioComesInWholeFramesAndACutFrameIsReported) {
+// ADTS comes in whole frames, after an ID3 tag too; a frame cut short is
+// reported; a later frame that changes the configuration is refused.
+TEST(StreamChunks, AudioComesInWholeFrames) {
   const auto plain = read_file(source_dir() + "/tests/data/sample.aac");
-  tool::AudioStream whole;
-  tool::scan_audio(plain.data(), plain.size(), "whole", whole);
-  // The same frames after an ID3v2.4 tag of 200 bytes (syncsafe size 01 48) and its footer.
+  AudioStream whole;
+  scan_audio(plain.data(), plain.size(), "whole", whole);
+  const std::size_t n = whole.frames.size(), second = whole.frames[0].size;
+  // An ID3v2.4 tag of 200 bytes (syncsafe size 01 48) and its footer.
   auto tag = unhex("49 44 33 04 00 10 00 00 01 48");
   tag.resize(210);
   const std::vector<uint8_t> tagged = cat({tag, unhex("33 44 49 04 00 10 00 00 01 48"), plain});
   for (const auto* bytes : {&plain, &tagged}) {
-    const std::size_t last = bytes->size() - whole.frames.back().size;
+    const uint64_t last = bytes->size() - whole.frames.back().size;
     for (const std::size_t piece : {1, 6, 7, 100, 0}) {
       SCOPED_TRACE(std::to_string(bytes->size()) + " bytes read " + std::to_string(piece) + " at a time");
-      const AudioCut all = cut_audio(*bytes, piece), cut = cut_audio({bytes->begin(), bytes->end() - 5}, piece);
-      EXPECT_EQ(all.frames, whole.frames.size());
-      EXPECT_FALSE(all.cut_short);
-      EXPECT_EQ(cut.frames, whole.frames.size() - 1);
-      EXPECT_TRUE(cut.cut_short);
-      EXPECT_EQ(cut.cut_at, last);
+      EXPECT_EQ(cut_audio(*bytes, piece), std::pair(n, std::optional<uint64_t>()));
+      EXPECT_EQ(cut_audio({bytes->begin(), bytes->end() - 5}, piece), std::pair(n - 1, std::optional(last)));
     }
   }
-  // A later piece whose header gives another sampling_frequency_index is
-  // refused where it starts.
-  auto changed = plain;
-  changed[whole.frames[0].size + 2] ^= 0x04;
-  try {
-    cut_audio(changed, 7);
-    ADD_FAILURE() << "a changed sample rate accepted";
-  } catch (const tool::ToolError& e) {
-    EXPECT_NE(std::string(e.what()).find("at byte " + std::to_string(whole.frames[0].size) + " changes the sample"),
-              std::string::npos)
-        << e.what();
+  // The second frame's sampling_frequency_index, channel_configuration, profile.
+  for (const auto& [at, bit] : {std::pair{2, 0x04}, {3, 0x40}, {2, 0x40}}) {
+    auto changed = plain;
+    changed[second + at] ^= bit;
+    try {
+      cut_audio(changed, 7);
+      ADD_FAILURE() << "a change at byte " << second + at << " accepted";
+    } catch (const ToolError& e) {
+      EXPECT_NE(std::string(e.what()).find("at byte " + std::to_string(second) + " changes the sample"),
+                std::string::npos)
+          << e.what();
+    }
+  }
+}
+
+// Each track's table widens when its last sample reaches 2^32, on both sides,
+// and where a moov placed first grows and carries the other track past it.
+TEST(ChunkOffsets, EachTrackWidensWhenItsLastSampleReachesTwoToThe32) {
+  constexpr uint64_t k4GiB = uint64_t{1} << 32, kHeaders = 32 + 16;  // ftyp and a 64-bit mdat header
+  constexpr uint64_t kMoov = 100000, kPast = k4GiB - kHeaders - kMoov;  // the moov with 32-bit tables
+  const struct {
+    bool moov_first;
+    std::optional<uint64_t> last_video, last_audio;  // in the mdat payload
+    OffsetTables expected;
+  } cases[] = {
+      {false, k4GiB - kHeaders - 1, 0, {false, false}},
+      {false, k4GiB - kHeaders, 0, {true, false}},
+      {false, 0, k4GiB - kHeaders, {false, true}},
+      {true, kPast - 1, 0, {false, false}},
+      {true, kPast, 0, {true, false}},
+      // Audio's co64 adds 8000 bytes to the moov: video 5000 bytes short is
+      // carried past 2^32 too, 8001 short is not; with the moov last nothing moves.
+      {true, kPast - 5000, kPast, {true, true}},
+      {false, kPast - 5000, kPast, {false, false}},
+      {true, kPast - 8001, kPast, {false, true}},
+      // A track the movie lacks never gets a table.
+      {true, std::nullopt, k4GiB, {false, true}},
+      {false, k4GiB, std::nullopt, {true, false}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.moov_first << " " << c.last_video.value_or(0) << " " << c.last_audio.value_or(0));
+    int rounds = 0;
+    const auto payload_at = [&](OffsetTables t) {  // 1000 video and 2000 audio samples
+      ++rounds;
+      return kHeaders + (c.moov_first ? kMoov + (t.video_wide ? 4000 : 0) + (t.audio_wide ? 8000 : 0) : 0);
+    };
+    EXPECT_EQ(choose_offset_tables(payload_at, c.last_video, c.last_audio), c.expected);
+    EXPECT_LE(rounds, 3);
   }
 }
 
