@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <regex>
 #include <sstream>
+#include <tuple>
 
 #include "support/box_builder.hpp"
 #include "support/handmade_h264.hpp"
@@ -117,6 +118,14 @@ TEST(Mux, EveryOptionAsReadersSeeIt) {
     std::vector<double> seconds;  // each stream's, then the file's
     for (std::string line; std::getline(lines, line);) seconds.push_back(std::stod(line));
     EXPECT_NEAR(seconds.back(), *std::max_element(seconds.begin(), seconds.end() - 1), 1e-6) << durations;
+    // Samples lie in the file by decoding time (video's from minus its shift), audio first on a tie.
+    std::vector<std::tuple<int64_t, double, bool>> order;  // position, decoding time, video
+    for (const char kind : {'v', 'a'})
+      for (const ProbedPacket& p : probe_packets(out, kind)) order.emplace_back(p.pos, p.dts, kind == 'v');
+    std::sort(order.begin(), order.end());
+    for (std::size_t i = 1; i < order.size(); ++i)
+      EXPECT_LE(std::tie(std::get<1>(order[i - 1]), std::get<2>(order[i - 1])),
+                std::tie(std::get<1>(order[i]), std::get<2>(order[i]))) << "sample " << i << " in the file";
     const double fps = r.options.rfind("--fps ", 0) == 0 ? rate_of(r.options.substr(6)) : src.fps;
     const bool past_2_30 = r.facts.find(",1/19") != std::string::npos;  // a track GStreamer's qtdemux leaves out
     expect_sources_shown(out, src, r.video, r.audio, fps, 1.001e-3, !past_2_30);
