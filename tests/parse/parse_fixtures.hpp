@@ -1,7 +1,5 @@
-// What the parse suites share: hand-built boxes (ISO/IEC 14496-12 §8.3 to
-// §8.8), a feed that sends a stream in pieces the way a receiving program
-// does, a fixture with a task pool and clients, and the answers a client
-// hands back in forms a test compares.
+// What the parse suites share: hand-built boxes (ISO/IEC 14496-12), a feed
+// that sends a stream in pieces, a fixture with clients, comparable answers.
 #pragma once
 
 #include <boxlane/boxlane.hpp>
@@ -135,27 +133,23 @@ std::vector<T> take_list(T** list, int32_t count) {
   return out;
 }
 
-// Pool index and parse position of a client, read under its locks; -1 and 0 for no such client.
-inline std::pair<int, uint64_t> look(const std::string& client) {
-  std::shared_lock table(m_MP4Parse.st_RWLocker);
-  const auto it = m_MP4Parse.stl_MapClient.find(std::string_view(client));
-  if (it == m_MP4Parse.stl_MapClient.end()) return {-1, 0};
-  std::lock_guard guard(*it->second->st_Locker);
-  return {it->second->nPoolIndex, it->second->nParsePos};
-}
-inline uint64_t parse_position(const std::string& client) { return look(client).second; }
+inline uint64_t parse_position(const std::string& client) { return stream_info(client).nParsePos; }
 // The pool's event count for the client (0 when not listed); -1 without a pool.
 inline int pending_events(const std::string& client) {
   QORVANE_RENDAVO_TASKEVENT** list = nullptr;
   int32_t count = 0;
-  const int index = look(client).first;
+  int index = -1;
+  {
+    std::shared_lock table(m_MP4Parse.st_RWLocker);
+    const auto it = m_MP4Parse.stl_MapClient.find(std::string_view(client));
+    if (it != m_MP4Parse.stl_MapClient.end()) index = it->second->nPoolIndex;
+  }
   if (index < 0 || !Boxlane_Parse_GetPool(index, &list, &count)) return -1;
   int events = 0;
   for (const auto& event : take_list(list, count))
     if (client == event.tszClientAddr) events = event.nEventCount;
   return events;
 }
-// Takes every finished header record of the client.
 inline std::vector<QORVANE_MP4HDR> drain(const std::string& client) {
   std::vector<QORVANE_MP4HDR> headers;
   for (QORVANE_MP4HDR h; Boxlane_Parse_Recv(client.c_str(), &h, nullptr);) headers.push_back(h);
@@ -170,8 +164,7 @@ struct FeedResult {
   uint64_t error = 0;          // the code of a failed Send, which ends the feed
 };
 // Sends the stream in pieces ending at `cuts` (and every `piece` bytes),
-// taking the records after each. After an mdat record the feed resumes at
-// the box after the mdat, the position Recv reports; an mdat of size 0 ends it.
+// taking the records after each; after an mdat, from where Recv says it ends.
 inline FeedResult feed(const std::string& client, const std::vector<uint8_t>& stream, std::vector<std::size_t> cuts = {},
                        std::size_t piece = 0) {
   for (std::size_t at = piece; piece && at < stream.size(); at += piece) cuts.push_back(at);
@@ -244,8 +237,7 @@ inline std::vector<BOXLANE_SAMPLEINFO> table_samples(const std::string& client, 
   }
 }
 
-// A sample as one line: decode and composition time, duration, size,
-// offset, flags in hex, S for sync and D when the dependency bits are known.
+// A sample as one line; S for sync, D when the dependency bits are known.
 inline std::string text(const BOXLANE_SAMPLEINFO& s) {
   char line[160];
   std::snprintf(line, sizeof line, "dts %llu cts %lld dur %u size %u at %llu flags %08X%s%s",

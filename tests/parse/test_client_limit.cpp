@@ -1,63 +1,54 @@
-// The bound on what one parse client holds, in both client modes, against
-// the shapes of stream that make a client hold far more than it was sent:
-// one huge ftyp, many small boxes nobody takes, many tkhd boxes each making a
-// track. What the process has allocated is read from the allocator itself.
+// The bound on what one parse client holds, in both modes, against streams
+// that make it hold far more than it was sent, read from the allocator itself.
 #include "parse_fixtures.hpp"
 
 #include <malloc.h>
 
-// The sanitizers' allocators count what they hand out (GCC ships no header
-// for it). The thread sanitizer's rounds each block up to its size class (up
-// to an eighth more); the address sanitizer's counts the bytes asked for.
+// The address sanitizer's allocator counts the bytes asked for (GCC ships no header for it).
 #if !defined(__has_feature)
 #define __has_feature(x) 0
 #endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || __has_feature(address_sanitizer) || \
-    __has_feature(thread_sanitizer)
+#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 uint64_t allocated() { return __sanitizer_get_current_allocated_bytes(); }
 #else
 uint64_t allocated() { return mallinfo2().uordblks; }
 #endif
-#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
-constexpr uint64_t kRounding = 4 << 17;
-#else
-constexpr uint64_t kRounding = 0;
-#endif
 
 namespace boxlane::test {
 namespace {
 
-constexpr uint64_t kLimit = 4 << 20;  // kRounding: an eighth of it
+constexpr uint64_t kLimit = 4 << 20;
 
 Bytes ftyp_of(std::size_t bytes) {
-  Bytes payload;
-  payload.str("isom").u32(0);
+  Bytes payload = Bytes{}.str("isom").u32(0);
   while (payload.size() < bytes) payload.str("avc1");
   return box("ftyp", payload);
 }
 
+// `one` after `first`, again and again, to `total` bytes.
+Bytes repeated(Bytes first, const Bytes& one, std::size_t total) {
+  while (first.size() < total) first.add(one);
+  return first;
+}
+
+const Bytes kTrack = box("tkhd", tkhd_payload(1));
+
 struct Shape {
   const char* name;
   Bytes (*stream)();
-  bool refused;  // the stream goes past the bound
-  bool fills;    // box by box, so the client comes near the bound first
+  uint32_t refused;  // the modes (1 << flags) in which the stream goes past the bound
+  bool fills;        // box by box, so the client comes near the bound first
 };
 const Shape kShapes[] = {
     // 64 MiB declared, only its start sent: its size alone must stop it.
-    {"huge_ftyp", [] { return cat({Bytes{}.u32(64u << 20).str("ftyp"), ftyp_of(1 << 16)}); }, true, false},
+    {"huge_ftyp", [] { return cat({Bytes{}.u32(64u << 20).str("ftyp"), ftyp_of(1 << 16)}); }, 3, false},
     // 1 MiB: its buffer and its brands fit the bound, and it is read whole.
-    {"large_ftyp", [] { return ftyp_of(1u << 20); }, false, false},
+    {"large_ftyp", [] { return ftyp_of(1u << 20); }, 0, false},
     // 2.5 MiB is buffered, but its brands beside the buffer would not fit.
-    {"ftyp_over_half", [] { return ftyp_of(5u << 19); }, true, true},
+    {"ftyp_over_half", [] { return ftyp_of(5u << 19); }, 3, true},
     // 1 MiB of 8-byte boxes that no worker takes.
-    {"small_boxes",
-     [] {
-       Bytes b;
-       for (int i = 0; i < (1 << 17); ++i) b.u32(8).str("free");
-       return b;
-     },
-     true, true},
+    {"small_boxes", [] { return repeated({}, box("free"), 1 << 20); }, 3, true},
     // 4 MiB of tkhd boxes, each with a new track id.
     {"new_tracks",
      [] {
@@ -65,7 +56,13 @@ const Shape kShapes[] = {
        for (uint32_t id = 1; b.size() < (4u << 20); ++id) b.add(box("tkhd", tkhd_payload(id)));
        return b;
      },
-     true, true},
+     3, true},
+    // 8 MiB of stts boxes, all appended to one track's table.
+    {"one_table",
+     [] { return repeated(kTrack, table_box("stts", std::vector(8191, std::vector<uint32_t>{1, 1})), 8 << 20); }, 3, true},
+    // 8 MiB of stz2 boxes of 4-bit sizes, 8 table bytes a byte sent; read in the extended mode only.
+    {"compact_sizes",
+     [] { return repeated(kTrack, full_box("stz2", 0, 0, Bytes{}.u32(4).u32(131032).zeros(65516)), 8 << 20); }, 2, true},
 };
 
 class ClientLimit : public ::testing::TestWithParam<std::tuple<Shape, uint32_t>> {
@@ -89,20 +86,16 @@ TEST_P(ClientLimit, HoldsNoMoreThanTheBound) {
     refused = !send(client, stream, at, at + (64 << 10));
     peak = std::max(peak, allocated() - before);
   }
-  EXPECT_LE(peak, kLimit + kRounding);
-  EXPECT_EQ(refused, shape.refused);
+  EXPECT_LE(peak, kLimit);
+  ASSERT_EQ(refused, (shape.refused >> flags & 1) != 0);
   const BOXLANE_STREAMINFO info = stream_info(client);
-  if (!shape.refused) {
-    EXPECT_EQ(info.nStop, uint32_t{BOXLANE_STOP_NONE});
-    QORVANE_HDRFTYP ftyp{};
-    ASSERT_TRUE(Boxlane_Parse_GetFTyp(client.c_str(), &ftyp));
-    EXPECT_EQ(ftyp.nBrandCount, int32_t((stream.size() - 16) / 4));
-    Fundrel_Memory_Free(reinterpret_cast<void***>(&ftyp.pptszCompatibleBrand), ftyp.nBrandCount);
+  if (!refused) {
+    EXPECT_EQ(std::tuple(info.nStop, info.nParsePos), std::tuple(uint32_t{BOXLANE_STOP_NONE}, uint64_t(stream.size())));
     return;
   }
   EXPECT_EQ(Boxlane_GetLastError(nullptr), uint64_t{BOXLANE_ERROR_PARSE_LIMIT});
   EXPECT_EQ(info.nStop, uint32_t{BOXLANE_STOP_LIMIT});
-  // Stopped for good; and it came near the bound first: not refused early.
+  // Stopped for good, and not before it came near the bound.
   EXPECT_TRUE(fails_with(send(client, stream, 0, 8), BOXLANE_ERROR_PARSE_NOTSUPPORT));
   if (shape.fills) {
     EXPECT_GT(peak, kLimit / 2);

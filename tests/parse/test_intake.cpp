@@ -1,8 +1,5 @@
-// Parse clients and intake: argument checks, the client table, and the
-// splitter: which records a run yields, in what order, with what sizes and
-// codes; size fields that do not describe one buffered box; the parse
-// position; Recv's answers. Last, the same records, parse position and event
-// counts however a stream is cut.
+// Parse clients and intake: arguments, the client table, the records the
+// splitter yields, bad size fields, and the same answers however a stream is cut.
 #include "parse_fixtures.hpp"
 
 #include <tuple>
@@ -12,26 +9,23 @@ namespace {
 
 using Intake = ParseClientTest;
 
-// One track with every box the splitter knows inside moov, plus boxes whose
-// children get no records of their own (dref, avc1, avcC, an unknown udta's).
+// Every box the splitter knows inside moov (fourccs in either case), and
+// boxes whose children get no records (dref, avc1, an unknown udta's).
 Bytes movie_moov(const std::string& fourcc = "moov") {
   const auto leaf = [](const char* type, std::size_t n, uint32_t flags = 0) {
     return full_box(type, 0, flags, Bytes{}.zeros(n));
   };
   const Bytes avc1 = box("avc1", Bytes{}.zeros(78).add(box("avcC", Bytes{1, 0x42, 0xC0, 0x0D, 0xFF, 0xE0, 0})));
   const Bytes stbl = box("stbl", cat({full_box("stsd", 0, 0, Bytes{}.u32(1).add(avc1)), leaf("stts", 4), leaf("stss", 4),
-                                      leaf("ctts", 4), leaf("stsc", 4), leaf("stsz", 8), leaf("stco", 4), leaf("sdtp", 3)}));
+                                      leaf("ctts", 4), leaf("stsc", 4), leaf("STSZ", 8), leaf("stco", 4), leaf("sdtp", 3)}));
   const Bytes dinf = box("dinf", full_box("dref", 0, 0, Bytes{}.u32(1).add(full_box("url ", 0, 1))));
-  const Bytes mdia = box("mdia", cat({leaf("mdhd", 20), leaf("hdlr", 25), box("minf", cat({leaf("vmhd", 8, 1), dinf, stbl}))}));
+  const Bytes minf = box("minf", cat({leaf("vmhd", 8, 1), leaf("smhd", 4), leaf("hmhd", 16), leaf("nmhd", 0), dinf, stbl}));
+  const Bytes mdia = box("mdia", cat({leaf("mdhd", 20), leaf("hdlr", 25), minf}));
   const Bytes trak = box("trak", cat({leaf("tkhd", 80, 3), box("edts", leaf("elst", 4)), mdia}));
   return box(fourcc, cat({leaf("mvhd", 96), trak, box("udta", box("meta", box("hdlr", Bytes{}.zeros(24))))}));
 }
-const Codes kMoovCodes = {3,      30,     31,     311,    312,    3121,   313,    3131,   3132,   3133,   31331,
-                          31335,  31336,  313361, 313362, 313366, 313367, 313363, 313364, 313365, 313368, 0};
 
-// ftyp, moov, free, uuid (AB CD after its fourcc), an mdat whose payload
-// looks like ftyp boxes (a splitter that read into it would show), and a
-// free box of 8 bytes that ends the stream.
+// ftyp, moov, free, uuid (AB CD), an mdat of what looks like ftyp boxes, free.
 Bytes movie_file(std::size_t payload = 600, const std::string& moov = "moov") {
   Bytes media;
   while (media.size() + 8 <= payload) media.u32(8).str("ftyp");
@@ -39,14 +33,11 @@ Bytes movie_file(std::size_t payload = 600, const std::string& moov = "moov") {
   return cat({movie_ftyp(), movie_moov(moov), box("free", Bytes{}.zeros(5)), box("uuid", Bytes{0xAB, 0xCD}.zeros(14)),
               box("mdat", media), box("free")});
 }
-Codes movie_file_codes() {
-  Codes codes{1};
-  codes.insert(codes.end(), kMoovCodes.begin(), kMoovCodes.end());
-  codes.insert(codes.end(), {0, 4, 2, 0});
-  return codes;
-}
+const Codes kFileCodes = {1,     3,     30,    31,    311,    312,    3121,   313,    3131,   3132,   3133,   31331, 31332,
+                          31333, 31334, 31335, 31336, 313361, 313362, 313366, 313367, 313363, 313364, 313365, 313368,
+                          0,     0,     4,     2,     0};
 
-TEST_F(Intake, BadArgumentsFailWithParameterAndChangeNothing) {
+TEST_F(Intake, ArgumentsAndTheClientTable) {
   const std::string too_long(128, 'x');
   const Bytes ftyp = movie_ftyp();
   EXPECT_TRUE(fails_with(Boxlane_Parse_Insert(nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
@@ -58,8 +49,7 @@ TEST_F(Intake, BadArgumentsFailWithParameterAndChangeNothing) {
   EXPECT_TRUE(fails_with(Boxlane_Parse_Recv(client_.c_str(), nullptr, nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
   QORVANE_MP4HDR header;
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetStream(client_.c_str(), nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
-  // Length 0 does nothing, with or without data; a box still arriving is
-  // not ready; 127 bytes and the NUL fit.
+  // Length 0 does nothing; a box still arriving is not ready; 127 bytes and the NUL fit.
   EXPECT_TRUE(Boxlane_Parse_Send(client_.c_str(), nullptr, 0) && Boxlane_Parse_Send(client_.c_str(), ftyp.data(), 0));
   EXPECT_TRUE(fails_with(Boxlane_Parse_Recv(client_.c_str(), &header, nullptr), BOXLANE_ERROR_PARSE_NODATA));
   EXPECT_TRUE(send(client_, ftyp, 0, 9));
@@ -67,20 +57,16 @@ TEST_F(Intake, BadArgumentsFailWithParameterAndChangeNothing) {
   const std::string longest = other(std::string(127, 'x'));
   EXPECT_TRUE(send(longest, ftyp));
   EXPECT_EQ(pending_events(longest), 1);
-  // Inserting again keeps the client, its mode and its records; the name is
-  // matched byte for byte.
+  // Inserting again keeps the client, its mode and records; names match byte for byte.
   EXPECT_TRUE(Boxlane_Parse_InsertEx(client_.c_str(), BOXLANE_PARSE_EXTENDED));
   EXPECT_EQ(stream_info(client_).nFlags, 0u);
   EXPECT_TRUE(Boxlane_Parse_Insert(longest.c_str()));
   EXPECT_EQ(std::tuple(parse_position(longest), pending_events(longest)), std::tuple(ftyp.size(), 1));
   EXPECT_TRUE(fails_with(send("Intake", ftyp), BOXLANE_ERROR_PARSE_NOTFOUND));
-}
-
-TEST_F(Intake, ADeletedClientIsGoneAndStartsAfreshWhenInsertedAgain) {
+  // A deleted client is gone, and starts afresh when inserted again.
   ASSERT_TRUE(send(client_, movie_moov(), 0, 100));
   ASSERT_TRUE(Boxlane_Parse_Delete(client_.c_str()));
-  QORVANE_MP4HDR h;
-  EXPECT_TRUE(fails_with(Boxlane_Parse_Recv(client_.c_str(), &h, nullptr), BOXLANE_ERROR_PARSE_NOTFOUND));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Recv(client_.c_str(), &header, nullptr), BOXLANE_ERROR_PARSE_NOTFOUND));
   EXPECT_TRUE(fails_with(send(client_, movie_ftyp()), BOXLANE_ERROR_PARSE_NOTFOUND));
   ASSERT_TRUE(Boxlane_Parse_Insert(client_.c_str()));
   EXPECT_EQ(std::tuple(parse_position(client_), pending_events(client_)), std::tuple(0u, 0));
@@ -90,8 +76,7 @@ TEST_F(Intake, ADeletedClientIsGoneAndStartsAfreshWhenInsertedAgain) {
   EXPECT_EQ(codes(drain(client_)), Codes{1});
 }
 
-// Size 0: the box runs to the end of the stream. It takes the rest of its
-// piece, and every later piece is its payload: counted, never split.
+// Size 0: the box takes the rest of its piece and every later piece, counted, never split.
 TEST_F(Intake, SizeZeroTakesTheRestOfTheStream) {
   const Bytes ftyp = movie_ftyp();
   const std::string whole = extended("zero/whole");
@@ -99,12 +84,10 @@ TEST_F(Intake, SizeZeroTakesTheRestOfTheStream) {
   EXPECT_EQ(codes(drain(whole)), Codes{1});
   ASSERT_TRUE(send(whole, ftyp));
   EXPECT_TRUE(drain(whole).empty());
-  EXPECT_EQ(parse_position(whole), 20 + 2 * ftyp.size());
   const BOXLANE_STREAMINFO stream = stream_info(whole);
-  EXPECT_EQ(std::tuple(stream.nStop, stream.nStopOffset, std::string(stream.tszStopType)),
-            std::tuple(uint32_t{BOXLANE_STOP_TOEND}, uint64_t{0}, std::string("ftyp")));
-  // A size-0 header that completes in the piece after: the rest of that
-  // piece is its payload too.
+  EXPECT_EQ(std::tuple(stream.nParsePos, stream.nStop, stream.nStopOffset, std::string(stream.tszStopType)),
+            std::tuple(20 + 2 * ftyp.size(), uint32_t{BOXLANE_STOP_TOEND}, uint64_t{0}, std::string("ftyp")));
+  // A size-0 header completed by the next piece: the rest of that piece is its payload.
   const Bytes mdat = cat({ftyp, box("mdat", {}, 0), ftyp});
   ASSERT_TRUE(send(client_, mdat, 0, ftyp.size() + 3));
   ASSERT_TRUE(send(client_, mdat, ftyp.size() + 3));
@@ -114,20 +97,35 @@ TEST_F(Intake, SizeZeroTakesTheRestOfTheStream) {
 
 TEST_F(Intake, MalformedAndOversizedBoxesStopTheStream) {
   constexpr uint32_t limit = 256u << 20;
-  // The box before is queued, nothing for the bad one, and later pieces are
-  // refused. A bad header that arrives split is judged once complete.
-  const auto expect_stopped = [&](const std::vector<Bytes>& pieces, uint64_t code, const std::string& what) {
-    const std::string client = other(what);
+  // The box before is queued, the bad one is not and is where the stream
+  // stopped, later pieces are refused; a header that arrives split is judged
+  // once complete. 64-bit sizes (the extended mode) below their header or past 2^62.
+  const auto expect_stopped = [&](const std::vector<Bytes>& pieces, uint64_t code, uint32_t stop, const std::string& what,
+                                  uint32_t flags = 0) {
+    const std::string client = other(what, flags);
     for (std::size_t i = 0; i + 1 < pieces.size(); ++i) ASSERT_TRUE(send(client, pieces[i])) << what;
     EXPECT_TRUE(fails_with(send(client, pieces.back()), code)) << what;
-    EXPECT_EQ(codes(drain(client)), Codes{1}) << what;
+    const BOXLANE_STREAMINFO info = stream_info(client);
+    EXPECT_EQ(std::tuple(codes(drain(client)), info.nStop, info.nStopOffset), std::tuple(Codes{1}, stop, movie_ftyp().size()))
+        << what;
     EXPECT_TRUE(fails_with(send(client, movie_ftyp()), BOXLANE_ERROR_PARSE_NOTSUPPORT)) << what;
   };
-  expect_stopped({cat({movie_ftyp(), box("moov", Bytes{}.zeros(40), 7)})}, BOXLANE_ERROR_PARSE_MALFORMED, "size 7");
-  expect_stopped({cat({movie_ftyp(), Bytes{0, 0, 0}}), Bytes{4, 'f', 'r', 'e', 'e', 0, 0}},
-                 BOXLANE_ERROR_PARSE_MALFORMED, "split size 4");
-  expect_stopped({cat({movie_ftyp(), box("free", Bytes{}.zeros(100), limit + 1)})}, BOXLANE_ERROR_PARSE_NOTSUPPORT,
+  const auto kMalformed = BOXLANE_ERROR_PARSE_MALFORMED, kTooLarge = BOXLANE_ERROR_PARSE_NOTSUPPORT;
+  expect_stopped({cat({movie_ftyp(), box("moov", Bytes{}.zeros(40), 7)})}, kMalformed, BOXLANE_STOP_MALFORMED, "size 7");
+  expect_stopped({cat({movie_ftyp(), Bytes{0, 0, 0}}), Bytes{4, 'f', 'r', 'e', 'e', 0, 0}}, kMalformed, BOXLANE_STOP_MALFORMED,
+                 "split size 4");
+  expect_stopped({cat({movie_ftyp(), box("free", Bytes{}.zeros(100), limit + 1)})}, kTooLarge, BOXLANE_STOP_TOOLARGE,
                  "256 MiB + 1");
+  expect_stopped({cat({movie_ftyp(), Bytes{}.u32(1).str("free").u64(15).zeros(8)})}, kMalformed, BOXLANE_STOP_MALFORMED,
+                 "64-bit 15", BOXLANE_PARSE_EXTENDED);
+  expect_stopped({cat({movie_ftyp(), Bytes{}.u32(1).str("mdat").u64((uint64_t{1} << 62) + 1)})}, kTooLarge,
+                 BOXLANE_STOP_TOOLARGE, "mdat of 2^62 + 1", BOXLANE_PARSE_EXTENDED);
+  // A 64-bit size of exactly its header, and an mdat of exactly 2^62, are taken.
+  for (const auto& [what, ok] : {std::pair("64-bit 16", Bytes{}.u32(1).str("free").u64(16)),
+                                 std::pair("mdat of 2^62", Bytes{}.u32(1).str("mdat").u64(uint64_t{1} << 62))}) {
+    ASSERT_TRUE(send(extended(what), cat({movie_ftyp(), ok}))) << what;
+    EXPECT_EQ(std::tuple(drain(what).size(), stream_info(what).nStop), std::tuple(2u, uint32_t{BOXLANE_STOP_NONE})) << what;
+  }
   // Exactly the limit waits for the rest; an mdat is never buffered, so any size goes.
   ASSERT_TRUE(send(client_, box("moov", Bytes{}.zeros(100), limit)));
   EXPECT_EQ(stream_info(client_).nStop, uint32_t{BOXLANE_STOP_NONE});
@@ -137,9 +135,8 @@ TEST_F(Intake, MalformedAndOversizedBoxesStopTheStream) {
   EXPECT_EQ(parse_position(media), 0xFFFFFFF0u);
 }
 
-// The same records, positions and event counts however a stream is cut:
-// every two-piece cut and 1-byte pieces. An mdat that lies wholly inside the
-// piece is stepped over, unread, and the boxes after it split in the same call.
+// Every two-piece cut and 1-byte pieces: the same records, positions and
+// event counts; an mdat inside a piece is stepped over, unread.
 TEST_F(Intake, CutsChangeNothing) {
   int clients = 0;
   const std::pair<const char*, Bytes> streams[] = {
@@ -153,9 +150,8 @@ TEST_F(Intake, CutsChangeNothing) {
     ASSERT_EQ(whole.error, 0u);
     ASSERT_TRUE(whole.events_matched);
     if (&stream == &streams[0].second) {
-      // Every box in stream order; sizes, what tkhd's reader left in its
-      // record (flags 3) and the uuid's first bytes as sent.
-      EXPECT_EQ(codes(whole.headers), movie_file_codes());
+      // Every box in order; sizes, tkhd's flags (3), the uuid's first bytes as sent.
+      EXPECT_EQ(codes(whole.headers), kFileCodes);
       EXPECT_EQ(std::tuple(whole.final_position, whole.records[0], whole.records[1], whole.records[4],
                            whole.records[whole.records.size() - 3], whole.records[whole.records.size() - 2]),
                 std::tuple(uint64_t(stream.size()), "1 size 32 v0 flags 000000 uuid 0000",

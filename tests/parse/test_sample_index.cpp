@@ -1,8 +1,4 @@
-// The per-sample index of the moov's tables, worked out by hand from
-// ISO/IEC 14496-12 §8.6 and §8.7: times from stts and ctts of both versions,
-// offsets through stsc runs into stco and co64 chunks, sizes from stsz (a
-// list or one constant), sync samples from stss and dependency bits from
-// sdtp; windows read from any start; tables that disagree; the track ids.
+// The per-sample index of the moov's tables, worked out by hand (ISO/IEC 14496-12 §8.6, §8.7).
 #include "parse_fixtures.hpp"
 
 #include <tuple>
@@ -14,30 +10,32 @@ using Index = ParseClientTest;
 
 Bytes movie(const std::vector<Bytes>& tables) { return cat({movie_ftyp(), moov_box({trak_box(1, 1000, tables)})}); }
 
+// Track 1's samples, walked from the first; windows of two from every start,
+// read backwards so each walks anew, must agree (fuzz_index: an unsorted stss).
+std::vector<std::string> walked(const std::string& client) {
+  const std::vector<BOXLANE_SAMPLEINFO> all = table_samples(client, 1);
+  for (uint32_t first = uint32_t(all.size()); first-- > 0;) {
+    BOXLANE_SAMPLEINFO two[2];
+    int32_t n = 0;
+    EXPECT_TRUE(Boxlane_Parse_GetTrackSamples(client.c_str(), 1, first, two, 2, &n));
+    EXPECT_EQ(std::tuple(n, text(two[0])), std::tuple(first + 1 < all.size() ? 2 : 1, text(all[first]))) << first;
+  }
+  return texts(all);
+}
+
 TEST_F(Index, SamplesOfTheMoovTables) {
-  // Five samples in two chunks of two and one of one (a fourth chunk stays
-  // empty); every table.
+  // Five samples in chunks of 2, 2 and 1 (a fourth stays empty); every table.
   ASSERT_EQ(feed(client_, movie({table_box("stts", {{3, 1000}, {2, 500}}), table_box("ctts", {{1, 2000}, {2, 0}, {2, 1000}}),
                                  table_box("stsc", {{1, 2, 1}, {3, 1, 1}}), stsz_box(0, 5, {10, 20, 30, 40, 50}),
                                  table_box("stco", {{100}, {200}, {300}, {400}}), table_box("stss", {{1}, {4}}),
                                  full_box("sdtp", 0, 0, Bytes{0x20, 0x10, 0x10, 0x24, 0x10})}))
                 .error,
             0u);
-  const std::vector<std::string> want = {
-      sample(0, 2000, 1000, 10, 100, 0x02000000, true, true),     sample(1000, 1000, 1000, 20, 110, 0x01010000, false, true),
-      sample(2000, 2000, 1000, 30, 200, 0x01010000, false, true), sample(3000, 4000, 500, 40, 230, 0x02400000, true, true),
-      sample(3500, 4500, 500, 50, 300, 0x01010000, false, true),
-  };
-  EXPECT_EQ(texts(table_samples(client_, 1)), want);
-  // Any window size, and any start: the same samples.
-  EXPECT_EQ(texts(table_samples(client_, 1, 2)), want);
-  for (uint32_t first : {4u, 2u, 0u, 3u, 1u}) {
-    BOXLANE_SAMPLEINFO got[5];
-    int32_t n = -1;
-    ASSERT_TRUE(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, first, got, 5, &n));
-    ASSERT_EQ(n, int32_t(5 - first));
-    EXPECT_EQ(text(got[0]), want[first]) << "from " << first;
-  }
+  EXPECT_EQ(walked(client_),
+            (std::vector<std::string>{
+                sample(0, 2000, 1000, 10, 100, 0x02000000, true, true), sample(1000, 1000, 1000, 20, 110, 0x01010000, false, true),
+                sample(2000, 2000, 1000, 30, 200, 0x01010000, false, true), sample(3000, 4000, 500, 40, 230, 0x02400000, true, true),
+                sample(3500, 4500, 500, 50, 300, 0x01010000, false, true)}));
   int32_t n = -1;
   EXPECT_TRUE(Boxlane_Parse_GetTrackSamples(client_.c_str(), 1, 0, nullptr, 0, &n));
   EXPECT_EQ(n, 0);
@@ -47,9 +45,7 @@ TEST_F(Index, SamplesOfTheMoovTables) {
   ASSERT_TRUE(Boxlane_Parse_GetTrackIndex(client_.c_str(), 1, &index));
   EXPECT_EQ(std::tuple(index.nTableSamples, index.nTableDuration, index.nSizeCount, index.nChunkCount),
             std::tuple(uint64_t{5}, uint64_t{4000}, 5u, 4u));
-
-  // The same track again: its tables gain two samples and a fifth chunk, so
-  // the last stsc entry now runs one chunk further; a window walks anew.
+  // The same track again gains two samples and a fifth chunk: the window walks anew.
   ASSERT_TRUE(send(client_, moov_box({trak_box(1, 1000, {table_box("stts", {{2, 7}}), stsz_box(0, 2, {60, 70}),
                                                          table_box("stco", {{500}})})})));
   BOXLANE_SAMPLEINFO got[2];
@@ -60,27 +56,18 @@ TEST_F(Index, SamplesOfTheMoovTables) {
 }
 
 TEST_F(Index, ConstantSizesLargeOffsetsAndSignedCompositionOffsets) {
-  // One constant size, co64 chunks past 4 GiB, ctts of version 1 with a
-  // negative offset, no stss (all sync) and no sdtp (dependencies unknown).
+  // A constant size, co64 past 4 GiB, a negative ctts v1 offset, no stss, no sdtp.
   const uint64_t far = uint64_t{5} << 30;
-  Bytes co64;
-  co64.u32(2).u64(far).u64(far + 1000);
   const Bytes stream = movie({table_box("stts", {{4, 10}}), table_box("ctts", {{1, 20}, {3, uint32_t(-10)}}, 1),
-                              table_box("stsc", {{1, 3, 1}}), stsz_box(8, 4), full_box("co64", 0, 0, co64)});
+                              table_box("stsc", {{1, 3, 1}}), stsz_box(8, 4),
+                              full_box("co64", 0, 0, Bytes{}.u32(2).u64(far).u64(far + 1000))});
   const std::string wide = extended("index/co64");
   ASSERT_EQ(feed(wide, stream).error, 0u);
-  EXPECT_EQ(texts(table_samples(wide, 1)),
+  EXPECT_EQ(walked(wide),
             (std::vector<std::string>{sample(0, 20, 10, 8, far, 0, true, false), sample(10, 0, 10, 8, far + 8, 0, true, false),
                                       sample(20, 10, 10, 8, far + 16, 0, true, false),
                                       sample(30, 20, 10, 8, far + 1000, 0, true, false)}));
-  // The chunk offsets handed out: low half in nValue1, high half in nValue2.
-  QORVANE_HDRSAMPLENFO** list = nullptr;
-  int32_t count = 0;
-  ASSERT_TRUE(Boxlane_Parse_GetTrackList(wide.c_str(), 1, &list, &count, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO));
-  const auto stco = take_list(list, count);
-  ASSERT_EQ(stco.size(), 2u);
-  EXPECT_EQ(std::tuple(stco[1].nValue1, stco[1].nValue2, stco[1].nValue3), std::tuple(0x40000000u + 1000u, 1u, 0u));
-  // The basic mode reads no co64: no chunks, so no samples; the co64 is noted.
+  // The basic mode reads no co64, so no samples; the co64 is noted.
   ASSERT_EQ(feed(client_, stream).error, 0u);
   EXPECT_TRUE(table_samples(client_, 1).empty());
   BOXLANE_TRACKINDEX index{};
@@ -88,25 +75,18 @@ TEST_F(Index, ConstantSizesLargeOffsetsAndSignedCompositionOffsets) {
   EXPECT_EQ(std::tuple(index.bLargeOffsets, index.nChunkCount), std::tuple(uint8_t{1}, 0u));
 }
 
-// Tables that disagree give the samples all of them cover; a window from
-// any start, read backwards so each one walks anew, agrees with the walk
-// from the first sample (fuzz_index once found an unsorted stss searched
-// as if it were sorted).
-TEST_F(Index, TablesThatDisagreeAndWindowsFromAnyStart) {
+// Tables that disagree give the samples all of them cover: the count, and
+// whether the last (1) and the first (2) are sync samples.
+TEST_F(Index, TablesThatDisagree) {
   const auto samples_of = [&](const std::vector<Bytes>& tables) {
     const std::string client = other("index/disagree/" + std::to_string(others_.size()));
     EXPECT_EQ(feed(client, movie(tables)).error, 0u);
     BOXLANE_TRACKINDEX index{};
     EXPECT_TRUE(Boxlane_Parse_GetTrackIndex(client.c_str(), 1, &index));
-    const std::vector<BOXLANE_SAMPLEINFO> walked = table_samples(client, 1);
-    EXPECT_EQ(walked.size(), index.nTableSamples);
-    for (uint32_t first = uint32_t(walked.size()); first-- > 0;) {
-      BOXLANE_SAMPLEINFO one;
-      int32_t n = 0;
-      EXPECT_TRUE(Boxlane_Parse_GetTrackSamples(client.c_str(), 1, first, &one, 1, &n));
-      EXPECT_EQ(text(one), text(walked[first])) << "from " << first;
-    }
-    return std::pair(index.nTableSamples, walked.empty() ? 0 : walked.back().bSync + 2 * walked.front().bSync);
+    const std::vector<std::string> all = walked(client);
+    EXPECT_EQ(all.size(), index.nTableSamples);
+    return std::pair(index.nTableSamples, all.empty() ? 0 : (all.back().find(" S") != std::string::npos) +
+                                                                  2 * (all.front().find(" S") != std::string::npos));
   };
   const Bytes stts = table_box("stts", {{5, 1}});
   const Bytes stsz = stsz_box(0, 5, {1, 2, 3, 4, 5});
@@ -126,18 +106,6 @@ TEST_F(Index, TablesThatDisagreeAndWindowsFromAnyStart) {
   EXPECT_EQ(samples_of({table_box("stts", {{6, 1}}), table_box("stsc", {{1, 6, 1}}), stsz_box(1, 6), stco,
                         table_box("stss", {{196609}, {2}, {5}, {4}})}),
             want(6, 0));
-}
-
-TEST_F(Index, TrackIdsOfEveryValue) {
-  ASSERT_EQ(feed(client_, cat({movie_ftyp(), moov_box({trak_box(257, 1000, {}), trak_box(0x80000001u, 1000, {}),
-                                                       trak_box(1, 1000, {}), trak_box(256, 1000, {})})}))
-                .error,
-            0u);
-  int32_t** ids = nullptr;
-  int32_t count = 0;
-  ASSERT_TRUE(Boxlane_Parse_GetTrackIDs(client_.c_str(), &ids, &count));
-  EXPECT_EQ(take_list(ids, count), (std::vector<int32_t>{1, 256, 257, INT32_MIN + 1}));
-  EXPECT_TRUE(fails_with(Boxlane_Parse_GetTrackIDs(client_.c_str(), nullptr, &count), BOXLANE_ERROR_PARSE_PARAMETER));
 }
 
 }  // namespace
