@@ -124,7 +124,6 @@ inline ::testing::AssertionResult fails_with(bool result, uint64_t code) {
   if (!result && Boxlane_IsErrorOccur && last == code) return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure() << "returned " << result << " with last error " << last << ", wanted " << code;
 }
-// Copies a list the library allocated and frees it.
 template <class T>
 std::vector<T> take_list(T** list, int32_t count) {
   std::vector<T> out;
