@@ -28,6 +28,7 @@ struct Bytes : std::vector<uint8_t> {
 // A box: size (payload + 8 unless forced), fourcc, payload.
 inline Bytes box(std::string_view fourcc, const std::vector<uint8_t>& payload = {}, int64_t forced_size = -1) {
   Bytes out;
+  out.reserve(payload.size() + 8);  // one allocation; also keeps GCC 12 from misreading the appends
   out.u32(forced_size >= 0 ? uint32_t(forced_size) : uint32_t(payload.size() + 8));
   out.str(fourcc.substr(0, 4));
   out.add(payload);
