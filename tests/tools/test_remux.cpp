@@ -196,6 +196,9 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
        {std::tuple{"aac_65.mp4", "esds", 21, 0x65}, {"aac_66.mp4", "esds", 21, 0x66}, {"aac_68.mp4", "esds", 21, 0x68},
         {"aac_69.mp4", "esds", 21, 0x69}, {"nal_2.mp4", "avcC", 8, 0xFD}, {"avc3.mp4", "avc1", 3, '3'}})
     patch(dir + "two_audio.mp4", dir + name, box, at, uint8_t(value));
+  // The mp4a entry's rate field at its highest, 65535 Hz, which the writer's 16-bit field still holds.
+  patch(dir + "two_audio.mp4", dir + "rate_65535.mp4", "mp4a", 28, 0xFF);
+  patch(dir + "rate_65535.mp4", dir + "rate_65535.mp4", "mp4a", 29, 0xFF);
   const std::size_t avcc = std::string(whole.begin(), whole.end()).find("avcC") + 4;
   const std::size_t pps = avcc + 9 + (be32(whole, avcc + 4) & 0xFFFF), pps_end = pps + 2 + (be32(whole, pps) >> 16);
   auto two_pps = whole;
@@ -222,6 +225,7 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
       {"aac_65.mp4 -o out.mp4", 1, "track 2 (soun, 'mp4a') cannot be written: its mp4a entry holds object type 0x65"},
       {"aac_66.mp4 -o out.mp4", 1, "track 3 (soun, AAC) cannot be written: a second audio track"},
       {"aac_68.mp4 -o out.mp4", 1, "track 3 (soun, AAC) cannot be written: a second audio track"},
+      {"rate_65535.mp4 -o out.mp4", 1, "track 3 (soun, AAC) cannot be written: a second audio track"},
       {"avc3.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its avcC holds 0 SPS and 0 PPS"},
       {"two_pps.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its avcC holds 1 SPS and 2 PPS"},
       {"aac_69.mp4 -o out.mp4", 1, "track 2 (soun, 'mp4a') cannot be written: its mp4a entry holds object type 0x69"},
