@@ -25,6 +25,10 @@ uint32_t be32(const std::vector<uint8_t>& b, std::size_t at) {
   return uint32_t(b.at(at)) << 24 | uint32_t(b.at(at + 1)) << 16 | uint32_t(b.at(at + 2)) << 8 | b.at(at + 3);
 }
 
+void set_be32(std::vector<uint8_t>& b, std::size_t at, uint32_t v) {
+  for (std::size_t i = 0; i < 4; ++i) b.at(at + i) = uint8_t(v >> (24 - 8 * i));
+}
+
 std::vector<uint8_t> widen_mdat(std::vector<uint8_t> file) {
   for (std::size_t at = 0, size = 0; at + 16 <= file.size() && (size = be32(file, at)) >= 8; at += size) {
     if (size == 8 && std::memcmp(&file[at + 4], "free", 4) == 0 && std::memcmp(&file[at + 12], "mdat", 4) == 0) {
@@ -65,8 +69,7 @@ std::vector<uint8_t> inserted(std::vector<uint8_t> file, const std::vector<std::
   const std::string text(file.begin(), file.end());
   for (const std::string& type : boxes) {
     const std::size_t box = text.find(type, text.find("moov")) - 4;
-    const uint64_t size = be32(file, box) + bytes.size();
-    for (int i = 0; i < 4; ++i) file.at(box + i) = uint8_t(size >> (24 - 8 * i));
+    set_be32(file, box, be32(file, box) + uint32_t(bytes.size()));
   }
   file.insert(file.begin() + std::ptrdiff_t(at), bytes.begin(), bytes.end());
   return file;

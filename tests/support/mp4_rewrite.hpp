@@ -11,6 +11,8 @@ namespace boxlane::test {
 
 // The big-endian 32-bit number at `at`.
 uint32_t be32(const std::vector<uint8_t>& b, std::size_t at);
+// `v` written big-endian over the 4 bytes at `at`.
+void set_be32(std::vector<uint8_t>& b, std::size_t at, uint32_t v);
 
 struct TopBox {
   std::string type;

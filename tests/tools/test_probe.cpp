@@ -431,10 +431,6 @@ std::size_t box_at(const std::vector<uint8_t>& file, const char* type, std::size
   return at - 4;
 }
 
-void put32(std::vector<uint8_t>& file, std::size_t at, uint32_t v) {
-  for (std::size_t i = 0; i < 4; ++i) file.at(at + i) = uint8_t(v >> (24 - 8 * i));
-}
-
 // Every value the parser's rules keep from the report is marked at the report and at the track it belongs to,
 // in text and JSON alike, in either client mode, and probe still exits 0; what is whole is not marked.
 TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
@@ -450,13 +446,13 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
   const auto nested_large = changed([&](std::vector<uint8_t>& b) {
     const Bytes large = Bytes().u32(1).str("free").u64(16);
     b.insert(b.begin() + long(second_trak), large.begin(), large.end());
-    put32(b, moov, be32(b, moov) + 16);
+    set_be32(b, moov, be32(b, moov) + 16);
   });
   const auto large_mdat = widen_mdat(fast), fragmented = read_file(fragmented_);
   const std::string mdat_at = std::to_string(box_at(large_mdat, "mdat")), end_at = std::to_string(fast.size());
   const Bytes size_four = Bytes().u32(4).str("free").zeros(4);
   const auto with_id = [&](uint32_t id) {
-    return changed([&](std::vector<uint8_t>& b) { put32(b, box_at(b, "tkhd", box_at(b, "tkhd") + 8) + 20, id); });
+    return changed([&](std::vector<uint8_t>& b) { set_be32(b, box_at(b, "tkhd", box_at(b, "tkhd") + 8) + 20, id); });
   };
   const auto with_brands = [&](uint32_t count) {  // probe reads at most 4096
     Bytes ftyp = Bytes().str("isom").u32(512);
@@ -488,7 +484,7 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
         {unread}}},
       {"co64.mp4", with_co64(read_file(moov_last_)), {},
        {{}, {"no chunk offsets: they are 64-bit (co64), which --strict does not read"}, {"(co64), which --strict"}}},
-      {"description_2.mp4", changed([&](std::vector<uint8_t>& b) { put32(b, box_at(b, "stsc") + 24, 2); }),
+      {"description_2.mp4", changed([&](std::vector<uint8_t>& b) { set_be32(b, box_at(b, "stsc") + 24, 2); }),
        {{}, {"stsc gives samples sample description 2, but the parser hands out only the first"}},
        {{}, {"sample description 2"}}},
       {"brands_at_cap.mp4", with_brands(4096), {}, {}},
@@ -498,7 +494,7 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
       {"large_mdat.mp4", large_mdat, {}, {},
        {"progressive, 1 box with a 64-bit size", "progressive, a box with a 64-bit size (not followed with --strict)"}},
       {"empty_large_mdat.mp4", cat({fast, Bytes().u32(1).str("mdat").u64(16)}), {}, {}},
-      {"zero_mdat.mp4", changed([&](std::vector<uint8_t>& b) { put32(b, box_at(b, "mdat"), 0); }), {}, {}},
+      {"zero_mdat.mp4", changed([&](std::vector<uint8_t>& b) { set_be32(b, box_at(b, "mdat"), 0); }), {}, {}},
       {"zero_free.mp4", cat({fast, box("free", Bytes().zeros(8), 0)}),
        {{"reading stopped early: box 'free' at offset " + end_at + " has size 0"}},
        {{"box 'free' at offset " + end_at + " has size 0"}}},
@@ -506,7 +502,7 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
        {{"reading stopped early: box 'mdat' at offset " + mdat_at + " has a 64-bit size, which --strict does not follow"}}},
       {"nested_large.mp4", nested_large, {},
        {{"box 'free' at offset " + std::to_string(second_trak) + " has a 64-bit size"}, {moov_stop}, {}, 1}},
-      {"nested_huge.mp4", changed([&](std::vector<uint8_t>& b) { put32(b, second_trak, 0x10000001); }),
+      {"nested_huge.mp4", changed([&](std::vector<uint8_t>& b) { set_be32(b, second_trak, 0x10000001); }),
        {{trak_at + " than the parser takes: the parser stopped there (0x091B0006 BOXLANE_ERROR_PARSE_NOTSUPPORT"},
         {moov_stop}, {}, 1},
        {{trak_at}, {moov_stop}, {}, 1}},
