@@ -27,13 +27,15 @@ uint64_t map_bytes(const Map& map) noexcept {
 }
 
 // The deque allocates blocks of 512 bytes (at least one element) and a map
-// of pointers to them.
+// of pointers to them. A deque that only grows at the back fills the map from
+// its middle, and a full map is replaced by one of twice the size: up to four
+// pointers a block.
 template <typename Deque>
 uint64_t deque_bytes(const Deque& deque) noexcept {
   constexpr uint64_t size = sizeof(typename Deque::value_type);
   constexpr uint64_t per_block = size < 512 ? 512 / size : 1;
   const uint64_t blocks = deque.size() / per_block + 1;
-  return blocks * (per_block * size + kBlockOverhead + sizeof(void*)) + 8 * sizeof(void*);
+  return blocks * (per_block * size + kBlockOverhead) + (4 * blocks + 8) * sizeof(void*) + kBlockOverhead;
 }
 
 }  // namespace
