@@ -111,8 +111,11 @@ std::string avc_profile_name(uint8_t profile, uint8_t compatibility) {
   }
 }
 
-std::string avc_level_name(uint8_t level) {
-  if (level == 9) return "1b";
+std::string avc_level_name(uint8_t level, uint8_t profile, uint8_t compatibility) {
+  // ISO/IEC 14496-10 §A.3.1 and §A.3.2: level_idc 9 in the High profiles;
+  // 11 with constraint_set3_flag in Baseline, Main and Extended.
+  const bool low_profile = profile == 66 || profile == 77 || profile == 88;
+  if (level == 9 || (level == 11 && low_profile && (compatibility & 0x10))) return "1b";
   return std::to_string(level / 10) + "." + std::to_string(level % 10);
 }
 

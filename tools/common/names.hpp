@@ -24,8 +24,9 @@ std::string hex_code(uint64_t code);
 // ISO/IEC 14496-10 Annex A profile_idc, with the constraint flags that
 // narrow Baseline and High.
 std::string avc_profile_name(uint8_t profile, uint8_t compatibility);
-// level_idc 31 is "3.1"; level 11 with constraint_set3 in Baseline is 1b.
-std::string avc_level_name(uint8_t level);
+// level_idc 31 is "3.1"; 9, or 11 with constraint_set3 in Baseline, Main or
+// Extended, is 1b.
+std::string avc_level_name(uint8_t level, uint8_t profile, uint8_t compatibility);
 // ISO/IEC 23008-2 Annex A: general_profile_idc, or for 0 the first profile
 // the compatibility flags name.
 std::string hevc_profile_name(uint8_t profile, uint32_t compatibility);

@@ -7,6 +7,11 @@
 
 namespace boxlane::tool {
 
+// "1 frame", "2 frames".
+inline std::string count_text(uint64_t n, const char* one, const char* many) {
+  return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
 inline std::string size_text(uint64_t bytes) {
   char text[32];
   if (bytes < 10 * 1024) {

@@ -277,18 +277,18 @@ int run_fragmented(const Options& o) {
     std::string tracks;
     if (!o.video.empty()) {
       tracks += std::string("video ") + (r.video_codec == VideoCodec::kH265 ? "H.265 " : "H.264 ") + std::to_string(r.width) + "x" + std::to_string(r.height) + ", " +
-                std::to_string(r.video_frames) + " frames at " + rate_text(r.fps) + " fps";
+                count_text(r.video_frames, "frame", "frames") + " at " + rate_text(r.fps) + " fps";
       if (r.reordered) tracks += " with B-frames";
       tracks += dropped_text(r.dropped_leading);
     }
     if (!o.audio.empty()) {
       if (!tracks.empty()) tracks += "; ";
       tracks += "audio AAC " + std::to_string(r.sample_rate) + " Hz " + channels_text(r.channel_config, r.channels) + ", " +
-                std::to_string(r.audio_frames) + " frames";
+                count_text(r.audio_frames, "frame", "frames");
     }
-    std::printf("%s: %s; %.2f s, %s in %llu fragments, written in %.2f s\n", o.output.c_str(), tracks.c_str(),
+    std::printf("%s: %s; %.2f s, %s in %s, written in %.2f s\n", o.output.c_str(), tracks.c_str(),
                 static_cast<double>(r.duration) / r.timescale, size_text(r.file_size).c_str(),
-                static_cast<unsigned long long>(r.fragments), seconds);
+                count_text(r.fragments, "fragment", "fragments").c_str(), seconds);
   }
   if (!r.problem.empty()) {
     std::fflush(stdout);
@@ -362,14 +362,14 @@ int run(const Options& o) {
     if (in.video) {
       tracks += std::string("video ") + (video.codec == VideoCodec::kH265 ? "H.265 " : "H.264 ") +
                 std::to_string(video.width) + "x" + std::to_string(video.height) + ", " +
-                std::to_string(video.units.size()) + " frames at " + rate_text(in.fps) + " fps";
+                count_text(video.units.size(), "frame", "frames") + " at " + rate_text(in.fps) + " fps";
       if (video.reordered) tracks += " with B-frames";
       tracks += dropped_text(video.dropped_leading);
     }
     if (in.audio) {
       if (!tracks.empty()) tracks += "; ";
       tracks += "audio AAC " + std::to_string(audio.config.sample_rate) + " Hz " +
-                channels_text(audio.config.channel_config, audio.channels) + ", " + std::to_string(audio.frames.size()) + " frames";
+                channels_text(audio.config.channel_config, audio.channels) + ", " + count_text(audio.frames.size(), "frame", "frames");
     }
     std::printf("%s: %s; %.2f s, %s%s, written in %.2f s\n", o.output.c_str(), tracks.c_str(),
                 static_cast<double>(result.duration) / result.timescale, size_text(result.file_size).c_str(),

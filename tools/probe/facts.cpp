@@ -1,6 +1,7 @@
 // The numbers probe works out from a track's tables, and the checks of one
 // table against another that the parser leaves to its callers.
 #include "tools/probe/model.hpp"
+#include "tools/common/summary_text.hpp"
 
 #include <algorithm>
 #include <array>
@@ -13,10 +14,6 @@ namespace {
 
 uint64_t saturating_add(uint64_t a, uint64_t b) {
   return a > std::numeric_limits<uint64_t>::max() - b ? std::numeric_limits<uint64_t>::max() : a + b;
-}
-
-std::string count_text(uint64_t n, const char* one, const char* many) {
-  return std::to_string(n) + " " + (n == 1 ? one : many);
 }
 
 // ISO/IEC 14496-12 §8.7.4: an stsc entry covers the chunks from its

@@ -72,7 +72,7 @@ void write_codec(JsonWriter& json, const ProbeTrack& track) {
     json.member("profile_name", avc_profile_name(c.byProfile, c.byCompatibility));
     json.member("compatibility", uint32_t{c.byCompatibility});
     json.member("level", uint32_t{c.byLevel});
-    json.member("level_name", avc_level_name(c.byLevel));
+    json.member("level_name", avc_level_name(c.byLevel, c.byProfile, c.byCompatibility));
     json.member("nal_length_size", uint32_t{c.byNALLengthSize});
     const ProbeParameterSets sets = split_parameter_sets(c);
     write_hex_list(json, "sps", sets.sps);

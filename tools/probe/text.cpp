@@ -50,8 +50,9 @@ std::string codec_line(const ProbeTrack& track) {
   if (fourcc == "avc1") {
     const ProbeParameterSets sets = split_parameter_sets(c);
     add(line, ", H.264 %s profile, level %s, %ux%u, %u-byte NAL lengths, %zu SPS, %zu PPS",
-        avc_profile_name(c.byProfile, c.byCompatibility).c_str(), avc_level_name(c.byLevel).c_str(), c.wWidth,
-        c.wHeight, c.byNALLengthSize, sets.sps.size(), sets.pps.size());
+        avc_profile_name(c.byProfile, c.byCompatibility).c_str(),
+        avc_level_name(c.byLevel, c.byProfile, c.byCompatibility).c_str(), c.wWidth, c.wHeight, c.byNALLengthSize,
+        sets.sps.size(), sets.pps.size());
   } else if (track.hevc && track.hevc->byConfigurationVersion) {
     const BOXLANE_HEVCINFO& h = *track.hevc;
     const ProbeHevcUnits units = split_hevc_units(h);

@@ -129,8 +129,7 @@ std::string track_text(const SourceTrack& t) {
                   t.config->wChannelCount == 1 ? "mono" : t.config->wChannelCount == 2 ? "stereo" : "multichannel");
   }
   text += facts;
-  std::snprintf(facts, sizeof facts, ", %zu frames", t.samples.size());
-  return text += facts;
+  return text += ", " + count_text(t.samples.size(), "frame", "frames");
 }
 
 int run(const Options& o) {
@@ -205,7 +204,7 @@ int run(const Options& o) {
   if (!o.quiet) {
     std::string tracks;
     for (const SourceTrack* t : chosen) tracks += (tracks.empty() ? "" : "; ") + track_text(*t);
-    std::string form = o.fragment > 0 ? " in " + std::to_string(result.fragments) + " fragments"
+    std::string form = o.fragment > 0 ? " in " + count_text(result.fragments, "fragment", "fragments")
                                       : o.faststart ? " (faststart)" : "";
     std::printf("%s: %s; %.2f s, %s%s, written in %.2f s\n", o.output.c_str(), tracks.c_str(),
                 static_cast<double>(result.duration) / timeline.timescale, size_text(result.file_size).c_str(),
