@@ -14,8 +14,8 @@ void nal(std::vector<uint8_t>& out, const std::vector<uint8_t>& unit) {
 // Baseline (66) with constraint_set0 and 1, level 1.0, id 0, a 4-bit frame_num, pic_order_cnt_type 2, one
 // reference frame, no gaps, one macroblock wide and high, frame_mbs_only and direct_8x8_inference, no
 // cropping, no VUI.
-std::vector<uint8_t> sps() {
-  return Bits().u(8, 66).u(8, 0xC0).u(8, 10).ue(0).ue(0).ue(2).ue(1).u(1, 0).ue(0).ue(0).u(2, 3).u(2, 0).nal(3, 7);
+std::vector<uint8_t> sps(uint32_t id = 0) {
+  return Bits().u(8, 66).u(8, 0xC0).u(8, 10).ue(id).ue(0).ue(2).ue(1).u(1, 0).ue(0).ue(0).u(2, 3).u(2, 0).nal(3, 7);
 }
 
 // SPS 0, CAVLC, no bottom-field POC, one slice group, one reference in each list, no weighted prediction, QP
@@ -49,6 +49,12 @@ const std::vector<uint8_t> kCaptionSei = {0x06, 0x04, 0x0E, 0xB5, 0x00, 0x31, 'G
 const std::vector<uint8_t> kRecoveryPointSei = {0x06, 0x06, 0x01, 0xC4, 0x80};
 
 }  // namespace
+
+std::vector<uint8_t> handmade_sps(uint32_t id) {
+  std::vector<uint8_t> out;
+  nal(out, sps(id));
+  return out;
+}
 
 std::vector<uint8_t> handmade_h264(const std::vector<HandmadePicture>& pictures, bool with_parameter_sets) {
   std::vector<uint8_t> out;

@@ -164,6 +164,11 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
     return bytes;
   };
   using P = HandmadePicture;
+  const auto with_sps_ids = [](uint32_t last) {  // SPS 1 to `last` before the stream's own SPS 0
+    std::vector<uint8_t> sets;
+    for (uint32_t id = 1; id <= last; ++id) sets = cat({sets, handmade_sps(id)});
+    return cat({sets, handmade_h264({{}})});
+  };
   const std::string v = "--video " + shell_quote(src.video), a = "--audio ";
   const struct {
     std::string args, says;
@@ -189,6 +194,9 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
        "sequence parameter set changes at byte " + std::to_string(video.size() + 4)},
       {"--video " + input("no_idr.h264", handmade_h264({{P::kSkipped}, {P::kSkipped}, {P::kIntra}})),
        "no IDR picture or recovery point found, so none of its 3 pictures"},
+      // An avcC counts its SPSs in 5 bits (ISO/IEC 14496-15 §5.3.3.1).
+      {"--video " + input("sps_31.h264", with_sps_ids(30)), "16x16, 1 frame at 25 fps; 0.04 s", true},
+      {"--video " + input("sps_32.h264", with_sps_ids(31)), "more than 31 SPSs"},
       {"--video " + input("changing.h265", cat({hevc, other_hevc})),
        "video parameter set 0 changes at byte " + std::to_string(hevc.size() + 4)},
       {"--video " + input("layered.h265", layered), "layered H.265"},

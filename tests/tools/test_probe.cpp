@@ -2,9 +2,11 @@
 // against itself for every way of cutting the input, its marks of what the parser leaves out, its errors.
 #include "support/box_builder.hpp"
 #include "support/ffmpeg.hpp"
+#include "support/handmade_h264.hpp"
 #include "support/mp4_rewrite.hpp"
 #include "support/paths.hpp"
 #include "support/probe_json.hpp"
+#include "tools/common/names.hpp"
 #include "tools/probe/model.hpp"
 
 #include <gtest/gtest.h>
@@ -204,7 +206,7 @@ TEST_F(ProbeTool, AgreesWithFfprobeOnFilesFromFfmpegAndFromOurWriter) {
     for (const auto& line : says) EXPECT_NE(text.find(line), std::string::npos) << line << " in " << text;
   }
   // Our H.265 file's hvcC (ISO/IEC 14496-15 §8.3.3.1), made to say 8-bit chroma and given an array of 65
-  // NAL units more than the parser keeps, field by field as probe's JSON gives it.
+  // NAL units more than the parser keeps, in an hev1 entry, field by field as probe's JSON gives it.
   auto hevc = read_file(out + "2.mp4");
   const std::size_t hvcc = std::string(hevc.begin(), hevc.end()).find("hvcC");
   Bytes array = Bytes().u8(39).u16(65);
@@ -212,6 +214,7 @@ TEST_F(ProbeTool, AgreesWithFfprobeOnFilesFromFfmpegAndFromOurWriter) {
   hevc[hvcc + 22] = 0xF8, ++hevc[hvcc + 26];
   const std::size_t hvcc_end = hvcc - 4 + be32(hevc, hvcc - 4);
   hevc = inserted(hevc, {"moov", "trak", "mdia", "minf", "stbl", "stsd", "hvc1", "hvcC"}, hvcc_end, array);
+  std::copy_n("hev1", 4, hevc.begin() + long(std::string(hevc.begin(), hevc.end()).rfind("hvc1", hvcc)));
   write_file(out + "4.mp4", hevc);
   const uint8_t* h = &hevc.at(hvcc + 4);
   std::string flags, got;
@@ -257,6 +260,20 @@ TEST_F(ProbeTool, SameJsonForEveryPieceSizeAndFromStandardInput) {
       EXPECT_EQ(again, whole) << command;
     }
   }
+}
+
+// probe asks for a track's samples 65536 at a time: a track of 70000 comes whole, one tick after another.
+TEST_F(ProbeTool, SamplesPastOneQueryWindow) {
+  const std::string dir = temp_dir() + "/";
+  std::vector<HandmadePicture> pictures(70000, {HandmadePicture::kSkipped});
+  pictures[0].kind = HandmadePicture::kIdr;
+  write_file(dir + "long.h264", handmade_h264(pictures));
+  ASSERT_EQ(run(shell_quote(tool_path()) + " mux -q --fps 25 --timescale 25 --video " + shell_quote(dir + "long.h264") +
+                " -o " + shell_quote(dir + "long.mp4")),
+            0);
+  const Json j = probe_json("--samples " + shell_quote(dir + "long.mp4"));
+  ASSERT_EQ(j.count("tracks.0.samples.decode_time"), 70000u);
+  for (const int i : {65535, 65536, 69999}) EXPECT_EQ(j["tracks.0.samples.decode_time." + std::to_string(i)], std::to_string(i));
 }
 
 TEST_F(ProbeTool, ErrorsNameWhatWentWrongAndWhere) {
@@ -307,6 +324,11 @@ TEST_F(ProbeTool, ErrorsNameWhatWentWrongAndWhere) {
                                 "--pools 0 x.mp4", "--piece 67108865 x.mp4", "--random-pieces 0 x.mp4"}) {
     EXPECT_EQ(probe(bad + " 2>&1", &out), 2) << bad;
     EXPECT_NE(out.find("usage: boxlane probe"), std::string::npos) << bad;
+  }
+  // The program's own usage: asked for, or for no command or an unknown one.
+  for (const auto& [command, status] : {std::pair{"", 2}, {"help", 0}, {"--help", 0}, {"mix", 2}}) {
+    EXPECT_EQ(run(shell_quote(tool_path()) + " " + command + " 2>&1", &out), status) << command;
+    EXPECT_NE(out.find("usage: boxlane <command>"), std::string::npos) << command;
   }
 }
 
@@ -459,6 +481,8 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
     for (uint32_t i = 0; i < count; ++i) ftyp.str(i % 2 ? "avc1" : "mp41");
     return cat({box("ftyp", ftyp), {fast.begin() + be32(fast, 0), fast.end()}});
   };
+  auto first_trun_in_moof = fragmented;  // the first trun's data_offset 0: its data would lie in its moof
+  set_be32(first_trun_in_moof, box_at(fragmented, "trun") + 16, 0);
   const std::string brands = "(ftyp) lists 4097 compatible brands, more than probe reads (4096)";
   const std::string unread = "which --strict does not read: their samples are not counted";
   const std::string moov_stop = "the parser stopped inside the movie box (at offset " + std::to_string(second_trak) + ")";
@@ -487,6 +511,9 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
       {"description_2.mp4", changed([&](std::vector<uint8_t>& b) { set_be32(b, box_at(b, "stsc") + 24, 2); }),
        {{}, {"stsc gives samples sample description 2, but the parser hands out only the first"}},
        {{}, {"sample description 2"}}},
+      // Only the first fragment's trun of track 1 is wrong: the mark stays through the later ones.
+      {"first_trun_in_moof.mp4", first_trun_in_moof, {{}, {"in its fragments: a trun's data lies inside its moof"}},
+       {{"movie fragments (moof) are not read with --strict"}, {unread}, {unread}}},
       {"brands_at_cap.mp4", with_brands(4096), {}, {}},
       {"brands_past_cap.mp4", with_brands(4097), {{brands}}, {{brands}}},
       // An mdat that ends the file loses nothing however its size is given; another box of size 0 may hold
@@ -591,6 +618,24 @@ TEST(ProbeAudioConfig, EscapedObjectTypeAndExplicitRate) {
     EXPECT_EQ(std::tuple(got.valid, got.object_type, got.sample_rate, got.channel_config),
               std::tuple(c.want.valid, c.want.object_type, c.want.sample_rate, c.want.channel_config));
   }
+}
+
+// The words probe prints for codec numbers. ISO/IEC 14496-10 Annex A: constraint_set1 narrows Baseline, set4
+// makes High progressive and set4 with set5 constrained; level 1b is level_idc 9, or 11 with set3 below High.
+// ISO/IEC 14496-3 §1.5.1.1.
+TEST(ProbeNames, AsTheStandardsNameThem) {
+  using namespace tool;
+  EXPECT_EQ(avc_profile_name(66, 0x40) + ", " + avc_profile_name(66, 0x10), "Constrained Baseline, Baseline");
+  EXPECT_EQ(avc_profile_name(100, 0x0C) + ", " + avc_profile_name(100, 0x08), "Constrained High, Progressive High");
+  EXPECT_EQ(avc_level_name(9, 100, 0) + " " + avc_level_name(11, 66, 0x10) + " " + avc_level_name(11, 100, 0x10) + " " +
+                avc_level_name(11, 77, 0) + " " + avc_level_name(10, 66, 0) + " " + avc_level_name(31, 66, 0),
+            "1b 1b 1.1 1.1 1.0 3.1");
+  EXPECT_EQ(chroma_format_name(0) + " " + chroma_format_name(1) + " " + chroma_format_name(2) + " " +
+                chroma_format_name(3),
+            "4:0:0 4:2:0 4:2:2 4:4:4");
+  EXPECT_EQ(aac_object_name(5) + ", " + aac_object_name(29), "HE-AAC (SBR), HE-AAC v2 (PS)");
+  const uint8_t bytes[] = {0x0F, 0xF0, 0xAB};
+  EXPECT_EQ(hex_bytes(bytes, sizeof bytes), "0ff0ab");
 }
 
 }  // namespace
