@@ -165,5 +165,14 @@ TEST_F(Intake, CutsChangeNothing) {
   }
 }
 
+// Build on a caller's own record: a piece that ends inside an mdat's payload is taken, the boxes before it queued.
+TEST(IntakeBuild, TakesAPieceThatEndsInsideAnMdat) {
+  QORVANE_MP4PARSE record;
+  const Bytes piece = cat({movie_ftyp(), Bytes{}.u32(1000).str("mdat").zeros(10)});
+  ASSERT_TRUE(m_MP4Parse.Boxlane_Parse_Build(&record, piece.data(), int(piece.size())));
+  ASSERT_FALSE(record.stl_ListMsg->empty());
+  EXPECT_EQ(record.stl_ListMsg->front().st_MP4Hdr.enHType, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_FTYP);
+}
+
 }  // namespace
 }  // namespace boxlane::test
