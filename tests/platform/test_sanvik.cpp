@@ -45,6 +45,7 @@ TEST(Sanvik, ParameterSetsOfAnX264Stream) {
     const Found part(cut);
     EXPECT_EQ(kSps.rfind(part.sps_hex(), 0), 0u) << n;
     EXPECT_EQ(part.pps_len, n < 33 ? 0 : int(n) - 33) << n;
+    EXPECT_EQ(part.ok, n > 33) << n;  // an SPS and a PPS, or nothing
     EXPECT_EQ(Sanvik_Parse_SPSInfo(cut.data(), int(cut.size()), info.data()), n >= 8) << n;
   }
   EXPECT_FALSE(Found(stream, 173).ok) << "not H.264";

@@ -276,7 +276,8 @@ Bytes tkhd(uint8_t version, uint32_t id) {
 // version 1; track 3: no edts. Then lists cut short, and boxes past their parents.
 TEST(RemuxEditLists, ReadFromTheMoovOfEachTrackAsFarAsTheyAreWhole) {
   const auto elst = [](uint8_t v, const char* hex) { return box("edts", full_box("elst", v, 0, unhex(hex))); };
-  const Bytes file = cat({box("ftyp", unhex("69736F6D 00000200")), box("mdat", unhex("00112233")),
+  // The mdat with a 64-bit size (ISO/IEC 14496-12 §4.2): its header is 16 bytes.
+  const Bytes file = cat({box("ftyp", unhex("69736F6D 00000200")), Bytes().u32(1).str("mdat").u64(20).u32(0x00112233),
                           box("moov", cat({box("trak", cat({tkhd(0, 1), elst(0, "00000002 00000050 FFFFFFFF 00010000 "
                                                                                  "00000FA0 00000400 00010000")})),
                                            box("trak", tkhd(0, 3)),
