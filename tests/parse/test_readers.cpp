@@ -174,7 +174,8 @@ TEST_F(Readers, MediaHandlerAndDataReferences) {
   EXPECT_EQ(std::tuple(m.nTimeScale, m.nDuration, m.wLanguage), std::tuple(3u, uint64_t{4}, uint16_t{0x15C7}));
   EXPECT_TRUE(feed(&P::Boxlane_Parse_VMhd, Bytes{}.full(0, 1).u16(0x40).u16(1).u16(2).u16(3)));
   EXPECT_TRUE(feed(&P::Boxlane_Parse_SMhd, Bytes{}.full(0, 0).u16(0xFF80).u16(0)));
-  const QORVANE_HDRVMSMHD& v = track(1).stVMSMhd;
+  QORVANE_HDRVMSMHD v{};  // as the header query hands it out
+  ASSERT_TRUE(Boxlane_Parse_GetTrackInfo(client(), 1, nullptr, nullptr, nullptr, &v));
   EXPECT_EQ((Ints{v.wGraphicsMode, v.wOpColor[0], v.wOpColor[2], v.wBalance}), (Ints{0x40, 1, 3, 0xFF80}));
   const QORVANE_HDRHDLR& h = track(1).stHDlr;
   auto hdlr = [](std::string_view type, const std::vector<uint8_t>& name) {
