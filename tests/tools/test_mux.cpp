@@ -203,6 +203,8 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
       {"--video " + input("cut.h265", {hevc.begin(), hevc.begin() + 40}), "cut short"},
       {"--video " + shell_quote(other) + " --video-codec hevc", "is this an H.265 stream"},
       {v + " --video-codec h265 --fragment 1", "told that the stream is H.265, but its parameter sets are H.264's"},
+      {v + " --video-codec avc", "H.264 160x120, 10 frames", true},
+      {v + " --video-codec auto", "H.264 160x120, 10 frames", true},
       {v + " --video-codec vp9", "--video-codec takes h264, h265"},
       {v + " --audio " + input("lost.aac", adts_with(second, 0xFF, 0x12)),  // the second frame's sync word
        "ADTS sync lost at byte " + std::to_string(second)},
