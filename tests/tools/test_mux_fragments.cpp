@@ -71,7 +71,9 @@ TEST(MuxFragments, ReadersSeeTheSourcesFramesFromZero) {
     const MuxResult m = mux(inputs(src, r.video, r.audio) + " --fragment " + r.seconds + " -o " + shell_quote(out));
     ASSERT_EQ(m.status, 0) << m.output;
     EXPECT_NE(m.output.find(r.says), std::string::npos) << m.output;
-    EXPECT_NE(m.output.find(" in " + std::to_string(sequence_numbers(out).size()) + " fragments"), std::string::npos);
+    const std::size_t fragments = sequence_numbers(out).size();
+    EXPECT_NE(m.output.find(" in " + std::to_string(fragments) + (fragments == 1 ? " fragment," : " fragments,")),
+              std::string::npos);
     expect_sources_shown(out, src, r.video, r.audio, src.fps, 2e-4);
     expect_fragment_layout(out, r.video ? std::stod(r.seconds) : 0);
     const auto packets = probe_packets(out, 'v');
