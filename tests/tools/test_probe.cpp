@@ -273,7 +273,8 @@ TEST_F(ProbeTool, SamplesPastOneQueryWindow) {
             0);
   const Json j = probe_json("--samples " + shell_quote(dir + "long.mp4"));
   ASSERT_EQ(j.count("tracks.0.samples.decode_time"), 70000u);
-  for (const int i : {65535, 65536, 69999}) EXPECT_EQ(j["tracks.0.samples.decode_time." + std::to_string(i)], std::to_string(i));
+  for (const int i : {65535, 65536, 69999})
+    EXPECT_EQ(j["tracks.0.samples.decode_time." + std::to_string(i)], std::to_string(i));
 }
 
 TEST_F(ProbeTool, ErrorsNameWhatWentWrongAndWhere) {

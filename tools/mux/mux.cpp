@@ -369,7 +369,8 @@ int run(const Options& o) {
     if (in.audio) {
       if (!tracks.empty()) tracks += "; ";
       tracks += "audio AAC " + std::to_string(audio.config.sample_rate) + " Hz " +
-                channels_text(audio.config.channel_config, audio.channels) + ", " + count_text(audio.frames.size(), "frame", "frames");
+                channels_text(audio.config.channel_config, audio.channels) + ", " +
+                count_text(audio.frames.size(), "frame", "frames");
     }
     std::printf("%s: %s; %.2f s, %s%s, written in %.2f s\n", o.output.c_str(), tracks.c_str(),
                 static_cast<double>(result.duration) / result.timescale, size_text(result.file_size).c_str(),
