@@ -347,10 +347,14 @@ TEST(Mux, StreamsFromOtherEncoders) {
   id3.resize(210);
   id3 = cat({id3, unhex("33 44 49 04 00 10 00 00 01 48"), read_file(dir + "96k.aac")});
 
-  // H.265 with open GOPs, two slices a picture, the parameter sets at every random access point,
-  // cut before a CRA picture: decoding starts there and leaves out its RASL pictures.
+  // H.265 with open GOPs, two slices a picture, the parameter sets at every random access point, a picture
+  // hash SEI after each (a suffix SEI); cut before a CRA picture, or with an end of sequence before the
+  // second one: decoding starts there and leaves out its RASL pictures.
   encode_h265(dir + "open.h265", "160x96", "25", 2, "yuv420p",
-              "bframes=3:keyint=20:min-keyint=20:open-gop=1:repeat-headers=1:slices=2");
+              "bframes=3:keyint=20:min-keyint=20:open-gop=1:repeat-headers=1:slices=2:hash=1");
+  const std::vector<uint8_t> vps = unhex("00000001 4001");
+  auto eos = read_file(dir + "open.h265");
+  eos.insert(std::search(eos.begin() + 1, eos.end(), vps.begin(), vps.end()), {0, 0, 0, 1, 0x48, 0x01});
 
   using P = HandmadePicture;
   // The last picture an IDR picture: a sync sample on the last sample, a piece of one picture.
@@ -394,6 +398,7 @@ TEST(Mux, StreamsFromOtherEncoders) {
       // FFmpeg shows the RASL pictures (concealed, before the CRA picture in
       // display order); from there on its pictures are ours.
       {file("cut.h265", cut_at(dir + "open.h265", 14)), "", "", "that cannot be decoded", {1, 18}, 0, "", kLast},
+      {file("eos.h265", eos), "", "", "that cannot be decoded", {1, 18, 35}, 0},
       // 96 kHz AAC: the 16-bit samplerate field 0 (the rate is in the AudioSpecificConfig); after ID3.
       {"", dir + "96k.aac", "", "96000 Hz mono", {}, 0, "audio,96000,1,.*\nmp4a 1 16 0\n"},
       {"", file("id3.aac", id3), "", "96000 Hz mono", {}, 0, "audio,96000,1,.*\nmp4a 1 16 0\n"},
@@ -442,6 +447,7 @@ TEST(Mux, StreamsFromOtherEncoders) {
                       " -c copy -bsf:v trace_headers -f null - 2>&1", &trace), 0);
         for (const char* set : {"Video Parameter Set", "Sequence Parameter Set", "Picture Parameter Set"})
           EXPECT_EQ(count(trace, set), 1) << set;
+        EXPECT_EQ(count(trace, "Suffix Supplemental"), int(probe_packets(out, 'v').size()));
       }
     }
   }

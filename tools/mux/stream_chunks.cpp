@@ -19,6 +19,7 @@ struct NalFacts {
   bool first_slice = false;    // ... that begins its picture
   bool random_access = false;  // ... of a picture a piece may start at
   bool opens_unit = false;     // opens an access unit after a picture's last slice
+  bool ends_sequence = false;  // H.265: an end of sequence or of bitstream
 };
 
 // H.264 §7.4.1.2.3: `b` holds the NAL header and, for a slice, the byte with
@@ -44,6 +45,7 @@ NalFacts h265_facts(const uint8_t* b) {
   f.random_access = f.first_slice && hevc::is_irap(type);
   f.opens_unit = (type >= hevc::kVps && type <= hevc::kAud) || type == hevc::kPrefixSei || (type >= 41 && type <= 44) ||
                  (type >= 48 && type <= 55);
+  f.ends_sequence = type == hevc::kEos || type == hevc::kEob;
   return f;
 }
 
@@ -195,6 +197,7 @@ bool VideoChunker::scan_to_boundary(std::size_t& boundary) {
     } else if (nal.opens_unit && candidate_ == kNone) {
       candidate_ = start;
     }
+    ends_sequence_ = ends_sequence_ || nal.ends_sequence;
     nal_ = one + 1;
     last_nal_sc_ = start;
     i = one + 1;
@@ -233,7 +236,7 @@ void VideoChunker::complete_nal(std::size_t end) {
 
 void VideoChunker::scan(VideoChunk& out) const {
   if (h265()) {
-    scan_hevc(out.bytes.data(), out.bytes.size(), in_.name(), out.stream, {}, emitted_ > 0);
+    scan_hevc(out.bytes.data(), out.bytes.size(), in_.name(), out.stream, {}, emitted_ > 0 && !after_eos_);
   } else {
     scan_video(out.bytes.data(), out.bytes.size(), in_.name(), out.stream, {}, options_);
   }
@@ -262,6 +265,8 @@ bool VideoChunker::emit(std::size_t end, bool last, VideoChunk& out) {
       self.pictures_ = 0;
       self.random_access_ = false;
       self.last_nal_sc_ = 0;
+      self.after_eos_ = self.ends_sequence_;
+      self.ends_sequence_ = false;
     }
   } consume{*this, end};
 

@@ -42,9 +42,9 @@ class VideoChunker {
   // Pictures left out because no decoder can show them: those before the
   // first parameter sets, and those the scan drops before the first random
   // access point (H.264 unless options.keep_leading; H.265 also the RASL
-  // pictures of a BLA picture or of the CRA picture decoding starts at). A
-  // stream cut in the middle of a group of pictures starts with a piece of
-  // such pictures alone, which is left out whole.
+  // pictures of a BLA picture, of the CRA picture decoding starts at, or of
+  // one after an end of sequence). A stream cut in the middle of a group of
+  // pictures starts with a piece of such pictures alone, left out whole.
   uint32_t dropped_leading() const noexcept { return dropped_; }
   // Where the input stopped in the middle of a NAL unit that could not be
   // read, when it did; the pictures before it are kept.
@@ -82,6 +82,8 @@ class VideoChunker {
   uint32_t vcl_ = 0;               // slices in the piece so far
   uint32_t pictures_ = 0;          // of them, the first slices of a picture
   bool random_access_ = false;     // H.265: the piece holds an IRAP picture
+  bool ends_sequence_ = false;     // H.265: the piece holds an end of sequence or bitstream
+  bool after_eos_ = false;         // ... the piece before did: decoding starts anew (§8.1.3)
   VideoCodec codec_ = VideoCodec::kH264;
   uint64_t emitted_ = 0;           // pieces with pictures handed out
   bool done_ = false;
