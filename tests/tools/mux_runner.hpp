@@ -43,13 +43,10 @@ inline Streams encode(const std::string& prefix, const std::string& size, const 
   const Streams s{prefix + ".h264", prefix + ".aac", rate_of(rate)};
   const std::string length = ":duration=" + std::to_string(seconds);
   std::string log;
-  EXPECT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=" + size + ":rate=" + rate + length +
-                       " -map 0:v -c:v libx264 -preset veryfast -pix_fmt yuv420p -x264-params " + x264 + " -f h264 " +
-                       shell_quote(s.video) + " -f lavfi -i sine=frequency=440:sample_rate=" +
-                       std::to_string(sample_rate) + length + " -map 1:a -c:a aac -ac " + std::to_string(channels) +
-                       " -f adts " + shell_quote(s.audio),
-                   &log),
-            0)
+  EXPECT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=" + size + ":rate=" + rate + length + " -map 0:v -c:v libx264 " +
+                   "-preset veryfast -pix_fmt yuv420p -x264-params " + x264 + " -f h264 " + shell_quote(s.video) +
+                   " -f lavfi -i sine=frequency=440:sample_rate=" + std::to_string(sample_rate) + length +
+                   " -map 1:a -c:a aac -ac " + std::to_string(channels) + " -f adts " + shell_quote(s.audio), &log), 0)
       << log;
   return s;
 }
@@ -59,10 +56,8 @@ inline std::string encode_h265(const std::string& path, const std::string& size,
                                double seconds, const std::string& pix_fmt, const std::string& x265) {
   std::string log;
   EXPECT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=" + size + ":rate=" + rate + ":duration=" +
-                       std::to_string(seconds) + " -pix_fmt " + pix_fmt + " -c:v libx265 -preset ultrafast "
-                       "-x265-params log-level=error:" + x265 + " -f hevc " + shell_quote(path),
-                   &log),
-            0)
+                   std::to_string(seconds) + " -pix_fmt " + pix_fmt + " -c:v libx265 -preset ultrafast -x265-params " +
+                   "log-level=error:" + x265 + " -f hevc " + shell_quote(path), &log), 0)
       << log;
   return path;
 }

@@ -10,6 +10,7 @@
 
 #include "support/box_builder.hpp"
 #include "support/handmade_h264.hpp"
+#include "support/hevc_units.hpp"
 #include "mux_runner.hpp"
 
 namespace boxlane::test {
@@ -144,7 +145,7 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
     return shell_quote(dir + name);
   };
   const auto hevc = read_file(encode_h265(dir + "a.h265", "176x144", "25", 0.4, "yuv420p", "keyint=25"));
-  const auto other_hevc = read_file(encode_h265(dir + "b.h265", "160x96", "25", 0.4, "yuv420p", "keyint=25"));
+  const auto other_hevc = read_file(encode_h265(dir + "b.h265", "160x96", "25", 0.4, "yuv420p", "keyint=25:slices=2"));
   auto layered = hevc;  // a NAL unit of layer 1 after the base layer's pictures
   layered.insert(layered.end(), {0, 0, 0, 1, 0x02, 0x09, 0xAF, 0x00});
   const std::string other = encode(dir + "other", "176x144", "25", 0.2, "bframes=0").video;
@@ -164,15 +165,24 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
     return bytes;
   };
   using P = HandmadePicture;
-  const auto with_sps_ids = [](uint32_t last) {  // SPS 1 to `last` before the stream's own SPS 0
-    std::vector<uint8_t> sets;
-    for (uint32_t id = 1; id <= last; ++id) sets = cat({sets, handmade_sps(id)});
-    return cat({sets, handmade_h264({{}})});
+  const auto with_ids = [](std::vector<uint8_t> stream, uint32_t last, auto set) {  // `set` 1 to `last` after it
+    for (uint32_t id = 1; id <= last; ++id) stream = cat({stream, set(id)});
+    return stream;
   };
+  const auto hevc_pps = [](uint32_t id) { return cat({unhex("00000001"), hand_pps(id)}); };
+  const auto one = handmade_h264({{}}), two = handmade_h264({{}, {P::kSkipped}});
+  auto headless = other_hevc;  // without its first slice segment (NAL type below 32), its IDR picture's first
+  std::vector<long> sc;        // the start codes of that segment and of the unit after it
+  for (long i = 0; i + 3 < long(headless.size()) && sc.size() < 2; ++i)
+    if (!headless[i] && !headless[i + 1] && headless[i + 2] == 1 && (sc.size() || headless[i + 3] < 64))
+      sc.push_back(i);
+  headless.erase(headless.begin() + sc[0], headless.begin() + sc[1]);
+  ASSERT_EQ(ffmpeg("-v error -f lavfi -i sine=d=0.1 -af aformat=cl=3.0 -f adts " + shell_quote(dir + "30.aac") +
+                   " -af aformat=cl=5.1 -f adts " + shell_quote(dir + "51.aac")), 0);
   const std::string v = "--video " + shell_quote(src.video), a = "--audio ";
   const struct {
     std::string args, says;
-    bool ok = false;
+    bool ok = false, kept = false;  // kept: refused once writing began, and what was written stays
   } runs[] = {
       {v + " --fps 1000", "10 frames at 1000 fps", true},
       {v + " --fps 1000000/40000", "10 frames at 25 fps", true},
@@ -195,10 +205,40 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
       {"--video " + input("no_idr.h264", handmade_h264({{P::kSkipped}, {P::kSkipped}, {P::kIntra}})),
        "no IDR picture or recovery point found, so none of its 3 pictures"},
       // An avcC counts its SPSs in 5 bits (ISO/IEC 14496-15 §5.3.3.1).
-      {"--video " + input("sps_31.h264", with_sps_ids(30)), "16x16, 1 frame at 25 fps; 0.04 s", true},
-      {"--video " + input("sps_32.h264", with_sps_ids(31)), "more than 31 SPSs"},
+      {"--video " + input("sps_31.h264", with_ids(one, 30, handmade_sps)), "16x16, 1 frame at 25 fps; 0.04 s", true},
+      {"--video " + input("sps_32.h264", with_ids(one, 31, handmade_sps)), "more than 31 SPSs"},
+      {"--video " + shell_quote(dir + "sps_31.h264") + " --fragment 1", "no frame rate in the stream; assuming 25",
+       true},
+      {"--video " + input("resized.h264", cat({video, handmade_sps(1)})),
+       "parameter set at byte " + std::to_string(video.size() + 4) + " gives another picture size .16x16 after 160"},
+      {"--video " + input("pps_first.h264", cat({one, unhex("00000001 68 A38F20")})),  // PPS 0 of SPS 1
+       "SPS. with id 1 was sent before the picture parameter set at byte " + std::to_string(one.size() + 4)},
+      {"--video " + input("same_poc.h264", cat({two, {two.begin() + long(one.size()), two.end()}})),  // P twice
+       "two pictures have the same picture order count .the second at byte " + std::to_string(two.size() + 4)},
+      {"--video " + input("lead.h264", cat({unhex("4740"), video})), "2 bytes before the first start code"},
+      // Data partitions B and C go with the slice before them: 11 MiB of one.
+      {"--video " + input("partition.h264", cat({one, unhex("0000000163"), std::vector<uint8_t>(11 << 20, 0xFF)})),
+       "1 frame at 25 fps; 0.04 s, 11.0 MiB", true},
+      {"--video " + input("sets.h264", handmade_h264({})), "sets.h264: no coded pictures found"},
+      {"--video " + shell_quote(dir + "sets.h264") + " --fragment 1", "sets.h264: no coded pictures found"},
       {"--video " + input("changing.h265", cat({hevc, other_hevc})),
        "video parameter set 0 changes at byte " + std::to_string(hevc.size() + 4)},
+      {"--video " + shell_quote(dir + "changing.h265") + " --fragment 1",
+       "video parameter set 0 changes at byte " + std::to_string(hevc.size() + 4)},
+      {"--video " + input("new_pps.h265", cat({with_ids(hevc, 1, hevc_pps), hevc})) + " --fragment 1",
+       "a new picture parameter set .id 1. at byte " + std::to_string(hevc.size() + 4) + " after the first fragment",
+       false, true},
+      // hvcC holds at most 64 sets: the stream's VPS, SPS and PPS and 61 more.
+      {"--video " + input("sets_64.h265", with_ids(hevc, 61, hevc_pps)), "H.265 176x144, 10 frames", true},
+      {"--video " + input("sets_65.h265", with_ids(hevc, 62, hevc_pps)), "more parameter sets than one sample"},
+      {"--video " + input("damaged.h265", cat({hevc, unhex("00000001 8001 AF")})),
+       "damaged NAL unit header .forbidden_zero_bit set, or cut short. at byte " + std::to_string(hevc.size() + 4)},
+      {"--video " + input("pps_5.h265", cat({hevc, unhex("00000001 0201 9A")})),  // a TRAIL_R slice of PPS 5
+       "cannot read the slice segment header at byte " + std::to_string(hevc.size() + 4)},
+      {"--video " + input("headless.h265", headless), "continues a picture whose first segment is missing"},
+      // In fragments, the pictures before the first IRAP picture are left out.
+      {"--video " + input("late_irap.h265", cat({headless, other_hevc})) + " --fragment 1",
+       "160x96, 10 frames at 25 fps with B-frames .9 leading pictures that cannot be decoded dropped", true},
       {"--video " + input("layered.h265", layered), "layered H.265"},
       {"--video " + input("cut.h265", {hevc.begin(), hevc.begin() + 40}), "cut short"},
       {"--video " + shell_quote(other) + " --video-codec hevc", "is this an H.265 stream"},
@@ -219,6 +259,8 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
       {a + input("layout_change.aac", adts_with(second + 3, 0xC0, 0x40)), "changes the sample rate, channels"},
       {a + input("profile_change.aac", adts_with(second + 2, 0xC0, 0)), "changes the sample rate, channels or prof"},
       {a + input("blocks.aac", adts_with(6, 0, 1)), "at byte 0 holds several raw data blocks"},  // 2 in frame 1
+      {a + shell_quote(dir + "30.aac"), "44100 Hz 3 channels, ", true},
+      {a + shell_quote(dir + "51.aac"), "44100 Hz 5.1, ", true},
       {v + " --fps 0", "--fps takes a rate such as 25, 29.97 or 30000/1001, not '0'"},
       {v + " --fps 1001/0", "--fps takes"},
       {v + " --fps 1001/1", "--fps takes"},  // 1000 frames a second at most
@@ -247,13 +289,16 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
     const MuxResult r = mux("-o " + shell_quote(out) + " " + f.args);  // a row's own -o comes later and wins
     EXPECT_EQ(r.status == 0, f.ok);
     EXPECT_TRUE(std::regex_search(r.output, std::regex(f.says))) << r.output;
-    EXPECT_EQ(fs::exists(out), f.ok);
+    EXPECT_EQ(fs::exists(out), f.ok || f.kept);
     // The mode a new file gets, not the temporary file's own.
     if (f.ok) {
       EXPECT_EQ(fs::status(out).permissions(), fs::perms(0666 & ~umask_now));
     }
     fs::remove(out);
   }
+  std::string usage;  // on standard output
+  EXPECT_EQ(run(shell_quote(tool_path()) + " mux --help 2>/dev/null", &usage), 0);
+  EXPECT_EQ(usage.rfind("usage: boxlane mux ", 0), 0u) << usage;
   // A failing run leaves an existing target as it was, and no temporary file.
   write_file(out, {'o', 'l', 'd'});
   EXPECT_NE(mux("--audio " + shell_quote(dir + "lost.aac") + " -o " + shell_quote(out)).status, 0);
@@ -332,11 +377,10 @@ TEST(Mux, StreamsFromOtherEncoders) {
     return dir + name;
   };
   std::string log;
-  for (const char* shape : {"intra-refresh=1:keyint=25:slices=2 -bf 0", "open-gop=1:keyint=20 -bf 3"}) {
+  for (const char* shape : {"intra-refresh=1:keyint=25:slices=2 -bf 0", "open-gop=1:keyint=20 -bf 3"})
     ASSERT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=160x120:rate=25:duration=2 -c:v libx264 -preset veryfast "
                      "-x264-params " + std::string(shape) + " -f h264 " +
                          shell_quote(dir + (shape[0] == 'i' ? "refresh.h264" : "open.h264")), &log), 0) << log;
-  }
   ASSERT_EQ(ffmpeg("-v error -f lavfi -i sine=frequency=440:sample_rate=96000:duration=1 -f lavfi -i "
                    "sine=frequency=440:sample_rate=48000:duration=1 -map 0:a -c:a aac -f adts " + shell_quote(dir + "96k.aac") +
                    " -map 1:a -af 'pan=5.1|c0=c0|c1=0.5*c0|c2=0.3*c0|c3=0.2*c0|c4=0.1*c0|c5=0.7*c0' -c:a aac -f adts " +
@@ -395,8 +439,7 @@ TEST(Mux, StreamsFromOtherEncoders) {
       {file("refresh_cut.h264", cut_at(dir + "refresh.h264", 7)), "", "",
        "leading pictures that cannot be decoded dropped", {1}, 0},
       {file("open_cut.h264", cut_at(dir + "open.h264", 7)), "", "", "with B-frames (13 leading pictures", {1}, 0},
-      // FFmpeg shows the RASL pictures (concealed, before the CRA picture in
-      // display order); from there on its pictures are ours.
+      // FFmpeg shows the RASL pictures (concealed, before the CRA picture in display order), then ours.
       {file("cut.h265", cut_at(dir + "open.h265", 14)), "", "", "that cannot be decoded", {1, 18}, 0, "", kLast},
       {file("eos.h265", eos), "", "", "that cannot be decoded", {1, 18, 35}, 0},
       // 96 kHz AAC: the 16-bit samplerate field 0 (the rate is in the AudioSpecificConfig); after ID3.

@@ -1,6 +1,5 @@
-// `boxlane mux --fragment` and live inputs, run as a user runs them: FFmpeg,
-// mp4box.js, GStreamer and Chromium (Media Source Extensions) read the
-// sources' frames from 0, in fragments cut where the rule says.
+// `boxlane mux --fragment` and live inputs, run as a user runs them: FFmpeg, mp4box.js, GStreamer and Chromium
+// (Media Source Extensions) read the sources' frames from 0, in fragments cut where the rule says.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -87,9 +86,8 @@ TEST(MuxFragments, ReadersSeeTheSourcesFramesFromZero) {
       return std::upper_bound(moofs.begin(), moofs.end(), uint64_t(p.pos)) - moofs.begin() - 1;
     };
     if (r.video && r.audio) {
-      // Every audio frame that starts before the video ends goes with the
-      // video it starts under, by stored times: one that starts exactly at a
-      // cut (1.6 s in source 0) opens the next fragment.
+      // Every audio frame that starts before the video ends goes with the video it starts under, by stored
+      // times: one that starts exactly at a cut (1.6 s in source 0) opens the next fragment.
       std::vector<double> cuts;
       for (const ProbedPacket& p : probe_packets(out, 'v', true))
         if (fragment_of(p) == long(cuts.size())) cuts.push_back(p.dts);

@@ -93,14 +93,9 @@ TEST(StreamChunks, AudioComesInWholeFrames) {
   for (const auto& [at, bit] : {std::pair{2, 0x04}, {3, 0x40}, {2, 0x40}}) {
     auto changed = plain;
     changed[second + at] ^= bit;
-    try {
-      cut_audio(changed, 7);
-      ADD_FAILURE() << "a change at byte " << second + at << " accepted";
-    } catch (const ToolError& e) {
-      EXPECT_NE(std::string(e.what()).find("at byte " + std::to_string(second) + " changes the sample"),
-                std::string::npos)
-          << e.what();
-    }
+    std::string refused;  // stays empty when the change is accepted
+    try { cut_audio(changed, 7); } catch (const ToolError& e) { refused = e.what(); }
+    EXPECT_NE(refused.find("at byte " + std::to_string(second) + " changes the sample"), std::string::npos) << refused;
   }
 }
 
