@@ -197,7 +197,8 @@ bool VideoChunker::scan_to_boundary(std::size_t& boundary) {
     } else if (nal.opens_unit && candidate_ == kNone) {
       candidate_ = start;
     }
-    ends_sequence_ = ends_sequence_ || nal.ends_sequence;
+    // Only an end of sequence that no picture follows in the piece starts the next one anew.
+    ends_sequence_ = nal.ends_sequence || (ends_sequence_ && !nal.slice);
     nal_ = one + 1;
     last_nal_sc_ = start;
     i = one + 1;
