@@ -105,9 +105,8 @@ void expect_stream_like_ffprobe(const Json& j, const std::string& t, const std::
   for (const auto& [key, mine] : same) EXPECT_EQ(mine, ff["streams.0." + key]) << key;
 }
 
-// Every track's --samples columns equal ffprobe's packets in size, offset and key flag, and in decode and
-// composition time from the first sample and least offset; so do its sample, byte and key frame counts, and
-// the sync samples its tables list or, in a fragmented file, the video's rates over all its samples.
+// Every track's --samples columns equal ffprobe's packets (size, offset, key flag, decode and composition time from
+// the first sample and least offset), as do its counts and listed sync samples or, fragmented, the video's rates.
 void expect_samples_like_ffprobe(const Json& j, const std::string& file, bool fragmented) {
   const auto packets = packets_by_track(file);
   ASSERT_EQ(j.count("tracks"), packets.size());
@@ -238,9 +237,8 @@ TEST_F(ProbeTool, AgreesWithFfprobeOnFilesFromFfmpegAndFromOurWriter) {
   EXPECT_EQ(strict["stream_stop.box"], "mdat");
 }
 
-// The same report however the input comes: in pieces of any size, through several pools, through a pipe
-// (which cannot seek, so mdat payloads are read and thrown away there); an upper-case MDAT is skipped all the
-// same.
+// The same report however the input comes: pieces of any size, several pools, a pipe (which cannot seek, so mdat
+// payloads are read and thrown away there); an upper-case MDAT is skipped all the same.
 TEST_F(ProbeTool, SameJsonForEveryPieceSizeAndFromStandardInput) {
   auto upper = read_file(moov_last_);
   for (const TopBox& box : top_boxes(upper))
@@ -269,8 +267,7 @@ TEST_F(ProbeTool, SamplesPastOneQueryWindow) {
   pictures[0].kind = HandmadePicture::kIdr;
   write_file(dir + "long.h264", handmade_h264(pictures));
   ASSERT_EQ(run(shell_quote(tool_path()) + " mux -q --fps 25 --timescale 25 --video " + shell_quote(dir + "long.h264") +
-                " -o " + shell_quote(dir + "long.mp4")),
-            0);
+                " -o " + shell_quote(dir + "long.mp4")), 0);
   const Json j = probe_json("--samples " + shell_quote(dir + "long.mp4"));
   ASSERT_EQ(j.count("tracks.0.samples.decode_time"), 70000u);
   for (const int i : {65535, 65536, 69999})
@@ -296,6 +293,8 @@ TEST_F(ProbeTool, ErrorsNameWhatWentWrongAndWhere) {
       {"cut_in_mdat.mp4", {fast.begin(), fast.begin() + long(mdat.offset) + 100},
        "truncated: box 'mdat'" + at(mdat.offset) + " declares " + std::to_string(mdat.size) + " bytes, 100 present"},
       {"huge_box.mp4", cat({Bytes().u32(0x7F000000).str("junk").zeros(3000)}), "0x091B0006"},
+      {"binary.mp4", Bytes().u32(100).u32(0x01020304).zeros(10),
+       "truncated: box '\\x01\\x02\\x03\\x04' at offset 0 (not an MP4 stream?) declares 100 bytes, 18 present"},
       // The 64-bit mdat is followed, and nothing else is there.
       {"large_size.mp4", cat({ftyp, Bytes().u32(1).str("mdat").u64(48).zeros(32)}), "no movie header (moov/mvhd) in 68 bytes"},
       // Reading stops at the header of a box of size 7, whatever follows in the piece.
@@ -303,8 +302,7 @@ TEST_F(ProbeTool, ErrorsNameWhatWentWrongAndWhere) {
        "in 28 bytes: not an MP4 file, or a fragment without its movie; box 'free'" + at(20) +
            " has a size below its own header: the parser stopped there (0x091B0007 BOXLANE_ERROR_PARSE_MALFORMED)"},
       {"child_past_parent.mp4", cat({ftyp, box("moov", box("udta", Bytes().zeros(8), 500)), box("free", Bytes().zeros(8))}),
-       "the parser still waits for the end of a box"},
-      {"empty.mp4", {}, "empty input"},
+       "the parser still waits for the end of a box"}, {"empty.mp4", {}, "empty input"},
   };
   for (const auto& c : cases) {
     write_file(dir + c.name, c.bytes);
@@ -333,23 +331,24 @@ TEST_F(ProbeTool, ErrorsNameWhatWentWrongAndWhere) {
   }
 }
 
-// A handler name with JSON's special characters, a space, control characters, DEL, bytes that are not UTF-8
-// (a lone byte, overlong forms, a cut sequence, a surrogate, a code point past U+10FFFF), and UTF-8.
-constexpr char kName[] = "T \"\\\n\x01\x1F\x7F\xFF\xC0\x80\xE2\x82\xE0\x80\x80\xED\xA0\x80\xF4\x90\x80\x80"
+// A handler name with JSON's special characters, a space, control characters with and without short escapes, DEL,
+// bytes not UTF-8 (lone, overlong, a cut sequence, a surrogate, past U+10FFFF), and UTF-8.
+constexpr char kName[] = "T \"\\\n\r\t\b\f\x01\x1F\x7F\xFF\xC0\x80\xE2\x82\xE0\x80\x80\xED\xA0\x80\xF4\x90\x80\x80"
                          "\xC3\xA9\xE2\x82\xAC\xF0\x9D\x84\x9E";
 
-// A movie of one 10-sample video track at 1000 ticks a second in 3 chunks whose stsz, stss and stsc are
-// given, in Zulu, its handler named kName.
-Bytes movie_with_tables(const Bytes& stsz, const Bytes& stss, const char* stsc_rows = "00000001 00000001 00000004 00000001") {
+// A movie of one 10-sample video track at 1000 ticks a second in 3 chunks whose stsz, stss, stsc, further
+// tables and mdhd duration are given, in Zulu, its handler named kName.
+Bytes movie_with_tables(const Bytes& stsz, const Bytes& stss, const char* stsc_rows, const Bytes& more = {},
+                        uint32_t duration = 10000) {
   const Bytes mvhd = full_box("mvhd", 0, 0, Bytes().u32(7).u32(8).u32(1000).u32(10000).u32(0x10000).u16(0x100)
                                                 .zeros(10 + 36 + 24).u32(2));
   const Bytes tkhd = full_box("tkhd", 0, 3, Bytes().u32(3).u32(4).u32(1).u32(0).u32(10000).zeros(8).u16(1).u16(2)
                                                 .u16(0x100).zeros(38).u32(64 << 16).u32(48 << 16));
-  const Bytes mdhd = full_box("mdhd", 0, 0, Bytes().u32(5).u32(6).u32(1000).u32(10000).u16(0x6AAC).u16(0));
+  const Bytes mdhd = full_box("mdhd", 0, 0, Bytes().u32(5).u32(6).u32(1000).u32(duration).u16(0x6AAC).u16(0));
   const Bytes hdlr = full_box("hdlr", 0, 0, Bytes().u32(0).str("vide").zeros(12).str(kName).u8(0));
   const Bytes stts = full_box("stts", 0, 0, Bytes().u32(1).u32(10).u32(1000));
   const Bytes stco = full_box("stco", 0, 0, Bytes().u32(3).u32(1000).u32(1400).u32(1800));
-  const Bytes stbl = box("stbl", cat({stts, stss, full_box("stsc", 0, 0, unhex(stsc_rows)), stsz, stco}));
+  const Bytes stbl = box("stbl", cat({stts, stss, full_box("stsc", 0, 0, unhex(stsc_rows)), stsz, stco, more}));
   const Bytes trak = box("trak", cat({tkhd, box("mdia", cat({mdhd, hdlr, box("minf", stbl)}))}));
   return cat({box("ftyp", Bytes().str("isom").u32(0)), box("moov", cat({mvhd, trak})), box("mdat", Bytes().zeros(16))});
 }
@@ -363,49 +362,56 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
   Bytes digits = Bytes().u32(0).u32(20).u32(0);  // both sides of every count of decimal digits
   for (uint64_t power = 10; power <= 1000000000; power *= 10) digits.u32(uint32_t(power - 1)).u32(uint32_t(power));
   digits.u32(4294967295u);
+  const char *one = "00000001 00000001 00000004 00000001",
+             *ten = "00000002 00000001 00000004 00000001 00000003 00000002 00000001";
   const struct {
     const char* name;
     Bytes stsz, stss;
     const char* stsc;
-    std::string problems;
+    std::string problems;  // then the notes
+    Bytes more = {};
+    uint32_t duration = 10000;
   } cases[] = {
-      // A sync sample named twice is out of order too; the last stsc entry runs to the last chunk, so 3
-      // chunks of 4 hold 12 samples.
+      // A sync sample named twice is out of order too; the last stsc entry runs to the last chunk: 3 x 4 samples.
       {"twice", full_box("stsz", 0, 0, sizes), full_box("stss", 0, 0, Bytes().u32(2).u32(3).u32(3)),
-       "00000001 00000001 00000004 00000001",
-       "stts counts 10 samples but stsz lists 9 sizes|" + twelve +
+       one, "stts counts 10 samples but stsz lists 9 sizes|" + twelve +
            "stss names sample 3, out of order or past the 10 samples|"},
       // The last sample may be a sync sample.
-      {"last", constant, full_box("stss", 0, 0, Bytes().u32(1).u32(10)), "00000001 00000001 00000004 00000001",
-       twelve},
+      {"last", constant, full_box("stss", 0, 0, Bytes().u32(1).u32(10)), one, twelve},
       // 4 + 4 + 2 samples: an entry may start at the last chunk.
-      {"fits", constant, {}, "00000002 00000001 00000004 00000001 00000003 00000002 00000001", ""},
+      {"fits", constant, {}, ten, ""},
       {"same_chunk", constant, {}, "00000002 00000001 00000004 00000001 00000001 00000002 00000001",
        "stsc entry 1 (first chunk 1) is not followed by a later chunk|"},
-      {"digits", full_box("stsz", 0, 0, digits), {}, "00000001 00000001 00000004 00000001",
-       "stts counts 10 samples but stsz lists 20 sizes|" + twelve},
+      {"digits", full_box("stsz", 0, 0, digits), {}, one, "stts counts 10 samples but stsz lists 20 sizes|" + twelve},
+      {"no_stsc", constant, {}, "00000000", "stco lists 3 chunks but stsc puts no samples in them|"},
+      {"from_chunk_2", constant, {}, "00000001 00000002 00000005 00000001",
+       "the first stsc entry starts at chunk 2, not 1|"},
+      {"past_stco", constant, {}, "00000003 00000001 00000004 00000001 00000004 00000002 00000001 00000005 00000001 "
+       "00000001", "stsc entry 2 starts at chunk 4 but stco has only 3 chunks|"},
+      {"ctts_sdtp", constant, {}, ten,
+       "ctts covers 9 samples but stts counts 10|sdtp has 11 entries but stts counts 10 samples|",
+       cat({full_box("ctts", 0, 0, Bytes().u32(1).u32(9).u32(0)), full_box("sdtp", 0, 0, Bytes().zeros(11))})},
+      {"mdhd", constant, {}, ten, "mdhd gives a duration of 9000 but the stts deltas add up to 10000|", {}, 9000},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    write_file(dir + c.name, movie_with_tables(c.stsz, c.stss, c.stsc));
+    write_file(dir + c.name, movie_with_tables(c.stsz, c.stss, c.stsc, c.more, c.duration));
     const Json j = probe_json(shell_quote(dir + c.name));
-    EXPECT_EQ(j.joined("tracks.0.consistency.problems"), c.problems);
+    EXPECT_EQ(j.joined("tracks.0.consistency.problems") + j.joined("tracks.0.consistency.notes"), c.problems);
     // Bytes that are not UTF-8 come back as the Latin-1 letters they would be.
-    EXPECT_EQ(j["tracks.0.handler_name"], "T \"\\\n\x01\x1F\x7F\xC3\xBF\xC3\x80\xC2\x80\xC3\xA2\xC2\x82\xC3\xA0\xC2\x80"
-                                          "\xC2\x80\xC3\xAD\xC2\xA0\xC2\x80\xC3\xB4\xC2\x90\xC2\x80\xC2\x80\xC3\xA9\xE2\x82\xAC"
-                                          "\xF0\x9D\x84\x9E");
+    EXPECT_EQ(j["tracks.0.handler_name"], "T \"\\\n\r\t\b\f\x01\x1F\x7F\xC3\xBF\xC3\x80\xC2\x80\xC3\xA2\xC2\x82"
+                                          "\xC3\xA0\xC2\x80\xC2\x80\xC3\xAD\xC2\xA0\xC2\x80\xC3\xB4\xC2\x90\xC2\x80\xC2\x80"
+                                          "\xC3\xA9\xE2\x82\xAC\xF0\x9D\x84\x9E");
     if (c.name == std::string("digits")) {  // as written, each number in its place
       std::string raw;
       EXPECT_EQ(probe("--json " + shell_quote(dir + c.name), &raw), 0);
       EXPECT_NE(raw.find("\"stsz\": [0, 9, 10, 99, 100, 999, 1000, 9999, 10000, 99999, 100000, 999999, 1000000, "
                          "9999999, 10000000, 99999999, 100000000, 999999999, 1000000000, 4294967295],"),
-                std::string::npos)
-          << raw;
+                std::string::npos) << raw;
     }
   }
 
-  // One size for every sample: 10 samples of 100 bytes in 10 s, the whole text report with its tables, and
-  // the box tree, a level two spaces in.
+  // One size for all (10 samples of 100 bytes in 10 s): the whole text report with tables, and the box tree.
   std::string text;
   const std::string file = dir + "last";
   ASSERT_EQ(probe("--tables --boxes " + shell_quote(file), &text), 0);
@@ -414,10 +420,10 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
       << text;
   text.erase(tree);
   EXPECT_EQ(text.erase(text.find("  codec:"), text.find("  dimensions:") - text.find("  codec:")),
-            file + ": 497 bytes\nfile type:   isom, minor version 0\n"
+            file + ": 501 bytes\nfile type:   isom, minor version 0\n"
             "movie:       10.000 s (duration 10000 at time scale 1000), 1 track\nform:        progressive\n\n"
-            "track 1: video (handler 'vide', \"T \"\\x5C\\x0A\\x01\\x1F\\x7F\\xFF\\xC0\\x80\\xE2\\x82\\xE0\\x80\\x80"
-            "\\xED\\xA0\\x80\\xF4\\x90\\x80\\x80\\xC3\\xA9\\xE2\\x82\\xAC\\xF0\\x9D\\x84\\x9E\")\n"
+            "track 1: video (handler 'vide', \"T \"\\x5C\\x0A\\x0D\\x09\\x08\\x0C\\x01\\x1F\\x7F\\xFF\\xC0\\x80"
+            "\\xE2\\x82\\xE0\\x80\\x80\\xED\\xA0\\x80\\xF4\\x90\\x80\\x80\\xC3\\xA9\\xE2\\x82\\xAC\\xF0\\x9D\\x84\\x9E\")\n"
             "  dimensions:  64x48\n  time scale:  1000\n"
             "  duration:    10.000 s (10000), language zul\n"
             "  samples:     10, 1 key frame\n  frame rate:  1.000 frames/s\n"
@@ -445,6 +451,16 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
                            "{\"type\": \"tkhd\", \"code\": 311, \"offset\": 140, \"size\": 92, \"depth\": 2, "
                            "\"version\": 0, \"flags\": 3},"})
     EXPECT_NE(text.find(line), std::string::npos) << line << " in " << text;
+  // Each kind of handler by its name, an unknown one too, in a file without ftyp.
+  for (const auto& [handler, kind] : {std::pair{"hint", "hint"}, {"meta", "metadata"}, {"text", "text"},
+                                      {"sbtl", "text"}, {"abcd", "unknown kind"}}) {
+    auto bytes = read_file(file);
+    std::copy_n(handler, 4, bytes.begin() + long(std::string(bytes.begin(), bytes.end()).find("vide")));
+    write_file(dir + handler, {bytes.begin() + 16, bytes.end()});
+    ASSERT_EQ(probe(shell_quote(dir + handler), &text), 0);
+    EXPECT_NE(text.find("\nfile type:   none (no ftyp box)\nmovie: "), std::string::npos) << text;
+    EXPECT_NE(text.find("\ntrack 1: " + std::string(kind) + " (handler '" + handler + "'"), std::string::npos) << text;
+  }
 }
 
 // The first occurrence of a fourcc in a file, as the offset of its box.
@@ -484,6 +500,8 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
   };
   auto first_trun_in_moof = fragmented;  // the first trun's data_offset 0: its data would lie in its moof
   set_be32(first_trun_in_moof, box_at(fragmented, "trun") + 16, 0);
+  auto unknown_traf = fragmented;  // the first traf's tfhd names track 99
+  set_be32(unknown_traf, box_at(fragmented, "tfhd") + 12, 99);
   const std::string brands = "(ftyp) lists 4097 compatible brands, more than probe reads (4096)";
   const std::string unread = "which --strict does not read: their samples are not counted";
   const std::string moov_stop = "the parser stopped inside the movie box (at offset " + std::to_string(second_trak) + ")";
@@ -515,10 +533,11 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
       // Only the first fragment's trun of track 1 is wrong: the mark stays through the later ones.
       {"first_trun_in_moof.mp4", first_trun_in_moof, {{}, {"in its fragments: a trun's data lies inside its moof"}},
        {{"movie fragments (moof) are not read with --strict"}, {unread}, {unread}}},
+      {"unknown_traf.mp4", unknown_traf, {{"1 traf box was left out (no whole tfhd, or a track the movie does not have)"}},
+       {{"movie fragments (moof) are not read with --strict"}, {unread}, {unread}}},
       {"brands_at_cap.mp4", with_brands(4096), {}, {}},
       {"brands_past_cap.mp4", with_brands(4097), {{brands}}, {{brands}}},
-      // An mdat that ends the file loses nothing however its size is given; another box of size 0 may hold
-      // what was not read.
+      // An mdat ending the file loses nothing, whatever its size form; another box of size 0 may hide what follows.
       {"large_mdat.mp4", large_mdat, {}, {},
        {"progressive, 1 box with a 64-bit size", "progressive, a box with a 64-bit size (not followed with --strict)"}},
       {"empty_large_mdat.mp4", cat({fast, Bytes().u32(1).str("mdat").u64(16)}), {}, {}},
@@ -534,8 +553,7 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
        {{trak_at + " than the parser takes: the parser stopped there (0x091B0006 BOXLANE_ERROR_PARSE_NOTSUPPORT"},
         {moov_stop}, {}, 1},
        {{trak_at}, {moov_stop}, {}, 1}},
-      // A stop after the movie keeps nothing from a progressive file's tracks, right after it too; a
-      // fragmented file's may lack fragments.
+      // A stop after the movie, even just after it, costs a progressive file's tracks nothing; fragments may be lost.
       {"moov_last_size_four.mp4", cat({read_file(moov_last_), size_four}), {{"has a size below its own header"}},
        {{"has a size below its own header"}}},
       {"size_four.mp4", cat({fast, size_four}),
@@ -595,6 +613,11 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
     EXPECT_EQ(text.find("\nnote:        1 track with ids outside 0 to 9") != std::string::npos, named) << text;
     EXPECT_NE(text.find("\ntrack " + std::to_string(id) + ": audio"), std::string::npos) << text;
   }
+  // An esds without an AudioSpecificConfig: the entry's own numbers.
+  std::string text;
+  write_file(dir + "no_config.mp4", changed([&](std::vector<uint8_t>& b) { b.at(box_at(b, "esds") + 38) = 6; }));
+  ASSERT_EQ(probe(shell_quote(dir + "no_config.mp4"), &text), 0);
+  EXPECT_NE(text.find("  codec:       mp4a, object type 0x40, 2 channels, 48000 Hz\n"), std::string::npos) << text;
 }
 
 // AudioSpecificConfig (ISO/IEC 14496-3 §1.6.2.1), bits written out by hand: the escaped object type (31, then
@@ -604,10 +627,8 @@ TEST(ProbeAudioConfig, EscapedObjectTypeAndExplicitRate) {
     const char* hex;
     tool::ProbeAudioConfig want;
   } cases[] = {
-      {"11 90", {true, 2, 48000, 2}},
-      {"F9 46 40", {true, 42, 48000, 2}},
-      {"17 80 2A F8 08", {true, 2, 22000, 1}},
-      {"17 80 2A F8", {false, 0, 0, 0}},
+      {"11 90", {true, 2, 48000, 2}}, {"F9 46 40", {true, 42, 48000, 2}},
+      {"17 80 2A F8 08", {true, 2, 22000, 1}}, {"17 80 2A F8", {false, 0, 0, 0}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.hex);
@@ -622,21 +643,47 @@ TEST(ProbeAudioConfig, EscapedObjectTypeAndExplicitRate) {
 }
 
 // The words probe prints for codec numbers. ISO/IEC 14496-10 Annex A: constraint_set1 narrows Baseline, set4
-// makes High progressive and set4 with set5 constrained; level 1b is level_idc 9, or 11 with set3 below High.
-// ISO/IEC 14496-3 §1.5.1.1.
+// makes High progressive and set4 with set5 constrained, set3 makes the High 10, 4:2:2 and 4:4:4 profiles
+// Intra; level 1b is level_idc 9, or 11 with set3 below High. ITU-T H.265 Annex A: general_profile_idc, or
+// failing that the compatibility flag set, and level_idc 30 times the level. ISO/IEC 14496-3 Table 1.1.
 TEST(ProbeNames, AsTheStandardsNameThem) {
   using namespace tool;
-  EXPECT_EQ(avc_profile_name(66, 0x40) + ", " + avc_profile_name(66, 0x10), "Constrained Baseline, Baseline");
-  EXPECT_EQ(avc_profile_name(100, 0x0C) + ", " + avc_profile_name(100, 0x08), "Constrained High, Progressive High");
+  std::string avc, hevc;
+  for (const auto& [profile, flags] : {std::pair{66, 0x40}, {66, 0x10}, {77, 0x10}, {88, 0}, {100, 0x0C}, {100, 0x08},
+                                       {100, 0x10}, {110, 0}, {110, 0x10}, {122, 0}, {122, 0x10}, {244, 0}, {244, 0x10},
+                                       {44, 0x10}, {7, 0}})
+    avc += avc_profile_name(uint8_t(profile), uint8_t(flags)) + ", ";
+  EXPECT_EQ(avc, "Constrained Baseline, Baseline, Main, Extended, Constrained High, Progressive High, High, High 10, "
+                 "High 10 Intra, High 4:2:2, High 4:2:2 Intra, High 4:4:4 Predictive, High 4:4:4 Intra, "
+                 "CAVLC 4:4:4 Intra, profile 7, ");
+  for (uint8_t profile = 1; profile <= 12; ++profile) hevc += hevc_profile_name(profile, 0) + ", ";
+  EXPECT_EQ(hevc + hevc_profile_name(0, 0x20000000) + ", " + hevc_profile_name(0, 0x00100000) + ", " +
+                hevc_profile_name(0, 0),
+            "Main, Main 10, Main Still Picture, Format Range Extensions, High Throughput, Multiview Main, Scalable "
+            "Main, 3D Main, Screen Content Coding, Scalable Format Range Extensions, High Throughput Screen Content "
+            "Coding, profile 12, Main 10, High Throughput Screen Content Coding, profile 0");
+  EXPECT_EQ(hevc_level_name(0) + " " + hevc_level_name(61) + " " + hevc_level_name(63) + " " + hevc_level_name(90) +
+                " " + hevc_level_name(186), "level_idc 0 level_idc 61 2.1 3 6.2");
   EXPECT_EQ(avc_level_name(9, 100, 0) + " " + avc_level_name(11, 66, 0x10) + " " + avc_level_name(11, 100, 0x10) + " " +
                 avc_level_name(11, 77, 0) + " " + avc_level_name(10, 66, 0) + " " + avc_level_name(31, 66, 0),
             "1b 1b 1.1 1.1 1.0 3.1");
   EXPECT_EQ(chroma_format_name(0) + " " + chroma_format_name(1) + " " + chroma_format_name(2) + " " +
-                chroma_format_name(3),
-            "4:0:0 4:2:0 4:2:2 4:4:4");
-  EXPECT_EQ(aac_object_name(5) + ", " + aac_object_name(29), "HE-AAC (SBR), HE-AAC v2 (PS)");
+                chroma_format_name(3), "4:0:0 4:2:0 4:2:2 4:4:4");
+  std::string aac;
+  for (const int type : {1, 2, 3, 4, 5, 29, 0}) aac += aac_object_name(type) + ", ";
+  EXPECT_EQ(aac, "AAC Main, AAC LC, AAC SSR, AAC LTP, HE-AAC (SBR), HE-AAC v2 (PS), audio object type 0, ");
   const uint8_t bytes[] = {0x0F, 0xF0, 0xAB};
   EXPECT_EQ(hex_bytes(bytes, sizeof bytes), "0ff0ab");
+  // Each library code by its own name.
+#define NAMED(code) std::pair<uint64_t, std::string>(code, #code)
+  for (const auto& [code, name] :
+       {NAMED(BOXLANE_ERROR_PARSE_PARAMETER), NAMED(BOXLANE_ERROR_PARSE_MALLOC), NAMED(BOXLANE_ERROR_PARSE_NOTFOUND),
+        NAMED(BOXLANE_ERROR_PARSE_NODATA), NAMED(BOXLANE_ERROR_PARSE_NOTREADY), NAMED(BOXLANE_ERROR_PARSE_LIMIT),
+        NAMED(RENDAVO_ERROR_TASKPOOL_PARAMETER), NAMED(RENDAVO_ERROR_TASKPOOL_TIMEOUT),
+        NAMED(RENDAVO_ERROR_TASKPOOL_MALLOC), NAMED(RENDAVO_ERROR_TASKPOOL_CLOSED)})
+    EXPECT_EQ(error_name(code).substr(0, error_name(code).find(' ')), name);
+#undef NAMED
+  EXPECT_EQ(error_name(0x091B00FF), "unknown code");
 }
 
 }  // namespace
