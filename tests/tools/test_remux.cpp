@@ -28,8 +28,7 @@ int remux(const std::string& args, const std::string& dir, std::string* out = nu
   return run("cd " + shell_quote(dir) + " && " + shell_quote(tool_path()) + " remux " + args + " 2>&1", out);
 }
 
-// As hex, what FFmpeg and we write alike outside the tables: each tkhd from its volume to its size, the mp4a's
-// channels to its rate.
+// As hex, what FFmpeg and we both write outside the tables: each tkhd, volume to size; the mp4a, channels to rate.
 std::vector<std::string> headers(const std::string& path) {
   std::vector<std::string> rows;
   const auto b = read_file(path);
@@ -124,8 +123,7 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
   const std::string dir = temp_dir() + "/", source = dir + "source.mp4";
   ASSERT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=160x120:rate=25:duration=4 " +
                    std::string(in.audio ? "-f lavfi -i sine=frequency=440:duration=4 " : "") + "-pix_fmt yuv420p " +
-                   in.ffmpeg + " " + shell_quote(source)),
-            0);
+                   in.ffmpeg + " " + shell_quote(source)), 0);
   if (!in.audio) write_file(source, with_co64(read_file(source)));
   if (!in.video) patch(source, source, "mp4a", 21, 1);
   const std::string kinds = std::string(in.video ? "v" : "") + (in.audio ? "a" : "");
@@ -155,9 +153,8 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
       EXPECT_LT(probe_packets(dir + file, 'v').front().pos, probe_packets(dir + file, 'a').front().pos);
     }
   }
-  // The fragments: the same pictures, in fragments of at least a second (rounded to ticks: 1.00004 s are
-  // 12801 ticks of 1/12800 s) that open on sync samples; audio alone in fragments of a second (the summary
-  // counts them).
+  // The fragments: the same pictures, in fragments of at least a second (1.00004 s round to 12801 ticks of 1/12800)
+  // that open on sync samples; audio alone in fragments of a second (the summary counts them).
   expect_fragment_layout(dir + "fragmented.mp4", in.video ? 1 : 0);
   EXPECT_EQ(headers(dir + "fragmented.mp4"), headers(source));
   if (in.video) {
@@ -182,19 +179,25 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   const std::string dir = temp_dir() + "/";
   write_file(dir + "subtitles.srt", unhex("310A30303A30303A30302C303030202D2D3E2030303A30303A30312C3030300A68690A"));
   const std::string sources = "-f lavfi -i testsrc2=size=160x120:rate=25:duration=2 -f lavfi -i sine=duration=2 ";
-  // H.264 with MPEG-1 layer 2 audio (mp4a, object type 0x6B) and a subtitle track (tx3g); H.264 with two AAC
-  // tracks, whose first is given object types 0x65 to 0x69 (MPEG-2 AAC is 0x66 to 0x68), whose video entry
-  // is made avc3, or whose avcC is made to declare 2-byte NAL unit lengths or to hold its PPS twice.
+  // H.264 with MPEG-1 layer 2 audio (mp4a, object type 0x6B) and subtitles (tx3g); H.264 with two AAC tracks, whose
+  // first gets object type 0x65 to 0x69 (MPEG-2 AAC: 0x66 to 0x68) or no AudioSpecificConfig, whose video gets no
+  // samples, an avc3 entry, or an avcC declaring 2-byte NAL unit lengths or holding its PPS twice.
   ASSERT_EQ(ffmpeg("-v error " + sources + "-i " + shell_quote(dir + "subtitles.srt") +
-                   " -map 0 -map 1 -map 2 -c:v libx264 -c:a mp2 -c:s mov_text " + shell_quote(dir + "others.mp4")),
-            0);
+                   " -map 0 -map 1 -map 2 -c:v libx264 -c:a mp2 -c:s mov_text " + shell_quote(dir + "others.mp4")), 0);
   ASSERT_EQ(ffmpeg("-v error " + sources + "-f lavfi -i sine=duration=2 -map 0 -map 1 -map 2 -c:v libx264 -c:a aac " +
-                   shell_quote(dir + "two_audio.mp4")),
-            0);
+                   shell_quote(dir + "two_audio.mp4")), 0);
+  // H.265 whose hvcC is made to declare 2-byte NAL unit lengths or no arrays; its fragments, a trun's data in its moof.
+  ASSERT_EQ(ffmpeg("-v error " + sources + "-c:v libx265 -x265-params log-level=none -tag:v hvc1 -c:a aac " +
+                   shell_quote(dir + "h265.mp4")), 0);
+  for (const auto& [name, at, value] : {std::tuple{"hvcc_nal_2.mp4", 25, 0x0D}, {"hvcc_empty.mp4", 26, 0}})
+    patch(dir + "h265.mp4", dir + name, "hvcC", at, uint8_t(value));
+  ASSERT_EQ(remux("-q h265.mp4 --fragment 1 -o fragments.mp4", dir), 0);
+  patch(dir + "fragments.mp4", dir + "bad_fragments.mp4", "trun", 14, 0);
   const auto whole = read_file(dir + "two_audio.mp4");
   for (const auto& [name, box, at, value] :
        {std::tuple{"aac_65.mp4", "esds", 21, 0x65}, {"aac_66.mp4", "esds", 21, 0x66}, {"aac_68.mp4", "esds", 21, 0x68},
-        {"aac_69.mp4", "esds", 21, 0x69}, {"nal_2.mp4", "avcC", 8, 0xFD}, {"avc3.mp4", "avc1", 3, '3'}})
+        {"aac_69.mp4", "esds", 21, 0x69}, {"nal_2.mp4", "avcC", 8, 0xFD}, {"avc3.mp4", "avc1", 3, '3'},
+        {"no_config.mp4", "esds", 34, 6}, {"no_samples.mp4", "stts", 11, 0}})
     patch(dir + "two_audio.mp4", dir + name, box, at, uint8_t(value));
   // The mp4a entry's rate field at its highest, 65535 Hz, which the writer's 16-bit field still holds.
   patch(dir + "two_audio.mp4", dir + "rate_65535.mp4", "mp4a", 28, 0xFF);
@@ -207,6 +210,12 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
                                           {whole.begin() + long(pps), whole.begin() + long(pps_end)}));
   write_file(dir + "empty.mp4", {});
   write_file(dir + "truncated.mp4", std::vector<uint8_t>(whole.begin(), whole.begin() + whole.size() / 2));
+  // A box of size 4 after the moov; a movie without a moov; the first chunk of track 1 at 2^31 - 2^24.
+  write_file(dir + "size_four.mp4", cat({whole, Bytes().u32(4).str("free").zeros(4)}));
+  write_file(dir + "ftyp_only.mp4", box("ftyp", unhex("69736F6D 00000200")));
+  auto far = whole;
+  set_be32(far, std::string(whole.begin(), whole.end()).find("stco") + 12, 0x7F000000);
+  write_file(dir + "far_sample.mp4", far);
   // A video sample whose first NAL unit claims more bytes than it holds: found after the output was opened.
   auto broken = whole;
   std::fill_n(broken.begin() + long(packets_by_track(dir + "two_audio.mp4").at(1).at(3).pos), 4, uint8_t{0x7F});
@@ -230,22 +239,30 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
       {"two_pps.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its avcC holds 1 SPS and 2 PPS"},
       {"aac_69.mp4 -o out.mp4", 1, "track 2 (soun, 'mp4a') cannot be written: its mp4a entry holds object type 0x69"},
       {"nal_2.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its samples have 2-byte NAL unit lengths"},
+      {"no_config.mp4 -o out.mp4", 1, "track 2 (soun, AAC) cannot be written: its esds has no AudioSpecificConfig"},
+      {"hvcc_nal_2.mp4 -o out.mp4", 1, "track 1 (vide, H.265) cannot be written: its samples have 2-byte NAL unit "
+       "lengths; the writer's hvcC declares 4"},
+      {"hvcc_empty.mp4 -o out.mp4", 1, "(vide, H.265) cannot be written: its hvcC holds no parameter sets the writer"},
+      {"bad_fragments.mp4 -o out.mp4", 1, "the track fragments of track 1 are damaged (problems 0x02)"},
+      {"size_four.mp4 -o out.mp4", 1, "the parser stopped at the box at byte " + std::to_string(whole.size()) +
+       " (0x091B0007 BOXLANE_ERROR_PARSE_MALFORMED (box size field of 2 to 7)); remux writes only what it has read"},
+      {"ftyp_only.mp4 -o out.mp4", 1, "ftyp_only.mp4: no movie header (moov/mvhd): not an MP4 file"},
+      {"far_sample.mp4 -o out.mp4", 1, "a sample of track 1 at offset 2130706432 lies past the end of the input (" +
+       std::to_string(whole.size()) + " bytes): truncated?"},
       {"two_audio.mp4 -o two_audio.mp4", 1, "'two_audio.mp4' is the input file 'two_audio.mp4'"},
       {"two_audio.mp4 -o hard_link.mp4", 1, "is the input file"},
       {"two_audio.mp4 -o soft_link.mp4", 1, "is the input file"},
-      {"truncated.mp4 -o out.mp4", 1, "truncated"},
-      {"missing.mp4 -o out.mp4", 1, "cannot open 'missing.mp4'"},
-      {"empty.mp4 -o out.mp4", 1, "'empty.mp4' is empty"},
-      {". -o out.mp4", 1, "'.' is not a regular file"},
+      {"truncated.mp4 -o out.mp4", 1, "truncated"}, {"missing.mp4 -o out.mp4", 1, "cannot open 'missing.mp4'"},
+      {"empty.mp4 -o out.mp4", 1, "'empty.mp4' is empty"}, {". -o out.mp4", 1, "'.' is not a regular file"},
       {"broken.mp4 --skip-unsupported -o out.mp4", 1, "holds a NAL unit longer than the sample"},
       {"two_audio.mp4 -o out.mp4 --fragment 1 --faststart", 2, "exclude each other"},
       {"two_audio.mp4 -o out.mp4 --fragment 0", 2, "--fragment needs a length in seconds"},
       {"two_audio.mp4 -o out.mp4 --fragment 3600.001", 2, "above 0 and at most 3600"},
       {"two_audio.mp4 -o out.mp4 --fragment 3600", 1, "a second audio track"},
-      {"two_audio.mp4", 2, "no output file given"},
-      {"two_audio.mp4 -o", 2, "-o needs a file name"},
+      {"two_audio.mp4", 2, "no output file given"}, {"two_audio.mp4 -o", 2, "-o needs a file name"},
       {"two_audio.mp4 -o out.mp4 --fragment 1s", 2, "--fragment needs a length in seconds"},
       {"two_audio.mp4 others.mp4 -o out.mp4", 2, "one input only"},
+      {"two_audio.mp4 -o out.mp4 --bogus", 2, "unknown option --bogus"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args);
@@ -264,6 +281,9 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   run("ffprobe -v error -show_entries stream=codec_name -of csv=p=0 " + shell_quote(dir + "out.mp4"), &streams);
   EXPECT_EQ(streams, "h264\n");
   EXPECT_EQ(decoded_md5s(dir + "out.mp4", 'v'), decoded_md5s(dir + "others.mp4", 'v'));
+  // So is a track without samples (its stts made empty).
+  ASSERT_EQ(remux("no_samples.mp4 --skip-unsupported -o out.mp4", dir, &out), 0) << out;
+  EXPECT_NE(out.find("boxlane remux: no_samples.mp4: track 1 has no samples; left out\n"), std::string::npos) << out;
 }
 
 using tool::EditEntry;
@@ -363,17 +383,32 @@ TEST(RemuxTimeline, OneTimeScaleToWhichEveryTimeConvertsExactly) {
     EXPECT_EQ(t.tracks[0].offset(0) * int64_t{c.video_scale}, 2 * int64_t{c.video_duration} * c.want);
     EXPECT_EQ(t.tracks[0].edit_media_time * int64_t{c.video_scale}, 2 * int64_t{c.video_duration} * c.want);
   }
-  // Audio's time scale first when both fit; an edit's media time that the audio's cannot hold exactly; a
-  // sample of duration 0 lasts one tick.
+  // Audio's time scale first when both fit; an edit media time the audio's cannot hold exactly; duration 0 is 1 tick.
   const auto v25 = track(true, 1000, 40, {0}), a8 = track(false, 8000, 1024, {0});
   const auto edit = track(true, 12800, 512, {0}, {{0, 102}}), a48 = track(false, 48000, 1024, {0});
   const auto zero = track(false, 48000, 0, {0});
   EXPECT_EQ(tool::plan_timeline({&v25, &a8}, 1000).timescale, 8000u);
   EXPECT_EQ(tool::plan_timeline({&edit, &a48}, 1000).timescale, 192000u);
-  EXPECT_EQ(tool::plan_timeline({&zero}, 1000).tracks[0].duration(0), 1u);
+  const tool::TrackTimeline zero_plan = tool::plan_timeline({&zero}, 1000).tracks[0];
+  EXPECT_EQ(zero_plan.duration(0) + 10 * zero_plan.zero_durations, 11u);
   // Prime time scales: their least common multiple is past 2^31.
   const auto v = track(true, 65521, 1, {0}), a = track(false, 65519, 1024, {0});
   EXPECT_THROW(tool::plan_timeline({&v, &a}, 1000), tool::ToolError);
+  // The largest sample duration (2^31 - 1) and composition offset (2^30 - 1) the output takes, and one past.
+  for (const auto& [duration, offset, fits] :
+       {std::tuple{0x7FFFFFFFu, 0, true}, {0x80000000u, 0, false}, {1u, 0x3FFFFFFF, true}, {1u, 0x40000000, false}}) {
+    const auto t = track(true, 1000, duration, {offset});
+    if (fits) EXPECT_NO_THROW(tool::plan_timeline({&t}, 1000)) << duration;
+    else EXPECT_THROW(tool::plan_timeline({&t}, 1000), tool::ToolError) << duration << " " << offset;
+  }
+  // A list that shows more than one edit, or one not at the normal rate, is noted: only the first is kept.
+  const std::string kept = "; the empty edits and the first that shows media, at the normal rate, are kept";
+  for (const auto& [edits, notice] : {std::pair{std::vector<EditEntry>{{40, -1}, {40, 0}}, std::string()},
+                                      {{{40, 0}, {40, 0}}, "its edit list has 2 entries" + kept},
+                                      {{{40, 0, 2}}, "its edit list has 1 entry" + kept}}) {
+    const auto t = track(true, 1000, 40, {0}, edits);
+    EXPECT_EQ(tool::plan_timeline({&t}, 1000).tracks[0].edit_notice, notice);
+  }
 }
 
 // 25 fps at 12800 ticks alone, offsets of 0 to 2 frames; movie at 1000.
