@@ -506,6 +506,8 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
   const std::string unread = "which --strict does not read: their samples are not counted";
   const std::string moov_stop = "the parser stopped inside the movie box (at offset " + std::to_string(second_trak) + ")";
   const std::string trak_at = "box 'trak' at offset " + std::to_string(second_trak) + " is larger";
+  const std::string over = "box 'free' at offset " + end_at + " would take the client past its memory bound: the "
+                           "parser stopped there (0x091B0009 BOXLANE_ERROR_PARSE_LIMIT)";
 
   struct Marks {  // missing at the top, at track 1 and at track 2; tracks listed
     std::vector<std::string> report = {}, track1 = {}, track2 = {};
@@ -560,6 +562,8 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
        {{"box 'free' at offset " + end_at + " has a size below its own header: the parser stopped there (0x091B0007 "
          "BOXLANE_ERROR_PARSE_MALFORMED"}},
        {{"has a size below its own header"}}},
+      // 20 MiB, past probe's bound for a file this small.
+      {"over_bound.mp4", cat({fast, Bytes().u32(20 << 20).str("free").zeros(100)}), {{over}}, {{over}}},
       {"fragmented_size_four.mp4", cat({fragmented, size_four}),
        {{"has a size below its own header"},
         {"movie fragments after offset " + std::to_string(fragmented.size()) + " are not counted: reading stopped there"},
