@@ -204,10 +204,19 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   patch(dir + "rate_65535.mp4", dir + "rate_65535.mp4", "mp4a", 29, 0xFF);
   const std::size_t avcc = std::string(whole.begin(), whole.end()).find("avcC") + 4;
   const std::size_t pps = avcc + 9 + (be32(whole, avcc + 4) & 0xFFFF), pps_end = pps + 2 + (be32(whole, pps) >> 16);
+  const std::vector<std::string> to_avcc = {"moov", "trak", "mdia", "minf", "stbl", "stsd", "avc1", "avcC"};
   auto two_pps = whole;
   two_pps[pps - 1] = 2;
-  write_file(dir + "two_pps.mp4", inserted(two_pps, {"moov", "trak", "mdia", "minf", "stbl", "stsd", "avc1", "avcC"}, pps_end,
-                                          {whole.begin() + long(pps), whole.begin() + long(pps_end)}));
+  write_file(dir + "two_pps.mp4",
+             inserted(two_pps, to_avcc, pps_end, {whole.begin() + long(pps), whole.begin() + long(pps_end)}));
+  // Its SPS padded so that SPS and PPS take 1016 bytes, the most the writer's description holds, or 1017.
+  for (const std::size_t total : {1016, 1017}) {
+    auto big = whole;
+    const std::size_t sps = be32(whole, avcc + 4) & 0xFFFF, pad = total - sps - (pps_end - pps - 2);
+    big[avcc + 6] = uint8_t((sps + pad) >> 8), big[avcc + 7] = uint8_t(sps + pad);
+    write_file(dir + "sps_" + std::to_string(total) + ".mp4",
+               inserted(big, to_avcc, avcc + 8 + sps, Bytes().zeros(pad)));
+  }
   write_file(dir + "empty.mp4", {});
   write_file(dir + "truncated.mp4", std::vector<uint8_t>(whole.begin(), whole.begin() + whole.size() / 2));
   // A box of size 4 after the moov; a movie without a moov; the first chunk of track 1 at 2^31 - 2^24.
@@ -237,6 +246,8 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
       {"rate_65535.mp4 -o out.mp4", 1, "track 3 (soun, AAC) cannot be written: a second audio track"},
       {"avc3.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its avcC holds 0 SPS and 0 PPS"},
       {"two_pps.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its avcC holds 1 SPS and 2 PPS"},
+      {"sps_1016.mp4 -o out.mp4", 1, "track 3 (soun, AAC) cannot be written: a second audio track"},
+      {"sps_1017.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its SPS and PPS exceed the 1016 bytes"},
       {"aac_69.mp4 -o out.mp4", 1, "track 2 (soun, 'mp4a') cannot be written: its mp4a entry holds object type 0x69"},
       {"nal_2.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its samples have 2-byte NAL unit lengths"},
       {"no_config.mp4 -o out.mp4", 1, "track 2 (soun, AAC) cannot be written: its esds has no AudioSpecificConfig"},
