@@ -82,6 +82,7 @@ std::string error_name(uint64_t code) {
     case BOXLANE_ERROR_PARSE_NOTSUPPORT:
       return "BOXLANE_ERROR_PARSE_NOTSUPPORT (stream stopped: 64-bit box size, or a box too large)";
     case BOXLANE_ERROR_PARSE_MALFORMED: return "BOXLANE_ERROR_PARSE_MALFORMED (box size field of 2 to 7)";
+    case BOXLANE_ERROR_PARSE_BUFFER: return "BOXLANE_ERROR_PARSE_BUFFER (the caller's array is too small)";
     case BOXLANE_ERROR_PARSE_LIMIT: return "BOXLANE_ERROR_PARSE_LIMIT (the client would pass its memory bound)";
     case RENDAVO_ERROR_TASKPOOL_PARAMETER: return "RENDAVO_ERROR_TASKPOOL_PARAMETER (bad pool or handle)";
     case RENDAVO_ERROR_TASKPOOL_TIMEOUT: return "RENDAVO_ERROR_TASKPOOL_TIMEOUT";
