@@ -1,5 +1,4 @@
-// The fragment writer against bytes written out by hand from ISO/IEC 14496-12 §8.8 and §8.16: mvex, each moof with
-// its mdat header, styp, sidx and mfra, and what fragment mode refuses.
+// The fragment writer against bytes written out by hand (ISO/IEC 14496-12 §8.8, §8.16), and what fragment mode refuses.
 #include "writer_fixture.hpp"
 
 #include "packet/fragments.hpp"
@@ -17,8 +16,7 @@ class FragmentTest : public WriterTest {
   void fragments(uint32_t flags = 0, uint32_t video = 1, uint32_t audio = 2) {
     ASSERT_TRUE(Boxlane_Packet_FragmentMode(client(), video, audio, 3000, flags));
   }
-  // Video, video, audio, video: two stretches of video, one of audio. The offsets given are 0 and 6000, so -3000
-  // and 3000 after the shift; only key flag 1 marks a sync sample.
+  // Video, video, audio, video; offsets 0 and 6000 are -3000 and 3000 after the shift; key flag 1 marks sync.
   void first_fragment_samples() {
     EXPECT_EQ(video(10, 1, 3000, 0), bytes_hex("00000006 414141414141"));
     video(8, 2, 3000, 6000);
@@ -46,8 +44,7 @@ TEST_F(FragmentTest, MoofDescribesTheSamplesInTheOrderHandedIn) {
   EXPECT_EQ(fragment(), bytes_hex(
       "000000E4 6D6F6F66 00000010 6D666864 00000000 00000001"
       "00000084 74726166 00000010 74666864 00020000 00000001 00000014 74666474 01000000 00000000 00000000"
-      // Version 1: the offsets are signed. The first stretch starts at the mdat payload, 228 + 8 bytes from the
-      // moof.
+      // Version 1: the offsets are signed. The first stretch starts at the mdat payload, 228 + 8 bytes on.
       "  00000034 7472756E 01000F01 00000002 000000EC"
       "    00000BB8 0000000A 02000000 FFFFF448 00000BB8 00000008 01010000 00000BB8"
       // The third video sample comes after the audio one: 10 + 8 + 6 bytes on.
@@ -64,8 +61,7 @@ TEST_F(FragmentTest, MoofDescribesTheSamplesInTheOrderHandedIn) {
       "  0000001C 7472756E 00000301 00000001 00000068 00000400 00000006"
       "0000000E 6D646174"));
 
-  // Video alone, without composition offsets after the shift: version 0, no offset field; the video decode time is
-  // 3 x 3000.
+  // Video alone, no composition offsets after the shift: version 0, no offset field; decode time 3 x 3000.
   video(8, 1, 3000, 3000);
   EXPECT_EQ(fragment(), bytes_hex(
       "00000064 6D6F6F66 00000010 6D666864 00000000 00000003"
@@ -84,8 +80,7 @@ TEST_F(FragmentTest, MoofDescribesTheSamplesInTheOrderHandedIn) {
       "00000018 6D646174"));
 }
 
-// 2 x (2^31 - 1) + 1 = 2^32 - 1 ticks: the longest subsegment sidx holds; a negative duration counts as 0, and one
-// tick more is refused. The decode time after them is 2^32. The earliest presentation, -3000, is written as 0.
+// 2^32 - 1 ticks, the longest subsegment (a negative duration is 0), one more refused; then decode times past 2^32.
 TEST_F(FragmentTest, LongestSubsegmentAndDecodeTimesPastThirtyTwoBits) {
   fragments(0, 1, 0);
   box(Boxlane_Packet_MVhd, 0, 90000);
@@ -106,8 +101,7 @@ TEST_F(FragmentTest, SegmentTypeAndIndex) {
   fragments();
   box(Boxlane_Packet_MVhd, 0, 90000);
   first_fragment_samples();
-  // Earliest presentation: the first sample, shown 3000 before it is decoded at 0, written as 0. The subsegment is
-  // the moof, mdat header and 30 bytes.
+  // Earliest presentation -3000 is written as 0. The subsegment is the moof, mdat header and 30 bytes.
   EXPECT_EQ(box(Boxlane_Packet_SIdx),
             bytes_hex("00000034 73696478 01000000 00000001 00015F90 00000000 00000000 00000000 00000000"
                       "0000 0001 0000010A 00002328 90000000"));
@@ -119,8 +113,7 @@ TEST_F(FragmentTest, SegmentTypeAndIndex) {
                       "0000 0001 00000074 00000BB8 00000000"));
 }
 
-// Each tfra entry is the first sync sample of its track in a fragment, at its presentation time (0 for one before
-// 0).
+// Each tfra entry is a track's first sync sample in a fragment, at its presentation time (0 for one before 0).
 TEST_F(FragmentTest, RandomAccessIndexListsTheFirstSyncSampleOfEachFragment) {
   fragments(BOXLANE_FRAGMENT_INDEX);
   first_fragment_samples();
@@ -145,8 +138,7 @@ TEST_F(FragmentTest, RandomAccessIndexListsTheFirstSyncSampleOfEachFragment) {
       "00000010 6D66726F 00000000 000000D4"));
 }
 
-// Refusals leave buffer and length alone; the movie's tables stay empty. (A client with video frames stays a movie:
-// see test_frames_and_tables.cpp.)
+// Refusals leave buffer and length alone; the movie's tables stay empty.
 TEST_F(FragmentTest, Refusals) {
   const auto order = BOXLANE_ERROR_PACKET_ORDER, nodata = BOXLANE_ERROR_PACKET_NODATA;
   refuses(order, Boxlane_Packet_MVex, uint64_t{0});
@@ -192,12 +184,10 @@ TEST(FragmentLimit, FullFragmentRefusesTheNextFrame) {
   EXPECT_TRUE(f.listSample.empty());
   EXPECT_TRUE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, most, 1, 0, true}));
   EXPECT_FALSE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, 0, 1, 0, false}));
-  EXPECT_EQ(f.listSample.size(), 1u);
-  EXPECT_EQ(f.nPayload, most);
+  EXPECT_EQ(std::tuple(f.listSample.size(), f.nPayload), std::tuple(1u, most));
 }
 
-// The fragment header from FragmentSize's formula (0 with nothing pending), sidx 52, mfra 24 + per track 24 + 28
-// per fragment in which it had a sync sample. mvex and styp are compared whole above.
+// FragmentSize's header (0 with nothing pending), sidx 52, mfra 24 + 24 a track + 28 a fragment with a sync sample.
 TEST_F(FragmentTest, DocumentedSizes) {
   fragments(BOXLANE_FRAGMENT_INDEX);
   box(Boxlane_Packet_MVhd, 0, 90000);
@@ -206,14 +196,11 @@ TEST_F(FragmentTest, DocumentedSizes) {
   int32_t header = -1, mfra = -1;
   int64_t media = -1;
   ASSERT_TRUE(Boxlane_Packet_FragmentSize(client(), &header, &media, &mfra));
-  EXPECT_EQ(header, 24 + (44 + 2 * 20 + 3 * 16) + (44 + 20 + 8) + 8);
-  EXPECT_EQ(media, 30);
+  EXPECT_EQ(std::tuple(header, media), std::tuple(24 + (44 + 2 * 20 + 3 * 16) + (44 + 20 + 8) + 8, 30));
   exact(52, Boxlane_Packet_SIdx);
   exact(std::size_t(header), Boxlane_Packet_Fragment, int64_t{0});
   ASSERT_TRUE(Boxlane_Packet_FragmentSize(client(), &header, &media, &mfra));
-  EXPECT_EQ(header, 0);
-  EXPECT_EQ(media, 0);
-  EXPECT_EQ(mfra, 24 + 2 * (24 + 28));
+  EXPECT_EQ(std::tuple(header, media, mfra), std::tuple(0, 0, 24 + 2 * (24 + 28)));
   exact(std::size_t(mfra), Boxlane_Packet_MFra);
 }
 

@@ -1,5 +1,4 @@
-// The frame writers and the sample tables: the sample bytes each frame returns for the mdat, its bookkeeping read
-// back through the tables, and refusals that must leave buffer, length and record alone.
+// The frame writers: the sample bytes each returns, its bookkeeping read back through the tables, and refusals.
 #include "writer_fixture.hpp"
 
 #include "packet/box_output.hpp"
@@ -16,8 +15,7 @@ using FrameTest = WriterTest;
 using SampleTableTest = WriterTest;
 constexpr int64_t k32 = int64_t{1} << 32;
 
-// The start code is not examined but replaced by the NAL length; a 4-byte frame is an empty NAL unit. An ADTS
-// header goes, with or without CRC.
+// The start code, unexamined, becomes the NAL length (4 bytes: an empty unit); an ADTS header goes, CRC or not.
 TEST_F(FrameTest, SampleBytesOfVideoAndAudio) {
   Bytes frame = Bytes().add(unhex("00000001 65")), expected = Bytes().add(unhex("000003E4 65"));
   frame.resize(1000, 0x5A);
@@ -57,13 +55,11 @@ TEST_F(FrameTest, RefusedFramesChangeNothing) {
     refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAccessUnit, u.nalus, u.lengths, u.count, int64_t{0},
             1, 40, 40);
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAudio, frame, -1, int64_t{0}, 1024);
-  EXPECT_EQ(record().nVideoCount, 0u);
-  EXPECT_TRUE(record().listVideoSample.empty() && record().listAudioSize.empty());
+  EXPECT_TRUE(record().nVideoCount == 0 && record().listVideoSample.empty() && record().listAudioSize.empty());
 }
 
-// A duration merges only with the last run, and a frame without one is in no run; only positive composition offsets
-// get a ctts entry, one each; only key flag 1 marks a sync sample; stco keeps the low 32 bits of a position. An
-// access unit gets a length per NAL unit, an empty one too.
+// A duration merges only with the last run (none: in no run); positive composition offsets get a ctts entry each;
+// key flag 1 marks a sync sample; stco keeps a position's low 32 bits; each NAL unit of an access unit a length.
 TEST_F(SampleTableTest, TablesOfBothTracks) {
   EXPECT_EQ(box(Boxlane_Packet_STts, true), bytes_hex("00000010 73747473 00000000 00000000"));
   refuses(BOXLANE_ERROR_PACKET_NODATA, Boxlane_Packet_CTts);
@@ -97,8 +93,8 @@ TEST_F(SampleTableTest, TablesOfBothTracks) {
   EXPECT_EQ(box(Boxlane_Packet_STco, false), bytes_hex("0000001C 7374636F 00000000 00000003 00000043 7FFFFFFF 000000C8"));
 }
 
-// stco while every offset (position + delta) is below 2^32, co64 once the highest, wherever it is, reaches 2^32,
-// chosen per track; the size query agrees. An offset below 0, or past 63 bits, is refused by both.
+// Per track, co64 once the highest offset (position + delta) reaches 2^32, as the size query says; below 0 or past
+// 63 bits is refused by both.
 TEST_F(SampleTableTest, ChunkOffsetsWidenAtFourGibibytes) {
   const auto size_of = [&](bool video, int64_t delta) {
     int32_t size = -7;
@@ -125,15 +121,14 @@ TEST_F(SampleTableTest, ChunkOffsetsWidenAtFourGibibytes) {
   }
 }
 
-// A table is refused only when its box would not fit the signed 32-bit length: the largest count that fits, worked
-// out by hand, and one more.
+// The largest count whose table fits the signed 32-bit length, worked out by hand, and one more.
 TEST(TableSize, LargestCountThatFitsTheLength) {
   const struct {
     uint64_t head, each, most;
   } tables[] = {{16, 8, 268435453}, {16, 4, 536870907}, {20, 4, 536870906}};  // stts/ctts, stss/stco, stsz
   for (const auto& t : tables) {
-    EXPECT_TRUE(boxlane::packet::fits_length(t.head, t.most, t.each)) << t.most;
-    EXPECT_FALSE(boxlane::packet::fits_length(t.head, t.most + 1, t.each)) << t.most;
+    EXPECT_EQ(std::pair(packet::fits_length(t.head, t.most, t.each), packet::fits_length(t.head, t.most + 1, t.each)),
+              std::pair(true, false)) << t.most;
   }
 }
 

@@ -1,5 +1,4 @@
-// The header boxes against bytes written out by hand from ISO/IEC 14496-12, the 64-bit forms on both sides of each
-// limit.
+// The header boxes against bytes written out by hand (ISO/IEC 14496-12), 64-bit forms on both sides of each limit.
 #include "writer_fixture.hpp"
 
 #include <climits>
@@ -14,8 +13,7 @@ const std::string kMatrix = " 00010000 00000000 00000000 00000000 00010000 00000
 
 class HeaderBoxTest : public WriterTest {
  protected:
-  // Compares with hand-written hex in which "tttttttt" stands for the creation time the latest mvhd stamped (read
-  // after `got` was written).
+  // Compares with hand-written hex; "tttttttt" stands for the creation time the latest mvhd stamped.
   void expect_box(const std::string& got, std::string text) {
     char stamp[9];
     std::snprintf(stamp, sizeof stamp, "%08X", record().nCreateTime);
@@ -54,8 +52,7 @@ TEST_F(HeaderBoxTest, FixedBoxesAndBoxHeaders) {
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_HDRBox64, "mdat", ~uint64_t{0} - 15);
 }
 
-// mvhd, tkhd and mdhd pass the creation time, time scale, track numbering and durations through the record; each
-// writes version 1 from the first value that does not fit 32 bits.
+// mvhd, tkhd and mdhd share creation time, time scale, track numbers and durations; version 1 past 32 bits.
 TEST_F(HeaderBoxTest, MovieTrackAndMediaHeaders) {
   const auto before = static_cast<uint32_t>(std::time(nullptr) + 2082844800LL);
   const std::string movie = " 00010000 0100 0000 00000000 00000000" + kMatrix + std::string(48, '0') + " 00000002";
@@ -64,8 +61,7 @@ TEST_F(HeaderBoxTest, MovieTrackAndMediaHeaders) {
   // The highest time scale, which the media headers below copy.
   expect_box(box(Boxlane_Packet_MVhd, 90000, INT32_MAX),
              "0000006C 6D766864 00000000 tttttttt tttttttt 7FFFFFFF 00015F90" + movie);
-  EXPECT_GE(record().nCreateTime, before);  // seconds since 1904
-  EXPECT_LE(record().nCreateTime, before + 5);
+  EXPECT_TRUE(record().nCreateTime >= before && record().nCreateTime <= before + 5);  // seconds since 1904
   const std::string head = "00000000 00000000 0000 0000 ";
   expect_box(box(Boxlane_Packet_TKhd, 0, 1920, 1080, 5000), "0000005C 746B6864 00000003 tttttttt tttttttt 00000001 "
              "00000000 00001388 " + head + "0000 0000" + kMatrix + "07800000 04380000");
@@ -105,8 +101,7 @@ TEST_F(HeaderBoxTest, EditListsOnBothSidesOfTheirLimits) {
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_EDts64, uint64_t{5}, int64_t{-2});
 }
 
-// SetTime keeps the frame times in milliseconds (a rate of 0 or less leaves the last one); MVhd and TKhd given a
-// duration of 0 write the frame time divided by the time scale.
+// SetTime keeps frame times in ms (a rate <= 0 leaves the last); a duration of 0 is the frame time / time scale.
 TEST_F(HeaderBoxTest, FrameTimesFillDurationsOfZero) {
   const struct {
     int frame_rate, sample_rate;
@@ -115,8 +110,7 @@ TEST_F(HeaderBoxTest, FrameTimesFillDurationsOfZero) {
   for (const auto& c : cases) {  // each on top of the previous one
     SCOPED_TRACE(testing::Message() << c.frame_rate << " fps, " << c.sample_rate << " Hz");
     EXPECT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(client(), c.frame_rate, c.sample_rate));
-    EXPECT_EQ(record().nVideoFrameTime, c.video_ms);
-    EXPECT_EQ(record().nAudioFrameTime, c.audio_ms);
+    EXPECT_EQ(std::pair(record().nVideoFrameTime, record().nAudioFrameTime), std::pair(c.video_ms, c.audio_ms));
   }
   ASSERT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(client(), 25, 0));
   EXPECT_EQ(box(Boxlane_Packet_MVhd, 0, 4).substr(24 * 3, 11), "00 00 00 0A");  // 40 ms / 4

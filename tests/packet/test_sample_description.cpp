@@ -1,5 +1,4 @@
-// The avc1 and mp4a stsd writers against boxes worked out by hand field by field (ISO/IEC 14496-12 §12.1.3,
-// 14496-15 §5.3.3, 14496-14 §5.6).
+// The avc1 and mp4a stsd writers against boxes worked out by hand (ISO/IEC 14496-12, 14496-14, 14496-15).
 #include "writer_fixture.hpp"
 
 #include "support/box_builder.hpp"
@@ -132,6 +131,24 @@ TEST_F(SampleDescription, AudioEntry) {
     }
   }
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsd, static_cast<const tag_Qorvane_AVProtocol*>(nullptr));
+}
+
+// ISO/IEC 14496-1 §8.3.3 sizes in the shortest form at each edge, with their length; null arguments write nothing.
+TEST(DescriptorLength, ShortestFormAtEachEdge) {
+  const std::pair<int32_t, std::string> cases[] = {
+      {0, "00"}, {0x7F, "7F"}, {0x80, "81 00"}, {0x3FFF, "FF 7F"}, {0x4000, "81 80 00"}, {0x1FFFFF, "FF FF 7F"},
+      {0x200000, "81 80 80 00"}, {0x0FFFFFFF, "FF FF FF 7F"}, {-1, "8F FF FF FF 7F"}};
+  for (const auto& [value, want] : cases) {
+    std::vector<uint8_t> buffer(6, 0xEE);
+    int32_t length = -7;
+    EXPECT_TRUE(m_MP4Packet.Boxlane_Packet_DescriptorLen(buffer.data(), &length, value));
+    EXPECT_EQ(hex(buffer.data(), std::size_t(std::max(length, 0)) + 1), bytes_hex(want + " EE"));
+  }
+  uint8_t byte = 0xEE;
+  int32_t length = -7;
+  EXPECT_TRUE(m_MP4Packet.Boxlane_Packet_DescriptorLen(nullptr, &length, 5) &&
+              m_MP4Packet.Boxlane_Packet_DescriptorLen(&byte, nullptr, 5));
+  EXPECT_EQ(std::tuple(byte, length), std::tuple(uint8_t{0xEE}, -7));
 }
 
 // The sizes boxlane.h documents: audio 89 to 92 + the configuration (its descriptor sizes take 1 to 2 bytes more

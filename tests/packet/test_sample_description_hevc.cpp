@@ -1,5 +1,4 @@
-// The hvc1/hvcC stsd writer against boxes worked out by hand field by field from the parameter sets (ISO/IEC
-// 14496-15 §8.3.3.1).
+// The hvc1/hvcC stsd writer against boxes worked out by hand from the parameter sets (ISO/IEC 14496-15 §8.3.3.1).
 #include "writer_fixture.hpp"
 
 #include "support/hevc_units.hpp"
@@ -24,10 +23,11 @@ const std::string kVps10 = "40010c01ffff02200000030090000003000003003c959409";
 const std::string kSps10 =
     "42010102200000030090000003000003003ca00a480b9c94d96565924caf01680800001f480003a98300a4837000493e000927c4";
 
-Bytes annexb(const std::vector<Bytes>& units) {
+Bytes annexb(const std::vector<Bytes>& units, std::size_t zeros = 3) {
   Bytes out;
   for (const Bytes& u : units) {
-    out.insert(out.end(), {0, 0, 0, 1});
+    out.insert(out.end(), zeros, 0);
+    out.push_back(1);
     out.insert(out.end(), u.begin(), u.end());
   }
   return out;
@@ -55,17 +55,15 @@ TEST_F(HevcSampleDescription, X265MainAndMain10ByHand) {
                       "00000077 68766343 01 01 60000000 9000 00000000 3C F000 FC FD F8 F8 0000 0F 03"
                       "A0 0001 0018" + kVps + "A1 0001 002A" + kSps + "A2 0001 0007" + kPps));
 
-  // Main 10: profile 2, compatibility flag 2 only, 10-bit (FA FA), and the size after the conformance window, 322 x
-  // 182. The PPS comes first in the input and repeats; the arrays keep their order and the repeat goes.
+  // Main 10: profile 2, compatibility 2 only, 10-bit (FA FA), 322 x 182 after the window. A repeated PPS goes.
   EXPECT_EQ(hvcc(annexb({unhex(kPps), unhex(kVps10), unhex(kSps10), unhex(kPps)})),
             bytes_hex("01 02 20000000 9000 00000000 3C F000 FC FD FA FA 0000 0F 03"
                       "A0 0001 0018" + kVps10 + "A1 0001 0034" + kSps10 + "A2 0001 0007" + kPps));
   EXPECT_EQ(stsd(annexb({unhex(kVps10), unhex(kSps10), unhex(kPps)})).substr(48 * 3, 11), "01 42 00 B6");
 }
 
-// The record describes every SPS at once (§8.3.3.2): the first gives space, profile and chroma; a flag stays only
-// if every SPS sets it; tier, level and layers are the highest, segmentation the lowest; nested only if all nest.
-// parallelismType from the PPSs: all wavefronts 3, all tiles 2, neither 1, else 0.
+// The record describes every SPS (§8.3.3.2): space, profile, chroma of the first; flags all set; the highest tier,
+// level and layers, the lowest segmentation; nested if all nest. parallelismType: wavefronts 3, tiles 2, neither 1.
 TEST_F(HevcSampleDescription, FieldsThatDescribeEverySet) {
   // Space 1, high tier, profile 2, compatibility 0x20000000, constraints 0x800000000001, level 153,
   // min_spatial_segmentation_idc 1000; three temporal layers (nested, then not); 4:4:4 at 15 and 14 bits.
@@ -73,9 +71,7 @@ TEST_F(HevcSampleDescription, FieldsThatDescribeEverySet) {
   hand.sub_layers_minus1 = 2;
   Bytes unnested = hand.nal();
   unnested[2] &= 0xFE;  // sps_temporal_id_nesting_flag
-  deep.chroma = 3;
-  deep.luma_minus8 = 7;
-  deep.chroma_minus8 = 6;
+  deep.chroma = 3, deep.luma_minus8 = 7, deep.chroma_minus8 = 6;
   const Bytes vps = unhex(kVps), wpp = hand_pps(0, false, false, 0, true, false),
               tiles = hand_pps(1, false, false, 0, false, true), neither = hand_pps(2, false, false, 0, false, false);
   const struct {
@@ -100,8 +96,7 @@ TEST_F(HevcSampleDescription, FieldsThatDescribeEverySet) {
 
 TEST_F(HevcSampleDescription, WhatTheInputMayHold) {
   const Bytes vps = unhex(kVps), sps = unhex(kSps), pps = unhex(kPps);
-  // The largest input, 65536 bytes, and one byte more; units that are not parameter sets (a long filler unit, one
-  // without a readable header) are passed over.
+  // The largest input, 65536 bytes, and one more; units that are no parameter sets (filler, unreadable) are skipped.
   Bytes filler = {0x4C, 0x01};
   Bytes big = annexb({vps, sps, pps, {0x4C}});
   filler.resize(65536 - big.size() - 4, 0xFF);
@@ -119,11 +114,7 @@ TEST_F(HevcSampleDescription, WhatTheInputMayHold) {
   refused(annexb(many));
 
   // The documented size, 142 + the input's bytes, is enough; with 3-byte start codes it is closest.
-  Bytes close;
-  for (const Bytes& unit : {vps, sps, pps}) {
-    close.insert(close.end(), {0, 0, 1});
-    close.insert(close.end(), unit.begin(), unit.end());
-  }
+  const Bytes close = annexb({vps, sps, pps}, 2);
   const auto buffer = std::make_unique<uint8_t[]>(142 + close.size());
   int32_t length = -1;
   ASSERT_TRUE(Boxlane_Packet_STsdHEVC(client(), buffer.get(), &length, close.data(), int32_t(close.size())));

@@ -1,5 +1,4 @@
-// What the writer suites share: a fresh client per test, access to its record, and calls checked for their refusals
-// and for the bytes they write.
+// What the writer suites share: a client per test, its record, calls checked for their refusals and their bytes.
 #pragma once
 
 #include <boxlane/boxlane.hpp>
@@ -26,9 +25,7 @@ void expect_refused(Call&& call, uint64_t code) {
   std::vector<uint8_t> buffer(256, 0xAB);
   int32_t length = -7;
   EXPECT_FALSE(call(buffer.data(), &length));
-  EXPECT_TRUE(Boxlane_IsErrorOccur);
-  EXPECT_EQ(Boxlane_GetLastError(nullptr), code);
-  EXPECT_EQ(length, -7);
+  EXPECT_EQ(std::tuple(Boxlane_IsErrorOccur, Boxlane_GetLastError(nullptr), length), std::tuple(true, code, -7));
   EXPECT_EQ(buffer, std::vector<uint8_t>(256, 0xAB));
 }
 

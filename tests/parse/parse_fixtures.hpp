@@ -1,5 +1,4 @@
-// What the parse suites share: hand-built boxes (ISO/IEC 14496-12), a feed
-// that sends a stream in pieces, a fixture with clients, comparable answers.
+// What the parse suites share: hand-built boxes (ISO/IEC 14496-12), a feed in pieces, clients, comparable answers.
 #pragma once
 
 #include <boxlane/boxlane.hpp>
@@ -155,6 +154,13 @@ inline std::vector<QORVANE_MP4HDR> drain(const std::string& client) {
   return headers;
 }
 
+inline std::string record_line(const QORVANE_MP4HDR& h) {
+  char line[96];
+  std::snprintf(line, sizeof line, "%d size %llu v%u flags %02X%02X%02X uuid %04X", int(h.enHType),
+                (unsigned long long)h.nBoxSize, h.byVersion, h.byFlags[0], h.byFlags[1], h.byFlags[2], h.wUUIDHead);
+  return line;
+}
+
 struct FeedResult {
   std::vector<QORVANE_MP4HDR> headers;  // in the order Recv handed them out
   std::vector<std::string> records;     // the same, each as one line of its fields
@@ -162,8 +168,7 @@ struct FeedResult {
   bool events_matched = true;  // every drain took as many records as the pool counted
   uint64_t error = 0;          // the code of a failed Send, which ends the feed
 };
-// Sends the stream in pieces ending at `cuts` (and every `piece` bytes),
-// taking the records after each; after an mdat, from where Recv says it ends.
+// Sends the stream in pieces ending at `cuts` (and every `piece` bytes), taking the records after each; past an mdat.
 inline FeedResult feed(const std::string& client, const std::vector<uint8_t>& stream, std::vector<std::size_t> cuts = {},
                        std::size_t piece = 0) {
   for (std::size_t at = piece; piece && at < stream.size(); at += piece) cuts.push_back(at);
@@ -181,10 +186,7 @@ inline FeedResult feed(const std::string& client, const std::vector<uint8_t>& st
     QORVANE_MP4HDR h;
     for (uint64_t position = 0; Boxlane_Parse_Recv(client.c_str(), &h, &position); ++taken) {
       result.headers.push_back(h);
-      char line[96];
-      std::snprintf(line, sizeof line, "%d size %llu v%u flags %02X%02X%02X uuid %04X", int(h.enHType),
-                    (unsigned long long)h.nBoxSize, h.byVersion, h.byFlags[0], h.byFlags[1], h.byFlags[2], h.wUUIDHead);
-      result.records.push_back(line);
+      result.records.push_back(record_line(h));
       if (h.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT) {
         ended = h.nBoxSize == 0;
         next = std::max(end, static_cast<std::size_t>(position));

@@ -67,6 +67,13 @@ const Shape kShapes[] = {
     // 8 MiB of stz2 boxes of 4-bit sizes, 8 table bytes a byte sent; read in the extended mode only.
     {"compact_sizes",
      [] { return repeated(kTrack, full_box("stz2", 0, 0, Bytes{}.u32(4).u32(131032).zeros(65516)), 8 << 20); }, 2, true},
+    // 8 MiB of dinf boxes, each URL (1000 bytes, past the small-string buffer) kept beside the track.
+    {"long_urls",
+     [] {
+       const Bytes url = full_box("url ", 0, 0, Bytes{}.str(std::string(1000, 'u')).u8(0));
+       return repeated(kTrack, box("dinf", full_box("dref", 0, 0, Bytes{}.u32(1).add(url))), 8 << 20);
+     },
+     3, true},
 };
 
 class ClientLimit : public ::testing::TestWithParam<std::tuple<Shape, uint32_t>> {

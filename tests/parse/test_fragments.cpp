@@ -1,5 +1,4 @@
-// The extended mode: records of its boxes, 64-bit sizes, fragment samples worked
-// out by hand (ISO/IEC 14496-12 §8.8), track fragments that lie, the bounded queue.
+// The extended mode: its records, 64-bit sizes, fragment samples by hand (ISO/IEC 14496-12 §8.8), lies, the bound.
 #include "parse_fixtures.hpp"
 
 #include <functional>
@@ -16,8 +15,7 @@ using Extended = ParseClientTest;
 // A moof built twice, so a data_offset can name the byte after it and the mdat header.
 Bytes moof_with_offset(const std::function<Bytes(int32_t)>& make) { return make(int32_t(make(0).size() + 8)); }
 
-// Track 1 (90 kHz) with empty tables, track 2 (48 kHz) with two samples, trex
-// defaults, three moof + mdat pairs (§8.8.7, §8.8.8), segment and index boxes.
+// Track 1 (90 kHz, empty tables), track 2 (48 kHz, two samples), trex, three moof + mdat pairs, styp, sidx, mfra.
 TEST_F(Extended, RecordsAndFragmentSamplesFollowTheStandard) {
   const auto build_moov = [](uint32_t chunk) {
     return moov_box({trak_box(1, 90000, {table_box("stts", {}), table_box("stsc", {}), stsz_box(0, 0), table_box("stco", {})}),
@@ -28,8 +26,7 @@ TEST_F(Extended, RecordsAndFragmentSamplesFollowTheStandard) {
   };
   Bytes stream = movie_ftyp();
   stream.add(build_moov(uint32_t(stream.size() + build_moov(0).size() + 8))).add(box("mdat", Bytes{}.zeros(30)));
-  // moof 1: track 1 based on the moof, tfdt v1, first-sample flags, signed
-  // offsets; track 2 with no base flag, no tfdt and trex sizes.
+  // moof 1: track 1 based on the moof, tfdt v1, first-sample flags, signed offsets; track 2 on trex, no base or tfdt.
   const uint64_t moof1 = stream.size();
   stream.add(moof_with_offset([](int32_t offset) {
     return moof_box(1, {box("traf", cat({tfhd_box(0x020000, 1), full_box("tfdt", 1, 0, Bytes{}.u64(90000)),
@@ -150,6 +147,12 @@ Bytes based(uint32_t track, const std::function<Bytes(int32_t)>& rest) {
   return moof_with_offset([&](int32_t off) { return moof_box(1, {box("traf", cat({tfhd_box(0x020000, track), rest(off)}))}); });
 }
 Bytes plain(const Bytes& children) { return moof_box(1, {box("traf", children)}); }
+// The box with size 0 (to its parent's end), or with a 64-bit size (size field 1).
+Bytes resized(const Bytes& b, bool wide) {
+  Bytes out = Bytes{}.u32(wide ? 1 : 0).add({b.begin() + 4, b.begin() + 8});
+  if (wide) out.u64(b.size() + 8);
+  return out.add({b.begin() + 8, b.end()});
+}
 
 TEST_F(Extended, EachLieGetsADefinedAnswerOrIsLeftOut) {
   const Bytes one_sample = trun_box(0, 0, {{}});
@@ -180,8 +183,7 @@ TEST_F(Extended, EachLieGetsADefinedAnswerOrIsLeftOut) {
                              box("traf", cat({tfhd_box(0x020000, 2), trun_box(0, 0x001, {{}}, off + 50)}))});
        }),
        150, {{1, 0}, {1, BOXLANE_FRAGMENT_OVERLAP}}},
-      // What trun and tfhd leave out is 0; flags of 0 mean a sync sample
-      // whose dependencies nobody stated, unless first_sample_flags says.
+      // What trun and tfhd leave out is 0; flags 0: a sync sample of unstated dependencies, unless first_sample_flags.
       {"a track without trex", based(3, [](int32_t off) {
          return cat({full_box("tfdt", 0, 0, Bytes{}.u32(77)), trun_box(0, 0x205, {{0, 5}, {0, 6}}, off, kNonSync)});
        }),
@@ -196,6 +198,14 @@ TEST_F(Extended, EachLieGetsADefinedAnswerOrIsLeftOut) {
       {"data past the mdat after it", based(1, [](int32_t off) { return trun_box(0, 0x001, {{}}, off); }), 50, {{1, 0}}, 0, 1},
       {"data ending exactly at the mdat's end", based(1, [](int32_t off) { return trun_box(0, 0x001, {{}}, off); }), 100,
        {{1, 0}}},
+      {"a trun of 64-bit size", based(1, [](int32_t off) { return resized(trun_box(0, 0x001, {{}}, off), true); }), 100,
+       {{1, 0}}},
+      {"a trun of size 0, last in its traf",
+       based(1, [](int32_t off) { return resized(trun_box(0, 0x201, {{0, 9}}, off), false); }), 9, {{1, 0}}},
+      {"a trun without its sample_count", based(1, [](int32_t) { return full_box("trun", 0, 0); }), 0,
+       {{0, BOXLANE_FRAGMENT_SHORT_BOX}}},
+      {"a trun without its data_offset", based(1, [](int32_t) { return full_box("trun", 0, 1, Bytes{}.u32(1)); }), 0,
+       {{0, BOXLANE_FRAGMENT_SHORT_BOX}}},
       {"the shortest trun, for a track without trex", plain(cat({tfhd_box(0x020000, 3), trun_box(0, 0, {{}})})), 0,
        {{1, BOXLANE_FRAGMENT_NO_DEFAULTS}}},
   };
@@ -252,8 +262,8 @@ TEST_F(Extended, TakingAnswersAndTheirBound) {
     ++taken;
     EXPECT_EQ(std::tuple(info.nSequence, count, samples[0].nSize, samples[1].nSize), std::tuple(taken, 2, taken, 100 + taken));
   }
-  // 2^32 - 1 samples in no bytes: an answer of the most samples, which once
-  // taken no longer waits. Then more answers than may wait: the oldest go.
+  // 2^32 - 1 samples in no bytes: an answer of the most samples, gone once taken. Past the answers that may wait,
+  // the oldest go.
   const std::string many = extended("faults/many");
   ASSERT_TRUE(send(many, cat({head, based(1, [](int32_t off) { return trun_box(0, 0x001, {}, off, 0, 0xFFFFFFFF); })})));
   const std::vector<Fragment> most = take_fragments(many);

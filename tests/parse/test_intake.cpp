@@ -1,5 +1,4 @@
-// Parse clients and intake: arguments, the client table, the records the
-// splitter yields, bad size fields, and the same answers however a stream is cut.
+// Parse clients and intake: arguments, the client table, records, bad size fields, the same answers however cut.
 #include "parse_fixtures.hpp"
 
 #include <tuple>
@@ -9,8 +8,7 @@ namespace {
 
 using Intake = ParseClientTest;
 
-// Every box the splitter knows inside moov (fourccs in either case), and
-// boxes whose children get no records (dref, avc1, an unknown udta's).
+// Every box the splitter knows in moov (fourccs in either case); boxes whose children get none (dref, avc1, udta's).
 Bytes movie_moov(const std::string& fourcc = "moov") {
   const auto leaf = [](const char* type, std::size_t n, uint32_t flags = 0) {
     return full_box(type, 0, flags, Bytes{}.zeros(n));
@@ -135,8 +133,7 @@ TEST_F(Intake, MalformedAndOversizedBoxesStopTheStream) {
   EXPECT_EQ(parse_position(media), 0xFFFFFFF0u);
 }
 
-// Every two-piece cut and 1-byte pieces: the same records, positions and
-// event counts; an mdat inside a piece is stepped over, unread.
+// Every two-piece cut and 1-byte pieces: the same records, positions and events; an mdat in a piece is stepped over.
 TEST_F(Intake, CutsChangeNothing) {
   int clients = 0;
   const std::pair<const char*, Bytes> streams[] = {
@@ -165,13 +162,30 @@ TEST_F(Intake, CutsChangeNothing) {
   }
 }
 
-// Build on a caller's own record: a piece that ends inside an mdat's payload is taken, the boxes before it queued.
-TEST(IntakeBuild, TakesAPieceThatEndsInsideAnMdat) {
+// Build and Packet on a caller's own record: their refusals, and a whole stream gives a client's records.
+TEST_F(Intake, BuildAndPacketOnTheCallersRecord) {
+  const auto queued = [](const QORVANE_MP4PARSE& record) {
+    std::vector<std::string> lines;
+    for (const auto& entry : *record.stl_ListMsg) lines.push_back(record_line(entry.st_MP4Hdr));
+    return std::tuple(lines, record.nParsePos);
+  };
+  const Bytes stream = movie_file();
+  const FeedResult want = feed(client_, stream);
+  for (const auto call : {&CBoxlane_Parse::Boxlane_Parse_Build, &CBoxlane_Parse::Boxlane_Parse_Packet}) {
+    QORVANE_MP4PARSE record;
+    const auto split = [&](QORVANE_MP4PARSE* r, const uint8_t* p, int n) { return (m_MP4Parse.*call)(r, p, n); };
+    for (const auto& [r, p, n] :
+         {std::tuple(&record, stream.data(), -1), {nullptr, stream.data(), 8}, {&record, nullptr, 8}})
+      EXPECT_TRUE(fails_with(split(r, p, n), BOXLANE_ERROR_PARSE_PARAMETER)) << n;
+    ASSERT_TRUE(split(&record, nullptr, 0) && split(&record, stream.data(), int(stream.size())));
+    EXPECT_EQ(queued(record), std::tuple(want.records, want.final_position));
+  }
+  // Build takes a piece that ends inside an mdat's payload, the boxes before it queued.
   QORVANE_MP4PARSE record;
   const Bytes piece = cat({movie_ftyp(), Bytes{}.u32(1000).str("mdat").zeros(10)});
   ASSERT_TRUE(m_MP4Parse.Boxlane_Parse_Build(&record, piece.data(), int(piece.size())));
-  ASSERT_FALSE(record.stl_ListMsg->empty());
-  EXPECT_EQ(record.stl_ListMsg->front().st_MP4Hdr.enHType, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_FTYP);
+  EXPECT_EQ(std::get<0>(queued(record)), (std::vector<std::string>{"1 size 32 v0 flags 000000 uuid 0000",
+                                                                   "2 size 1000 v0 flags 000000 uuid 0000"}));
 }
 
 }  // namespace

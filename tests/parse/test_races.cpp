@@ -1,8 +1,5 @@
-// Parse clients fed in pieces and queried while other threads insert and
-// delete them, with workers draining them through the task pool. Every call
-// either completes or fails with a code a vanished or half-fed client may
-// give; CI runs it under the thread sanitizer, which sees any lock left out,
-// and the address sanitizer sees any use of a freed record.
+// Clients fed in pieces and queried while other threads insert and delete them and workers drain them: each call
+// completes or fails as a vanished or half-fed client may (the sanitizers see lost locks and freed records used).
 #include "parse_fixtures.hpp"
 
 #include <atomic>
@@ -24,9 +21,8 @@ TEST(Workers, DrainWhileOtherThreadsInsertFeedQueryAndDelete) {
   std::atomic<bool> stop{false};
   std::atomic<int> cycles{0}, bad_line{0};
   std::atomic<uint64_t> bad_code{0};
-  // The last error is process-wide, so any allowed code will do. A name
-  // deleted and inserted between two Sends gets the movie from the middle,
-  // which the parser may refuse; a worker's wait that times out sets its code.
+  // The last error is process-wide: any allowed code will do. A name deleted and inserted between two Sends gets the
+  // movie from the middle, which the parser may refuse; a worker's wait that times out sets its code.
   const auto allowed = [&](bool ok, bool may_fail, int line = __builtin_LINE()) {
     if (ok) return;
     const uint64_t code = Boxlane_GetLastError(nullptr);

@@ -1,5 +1,5 @@
-// The box readers on payloads in allocations of exactly their length: both
-// versions, the shortest box and one byte less, counts that lie; the queries.
+// The box readers on payloads in exact allocations: both versions, the shortest box and one byte less, counts that
+// lie; the queries.
 #include "parse_fixtures.hpp"
 
 #include <sstream>
@@ -157,6 +157,11 @@ TEST(DescriptorSizes, OneToFourBytesAndOneThatRunsOn) {
   EXPECT_EQ(read({0xFF, 0x7F, 0xFF, 0xFF}), std::pair(0x3FFF, 2));
   EXPECT_EQ(read({0x80, 0x80, 0x80, 0x05}), std::pair(5, 4));
   EXPECT_EQ(read({0x81, 0x80, 0x80, 0x80}), std::pair(1 << 21, 5));
+  int count = -7;
+  const uint8_t byte = 5;
+  EXPECT_TRUE(fails_with(m_MP4Parse.Boxlane_Parse_DescriptorLen(&byte, nullptr) != 0, BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(m_MP4Parse.Boxlane_Parse_DescriptorLen(nullptr, &count) != 0, BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_EQ(count, -7);
 }
 
 TEST_F(Readers, MediaHandlerAndDataReferences) {
@@ -183,8 +188,8 @@ TEST_F(Readers, MediaHandlerAndDataReferences) {
   };
   // A name longer than the field: 1023 bytes and a terminator.
   EXPECT_TRUE(feed(&P::Boxlane_Parse_HDlr, hdlr("soun", Bytes{}.str(std::string(3000, 'n')))));
-  EXPECT_STREQ(h.tszHandlerType, "soun");
-  EXPECT_EQ(std::string(h.tszName), std::string(1023, 'n'));
+  EXPECT_EQ(std::pair(std::string(h.tszHandlerType), std::string(h.tszName)),
+            std::pair(std::string("soun"), std::string(1023, 'n')));
   // Shorter than the fixed 24 bytes: nothing; exactly 24, no name: the type.
   EXPECT_TRUE(feed(&P::Boxlane_Parse_HDlr, hdlr("meta", {})));
   EXPECT_STREQ(h.tszHandlerType, "meta");
@@ -192,8 +197,8 @@ TEST_F(Readers, MediaHandlerAndDataReferences) {
   short_hdlr.pop_back();
   EXPECT_TRUE(feed(&P::Boxlane_Parse_HDlr, short_hdlr));
   EXPECT_STREQ(h.tszHandlerType, "meta");
-  // dref: url, self-contained url (no entry), urn, unterminated location cut
-  // at 1023; sizes below 8 or past the payload, and counts past it end the walk.
+  // dref: url, self-contained url (no entry), urn, a location cut at 1023; sizes below 8 or past the payload, and
+  // counts past it end the walk.
   auto dinf = [](uint32_t count, const std::vector<uint8_t>& entries) {
     return box("dref", Bytes{}.full(0, 0x000102).u32(count).add(entries));
   };
@@ -211,9 +216,8 @@ TEST_F(Readers, MediaHandlerAndDataReferences) {
   EXPECT_EQ(track(1).stl_ListDinf, (std::vector<std::string>{"s", "s", "s"}));
 }
 
-// Table boxes read back through the list query, lists reserved exactly: a
-// second box appends; counts past the payload keep whole entries; stz2
-// (§8.7.3.3) in every field size, 4-bit fields high nibble first.
+// Table boxes read back through the list query, lists reserved exactly: a second box appends; counts past the payload
+// keep whole entries; stz2 (§8.7.3.3) in every field size, 4-bit fields high nibble first.
 TEST_F(Readers, SampleTables) {
   const auto u32s = [](uint8_t version, const std::vector<uint32_t>& fields) {
     Bytes p;
@@ -275,6 +279,14 @@ TEST_F(Readers, SampleTables) {
   EXPECT_TRUE(feed(&P::Boxlane_Parse_CO64, u32s(0, {1, 1, 2})));
   EXPECT_EQ(listed(ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CO64, 99), (Infos{{2, 1, 0}}));
   EXPECT_EQ(listed(kStco, 99), (Infos{{48, 0, 0}, {2, 1, 0}}));
+  // Any other code, stss or one past the enumerators, succeeds and writes nothing.
+  for (const int32_t code : {int32_t{ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSS}, 99999}) {
+    QORVANE_HDRSAMPLENFO** list = nullptr;
+    int32_t n = -7;
+    const auto type = static_cast<ENUM_QORVANE_MORVALY_BOXLANE_HTYPE>(code);
+    EXPECT_TRUE(Boxlane_Parse_GetTrackList(client(), 99, &list, &n, type));
+    EXPECT_EQ(std::tuple(list, n), std::tuple(nullptr, -7)) << code;
+  }
 }
 
 Bytes visual_entry(const char* type, uint16_t width, uint16_t height, const std::vector<uint8_t>& children) {
@@ -342,9 +354,8 @@ TEST_F(Readers, AvcDescription) {
 }
 
 TEST_F(Readers, AacDescription) {
-  // ES_Descriptor with dependsOn, URL, OCR and 4-byte sizes; QuickTime sound
-  // entries v1 and v2 move the esds 16 and 36 bytes on; an ES_Descriptor
-  // claiming more than the box holds is read to its end.
+  // ES_Descriptor with dependsOn, URL, OCR and 4-byte sizes; QuickTime sound entries v1 and v2 move the esds 16 and 36
+  // bytes on; an ES_Descriptor claiming more than the box holds is read to its end.
   const std::string rich = "03 80808027 0001 E0 0007 03 616263 0009 04 80808014 40 15 001800 0001F400 00017700 "
                            "05 80808002 1210 06 01 02";
   const std::string plain = "03 19 0002 00 04 11 40 15 000000 0001F400 0001F400 05 02 1190 06 01 02";
@@ -354,17 +365,19 @@ TEST_F(Readers, AacDescription) {
     std::string esds, want;
   } cases[] = {{0, rich, head + "buf 6144 max 128000 avg 96000 asc 12 10"},
                {1, plain, head + "buf 0 max 128000 avg 128000 asc 11 90"},
-               {2, "03 7F" + plain.substr(5), head + "buf 0 max 128000 avg 128000 asc 11 90"}};
-  for (const auto& c : cases) {
-    make_track(c.version + 1u);
+               {2, "03 7F" + plain.substr(5), head + "buf 0 max 128000 avg 128000 asc 11 90"},
+               // A DecoderSpecificInfo size that runs past four bytes is no size.
+               {0, "03 1D 0002 00 04 15 40 15 000000 0001F400 0001F400 05 81808080 02 1190 06 01 02",
+                head + "buf 0 max 128000 avg 128000 asc "}};
+  for (int32_t id = 1; const auto& c : cases) {
+    make_track(uint32_t(id));
     EXPECT_TRUE(feed(&P::Boxlane_Parse_STsd, stsd(mp4a_entry(unhex(c.esds), c.version))));
-    EXPECT_EQ(codec_text(client(), c.version + 1), c.want);
+    EXPECT_EQ(codec_text(client(), id++), c.want);
   }
 }
 
-// An hvcC whose every field differs from its neighbours: space 2, tier 1,
-// profile 3, level 123, segmentation 0xABC, parallelism 2, 4:2:2, 12/9 bits,
-// 24 fps, constant rate 1, 5 layers, nested, 2-byte lengths.
+// An hvcC whose every field differs from its neighbours: space 2, tier 1, profile 3, level 123, segmentation 0xABC,
+// parallelism 2, 4:2:2, 12/9 bits, 24 fps, constant rate 1, 5 layers, nested, 2-byte lengths.
 const char* const kHvccFixed = "01 A3 40000001 B000 00000003 7B FABC FE FE FC F9 1800 6D";
 Bytes hvcc(const std::vector<uint8_t>& arrays, uint8_t count) { return box("hvcC", cat({unhex(kHvccFixed), {count}, arrays})); }
 
@@ -392,8 +405,7 @@ TEST_F(Readers, HevcDescription) {
                   info.byTemporalIdNested, info.byNALLengthSize, info.bTruncated}),
             (Ints{1920, 1080, 1, 2, 1, 3, 0x40000001, 0xB00000000003, 123, 0xABC, 2, 2, 12, 9, 6144, 1, 5, 1, 2, 0}));
   EXPECT_EQ(nalus(info), "32c:40 01 0C;33:42 01;33:42 01 01 02;39:4E;");
-  // The units' area filled exactly and one byte more; 64 units (the most the
-  // query holds) and 65; the shortest hvcC (no arrays) and one byte less.
+  // The units' area filled exactly and one byte more; 64 units (the query's most) and 65; the shortest hvcC and less.
   const auto filled = [](uint16_t last) {
     Bytes a;
     a.u8(0x80 | 33).u16(2).u16(BOXLANE_CODEC_PARAMSET_BYTES - 100).add(std::vector<uint8_t>(BOXLANE_CODEC_PARAMSET_BYTES - 100, 7));

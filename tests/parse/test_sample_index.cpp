@@ -10,8 +10,7 @@ using Index = ParseClientTest;
 
 Bytes movie(const std::vector<Bytes>& tables) { return cat({movie_ftyp(), moov_box({trak_box(1, 1000, tables)})}); }
 
-// Track 1's samples, walked from the first; windows of two from every start,
-// read backwards so each walks anew, must agree (fuzz_index: an unsorted stss).
+// Track 1's samples from the first; windows of two from every start, backwards, agree (fuzz_index: unsorted stss).
 std::vector<std::string> walked(const std::string& client) {
   const std::vector<BOXLANE_SAMPLEINFO> all = table_samples(client, 1);
   for (uint32_t first = uint32_t(all.size()); first-- > 0;) {
@@ -44,8 +43,7 @@ TEST_F(Index, SamplesOfTheMoovTables) {
   ASSERT_TRUE(Boxlane_Parse_GetTrackIndex(client_.c_str(), 1, &index));
   EXPECT_EQ(std::tuple(index.nTableSamples, index.nTableDuration, index.nSizeCount, index.nChunkCount),
             std::tuple(uint64_t{5}, uint64_t{4000}, 5u, 4u));
-  // The walk ends at sample 5; the same track again gains two samples and a
-  // fifth chunk, and a window from sample 5 walks the new tables anew.
+  // The walk ends at sample 5; the track again gains two samples and a fifth chunk, walked anew from sample 5.
   ASSERT_EQ(table_samples(client_, 1).size(), 5u);
   ASSERT_TRUE(send(client_, moov_box({trak_box(1, 1000, {table_box("stts", {{2, 7}}), stsz_box(0, 2, {60, 70}),
                                                          table_box("stco", {{500}})})})));
@@ -76,8 +74,7 @@ TEST_F(Index, ConstantSizesLargeOffsetsAndSignedCompositionOffsets) {
   EXPECT_EQ(std::tuple(index.bLargeOffsets, index.nChunkCount), std::tuple(uint8_t{1}, 0u));
 }
 
-// Tables that disagree give the samples all of them cover: the count, and
-// whether the last (1) and the first (2) are sync samples.
+// Tables that disagree give the samples all of them cover: the count, and whether the last (1) and first (2) sync.
 TEST_F(Index, TablesThatDisagree) {
   const auto samples_of = [&](const std::vector<Bytes>& tables) {
     const std::string client = other("index/disagree/" + std::to_string(others_.size()));
@@ -89,10 +86,8 @@ TEST_F(Index, TablesThatDisagree) {
     return std::pair(index.nTableSamples, all.empty() ? 0 : (all.back().find(" S") != std::string::npos) +
                                                                   2 * (all.front().find(" S") != std::string::npos));
   };
-  const Bytes stts = table_box("stts", {{5, 1}});
-  const Bytes stsz = stsz_box(0, 5, {1, 2, 3, 4, 5});
-  const Bytes stco = table_box("stco", {{10}, {20}});
-  const Bytes stsc = table_box("stsc", {{1, 3, 1}});
+  const Bytes stts = table_box("stts", {{5, 1}}), stsz = stsz_box(0, 5, {1, 2, 3, 4, 5});
+  const Bytes stco = table_box("stco", {{10}, {20}}), stsc = table_box("stsc", {{1, 3, 1}});
   const auto want = [](uint64_t samples, int sync) { return std::pair(samples, sync); };
   EXPECT_EQ(samples_of({table_box("stts", {{3, 1}}), stsc, stsz, stco}), want(3, 3));         // times run out
   EXPECT_EQ(samples_of({stts, stsc, stsz_box(0, 4, {1, 2, 3, 4}), stco}), want(4, 3));        // sizes run out

@@ -1,5 +1,4 @@
-// The H.264 syntax parser on units that x264 made (values from the encoder settings and ffprobe) and on
-// hand-made bit strings for what x264 never writes.
+// The H.264 syntax parser on x264's units (values from its settings and ffprobe) and on hand-made bit strings.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -82,9 +81,8 @@ TEST(H264ParameterSets, X264AndHandMadeSequenceParameterSets) {
     EXPECT_EQ(parsed(Nal(hd.begin(), hd.begin() + long(cut))), "refused") << cut;
   EXPECT_EQ(parsed(unhex("68 EB E3 CB 22 C0")), "refused");
 
-  // High 4:2:2 at 14 bits, 1280x736 coded, fields (crop unit 2 x 2). Scaling lists (4x4, one that ends at
-  // once on a zero scale, 8x8) and every optional part of the VUI, with the most CPBs, must be skipped
-  // exactly, or the fields after them come out wrong.
+  // High 4:2:2 at 14 bits, 1280x736 coded, fields (crop unit 2 x 2). Scaling lists (4x4, one ending on a zero
+  // scale, 8x8) and every optional VUI part, with the most CPBs, must be skipped exactly for the fields after them.
   Bits b;
   b.u(8, 122).u(8, 0).u(8, 40).ue(0).ue(2).ue(6).ue(6).u(1, 0).u(1, 1).u(1, 1);
   for (int i = 0; i < 16; ++i) b.se(1);
@@ -106,16 +104,16 @@ TEST(H264ParameterSets, X264AndHandMadeSequenceParameterSets) {
             "refused");
 }
 
-// An SPS with the given fields, 320x240 (Baseline, or a High profile with every scaling list flag 0 when
-// `chroma` is set), and a PPS.
+// An SPS of the given fields, 320x240: Baseline, or High with every scaling list flag 0 when `chroma` is set.
 struct HandSps {
   int chroma = -1;
-  bool separate = false;
+  bool separate = false, fields = false;
   uint32_t depth = 0, id = 0, frame_num_minus4 = 0, poc_type = 0, lsb_minus4 = 0, width_mbs = 20;
   std::vector<int32_t> cycle;
-  int32_t non_ref = 0;
+  int32_t non_ref = 0, top_to_bottom = 0;
   std::vector<uint32_t> crop;  // left, right, top, bottom in crop units
   int sar_idc = -1;            // a VUI with aspect_ratio_idc alone
+  uint32_t cpbs = 0;           // a VUI with a NAL HRD alone, of that many CPBs
 
   Nal nal() const {
     Bits b;
@@ -127,22 +125,26 @@ struct HandSps {
     }
     b.ue(frame_num_minus4).ue(poc_type);
     if (poc_type == 0) b.ue(lsb_minus4);
-    if (poc_type == 1) b.u(1, 0).se(non_ref).se(0).ue(uint32_t(cycle.size()));
+    if (poc_type == 1) b.u(1, 0).se(non_ref).se(top_to_bottom).ue(uint32_t(cycle.size()));
     for (int32_t c : cycle) b.se(c);
-    b.ue(2).u(1, 0).ue(width_mbs - 1).ue(14).u(1, 1).u(1, 1).u(1, !crop.empty());
+    // frame_mbs_only_flag, mb_adaptive_frame_field_flag 0 with fields, direct_8x8_inference_flag.
+    b.ue(2).u(1, 0).ue(width_mbs - 1).ue(14).u(1, !fields).u(fields ? 2 : 1, 1).u(1, !crop.empty());
     for (uint32_t c : crop) b.ue(c);
-    b.u(1, sar_idc >= 0);
+    b.u(1, sar_idc >= 0 || cpbs);
     if (sar_idc >= 0) b.u(1, 1).u(8, uint32_t(sar_idc)).u(8, 0);
+    if (cpbs) b.u(5, 0).u(1, 1).ue(cpbs - 1).u(8, 0);
+    for (uint32_t i = 0; i < cpbs; ++i) b.ue(0).ue(0).u(1, 0);
+    if (cpbs) b.u(24, 0);
     return b.nal(3, kNalSps);
   }
 };
 
+// With slice groups, `map` from slice_group_map_type on (3, box-out, by default).
 Nal hand_pps(uint32_t id = 0, uint32_t sps_id = 0, uint32_t groups_minus1 = 0, uint32_t l0_minus1 = 0,
-             uint32_t bipred = 0) {
+             uint32_t bipred = 0, bool weighted = false, const Bits& map = Bits().ue(3).u(1, 0).ue(0)) {
   Bits b;
-  b.ue(id).ue(sps_id).u(1, 0).u(1, 0).ue(groups_minus1);
-  if (groups_minus1) b.ue(3).u(1, 0).ue(0);  // slice_group_map_type 3 (box-out)
-  b.ue(l0_minus1).ue(0).u(1, 0).u(2, bipred).se(0).se(0).se(0).u(1, 1).u(1, 0).u(1, 0);
+  b.ue(id).ue(sps_id).u(1, 0).u(1, 0).ue(groups_minus1).add(groups_minus1 ? map : Bits());
+  b.ue(l0_minus1).ue(0).u(1, weighted).u(2, bipred).se(0).se(0).se(0).u(1, 1).u(1, 0).u(1, 0);
   return b.nal(3, kNalPps);
 }
 
@@ -168,6 +170,7 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
       {"num_slice_groups 8", [](bool p) { return hand_pps(0, 0, p ? 8 : 7); }},
       {"num_ref_idx_l0_default_active 32", [](bool p) { return hand_pps(0, 0, 0, p ? 32 : 31); }},
       {"weighted_bipred_idc 2", [](bool p) { return hand_pps(0, 0, 0, 0, p ? 3 : 2); }},
+      {"cpb_cnt 32", [](bool p) { HandSps s; s.cpbs = p ? 33 : 32; return s.nal(); }},
   };
   for (const auto& limit : limits) {
     for (const bool past : {false, true}) {
@@ -176,6 +179,17 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
       const bool ok = (nal[0] & 0x1F) == kNalSps ? parsed(nal) != "refused" : parse_pps(nal.data(), nal.size(), pps);
       EXPECT_EQ(ok, !past) << limit.what;
     }
+  }
+  // Maps of four slice groups (§7.3.2.2), types 0 (run lengths), 2 (rectangles) and 6 (five 2-bit ids), are read
+  // through to the fields after them; type 7 is reserved.
+  for (const auto& [map, valid] : {std::pair(Bits().ue(0).ue(9).ue(9).ue(9).ue(9), true),
+                                    {Bits().ue(2).ue(0).ue(99).ue(1).ue(99).ue(2).ue(99), true},
+                                    {Bits().ue(6).ue(4).u(10, 0x1B1), true}, {Bits().ue(7), false}}) {
+    const Nal nal = hand_pps(0, 0, 3, 5, 2, false, map);
+    Pps pps;
+    const bool ok = parse_pps(nal.data(), nal.size(), pps);
+    EXPECT_EQ(std::tuple(ok, pps.num_ref_idx_l0_default_active, pps.weighted_bipred_idc),
+              valid ? std::tuple(true, 6u, 2u) : std::tuple(false, 1u, 0u));
   }
   // The crop unit of each chroma format (separate planes count as monochrome), after 8 or 12 scaling list
   // flags; and Table E-1, which ends at 16 (2:1): 17 to 254 are reserved and give no ratio.
@@ -194,16 +208,19 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
 }
 
 // slice_type 0 P, 1 B, 2 I. `poc_field` is pic_order_cnt_lsb (type 0) or delta_pic_order_cnt[0] (type 1).
+// `field`: 0 top, 1 bottom, under an SPS of fields; `weights`: a pred_weight_table of one luma and chroma entry.
 Nal hand_slice(uint32_t poc_type, bool idr, uint8_t ref_idc, uint32_t type, uint32_t frame_num, int32_t poc_field,
-               bool mmco5 = false) {
+               bool mmco5 = false, int field = -1, bool weights = false) {
   Bits b;
   b.ue(0).ue(type + 5).ue(0).u(4, frame_num);
+  if (field >= 0) b.u(1, 1).u(1, field);
   if (idr) b.ue(0);
   if (poc_type == 0) b.u(4, uint32_t(poc_field));
   if (poc_type == 1) b.se(poc_field);
   if (type == 1) b.u(1, 1);          // direct_spatial_mv_pred_flag
   if (type != 2) b.u(1, 0).u(1, 0);  // no override, no list modification
   if (type == 1) b.u(1, 0);
+  if (weights) b.ue(3).ue(4).u(1, 1).se(-2).se(5).u(1, 1).se(1).se(-1).se(2).se(-2);
   // dec_ref_pic_marking; with mmco5, every other operation (and its arguments, all 7) comes first.
   if (ref_idc) idr ? b.u(2, 0) : b.u(1, mmco5);
   if (ref_idc && mmco5) b.ue(1).ue(7).ue(2).ue(7).ue(3).ue(7).ue(7).ue(4).ue(7).ue(6).ue(7).ue(5).ue(0);
@@ -232,6 +249,13 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   Pocs sixes{0};
   for (uint32_t i = 1; i < 20; ++i) type1.push_back(hand_slice(1, false, 2, 0, i % 16, 0)), sixes.push_back(6 * i);
   EXPECT_EQ(pocs_of(t1, type1), sixes);
+  // Fields: a bottom field counts offset_for_top_to_bottom_field (3) more than its top.
+  HandSps fields;
+  fields.poc_type = 1, fields.cycle = {6}, fields.fields = true, fields.top_to_bottom = 3;
+  EXPECT_EQ(pocs_of(sets_of(fields.nal(), hand_pps()),
+                    {hand_slice(1, true, 3, 2, 0, 0, false, 0), hand_slice(1, true, 3, 2, 0, 0, false, 1),
+                     hand_slice(1, false, 3, 2, 1, 0, false, 0), hand_slice(1, false, 3, 2, 1, 0, false, 1)}),
+            (Pocs{0, 3, 6, 9}));
 
   // At exactly half the lsb range a fall is a wrap and a rise is not (§8.2.1.1); one more than half and a
   // rise is a wrap backwards. Only reference pictures move the reference point.
@@ -244,6 +268,10 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 4),
                          hand_slice(0, false, 2, 0, 2, 8, true), hand_slice(0, false, 2, 0, 1, 2)}),
             (Pocs{0, 4, 0, 2}));
+  // Under weighted prediction a P slice has its weights (§7.3.3.2) before the mmco 5 that is read after them.
+  EXPECT_EQ(pocs_of(sets_of(HandSps{}.nal(), hand_pps(0, 0, 0, 0, 0, true)),
+                    {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 8, true, -1, true)}),
+            (Pocs{0, 0}));
   // Type 2: non-reference pictures count one less; an IDR after other pictures starts again at 0.
   EXPECT_EQ(pocs_of(hand_sets(2), {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0),
                                    hand_slice(2, false, 0, 0, 2, 0), hand_slice(2, true, 3, 2, 0, 0)}),
@@ -261,8 +289,7 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   }
 }
 
-// §7.3.2.3.1 and §D.1.8 by hand: the recovery point is found after other messages (one of 300 bytes: size FF
-// 2D), and only payload type 6 counts (0xFF 0x06 is type 261).
+// §7.3.2.3.1, §D.1.8 by hand: the recovery point after other messages (one of 300 bytes: FF 2D); not type 261.
 TEST(H264Sei, RecoveryPointAmongOtherMessages) {
   const std::pair<std::string, int> cases[] = {
       {"06 06 02 24 40 80", 3},                                                // recovery_frame_cnt 3

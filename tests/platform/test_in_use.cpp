@@ -21,8 +21,7 @@ TEST(InUse, OneSlotPerLiveThreadGivenBackAtItsEndAndWaitedOn) {
   InUseSlot *ended = nullptr, *next = nullptr;
   std::thread([&] { (ended = in_use_slot())->record.store(&record); }).join();
   std::thread([&] { next = in_use_slot(); }).join();
-  EXPECT_EQ(ended->record.load(), nullptr);
-  EXPECT_EQ(next, ended);
+  EXPECT_TRUE(ended->record.load() == nullptr && next == ended);
   // A live thread has a slot of its own; a wait for its record lasts until the slot lets go of it.
   std::promise<void> release;
   std::promise<InUseSlot*> published;

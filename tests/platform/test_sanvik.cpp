@@ -1,6 +1,5 @@
-// tests/data/x264_sps_pps.h264: ffmpeg -f lavfi -i testsrc=size=160x120:rate=25 -frames:v 1 -pix_fmt yuv420p
-// -c:v libx264 -bsf:v filter_units=pass_types=7-8 -f h264. It holds 00 00 00 01, a 25-byte SPS (High profile
-// 100, level 1.1), 00 00 00 01 and a 6-byte PPS.
+// tests/data/x264_sps_pps.h264 (ffmpeg -f lavfi -i testsrc=size=160x120:rate=25 -frames:v 1 -pix_fmt yuv420p -c:v
+// libx264 -bsf:v filter_units=pass_types=7-8 -f h264): a 25-byte SPS (High, level 1.1) and a 6-byte PPS.
 #include "platform/sanvik.hpp"
 #include "support/paths.hpp"
 
@@ -34,12 +33,10 @@ TEST(Sanvik, ParameterSetsOfAnX264Stream) {
   const Found f(stream);
   std::array<uint8_t, 16> info{};
   EXPECT_TRUE(f.ok && Sanvik_Parse_SPSInfo(stream.data(), int(stream.size()), info.data()));
-  EXPECT_EQ(f.sps_hex(), kSps);
-  EXPECT_EQ(f.pps_hex(), kPps);
-  EXPECT_EQ(hex(info.data(), 4), "64 0B 00 00");  // profile_idc, level_idc, constraint flags
-  // Every prefix, as an exact-size heap copy: nothing past the length is read, what comes out is a prefix of
-  // the real unit, and a start code that ends the bytes is not taken into the SPS; SPSInfo needs the SPS's
-  // header and three bytes.
+  // profile_idc, level_idc, constraint flags
+  EXPECT_EQ(std::tuple(f.sps_hex(), f.pps_hex(), hex(info.data(), 4)), std::tuple(kSps, kPps, "64 0B 00 00"));
+  // Every prefix, an exact heap copy: only a prefix of the real unit comes out, never a start code that ends the
+  // bytes; SPSInfo needs the SPS's header and three bytes.
   for (std::size_t n = 1; n < stream.size(); ++n) {
     const Bytes cut(stream.begin(), stream.begin() + long(n));
     const Found part(cut);
@@ -52,26 +49,20 @@ TEST(Sanvik, ParameterSetsOfAnX264Stream) {
 }
 
 TEST(Sanvik, FirstOfEachTypeWithinCapacity) {
-  // Garbage first, 3- and 4-byte start codes, an SEI and padding zeros, then a second SPS and PPS that must
-  // not replace the first.
+  // Garbage, 3- and 4-byte start codes, an SEI, padding zeros, then a second SPS and PPS that replace nothing.
   Found f(unhex("12 34 00 00 01 06 05 01 AA 80 00 00 00 00 01 " + kSps + " 00 00 00 01 " + kPps +
                 " 00 00 01 67 42 C0 1E FF 00 00 01 68 CE 38 80"));
-  EXPECT_EQ(f.sps_hex(), kSps);
-  EXPECT_EQ(f.pps_hex(), kPps);
-  EXPECT_EQ(hex(f.sei.data(), std::size_t(f.sei_len)), "06 05 01 AA 80");
+  EXPECT_EQ(std::tuple(f.sps_hex(), f.pps_hex(), hex(f.sei.data(), std::size_t(f.sei_len))),
+            std::tuple(kSps, kPps, "06 05 01 AA 80"));
   EXPECT_FALSE(Found(unhex(kSps + kPps)).ok) << "bare units are not Annex B";
 
-  // An SPS larger than the buffer is dropped, not truncated, and a later one does not stand in for it; one of
-  // exactly the capacity fits.
+  // An SPS past the buffer is dropped, not cut, and no later one stands in for it; one of the capacity fits.
   Bytes big = unhex("00 00 00 01 67 64 00 1F");
   big.resize(4 + 1500, 0x11);
   const Bytes rest = unhex("00 00 01 " + kPps + " 00 00 01 " + kSps);
   big.insert(big.end(), rest.begin(), rest.end());
   f = Found(big);
-  EXPECT_FALSE(f.ok);
-  EXPECT_EQ(f.sps_len, 0);
-  EXPECT_EQ(f.sps[0], 0);
-  EXPECT_EQ(f.pps_hex(), kPps);
+  EXPECT_EQ(std::tuple(f.ok, f.sps_len, f.sps[0], f.pps_hex()), std::tuple(false, 0, 0, kPps));
   big.erase(big.begin() + 4 + SANVIK_PARAMSET_CAPACITY, big.begin() + 4 + 1500);
   EXPECT_EQ(Found(big).sps_len, SANVIK_PARAMSET_CAPACITY);
 }

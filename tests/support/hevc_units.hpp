@@ -77,10 +77,10 @@ struct HandSps {
       for (uint32_t i = 0; i < long_term; ++i) b.u(lsb_minus4 + 4, i).u(1, 1);
     }
     b.u(1, 1).u(1, 1).u(1, 1);
-    // VUI: SAR 255 (given), video signal, default display window, timing, HRD when asked, bitstream
-    // restriction.
+    // VUI: SAR 255 (given), video signal, chroma sample locations, default display window, timing, HRD when
+    // asked, bitstream restriction.
     b.u(1, 1).u(8, 255).u(16, 64).u(16, 45).u(1, 0).u(1, 1).u(3, 5).u(1, 0).u(1, 1).u(24, 0x010101);
-    b.u(1, 0).u(1, 0).u(1, 0).u(1, 0).u(1, 1).ue(0).ue(8).ue(0).ue(4);
+    b.u(1, 1).ue(2).ue(5).u(1, 0).u(1, 0).u(1, 0).u(1, 1).ue(0).ue(8).ue(0).ue(4);
     b.u(1, 1).u(32, 1001).u(32, 60000).u(1, 1).ue(1).u(1, hrd);
     if (hrd) {
       b.u(1, 1).u(1, 1).u(1, 1).u(8, 90).u(5, 23).u(1, 1).u(5, 23).u(4, 4).u(4, 6).u(4, 2).u(5, 23).u(5, 23).u(5, 23);
