@@ -7,6 +7,9 @@
 #   scripts/mutate.sh tools packet    only faults in these rooms
 #   MUTATE_ONLY=12,30 scripts/mutate.sh   only these faults (numbers as listed)
 #   MUTATE_FILTER='Mux.*:Probe*' ...  only the tests this GoogleTest filter selects
+#   MUTATE_KILLERS=1 ...              every test program runs whole, and each result
+#                                     line names the tests that failed: which test
+#                                     alone catches a fault, which only repeat others
 #
 # The working tree is never touched: tracked files (as they are now, edits
 # included) are copied to build/mutate/src, built in build/mutate/build.
@@ -64,6 +67,7 @@ wanted() {  # fault number, room
 # Every test program, the fault's own room first, stopping at the first
 # failure: what ctest runs, one process per room.
 run_suite() {
+  [ -n "${MUTATE_KILLERS:-}" ] && { run_all; return; }
   local r bin order=("$1")
   for r in frame platform packet parse tools; do [ "$r" = "$1" ] || order+=("$r"); done
   for r in "${order[@]}"; do
@@ -72,6 +76,29 @@ run_suite() {
     timeout 900 nice -n 10 "$bin" ${MUTATE_FILTER:+--gtest_filter="$MUTATE_FILTER"} || return 1
   done
   [ -n "${MUTATE_FILTER:-}" ] || "$build/tests/boxlane_test_c99"
+}
+
+# Every test program whole; the names of the failing tests go to $work/killers.
+# A program that dies or hangs names itself, as the rest of its tests did not run.
+run_all() {
+  local r bin failed=0
+  : >"$work/killers"
+  for r in frame platform packet parse tools c99; do
+    bin=$build/tests/boxlane_test_$r
+    [ -x "$bin" ] || continue
+    [ "$r" = c99 ] && [ -n "${MUTATE_FILTER:-}" ] && continue
+    timeout 900 nice -n 10 "$bin" ${MUTATE_FILTER:+--gtest_filter="$MUTATE_FILTER"} >"$work/room.log" 2>&1
+    case $? in
+      0) ;;
+      1) failed=1
+         sed -n 's/^\[  FAILED  \] \([^ ,]*\)[ ,].*(.*$/\1/p' "$work/room.log" | sort -u >"$work/room.killers"
+         [ -s "$work/room.killers" ] || echo "boxlane_test_$r" >"$work/room.killers"
+         cat "$work/room.killers" >>"$work/killers" ;;
+      *) failed=1 && echo "boxlane_test_$r(died)" >>"$work/killers" ;;
+    esac
+    cat "$work/room.log"
+  done
+  return $failed
 }
 
 declare -A caught missed
@@ -102,7 +129,9 @@ for i in $(seq 1 "$n"); do
     caught[$room]=$((${caught[$room]:-0} + 1))
   fi
   restore
-  echo "$i	$verdict	$room	$file	${whats[i]}" | tee -a "$results"
+  killers=
+  [ -n "${MUTATE_KILLERS:-}" ] && [ "$verdict" = CAUGHT ] && killers="	$(paste -sd' ' "$work/killers")"
+  echo "$i	$verdict	$room	$file	${whats[i]}$killers" | tee -a "$results"
 done
 # The tree back as it was, so the next run starts from a clean build.
 nice -n 10 cmake --build "$build" -j2 >/dev/null 2>&1 || true
@@ -114,3 +143,15 @@ for room in frame platform parse packet tools; do
   [ $((c + m)) -eq 0 ] && continue
   printf '%-10s %7d %7d %6d%%\n' "$room" "$c" "$m" $((100 * c / (c + m)))
 done | tee -a "$results"
+
+# With MUTATE_KILLERS: each test with the faults it catches and how many of them
+# no other test catches; a test that alone catches none only repeats others.
+if [ -n "${MUTATE_KILLERS:-}" ]; then
+  echo
+  awk -F'\t' '$2 == "CAUGHT" && NF > 5 {
+      n = split($6, t, " ")
+      for (i = 1; i <= n; i++) { all[t[i]]++; if (n == 1) alone[t[i]]++ }
+    }
+    END { for (k in all) printf "%5d %5d  %s\n", all[k], alone[k], k }' "$results" |
+    sort -k2,2n -k1,1n | { echo "caught alone  test"; cat; } | tee -a "$results"
+fi
