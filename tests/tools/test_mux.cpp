@@ -164,6 +164,8 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
     bytes[at] = uint8_t((bytes[at] & ~bits) | set);
     return bytes;
   };
+  auto empty_frame = cat({std::vector<uint8_t>(audio.begin(), audio.begin() + 7), audio});  // a 7-byte frame
+  empty_frame[3] &= 0xFC, empty_frame[4] = 0, empty_frame[5] |= 0xE0;                      // frame_length 7
   using P = HandmadePicture;
   const auto with_ids = [](std::vector<uint8_t> stream, uint32_t last, auto set) {  // `set` 1 to `last` after it
     for (uint32_t id = 1; id <= last; ++id) stream = cat({stream, set(id)});
@@ -253,6 +255,8 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
       {a + input("explicit_rate.aac", adts_with(2, 0x3C, 15 << 2)),  // sampling_frequency_index
        "at byte 0 gives sampling_frequency_index 15, an explicit sample rate, which ADTS does not allow"},
       {a + input("reserved_rate.aac", adts_with(2, 0x3C, 13 << 2)), "the reserved sampling_frequency_index 13"},
+      {a + input("reserved_14.aac", adts_with(2, 0x3C, 14 << 2)), "the reserved sampling_frequency_index 14"},
+      {a + input("empty_frame.aac", empty_frame), "empty ADTS frame at byte 0"},
       {a + input("no_pce.aac", adts_with(3, 0xC0, 0)), "does not start with the program_config_element"},
       {a + input("rate_change.aac", adts_with(second + 2, 0x3C, 4 << 2)),
        "the ADTS header at byte " + std::to_string(second) + " changes the sample rate"},

@@ -252,7 +252,8 @@ TEST_F(ProbeTool, SameJsonForEveryPieceSizeAndFromStandardInput) {
     ASSERT_EQ(run(probe + file, &whole), 0);
     for (const std::string& command :
          {probe + "--piece 1 " + file, probe + "--random-pieces 5000 --seed 99 " + file,
-          probe + "--pools 4 --piece 300 " + file, "cat " + file + " | " + probe + "--piece 999 -",
+          probe + "--random-pieces 1 " + file, probe + "--pools 4 --piece 300 " + file,
+          "cat " + file + " | " + probe + "--piece 999 -",
           probe + "--piece 999 " + shell_quote(name == moov_last_ ? upper_file : name)}) {
       EXPECT_EQ(run(command, &again), 0) << command;
       EXPECT_EQ(again, whole) << command;
@@ -260,8 +261,9 @@ TEST_F(ProbeTool, SameJsonForEveryPieceSizeAndFromStandardInput) {
   }
 }
 
-// probe asks for a track's samples 65536 at a time: a track of 70000 comes whole, one tick after another.
-TEST_F(ProbeTool, SamplesPastOneQueryWindow) {
+// probe asks for a track's samples 65536 at a time: a track of 70000 comes whole, one tick after another. The
+// parser holds 4096 untaken track fragments at most: probe takes each as its moof arrives, so 4100 come whole.
+TEST_F(ProbeTool, SamplesPastOneQueryWindowAndFragmentsPastTheParsersBound) {
   const std::string dir = temp_dir() + "/";
   std::vector<HandmadePicture> pictures(70000, {HandmadePicture::kSkipped});
   pictures[0].kind = HandmadePicture::kIdr;
@@ -272,6 +274,11 @@ TEST_F(ProbeTool, SamplesPastOneQueryWindow) {
   ASSERT_EQ(j.count("tracks.0.samples.decode_time"), 70000u);
   for (const int i : {65535, 65536, 69999})
     EXPECT_EQ(j["tracks.0.samples.decode_time." + std::to_string(i)], std::to_string(i));
+  write_file(dir + "idr.h264", handmade_h264(std::vector<HandmadePicture>(4100)));
+  ASSERT_EQ(run(shell_quote(tool_path()) + " mux -q --fps 25 --fragment 0.04 --video " + shell_quote(dir + "idr.h264") +
+                " -o " + shell_quote(dir + "idr.mp4")), 0);
+  const Json f = probe_json(shell_quote(dir + "idr.mp4"));
+  EXPECT_EQ(f["tracks.0.track_fragments"] + " " + f["tracks.0.sample_count"] + " " + f["complete"], "4100 4100 true");
 }
 
 TEST_F(ProbeTool, ErrorsNameWhatWentWrongAndWhere) {
