@@ -65,38 +65,30 @@ wanted() {  # fault number, room
 }
 
 # Every test program, the fault's own room first, stopping at the first
-# failure: what ctest runs, one process per room.
+# failure: what ctest runs, one process per room. With MUTATE_KILLERS every
+# program runs whole and the failing tests' names go to $work/killers; a
+# program that dies or hangs names itself, as the rest of its tests did not run.
 run_suite() {
-  [ -n "${MUTATE_KILLERS:-}" ] && { run_all; return; }
-  local r bin order=("$1")
+  local r bin status failed=0 order=("$1")
   for r in frame platform packet parse tools; do [ "$r" = "$1" ] || order+=("$r"); done
+  [ -n "${MUTATE_FILTER:-}" ] || order+=(c99)
+  : >"$work/killers"
   for r in "${order[@]}"; do
     bin=$build/tests/boxlane_test_$r
     [ -x "$bin" ] || continue
-    timeout 900 nice -n 10 "$bin" ${MUTATE_FILTER:+--gtest_filter="$MUTATE_FILTER"} || return 1
-  done
-  [ -n "${MUTATE_FILTER:-}" ] || "$build/tests/boxlane_test_c99"
-}
-
-# Every test program whole; the names of the failing tests go to $work/killers.
-# A program that dies or hangs names itself, as the rest of its tests did not run.
-run_all() {
-  local r bin failed=0
-  : >"$work/killers"
-  for r in frame platform packet parse tools c99; do
-    bin=$build/tests/boxlane_test_$r
-    [ -x "$bin" ] || continue
-    [ "$r" = c99 ] && [ -n "${MUTATE_FILTER:-}" ] && continue
-    timeout 900 nice -n 10 "$bin" ${MUTATE_FILTER:+--gtest_filter="$MUTATE_FILTER"} >"$work/room.log" 2>&1
-    case $? in
-      0) ;;
-      1) failed=1
-         sed -n 's/^\[  FAILED  \] \([^ ,]*\)[ ,].*(.*$/\1/p' "$work/room.log" | sort -u >"$work/room.killers"
-         [ -s "$work/room.killers" ] || echo "boxlane_test_$r" >"$work/room.killers"
-         cat "$work/room.killers" >>"$work/killers" ;;
-      *) failed=1 && echo "boxlane_test_$r(died)" >>"$work/killers" ;;
-    esac
+    status=0
+    timeout 900 nice -n 10 "$bin" ${MUTATE_FILTER:+--gtest_filter="$MUTATE_FILTER"} >"$work/room.log" 2>&1 || status=$?
     cat "$work/room.log"
+    [ "$status" = 0 ] && continue
+    [ -n "${MUTATE_KILLERS:-}" ] || return 1
+    failed=1
+    if [ "$status" = 1 ]; then
+      sed -n 's/^\[  FAILED  \] \([^ ,]*\)[ ,].*(.*$/\1/p' "$work/room.log" | sort -u >"$work/room.killers"
+      [ -s "$work/room.killers" ] || echo "boxlane_test_$r" >"$work/room.killers"
+      cat "$work/room.killers" >>"$work/killers"
+    else
+      echo "boxlane_test_$r(died)" >>"$work/killers"
+    fi
   done
   return $failed
 }
