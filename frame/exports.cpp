@@ -12,6 +12,7 @@ bool Boxlane_Parse_SetLimit(uint64_t nMaxBytes) { return m_MP4Parse.Boxlane_Pars
 bool Boxlane_Parse_Delete(const char* lpszClient) { return m_MP4Parse.Boxlane_Parse_Delete(lpszClient); }
 bool Boxlane_Parse_Send(const char* lpszClient, const uint8_t* lpszMsgBuffer, int32_t nMsgLen) { return m_MP4Parse.Boxlane_Parse_Send(lpszClient, lpszMsgBuffer, nMsgLen); }
 bool Boxlane_Parse_Recv(const char* lpszClient, QORVANE_MP4HDR* pSt_MP4Hdr, uint64_t* pInt_ParsePos) { return m_MP4Parse.Boxlane_Parse_Recv(lpszClient, pSt_MP4Hdr, pInt_ParsePos); }
+bool Boxlane_Parse_RecvEx(const char* lpszClient, BOXLANE_BOXINFO* pSt_BoxInfo, uint64_t* pInt_ParsePos) { return m_MP4Parse.Boxlane_Parse_RecvEx(lpszClient, pSt_BoxInfo, pInt_ParsePos); }
 bool Boxlane_Parse_GetFTyp(const char* lpszClient, QORVANE_HDRFTYP* pSt_FTyp) { return m_MP4Parse.Boxlane_Parse_GetFTyp(lpszClient, pSt_FTyp); }
 bool Boxlane_Parse_GetMVhd(const char* lpszClient, QORVANE_HDRMVHD* pSt_MVhd) { return m_MP4Parse.Boxlane_Parse_GetMVhd(lpszClient, pSt_MVhd); }
 bool Boxlane_Parse_GetTrack(const char* lpszClient, int32_t* pInt_TrackList) { return m_MP4Parse.Boxlane_Parse_GetTrack(lpszClient, pInt_TrackList); }

@@ -32,8 +32,9 @@ struct BOXLANE_MSGBUFFER {
   int32_t nBoxLen = 0;               // bytes needed before the split: box size, or 8
   bool bHdr = false;                 // the 8-byte box header is known
   bool bComplete = false;            // finished header record, ready for Recv
+  uint8_t byHeaderLen = 8;           // 16 for a box with a 64-bit size (size field 1)
   std::size_t nBufferSize = 0;       // capacity of ptszMsgBuffer
-  uint8_t byHeaderLen = 8;           // 16 for a box with a 64-bit size
+  uint64_t nOffset = 0;              // stream offset of the box's first byte
 };
 
 // The defaults a trex gives the fragments of its track (ISO/IEC 14496-12 §8.8.3).

@@ -145,6 +145,7 @@ Split split_run(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* d
     const BoxRow* row = (found.traits & kExtended) && !wide ? &kUnknownBox : &found;
     BOXLANE_MSGBUFFER entry;
     entry.st_MP4Hdr.enHType = row->code;
+    entry.nOffset = record.nParsePos;
 
     uint64_t header = kBoxHeader;
     uint64_t size = size_field;
@@ -153,6 +154,7 @@ Split split_run(CBoxlane_Parse& self, QORVANE_MP4PARSE& record, const uint8_t* d
       // (ISO/IEC 14496-12 §4.2): the box is reported with size 0 and the
       // stream ends here.
       if (!wide) {
+        entry.byHeaderLen = kLargeHeader;
         note_box(record, found.code);
         record.bStop = true;
         note_stop(record, BOXLANE_STOP_LARGESIZE, type);
@@ -261,17 +263,23 @@ bool CBoxlane_Parse::Boxlane_Parse_Packet(QORVANE_MP4PARSE* pSt_MP4Parse, const 
   }
 }
 
-bool CBoxlane_Parse::Boxlane_Parse_Recv(const char* lpszClient, QORVANE_MP4HDR* pSt_MP4Hdr, uint64_t* pInt_ParsePos) {
-  if (!pSt_MP4Hdr) {
-    boxlane::clear_error();
-    return boxlane::fail(BOXLANE_ERROR_PARSE_PARAMETER);
-  }
-  return boxlane::parse::with_client(*this, lpszClient, [&](QORVANE_MP4PARSE& record) {
+namespace {
+
+// Hands out the oldest finished record, with where its box lies when asked.
+bool take_record(CBoxlane_Parse& self, const char* client, QORVANE_MP4HDR* header, BOXLANE_BOXINFO* place,
+                 uint64_t* parse_pos) {
+  return boxlane::parse::with_client(self, client, [&](QORVANE_MP4PARSE& record) {
     auto& queue = *record.stl_ListMsg;
     if (queue.empty()) return boxlane::fail(BOXLANE_ERROR_PARSE_NODATA);
-    if (!boxlane::parse::finished(queue.front())) return boxlane::fail(BOXLANE_ERROR_PARSE_NOTREADY);
-    *pSt_MP4Hdr = queue.front().st_MP4Hdr;
-    if (pInt_ParsePos) *pInt_ParsePos = record.nParsePos;
+    const BOXLANE_MSGBUFFER& entry = queue.front();
+    if (!boxlane::parse::finished(entry)) return boxlane::fail(BOXLANE_ERROR_PARSE_NOTREADY);
+    *header = entry.st_MP4Hdr;
+    if (place) {
+      place->nOffset = entry.nOffset;
+      place->nHeaderLen = entry.byHeaderLen;
+      place->nReserved = 0;
+    }
+    if (parse_pos) *parse_pos = record.nParsePos;
     queue.pop_front();
     // Counted down on the record's own pool entry and under its mutex, as
     // the splitter counts up: the pool's count and the queue move together,
@@ -279,4 +287,22 @@ bool CBoxlane_Parse::Boxlane_Parse_Recv(const char* lpszClient, QORVANE_MP4HDR* 
     if (record.stPoolEntry) (void)Rendavo_TaskPool_EntryDecEx(*record.stPoolEntry);
     return true;
   });
+}
+
+}  // namespace
+
+bool CBoxlane_Parse::Boxlane_Parse_Recv(const char* lpszClient, QORVANE_MP4HDR* pSt_MP4Hdr, uint64_t* pInt_ParsePos) {
+  if (!pSt_MP4Hdr) {
+    boxlane::clear_error();
+    return boxlane::fail(BOXLANE_ERROR_PARSE_PARAMETER);
+  }
+  return take_record(*this, lpszClient, pSt_MP4Hdr, nullptr, pInt_ParsePos);
+}
+
+bool CBoxlane_Parse::Boxlane_Parse_RecvEx(const char* lpszClient, BOXLANE_BOXINFO* pSt_BoxInfo, uint64_t* pInt_ParsePos) {
+  if (!pSt_BoxInfo) {
+    boxlane::clear_error();
+    return boxlane::fail(BOXLANE_ERROR_PARSE_PARAMETER);
+  }
+  return take_record(*this, lpszClient, &pSt_BoxInfo->stHdr, pSt_BoxInfo, pInt_ParsePos);
 }

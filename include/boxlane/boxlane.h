@@ -320,6 +320,15 @@ typedef struct {
   uint32_t nReserved;
 } BOXLANE_STREAMINFO;
 
+/* A header record with the place of its box (Boxlane_Parse_RecvEx), in
+ * either mode. */
+typedef struct {
+  QORVANE_MP4HDR stHdr; /* the record Boxlane_Parse_Recv hands out */
+  uint64_t nOffset;     /* stream offset of the box's first byte */
+  uint32_t nHeaderLen;  /* its size and type fields: 8, or 16 for size field 1 (a container's first child starts here) */
+  uint32_t nReserved;
+} BOXLANE_BOXINFO;
+
 /* One sample, one record per sample in decode order
  * (Boxlane_Parse_GetTrackSamples, Boxlane_Parse_GetFragment). */
 typedef struct {
@@ -521,6 +530,10 @@ BOXLANE_API bool Boxlane_Parse_SetLimit(uint64_t nMaxBytes);
 /* The client's mode, whether and why its stream ended, and the kinds of box
  * it met. */
 BOXLANE_API bool Boxlane_Parse_GetStream(const char* lpszClient, BOXLANE_STREAMINFO* pSt_StreamInfo);
+/* Takes the oldest header record as Boxlane_Parse_Recv does, with where
+ * its box starts in the stream and how long its size and type fields are:
+ * a caller can place every box in the tree without counting sizes. */
+BOXLANE_API bool Boxlane_Parse_RecvEx(const char* lpszClient, BOXLANE_BOXINFO* pSt_BoxInfo, uint64_t* pInt_ParsePos);
 /* Every track id the client knows, in rising order of the unsigned track_ID
  * (so ids of 2^31 and more, which are keyed negative, come last). The array
  * belongs to the caller (Fundrel_Memory_Free). */

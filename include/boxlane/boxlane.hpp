@@ -56,6 +56,7 @@ class BOXLANE_API CBoxlane_Parse {
   // Splitter and header queue.
   bool Boxlane_Parse_Packet(QORVANE_MP4PARSE* pSt_MP4Parse, const uint8_t* lpszMsgBuffer, int nMsgLen);
   bool Boxlane_Parse_Recv(const char* lpszClient, QORVANE_MP4HDR* pSt_MP4Hdr, uint64_t* pInt_ParsePos);
+  bool Boxlane_Parse_RecvEx(const char* lpszClient, BOXLANE_BOXINFO* pSt_BoxInfo, uint64_t* pInt_ParsePos);
 
   // Box readers, called by the splitter with the payload (the bytes after the
   // 8-byte box header) and its exact length.

@@ -20,6 +20,7 @@ int main(void) {
   int32_t size = -1, sys = -1;
   uint64_t position = 0;
   QORVANE_MP4HDR hdr;
+  BOXLANE_BOXINFO place;
   static const uint8_t large_mdat[16] = {0, 0, 0, 1, 'm', 'd', 'a', 't', 0, 0, 0, 1, 0, 0, 0, 16};
 
   CHECK(sizeof(tag_Qorvane_AVProtocol) == 2150);
@@ -31,6 +32,7 @@ int main(void) {
   CHECK(sizeof(BOXLANE_SAMPLEINFO) == 40);
   CHECK(sizeof(BOXLANE_FRAGMENTINFO) == 72);
   CHECK(sizeof(BOXLANE_STREAMINFO) == 72);
+  CHECK(sizeof(BOXLANE_BOXINFO) == 40 && offsetof(BOXLANE_BOXINFO, nOffset) == 24);
   CHECK(sizeof(BOXLANE_TRACKINDEX) == 72);
 
   /* Right after loading: no failure recorded. */
@@ -54,6 +56,8 @@ int main(void) {
   CHECK(Boxlane_Parse_Recv("c99-ext", &hdr, &position));
   CHECK(hdr.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT && hdr.nBoxSize == 0x100000010ull);
   CHECK(position == 0x100000010ull);
+  CHECK(Boxlane_Parse_Send("c99-ext", large_mdat, 16) && Boxlane_Parse_RecvEx("c99-ext", &place, NULL));
+  CHECK(place.stHdr.nBoxSize == 0x100000010ull && place.nOffset == 0x100000010ull && place.nHeaderLen == 16);
   CHECK(Boxlane_Parse_Delete("c99-ext") && !Boxlane_IsErrorOccur);
   CHECK(!Boxlane_Parse_Recv("c99-ext", &hdr, NULL) && Boxlane_IsErrorOccur);
 

@@ -164,6 +164,7 @@ inline std::string record_line(const QORVANE_MP4HDR& h) {
 struct FeedResult {
   std::vector<QORVANE_MP4HDR> headers;  // in the order Recv handed them out
   std::vector<std::string> records;     // the same, each as one line of its fields
+  std::vector<std::pair<uint64_t, uint32_t>> places;  // each box's stream offset and header length
   uint64_t final_position = 0;
   bool events_matched = true;  // every drain took as many records as the pool counted
   uint64_t error = 0;          // the code of a failed Send, which ends the feed
@@ -183,9 +184,11 @@ inline FeedResult feed(const std::string& client, const std::vector<uint8_t>& st
     const int events = pending_events(client);
     std::size_t next = end;
     int taken = 0;
-    QORVANE_MP4HDR h;
-    for (uint64_t position = 0; Boxlane_Parse_Recv(client.c_str(), &h, &position); ++taken) {
+    BOXLANE_BOXINFO box;
+    for (uint64_t position = 0; Boxlane_Parse_RecvEx(client.c_str(), &box, &position); ++taken) {
+      const QORVANE_MP4HDR& h = box.stHdr;
       result.headers.push_back(h);
+      result.places.emplace_back(box.nOffset, box.nHeaderLen);
       result.records.push_back(record_line(h));
       if (h.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MDAT) {
         ended = h.nBoxSize == 0;
@@ -203,7 +206,8 @@ inline FeedResult feed(const std::string& client, const std::vector<uint8_t>& st
   return result;
 }
 inline void expect_same_feed(const FeedResult& got, const FeedResult& want, const std::string& how) {
-  EXPECT_EQ(std::tie(got.records, got.final_position, got.error), std::tie(want.records, want.final_position, want.error))
+  EXPECT_EQ(std::tie(got.records, got.places, got.final_position, got.error),
+            std::tie(want.records, want.places, want.final_position, want.error))
       << how;
   EXPECT_TRUE(got.events_matched) << how;
 }

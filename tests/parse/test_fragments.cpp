@@ -128,10 +128,18 @@ TEST_F(Extended, LargeSizesAreFollowedHoweverTheHeaderIsCut) {
   EXPECT_EQ(std::tuple(whole.headers[1].nBoxSize, whole.headers[2].nBoxSize, whole.headers.back().nBoxSize,
                        whole.final_position, stream_info("large/whole").nLargeBoxes),
             std::tuple(uint64_t{24}, uint64_t(moov.size() + 8), mdat_size, stream.size() - 20 + mdat_size, 3u));
+  // Where each box starts: a 64-bit header is 16 bytes, and a container's first child follows it.
+  using Places = std::vector<std::pair<uint64_t, uint32_t>>;
+  const uint64_t ftyp = movie_ftyp().size(), moov_at = ftyp + 24;
+  EXPECT_EQ(Places(whole.places.begin(), whole.places.begin() + 5),
+            (Places{{0, 8}, {ftyp, 16}, {moov_at, 16}, {moov_at + 16, 8}, {moov_at + 16 + 108, 8}}));
+  EXPECT_EQ(whole.places.back(), std::pair(moov_at + moov.size() + 8, 16u));
   for (std::size_t cut = 1; cut < stream.size(); ++cut)
     expect_same_feed(feed(extended("large/cut " + std::to_string(cut)), stream, {cut}), whole, "cut at " + std::to_string(cut));
   // The basic mode reports the free box with size 0 and stops there.
-  EXPECT_EQ(codes(feed(client_, stream).headers), (Codes{1, 0}));
+  const FeedResult basic = feed(client_, stream);
+  EXPECT_EQ(codes(basic.headers), (Codes{1, 0}));
+  EXPECT_EQ(basic.places, (Places{{0, 8}, {ftyp, 16}}));
   EXPECT_EQ(stream_info(client_).nStop, uint32_t{BOXLANE_STOP_LARGESIZE});
 }
 

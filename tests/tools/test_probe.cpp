@@ -425,6 +425,17 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
   const std::size_t tree = text.find("\nboxes, as the parser walked them:\n");
   EXPECT_NE(text.find("\n         140          92      tkhd (311)  version 0 flags 000003\n", tree), std::string::npos)
       << text;
+  // The same movie box with a 64-bit size: its children start 16 bytes in, and the tree stays whole.
+  auto wide = read_file(file);
+  const TopBox moov = top_boxes(wide).at(1);
+  const Bytes large = Bytes().u64(moov.size + 8);
+  set_be32(wide, moov.offset, 1);
+  wide.insert(wide.begin() + long(moov.offset + 8), large.begin(), large.end());
+  write_file(dir + "wide", wide);
+  std::string wide_text;
+  ASSERT_EQ(probe("--boxes " + shell_quote(dir + "wide"), &wide_text), 0);
+  EXPECT_NE(wide_text.find("\n         148          92      tkhd (311)  version 0 flags 000003\n"), std::string::npos)
+      << wide_text;
   text.erase(tree);
   EXPECT_EQ(text.erase(text.find("  codec:"), text.find("  dimensions:") - text.find("  codec:")),
             file + ": 501 bytes\nfile type:   isom, minor version 0\n"

@@ -1,7 +1,7 @@
 // Places header records in the box tree as they arrive: the parser walks
 // boxes in stream order, stepping into a container's first child and over
-// anything else whole (mdat payloads included), so each record's offset and
-// depth follow from the sizes of the records before it.
+// anything else whole (mdat payloads included), so a box's depth is the
+// number of containers still open at its offset.
 #pragma once
 
 #include <boxlane/boxlane.h>
@@ -21,21 +21,16 @@ struct PlacedBox {
 
 class BoxWalk {
  public:
-  PlacedBox place(const QORVANE_MP4HDR& header) {
-    while (!open_ends_.empty() && offset_ >= open_ends_.back()) open_ends_.pop_back();
-    const PlacedBox box{header, offset_, static_cast<int>(open_ends_.size())};
-    if (is_container(header.enHType)) {
-      open_ends_.push_back(offset_ + header.nBoxSize);
-      offset_ += 8;
-    } else {
-      offset_ += header.nBoxSize;
-    }
+  PlacedBox place(const BOXLANE_BOXINFO& record) {
+    const QORVANE_MP4HDR& header = record.stHdr;
+    while (!open_ends_.empty() && record.nOffset >= open_ends_.back()) open_ends_.pop_back();
+    const PlacedBox box{header, record.nOffset, static_cast<int>(open_ends_.size())};
+    if (is_container(header.enHType)) open_ends_.push_back(record.nOffset + header.nBoxSize);
     return box;
   }
 
  private:
   std::vector<uint64_t> open_ends_;  // where each open container ends
-  uint64_t offset_ = 0;
 };
 
 // What a report needs of the records when it does not list them all.

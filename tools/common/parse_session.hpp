@@ -38,7 +38,7 @@ struct SessionResult {
   std::string error;             // set when !ok: what went wrong and where
   uint64_t stream_bytes = 0;     // bytes of input seen, mdat payloads included
   uint64_t sent_bytes = 0;       // bytes handed to the parser
-  std::deque<QORVANE_MP4HDR> records;   // in the order the workers took them, when kept
+  std::deque<BOXLANE_BOXINFO> records;  // in the order the workers took them, when kept
   RecordSummary summary;                // of every record, kept or not
   FragmentLog fragments;                // the track fragments they took
   // The parser's code when it stopped the stream by refusing a box (0 when

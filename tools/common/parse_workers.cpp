@@ -32,7 +32,7 @@ void ParseWorkers::stop() {
   threads_.clear();
 }
 
-std::deque<QORVANE_MP4HDR> ParseWorkers::take_records() {
+std::deque<BOXLANE_BOXINFO> ParseWorkers::take_records() {
   std::lock_guard gate(library_gate());
   return std::move(records_);
 }
@@ -43,14 +43,14 @@ void ParseWorkers::drain_client(const char* client) {
 }
 
 void ParseWorkers::take_from(const char* client) {
-  QORVANE_MP4HDR header{};
+  BOXLANE_BOXINFO record{};
   // No record, or only an unfinished box: the next event brings more.
-  while (Boxlane_Parse_Recv(client, &header, nullptr)) {
+  while (Boxlane_Parse_RecvEx(client, &record, nullptr)) {
     // A moof's track fragments wait from the moment its record does:
     // taken now, oldest first, the parser keeps none of them.
-    if (header.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOF) fragments_.take(client);
-    summary_.add(walk_.place(header));
-    if (keep_records_) records_.push_back(header);
+    if (record.stHdr.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOF) fragments_.take(client);
+    summary_.add(walk_.place(record));
+    if (keep_records_) records_.push_back(record);
   }
 }
 

@@ -36,7 +36,7 @@ class ParseWorkers {
   void drain_client(const char* client);
   // The records taken so far (none unless kept), and their summary; call
   // after stop().
-  std::deque<QORVANE_MP4HDR> take_records();
+  std::deque<BOXLANE_BOXINFO> take_records();
   RecordSummary summary() const { return summary_; }
   // The track fragments taken so far; call after stop().
   FragmentLog take_fragments() { return std::move(fragments_); }
@@ -56,7 +56,7 @@ class ParseWorkers {
   std::condition_variable stopped_;  // signalled as each worker leaves
   bool keep_records_;
   // Filled under the library gate.
-  std::deque<QORVANE_MP4HDR> records_;  // grows without moving what it holds
+  std::deque<BOXLANE_BOXINFO> records_;  // grows without moving what it holds
   BoxWalk walk_;
   RecordSummary summary_;
   FragmentLog fragments_;  // filled under the library gate

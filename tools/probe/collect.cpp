@@ -92,7 +92,7 @@ bool ProbeTrack::is_hevc() const {
   return fourcc == "hvc1" || fourcc == "hev1";
 }
 
-void place_records(ProbeReport& report, std::deque<QORVANE_MP4HDR> records, const RecordSummary& summary) {
+void place_records(ProbeReport& report, std::deque<BOXLANE_BOXINFO> records, const RecordSummary& summary) {
   report.boxes = std::move(records);
   report.records = summary;
   report.have_ftyp = summary.ftyp;

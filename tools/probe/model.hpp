@@ -121,7 +121,7 @@ struct ProbeReport {
   int unlisted_tracks = 0;
   // Every header record in stream order, listed with --json and --boxes
   // only; walk_boxes places them in the tree.
-  std::deque<QORVANE_MP4HDR> boxes;
+  std::deque<BOXLANE_BOXINFO> boxes;
   RecordSummary records;        // of every header record, listed or not
   bool strict = false;           // the client was inserted in the basic mode (--strict)
   BOXLANE_STREAMINFO stream{};   // where the parser's reading of the stream stands
@@ -141,12 +141,12 @@ struct ProbeReport {
 };
 
 // Fills boxes (when kept), records and what follows from them.
-void place_records(ProbeReport& report, std::deque<QORVANE_MP4HDR> records, const RecordSummary& summary);
+void place_records(ProbeReport& report, std::deque<BOXLANE_BOXINFO> records, const RecordSummary& summary);
 // Calls visit(const ProbeBox&) for each of the report's boxes in order.
 template <typename Visit>
 void walk_boxes(const ProbeReport& report, Visit visit) {
   BoxWalk walk;
-  for (const QORVANE_MP4HDR& header : report.boxes) visit(walk.place(header));
+  for (const BOXLANE_BOXINFO& record : report.boxes) visit(walk.place(record));
 }
 // Asks the parser everything about the client, and joins the fragments the
 // workers took to their tracks (with every sample when `samples`), and
