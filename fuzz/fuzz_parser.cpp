@@ -19,9 +19,11 @@ struct Record {
   uint16_t uuid;
   uint8_t version;
   uint8_t flags[3];
+  uint64_t offset;  // where the box starts, and its header length
+  uint32_t header;
   bool operator==(const Record& o) const {
     return size == o.size && type == o.type && uuid == o.uuid && version == o.version &&
-           std::memcmp(flags, o.flags, 3) == 0;
+           std::memcmp(flags, o.flags, 3) == 0 && offset == o.offset && header == o.header;
   }
 };
 
@@ -129,11 +131,16 @@ std::vector<Record> feed(const char* client, const uint8_t* data, std::size_t si
     const std::size_t piece = std::min<std::size_t>(size - offset, 1 + (seed >> 8) % max_piece);
     const bool sent = Boxlane_Parse_Send(client, data + offset, static_cast<int32_t>(piece));
     offset += piece;
-    QORVANE_MP4HDR hdr;
+    BOXLANE_BOXINFO box;
     uint64_t position = 0;
-    while (Boxlane_Parse_Recv(client, &hdr, &position)) {
-      Record r{hdr.nBoxSize, static_cast<int>(hdr.enHType), hdr.wUUIDHead, hdr.byVersion, {}};
+    while (Boxlane_Parse_RecvEx(client, &box, &position)) {
+      const QORVANE_MP4HDR& hdr = box.stHdr;
+      Record r{hdr.nBoxSize, static_cast<int>(hdr.enHType), hdr.wUUIDHead, hdr.byVersion, {}, box.nOffset, box.nHeaderLen};
       std::memcpy(r.flags, hdr.byFlags, 3);
+      // Boxes come in stream order, each after the last one's header.
+      if ((box.nHeaderLen != 8 && box.nHeaderLen != 16) ||
+          (!records.empty() && box.nOffset < records.back().offset + records.back().header))
+        std::abort();
       // Size field 0 runs to the end of the piece: a cut-dependent box.
       if (hdr.nBoxSize == 0) cut_dependent = true;
       records.push_back(r);
