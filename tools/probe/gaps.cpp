@@ -109,7 +109,7 @@ void mark_missing(ProbeReport& report) {
     if (s.nDroppedFragments)
       missing.push_back("track fragments released before probe took them may hold samples of this track");
     if (report.strict && (track.id < 0 || track.id > 9))
-      notes.push_back("track id " + std::to_string(static_cast<uint32_t>(track.id)) +
+      notes.push_back("track id " + std::to_string(track.unsigned_id()) +
                       " lies outside 0 to 9: Boxlane_Parse_GetTrack does not name it (Boxlane_Parse_GetTrackIDs does)");
     if (const std::string lost = fragment_problems(track.fragments.problems, true); !lost.empty())
       missing.push_back("in its fragments: " + lost);

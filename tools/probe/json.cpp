@@ -150,7 +150,7 @@ void write_samples(JsonWriter& json, const std::vector<IndexSample>& samples) {
 void write_track(JsonWriter& json, const ProbeTrack& track, bool samples) {
   const ProbeFacts& f = track.facts;
   json.begin_object();
-  json.member("id", track.id);
+  json.member("id", track.unsigned_id());
   json.member("complete", f.missing.empty());
   write_strings(json, "missing", f.missing);
   json.member("handler", track.handler());

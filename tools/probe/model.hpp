@@ -80,7 +80,9 @@ struct ProbeAudioConfig {
 };
 
 struct ProbeTrack {
-  int32_t id = 0;
+  int32_t id = 0;  // as the parser keys it: ids of 2^31 and more are negative
+  // The tkhd's track_ID as stored, unsigned (ISO/IEC 14496-12 §8.3.2).
+  uint32_t unsigned_id() const { return static_cast<uint32_t>(id); }
   QORVANE_HDRTKHD tkhd{};
   QORVANE_HDRMDHD mdhd{};
   QORVANE_HDRHDLR hdlr{};

@@ -82,7 +82,7 @@ void track_block(std::string& out, const ProbeTrack& track) {
   const ProbeFacts& f = track.facts;
   const std::string handler = track.handler();
   const std::string name = track.handler_name();
-  add(out, "\ntrack %d: %s (handler '%s', \"%s\")%s\n", track.id, kind(handler).c_str(),
+  add(out, "\ntrack %u: %s (handler '%s', \"%s\")%s\n", track.unsigned_id(), kind(handler).c_str(),
       printable_text(handler.data(), handler.size()).c_str(), printable_text(name.data(), name.size()).c_str(),
       f.missing.empty() ? "" : ", INCOMPLETE");
   for (const auto& gap : f.missing) add(out, "  missing:     %s\n", gap.c_str());
@@ -125,7 +125,7 @@ void table_rows(std::string& out, const char* name, const char* columns, const R
 
 void track_tables(std::string& out, const ProbeTrack& track) {
   const ProbeTables& t = track.tables;
-  add(out, "\ntrack %d tables:\n", track.id);
+  add(out, "\ntrack %u tables:\n", track.unsigned_id());
   table_rows(out, "stts", "sample_count sample_delta", t.stts, 2);
   table_rows(out, "ctts", "sample_count sample_offset", t.ctts, 2);
   table_rows(out, "stsc", "first_chunk samples_per_chunk sample_description_index", t.stsc, 3);
@@ -146,7 +146,7 @@ void track_tables(std::string& out, const ProbeTrack& track) {
 // Every sample in decode order: times in the track's time scale,
 // composition before any edit list.
 void track_samples(std::string& out, const ProbeTrack& track) {
-  add(out, "\ntrack %d samples: %zu (decode_time composition_time duration size offset, K: sync)\n", track.id,
+  add(out, "\ntrack %u samples: %zu (decode_time composition_time duration size offset, K: sync)\n", track.unsigned_id(),
       track.samples.size());
   std::size_t index = 0;
   for (const IndexSample& s : track.samples)
