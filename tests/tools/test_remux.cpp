@@ -16,6 +16,7 @@
 #include "support/ffmpeg.hpp"
 #include "support/mp4_rewrite.hpp"
 #include "support/paths.hpp"
+#include "support/readers.hpp"
 #include "tools/common/edit_list.hpp"
 #include "tools/remux/edit_lists.hpp"
 #include "tools/remux/timeline.hpp"
@@ -38,6 +39,18 @@ std::vector<std::string> headers(const std::string& path) {
   if (const std::size_t at = s.find("mp4a", s.find("stsd")); at != std::string::npos)
     rows.push_back(hex(&b[at + 20], 12));
   return rows;
+}
+
+// The mvhd's duration, then each tkhd's, in ms (version 0 boxes): the presentation, edit lists included.
+std::vector<long> durations(const std::string& path) {
+  const auto b = read_file(path);
+  const std::string s(b.begin(), b.end());
+  const std::size_t mvhd = s.find("mvhd");
+  const double scale = be32(b, mvhd + 16) / 1000.0;
+  std::vector<long> ms{std::lround(be32(b, mvhd + 20) / scale)};
+  for (std::size_t at = s.find("tkhd"); at != std::string::npos; at = s.find("tkhd", at + 4))
+    ms.push_back(std::lround(be32(b, at + 24) / scale));
+  return ms;
 }
 
 // What ffprobe reads of a kind's stream and of its every packet in decode order, decode times from the first
@@ -146,6 +159,9 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
       EXPECT_EQ(decoded_md5s(dir + file, kind), want) << kind;
       EXPECT_EQ(index_of(dir + file, kind), index_of(source, kind)) << kind;
     }
+    if (durations(source)[0]) {  // an empty_moov's are 0
+      EXPECT_EQ(durations(dir + file), durations(source));
+    }
     const auto boxes = boxes_of(dir + file);
     ASSERT_EQ(boxes.size(), 3u);
     EXPECT_EQ(boxes[1].type, file == "fast.mp4" ? "moov" : "mdat");
@@ -164,6 +180,17 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
     ASSERT_EQ(remux("source.mp4 --fragment 1.00004 -o longer.mp4", dir), 0);
     expect_fragment_layout(dir + "longer.mp4", 1.00004);
   }
+  if (!in.video) {  // 10 us, below half a tick of 1/44100 s: a frame a fragment
+    ASSERT_EQ(remux("source.mp4 --fragment 0.00001 -o tiny.mp4", dir, &out), 0) << out;
+    EXPECT_NE(out.find(" in 174 fragments, "), std::string::npos) << out;
+  }
+  // mp4box.js: the mfra points at every moof, as each opens on a sync sample of track 1.
+  std::vector<uint64_t> moofs, indexed;
+  for (const TopBox& box : boxes_of(dir + "fragmented.mp4"))
+    if (box.type == "moof") moofs.push_back(box.offset);
+  for (const auto& [track, offset] : read_with_mp4box(dir + "fragmented.mp4").tfra)
+    if (track == 1) indexed.push_back(offset);
+  EXPECT_EQ(indexed, moofs);
   if (in.video && in.audio) {
     EXPECT_EQ(expect_audio_follows_the_cuts(dir + "fragmented.mp4") > 0, in.audio_frame_at_a_cut);
   }
@@ -225,9 +252,10 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   auto far = whole;
   set_be32(far, std::string(whole.begin(), whole.end()).find("stco") + 12, 0x7F000000);
   write_file(dir + "far_sample.mp4", far);
-  // A video sample whose first NAL unit claims more bytes than it holds: found after the output was opened.
+  // A video sample whose first NAL unit claims one byte more than it holds: found after the output was opened.
   auto broken = whole;
-  std::fill_n(broken.begin() + long(packets_by_track(dir + "two_audio.mp4").at(1).at(3).pos), 4, uint8_t{0x7F});
+  const PacketRow fourth = packets_by_track(dir + "two_audio.mp4").at(1).at(3);
+  set_be32(broken, std::size_t(fourth.pos), uint32_t(fourth.size - 3));
   write_file(dir + "broken.mp4", broken);
   ASSERT_EQ(::link((dir + "two_audio.mp4").c_str(), (dir + "hard_link.mp4").c_str()), 0);
   ASSERT_EQ(::symlink("two_audio.mp4", (dir + "soft_link.mp4").c_str()), 0);
@@ -281,6 +309,7 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
     std::string out;
     EXPECT_EQ(remux("-q " + c.args, dir, &out), c.status);
     EXPECT_NE(out.find(c.message), std::string::npos) << out;
+    EXPECT_EQ(out.find("left out"), std::string::npos) << "-q: " << out;
     EXPECT_EQ(read_file(dir + "out.mp4"), unhex("6F6C64"));
     EXPECT_EQ(read_file(dir + "two_audio.mp4"), whole);
     EXPECT_EQ(run("ls -a " + shell_quote(dir) + " | grep -q '^\\.[^.]'"), 1) << "a temporary file is left";
@@ -295,6 +324,13 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   // So is a track without samples (its stts made empty).
   ASSERT_EQ(remux("no_samples.mp4 --skip-unsupported -o out.mp4", dir, &out), 0) << out;
   EXPECT_NE(out.find("boxlane remux: no_samples.mp4: track 1 has no samples; left out\n"), std::string::npos) << out;
+  // The audio's edit made 3 s long, the video's 2: the movie lasts as long as its longer track.
+  auto longer = whole;
+  const std::string text(whole.begin(), whole.end());
+  set_be32(longer, text.find("elst", text.find("elst") + 4) + 12, 3000);
+  write_file(dir + "longer.mp4", longer);
+  ASSERT_EQ(remux("longer.mp4 --skip-unsupported -o out.mp4", dir, &out), 0) << out;
+  EXPECT_NE(out.find("; 3.00 s, "), std::string::npos) << out;
 }
 
 using tool::EditEntry;
