@@ -13,12 +13,15 @@
 #
 # The working tree is never touched: tracked files (as they are now, edits
 # included) are copied to build/mutate/src, built in build/mutate/build.
-# A fault that does not compile counts as neither caught nor missed.
+# A fault that does not compile counts as neither caught nor missed. The suite
+# first runs once without a fault and must pass: a test that fails anyway
+# would count every fault as caught.
 # Results go to build/mutate/results.txt, one line per fault.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
-ensure_packages "${BOXLANE_BUILD_PACKAGES[@]}" ffmpeg perl
+ensure_packages "${BOXLANE_BUILD_PACKAGES[@]}" "${BOXLANE_READER_PACKAGES[@]}" perl
+command -v npm >/dev/null || ensure_packages nodejs npm
 
 list=${MUTATE_LIST:-scripts/mutations.txt}
 work=${MUTATE_DIR:-build/mutate}
@@ -34,6 +37,7 @@ git ls-files -z | grep -zv "^fuzz/corpus/" | while IFS= read -r -d '' f; do
   cmp -s "$f" "$src/$f" || { mkdir -p "$src/$(dirname "$f")" && cp "$f" "$src/$f"; }
 done
 cmake -S "$src" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBOXLANE_SANITIZE=address >/dev/null
+install_npm_packages "$build/npm"
 nice -n 10 cmake --build "$build" -j2 >/dev/null
 
 # The faults: "@ path | what it breaks", then "- text" (found exactly once in
@@ -92,6 +96,11 @@ run_suite() {
   done
   return $failed
 }
+
+if ! run_suite none >"$work/test.log" 2>&1; then
+  echo "mutate: the suite fails without a fault (see $work/test.log); no fault can be judged" >&2
+  exit 1
+fi
 
 declare -A caught missed
 : >"$results"
