@@ -11,6 +11,10 @@
 #if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 uint64_t allocated() { return __sanitizer_get_current_allocated_bytes(); }
+#elif defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
+// The thread sanitizer's allocator counts whole size classes, glibc's counters none of its blocks.
+#define BOXLANE_NO_ALLOCATION_COUNT 1
+uint64_t allocated() { return 0; }
 #else
 uint64_t allocated() { return mallinfo2().uordblks; }
 #endif
@@ -87,6 +91,9 @@ class ClientLimit : public ::testing::TestWithParam<std::tuple<Shape, uint32_t>>
 };
 
 TEST_P(ClientLimit, HoldsNoMoreThanTheBound) {
+#ifdef BOXLANE_NO_ALLOCATION_COUNT
+  GTEST_SKIP() << "no allocator count that measures what the bound models";
+#endif
   const auto& [shape, flags] = GetParam();
   const Bytes stream = shape.stream();
   const uint64_t before = allocated();
