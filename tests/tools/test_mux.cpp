@@ -188,7 +188,7 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
   } runs[] = {
       {v + " --fps 1000", "10 frames at 1000 fps", true},
       {v + " --fps 1000000/40000", "10 frames at 25 fps", true},
-      {v + " --fps 12.5", "10 frames at 12.500 fps", true},
+      {v + " --fps 12.5 --faststart", "10 frames at 12.500 fps.* \\(faststart\\), written", true},
       {"--video " + shell_quote(fastest), "20 frames at 1000 fps", true},
       {"--video " + shell_quote(slowest), "2 frames at 0.500 fps", true},
       // One frame of 2^31 - 1 ticks, the longest an stts delta holds.
@@ -207,7 +207,8 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
       {"--video " + input("no_idr.h264", handmade_h264({{P::kSkipped}, {P::kSkipped}, {P::kIntra}})),
        "no IDR picture or recovery point found, so none of its 3 pictures"},
       // An avcC counts its SPSs in 5 bits (ISO/IEC 14496-15 §5.3.3.1).
-      {"--video " + input("sps_31.h264", with_ids(one, 30, handmade_sps)), "16x16, 1 frame at 25 fps; 0.04 s", true},
+      {"--video " + input("sps_31.h264", with_ids(one, 30, handmade_sps)),
+       "assuming 25 .set it with --fps.\n.*16x16, 1 frame at 25 fps; 0.04 s", true},
       {"--video " + input("sps_32.h264", with_ids(one, 31, handmade_sps)), "more than 31 SPSs"},
       {"--video " + shell_quote(dir + "sps_31.h264") + " --fragment 1", "no frame rate in the stream; assuming 25",
        true},
@@ -268,6 +269,7 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
       {v + " --fps 0", "--fps takes a rate such as 25, 29.97 or 30000/1001, not '0'"},
       {v + " --fps 1001/0", "--fps takes"},
       {v + " --fps 1001/1", "--fps takes"},  // 1000 frames a second at most
+      {v + " --fps 1000.5", "--fps takes"},
       {v + " --timescale 20", "time scale 20 is too coarse"},
       {v + " --fps 25 --timescale 24", "time scale 24 is too coarse"},
       {a + shell_quote(src.audio) + " --timescale 46", "time scale 46 is too coarse"},  // 48000 / 1024
@@ -283,6 +285,7 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
       {v + " --bogus", "unknown option"},
       {"", "give --video, --audio or both"},
       {v + " -o " + shell_quote(dir + "new/"), "names a directory, not a file"},
+      {v + " -o " + shell_quote(dir + "."), "output '.*/.' is a directory"},
       {v + " -o " + shell_quote(dir + "no/dir/out.mp4"), "cannot write"},
   };
   const std::string out = dir + "out.mp4";

@@ -246,7 +246,8 @@ TEST(MuxFragments, InputsThatStopOrChangeKeepWhatCameBefore) {
     length = ((audio[frame + 3] & 3u) << 11) | (audio[frame + 4] << 3) | (audio[frame + 5] >> 5);
     if (frame + length > cut) break;
   }
-  run_on("--audio " + shell_quote(dir + "cut.aac"), "stops in the middle of a frame at byte " + std::to_string(frame));
+  run_on("--audio " + shell_quote(dir + "cut.aac"), "stops in the middle of a frame at byte " + std::to_string(frame) +
+                                                     "; " + out + " ends with the last whole frames before it");
   EXPECT_EQ(probe_packets(out, 'a').size(), whole);
   // H.264 stopped just after the header of its last NAL unit.
   std::size_t last = video.size();
