@@ -56,6 +56,12 @@ std::vector<uint8_t> handmade_sps(uint32_t id) {
   return out;
 }
 
+std::vector<uint8_t> handmade_pps(uint32_t id) {
+  std::vector<uint8_t> out;
+  nal(out, pps(id));
+  return out;
+}
+
 std::vector<uint8_t> handmade_h264(const std::vector<HandmadePicture>& pictures, bool with_parameter_sets) {
   std::vector<uint8_t> out;
   if (with_parameter_sets) {

@@ -18,8 +18,9 @@ struct HandmadePicture {
   bool captions = false;                             // an A/53 caption SEI before it
 };
 
-// The SPS of these streams with another seq_parameter_set_id, after a start code.
+// The SPS, or a PPS, of these streams with another id, after a start code.
 std::vector<uint8_t> handmade_sps(uint32_t id);
+std::vector<uint8_t> handmade_pps(uint32_t id);
 
 // SPS, PPS 0 and PPS 1 (when `with_parameter_sets`), then the pictures, each NAL unit after a 4-byte start
 // code. frame_num counts the reference pictures from the last IDR.
