@@ -249,6 +249,9 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
       {"--video " + shell_quote(other) + " --video-codec hevc", "is this an H.265 stream"},
       {v + " --video-codec h265 --fragment 1", "told that the stream is H.265, but its parameter sets are H.264's"},
       {v + " --video-codec avc", "H.264 160x120, 10 frames", true},
+      // The short and long forms, nothing said.
+      {"-v " + shell_quote(src.video) + " -a " + shell_quote(src.audio) + " --video-codec h264 --quiet --output " +
+       shell_quote(dir + "out.mp4"), "^$", true},
       {v + " --video-codec auto", "H.264 160x120, 10 frames", true},
       {v + " --video-codec vp9", "--video-codec takes h264, h265"},
       {v + " --audio " + input("lost.aac", adts_with(second, 0xFF, 0x12)),  // the second frame's sync word
@@ -306,9 +309,11 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
     }
     fs::remove(out);
   }
-  std::string usage;  // on standard output
-  EXPECT_EQ(run(shell_quote(tool_path()) + " mux --help 2>/dev/null", &usage), 0);
-  EXPECT_EQ(usage.rfind("usage: boxlane mux ", 0), 0u) << usage;
+  for (const char* help : {"--help", "-h"}) {
+    std::string usage;  // on standard output
+    EXPECT_EQ(run(shell_quote(tool_path()) + " mux " + help + " 2>/dev/null", &usage), 0);
+    EXPECT_EQ(usage.rfind("usage: boxlane mux ", 0), 0u) << usage;
+  }
   // A failing run leaves an existing target as it was, and no temporary file.
   write_file(out, {'o', 'l', 'd'});
   EXPECT_NE(mux("--audio " + shell_quote(dir + "lost.aac") + " -o " + shell_quote(out)).status, 0);
