@@ -226,6 +226,9 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
         {"aac_69.mp4", "esds", 21, 0x69}, {"nal_2.mp4", "avcC", 8, 0xFD}, {"avc3.mp4", "avc1", 3, '3'},
         {"no_config.mp4", "esds", 34, 6}, {"no_samples.mp4", "stts", 11, 0}})
     patch(dir + "two_audio.mp4", dir + name, box, at, uint8_t(value));
+  auto no_samples = read_file(dir + "no_samples.mp4");  // and its track id 2^31 + 1
+  set_be32(no_samples, std::string(no_samples.begin(), no_samples.end()).find("tkhd") + 16, 0x80000001);
+  write_file(dir + "no_samples.mp4", no_samples);
   // The mp4a entry's rate field at its highest, 65535 Hz, which the writer's 16-bit field still holds.
   patch(dir + "two_audio.mp4", dir + "rate_65535.mp4", "mp4a", 28, 0xFF);
   patch(dir + "rate_65535.mp4", dir + "rate_65535.mp4", "mp4a", 29, 0xFF);
@@ -323,7 +326,8 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   EXPECT_EQ(decoded_md5s(dir + "out.mp4", 'v'), decoded_md5s(dir + "others.mp4", 'v'));
   // So is a track without samples (its stts made empty).
   ASSERT_EQ(remux("no_samples.mp4 --skip-unsupported -o out.mp4", dir, &out), 0) << out;
-  EXPECT_NE(out.find("boxlane remux: no_samples.mp4: track 1 has no samples; left out\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("boxlane remux: no_samples.mp4: track 2147483649 has no samples; left out\n"), std::string::npos)
+      << out;
   // The audio's edit made 3 s long, the video's 2: the movie lasts as long as its longer track.
   auto longer = whole;
   const std::string text(whole.begin(), whole.end());

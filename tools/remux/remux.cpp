@@ -149,13 +149,13 @@ int run(const Options& o) {
   for (const SourceTrack& t : source.tracks) {
     std::string why = t.unsupported;
     if (why.empty() && t.samples.empty()) {
-      if (!o.quiet) std::fprintf(stderr, "boxlane remux: %s: track %d has no samples; left out\n", o.input.c_str(), t.id);
+      if (!o.quiet) std::fprintf(stderr, "boxlane remux: %s: track %u has no samples; left out\n", o.input.c_str(), t.unsigned_id());
       continue;
     }
     if (why.empty() && t.video() && video) why = "a second video track; the writer takes one video and one audio track";
     if (why.empty() && !t.video() && audio) why = "a second audio track; the writer takes one video and one audio track";
     if (!why.empty()) {
-      const std::string what = "track " + std::to_string(t.id) + " (" + (t.handler.empty() ? "?" : t.handler) + ", " +
+      const std::string what = "track " + std::to_string(t.unsigned_id()) + " (" + (t.handler.empty() ? "?" : t.handler) + ", " +
                                codec_name(t) + ") cannot be written: " + why;
       if (!o.skip_unsupported) throw ToolError(what + " (--skip-unsupported leaves it out)");
       if (!o.quiet) std::fprintf(stderr, "boxlane remux: %s: %s; left out\n", o.input.c_str(), what.c_str());
@@ -172,11 +172,11 @@ int run(const Options& o) {
   for (const TrackTimeline& t : timeline.tracks) {
     if (o.quiet) continue;
     if (!t.edit_notice.empty()) {
-      std::fprintf(stderr, "boxlane remux: %s: track %d: %s\n", o.input.c_str(), t.track->id, t.edit_notice.c_str());
+      std::fprintf(stderr, "boxlane remux: %s: track %u: %s\n", o.input.c_str(), t.track->unsigned_id(), t.edit_notice.c_str());
     }
     if (t.zero_durations) {
-      std::fprintf(stderr, "boxlane remux: %s: track %d: %u samples without a duration last one tick of %u\n",
-                   o.input.c_str(), t.track->id, t.zero_durations, timeline.timescale);
+      std::fprintf(stderr, "boxlane remux: %s: track %u: %u samples without a duration last one tick of %u\n",
+                   o.input.c_str(), t.track->unsigned_id(), t.zero_durations, timeline.timescale);
     }
   }
 

@@ -19,7 +19,9 @@ namespace boxlane::tool {
 enum class SourceCodec { kOther, kH264, kH265, kAac };
 
 struct SourceTrack {
-  int32_t id = 0;
+  int32_t id = 0;  // as the parser keys it: ids of 2^31 and more are negative
+  // The tkhd's track_ID as stored, unsigned (ISO/IEC 14496-12 §8.3.2).
+  uint32_t unsigned_id() const noexcept { return static_cast<uint32_t>(id); }
   std::string handler;  // "vide", "soun", ...
   std::string fourcc;   // of the first sample entry
   SourceCodec codec = SourceCodec::kOther;
