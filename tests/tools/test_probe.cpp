@@ -297,6 +297,8 @@ TEST_F(ProbeTool, ErrorsNameWhatWentWrongAndWhere) {
        "truncated: box 'moov'" + at(moov.offset) + " declares " + std::to_string(moov.size) + " bytes, 100 present"},
       {"cut_in_header.mp4", {moov_last.begin(), moov_last.begin() + long(moov.offset) + 3},
        "truncated: box header" + at(moov.offset) + " has 3 of its 8 bytes"},
+      {"cut_in_large_header.mp4", cat({ftyp, Bytes().u32(1).str("moov").u32(0)}), "truncated: box header" + at(20) +
+       " has 12 of its 16 bytes"},
       {"cut_in_mdat.mp4", {fast.begin(), fast.begin() + long(mdat.offset) + 100},
        "truncated: box 'mdat'" + at(mdat.offset) + " declares " + std::to_string(mdat.size) + " bytes, 100 present"},
       {"huge_box.mp4", cat({Bytes().u32(0x7F000000).str("junk").zeros(3000)}), "0x091B0006"},
