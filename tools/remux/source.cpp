@@ -157,7 +157,7 @@ Source read_source(const std::string& path, const uint8_t* data, std::size_t siz
     QORVANE_HDRMDHD mdhd{};
     QORVANE_HDRHDLR hdlr{};
     if (!Boxlane_Parse_GetTrackInfo(kClient, id, &tkhd, &mdhd, &hdlr, nullptr)) {
-      query_failed("the headers of track " + std::to_string(static_cast<uint32_t>(id)));
+      query_failed("the headers of track " + std::to_string(t.unsigned_id()));
     }
     t.handler = field(hdlr.tszHandlerType, sizeof hdlr.tszHandlerType);
     t.timescale = mdhd.nTimeScale;
@@ -167,22 +167,23 @@ Source read_source(const std::string& path, const uint8_t* data, std::size_t siz
     describe(t);
     if (t.timescale == 0 && t.unsupported.empty()) t.unsupported = "its mdhd has no time scale";
     BOXLANE_TRACKINDEX index{};
-    if (!Boxlane_Parse_GetTrackIndex(kClient, id, &index)) query_failed("the index of track " + std::to_string(static_cast<uint32_t>(id)));
+    if (!Boxlane_Parse_GetTrackIndex(kClient, id, &index))
+      query_failed("the index of track " + std::to_string(t.unsigned_id()));
     std::string error;
     if (!fetch_table_samples(kClient, id, index.nTableSamples, t.samples, error)) throw ToolError(error);
     const auto fragments = session.fragments.tracks.find(id);
     if (fragments != session.fragments.tracks.end()) {
       if (fragments->second.problems) {
         char text[160];
-        std::snprintf(text, sizeof text, "the track fragments of track %u are damaged (problems 0x%02X)", static_cast<uint32_t>(id),
-                      fragments->second.problems);
+        std::snprintf(text, sizeof text, "the track fragments of track %u are damaged (problems 0x%02X)",
+                      t.unsigned_id(), fragments->second.problems);
         throw ToolError(text);
       }
       t.samples.insert(t.samples.end(), fragments->second.samples.begin(), fragments->second.samples.end());
     }
     for (const IndexSample& s : t.samples) {
       if (s.offset > size || s.size > size - s.offset) {
-        throw ToolError("a sample of track " + std::to_string(static_cast<uint32_t>(id)) + " at offset " + std::to_string(s.offset) +
+        throw ToolError("a sample of track " + std::to_string(t.unsigned_id()) + " at offset " + std::to_string(s.offset) +
                         " lies past the end of the input (" + std::to_string(size) + " bytes): truncated?");
       }
     }
