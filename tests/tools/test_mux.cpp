@@ -407,13 +407,23 @@ TEST(Mux, StreamsFromOtherEncoders) {
   id3 = cat({id3, unhex("33 44 49 04 00 10 00 00 01 48"), read_file(dir + "96k.aac")});
 
   // H.265 with open GOPs, two slices a picture, the parameter sets at every random access point, a picture
-  // hash SEI after each (a suffix SEI); cut before a CRA picture, or with an end of sequence before the
+  // hash SEI after each (a suffix SEI) and no prefix SEI; cut before a CRA picture, or with an end of sequence before the
   // second one: decoding starts there and leaves out its RASL pictures.
   encode_h265(dir + "open.h265", "160x96", "25", 2, "yuv420p",
-              "bframes=3:keyint=20:min-keyint=20:open-gop=1:repeat-headers=1:slices=2:hash=1");
+              "bframes=3:keyint=20:min-keyint=20:open-gop=1:repeat-headers=1:slices=2:hash=1:info=0");
   const std::vector<uint8_t> vps = unhex("00000001 4001");
   auto eos = read_file(dir + "open.h265");
   eos.insert(std::search(eos.begin() + 1, eos.end(), vps.begin(), vps.end()), {0, 0, 0, 1, 0x48, 0x01});
+  // A prefix SEI (user data unregistered: a UUID and a byte) before each picture's first slice segment.
+  const auto sei_each_picture = [](const std::vector<uint8_t>& in) {
+    std::vector<uint8_t> sei = unhex("00000001 4E01 0511"), out;
+    sei.resize(sei.size() + 17, 'u');
+    sei.push_back(0x80);
+    for (std::size_t at = 0; at < in.size(); out.push_back(in[at++]))
+      if (at + 5 < in.size() && !in[at] && !in[at + 1] && in[at + 2] == 1 && in[at + 3] >> 1 < 32 && in[at + 5] & 0x80)
+        out.insert(out.end(), sei.begin(), sei.end());
+    return out;
+  };
 
   using P = HandmadePicture;
   // The last picture an IDR picture: a sync sample on the last sample, a piece of one picture.
@@ -455,7 +465,7 @@ TEST(Mux, StreamsFromOtherEncoders) {
        "leading pictures that cannot be decoded dropped", {1}, 0},
       {file("open_cut.h264", cut_at(dir + "open.h264", 7)), "", "", "with B-frames (13 leading pictures", {1}, 0},
       // FFmpeg shows the RASL pictures (concealed, before the CRA picture in display order), then ours.
-      {file("cut.h265", cut_at(dir + "open.h265", 14)), "", "", "that cannot be decoded", {1, 18}, 0, "", kLast},
+      {file("cut.h265", sei_each_picture(cut_at(dir + "open.h265", 14))), "", "", "that cannot be decoded", {1, 18}, 0, "", kLast},
       {file("eos.h265", eos), "", "", "that cannot be decoded", {1, 18, 35}, 0},
       // 96 kHz AAC: the 16-bit samplerate field 0 (the rate is in the AudioSpecificConfig); after ID3.
       {"", dir + "96k.aac", "", "96000 Hz mono", {}, 0, "audio,96000,1,.*\nmp4a 1 16 0\n"},
@@ -506,6 +516,8 @@ TEST(Mux, StreamsFromOtherEncoders) {
         for (const char* set : {"Video Parameter Set", "Sequence Parameter Set", "Picture Parameter Set"})
           EXPECT_EQ(count(trace, set), 1) << set;
         EXPECT_EQ(count(trace, "Suffix Supplemental"), int(probe_packets(out, 'v').size()));
+        // cut.h265 has a prefix SEI in each picture, and none of a dropped picture may ride into a kept one.
+        EXPECT_EQ(count(trace, "Prefix Supplemental"), c.video.ends_with("cut.h265") ? int(probe_packets(out, 'v').size()) : 0);
       }
     }
   }

@@ -139,8 +139,10 @@ class HevcScanner {
     if (!hevc::parse_slice_header(nal.data, nal.size, sets_, sh)) {
       if (!has_[2] || !started_) {
         // Before the first parameter sets (a stream cut from a broadcast
-        // starts like this) nothing can be read, let alone decoded.
+        // starts like this) nothing can be read, let alone decoded; nor
+        // is the prefix SEI of such a picture kept.
         if (nal.size > 2 && (nal.data[2] & 0x80)) ++out_.skipped_before_parameter_sets;
+        pending_.clear();
         return;
       }
       throw ToolError(name_ + ": cannot read the slice segment header" + at(nal.offset) +
