@@ -240,6 +240,8 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
        "damaged NAL unit header .forbidden_zero_bit set, or cut short. at byte " + std::to_string(hevc.size() + 4)},
       {"--video " + input("pps_5.h265", cat({hevc, unhex("00000001 0201 9A")})),  // a TRAIL_R slice of PPS 5
        "cannot read the slice segment header at byte " + std::to_string(hevc.size() + 4)},
+      {"--video " + input("rsv_irap.h265", cat({hevc, unhex("00000001 2C01 AF")})),  // RSV_IRAP_VCL22: ignored
+       "H.265 176x144, 10 frames", true},
       {"--video " + input("headless.h265", headless), "continues a picture whose first segment is missing"},
       // In fragments, the pictures before the first IRAP picture are left out.
       {"--video " + input("late_irap.h265", cat({headless, other_hevc})) + " --fragment 1",
