@@ -431,13 +431,14 @@ TEST(Mux, StreamsFromOtherEncoders) {
   // The last picture an IDR picture: a sync sample on the last sample, a piece of one picture.
   const std::vector<P> turns = {{P::kIdr, 0, 0x40}, {P::kSkipped, 1}, {P::kSkipped, 0}, {P::kIdr, 1, 0xC0},
                                 {P::kSkipped, 0}, {P::kSkipped, 1}, {P::kIdr, 0, 0x50}};
-  const std::vector<P> mid_gop = {{P::kSkipped, 0}, {P::kSkipped, 1}, {P::kIdr, 0, 0x50},
-                                  {P::kSkipped, 1}, {P::kIntra, 0, 0x90}, {P::kSkipped, 0}};
+  std::vector<P> mid_gop = {{P::kSkipped, 0}, {P::kSkipped, 1}, {P::kIdr, 0, 0x50},
+                            {P::kSkipped, 1}, {P::kIntra, 0, 0x90}, {P::kSkipped, 0}};
   // A later recovery point is no sync sample; the IDR picture after it is, with all that follows.
   const std::vector<P> recovery = {{P::kSkipped, 0}, {P::kIntra, 0, 0x60, true}, {P::kSkipped, 1},
                                    {P::kIntra, 1, 0xA0, true}, {P::kSkipped, 0}, {P::kIdr, 1, 0x70}, {P::kSkipped, 0}};
   std::vector<P> captioned = turns;
-  for (P& p : captioned) p.captions = true;
+  for (std::vector<P>* pictures : {&captioned, &mid_gop})
+    for (P& p : *pictures) p.captions = true;
   enum Decodes { kSame, kLast, kAny };  // to the source's frames, to its last ones, to any
   const struct {
     std::string video, audio, options, says;
@@ -450,8 +451,8 @@ TEST(Mux, StreamsFromOtherEncoders) {
       {file("turns.h264", handmade_h264(turns)), "", "", "7 frames at 25 fps;", {1, 4, 7}, 0},
       // A recording cut in the middle of a GOP starts at its first IDR picture ...
       {file("mid_gop.h264", handmade_h264(mid_gop)), "", "",
-       "4 frames at 25 fps (2 leading pictures that cannot be decoded dropped)", {1}, 0},
-      {dir + "mid_gop.h264", "", "--keep-leading", "6 frames at 25 fps;", {3}, 0, "", kAny},
+       "4 frames at 25 fps (2 leading pictures that cannot be decoded dropped)", {1}, 4},
+      {dir + "mid_gop.h264", "", "--keep-leading", "6 frames at 25 fps;", {3}, 4, "", kAny},
       // ... or at a recovery point SEI.
       {file("recovery.h264", handmade_h264(recovery)), "", "",
        "6 frames at 25 fps (1 leading picture that cannot be decoded dropped)", {1, 5}, 0},
@@ -500,6 +501,13 @@ TEST(Mux, StreamsFromOtherEncoders) {
       run("ffprobe -v error -select_streams v -show_frames -show_entries frame_side_data=side_data_type -of csv=p=0 " +
               shell_quote(out), &frames);
       EXPECT_EQ(count(frames, "A53"), c.captions);
+      // Where there are captions, one caption SEI in each sample: none of a dropped picture rides into a kept one.
+      std::string trace;
+      ASSERT_EQ(run("ffmpeg -nostdin -hide_banner -i " + shell_quote(out) +
+                    " -c copy -copyinkf -bsf:v trace_headers -f null - 2>&1", &trace), 0);
+      const std::regex caption_sei("payload_type_byte +00000100 = 4");  // user_data_registered_itu_t_t35
+      EXPECT_EQ(std::distance(std::sregex_iterator(trace.begin(), trace.end(), caption_sei), std::sregex_iterator()),
+                c.captions ? long(probe_packets(out, 'v').size()) : 0);
       // The pictures said to be dropped are those missing from the file.
       std::smatch said;
       const bool dropped = std::regex_search(r.output, said, std::regex("\\((\\d+) leading picture|skipped (\\d+)"));
@@ -512,14 +520,12 @@ TEST(Mux, StreamsFromOtherEncoders) {
       }
       if (c.video.ends_with(".h265") && !fragmented) {
         // The repeated parameter sets are in the sample description once, and none in the samples.
-        std::string trace;
-        ASSERT_EQ(run("ffmpeg -nostdin -hide_banner -i " + shell_quote(out) +
-                      " -c copy -bsf:v trace_headers -f null - 2>&1", &trace), 0);
         for (const char* set : {"Video Parameter Set", "Sequence Parameter Set", "Picture Parameter Set"})
           EXPECT_EQ(count(trace, set), 1) << set;
         EXPECT_EQ(count(trace, "Suffix Supplemental"), int(probe_packets(out, 'v').size()));
         // cut.h265 has a prefix SEI in each picture, and none of a dropped picture may ride into a kept one.
-        EXPECT_EQ(count(trace, "Prefix Supplemental"), c.video.ends_with("cut.h265") ? int(probe_packets(out, 'v').size()) : 0);
+        EXPECT_EQ(count(trace, "Prefix Supplemental"),
+                  c.video.ends_with("cut.h265") ? int(probe_packets(out, 'v').size()) : 0);
       }
     }
   }
