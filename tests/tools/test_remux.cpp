@@ -368,6 +368,10 @@ TEST(RemuxEditLists, ReadFromTheMoovOfEachTrackAsFarAsTheyAreWhole) {
       {"count past the box",
        box("moov", box("trak", cat({tkhd(0, 1), elst(0, "000003E8 00000FA0 00000400 00010000")}))), 1},
       {"half an entry", box("moov", box("trak", cat({tkhd(0, 1), elst(0, "00000001 00000FA0 0000")}))), 0},
+      {"version 1, count past the box", box("moov", box("trak", cat({tkhd(0, 1), elst(1, "00000002 00000000000000A0 "
+                                                                        "0000000000000400 00010000 0000000000000000 00000000")}))),
+       1},
+      {"moov of size 0: to the end", box("moov", box("trak", cat({tkhd(0, 1), one})), 0), 1},
       {"tkhd cut before the id", box("moov", box("trak", cat({full_box("tkhd", 0, 3, Bytes().zeros(10)), one}))), 99},
       {"trak past the moov", box("moov", box("trak", cat({tkhd(0, 1), one}), 4000)), 99},
   };
@@ -456,7 +460,8 @@ TEST(RemuxTimeline, OneTimeScaleToWhichEveryTimeConvertsExactly) {
   const std::string kept = "; the empty edits and the first that shows media, at the normal rate, are kept";
   for (const auto& [edits, notice] : {std::pair{std::vector<EditEntry>{{40, -1}, {40, 0}}, std::string()},
                                       {{{40, 0}, {40, 0}}, "its edit list has 2 entries" + kept},
-                                      {{{40, 0, 2}}, "its edit list has 1 entry" + kept}}) {
+                                      {{{40, 0, 2}}, "its edit list has 1 entry" + kept},
+                                      {{{40, 0, 1, 0x4000}}, "its edit list has 1 entry" + kept}}) {
     const auto t = track(true, 1000, 40, {0}, edits);
     EXPECT_EQ(tool::plan_timeline({&t}, 1000).tracks[0].edit_notice, notice);
   }
@@ -472,6 +477,7 @@ TEST(RemuxTimeline, EditListsForTheOutput) {
     bool to_end;
     std::vector<EditEntry> want;
     uint64_t presentation;
+    bool video = true;
   } cases[] = {
       {"none needed", {0, 0, 0}, {}, 0, false, {}, 1536},
       {"the input's media edit", {1024, 1536, 512}, {{120, 1024}}, 0, false, {{1536, 1024}}, 1536},
@@ -484,10 +490,12 @@ TEST(RemuxTimeline, EditListsForTheOutput) {
       {"an empty edit to the nearest tick", {1024, 1536, 512}, {{41, -1}, {120, 1024}}, 0, false,
        {{525, -1}, {1536, 1024}}, 2061},
       {"fragments: duration 0", {1024, 1536, 512}, {{120, 1024}}, 0, true, {{0, 1024}}, 1536},
+      // Audio's samples are presented from the edit's media time on, without a gap before the first.
+      {"audio: no gap", {1024, 2048, 512}, {{120, 0}}, 0, false, {{1536, 0}}, 1536, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    const auto v = track(true, 12800, 512, c.offsets, c.input);
+    const auto v = track(c.video, 12800, 512, c.offsets, c.input);
     const tool::Timeline t = tool::plan_timeline({&v}, 1000);
     ASSERT_EQ(t.timescale, 12800u);
     const tool::EditPlan plan = tool::plan_edits(t.tracks[0], c.shift, c.to_end);
