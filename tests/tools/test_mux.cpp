@@ -189,10 +189,18 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
       {v + " --fps 1000", "10 frames at 1000 fps", true},
       {v + " --fps 1000000/40000", "10 frames at 25 fps", true},
       {v + " --fps 12.5 --faststart", "10 frames at 12.500 fps.* \\(faststart\\), written", true},
+      // 1.45 ticks a frame, B-frames shifted by two: the movie ends where a 13th frame would, at 17 - 2 ticks.
+      {v + " --fps 20 --timescale 29", "10 frames at 20 fps with B-frames; 0.52 s", true},
       {"--video " + shell_quote(fastest), "20 frames at 1000 fps", true},
       {"--video " + shell_quote(slowest), "2 frames at 0.500 fps", true},
       // One frame of 2^31 - 1 ticks, the longest an stts delta holds.
       {"--video " + shell_quote(other) + " --fps 1 --timescale 2147483647", "5 frames at 1 fps", true},
+      // Exactly 2^32 - 1 ticks still in version 0 boxes; B-frames shifted by two such frames do not fit ctts.
+      {"--video " + input("three.h264", handmade_h264({{}, {P::kSkipped}, {P::kSkipped}})) +
+       " --fps 1 --timescale 1431655765", "3 frames at 1 fps", true},
+      {v + " --fps 1 --timescale 2147483647", "composition offset does not fit the 32-bit ctts field"},
+      // A fragment of audio alone holds at least one frame, however short --fragment is.
+      {a + shell_quote(src.audio) + " --fragment 0.000001", "20 frames; .* in 20 fragments", true},
       {v + " --audio " + shell_quote(src.audio) + " --fragment 0.1",
        "160x120, 10 frames at 25 fps with B-frames; audio AAC 48000 Hz stereo, 20 frames; 0.43 s, .* in 2 fragments",
        true},
