@@ -255,6 +255,9 @@ TEST(MuxFragments, InputsThatStopOrChangeKeepWhatCameBefore) {
   write_file(dir + "cut.h264", {video.begin(), video.begin() + long(last) + 2});
   run_on("--video " + shell_quote(dir + "cut.h264"), "stops in the middle of a frame at byte " + std::to_string(last - 3));
   EXPECT_EQ(decoded_md5s(out, 'v'), std::vector<std::string>(source.begin(), source.end() - 1));
+  run_on("--video " + shell_quote(dir + "cut.h264") + " --audio " + shell_quote(dir + "cut.aac"),
+         "cut.h264 stops in the middle of a frame at byte " + std::to_string(last - 3) + "; " + dir +
+             "cut.aac stops in the middle of a frame at byte " + std::to_string(frame) + "; ");
   // A live stream whose SPS changes is refused where it changes.
   const std::string other = encode(dir + "other", "176x144", "25", 0.4, "bframes=0").video;
   write_file(dir + "changing.h264", cat({video, read_file(other)}));
