@@ -29,6 +29,20 @@ inline std::vector<uint32_t> sequence_numbers(const std::string& file) {
   return numbers;
 }
 
+// mehd's duration in seconds of the mvhd's time scale (ISO/IEC 14496-12 §8.8.2), from the bytes; -1 without.
+inline double mehd_seconds(const std::string& file) {
+  const auto bytes = read_file(file);
+  const std::string text(bytes.begin(), bytes.end());
+  const std::size_t mvhd = text.find("mvhd"), mehd = text.find("mehd");
+  if (mvhd == std::string::npos || mehd == std::string::npos) return -1;
+  const auto field = [&](std::size_t at, int size) {
+    uint64_t v = 0;
+    for (int i = 0; i < size; ++i) v = v << 8 | bytes.at(at + i);
+    return double(v);
+  };
+  return field(mehd + 8, bytes.at(mehd + 4) == 1 ? 8 : 4) / field(mvhd + (bytes.at(mvhd + 4) == 1 ? 24 : 16), 4);
+}
+
 // ftyp, moov, then moof and mdat pairs numbered 1, 2, 3, ..., an optional mfra last; with
 // `seconds` above 0 each fragment opens with a key frame, the first at least `seconds` after the
 // start of the fragment before, as ffprobe reads the file.

@@ -19,20 +19,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// mehd's duration in seconds of the mvhd's time scale (ISO/IEC 14496-12 §8.8.2), from the bytes; -1 without.
-double mehd_seconds(const std::string& file) {
-  const auto bytes = read_file(file);
-  const std::string text(bytes.begin(), bytes.end());
-  const std::size_t mvhd = text.find("mvhd"), mehd = text.find("mehd");
-  if (mvhd == std::string::npos || mehd == std::string::npos) return -1;
-  const auto field = [&](std::size_t at, int size) {
-    uint64_t v = 0;
-    for (int i = 0; i < size; ++i) v = v << 8 | bytes.at(at + i);
-    return double(v);
-  };
-  return field(mehd + 8, bytes.at(mehd + 4) == 1 ? 8 : 4) / field(mvhd + (bytes.at(mvhd + 4) == 1 ? 24 : 16), 4);
-}
-
 TEST(MuxFragments, ReadersSeeTheSourcesFramesFromZero) {
   BOXLANE_REQUIRE_FFMPEG();
   const std::string dir = temp_dir() + "/";

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <map>
 #include <string>
 #include <tuple>
@@ -145,6 +146,9 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
   ASSERT_EQ(remux("source.mp4 --fragment 1 -o fragmented.mp4", dir, &out), 0) << out;
   EXPECT_NE(out.find("fragmented.mp4: " + std::string(in.summary)), std::string::npos) << out;
   EXPECT_NE(out.find(" in " + std::to_string(in.fragments) + " fragments, written in "), std::string::npos) << out;
+  char length[32];  // mehd: the movie's length, known before the fragments are written
+  std::snprintf(length, sizeof length, "; %.2f s, ", mehd_seconds(dir + "fragmented.mp4"));
+  EXPECT_NE(std::string(in.summary).find(length), std::string::npos) << length;
   ASSERT_EQ(remux("fragmented.mp4 -o back.mp4", dir), 0);
   ASSERT_EQ(remux("source.mp4 --faststart -q -o fast.mp4", dir, &out), 0) << out;
   EXPECT_EQ(out, "") << "--quiet";
