@@ -1,6 +1,7 @@
 #include "tools/common/output_file.hpp"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -46,14 +47,24 @@ OutputFile::OutputFile(const std::string& target) : target_(target), buffer_(kBu
   }
   std::string pattern = (slash == std::string::npos ? "" : dir + "/") + "." + base + ".boxlane-XXXXXX";
   if (pattern.size() >= sizeof g_temp_path) throw ToolError("output path too long: " + target);
+  // An interrupt between mkstemp and the handlers would leave the file behind: it waits until they are in place.
+  sigset_t interrupts, before;
+  sigemptyset(&interrupts);
+  for (const int sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&interrupts, sig);
+  ::pthread_sigmask(SIG_BLOCK, &interrupts, &before);
   fd_ = ::mkstemp(pattern.data());
-  if (fd_ < 0) throw ToolError("cannot write in '" + dir + "': " + error_text());
+  if (fd_ < 0) {
+    const std::string why = error_text();
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    throw ToolError("cannot write in '" + dir + "': " + why);
+  }
   temp_ = pattern;
   std::memcpy(g_temp_path, temp_.c_str(), temp_.size() + 1);
   g_temp_live.store(true);
   std::signal(SIGINT, remove_temp_and_die);
   std::signal(SIGTERM, remove_temp_and_die);
   std::signal(SIGHUP, remove_temp_and_die);
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 OutputFile::~OutputFile() {
