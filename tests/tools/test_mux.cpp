@@ -302,7 +302,7 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
       {"", "give --video, --audio or both"},
       {v + " -o " + shell_quote(dir + "new/"), "names a directory, not a file"},
       {v + " -o " + shell_quote(dir + "."), "output '.*/.' is a directory"},
-      {v + " -o " + shell_quote(dir + "no/dir/out.mp4"), "cannot write"},
+      {v + " -o " + shell_quote(dir + "no/dir/out.mp4"), "cannot write in '" + dir + "no/dir': "},
   };
   const std::string out = dir + "out.mp4";
   const mode_t umask_now = ::umask(0);
