@@ -226,6 +226,8 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
        "parameter set at byte " + std::to_string(video.size() + 4) + " gives another picture size .16x16 after 160"},
       {"--video " + input("pps_first.h264", cat({one, unhex("00000001 68 A38F20")})),  // PPS 0 of SPS 1
        "SPS. with id 1 was sent before the picture parameter set at byte " + std::to_string(one.size() + 4)},
+      {"--video " + shell_quote(dir + "pps_first.h264") + " --fragment 1",
+       "picture parameter set changes at byte " + std::to_string(one.size() + 4) + "; one MP4 track holds one PPS"},
       {"--video " + input("same_poc.h264", cat({two, {two.begin() + long(one.size()), two.end()}})),  // P twice
        "two pictures have the same picture order count .the second at byte " + std::to_string(two.size() + 4)},
       {"--video " + input("lead.h264", cat({unhex("4740"), video})), "2 bytes before the first start code"},
