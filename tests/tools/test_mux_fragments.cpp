@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "support/box_builder.hpp"
+#include "support/handmade_h264.hpp"
 #include "fragment_checks.hpp"
 #include "mux_runner.hpp"
 
@@ -274,6 +275,10 @@ TEST(MuxFragments, InputsThatStopOrChangeKeepWhatCameBefore) {
   const auto kept = decoded_md5s(out, 'v');
   EXPECT_GE(kept.size(), 10u);
   EXPECT_EQ(kept, std::vector<std::string>(source.begin(), source.begin() + long(std::min(kept.size(), source.size()))));
+  // Also when the audio ends before a stream shorter than 4 KiB is known to be H.264, its whole frames untaken.
+  write_file(dir + "one.h264", handmade_h264({{}}));
+  run_on("--video " + shell_quote(dir + "one.h264") + " --audio " + shell_quote(dir + "cut.aac"),
+         "cut.aac stops in the middle of a frame at byte " + std::to_string(frame) + "; ");
 }
 
 }  // namespace
