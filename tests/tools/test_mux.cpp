@@ -326,6 +326,11 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
     EXPECT_EQ(run(shell_quote(tool_path()) + " mux " + help + " 2>/dev/null", &usage), 0);
     EXPECT_EQ(usage.rfind("usage: boxlane mux ", 0), 0u) << usage;
   }
+  // On a terminal, a live input being copied shows each 16 MiB read.
+  std::string shown;
+  run("script -qec " + shell_quote("head -c 17M /dev/zero | " + shell_quote(tool_path()) + " mux --video - -o " +
+                                   shell_quote(out)) + " /dev/null < /dev/null", &shown);
+  EXPECT_NE(shown.find("\rboxlane mux: 16 MiB of input read"), std::string::npos) << shown;
   // A failing run leaves an existing target as it was, and no temporary file.
   write_file(out, {'o', 'l', 'd'});
   EXPECT_NE(mux("--audio " + shell_quote(dir + "lost.aac") + " -o " + shell_quote(out)).status, 0);

@@ -333,6 +333,8 @@ TEST_F(ProbeTool, ErrorsNameWhatWentWrongAndWhere) {
     EXPECT_EQ(probe(bad + " 2>&1", &out), 2) << bad;
     EXPECT_NE(out.find("usage: boxlane probe"), std::string::npos) << bad;
   }
+  EXPECT_EQ(probe(shell_quote(dir + "missing.mp4") + " 2>&1", &out), 1);
+  EXPECT_NE(out.find("cannot open " + dir + "missing.mp4: No such file or directory\n"), std::string::npos) << out;
   // The program's own usage: asked for, or for no command or an unknown one.
   for (const auto& [command, status] : {std::pair{"", 2}, {"help", 0}, {"--help", 0}, {"mix", 2}}) {
     EXPECT_EQ(run(shell_quote(tool_path()) + " " + command + " 2>&1", &out), status) << command;
