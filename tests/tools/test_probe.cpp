@@ -328,8 +328,9 @@ TEST_F(ProbeTool, ErrorsNameWhatWentWrongAndWhere) {
   std::string out;
   for (const std::string good : {"--pools 64", "--piece 67108864", "--random-pieces 67108864 --seed 0"})
     EXPECT_EQ(probe(good + " " + shell_quote(fast_start_) + " 2>&1", &out), 0) << good << ": " << out;
-  for (const std::string bad : {"", "--piece 0 x.mp4", "--bogus x.mp4", "--seed 3 x.mp4", "a.mp4 b.mp4", "--pools 65 x.mp4",
-                                "--pools 0 x.mp4", "--piece 67108865 x.mp4", "--random-pieces 0 x.mp4"}) {
+  for (const std::string bad : {"", "--piece 0 x.mp4", "--bogus x.mp4", "-z", "--seed 3 x.mp4", "a.mp4 b.mp4",
+                                "--pools 65 x.mp4", "--pools 0 x.mp4", "--piece 67108865 x.mp4",
+                                "--random-pieces 0 x.mp4"}) {
     EXPECT_EQ(probe(bad + " 2>&1", &out), 2) << bad;
     EXPECT_NE(out.find("usage: boxlane probe"), std::string::npos) << bad;
   }
