@@ -259,11 +259,14 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   auto far = whole;
   set_be32(far, std::string(whole.begin(), whole.end()).find("stco") + 12, 0x7F000000);
   write_file(dir + "far_sample.mp4", far);
-  // A video sample whose first NAL unit claims one byte more than it holds: found after the output was opened.
-  auto broken = whole;
+  // A video sample whose first NAL unit claims one byte more than it holds, or leaves 3 bytes, too few for the next
+  // one's length: found after the output was opened.
   const PacketRow fourth = packets_by_track(dir + "two_audio.mp4").at(1).at(3);
-  set_be32(broken, std::size_t(fourth.pos), uint32_t(fourth.size - 3));
-  write_file(dir + "broken.mp4", broken);
+  for (const auto& [name, cut] : {std::pair{"broken.mp4", 3}, {"tail_3.mp4", 7}}) {
+    auto broken = whole;
+    set_be32(broken, std::size_t(fourth.pos), uint32_t(fourth.size - cut));
+    write_file(dir + name, broken);
+  }
   ASSERT_EQ(::link((dir + "two_audio.mp4").c_str(), (dir + "hard_link.mp4").c_str()), 0);
   ASSERT_EQ(::symlink("two_audio.mp4", (dir + "soft_link.mp4").c_str()), 0);
 
@@ -301,6 +304,8 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
       {"truncated.mp4 -o out.mp4", 1, "truncated"}, {"missing.mp4 -o out.mp4", 1, "cannot open 'missing.mp4'"},
       {"empty.mp4 -o out.mp4", 1, "'empty.mp4' is empty"}, {". -o out.mp4", 1, "'.' is not a regular file"},
       {"broken.mp4 --skip-unsupported -o out.mp4", 1, "holds a NAL unit longer than the sample"},
+      {"tail_3.mp4 --skip-unsupported -o out.mp4", 1, "a video sample at offset " + std::to_string(fourth.pos) + " (" +
+       std::to_string(fourth.size) + " bytes) ends inside a NAL unit length"},
       {"two_audio.mp4 -o out.mp4 --fragment 1 --faststart", 2, "exclude each other"},
       {"two_audio.mp4 -o out.mp4 --fragment 0", 2, "--fragment needs a length in seconds"},
       {"two_audio.mp4 -o out.mp4 --fragment 3600.001", 2, "above 0 and at most 3600"},
