@@ -217,6 +217,9 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
                    " -map 0 -map 1 -map 2 -c:v libx264 -c:a mp2 -c:s mov_text " + shell_quote(dir + "others.mp4")), 0);
   ASSERT_EQ(ffmpeg("-v error " + sources + "-f lavfi -i sine=duration=2 -map 0 -map 1 -map 2 -c:v libx264 -c:a aac " +
                    shell_quote(dir + "two_audio.mp4")), 0);
+  // Two video tracks; MPEG-1 layer 2 audio alone.
+  ASSERT_EQ(ffmpeg("-v error " + sources + "-map 0 -map 0 -map 1 -c:v libx264 -c:a mp2 -t 0.2 " +
+                   shell_quote(dir + "two_video.mp4") + " -map 1 -c:a mp2 -t 0.2 " + shell_quote(dir + "mp2.mp4")), 0);
   // H.265 whose hvcC is made to declare 2-byte NAL unit lengths or no arrays; its fragments, a trun's data in its moof.
   ASSERT_EQ(ffmpeg("-v error " + sources + "-c:v libx265 -x265-params log-level=none -tag:v hvc1 -c:a aac " +
                    shell_quote(dir + "h265.mp4")), 0);
@@ -286,6 +289,9 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
       {"two_pps.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its avcC holds 1 SPS and 2 PPS"},
       {"sps_1016.mp4 -o out.mp4", 1, "track 3 (soun, AAC) cannot be written: a second audio track"},
       {"sps_1017.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its SPS and PPS exceed the 1016 bytes"},
+      {"two_video.mp4 -o out.mp4", 1,
+       "track 2 (vide, H.264) cannot be written: a second video track; the writer takes one video and one audio"},
+      {"mp2.mp4 --skip-unsupported -o out.mp4", 1, "'mp2.mp4' has no track to write"},
       {"aac_69.mp4 -o out.mp4", 1, "track 2 (soun, 'mp4a') cannot be written: its mp4a entry holds object type 0x69"},
       {"nal_2.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its samples have 2-byte NAL unit lengths"},
       {"no_config.mp4 -o out.mp4", 1, "track 2 (soun, AAC) cannot be written: its esds has no AudioSpecificConfig"},
@@ -344,6 +350,14 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   write_file(dir + "longer.mp4", longer);
   ASSERT_EQ(remux("longer.mp4 --skip-unsupported -o out.mp4", dir, &out), 0) << out;
   EXPECT_NE(out.find("; 3.00 s, "), std::string::npos) << out;
+  // Video samples whose stts gives them no duration last a tick each, and are named; an mp4a entry of 6 channels.
+  auto no_duration = whole;
+  set_be32(no_duration, text.find("stts") + 16, 0);
+  no_duration[text.find("mp4a") + 21] = 6;
+  write_file(dir + "no_duration.mp4", no_duration);
+  ASSERT_EQ(remux("no_duration.mp4 --skip-unsupported -o out.mp4", dir, &out), 0) << out;
+  EXPECT_NE(out.find("track 1: 50 samples without a duration last one tick of 44100\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("; audio AAC 44100 Hz multichannel, "), std::string::npos) << out;
 }
 
 using tool::EditEntry;
