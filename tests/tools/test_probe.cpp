@@ -664,7 +664,7 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
 TEST(ProbeAudioConfig, EscapedObjectTypeAndExplicitRate) {
   const struct {
     const char* hex;
-    tool::ProbeAudioConfig want;
+    tool::AudioConfig want;
   } cases[] = {
       {"11 90", {true, 2, 48000, 2}}, {"F9 46 40", {true, 42, 48000, 2}},
       {"17 80 2A F8 08", {true, 2, 22000, 1}}, {"17 80 2A F8", {false, 0, 0, 0}},
@@ -675,7 +675,7 @@ TEST(ProbeAudioConfig, EscapedObjectTypeAndExplicitRate) {
     const std::vector<uint8_t> config = unhex(c.hex);
     std::copy(config.begin(), config.end(), codec.byAudioCfg);
     codec.nAudioCfgLen = static_cast<int32_t>(config.size());
-    const tool::ProbeAudioConfig got = tool::read_audio_config(codec);
+    const tool::AudioConfig got = tool::read_audio_config(codec);
     EXPECT_EQ(std::tuple(got.valid, got.object_type, got.sample_rate, got.channel_config),
               std::tuple(c.want.valid, c.want.object_type, c.want.sample_rate, c.want.channel_config));
   }

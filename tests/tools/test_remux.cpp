@@ -116,10 +116,10 @@ struct Input {
 const Input kInputs[] = {
     {"h264_aac44_fragmented", "-c:v libx264 -preset veryfast -bf 3 -g 12 -c:a aac -ar 44100 -metadata:s:v language=deu "
      "-movflags frag_keyframe+empty_moov+default_base_moof",
-     "video H.264 160x120, 100 frames; audio AAC 44100 Hz stereo, 174 frames; 4.08 s, ", 3},
+     "video H.264 160x120, 100 frames; audio AAC 44100 Hz mono, 174 frames; 4.08 s, ", 3},
     {"h265_aac48_faststart", "-c:v libx265 -x265-params log-level=none:keyint=12:bframes=2 -tag:v hvc1 -c:a aac "
      "-ar 48000 -metadata:s:a language=fra -movflags faststart",
-     "video H.265 160x120, 100 frames; audio AAC 48000 Hz stereo, 189 frames; 4.02 s, ", 3, true,
+     "video H.265 160x120, 100 frames; audio AAC 48000 Hz mono, 189 frames; 4.02 s, ", 3, true,
      true},  // an audio frame at 2.88 s, on a cut: frame 135
     // Negative composition offsets (ctts version 1), which the output moves past 0; the moov last, its stco
     // turned into co64; a key frame exactly every second, so each is exactly a fragment's length on.
@@ -217,14 +217,17 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
                    " -map 0 -map 1 -map 2 -c:v libx264 -c:a mp2 -c:s mov_text " + shell_quote(dir + "others.mp4")), 0);
   ASSERT_EQ(ffmpeg("-v error " + sources + "-f lavfi -i sine=duration=2 -map 0 -map 1 -map 2 -c:v libx264 -c:a aac " +
                    shell_quote(dir + "two_audio.mp4")), 0);
-  // Two video tracks; MPEG-1 layer 2 audio alone.
+  // Two video tracks; MPEG-1 layer 2 audio alone; AAC at 96 kHz alone (its mp4a entry says 0 Hz).
   ASSERT_EQ(ffmpeg("-v error " + sources + "-map 0 -map 0 -map 1 -c:v libx264 -c:a mp2 -t 0.2 " +
-                   shell_quote(dir + "two_video.mp4") + " -map 1 -c:a mp2 -t 0.2 " + shell_quote(dir + "mp2.mp4")), 0);
+                   shell_quote(dir + "two_video.mp4") + " -map 1 -c:a mp2 -t 0.2 " + shell_quote(dir + "mp2.mp4") +
+                   " -map 1 -c:a aac -ar 96000 -t 0.2 " + shell_quote(dir + "aac_96k.mp4")), 0);
   // H.265 whose hvcC is made to declare 2-byte NAL unit lengths or no arrays; its fragments, a trun's data in its moof.
   ASSERT_EQ(ffmpeg("-v error " + sources + "-c:v libx265 -x265-params log-level=none -tag:v hvc1 -c:a aac " +
                    shell_quote(dir + "h265.mp4")), 0);
   for (const auto& [name, at, value] : {std::tuple{"hvcc_nal_2.mp4", 25, 0x0D}, {"hvcc_empty.mp4", 26, 0}})
     patch(dir + "h265.mp4", dir + name, "hvcC", at, uint8_t(value));
+  patch(dir + "h265.mp4", dir + "hev1.mp4", "hvc1", 1, 'e');  // the sample entry named hev1
+  patch(dir + "hev1.mp4", dir + "hev1.mp4", "hec1", 2, 'v');
   ASSERT_EQ(remux("-q h265.mp4 --fragment 1 -o fragments.mp4", dir), 0);
   patch(dir + "fragments.mp4", dir + "bad_fragments.mp4", "trun", 14, 0);
   const auto whole = read_file(dir + "two_audio.mp4");
@@ -236,6 +239,9 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   auto no_samples = read_file(dir + "no_samples.mp4");  // and its track id 2^31 + 1
   set_be32(no_samples, std::string(no_samples.begin(), no_samples.end()).find("tkhd") + 16, 0x80000001);
   write_file(dir + "no_samples.mp4", no_samples);
+  auto no_scale = whole;  // the video's mdhd with time scale 0
+  set_be32(no_scale, std::string(whole.begin(), whole.end()).find("mdhd") + 16, 0);
+  write_file(dir + "no_scale.mp4", no_scale);
   // The mp4a entry's rate field at its highest, 65535 Hz, which the writer's 16-bit field still holds.
   patch(dir + "two_audio.mp4", dir + "rate_65535.mp4", "mp4a", 28, 0xFF);
   patch(dir + "rate_65535.mp4", dir + "rate_65535.mp4", "mp4a", 29, 0xFF);
@@ -292,6 +298,7 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
       {"two_video.mp4 -o out.mp4", 1,
        "track 2 (vide, H.264) cannot be written: a second video track; the writer takes one video and one audio"},
       {"mp2.mp4 --skip-unsupported -o out.mp4", 1, "'mp2.mp4' has no track to write"},
+      {"no_scale.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its mdhd has no time scale"},
       {"aac_69.mp4 -o out.mp4", 1, "track 2 (soun, 'mp4a') cannot be written: its mp4a entry holds object type 0x69"},
       {"nal_2.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its samples have 2-byte NAL unit lengths"},
       {"no_config.mp4 -o out.mp4", 1, "track 2 (soun, AAC) cannot be written: its esds has no AudioSpecificConfig"},
@@ -350,14 +357,21 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   write_file(dir + "longer.mp4", longer);
   ASSERT_EQ(remux("longer.mp4 --skip-unsupported -o out.mp4", dir, &out), 0) << out;
   EXPECT_NE(out.find("; 3.00 s, "), std::string::npos) << out;
-  // Video samples whose stts gives them no duration last a tick each, and are named; an mp4a entry of 6 channels.
+  // Video samples whose stts gives them no duration last a tick each, and are named; audio whose
+  // AudioSpecificConfig gives channel configuration 6 (5.1) is named multichannel.
   auto no_duration = whole;
   set_be32(no_duration, text.find("stts") + 16, 0);
-  no_duration[text.find("mp4a") + 21] = 6;
+  no_duration.at(text.find("\x12\x08", text.find("esds")) + 1) = 0x30;
   write_file(dir + "no_duration.mp4", no_duration);
   ASSERT_EQ(remux("no_duration.mp4 --skip-unsupported -o out.mp4", dir, &out), 0) << out;
   EXPECT_NE(out.find("track 1: 50 samples without a duration last one tick of 44100\n"), std::string::npos) << out;
   EXPECT_NE(out.find("; audio AAC 44100 Hz multichannel, "), std::string::npos) << out;
+  // An hev1 entry is H.265 too; the summary gives the rate the AudioSpecificConfig gives.
+  for (const auto& [name, says] : {std::pair{"hev1.mp4", "out.mp4: video H.265 "},
+                                   {"aac_96k.mp4", "out.mp4: audio AAC 96000 Hz mono, "}}) {
+    ASSERT_EQ(remux(std::string(name) + " -o out.mp4", dir, &out), 0) << out;
+    EXPECT_NE(out.find(says), std::string::npos) << out;
+  }
 }
 
 using tool::EditEntry;

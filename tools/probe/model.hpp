@@ -4,6 +4,7 @@
 
 #include <boxlane/boxlane.h>
 
+#include "tools/common/audio_config.hpp"
 #include "tools/common/box_walk.hpp"
 #include "tools/common/parse_samples.hpp"
 
@@ -70,15 +71,6 @@ struct ProbeFacts {
   uint64_t samples = 0;            // every sample: the moov's and the fragments'
 };
 
-// The fields of an AudioSpecificConfig that tell what the audio really is
-// (ISO/IEC 14496-3 §1.6.2.1).
-struct ProbeAudioConfig {
-  bool valid = false;
-  int object_type = 0;
-  uint32_t sample_rate = 0;
-  int channel_config = 0;
-};
-
 struct ProbeTrack {
   int32_t id = 0;  // as the parser keys it: ids of 2^31 and more are negative
   // The tkhd's track_ID as stored, unsigned (ISO/IEC 14496-12 §8.3.2).
@@ -91,7 +83,7 @@ struct ProbeTrack {
   // record, so a movie of many empty tracks costs no such record per track.
   std::shared_ptr<const BOXLANE_CODECINFO> codec;  // null when the query failed
   std::unique_ptr<BOXLANE_HEVCINFO> hevc;    // for hvc1 and hev1 entries only
-  ProbeAudioConfig audio;
+  AudioConfig audio;
   ProbeTables tables;
   ProbeFacts facts;
   BOXLANE_TRACKINDEX index{};  // the parser's counts for its per-sample index
@@ -171,7 +163,6 @@ void mark_missing(ProbeReport& report);
 // `strict`: the client was inserted in the basic mode, which reads no co64
 // or stz2 table.
 ProbeFacts derive_facts(const ProbeTrack& track, bool strict);
-ProbeAudioConfig read_audio_config(const BOXLANE_CODECINFO& codec);
 
 // The avcC parameter sets as the codec record holds them: every SPS, then
 // every PPS, back to back. Sets that would reach past the record are left out.

@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "tools/commands.hpp"
+#include "tools/common/audio_config.hpp"
 #include "tools/common/mapped_file.hpp"
 #include "tools/common/summary_text.hpp"
 #include "tools/common/tool_error.hpp"
@@ -125,8 +126,14 @@ std::string track_text(const SourceTrack& t) {
   if (t.video()) {
     std::snprintf(facts, sizeof facts, " %ux%u", t.width, t.height);
   } else {
-    std::snprintf(facts, sizeof facts, " %u Hz %s", t.config->nSampleRate,
-                  t.config->wChannelCount == 1 ? "mono" : t.config->wChannelCount == 2 ? "stereo" : "multichannel");
+    // What the AudioSpecificConfig says, where it says it: the mp4a entry's
+    // rate is 0 from 65536 Hz on, and FFmpeg gives mono 2 channels there.
+    const AudioConfig config = read_audio_config(*t.config);
+    const uint32_t rate = config.valid && config.sample_rate ? config.sample_rate : t.config->nSampleRate;
+    const unsigned channels = config.valid && config.channel_config ? unsigned(config.channel_config)
+                                                                    : t.config->wChannelCount;
+    std::snprintf(facts, sizeof facts, " %u Hz %s", rate,
+                  channels == 1 ? "mono" : channels == 2 ? "stereo" : "multichannel");
   }
   text += facts;
   return text += ", " + count_text(t.samples.size(), "frame", "frames");

@@ -1,0 +1,23 @@
+// The fields of an mp4a entry's AudioSpecificConfig that tell what the audio
+// really is (ISO/IEC 14496-3 §1.6.2.1): the entry's own channel count and
+// 16-bit sample rate need not (FFmpeg writes 2 channels for mono, and a rate
+// of 65536 Hz or more does not fit).
+#pragma once
+
+#include <boxlane/boxlane.h>
+
+#include <cstdint>
+
+namespace boxlane::tool {
+
+struct AudioConfig {
+  bool valid = false;
+  int object_type = 0;
+  uint32_t sample_rate = 0;
+  int channel_config = 0;
+};
+
+// Invalid when the configuration is empty or ends before its channel field.
+AudioConfig read_audio_config(const BOXLANE_CODECINFO& codec);
+
+}  // namespace boxlane::tool
