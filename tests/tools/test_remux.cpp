@@ -118,8 +118,8 @@ const Input kInputs[] = {
      "-movflags frag_keyframe+empty_moov+default_base_moof",
      "video H.264 160x120, 100 frames; audio AAC 44100 Hz mono, 174 frames; 4.08 s, ", 3},
     {"h265_aac48_faststart", "-c:v libx265 -x265-params log-level=none:keyint=12:bframes=2 -tag:v hvc1 -c:a aac "
-     "-ar 48000 -metadata:s:a language=fra -movflags faststart",
-     "video H.265 160x120, 100 frames; audio AAC 48000 Hz mono, 189 frames; 4.02 s, ", 3, true,
+     "-ar 48000 -ac 2 -metadata:s:a language=fra -movflags faststart",
+     "video H.265 160x120, 100 frames; audio AAC 48000 Hz stereo, 189 frames; 4.02 s, ", 3, true,
      true},  // an audio frame at 2.88 s, on a cut: frame 135
     // Negative composition offsets (ctts version 1), which the output moves past 0; the moov last, its stco
     // turned into co64; a key frame exactly every second, so each is exactly a fragment's length on.
