@@ -42,7 +42,8 @@ std::vector<std::string> headers(const std::string& path) {
   return rows;
 }
 
-// The mvhd's duration, then each tkhd's, in ms (version 0 boxes): the presentation, edit lists included.
+// The mvhd's duration, then each tkhd's, in ms (version 0 boxes): the presentation, edit lists included; then
+// each mdhd's, at its own time scale: the media, edits left out.
 std::vector<long> durations(const std::string& path) {
   const auto b = read_file(path);
   const std::string s(b.begin(), b.end());
@@ -51,6 +52,8 @@ std::vector<long> durations(const std::string& path) {
   std::vector<long> ms{std::lround(be32(b, mvhd + 20) / scale)};
   for (std::size_t at = s.find("tkhd"); at != std::string::npos; at = s.find("tkhd", at + 4))
     ms.push_back(std::lround(be32(b, at + 24) / scale));
+  for (std::size_t at = s.find("mdhd"); at != std::string::npos; at = s.find("mdhd", at + 4))
+    ms.push_back(std::lround(be32(b, at + 20) * 1000.0 / be32(b, at + 16)));
   return ms;
 }
 
