@@ -1,7 +1,7 @@
 // The fields of an mp4a entry's AudioSpecificConfig that tell what the audio
-// really is (ISO/IEC 14496-3 §1.6.2.1): the entry's own channel count and
-// 16-bit sample rate need not (FFmpeg writes 2 channels for mono, and a rate
-// of 65536 Hz or more does not fit).
+// really is (ISO/IEC 14496-3 §1.6.2.1). The entry's own channel count and
+// 16-bit rate field may say otherwise: FFmpeg writes 2 channels for mono,
+// and a rate of 65536 Hz or more does not fit.
 #pragma once
 
 #include <boxlane/boxlane.h>
