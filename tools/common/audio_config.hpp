@@ -15,6 +15,12 @@ struct AudioConfig {
   int object_type = 0;
   uint32_t sample_rate = 0;
   int channel_config = 0;
+
+  // The channel count a decoder goes by: the configuration's, or the
+  // entry's where the configuration gives none (0: a program_config_element).
+  unsigned channels_or(unsigned entry) const noexcept {
+    return valid && channel_config ? static_cast<unsigned>(channel_config) : entry;
+  }
 };
 
 // Invalid when the configuration is empty or ends before its channel field.

@@ -66,7 +66,7 @@ std::string codec_line(const ProbeTrack& track) {
     // The AudioSpecificConfig is what a decoder goes by; writers often put
     // 2 channels in the sample entry whatever the stream holds.
     if (track.audio.valid) {
-      const unsigned channels = track.audio.channel_config ? unsigned(track.audio.channel_config) : c.wChannelCount;
+      const unsigned channels = track.audio.channels_or(c.wChannelCount);
       add(line, ", %s, %u channel%s, %u Hz", aac_object_name(track.audio.object_type).c_str(), channels,
           channels == 1 ? "" : "s", track.audio.sample_rate);
     } else {

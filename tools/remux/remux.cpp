@@ -130,8 +130,7 @@ std::string track_text(const SourceTrack& t) {
     // rate is 0 from 65536 Hz on, and FFmpeg gives mono 2 channels there.
     const AudioConfig config = read_audio_config(*t.config);
     const uint32_t rate = config.valid && config.sample_rate ? config.sample_rate : t.config->nSampleRate;
-    const unsigned channels = config.valid && config.channel_config ? unsigned(config.channel_config)
-                                                                    : t.config->wChannelCount;
+    const unsigned channels = config.channels_or(t.config->wChannelCount);
     std::snprintf(facts, sizeof facts, " %u Hz %s", rate,
                   channels == 1 ? "mono" : channels == 2 ? "stereo" : "multichannel");
   }
