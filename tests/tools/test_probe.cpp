@@ -201,6 +201,10 @@ TEST_F(ProbeTool, AgreesWithFfprobeOnFilesFromFfmpegAndFromOurWriter) {
       std::snprintf(rate, sizeof rate, "  bit rate:    %.1f kbit/s (%s bytes of samples)\n", j.num(t + "bit_rate") / 1000,
                     j[t + "sample_bytes"].c_str());
       says.push_back(rate);
+      std::string row = "\n         2:";  // the second sample, as the JSON (ffprobe's, above) has it
+      for (const char* key : {"decode_time", "composition_time", "duration", "size", "offset"})
+        row += " " + j[t + "samples." + key + ".1"];
+      says.push_back(row + (j.flag(t + "samples.sync.1") ? " K\n" : "\n"));
     }
     for (const auto& line : says) EXPECT_NE(text.find(line), std::string::npos) << line << " in " << text;
   }
@@ -226,6 +230,10 @@ TEST_F(ProbeTool, AgreesWithFfprobeOnFilesFromFfmpegAndFromOurWriter) {
                 h[21] & 4 ? "true" : "false", (h[21] & 3) + 1);
   const Json ours = probe_json(shell_quote(out + "4.mp4"));
   EXPECT_EQ(ours["tracks.0.codec.truncated"], "true");
+  std::string text;  // the text's bit depth is the luma one
+  EXPECT_EQ(probe(shell_quote(out + "4.mp4"), &text), 0);
+  EXPECT_NE(text.find("hev1, H.265 Main 10 profile, Main tier, level 2, 4:2:0, 10-bit, 200x120, 4-byte NAL lengths, "
+                      "1 VPS, 1 SPS, 1 PPS (description longer than the parser keeps)\n"), std::string::npos) << text;
   for (const char* key : {"configuration_version", "profile_space", "tier", "profile", "compatibility", "constraints",
                           "level", "min_spatial_segmentation", "parallelism_type", "chroma_format", "bit_depth",
                           "bit_depth_chroma", "temporal_layers", "temporal_id_nested", "nal_length_size"})
@@ -299,6 +307,8 @@ TEST_F(ProbeTool, ErrorsNameWhatWentWrongAndWhere) {
        "truncated: box header" + at(moov.offset) + " has 3 of its 8 bytes"},
       {"cut_in_large_header.mp4", cat({ftyp, Bytes().u32(1).str("moov").u32(0)}), "truncated: box header" + at(20) +
        " has 12 of its 16 bytes"},
+      {"cut_in_large_moov.mp4", cat({ftyp, Bytes().u32(1).str("moov").u64(1000).zeros(10)}),
+       "truncated: box 'moov'" + at(20) + " declares 1000 bytes, 26 present"},
       {"cut_in_mdat.mp4", {fast.begin(), fast.begin() + long(mdat.offset) + 100},
        "truncated: box 'mdat'" + at(mdat.offset) + " declares " + std::to_string(mdat.size) + " bytes, 100 present"},
       {"huge_box.mp4", cat({Bytes().u32(0x7F000000).str("junk").zeros(3000)}), "0x091B0006"},
@@ -344,9 +354,9 @@ TEST_F(ProbeTool, ErrorsNameWhatWentWrongAndWhere) {
 }
 
 // A handler name with JSON's special characters, a space, control characters with and without short escapes, DEL,
-// bytes not UTF-8 (lone, overlong, a cut sequence, a surrogate, past U+10FFFF), and UTF-8.
+// bytes not UTF-8 (lone, overlong, a cut sequence, a surrogate, past U+10FFFF, a lead byte 0xF5), and UTF-8.
 constexpr char kName[] = "T \"\\\n\r\t\b\f\x01\x1F\x7F\xFF\xC0\x80\xE2\x82\xE0\x80\x80\xED\xA0\x80\xF4\x90\x80\x80"
-                         "\xC3\xA9\xE2\x82\xAC\xF0\x9D\x84\x9E";
+                         "\xF5\x80\x80\x80\xC3\xA9\xE2\x82\xAC\xF0\x9D\x84\x9E";
 
 // A movie of one 10-sample video track at 1000 ticks a second in 3 chunks whose stsz, stss, stsc, further
 // tables and mdhd duration are given, in Zulu, its handler named kName.
@@ -413,6 +423,7 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
     // Bytes that are not UTF-8 come back as the Latin-1 letters they would be.
     EXPECT_EQ(j["tracks.0.handler_name"], "T \"\\\n\r\t\b\f\x01\x1F\x7F\xC3\xBF\xC3\x80\xC2\x80\xC3\xA2\xC2\x82"
                                           "\xC3\xA0\xC2\x80\xC2\x80\xC3\xAD\xC2\xA0\xC2\x80\xC3\xB4\xC2\x90\xC2\x80\xC2\x80"
+                                          "\xC3\xB5\xC2\x80\xC2\x80\xC2\x80"
                                           "\xC3\xA9\xE2\x82\xAC\xF0\x9D\x84\x9E");
     if (c.name == std::string("digits")) {  // as written, each number in its place
       std::string raw;
@@ -440,14 +451,15 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
   std::string wide_text;
   ASSERT_EQ(probe("--boxes " + shell_quote(dir + "wide"), &wide_text), 0);
   for (const char* line : {"\n         148          92      tkhd (311)  version 0 flags 000003\n",
-                           "\n         485          24  mdat (2)\n"})  // the box after the moov, at the top again
+                           "\n         489          24  mdat (2)\n"})  // the box after the moov, at the top again
     EXPECT_NE(wide_text.find(line), std::string::npos) << line << " in " << wide_text;
   text.erase(tree);
   EXPECT_EQ(text.erase(text.find("  codec:"), text.find("  dimensions:") - text.find("  codec:")),
-            file + ": 501 bytes\nfile type:   isom, minor version 0\n"
+            file + ": 505 bytes\nfile type:   isom, minor version 0\n"
             "movie:       10.000 s (duration 10000 at time scale 1000), 1 track\nform:        progressive\n\n"
             "track 1: video (handler 'vide', \"T \"\\x5C\\x0A\\x0D\\x09\\x08\\x0C\\x01\\x1F\\x7F\\xFF\\xC0\\x80"
-            "\\xE2\\x82\\xE0\\x80\\x80\\xED\\xA0\\x80\\xF4\\x90\\x80\\x80\\xC3\\xA9\\xE2\\x82\\xAC\\xF0\\x9D\\x84\\x9E\")\n"
+            "\\xE2\\x82\\xE0\\x80\\x80\\xED\\xA0\\x80\\xF4\\x90\\x80\\x80\\xF5\\x80\\x80\\x80"
+            "\\xC3\\xA9\\xE2\\x82\\xAC\\xF0\\x9D\\x84\\x9E\")\n"
             "  dimensions:  64x48\n  time scale:  1000\n"
             "  duration:    10.000 s (10000), language zul\n"
             "  samples:     10, 1 key frame\n  frame rate:  1.000 frames/s\n"
@@ -467,7 +479,9 @@ TEST_F(ProbeTool, PointsOutTablesThatDisagree) {
                           "creation_time", "modification_time"})
     movie += j[std::string("movie.") + key] + " ";
   EXPECT_EQ(movie, "1000 10000 10 65536 256 2 7 8 ");
-  EXPECT_EQ(j["tracks.0.bit_rate"] + " " + j["tracks.0.key_frames"] + " " + j["tracks.0.all_sync"], "800 10 true");
+  EXPECT_EQ(j["tracks.0.bit_rate"] + " " + j["tracks.0.key_frames"] + " " + j["tracks.0.all_sync"] + " " +
+                j["tracks.0.consistency.stco_chunks"] + " " + j["tracks.0.consistency.chunk_samples"],
+            "800 10 true 3 10");
   for (const char* line : {"\"tkhd\": {\"creation_time\": 3, \"modification_time\": 4, \"duration\": 10000, \"layer\": 1, "
                            "\"alternate_group\": 2, \"volume\": 256},\n      \"mdhd\": {\"creation_time\": 5, "
                            "\"modification_time\": 6, \"language_code\": 27308},",
