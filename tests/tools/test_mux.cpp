@@ -149,6 +149,7 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
   auto layered = hevc;  // a NAL unit of layer 1 after the base layer's pictures
   layered.insert(layered.end(), {0, 0, 0, 1, 0x02, 0x09, 0xAF, 0x00});
   const std::string other = encode(dir + "other", "176x144", "25", 0.2, "bframes=0").video;
+  const std::string taller = encode(dir + "taller", "160x96", "25", 0.04, "bframes=0:sps-id=1").video;
   // x264 writes 1000 frames a second into the VUI as time_scale 2000, num_units_in_tick 1; half a frame as 2, 2.
   const std::string fastest = encode(dir + "1000", "64x48", "1000", 0.02, "bframes=0").video;
   const std::string slowest = encode(dir + "half", "64x48", "1/2", 4, "bframes=0").video;
@@ -218,12 +219,16 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
       {"--video " + input("sps_31.h264", with_ids(one, 30, handmade_sps)),
        "assuming 25 .set it with --fps.\n.*16x16, 1 frame at 25 fps; 0.04 s", true},
       {"--video " + input("sps_32.h264", with_ids(one, 31, handmade_sps)), "more than 31 SPSs"},
+      // A repeated SPS with a byte more at its end is another SPS.
+      {"--video " + input("sps_longer.h264", cat({one, handmade_sps(0), unhex("80")})),
+       "sequence parameter set changes at byte " + std::to_string(one.size() + 4)},
       {"--video " + input("pps_255.h264", with_ids(one, 254, handmade_pps)), "16x16, 1 frame at 25 fps", true},
       {"--video " + input("pps_256.h264", with_ids(one, 255, handmade_pps)), "or 255 PPSs"},
       {"--video " + shell_quote(dir + "sps_31.h264") + " --fragment 1", "no frame rate in the stream; assuming 25",
        true},
       {"--video " + input("resized.h264", cat({video, handmade_sps(1)})),
        "parameter set at byte " + std::to_string(video.size() + 4) + " gives another picture size .16x16 after 160"},
+      {"--video " + input("taller.h264", cat({video, read_file(taller)})), "another picture size .160x96 after 160x120"},
       {"--video " + input("pps_first.h264", cat({one, unhex("00000001 68 A38F20")})),  // PPS 0 of SPS 1
        "SPS. with id 1 was sent before the picture parameter set at byte " + std::to_string(one.size() + 4)},
       {"--video " + shell_quote(dir + "pps_first.h264") + " --fragment 1",
@@ -289,8 +294,11 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
       {v + " --fps 1000.5", "--fps takes"},
       {v + " --timescale 20", "time scale 20 is too coarse"},
       {v + " --fps 25 --timescale 24", "time scale 24 is too coarse"},
+      {v + " --fps 25 --timescale 24 --fragment 1", "time scale 24 is too coarse"},
       {a + shell_quote(src.audio) + " --timescale 46", "time scale 46 is too coarse"},  // 48000 / 1024
       {v + " --fps 1/100000 --timescale 90000", "too fine"},
+      // 90 kHz would make that frame too long: milliseconds do.
+      {"--video " + input("one.h264", one) + " --fps 1/100000", "1 frame at 0.000 fps; 100000.00 s", true},
       {v + " --timescale 0", "--timescale takes a whole number from 1 to 2147483647"},
       {v + " --timescale 2147483648", "--timescale takes a whole number from 1 to 2147483647"},
       {v + " --fragment 0", "--fragment takes a number of seconds above 0 and at most 86400"},
@@ -301,6 +309,7 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
       {"--video - --fragment 1 < /dev/null", "is empty"},
       {"--video - < /dev/null", "'standard input' is empty"},
       {v + " --bogus", "unknown option"},
+      {v + " --fps", "^boxlane mux: --fps needs a value"},
       {"", "give --video, --audio or both"},
       {v + " -o " + shell_quote(dir + "new/"), "names a directory, not a file"},
       {v + " -o " + shell_quote(dir + "."), "output '.*/.' is a directory"},
@@ -478,6 +487,7 @@ TEST(Mux, StreamsFromOtherEncoders) {
       // Caption SEI stays in its picture's sample, unless stripped.
       {file("captions.h264", handmade_h264(captioned)), "", "", "7 frames", {1, 4, 7}, 7},
       {dir + "captions.h264", "", "--strip-sei", "7 frames", {1, 4, 7}, 0},
+      {dir + "recovery.h264", "", "--strip-sei", "6 frames at 25 fps (1 leading", {1, 5}, 0},
       // x264 with intra refresh (recovery points, one IDR) and with open GOPs, each cut after its first IDR.
       {file("refresh_cut.h264", cut_at(dir + "refresh.h264", 7)), "", "",
        "leading pictures that cannot be decoded dropped", {1}, 0},
