@@ -718,8 +718,9 @@ TEST(ProbeNames, AsTheStandardsNameThem) {
   EXPECT_EQ(hevc_level_name(0) + " " + hevc_level_name(61) + " " + hevc_level_name(63) + " " + hevc_level_name(90) +
                 " " + hevc_level_name(186), "level_idc 0 level_idc 61 2.1 3 6.2");
   EXPECT_EQ(avc_level_name(9, 100, 0) + " " + avc_level_name(11, 66, 0x10) + " " + avc_level_name(11, 100, 0x10) + " " +
-                avc_level_name(11, 77, 0) + " " + avc_level_name(10, 66, 0) + " " + avc_level_name(31, 66, 0),
-            "1b 1b 1.1 1.1 1.0 3.1");
+                avc_level_name(11, 77, 0) + " " + avc_level_name(10, 66, 0) + " " + avc_level_name(31, 66, 0) + " " +
+                avc_level_name(11, 88, 0x10),
+            "1b 1b 1.1 1.1 1.0 3.1 1b");
   EXPECT_EQ(chroma_format_name(0) + " " + chroma_format_name(1) + " " + chroma_format_name(2) + " " +
                 chroma_format_name(3), "4:0:0 4:2:0 4:2:2 4:4:4");
   std::string aac;
