@@ -275,6 +275,8 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
        "ADTS sync lost at byte " + std::to_string(second)},
       {a + input("cut.aac", {audio.begin(), audio.end() - 10}), "cut short"},
       {a + input("garbage.aac", garbage), "not an AAC ADTS stream"},
+      // An MPEG-1 layer III header (224 kbit/s, 48 kHz): its bits where ADTS has the rate give 13.
+      {a + input("layer_3.aac", cat({unhex("FFFB B4"), audio})), "sync lost at byte 0; this is not an AAC ADTS"},
       {a + input("explicit_rate.aac", adts_with(2, 0x3C, 15 << 2)),  // sampling_frequency_index
        "at byte 0 gives sampling_frequency_index 15, an explicit sample rate, which ADTS does not allow"},
       {a + input("reserved_rate.aac", adts_with(2, 0x3C, 13 << 2)), "the reserved sampling_frequency_index 13"},
@@ -382,21 +384,17 @@ std::vector<uint8_t> cut_at(const std::string& stream, int packet) {
   return {bytes.begin() + std::stol(row), bytes.end()};
 }
 
-// 5.1 AAC with channel_configuration 0 and the layout in a program_config_element at the start of
-// each raw_data_block, as broadcast encoders write it, with a comment of `comment` bytes.
-std::vector<uint8_t> with_pce(const std::vector<uint8_t>& adts, uint8_t comment) {
-  // ISO/IEC 14496-3 Table 4.2 for 48 kHz: ID_PCE, tag 0, LC, front: SCE 0 and CPE 0, back: CPE 1,
-  // LFE 0; byte aligned, then comment_field_bytes. In the AudioSpecificConfig: 10 bytes and the comment.
-  auto pce = unhex("A0 99 00 A0 00 21 10");
-  pce.push_back(comment);
-  pce.resize(pce.size() + comment, 'c');
+// Each ADTS frame with `pce` (if any) at the start of its raw_data_block and channel_configuration 0,
+// and with a CRC word after the header (protection_absent 0, ISO/IEC 14496-3 §1.A.2.2.1) if `crc`.
+std::vector<uint8_t> reframed(const std::vector<uint8_t>& adts, const std::vector<uint8_t>& pce, bool crc) {
   std::vector<uint8_t> out;
   for (std::size_t at = 0; at + 7 <= adts.size();) {
     const std::size_t length = ((adts[at + 3] & 3u) << 11) | (adts[at + 4] << 3) | (adts[at + 5] >> 5);
-    const std::size_t header = (adts[at + 1] & 1) ? 7 : 9, grown = length + pce.size();
+    const std::size_t header = (adts[at + 1] & 1) ? 7 : 9, grown = length + pce.size() + (crc ? 9 - header : 0);
     std::vector<uint8_t> head(adts.begin() + long(at), adts.begin() + long(at + header));
-    head[2] &= 0xFE;                                      // channel_configuration 0: its top bit,
-    head[3] = uint8_t((head[3] & 0x3C) | (grown >> 11));  // its low two bits, frame_length
+    if (crc && header == 7) head[1] &= 0xFE, head.insert(head.end(), {0xC5, 0x3A});  // not checked by readers
+    if (!pce.empty()) head[2] &= 0xFE, head[3] &= 0x3F;  // channel_configuration 0
+    head[3] = uint8_t((head[3] & 0xFC) | (grown >> 11));  // frame_length
     head[4] = uint8_t(grown >> 3);
     head[5] = uint8_t((head[5] & 0x1F) | (grown << 5));
     out.insert(out.end(), head.begin(), head.end());
@@ -405,6 +403,17 @@ std::vector<uint8_t> with_pce(const std::vector<uint8_t>& adts, uint8_t comment)
     at += length;
   }
   return out;
+}
+
+// 5.1 AAC with the layout in a program_config_element, as broadcast encoders write it, with a
+// comment of `comment` bytes.
+std::vector<uint8_t> with_pce(const std::vector<uint8_t>& adts, uint8_t comment, bool crc = false) {
+  // ISO/IEC 14496-3 Table 4.2 for 48 kHz: ID_PCE, tag 0, LC, front: SCE 0 and CPE 0, back: CPE 1,
+  // LFE 0; byte aligned, then comment_field_bytes. In the AudioSpecificConfig: 10 bytes and the comment.
+  auto pce = unhex("A0 99 00 A0 00 21 10");
+  pce.push_back(comment);
+  pce.resize(pce.size() + comment, 'c');
+  return reframed(adts, pce, crc);
 }
 
 // Streams in the shapes other encoders and broadcast gear write, whole and fragmented: FFmpeg
@@ -502,6 +511,8 @@ TEST(Mux, StreamsFromOtherEncoders) {
       {"", file("pce.aac", with_pce(surround, 0)), "", "48000 Hz 6 channels (program_config_element)", {}, 0,
        "audio,48000,6,.*\nmp4a 6 16 48000\n"},
       {"", file("pce255.aac", with_pce(surround, 255)), "", "48000 Hz 6 channels", {}, 0, "audio,48000,6,.*\nmp4a 6 16 48000\n"},
+      // With a CRC after each header: the PCE after it, the header and CRC left out of the samples.
+      {"", file("pce_crc.aac", with_pce(surround, 3, true)), "", "48000 Hz 6 channels", {}, 0, "audio,48000,6,"},
   };
   const std::string out = dir + "out.mp4";
   for (const auto& c : cases) {
