@@ -580,6 +580,11 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
        {{"movie fragments (moof) are not read with --strict"}, {unread}, {unread}}},
       {"brands_at_cap.mp4", with_brands(4096), {}, {}},
       {"brands_past_cap.mp4", with_brands(4097), {{brands}}, {{brands}}},
+      {"brands_past_cap_then_few.mp4", [&] {  // the largest ftyp counts, not the last
+         auto b = with_brands(4097);
+         b.insert(b.begin() + be32(b, 0), {0, 0, 0, 16, 'f', 't', 'y', 'p', 'i', 's', 'o', 'm', 0, 0, 2, 0});
+         return b;
+       }(), {{brands}}, {{brands}}},
       // An mdat ending the file loses nothing, whatever its size form; another box of size 0 may hide what follows.
       {"large_mdat.mp4", large_mdat, {}, {},
        {"progressive, 1 box with a 64-bit size", "progressive, a box with a 64-bit size (not followed with --strict)"}},
@@ -603,6 +608,12 @@ TEST_F(ProbeTool, MarksWhatTheParserLeavesOut) {
        {{trak_at + " than the parser takes: the parser stopped there (0x091B0006 BOXLANE_ERROR_PARSE_NOTSUPPORT"},
         {moov_stop}, {}, 1},
        {{trak_at}, {moov_stop}, {}, 1}},
+      // An empty moov as the first box in the movie box: the stop is still inside the top-level one.
+      {"nested_moov.mp4", changed([&](std::vector<uint8_t>& b) {
+         b.insert(b.begin() + long(moov) + 8, {0, 0, 0, 8, 'm', 'o', 'o', 'v'});
+         set_be32(b, moov, be32(b, moov) + 8), set_be32(b, second_trak + 8, 0x10000001);
+       }), {{"than the parser takes"}, {"the parser stopped inside the movie box"}, {}, 1},
+       {{"than the parser takes"}, {"the parser stopped inside the movie box"}, {}, 1}},
       // A stop after the movie, even just after it, costs a progressive file's tracks nothing; fragments may be lost.
       {"moov_last_size_four.mp4", cat({read_file(moov_last_), size_four}), {{"has a size below its own header"}},
        {{"has a size below its own header"}}},
