@@ -1,5 +1,6 @@
 // The parts of `boxlane mux` that work alone: the live stream cutters of --fragment, however
-// the input arrives (a byte at a time, a few, all at once), and the choice of stco or co64.
+// the input arrives (a byte at a time, a few, all at once), the choice of stco or co64, and the
+// words of the summary line (remux's too).
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -8,6 +9,7 @@
 #include "support/ffmpeg.hpp"
 #include "support/paths.hpp"
 #include "tools/common/chunk_offsets.hpp"
+#include "tools/common/summary_text.hpp"
 #include "tools/common/tool_error.hpp"
 #include "tools/mux/stream_chunks.hpp"
 
@@ -133,6 +135,17 @@ TEST(ChunkOffsets, EachTrackWidensWhenItsLastSampleReachesTwoToThe32) {
     EXPECT_EQ(choose_offset_tables(payload_at, c.last_video, c.last_audio), c.expected);
     EXPECT_LE(rounds, 3);
   }
+}
+
+// Each side of where a size changes its unit; channel layouts by name where they have one.
+TEST(SummaryText, SizesCountsAndLayoutsAtTheirEdges) {
+  for (const auto& [bytes, says] : {std::pair{10239ull, "10239 bytes"}, {10240ull, "10.0 KiB"},
+                                    {10485759ull, "10240.0 KiB"}, {10485760ull, "10.0 MiB"}})
+    EXPECT_EQ(size_text(bytes), says);
+  EXPECT_EQ(count_text(0, "frame", "frames") + count_text(1, "frame", "frames"), "0 frames1 frame");
+  std::string layouts;
+  for (const uint32_t channels : {1, 2, 3, 6, 7, 8}) layouts += channels_text(1, channels) + ",";
+  EXPECT_EQ(layouts + channels_text(0, 6), "mono,stereo,3 channels,5.1,7 channels,7.1,6 channels (program_config_element)");
 }
 
 }  // namespace
