@@ -140,6 +140,7 @@ TEST(MuxFragments, LiveInputs) {
   const std::string vfifo = shell_quote(dir + "v.fifo"), afifo = shell_quote(dir + "a.fifo"), out = dir + "out.mp4";
   ASSERT_EQ(mkfifo((dir + "v.fifo").c_str(), 0600), 0);
   ASSERT_EQ(mkfifo((dir + "a.fifo").c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo((dir + "out.fifo").c_str(), 0600), 0);
   for (const char* mode : {"--fragment 0.5", ""}) {
     SCOPED_TRACE(mode);
     pid_t writer = start("cat " + shell_quote(src.audio) + " > " + afifo);
@@ -149,11 +150,15 @@ TEST(MuxFragments, LiveInputs) {
     ASSERT_EQ(r.status, 0) << r.output;
     expect_decodes_like(out, src.video, src.audio);
     EXPECT_TRUE(!*mode || boxes_of(out).back().type == "mdat");
-    // Two FIFOs from one program, audio opened first and written whole before the video.
+    // Two FIFOs from one program, audio opened first and written whole before the video. Fragments go into a
+    // pipe as they are cut, each synced, which a pipe takes as done.
     writer = start("exec 4>" + afifo + " 3>" + vfifo + "; cat " + shell_quote(src.audio) + " >&4; exec 4>&-; cat " +
                    shell_quote(src.video) + " >&3");
-    r = mux("--video " + vfifo + " --audio " + afifo + " " + mode + " -q -o " + shell_quote(out));
+    const pid_t reader = *mode ? start("cat " + shell_quote(dir + "out.fifo") + " > " + shell_quote(out)) : 0;
+    r = mux("--video " + vfifo + " --audio " + afifo + " " + mode + " -q -o " +
+            (*mode ? shell_quote(dir + "out.fifo") + " --fsync" : shell_quote(out)));
     EXPECT_EQ(finish(writer, r), 0);
+    if (reader) EXPECT_EQ(finish(reader, r), 0);
     ASSERT_EQ(r.status, 0) << r.output;
     expect_decodes_like(out, src.video, src.audio);
     for (const auto& entry : fs::directory_iterator(dir))
