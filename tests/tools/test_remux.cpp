@@ -231,6 +231,7 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   for (const auto& [name, at, value] : {std::tuple{"hvcc_nal_2.mp4", 25, 0x0D}, {"hvcc_empty.mp4", 26, 0}})
     patch(dir + "h265.mp4", dir + name, "hvcC", at, uint8_t(value));
   patch(dir + "h265.mp4", dir + "hev1.mp4", "hvc1", 1, 'e');  // the sample entry named hev1
+  patch(dir + "two_audio.mp4", dir + "no_hdlr.mp4", "hdlr", 0, 'x');  // the first audio track's hdlr unknown
   patch(dir + "hev1.mp4", dir + "hev1.mp4", "hec1", 2, 'v');
   ASSERT_EQ(remux("-q h265.mp4 --fragment 1 -o fragments.mp4", dir), 0);
   patch(dir + "fragments.mp4", dir + "bad_fragments.mp4", "trun", 14, 0);
@@ -302,6 +303,7 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
       {"two_video.mp4 -o out.mp4", 1,
        "track 2 (vide, H.264) cannot be written: a second video track; the writer takes one video and one audio"},
       {"mp2.mp4 --skip-unsupported -o out.mp4", 1, "'mp2.mp4' has no track to write"},
+      {"no_hdlr.mp4 -o out.mp4", 1, "track 2 (?, 'mp4a') cannot be written: the writer describes H.264, H.265 and AAC"},
       {"no_scale.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its mdhd has no time scale"},
       {"aac_69.mp4 -o out.mp4", 1, "track 2 (soun, 'mp4a') cannot be written: its mp4a entry holds object type 0x69"},
       {"nal_2.mp4 -o out.mp4", 1, "track 1 (vide, H.264) cannot be written: its samples have 2-byte NAL unit lengths"},
