@@ -239,6 +239,9 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
       // Data partitions B and C go with the slice before them: 11 MiB of one.
       {"--video " + input("partition.h264", cat({one, unhex("0000000163"), std::vector<uint8_t>(11 << 20, 0xFF)})),
        "1 frame at 25 fps; 0.04 s, 11.0 MiB", true},
+      // In fragments a piece waits for the next IDR picture: 128 MiB at most.
+      {"--video " + input("long.h264", cat({one, unhex("0000000163"), std::vector<uint8_t>(128 << 20, 0xFF)})) +
+           " --fragment 1", "no IDR picture in the 128 MiB from byte 0; fragments start at such pictures"},
       {"--video " + input("sets.h264", handmade_h264({})), "sets.h264: no coded pictures found"},
       {"--video " + shell_quote(dir + "sets.h264") + " --fragment 1", "sets.h264: no coded pictures found"},
       {"--video " + input("changing.h265", cat({hevc, other_hevc})),
@@ -277,6 +280,7 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
       {a + input("garbage.aac", garbage), "not an AAC ADTS stream"},
       // An MPEG-1 layer III header (224 kbit/s, 48 kHz): its bits where ADTS has the rate give 13.
       {a + input("layer_3.aac", cat({unhex("FFFB B4"), audio})), "sync lost at byte 0; this is not an AAC ADTS"},
+      {a + input("tag.aac", unhex("49443304 00000000 0000")) + " --fragment 1", "tag.aac: no ADTS frames found"},
       {a + input("explicit_rate.aac", adts_with(2, 0x3C, 15 << 2)),  // sampling_frequency_index
        "at byte 0 gives sampling_frequency_index 15, an explicit sample rate, which ADTS does not allow"},
       {a + input("reserved_rate.aac", adts_with(2, 0x3C, 13 << 2)), "the reserved sampling_frequency_index 13"},
