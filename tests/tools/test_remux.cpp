@@ -221,9 +221,12 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
                    " -map 0 -map 1 -map 2 -c:v libx264 -c:a mp2 -c:s mov_text " + shell_quote(dir + "others.mp4")), 0);
   ASSERT_EQ(ffmpeg("-v error " + sources + "-f lavfi -i sine=duration=2 -map 0 -map 1 -map 2 -c:v libx264 -c:a aac " +
                    shell_quote(dir + "two_audio.mp4")), 0);
-  // Two video tracks; MPEG-1 layer 2 audio alone; AAC at 96 kHz alone (its mp4a entry says 0 Hz).
+  // Two video tracks; MPEG-1 layer 2 audio alone; AAC at 96 kHz alone (its mp4a entry says 0 Hz); 0.1 s of AAC
+  // under 0.2 s of video.
   ASSERT_EQ(ffmpeg("-v error " + sources + "-map 0 -map 0 -map 1 -c:v libx264 -c:a mp2 -t 0.2 " +
                    shell_quote(dir + "two_video.mp4") + " -map 1 -c:a mp2 -t 0.2 " + shell_quote(dir + "mp2.mp4") +
+                   " -map 0 -map 1 -c:v libx264 -c:a aac -af atrim=end=0.1 -t 0.2 " +
+                   shell_quote(dir + "short_audio.mp4") +
                    " -map 1 -c:a aac -ar 96000 -t 0.2 " + shell_quote(dir + "aac_96k.mp4")), 0);
   // H.265 whose hvcC is made to declare 2-byte NAL unit lengths or no arrays; its fragments, a trun's data in its moof.
   ASSERT_EQ(ffmpeg("-v error " + sources + "-c:v libx265 -x265-params log-level=none -tag:v hvc1 -c:a aac " +
@@ -281,6 +284,13 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
     set_be32(broken, std::size_t(fourth.pos), uint32_t(fourth.size - cut));
     write_file(dir + name, broken);
   }
+  // The first audio sample made 2 bytes, FF F1: an ADTS header, not a raw frame.
+  const PacketRow first_audio = packets_by_track(dir + "two_audio.mp4").at(2).at(0);
+  const std::string boxes(whole.begin(), whole.end());
+  auto adts = whole;
+  set_be32(adts, boxes.find("stsz", boxes.find("stsz") + 4) + 16, 2);  // track 2's first size
+  adts[std::size_t(first_audio.pos)] = 0xFF, adts[std::size_t(first_audio.pos) + 1] = 0xF1;
+  write_file(dir + "adts_2.mp4", adts);
   ASSERT_EQ(::link((dir + "two_audio.mp4").c_str(), (dir + "hard_link.mp4").c_str()), 0);
   ASSERT_EQ(::symlink("two_audio.mp4", (dir + "soft_link.mp4").c_str()), 0);
 
@@ -325,6 +335,8 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
       {"broken.mp4 --skip-unsupported -o out.mp4", 1, "holds a NAL unit longer than the sample"},
       {"tail_3.mp4 --skip-unsupported -o out.mp4", 1, "a video sample at offset " + std::to_string(fourth.pos) + " (" +
        std::to_string(fourth.size) + " bytes) ends inside a NAL unit length"},
+      {"adts_2.mp4 --skip-unsupported -o out.mp4", 1, "an audio sample at offset " + std::to_string(first_audio.pos) +
+       " (2 bytes) starts with an ADTS header"},
       {"two_audio.mp4 -o out.mp4 --fragment 1 --faststart", 2, "exclude each other"},
       {"two_audio.mp4 -o out.mp4 --fragment 0", 2, "--fragment needs a length in seconds"},
       {"two_audio.mp4 -o out.mp4 --fragment 3600.001", 2, "above 0 and at most 3600"},
@@ -371,6 +383,7 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
                           "; audio AAC 44100 Hz multichannel, "},
       // An hev1 entry is H.265 too; the summary gives the rate the AudioSpecificConfig gives.
       {"hev1.mp4", "out.mp4: video H.265 "},
+      {"short_audio.mp4 --fragment 1", "5 frames; audio AAC 44100 Hz mono, 6 frames; 0.20 s"},  // the longer: video
       {"aac_96k.mp4 --faststart", "out.mp4: audio AAC 96000 Hz mono, 20 frames; 0.20 s, [0-9]+ bytes \\(faststart\\), "},
   };
   for (const auto& [args, says] : notices) {
