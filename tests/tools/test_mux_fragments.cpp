@@ -158,7 +158,9 @@ TEST(MuxFragments, LiveInputs) {
     r = mux("--video " + vfifo + " --audio " + afifo + " " + mode + " -q -o " +
             (*mode ? shell_quote(dir + "out.fifo") + " --fsync" : shell_quote(out)));
     EXPECT_EQ(finish(writer, r), 0);
-    if (reader) EXPECT_EQ(finish(reader, r), 0);
+    if (reader) {
+      EXPECT_EQ(finish(reader, r), 0);
+    }
     ASSERT_EQ(r.status, 0) << r.output;
     expect_decodes_like(out, src.video, src.audio);
     for (const auto& entry : fs::directory_iterator(dir))
