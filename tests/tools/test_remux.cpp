@@ -129,7 +129,7 @@ const Input kInputs[] = {
     // turned into co64; a key frame exactly every second, so each is exactly a fragment's length on.
     {"h264_alone_co64", "-c:v libx264 -preset veryfast -bf 2 -g 25 -movflags negative_cts_offsets",
      "video H.264 160x120, 100 frames; 4.00 s, ", 4, false},
-    // Audio alone is cut every --fragment seconds; its mp4a entry made to say 1 channel.
+    // Audio alone is cut every --fragment seconds; its mp4a entry made to say 1 channel of 24-bit samples.
     {"aac_alone", "-vn -c:a aac", "audio AAC 44100 Hz mono, 174 frames; 4.02 s, ", 4, true, false, false},
 };
 
@@ -143,7 +143,7 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
                    std::string(in.audio ? "-f lavfi -i sine=frequency=440:duration=4 " : "") + "-pix_fmt yuv420p " +
                    in.ffmpeg + " " + shell_quote(source)), 0);
   if (!in.audio) write_file(source, with_co64(read_file(source)));
-  if (!in.video) patch(source, source, "mp4a", 21, 1);
+  if (!in.video) patch(source, source, "mp4a", 21, 1), patch(source, source, "mp4a", 23, 24);
   const std::string kinds = std::string(in.video ? "v" : "") + (in.audio ? "a" : "");
 
   std::string out;
