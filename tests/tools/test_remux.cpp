@@ -239,6 +239,7 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   ASSERT_EQ(remux("-q h265.mp4 --fragment 1 -o fragments.mp4", dir), 0);
   patch(dir + "fragments.mp4", dir + "bad_fragments.mp4", "trun", 14, 0);
   const auto whole = read_file(dir + "two_audio.mp4");
+  const std::string text(whole.begin(), whole.end());  // to find boxes in
   for (const auto& [name, box, at, value] :
        {std::tuple{"aac_65.mp4", "esds", 21, 0x65}, {"aac_66.mp4", "esds", 21, 0x66}, {"aac_68.mp4", "esds", 21, 0x68},
         {"aac_69.mp4", "esds", 21, 0x69}, {"nal_2.mp4", "avcC", 8, 0xFD}, {"avc3.mp4", "avc1", 3, '3'},
@@ -248,12 +249,12 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   set_be32(no_samples, std::string(no_samples.begin(), no_samples.end()).find("tkhd") + 16, 0x80000001);
   write_file(dir + "no_samples.mp4", no_samples);
   auto no_scale = whole;  // the video's mdhd with time scale 0
-  set_be32(no_scale, std::string(whole.begin(), whole.end()).find("mdhd") + 16, 0);
+  set_be32(no_scale, text.find("mdhd") + 16, 0);
   write_file(dir + "no_scale.mp4", no_scale);
   // The mp4a entry's rate field at its highest, 65535 Hz, which the writer's 16-bit field still holds.
   patch(dir + "two_audio.mp4", dir + "rate_65535.mp4", "mp4a", 28, 0xFF);
   patch(dir + "rate_65535.mp4", dir + "rate_65535.mp4", "mp4a", 29, 0xFF);
-  const std::size_t avcc = std::string(whole.begin(), whole.end()).find("avcC") + 4;
+  const std::size_t avcc = text.find("avcC") + 4;
   const std::size_t pps = avcc + 9 + (be32(whole, avcc + 4) & 0xFFFF), pps_end = pps + 2 + (be32(whole, pps) >> 16);
   const std::vector<std::string> to_avcc = {"moov", "trak", "mdia", "minf", "stbl", "stsd", "avc1", "avcC"};
   auto two_pps = whole;
@@ -274,7 +275,7 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   write_file(dir + "size_four.mp4", cat({whole, Bytes().u32(4).str("free").zeros(4)}));
   write_file(dir + "ftyp_only.mp4", box("ftyp", unhex("69736F6D 00000200")));
   auto far = whole;
-  set_be32(far, std::string(whole.begin(), whole.end()).find("stco") + 12, 0x7F000000);
+  set_be32(far, text.find("stco") + 12, 0x7F000000);
   write_file(dir + "far_sample.mp4", far);
   // A video sample whose first NAL unit claims one byte more than it holds, or leaves 3 bytes, too few for the next
   // one's length: found after the output was opened.
@@ -286,9 +287,8 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   }
   // The first audio sample made 2 bytes, FF F1: an ADTS header, not a raw frame.
   const PacketRow first_audio = packets_by_track(dir + "two_audio.mp4").at(2).at(0);
-  const std::string boxes(whole.begin(), whole.end());
   auto adts = whole;
-  set_be32(adts, boxes.find("stsz", boxes.find("stsz") + 4) + 16, 2);  // track 2's first size
+  set_be32(adts, text.find("stsz", text.find("stsz") + 4) + 16, 2);  // track 2's first size
   adts[std::size_t(first_audio.pos)] = 0xFF, adts[std::size_t(first_audio.pos) + 1] = 0xF1;
   write_file(dir + "adts_2.mp4", adts);
   ASSERT_EQ(::link((dir + "two_audio.mp4").c_str(), (dir + "hard_link.mp4").c_str()), 0);
@@ -367,7 +367,6 @@ TEST(Remux, RefusesWhatItCannotWriteAndLeavesTheTargetAlone) {
   EXPECT_EQ(decoded_md5s(dir + "out.mp4", 'v'), decoded_md5s(dir + "others.mp4", 'v'));
   // The audio's edit made 3 s long, the video's 2; video samples whose stts gives them no duration; audio whose
   // AudioSpecificConfig gives channel configuration 6 (5.1).
-  const std::string text(whole.begin(), whole.end());
   auto longer = whole, no_duration = whole;
   set_be32(longer, text.find("elst", text.find("elst") + 4) + 12, 3000);
   write_file(dir + "longer.mp4", longer);
