@@ -388,38 +388,6 @@ std::vector<uint8_t> cut_at(const std::string& stream, int packet) {
   return {bytes.begin() + std::stol(row), bytes.end()};
 }
 
-// Each ADTS frame with `pce` (if any) at the start of its raw_data_block and channel_configuration 0,
-// and with a CRC word after the header (protection_absent 0, ISO/IEC 14496-3 §1.A.2.2.1) if `crc`.
-std::vector<uint8_t> reframed(const std::vector<uint8_t>& adts, const std::vector<uint8_t>& pce, bool crc) {
-  std::vector<uint8_t> out;
-  for (std::size_t at = 0; at + 7 <= adts.size();) {
-    const std::size_t length = ((adts[at + 3] & 3u) << 11) | (adts[at + 4] << 3) | (adts[at + 5] >> 5);
-    const std::size_t header = (adts[at + 1] & 1) ? 7 : 9, grown = length + pce.size() + (crc ? 9 - header : 0);
-    std::vector<uint8_t> head(adts.begin() + long(at), adts.begin() + long(at + header));
-    if (crc && header == 7) head[1] &= 0xFE, head.insert(head.end(), {0xC5, 0x3A});  // not checked by readers
-    if (!pce.empty()) head[2] &= 0xFE, head[3] &= 0x3F;  // channel_configuration 0
-    head[3] = uint8_t((head[3] & 0xFC) | (grown >> 11));  // frame_length
-    head[4] = uint8_t(grown >> 3);
-    head[5] = uint8_t((head[5] & 0x1F) | (grown << 5));
-    out.insert(out.end(), head.begin(), head.end());
-    out.insert(out.end(), pce.begin(), pce.end());
-    out.insert(out.end(), adts.begin() + long(at + header), adts.begin() + long(at + length));
-    at += length;
-  }
-  return out;
-}
-
-// 5.1 AAC with the layout in a program_config_element, as broadcast encoders write it, with a
-// comment of `comment` bytes.
-std::vector<uint8_t> with_pce(const std::vector<uint8_t>& adts, uint8_t comment, bool crc = false) {
-  // ISO/IEC 14496-3 Table 4.2 for 48 kHz: ID_PCE, tag 0, LC, front: SCE 0 and CPE 0, back: CPE 1,
-  // LFE 0; byte aligned, then comment_field_bytes. In the AudioSpecificConfig: 10 bytes and the comment.
-  auto pce = unhex("A0 99 00 A0 00 21 10");
-  pce.push_back(comment);
-  pce.resize(pce.size() + comment, 'c');
-  return reframed(adts, pce, crc);
-}
-
 // Streams in the shapes other encoders and broadcast gear write, whole and fragmented: FFmpeg
 // decodes the frames it decodes from the elementary stream; the sync samples as mp4box.js reads
 // them (ISO/IEC 14496-12 §8.6.2), the frames with A/53 captions, what the summary says was dropped.

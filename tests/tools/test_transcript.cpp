@@ -1,0 +1,84 @@
+// The boxlane program's whole answer, word for word, to a table of inputs and options (transcript.sh):
+// every summary, message and exit status, and a digest and probe's report of every file it writes.
+// The expected text, tests/data/transcript.txt, was read line by line when written; the other suites
+// judge the same files with FFmpeg, GStreamer and mp4box.js. After a change meant to alter the output,
+// BOXLANE_UPDATE_TRANSCRIPT=1 writes the file anew: read its diff before committing it.
+#include "support/handmade_h264.hpp"
+#include "support/paths.hpp"
+#include "tools/mux_runner.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace boxlane::test {
+namespace {
+
+using Frames = std::vector<uint8_t>;
+
+// The bundled ADTS stream (stereo AAC LC at 48 kHz) with each header changed by `edit` (ISO/IEC 14496-3
+// §1.A.2.2.1: byte 2 holds the profile, sampling_frequency_index and channel_configuration's high bit).
+Frames adts_edited(const std::function<void(uint8_t*)>& edit) {
+  Frames adts = read_file(source_dir() + "/tests/data/sample.aac");
+  for (std::size_t at = 0; at + 7 <= adts.size(); at += ((adts[at + 3] & 3u) << 11) | (adts[at + 4] << 3) | (adts[at + 5] >> 5))
+    edit(&adts[at]);
+  return adts;
+}
+
+void set_rate(uint8_t* h, int index) { h[2] = uint8_t((h[2] & 0xC3) | index << 2); }
+void set_channels(uint8_t* h, int config) { h[2] = uint8_t((h[2] & 0xFE) | config >> 2), h[3] = uint8_t((h[3] & 0x3F) | (config & 3) << 6); }
+
+// Block boundaries of the case list, for a readable report of the first case that differs.
+std::vector<std::string> cases(const std::string& text) {
+  std::vector<std::string> out;
+  for (std::size_t at = 0, next; at < text.size(); at = next) {
+    next = text.find("\n$ ", at + 1);
+    if (next == std::string::npos) next = text.size();
+    out.push_back(text.substr(at, next - at));
+  }
+  return out;
+}
+
+TEST(Transcript, EveryCommandSaysAndWritesWhatItDidBefore) {
+  if (tool_path().empty()) GTEST_SKIP() << "the boxlane program is not built";
+  const std::string dir = temp_dir() + "/", data = source_dir() + "/tests/data";
+  const Frames h264 = read_file(data + "/sample.h264"), aac = read_file(data + "/sample.aac");
+  // A recording that starts in the middle of a GOP: parameter sets and SEI, then the P pictures before
+  // the second IDR picture (at byte 61527 of the stream).
+  Frames mid(h264.begin(), h264.begin() + 726);
+  mid.insert(mid.end(), h264.begin() + 4994, h264.end());
+  using P = HandmadePicture;
+  const std::vector<std::pair<std::string, Frames>> inputs = {
+      {"mid_gop.h264", mid}, {"cut.h264", Frames(h264.begin(), h264.begin() + 100000)},
+      {"cut.aac", Frames(aac.begin(), aac.begin() + 20000)}, {"empty", {}},
+      {"two_pps.h264", handmade_h264({{P::kIdr, 0, 0x40}, {P::kSkipped, 1}, {P::kIntra, 0, 0x90}, {P::kSkipped, 1}})},
+      {"recovery.h264", handmade_h264({{P::kSkipped}, {P::kIntra, 0, 0x60, true}, {P::kSkipped}, {P::kSkipped}})},
+      {"captions.h264", handmade_h264({{P::kIdr, 0, 0x40, false, true}, {P::kSkipped, 0, 0, false, true}})},
+      {"aac_96k.aac", adts_edited([](uint8_t* h) { set_rate(h, 0); })},
+      {"aac_mono_8k.aac", adts_edited([](uint8_t* h) { set_rate(h, 11), set_channels(h, 1); })},
+      {"aac_7.1.aac", adts_edited([](uint8_t* h) { set_channels(h, 7); })},
+      {"aac_index15.aac", adts_edited([](uint8_t* h) { set_rate(h, 15); })},
+      {"aac_no_layout.aac", adts_edited([](uint8_t* h) { set_channels(h, 0); })},
+      {"aac_main.aac", adts_edited([](uint8_t* h) { h[2] &= 0x3F; })},
+      {"aac_pce.aac", with_pce(aac, 2)}, {"aac_crc.aac", reframed(aac, {}, true)}};
+  for (const auto& [name, bytes] : inputs) write_file(dir + name, bytes);
+
+  std::string got;
+  ASSERT_EQ(run("cd " + shell_quote(dir) + " && bash " + shell_quote(source_dir() + "/tests/tools/transcript.sh") + " " +
+          shell_quote(tool_path()) + " " + shell_quote(data) + " 2>&1",
+                &got), 0) << got;
+  const std::string expected_path = data + "/transcript.txt";
+  if (std::getenv("BOXLANE_UPDATE_TRANSCRIPT")) write_file(expected_path, Frames(got.begin(), got.end()));
+  const Frames bytes = read_file(expected_path);
+  const auto want = cases(std::string(bytes.begin(), bytes.end())), have = cases(got);
+  for (std::size_t i = 0; i < std::max(want.size(), have.size()); ++i) {
+    const std::string w = i < want.size() ? want[i] : "(nothing)", h = i < have.size() ? have[i] : "(nothing)";
+    ASSERT_EQ(h, w) << "case " << i << " differs from tests/data/transcript.txt";
+  }
+}
+
+}  // namespace
+}  // namespace boxlane::test

@@ -1,0 +1,165 @@
+#!/usr/bin/env bash
+# What the boxlane program answers to a table of inputs and options, as one text: each case's command,
+# what it prints (the run time hidden), its exit status when not 0, and for a file it writes, a digest of
+# its bytes and probe's report. test_transcript.cpp makes the inputs, runs this in their directory and
+# compares the text with tests/data/transcript.txt, which was read line by line when it was written.
+#   transcript.sh PROGRAM DATA_DIR
+set -u
+B=$1 D=$2
+mux() { "$B" mux "$@"; }
+probe() { "$B" probe "$@"; }
+remux() { "$B" remux "$@"; }
+# A digest of the file's bytes, the creation and modification times of mvhd, tkhd and mdhd (the clock
+# when it was written) read as 0.
+digest() {
+  cp "$1" .stamped
+  LC_ALL=C grep -obaE 'mvhd|tkhd|mdhd' "$1" | while IFS=: read -r at _; do
+    local version=$(od -An -tu1 -j $((at + 4)) -N1 "$1")
+    head -c $((version == 1 ? 16 : 8)) /dev/zero | dd of=.stamped bs=1 seek=$((at + 8)) conv=notrunc status=none
+  done
+  echo "$(md5sum <.stamped | cut -c1-32)  $1"
+}
+# The digest and probe's report of the file (its first line names the file and its size).
+show() { digest "$1" && "$B" probe "$1"; }
+# Every report probe can print of the file, as one digest.
+deep() { { "$B" probe --samples --tables --boxes "$1" && "$B" probe --json --samples "$1"; } | untimed | md5sum; }
+# probe's JSON with the times of writing read as 0.
+untimed() { sed -E 's/"(creation|modification)_time": [0-9]+/"\1_time": 0/g'; }
+# After a command that may fail: the file's digest if it was written, and the command's status.
+kept() { local status=$?; [ ! -e "$1" ] || digest "$1"; return $status; }
+# The first N lines of what a command prints (usage texts follow many messages), and its status.
+brief() { "${@:2}" >.brief 2>&1; local status=$?; head -"$1" .brief; return $status; }
+# One case: the command as written, what it prints, and its exit status when not 0.
+t() {
+  printf '\n$ %s\n' "$1"
+  local out status
+  out=$(eval "$1" 2>&1)
+  status=$?
+  printf '%s\n' "$out" | sed -e "s|$D|\$D|g" -e 's/written in [0-9.]* s/written in * s/'
+  [ $status = 0 ] || echo "[exit $status]"
+}
+
+# mux: every option on the bundled streams.
+t 'mux -v $D/sample.h264 -a $D/sample.aac -o av.mp4 && show av.mp4 && deep av.mp4'
+t 'mux --video $D/sample.h264 --audio $D/sample.aac --faststart --output fs.mp4 && show fs.mp4 && deep fs.mp4'
+t 'mux -v $D/sample.h264 -a $D/sample.aac --fragment 1 -o fr.mp4 && show fr.mp4 && deep fr.mp4'
+t 'mux -a $D/sample.aac --fragment 0.5 --fsync -o fa.mp4 && show fa.mp4 && deep fa.mp4'
+t 'mux -v $D/sample.h264 --fragment 86400 -o fv.mp4 && digest fv.mp4'
+t 'mux -v $D/sample.h264 --fps 29.97 -o v2997.mp4 && show v2997.mp4'
+t 'mux -v $D/sample.h264 -a $D/sample.aac --fps 30000/1001 --fragment 2 -o f2997.mp4 && show f2997.mp4'
+t 'mux -v $D/sample.h264 --fps 24000/1001 -a $D/sample.aac -o v23.mp4 && show v23.mp4'
+t 'mux -v $D/sample.h264 --fps 60 -o v60.mp4 && digest v60.mp4'
+t 'mux -v $D/sample.h264 --fps 0.5 -o vhalf.mp4 && digest vhalf.mp4'
+t 'mux -v $D/sample.h264 -a $D/sample.aac --timescale 90000 -o t90k.mp4 && show t90k.mp4'
+t 'mux -v $D/sample.h264 -a $D/sample.aac --timescale 1000 --fragment 1 -o t1k.mp4 && show t1k.mp4'
+t 'mux -v $D/sample.h264 --timescale 1 -o t1.mp4 && digest t1.mp4'
+t 'mux -a $D/sample.aac --timescale 2147483647 -o tmax.mp4 && digest tmax.mp4'
+t 'mux -a $D/sample.aac -o a.mp4 && show a.mp4'
+t 'mux -q -v $D/sample.h264 -o q.mp4 && digest q.mp4'
+t 'cat $D/sample.h264 | mux -v - -a $D/sample.aac -o pipe.mp4 && digest pipe.mp4'
+t 'cat $D/sample.aac | mux -a - --fragment 1 -o apipe.mp4 && digest apipe.mp4'
+t 'mux --video-codec h264 -v $D/sample.h264 -o c264.mp4 && digest c264.mp4'
+t 'mux --video-codec auto -v $D/sample.h264 --strip-sei --keep-leading -o sei.mp4 && show sei.mp4'
+
+# mux: H.265 (Main 10, open GOPs with CRA pictures and their leading pictures).
+t 'mux -v $D/main10_cra.h265 -a $D/sample.aac -o h265.mp4 && show h265.mp4 && deep h265.mp4'
+t 'mux --video-codec hevc -v $D/main10_cra.h265 --fragment 0.1 -o h265f.mp4 && show h265f.mp4 && deep h265f.mp4'
+t 'mux --video-codec h265 -v $D/sample.h264 -o x.mp4'
+t 'mux --video-codec h264 -v $D/main10_cra.h265 -o x.mp4'
+
+# mux: streams in other shapes.
+t 'mux -v mid_gop.h264 -o mid.mp4 && show mid.mp4'
+t 'mux -v mid_gop.h264 --keep-leading --fragment 1 -o midk.mp4 && show midk.mp4'
+t 'mux -v two_pps.h264 --fps 25 -o pps.mp4 && show pps.mp4 && deep pps.mp4'
+t 'mux -v recovery.h264 -o rec.mp4 && show rec.mp4'
+t 'mux -v captions.h264 -o cap.mp4 && digest cap.mp4 && mux -v captions.h264 --strip-sei -o nocap.mp4 && digest nocap.mp4'
+t 'mux -a aac_96k.aac -o a96.mp4 && show a96.mp4 && deep a96.mp4'
+t 'mux -a aac_mono_8k.aac -o a8.mp4 && show a8.mp4'
+t 'mux -a aac_7.1.aac -o a71.mp4 && digest a71.mp4'
+t 'mux -a aac_pce.aac -v $D/sample.h264 -o pce.mp4 && show pce.mp4'
+t 'mux -a aac_crc.aac -o crc.mp4 && digest crc.mp4'
+
+# mux: inputs it refuses or ends early.
+t 'mux -a aac_index15.aac -o x.mp4'
+t 'mux -a aac_no_layout.aac -o x.mp4'
+t 'mux -a aac_main.aac -o main.mp4 && show main.mp4'
+t 'mux -v cut.h264 -a $D/sample.aac -o cut.mp4; kept cut.mp4'
+t 'mux -a cut.aac -o cuta.mp4; kept cuta.mp4'
+t 'cat cut.aac | mux -a - -o cutp.mp4; kept cutp.mp4'
+t 'mux -v cut.h264 --fragment 1 -o cutf.mp4; kept cutf.mp4'
+t 'mux -a cut.aac -v $D/sample.h264 --fragment 1 -o cutaf.mp4; kept cutaf.mp4'
+t 'mux -v $D/x264_sps_pps.h264 -o x.mp4'
+t 'mux -v empty -o x.mp4'
+t 'mux -a empty -o x.mp4'
+t 'mux -a $D/sample.h264 -o x.mp4'
+t 'mux -v $D/sample.aac -o x.mp4'
+t 'mux -v missing.h264 -o x.mp4'
+t 'mux -v $D/sample.h264 -o no/dir/x.mp4'
+t 'ls x.mp4'
+
+# mux: usage.
+t 'mux'
+t 'mux -v $D/sample.h264'
+t 'mux -o x.mp4'
+t 'mux --bogus -o x.mp4'
+t 'mux -v $D/sample.h264 -o'
+t 'mux -v - -a - -o x.mp4'
+t 'mux -v a --fps 0 -o x'
+t 'mux -v a --fps 25/0 -o x'
+t 'mux -v a --fps abc -o x'
+t 'mux -v a --timescale 0 -o x'
+t 'mux -v a --timescale 2147483648 -o x'
+t 'mux -v a --fragment 0 -o x'
+t 'mux -v a --fragment 86401 -o x'
+t 'mux -v a --fragment 1 --faststart -o x'
+t 'mux -v a --fsync -o x'
+t 'mux -v a --video-codec vp9 -o x'
+t 'mux --help'
+
+# probe: reports of the files above in every form, and of files cut or changed.
+t 'probe --tables fs.mp4 | head -30'
+t 'probe --samples fr.mp4 | sed -n "1,12p;/samples:/,+4p"'
+t 'probe --strict fr.mp4'
+t 'probe --strict --json fr.mp4 | untimed | md5sum'
+t 'probe --boxes a.mp4 | tail -30'
+t 'probe --piece 1 av.mp4 | md5sum && probe --random-pieces 100 --seed 7 av.mp4 | md5sum && cat av.mp4 | probe - | md5sum'
+t 'probe --pools 3 --json --samples --boxes fr.mp4 | cmp - <(probe --json --samples --boxes fr.mp4)'
+t 'head -c 100000 av.mp4 | probe -'
+t 'head -c 5000 fs.mp4 > cut_moov.mp4; probe cut_moov.mp4'
+t 'head -c 30 av.mp4 | probe -'
+t 'head -c 2000 fr.mp4 > cut_frag.mp4; probe cut_frag.mp4'
+t 'probe empty'
+t 'probe missing.mp4'
+t 'probe $D/sample.h264'
+t 'brief 3 probe'
+t 'brief 3 probe --piece 0 x'
+t 'probe --help'
+t 'brief 3 probe --pools 65 x'
+t 'brief 3 probe --seed 1 x'
+t 'brief 3 probe --json --bogus x'
+
+# remux: every form from every form, and what it refuses.
+t 'remux av.mp4 -o r1.mp4 && show r1.mp4 && deep r1.mp4'
+t 'remux fr.mp4 --faststart -o r2.mp4 && show r2.mp4'
+t 'remux fs.mp4 --fragment 1 -o r3.mp4 && show r3.mp4 && deep r3.mp4'
+t 'remux h265f.mp4 -o r4.mp4 && show r4.mp4'
+t 'remux -q fa.mp4 --fragment 2 -o r5.mp4 && digest r5.mp4'
+t 'remux pce.mp4 -o r6.mp4 && digest r6.mp4'
+t 'remux v2997.mp4 -o r7.mp4 --fragment 0.5 && show r7.mp4'
+t 'remux t90k.mp4 -o r8.mp4 && digest r8.mp4'
+t 'brief 3 remux cut_moov.mp4 -o x.mp4'
+t 'brief 3 remux cut_frag.mp4 -o x.mp4'
+t 'remux av.mp4 -o av.mp4'
+t 'brief 3 remux missing.mp4 -o x.mp4'
+t 'brief 3 remux $D/sample.h264 -o x.mp4'
+t 'brief 3 remux av.mp4'
+t 'brief 3 remux av.mp4 -o x.mp4 --fragment 0'
+t 'brief 3 remux av.mp4 -o x.mp4 --fragment 1 --faststart'
+t 'brief 3 remux av.mp4 fs.mp4 -o x.mp4'
+t 'remux -h'
+
+# The program itself.
+t 'brief 2 "$B"'
+t '"$B" help'
+t 'brief 2 "$B" demux x'
+exit 0
