@@ -16,8 +16,9 @@ MappedFile::MappedFile(const std::string& path) : path_(path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) throw ToolError("cannot open '" + path + "': " + std::strerror(errno));
   struct stat st {};
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    const int err = errno;
+  const bool stated = ::fstat(fd, &st) == 0;
+  if (!stated || !S_ISREG(st.st_mode)) {
+    const int err = stated ? 0 : errno;  // errno is only fstat's when it failed
     ::close(fd);
     throw ToolError("'" + path + "' is not a regular file" + (err ? std::string(": ") + std::strerror(err) : ""));
   }
