@@ -3,6 +3,7 @@
 // The expected text, tests/data/transcript.txt, was read line by line when written; the other suites
 // judge the same files with FFmpeg, GStreamer and mp4box.js. After a change meant to alter the output,
 // BOXLANE_UPDATE_TRANSCRIPT=1 writes the file anew: read its diff before committing it.
+#include "support/box_builder.hpp"
 #include "support/handmade_h264.hpp"
 #include "support/paths.hpp"
 #include "tools/mux_runner.hpp"
@@ -50,6 +51,27 @@ TEST(Transcript, EveryCommandSaysAndWritesWhatItDidBefore) {
   // the second IDR picture (at byte 61527 of the stream).
   Frames mid(h264.begin(), h264.begin() + 726);
   mid.insert(mid.end(), h264.begin() + 4994, h264.end());
+  // H.265 (IDR, trailing pictures, then parameter sets and a CRA picture with RASL pictures): from its first
+  // trailing picture on, and with an end of sequence before the second parameter sets.
+  const Frames h265 = read_file(data + "/main10_cra.h265"), eos = {0, 0, 0, 1, 0x48, 0x01};
+  Frames lead(h265.begin(), h265.begin() + 2373), ended = h265;
+  lead.insert(lead.end(), h265.begin() + 3275, h265.end());
+  ended.insert(ended.begin() + 3484, eos.begin(), eos.end());
+  // x264's open GOPs from the second one on: parameter sets, a recovery point SEI, an I picture, leading B pictures.
+  const Frames open = read_file(data + "/open_gop.h264");
+  // 1.1 MB of ADTS, then a frame whose sync is lost: past the first pieces a live reader takes.
+  Frames long_aac;
+  for (int i = 0; i < 26; ++i) long_aac.insert(long_aac.end(), aac.begin(), aac.end());
+  long_aac.insert(long_aac.end(), 100, 0x55);
+  // A movie whose last box is a 64-bit mdat: the ftyp gives up two of its four brands for the longer header,
+  // so every chunk offset stays.
+  ASSERT_EQ(run(shell_quote(tool_path()) + " mux -q --faststart -a " + shell_quote(data + "/sample.aac") + " -o " +
+                shell_quote(dir + "narrow.mp4")), 0);
+  const Frames narrow = read_file(dir + "narrow.mp4");
+  const TopBox mdat = top_boxes(narrow).back();
+  Bytes wide = Bytes().u32(24).add(Frames(narrow.begin() + 4, narrow.begin() + 24));
+  wide.add(Frames(narrow.begin() + 32, narrow.begin() + long(mdat.offset))).u32(1).str("mdat").u64(mdat.size + 8);
+  wide.add(Frames(narrow.begin() + long(mdat.offset) + 8, narrow.end()));
   using P = HandmadePicture;
   const std::vector<std::pair<std::string, Frames>> inputs = {
       {"mid_gop.h264", mid}, {"cut.h264", Frames(h264.begin(), h264.begin() + 100000)},
@@ -63,7 +85,9 @@ TEST(Transcript, EveryCommandSaysAndWritesWhatItDidBefore) {
       {"aac_index15.aac", adts_edited([](uint8_t* h) { set_rate(h, 15); })},
       {"aac_no_layout.aac", adts_edited([](uint8_t* h) { set_channels(h, 0); })},
       {"aac_main.aac", adts_edited([](uint8_t* h) { h[2] &= 0x3F; })},
-      {"aac_pce.aac", with_pce(aac, 2)}, {"aac_crc.aac", reframed(aac, {}, true)}};
+      {"aac_pce.aac", with_pce(aac, 2)}, {"aac_crc.aac", reframed(aac, {}, true)},
+      {"lead.h265", lead}, {"eos.h265", ended}, {"open_cut.h264", Frames(open.begin() + 1943, open.end())},
+      {"long.aac", long_aac}, {"wide.mp4", wide}};
   for (const auto& [name, bytes] : inputs) write_file(dir + name, bytes);
 
   std::string got;
