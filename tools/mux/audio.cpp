@@ -37,6 +37,14 @@ bool has_sync(const uint8_t* data, std::size_t size) {
   return (r.u16() & 0xFFF6) == 0xFFF0 && r.ok();
 }
 
+// What is left starts like an ADTS frame (sync word, layer 0) that runs past
+// the end: fewer bytes than a header, or a frame_length beyond them.
+bool ends_inside_frame(const uint8_t* data, std::size_t left) {
+  if (left < 7) return data[0] == 0xFF && (left < 2 || (data[1] & 0xF6) == 0xF0);
+  const std::size_t length = ((data[3] & 3u) << 11) | (data[4] << 3) | (data[5] >> 5);
+  return has_sync(data, left) && length >= 7 && length > left;
+}
+
 }  // namespace
 
 void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, AudioStream& out,
@@ -55,6 +63,12 @@ void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, 
       if (index == 13 || index == 14) {
         throw ToolError(name + ": ADTS frame" + at(pos) + " gives the reserved sampling_frequency_index " +
                        std::to_string(index) + "; the stream is damaged or not ADTS");
+      }
+      // A recording stopped in the middle of its last frame: the frames
+      // before it stand.
+      if (!out.frames.empty() && ends_inside_frame(data + pos, left)) {
+        out.cut_at = pos;
+        break;
       }
       if (has_sync(data + pos, left)) {
         throw ToolError(name + ": ADTS frame" + at(pos) + " is cut short or damaged (" + std::to_string(left) +

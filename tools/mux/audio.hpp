@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,11 +26,13 @@ struct AudioStream {
   std::vector<AudioFrame> frames;
   uint64_t payload_bytes = 0;  // sum of the frames without their headers
   uint32_t max_frame_size = 0;
+  std::optional<uint64_t> cut_at;  // the stream ends inside the frame that starts here
   static constexpr uint32_t kSamplesPerFrame = 1024;
 };
 
 // Throws ToolError naming the byte offset where sync is lost, a frame is cut
-// short, or the configuration changes.
+// short or damaged, or the configuration changes. A stream that ends inside a
+// frame after whole ones keeps those, and says where in `cut_at`.
 // `read_to`, when given, is told how far the scan has read.
 void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, AudioStream& out,
                 const std::function<void(const uint8_t*)>& read_to = {});

@@ -376,6 +376,12 @@ int run(const Options& o) {
                 static_cast<double>(result.duration) / result.timescale, size_text(result.file_size).c_str(),
                 o.faststart ? " (faststart)" : "", seconds);
   }
+  if (audio.cut_at) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "boxlane mux: %s stops in the middle of a frame at byte %llu; %s ends with the last whole "
+                 "frames before it\n", o.audio.c_str(), static_cast<unsigned long long>(*audio.cut_at), o.output.c_str());
+    return 1;
+  }
   return 0;
 }
 
