@@ -25,6 +25,11 @@ show() { digest "$1" && "$B" probe "$1"; }
 deep() { { "$B" probe --samples --tables --boxes "$1" && "$B" probe --json --samples "$1"; } | untimed | md5sum; }
 # probe's JSON with the times of writing read as 0.
 untimed() { sed -E 's/"(creation|modification)_time": [0-9]+/"\1_time": 0/g'; }
+# Bytes into a file in place: poke FILE OFFSET BYTES, where be32 N gives N's four bytes (big-endian).
+be32() { printf '\\x%02x' $(($1 >> 24 & 255)) $(($1 >> 16 & 255)) $(($1 >> 8 & 255)) $(($1 & 255)); }
+poke() { printf "$3" | dd of="$1" bs=1 seek="$2" conv=notrunc status=none; }
+# Where the first box of a type starts in a file.
+box_at() { echo $(($(LC_ALL=C grep -obaE "$2" "$1" | head -1 | cut -d: -f1) - 4)); }
 # After a command that may fail: the file's digest if it was written, and the command's status.
 kept() { local status=$?; [ ! -e "$1" ] || digest "$1"; return $status; }
 # The first N lines of what a command prints (usage texts follow many messages), and its status.
@@ -140,6 +145,9 @@ t 'head -c 30 av.mp4 | probe -'
 t 'head -c 2000 fr.mp4 > cut_frag.mp4; probe cut_frag.mp4'
 t 'probe wide.mp4 | head -5 && probe --strict wide.mp4 | head -6'
 t '{ cat a.mp4; printf "\\0\\0\\0\\0free"; head -c 100 /dev/zero; } > zero_free.mp4; probe --boxes zero_free.mp4 | sed -n "1,5p;\$p"'
+# The audio's stsz made one sample_size (1000 bytes) for all its 236 samples, the entries left in a free box.
+t 'cp a.mp4 c.mp4; at=$(box_at c.mp4 stsz); poke c.mp4 $at $(be32 20)stsz$(be32 0)$(be32 1000)$(be32 236)$(be32 944)free; probe --tables c.mp4 | sed -n "6,20p"'
+t 'poke c.mp4 $(($(box_at c.mp4 stsz) + 16)) $(be32 235); probe c.mp4 | tail -4'
 t 'probe .'
 t 'probe empty'
 t 'probe missing.mp4'
@@ -161,8 +169,8 @@ t 'remux pce.mp4 -o r6.mp4 && digest r6.mp4'
 t 'remux v2997.mp4 -o r7.mp4 --fragment 0.5 && show r7.mp4'
 t 'remux t90k.mp4 -o r8.mp4 && digest r8.mp4'
 # The video's edit (media_time 3840) made to start at media time 0; a video sample made 0 bytes long.
-t 'cp av.mp4 e0.mp4; at=$(LC_ALL=C grep -obaE elst e0.mp4 | cut -d: -f1); head -c 4 /dev/zero | dd of=e0.mp4 bs=1 seek=$((at + 16)) conv=notrunc status=none; remux e0.mp4 -o r9.mp4 && deep r9.mp4'
-t 'cp q.mp4 z.mp4; at=$(LC_ALL=C grep -obaE stsz z.mp4 | cut -d: -f1); head -c 4 /dev/zero | dd of=z.mp4 bs=1 seek=$((at + 20)) conv=notrunc status=none; remux z.mp4 -o x.mp4'
+t 'cp av.mp4 e0.mp4; poke e0.mp4 $(($(box_at e0.mp4 elst) + 20)) $(be32 0); remux e0.mp4 -o r9.mp4 && deep r9.mp4'
+t 'cp q.mp4 z.mp4; poke z.mp4 $(($(box_at z.mp4 stsz) + 20)) $(be32 0); remux z.mp4 -o x.mp4'
 t 'remux . -o x.mp4'
 t 'brief 3 remux cut_moov.mp4 -o x.mp4'
 t 'brief 3 remux cut_frag.mp4 -o x.mp4'

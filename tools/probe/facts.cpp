@@ -76,12 +76,15 @@ ProbeFacts derive_facts(const ProbeTrack& track, bool strict) {
     f.sample_count = saturating_add(f.sample_count, run.nValue1);
     f.table_duration = saturating_add(f.table_duration, uint64_t{run.nValue1} * run.nValue2);
   }
-  f.stsz_count = t.stsz.size();
   for (const uint32_t size : t.stsz) f.sample_bytes += size;
   // One size for every sample: the list stays empty, the index knows it.
   const uint32_t constant = track.index.nConstantSize;
-  if (f.stsz_count == 0 && constant) f.sample_bytes = uint64_t{constant} * track.index.nConstantCount;
-  const bool sized = f.stsz_count > 0 || constant;
+  const bool sized = !t.stsz.empty() || constant;
+  f.stsz_count = t.stsz.size();
+  if (t.stsz.empty() && constant) {
+    f.stsz_count = track.index.nConstantCount;
+    f.sample_bytes = uint64_t{constant} * track.index.nConstantCount;
+  }
   f.chunk_count = t.stco.size();
   f.all_sync = t.stss.empty();
   f.key_frames = f.all_sync ? f.sample_count : t.stss.size();
