@@ -148,6 +148,8 @@ t '{ cat a.mp4; printf "\\0\\0\\0\\0free"; head -c 100 /dev/zero; } > zero_free.
 # The audio's stsz made one sample_size (1000 bytes) for all its 236 samples, the entries left in a free box.
 t 'cp a.mp4 c.mp4; at=$(box_at c.mp4 stsz); poke c.mp4 $at $(be32 20)stsz$(be32 0)$(be32 1000)$(be32 236)$(be32 944)free; probe --tables c.mp4 | sed -n "6,20p"'
 t 'poke c.mp4 $(($(box_at c.mp4 stsz) + 16)) $(be32 235); probe c.mp4 | tail -4'
+# The audio trun of the first moof given the video's data_offset: two trafs that share data.
+t 'cp fr.mp4 ov.mp4; set -- $(LC_ALL=C grep -obaE trun ov.mp4 | head -2 | cut -d: -f1); poke ov.mp4 $(($2 + 12)) $(be32 $(od -An -tu4 --endian=big -j $(($1 + 12)) -N4 ov.mp4)); probe ov.mp4 | sed -n "4,5p;/note/p"'
 t 'probe .'
 t 'probe empty'
 t 'probe missing.mp4'
