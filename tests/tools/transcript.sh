@@ -71,7 +71,7 @@ t 'mux -v $D/main10_cra.h265 -a $D/sample.aac -o h265.mp4 && show h265.mp4 && de
 t 'mux --video-codec hevc -v $D/main10_cra.h265 --fragment 0.1 -o h265f.mp4 && show h265f.mp4 && deep h265f.mp4'
 t 'mux --video-codec h265 -v $D/sample.h264 -o x.mp4'
 t 'mux --video-codec h264 -v $D/main10_cra.h265 -o x.mp4'
-t 'mux -v lead.h265 -o lead.mp4 && digest lead.mp4 && mux -q -v lead.h265 --fragment 1 -o leadf.mp4 && digest leadf.mp4'
+t 'mux -v lead.h265 -o lead.mp4 && digest lead.mp4 && mux -q -v lead.h265 -o leadq.mp4 && mux -q -v lead.h265 --fragment 1 -o leadf.mp4 && digest leadf.mp4'
 t 'mux -v eos.h265 -o eos.mp4 && show eos.mp4 && mux -v eos.h265 --fragment 0.1 -o eosf.mp4 && deep eosf.mp4'
 
 # mux: streams in other shapes.
