@@ -57,6 +57,8 @@ TEST(Transcript, EveryCommandSaysAndWritesWhatItDidBefore) {
   Frames lead(h265.begin(), h265.begin() + 2373), ended = h265;
   lead.insert(lead.end(), h265.begin() + 3275, h265.end());
   ended.insert(ended.begin() + 3484, eos.begin(), eos.end());
+  Frames sei_cra = h265;  // without the second VPS, SPS and PPS
+  sei_cra.erase(sei_cra.begin() + 3484, sei_cra.begin() + 3566);
   // x264's open GOPs from the second one on: parameter sets, a recovery point SEI, an I picture, leading B pictures.
   const Frames open = read_file(data + "/open_gop.h264");
   // 1.1 MB of ADTS, then a frame whose sync is lost: past the first pieces a live reader takes.
@@ -86,7 +88,7 @@ TEST(Transcript, EveryCommandSaysAndWritesWhatItDidBefore) {
       {"aac_no_layout.aac", adts_edited([](uint8_t* h) { set_channels(h, 0); })},
       {"aac_main.aac", adts_edited([](uint8_t* h) { h[2] &= 0x3F; })},
       {"aac_pce.aac", with_pce(aac, 2)}, {"aac_crc.aac", reframed(aac, {}, true)},
-      {"lead.h265", lead}, {"eos.h265", ended}, {"open_cut.h264", Frames(open.begin() + 1943, open.end())},
+      {"lead.h265", lead}, {"eos.h265", ended}, {"sei_cra.h265", sei_cra}, {"open_cut.h264", Frames(open.begin() + 1943, open.end())},
       {"long.aac", long_aac}, {"wide.mp4", wide}};
   for (const auto& [name, bytes] : inputs) write_file(dir + name, bytes);
 

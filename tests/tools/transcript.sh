@@ -6,6 +6,7 @@
 #   transcript.sh PROGRAM DATA_DIR
 set -u
 B=$1 D=$2
+umask 022  # the mode of every file written
 mux() { "$B" mux "$@"; }
 probe() { "$B" probe "$@"; }
 remux() { "$B" remux "$@"; }
@@ -73,6 +74,10 @@ t 'mux --video-codec h265 -v $D/sample.h264 -o x.mp4'
 t 'mux --video-codec h264 -v $D/main10_cra.h265 -o x.mp4'
 t 'mux -v lead.h265 -o lead.mp4 && digest lead.mp4 && mux -q -v lead.h265 -o leadq.mp4 && mux -q -v lead.h265 --fragment 1 -o leadf.mp4 && digest leadf.mp4'
 t 'mux -v eos.h265 -o eos.mp4 && show eos.mp4 && mux -v eos.h265 --fragment 0.1 -o eosf.mp4 && deep eosf.mp4'
+# The CRA picture made a BLA picture (a splice): its RASL pictures go as well.
+t 'cp $D/main10_cra.h265 bla.h265; poke bla.h265 5861 "\\x20"; mux -v bla.h265 -o bla.mp4 && show bla.mp4'
+# Without the second GOP's parameter sets: the prefix SEI before its CRA picture opens the fragment.
+t 'mux -v sei_cra.h265 --fragment 0.1 -o seif.mp4 && deep seif.mp4'
 
 # mux: streams in other shapes.
 t 'mux -v mid_gop.h264 -o mid.mp4 && show mid.mp4'
@@ -82,6 +87,10 @@ t 'mux -v recovery.h264 -o rec.mp4 && show rec.mp4'
 t 'mux -v captions.h264 -o cap.mp4 && digest cap.mp4 && mux -v captions.h264 --strip-sei -o nocap.mp4 && digest nocap.mp4'
 t 'mux -v open_cut.h264 -o open.mp4 && show open.mp4 && mux -v open_cut.h264 --keep-leading -o openk.mp4 && digest openk.mp4'
 t 'mux -v $D/slices.h264 -o sl.mp4 && show sl.mp4 && mux -v $D/slices.h264 --fragment 0.2 -o slf.mp4 && show slf.mp4 && deep slf.mp4'
+# constraint_set3 and constraint_set4 of a High profile SPS (ISO/IEC 14496-10 §A.2.4, §A.2.8).
+t 'for f in 10 08 18; do cp $D/sample.h264 cs$f.h264; for at in 4 61492 131021; do poke cs$f.h264 $((at + 2)) "\\x$f"; done; mux -q -v cs$f.h264 -o cs$f.mp4 && probe cs$f.mp4 | grep codec; done'
+# A B-frame stream that ends with an IDR picture on its own.
+t 'cat $D/sample.h264 > lone.h264; head -c 4993 $D/sample.h264 | tail -c +726 >> lone.h264; mux -v lone.h264 --fragment 1 -o lone.mp4 && digest lone.mp4'
 t 'mux -q -v two_pps.h264 --fragment 1 -o ppsf.mp4 && deep ppsf.mp4'
 t 'mux -a aac_96k.aac -o a96.mp4 && show a96.mp4 && deep a96.mp4'
 t 'mux -a aac_mono_8k.aac -o a8.mp4 && show a8.mp4'
@@ -102,6 +111,8 @@ t 'mux -a cut.aac -v $D/sample.h264 --fragment 1 -o cutaf.mp4; kept cutaf.mp4'
 t 'mux -a long.aac --fragment 5 -o x.mp4; kept x.mp4'
 t 'rm -f x.mp4; mux -a long.aac -o x.mp4'
 t 'mux -v $D/x264_sps_pps.h264 -o x.mp4'
+t '{ cat $D/sample.h264; printf "\\0\\0\\0\\1\\x85\\x88\\x80"; } > forbidden.h264; mux -v forbidden.h264 -o x.mp4'
+t 'mux -v - -o x.mp4 < /dev/null'
 t 'mux -v empty -o x.mp4'
 t 'mux -a empty -o x.mp4'
 t 'mux -a $D/sample.h264 -o x.mp4'
@@ -122,6 +133,7 @@ t 'mux -v - -a - -o x.mp4'
 t 'mux -v a --fps 0 -o x'
 t 'mux -v a --fps 25/0 -o x'
 t 'mux -v a --fps abc -o x'
+t 'mux -v a --fps 25x/1 -o x'
 t 'mux -v a --timescale 0 -o x'
 t 'mux -v a --timescale 2147483648 -o x'
 t 'mux -v a --fragment 0 -o x'
@@ -136,7 +148,7 @@ t 'probe --tables fs.mp4 | head -30'
 t 'probe --samples fr.mp4 | sed -n "1,12p;/samples:/,+4p"'
 t 'probe --strict fr.mp4'
 t 'probe --strict --json fr.mp4 | untimed | md5sum'
-t 'probe --boxes a.mp4 | tail -30'
+t 'probe --boxes a.mp4 | tail -30 && stat -c "%a %n" av.mp4 fr.mp4 cutaf.mp4'
 t 'probe --piece 1 av.mp4 | md5sum && probe --random-pieces 100 --seed 7 av.mp4 | md5sum && cat av.mp4 | probe - | md5sum'
 t 'probe --pools 3 --json --samples --boxes fr.mp4 | cmp - <(probe --json --samples --boxes fr.mp4)'
 t 'head -c 100000 av.mp4 | probe -'
@@ -144,10 +156,14 @@ t 'head -c 5000 fs.mp4 > cut_moov.mp4; probe cut_moov.mp4'
 t 'head -c 30 av.mp4 | probe -'
 t 'head -c 2000 fr.mp4 > cut_frag.mp4; probe cut_frag.mp4'
 t 'probe wide.mp4 | head -5 && probe --strict wide.mp4 | head -6'
+t '{ cat a.mp4; printf "\\0\\0\\0\\7free"; } > seven.mp4; probe seven.mp4 | sed -n "4,5p"'
+t '{ cat a.mp4; printf "\\x7f\\0\\0\\0junk"; head -c 3000 /dev/zero; } > huge.mp4; probe huge.mp4 | sed -n "4,5p"'
+t 'head -c 5045 fs.mp4 > moov0.mp4; poke moov0.mp4 32 $(be32 0); probe moov0.mp4'
 t '{ cat a.mp4; printf "\\0\\0\\0\\0free"; head -c 100 /dev/zero; } > zero_free.mp4; probe --boxes zero_free.mp4 | sed -n "1,5p;\$p"'
 # The audio's stsz made one sample_size (1000 bytes) for all its 236 samples, the entries left in a free box.
 t 'cp a.mp4 c.mp4; at=$(box_at c.mp4 stsz); poke c.mp4 $at $(be32 20)stsz$(be32 0)$(be32 1000)$(be32 236)$(be32 944)free; probe --tables c.mp4 | sed -n "6,20p"'
 t 'poke c.mp4 $(($(box_at c.mp4 stsz) + 16)) $(be32 235); probe c.mp4 | tail -4'
+t 'poke c.mp4 $(($(box_at c.mp4 stsz) + 16)) $(be32 237); probe c.mp4 | tail -3'
 # The audio trun of the first moof given the video's data_offset: two trafs that share data.
 t 'cp fr.mp4 ov.mp4; set -- $(LC_ALL=C grep -obaE trun ov.mp4 | head -2 | cut -d: -f1); poke ov.mp4 $(($2 + 12)) $(be32 $(od -An -tu4 --endian=big -j $(($1 + 12)) -N4 ov.mp4)); probe ov.mp4 | sed -n "4,5p;/note/p"'
 t 'probe .'
@@ -170,6 +186,8 @@ t 'remux -q fa.mp4 --fragment 2 -o r5.mp4 && digest r5.mp4'
 t 'remux pce.mp4 -o r6.mp4 && digest r6.mp4'
 t 'remux v2997.mp4 -o r7.mp4 --fragment 0.5 && show r7.mp4'
 t 'remux t90k.mp4 -o r8.mp4 && digest r8.mp4'
+t 'cp av.mp4 fra.mp4; poke fra.mp4 $(($(box_at fra.mp4 mdhd) + 28)) "\\x1a\\x41"; remux fra.mp4 --fragment 1 -o rfra.mp4 && probe rfra.mp4 | grep language'
+t 'head -c 100000 fs.mp4 > cut_mdat.mp4; remux cut_mdat.mp4 -o x.mp4'
 # The video's edit (media_time 3840) made to start at media time 0; a video sample made 0 bytes long.
 t 'cp av.mp4 e0.mp4; poke e0.mp4 $(($(box_at e0.mp4 elst) + 20)) $(be32 0); remux e0.mp4 -o r9.mp4 && deep r9.mp4'
 t 'cp q.mp4 z.mp4; poke z.mp4 $(($(box_at z.mp4 stsz) + 20)) $(be32 0); remux z.mp4 -o x.mp4'
