@@ -159,6 +159,7 @@ t 'probe wide.mp4 | head -5 && probe --strict wide.mp4 | head -6'
 t '{ cat a.mp4; printf "\\0\\0\\0\\7free"; } > seven.mp4; probe seven.mp4 | sed -n "4,5p"'
 t '{ cat a.mp4; printf "\\x7f\\0\\0\\0junk"; head -c 3000 /dev/zero; } > huge.mp4; probe huge.mp4 | sed -n "4,5p"'
 t 'head -c 5045 fs.mp4 > moov0.mp4; poke moov0.mp4 32 $(be32 0); probe moov0.mp4'
+t '{ cat a.mp4; printf "\\0\\0\\0\\0moov"; head -c 50 /dev/zero; } > moov0b.mp4; probe moov0b.mp4 | sed -n "5,8p"'
 t '{ cat a.mp4; printf "\\0\\0\\0\\0free"; head -c 100 /dev/zero; } > zero_free.mp4; probe --boxes zero_free.mp4 | sed -n "1,5p;\$p"'
 # The audio's stsz made one sample_size (1000 bytes) for all its 236 samples, the entries left in a free box.
 t 'cp a.mp4 c.mp4; at=$(box_at c.mp4 stsz); poke c.mp4 $at $(be32 20)stsz$(be32 0)$(be32 1000)$(be32 236)$(be32 944)free; probe --tables c.mp4 | sed -n "6,20p"'
