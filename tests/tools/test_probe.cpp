@@ -334,23 +334,6 @@ TEST_F(ProbeTool, ErrorsNameWhatWentWrongAndWhere) {
       EXPECT_NE(out.find(c.wanted), std::string::npos) << out;
     }
   }
-  // Options at their limits are taken; one past them is bad usage.
-  std::string out;
-  for (const std::string good : {"--pools 64", "--piece 67108864", "--random-pieces 67108864 --seed 0"})
-    EXPECT_EQ(probe(good + " " + shell_quote(fast_start_) + " 2>&1", &out), 0) << good << ": " << out;
-  for (const std::string bad : {"", "--piece 0 x.mp4", "--bogus x.mp4", "-z", "--seed 3 x.mp4", "a.mp4 b.mp4",
-                                "--pools 65 x.mp4", "--pools 0 x.mp4", "--piece 67108865 x.mp4",
-                                "--random-pieces 0 x.mp4"}) {
-    EXPECT_EQ(probe(bad + " 2>&1", &out), 2) << bad;
-    EXPECT_NE(out.find("usage: boxlane probe"), std::string::npos) << bad;
-  }
-  EXPECT_EQ(probe(shell_quote(dir + "missing.mp4") + " 2>&1", &out), 1);
-  EXPECT_NE(out.find("cannot open " + dir + "missing.mp4: No such file or directory\n"), std::string::npos) << out;
-  // The program's own usage: asked for, or for no command or an unknown one.
-  for (const auto& [command, status] : {std::pair{"", 2}, {"help", 0}, {"--help", 0}, {"mix", 2}}) {
-    EXPECT_EQ(run(shell_quote(tool_path()) + " " + command + " 2>&1", &out), status) << command;
-    EXPECT_NE(out.find("usage: boxlane <command>"), std::string::npos) << command;
-  }
 }
 
 // A handler name with JSON's special characters, a space, control characters with and without short escapes, DEL,
