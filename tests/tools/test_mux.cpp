@@ -338,11 +338,6 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
     }
     fs::remove(out);
   }
-  for (const char* help : {"--help", "-h"}) {
-    std::string usage;  // on standard output
-    EXPECT_EQ(run(shell_quote(tool_path()) + " mux " + help + " 2>/dev/null", &usage), 0);
-    EXPECT_EQ(usage.rfind("usage: boxlane mux ", 0), 0u) << usage;
-  }
   // On a terminal, a live input being copied shows each 16 MiB read.
   std::string shown;
   run("script -qec " + shell_quote("head -c 17M /dev/zero | " + shell_quote(tool_path()) + " mux --video - -o " +

@@ -142,6 +142,7 @@ t 'mux -v a --fragment 1 --faststart -o x'
 t 'mux -v a --fsync -o x'
 t 'mux -v a --video-codec vp9 -o x'
 t 'mux --help'
+t 'mux -h 2>/dev/null | head -1; exit ${PIPESTATUS[0]}'
 
 # probe: reports of the files above in every form, and of files cut or changed.
 t 'probe --tables fs.mp4 | head -30'
