@@ -29,6 +29,8 @@ untimed() { sed -E 's/"(creation|modification)_time": [0-9]+/"\1_time": 0/g'; }
 # Bytes into a file in place: poke FILE OFFSET BYTES, where be32 N gives N's four bytes (big-endian).
 be32() { printf '\\x%02x' $(($1 >> 24 & 255)) $(($1 >> 16 & 255)) $(($1 >> 8 & 255)) $(($1 & 255)); }
 poke() { printf "$3" | dd of="$1" bs=1 seek="$2" conv=notrunc status=none; }
+# The 32-bit big-endian number at an offset of a file.
+u32_at() { od -An -tu4 --endian=big -j "$2" -N4 "$1" | tr -d ' '; }
 # Where the first box of a type starts in a file.
 box_at() { echo $(($(LC_ALL=C grep -obaE "$2" "$1" | head -1 | cut -d: -f1) - 4)); }
 # After a command that may fail: the file's digest if it was written, and the command's status.
@@ -167,7 +169,7 @@ t 'cp a.mp4 c.mp4; at=$(box_at c.mp4 stsz); poke c.mp4 $at $(be32 20)stsz$(be32 
 t 'poke c.mp4 $(($(box_at c.mp4 stsz) + 16)) $(be32 235); probe c.mp4 | tail -4'
 t 'poke c.mp4 $(($(box_at c.mp4 stsz) + 16)) $(be32 237); probe c.mp4 | tail -3'
 # The audio trun of the first moof given the video's data_offset: two trafs that share data.
-t 'cp fr.mp4 ov.mp4; set -- $(LC_ALL=C grep -obaE trun ov.mp4 | head -2 | cut -d: -f1); poke ov.mp4 $(($2 + 12)) $(be32 $(od -An -tu4 --endian=big -j $(($1 + 12)) -N4 ov.mp4)); probe ov.mp4 | sed -n "4,5p;/note/p"'
+t 'cp fr.mp4 ov.mp4; set -- $(LC_ALL=C grep -obaE trun ov.mp4 | head -2 | cut -d: -f1); poke ov.mp4 $(($2 + 12)) $(be32 $(u32_at ov.mp4 $(($1 + 12)))); probe ov.mp4 | sed -n "4,5p;/note/p"'
 t 'probe .'
 t 'probe empty'
 t 'probe missing.mp4'
@@ -196,6 +198,9 @@ t 'remux v2997.mp4 -o r7.mp4 --fragment 0.5 && show r7.mp4'
 t 'remux t90k.mp4 -o r8.mp4 && digest r8.mp4'
 t 'cp av.mp4 fra.mp4; poke fra.mp4 $(($(box_at fra.mp4 mdhd) + 28)) "\\x1a\\x41"; remux fra.mp4 --fragment 1 -o rfra.mp4 && probe rfra.mp4 | grep language'
 t 'head -c 100000 fs.mp4 > cut_mdat.mp4; remux cut_mdat.mp4 -o x.mp4'
+# The video's edit list given an empty edit of half a second in front, in a movie time scale of 1000 (the
+# tracks' is 48000); its parents grow by the 12 bytes of the entry.
+t 'e=$(box_at av.mp4 elst); { head -c $e av.mp4; printf $(be32 40)elst$(be32 0)$(be32 2)$(be32 500)$(be32 4294967295)$(be32 65536)$(be32 5000)$(be32 5760)$(be32 65536); tail -c +$((e + 29)) av.mp4; } > edit.mp4; for b in moov trak edts; do at=$(box_at edit.mp4 $b); poke edit.mp4 $at $(be32 $(($(u32_at edit.mp4 $at) + 12))); done; poke edit.mp4 $(($(box_at edit.mp4 mvhd) + 20)) $(be32 1000)$(be32 5500); remux edit.mp4 -o redit.mp4 && digest redit.mp4'
 # The video's edit (media_time 3840) made to start at media time 0; a video sample made 0 bytes long.
 t 'cp av.mp4 e0.mp4; poke e0.mp4 $(($(box_at e0.mp4 elst) + 20)) $(be32 0); remux e0.mp4 -o r9.mp4 && deep r9.mp4'
 t 'cp q.mp4 z.mp4; poke z.mp4 $(($(box_at z.mp4 stsz) + 20)) $(be32 0); remux z.mp4 -o x.mp4'
