@@ -159,6 +159,8 @@ t 'head -c 5000 fs.mp4 > cut_moov.mp4; probe cut_moov.mp4'
 t 'head -c 30 av.mp4 | probe -'
 t 'head -c 2000 fr.mp4 > cut_frag.mp4; probe cut_frag.mp4'
 t 'probe wide.mp4 | head -5 && probe --strict wide.mp4 | head -6'
+# The same with the mdat first: --strict stops before the movie.
+t '{ printf $(be32 24); tail -c +5 av.mp4 | head -c 20; printf $(be32 1)mdat$(be32 0)$(be32 205918); tail -c +41 av.mp4; } > wide_first.mp4; probe wide_first.mp4 | sed -n 4p && probe --strict wide_first.mp4'
 t '{ cat a.mp4; printf "\\0\\0\\0\\7free"; } > seven.mp4; probe seven.mp4 | sed -n "4,5p"'
 t '{ cat a.mp4; printf "\\x7f\\0\\0\\0junk"; head -c 3000 /dev/zero; } > huge.mp4; probe huge.mp4 | sed -n "4,5p"'
 t 'head -c 5045 fs.mp4 > moov0.mp4; poke moov0.mp4 32 $(be32 0); probe moov0.mp4'
