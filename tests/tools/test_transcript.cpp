@@ -24,13 +24,17 @@ using Frames = std::vector<uint8_t>;
 // §1.A.2.2.1: byte 2 holds the profile, sampling_frequency_index and channel_configuration's high bit).
 Frames adts_edited(const std::function<void(uint8_t*)>& edit) {
   Frames adts = read_file(source_dir() + "/tests/data/sample.aac");
-  for (std::size_t at = 0; at + 7 <= adts.size(); at += ((adts[at + 3] & 3u) << 11) | (adts[at + 4] << 3) | (adts[at + 5] >> 5))
+  for (std::size_t at = 0; at + 7 <= adts.size();) {
     edit(&adts[at]);
+    at += ((adts[at + 3] & 3u) << 11) | (adts[at + 4] << 3) | (adts[at + 5] >> 5);  // frame_length
+  }
   return adts;
 }
 
 void set_rate(uint8_t* h, int index) { h[2] = uint8_t((h[2] & 0xC3) | index << 2); }
-void set_channels(uint8_t* h, int config) { h[2] = uint8_t((h[2] & 0xFE) | config >> 2), h[3] = uint8_t((h[3] & 0x3F) | (config & 3) << 6); }
+void set_channels(uint8_t* h, int config) {
+  h[2] = uint8_t((h[2] & 0xFE) | config >> 2), h[3] = uint8_t((h[3] & 0x3F) | (config & 3) << 6);
+}
 
 // Block boundaries of the case list, for a readable report of the first case that differs.
 std::vector<std::string> cases(const std::string& text) {
@@ -88,14 +92,15 @@ TEST(Transcript, EveryCommandSaysAndWritesWhatItDidBefore) {
       {"aac_no_layout.aac", adts_edited([](uint8_t* h) { set_channels(h, 0); })},
       {"aac_main.aac", adts_edited([](uint8_t* h) { h[2] &= 0x3F; })},
       {"aac_pce.aac", with_pce(aac, 2)}, {"aac_crc.aac", reframed(aac, {}, true)},
-      {"lead.h265", lead}, {"eos.h265", ended}, {"sei_cra.h265", sei_cra}, {"open_cut.h264", Frames(open.begin() + 1943, open.end())},
+      {"lead.h265", lead}, {"eos.h265", ended}, {"sei_cra.h265", sei_cra},
+      {"open_cut.h264", Frames(open.begin() + 1943, open.end())},
       {"long.aac", long_aac}, {"wide.mp4", wide}};
   for (const auto& [name, bytes] : inputs) write_file(dir + name, bytes);
 
   std::string got;
-  ASSERT_EQ(run("cd " + shell_quote(dir) + " && bash " + shell_quote(source_dir() + "/tests/tools/transcript.sh") + " " +
-          shell_quote(tool_path()) + " " + shell_quote(data) + " 2>&1",
-                &got), 0) << got;
+  const std::string script = shell_quote(source_dir() + "/tests/tools/transcript.sh");
+  ASSERT_EQ(run("cd " + shell_quote(dir) + " && bash " + script + " " + shell_quote(tool_path()) + " " +
+                    shell_quote(data) + " 2>&1", &got), 0) << got;
   const std::string expected_path = data + "/transcript.txt";
   if (std::getenv("BOXLANE_UPDATE_TRANSCRIPT")) write_file(expected_path, Frames(got.begin(), got.end()));
   const Frames bytes = read_file(expected_path);
