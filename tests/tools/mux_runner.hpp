@@ -106,12 +106,15 @@ inline void expect_sources_shown(const std::string& file, const Streams& src, bo
   EXPECT_EQ(gstreamer_video_md5(file, src.pix_fmt), md5) << "GStreamer's pictures of " << file;
 }
 
+// frame_length of the ADTS header at `h`: the whole frame (ISO/IEC 14496-3 §1.A.2.2.1).
+inline std::size_t adts_length(const uint8_t* h) { return ((h[3] & 3u) << 11) | (h[4] << 3) | (h[5] >> 5); }
+
 // Each ADTS frame with `pce` (if any) at the start of its raw_data_block and channel_configuration 0,
 // and with a CRC word after the header (protection_absent 0, ISO/IEC 14496-3 §1.A.2.2.1) if `crc`.
 inline std::vector<uint8_t> reframed(const std::vector<uint8_t>& adts, const std::vector<uint8_t>& pce, bool crc) {
   std::vector<uint8_t> out;
   for (std::size_t at = 0; at + 7 <= adts.size();) {
-    const std::size_t length = ((adts[at + 3] & 3u) << 11) | (adts[at + 4] << 3) | (adts[at + 5] >> 5);
+    const std::size_t length = adts_length(&adts[at]);
     const std::size_t header = (adts[at + 1] & 1) ? 7 : 9, grown = length + pce.size() + (crc ? 9 - header : 0);
     std::vector<uint8_t> head(adts.begin() + long(at), adts.begin() + long(at + header));
     if (crc && header == 7) head[1] &= 0xFE, head.insert(head.end(), {0xC5, 0x3A});  // not checked by readers

@@ -158,7 +158,7 @@ TEST(Mux, OptionsAndInputsAtTheirLimits) {
     if (!video[i] && !video[i + 1] && video[i + 2] == 1 && (video[i + 3] & 0x1F) == 7) without_sps[i + 3] = 0x0C;
   std::vector<uint8_t> garbage(4096);
   for (std::size_t i = 0; i < garbage.size(); ++i) garbage[i] = uint8_t(i * 7 + 1);
-  const std::size_t second = ((audio[3] & 3u) << 11) | (audio[4] << 3) | (audio[5] >> 5);  // frame_length
+  const std::size_t second = adts_length(audio.data());
   // The ADTS stream with `bits` cleared, then `set`, in the byte at `at` (ISO/IEC 14496-3 §1.A.2.2.1).
   const auto adts_with = [&](std::size_t at, uint8_t bits, uint8_t set) {
     auto bytes = audio;

@@ -259,7 +259,7 @@ TEST(MuxFragments, InputsThatStopOrChangeKeepWhatCameBefore) {
   write_file(dir + "cut.aac", {audio.begin(), audio.begin() + long(cut)});
   std::size_t whole = 0, frame = 0;
   for (std::size_t length; frame + 6 < cut; frame += length, ++whole) {
-    length = ((audio[frame + 3] & 3u) << 11) | (audio[frame + 4] << 3) | (audio[frame + 5] >> 5);
+    length = adts_length(&audio[frame]);
     if (frame + length > cut) break;
   }
   run_on("--audio " + shell_quote(dir + "cut.aac"), "stops in the middle of a frame at byte " + std::to_string(frame) +

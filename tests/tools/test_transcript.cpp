@@ -24,10 +24,7 @@ using Frames = std::vector<uint8_t>;
 // §1.A.2.2.1: byte 2 holds the profile, sampling_frequency_index and channel_configuration's high bit).
 Frames adts_edited(const std::function<void(uint8_t*)>& edit) {
   Frames adts = read_file(source_dir() + "/tests/data/sample.aac");
-  for (std::size_t at = 0; at + 7 <= adts.size();) {
-    edit(&adts[at]);
-    at += ((adts[at + 3] & 3u) << 11) | (adts[at + 4] << 3) | (adts[at + 5] >> 5);  // frame_length
-  }
+  for (std::size_t at = 0; at + 7 <= adts.size(); at += adts_length(&adts[at])) edit(&adts[at]);
   return adts;
 }
 

@@ -24,6 +24,14 @@ inline std::string size_text(uint64_t bytes) {
   return text;
 }
 
+// An input that ended inside a frame, and what the output kept.
+inline std::string stopped_inside_frame_text(const std::string& input, uint64_t at) {
+  return input + " stops in the middle of a frame at byte " + std::to_string(at);
+}
+inline std::string kept_whole_frames_text(const std::string& output) {
+  return output + " ends with the last whole frames before it";
+}
+
 // channel_configuration 0: the layout is in a program_config_element.
 inline std::string channels_text(uint8_t channel_config, uint32_t channels) {
   if (channel_config == 0) return std::to_string(channels) + " channels (program_config_element)";

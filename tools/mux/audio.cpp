@@ -41,7 +41,7 @@ bool has_sync(const uint8_t* data, std::size_t size) {
 // the end: fewer bytes than a header, or a frame_length beyond them.
 bool ends_inside_frame(const uint8_t* data, std::size_t left) {
   if (left < 7) return data[0] == 0xFF && (left < 2 || (data[1] & 0xF6) == 0xF0);
-  const std::size_t length = ((data[3] & 3u) << 11) | (data[4] << 3) | (data[5] >> 5);
+  const std::size_t length = adts_frame_length(data);
   return has_sync(data, left) && length >= 7 && length > left;
 }
 

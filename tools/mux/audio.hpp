@@ -30,6 +30,12 @@ struct AudioStream {
   static constexpr uint32_t kSamplesPerFrame = 1024;
 };
 
+// frame_length of the ADTS header at `header` (7 bytes at least): the whole
+// frame, header included (ISO/IEC 14496-3 §1.A.2.2.1).
+inline std::size_t adts_frame_length(const uint8_t* header) {
+  return ((header[3] & 3u) << 11) | (header[4] << 3) | (header[5] >> 5);
+}
+
 // Throws ToolError naming the byte offset where sync is lost, a frame is cut
 // short or damaged, or the configuration changes. A stream that ends inside a
 // frame after whole ones keeps those, and says where in `cut_at`.

@@ -22,6 +22,7 @@
 #include "platform/h264.hpp"
 #include "tools/common/tool_error.hpp"
 #include "tools/common/init_segment.hpp"
+#include "tools/common/summary_text.hpp"
 #include "tools/mux/audio_description.hpp"
 #include "tools/mux/stream_chunks.hpp"
 #include "tools/mux/video_description.hpp"
@@ -479,9 +480,9 @@ class FragmentWriter {
                                                    ain_ ? ain_->name() : std::string()}}) {
       if (!cut) continue;
       if (!r.problem.empty()) r.problem += "; ";
-      r.problem += name + " stops in the middle of a frame at byte " + std::to_string(at);
+      r.problem += stopped_inside_frame_text(name, at);
     }
-    if (!r.problem.empty()) r.problem += "; " + in_.output + " ends with the last whole frames before it";
+    if (!r.problem.empty()) r.problem += "; " + kept_whole_frames_text(in_.output);
     return r;
   }
 

@@ -378,8 +378,8 @@ int run(const Options& o) {
   }
   if (audio.cut_at) {
     std::fflush(stdout);
-    std::fprintf(stderr, "boxlane mux: %s stops in the middle of a frame at byte %llu; %s ends with the last whole "
-                 "frames before it\n", o.audio.c_str(), static_cast<unsigned long long>(*audio.cut_at), o.output.c_str());
+    std::fprintf(stderr, "boxlane mux: %s; %s\n", stopped_inside_frame_text(o.audio, *audio.cut_at).c_str(),
+                 kept_whole_frames_text(o.output).c_str());
     return 1;
   }
   return 0;

@@ -361,7 +361,7 @@ bool AudioChunker::next(AudioChunk& out) {
   while (size - pos >= 7) {
     // The sync word and frame_length (ISO/IEC 14496-3 §1.A.2.2.1); anything
     // else is handed to scan_audio whole, which says what is wrong.
-    const std::size_t length = ((d[pos + 3] & 3u) << 11) | (d[pos + 4] << 3) | (d[pos + 5] >> 5);
+    const std::size_t length = adts_frame_length(d + pos);
     if (d[pos] != 0xFF || (d[pos + 1] & 0xF6) != 0xF0 || length < 7) {
       pos = size;
       break;
