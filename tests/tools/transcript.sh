@@ -218,6 +218,77 @@ t 'brief 3 remux av.mp4 -o x.mp4 --fragment 1 --faststart'
 t 'brief 3 remux av.mp4 fs.mp4 -o x.mp4'
 t 'remux -h'
 
+# remux: what it refuses, written onto an out.mp4 that holds "old" (onto_old shows what it holds after, and any
+# temporary file left beside it). The files are av.mp4, a.mp4, q.mp4 and h265.mp4 changed in place.
+onto_old() {
+  printf old >out.mp4; "$B" remux "$@"; local status=$?
+  echo "out.mp4: $(cat out.mp4)"; ! ls -A | grep -q boxlane- || echo "a temporary file is left"; return $status
+}
+# av.mp4 with a copy of its trak N (1 video, 2 audio) as track 3 at the end of the moov, the file's last box.
+third() {
+  local at=$(($(LC_ALL=C grep -obaE trak av.mp4 | sed -n "$1p" | cut -d: -f1) - 4)) moov=$(box_at av.mp4 moov)
+  local n=$(u32_at av.mp4 $at) end=$(stat -c %s av.mp4)
+  { cat av.mp4; tail -c +$((at + 1)) av.mp4 | head -c $n; } >"$2"
+  poke "$2" $moov $(be32 $(($(u32_at av.mp4 $moov) + n))) && poke "$2" $((end + 28)) $(be32 3)
+}
+# av.mp4 with its SPS padded with zeros until SPS and PPS take N bytes; the boxes around it grow.
+sps_pad() {
+  local a=$(box_at av.mp4 avcC) at; local s=$(($(u32_at av.mp4 $((a + 12))) & 65535))
+  local pad=$(($1 - s - ($(u32_at av.mp4 $((a + 17 + s))) >> 16)))
+  { head -c $((a + 16 + s)) av.mp4; head -c $pad /dev/zero; tail -c +$((a + 17 + s)) av.mp4; } >"$2"
+  poke "$2" $((a + 12)) $(be32 $((0xFFE10000 + s + pad)))
+  for at in $(for b in moov trak mdia minf stbl stsd; do box_at av.mp4 $b; done) $(($(box_at av.mp4 stsd) + 16)) $a; do
+    poke "$2" $at $(be32 $(($(u32_at av.mp4 $at) + pad)))
+  done
+}
+# The audio's object type: 0x65 (MPEG-2 AAC is 0x66 to 0x68), 0x69 (MPEG-2 part 3), 0x6B (MPEG-1); then AAC ones.
+t 'for o in 65 69 6b; do cp av.mp4 ot$o.mp4; poke ot$o.mp4 $(($(box_at av.mp4 esds) + 19)) "\\x$o"; onto_old -q ot$o.mp4 -o out.mp4; done'
+t 'for o in 66 68; do cp av.mp4 ot$o.mp4; poke ot$o.mp4 $(($(box_at av.mp4 esds) + 19)) "\\x$o"; remux ot$o.mp4 -o r$o.mp4 && digest r$o.mp4; done'
+t 'cp a.mp4 mp1.mp4; poke mp1.mp4 $(($(box_at a.mp4 esds) + 19)) "\\x6b"; onto_old mp1.mp4 --skip-unsupported -o out.mp4'
+# The esds's DecoderSpecificInfo tag made another; the mp4a entry's rate at 65535 Hz, the most its field holds.
+t 'cp av.mp4 nocfg.mp4; poke nocfg.mp4 $(($(box_at av.mp4 esds) + 32)) "\\x06"; onto_old nocfg.mp4 -o out.mp4'
+t 'cp a.mp4 r65535.mp4; poke r65535.mp4 $(($(box_at a.mp4 stsd) + 48)) "\\xff\\xff"; remux r65535.mp4 -o r65535o.mp4 && digest r65535o.mp4'
+t 'cp a.mp4 nohdlr.mp4; poke nohdlr.mp4 $(($(box_at a.mp4 hdlr) + 4)) x; onto_old nohdlr.mp4 -o out.mp4'
+t 'cp av.mp4 scale0.mp4; poke scale0.mp4 $(($(box_at av.mp4 mdhd) + 20)) $(be32 0); onto_old scale0.mp4 -o out.mp4'
+# The video's entry named avc3; its avcC with 2 PPS (our writer's, from two_pps.h264), 2-byte NAL unit lengths.
+t 'cp av.mp4 avc3.mp4; poke avc3.mp4 $(($(box_at av.mp4 stsd) + 23)) 3; onto_old avc3.mp4 -o out.mp4'
+t 'onto_old pps.mp4 -o out.mp4'
+t 'cp av.mp4 nal2.mp4; poke nal2.mp4 $(($(box_at av.mp4 avcC) + 12)) "\\xfd"; onto_old nal2.mp4 -o out.mp4'
+# SPS and PPS of 1016 bytes, the most the writer's sample description holds (trailing zeros go), then 1017.
+t 'sps_pad 1016 sps1016.mp4 && remux sps1016.mp4 -o r1016.mp4 && digest r1016.mp4 && sps_pad 1017 sps1017.mp4 && onto_old sps1017.mp4 -o out.mp4'
+# The hvcC with 2-byte NAL unit lengths, with no arrays; the entry named hev1.
+t 'cp h265.mp4 hnal2.mp4; poke hnal2.mp4 $(($(box_at h265.mp4 hvcC) + 29)) "\\x0d"; onto_old hnal2.mp4 -o out.mp4'
+t 'cp h265.mp4 hnone.mp4; poke hnone.mp4 $(($(box_at h265.mp4 hvcC) + 30)) "\\0"; onto_old hnone.mp4 -o out.mp4'
+t 'cp h265.mp4 hev1.mp4; poke hev1.mp4 $(($(box_at h265.mp4 stsd) + 21)) ev; remux hev1.mp4 -o rhev1.mp4 && digest rhev1.mp4'
+# A second video track, a second audio track, and a subtitle track (sbtl, tx3g) left out with a notice.
+t 'third 1 vv.mp4 && onto_old vv.mp4 -o out.mp4'
+t 'third 2 aa.mp4 && onto_old aa.mp4 -o out.mp4'
+t 'third 2 sub.mp4 && set -- $(LC_ALL=C grep -obaE "hdlr|mp4a" sub.mp4 | tail -2 | cut -d: -f1) && poke sub.mp4 $(($1 + 12)) sbtl && poke sub.mp4 $2 tx3g && remux sub.mp4 --skip-unsupported -o rsub.mp4 && remux -q --skip-unsupported sub.mp4 -o rsub.mp4 && show rsub.mp4'
+# A damaged trun in remux's own fragments; a box of size 4 after the moov; an ftyp alone; a chunk at 2^31 - 2^24.
+t 'cp r3.mp4 trun.mp4; poke trun.mp4 $(($(box_at r3.mp4 trun) + 18)) "\\0"; onto_old trun.mp4 -o out.mp4'
+t '{ cat av.mp4; printf "\\0\\0\\0\\4free\\0\\0\\0\\0"; } > four.mp4; onto_old four.mp4 -o out.mp4'
+t 'head -c 32 av.mp4 > ftyp.mp4; onto_old ftyp.mp4 -o out.mp4'
+t 'cp av.mp4 far.mp4; poke far.mp4 $(($(box_at av.mp4 stco) + 16)) $(be32 2130706432); onto_old far.mp4 -o out.mp4'
+# Found while writing: the first NAL unit one byte longer than its sample, or leaving 3 bytes, too few for a length;
+# an audio sample of 2 bytes that are an ADTS header.
+t 'for c in 3 7; do cp q.mp4 nal$c.mp4; poke nal$c.mp4 40 $(be32 $(($(u32_at q.mp4 $(($(box_at q.mp4 stsz) + 20))) - c))); onto_old nal$c.mp4 --skip-unsupported -o out.mp4; done'
+t 'cp a.mp4 adts.mp4; poke adts.mp4 40 "\\xff\\xf1"; poke adts.mp4 $(($(box_at a.mp4 stsz) + 20)) $(be32 2); onto_old adts.mp4 --skip-unsupported -o out.mp4'
+t 'ln -f av.mp4 hard.mp4 && ln -sf av.mp4 soft.mp4 && { remux av.mp4 -o hard.mp4 || remux av.mp4 -o soft.mp4; }; kept av.mp4'
+t 'onto_old empty -o out.mp4'
+t 'brief 1 remux av.mp4 -o x.mp4 --fragment 3600.001'
+t 'brief 1 remux av.mp4 -o x.mp4 --fragment 1s'
+t 'brief 1 remux av.mp4 -o x.mp4 --bogus'
+t 'brief 1 remux av.mp4 -o'
+t 'brief 1 remux --help'
+t 'remux av.mp4 --fragment 3600 -o f3600.mp4 && digest f3600.mp4'
+# Notices: the video's stts made empty and its id 2^31 + 1; its stts deltas 0 and the audio's channels 6 (5.1).
+t 'cp av.mp4 nos.mp4; poke nos.mp4 $(($(box_at av.mp4 stts) + 12)) $(be32 0); poke nos.mp4 $(($(box_at av.mp4 tkhd) + 20)) $(be32 2147483649); remux nos.mp4 -o rnos.mp4 && remux -q nos.mp4 -o rnos.mp4 && digest rnos.mp4'
+t 'cp av.mp4 nod.mp4; poke nod.mp4 $(($(box_at av.mp4 stts) + 20)) $(be32 0); poke nod.mp4 $(($(box_at av.mp4 esds) + 35)) "\\xb0"; remux nod.mp4 -o rnod.mp4 && remux -q nod.mp4 -o rnod.mp4 && digest rnod.mp4'
+# The movie lasts as long as its longer track: the video's edit made 6 s; in fragments, its media 6.25 s.
+t 'cp av.mp4 long.mp4; poke long.mp4 $(($(box_at av.mp4 elst) + 16)) $(be32 288000); remux long.mp4 -o rlong.mp4 && digest rlong.mp4'
+t 'cp av.mp4 slow.mp4; poke slow.mp4 $(($(box_at av.mp4 stts) + 20)) $(be32 2400); remux slow.mp4 --fragment 1 -o rslow.mp4 && digest rslow.mp4'
+t 'remux a96.mp4 --faststart -o r96.mp4 && digest r96.mp4'
+
 # The program itself.
 t 'brief 2 "$B"'
 t 'brief 1 "$B" -h && brief 1 "$B" --help'
