@@ -261,8 +261,7 @@ t 'cp h265.mp4 hnal2.mp4; poke hnal2.mp4 $(($(box_at h265.mp4 hvcC) + 29)) "\\x0
 t 'cp h265.mp4 hnone.mp4; poke hnone.mp4 $(($(box_at h265.mp4 hvcC) + 30)) "\\0"; onto_old hnone.mp4 -o out.mp4'
 t 'cp h265.mp4 hev1.mp4; poke hev1.mp4 $(($(box_at h265.mp4 stsd) + 21)) ev; remux hev1.mp4 -o rhev1.mp4 && digest rhev1.mp4'
 # A second video track, a second audio track, and a subtitle track (sbtl, tx3g) left out with a notice.
-t 'third 1 vv.mp4 && onto_old vv.mp4 -o out.mp4'
-t 'third 2 aa.mp4 && onto_old aa.mp4 -o out.mp4'
+t 'for k in 1 2; do third $k plus$k.mp4 && onto_old plus$k.mp4 -o out.mp4; done'
 t 'third 2 sub.mp4 && set -- $(LC_ALL=C grep -obaE "hdlr|mp4a" sub.mp4 | tail -2 | cut -d: -f1) && poke sub.mp4 $(($1 + 12)) sbtl && poke sub.mp4 $2 tx3g && remux sub.mp4 --skip-unsupported -o rsub.mp4 && remux -q --skip-unsupported sub.mp4 -o rsub.mp4 && show rsub.mp4'
 # A damaged trun in remux's own fragments; a box of size 4 after the moov; an ftyp alone; a chunk at 2^31 - 2^24.
 t 'cp r3.mp4 trun.mp4; poke trun.mp4 $(($(box_at r3.mp4 trun) + 18)) "\\0"; onto_old trun.mp4 -o out.mp4'
@@ -275,10 +274,7 @@ t 'for c in 3 7; do cp q.mp4 nal$c.mp4; poke nal$c.mp4 40 $(be32 $(($(u32_at q.m
 t 'cp a.mp4 adts.mp4; poke adts.mp4 40 "\\xff\\xf1"; poke adts.mp4 $(($(box_at a.mp4 stsz) + 20)) $(be32 2); onto_old adts.mp4 --skip-unsupported -o out.mp4'
 t 'ln -f av.mp4 hard.mp4 && ln -sf av.mp4 soft.mp4 && { remux av.mp4 -o hard.mp4 || remux av.mp4 -o soft.mp4; }; kept av.mp4'
 t 'onto_old empty -o out.mp4'
-t 'brief 1 remux av.mp4 -o x.mp4 --fragment 3600.001'
-t 'brief 1 remux av.mp4 -o x.mp4 --fragment 1s'
-t 'brief 1 remux av.mp4 -o x.mp4 --bogus'
-t 'brief 1 remux av.mp4 -o'
+t 'for a in "--fragment 3600.001" "--fragment 1s" --bogus; do brief 1 remux av.mp4 -o x.mp4 $a; done; brief 1 remux av.mp4 -o'
 t 'brief 1 remux --help'
 t 'remux av.mp4 --fragment 3600 -o f3600.mp4 && digest f3600.mp4'
 # Notices: the video's stts made empty and its id 2^31 + 1; its stts deltas 0 and the audio's channels 6 (5.1).
