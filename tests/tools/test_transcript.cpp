@@ -5,6 +5,7 @@
 // BOXLANE_UPDATE_TRANSCRIPT=1 writes the file anew: read its diff before committing it.
 #include "support/box_builder.hpp"
 #include "support/handmade_h264.hpp"
+#include "support/hevc_units.hpp"
 #include "support/paths.hpp"
 #include "tools/mux_runner.hpp"
 
@@ -76,6 +77,15 @@ TEST(Transcript, EveryCommandSaysAndWritesWhatItDidBefore) {
   wide.add(Frames(narrow.begin() + 32, narrow.begin() + long(mdat.offset))).u32(1).str("mdat").u64(mdat.size + 8);
   wide.add(Frames(narrow.begin() + long(mdat.offset) + 8, narrow.end()));
   using P = HandmadePicture;
+  // A one-picture stream, then SPSs or PPSs 1 to `last`; an SPS 1 a macroblock taller (ISO/IEC 14496-10 §7.3.2.1.1).
+  const Frames one = handmade_h264({{}}), start = {0, 0, 0, 1};
+  const auto with_ids = [](Frames stream, uint32_t last, auto set) {
+    for (uint32_t id = 1; id <= last; ++id) stream = cat({stream, set(id)});
+    return stream;
+  };
+  const auto hevc_pps = [&](uint32_t id) { return cat({start, hand_pps(id)}); };
+  const Frames taller =
+      Bits().u(8, 66).u(8, 0xC0).u(8, 10).ue(1).ue(0).ue(2).ue(1).u(1, 0).ue(0).ue(1).u(4, 0xC).nal(3, 7);
   const std::vector<std::pair<std::string, Frames>> inputs = {
       {"mid_gop.h264", mid}, {"cut.h264", Frames(h264.begin(), h264.begin() + 100000)},
       {"cut.aac", Frames(aac.begin(), aac.begin() + 20000)}, {"empty", {}},
@@ -91,7 +101,14 @@ TEST(Transcript, EveryCommandSaysAndWritesWhatItDidBefore) {
       {"aac_pce.aac", with_pce(aac, 2)}, {"aac_crc.aac", reframed(aac, {}, true)},
       {"lead.h265", lead}, {"eos.h265", ended}, {"sei_cra.h265", sei_cra},
       {"open_cut.h264", Frames(open.begin() + 1943, open.end())},
-      {"long.aac", long_aac}, {"wide.mp4", wide}};
+      {"long.aac", long_aac}, {"wide.mp4", wide},
+      {"one.h264", one}, {"two.h264", handmade_h264({{}, {P::kSkipped}})}, {"taller.h264", cat({one, start, taller})},
+      {"no_idr.h264", handmade_h264({{P::kSkipped}, {P::kSkipped}, {P::kIntra}})},
+      {"sps_31.h264", with_ids(one, 30, handmade_sps)}, {"sps_32.h264", with_ids(one, 31, handmade_sps)},
+      {"pps_255.h264", with_ids(one, 254, handmade_pps)}, {"pps_256.h264", with_ids(one, 255, handmade_pps)},
+      {"pps_1_61.h265", with_ids({}, 61, hevc_pps)}, {"pps_62.h265", hevc_pps(62)},
+      {"aac_3.aac", adts_edited([](uint8_t* h) { set_channels(h, 3); })},
+      {"aac_5.1.aac", adts_edited([](uint8_t* h) { set_channels(h, 6); })}};
   for (const auto& [name, bytes] : inputs) write_file(dir + name, bytes);
 
   std::string got;

@@ -146,6 +146,78 @@ t 'mux -v a --video-codec vp9 -o x'
 t 'mux --help'
 t 'mux -h 2>/dev/null | head -1; exit ${PIPESTATUS[0]}'
 
+# mux: options and inputs at their limits.
+t 'for r in 1000 1000000/40000; do mux -v $D/sample.h264 --fps $r -o y.mp4 && digest y.mp4; done'
+t 'mux -v $D/sample.h264 --fps 12.5 --faststart -o y.mp4 && digest y.mp4'
+# 1.45 ticks a frame, B-frames shifted by one: the movie ends where a 127th frame would start, at 182 - 1 ticks.
+t 'mux -v $D/sample.h264 --fps 20 --timescale 29 -o y.mp4 && show y.mp4'
+# The VUI's time_scale in the three SPSs made 2000, 2001 and 1 (num_units_in_tick 1): 1000, 1000.5 and half a
+# frame a second (ISO/IEC 14496-10 §E.2.1).
+t 'for v in "22 \\x7d\\x00\\xf1\\x42\\x99\\x60\\x00" "22 \\x7d\\x10\\xf1\\x42\\x99\\x60\\x00" "23 \\x00\\x10"; do cp $D/sample.h264 vui.h264; set -- $v; for at in 0 61488 131017; do poke vui.h264 $(($1 + at)) "$2"; done; mux -v vui.h264 -o y.mp4 && digest y.mp4; done'
+# Frames of 2^31 - 1 ticks, the longest an stts delta holds (B-frames shifted by such a frame do not fit ctts, below).
+t 'mux -v two_pps.h264 --fps 1 --timescale 2147483647 -o y.mp4 && digest y.mp4'
+# Three frames of 2^32 - 1 ticks in all still fit version 0 boxes; a tick more a frame does not.
+t 'for ts in 1431655765 1431655766; do mux -q -v recovery.h264 --fps 1 --timescale $ts -o y.mp4 && digest y.mp4; done'
+# A fragment of audio alone holds at least one frame, however short --fragment is.
+t 'mux -a $D/sample.aac --fragment 0.000001 -o y.mp4 && digest y.mp4'
+t 'mux -v $D/sample.h264 -a $D/sample.aac --fragment 0.1 -o y.mp4 && digest y.mp4'
+t 'cp $D/sample.h264 nosps.h264; for at in 4 61492 131021; do poke nosps.h264 $at "\\x0c"; done; mux -v nosps.h264 -o x.mp4'
+t 'head -c 20 $D/sample.h264 > cut20.h264; mux -v cut20.h264 -o x.mp4'
+t 'head -c 4096 /dev/zero | tr "\\0" "\\1" > ones.bin; mux -v ones.bin -o x.mp4'
+t 'cat $D/sample.h264 $D/slices.h264 > changing.h264; mux -v changing.h264 -o x.mp4'
+t 'mux -v no_idr.h264 -o x.mp4'
+# An avcC counts its SPSs in 5 bits and its PPSs in 8 (ISO/IEC 14496-15 §5.3.3.1).
+t 'mux -v sps_31.h264 -o y.mp4 && digest y.mp4 && mux -v sps_31.h264 --fragment 1 -o y.mp4 && digest y.mp4'
+t 'mux -v sps_32.h264 -o x.mp4'
+t 'mux --quiet -v pps_255.h264 -o y.mp4 && digest y.mp4 && mux -v pps_256.h264 -o x.mp4'
+# A repeated SPS with a byte more at its end is another SPS.
+t '{ cat one.h264; head -c 10 one.h264; printf "\\x80"; } > longer.h264; mux -v longer.h264 -o x.mp4'
+t 'mux -v taller.h264 -o x.mp4'
+# A PPS of SPS 1, which was never sent.
+t '{ cat one.h264; printf "\\0\\0\\0\\1\\x68\\xa3\\x8f\\x20"; } > pps_first.h264; mux -v pps_first.h264 -o x.mp4; mux -v pps_first.h264 --fragment 1 -o x.mp4'
+# The P picture sent twice.
+t '{ cat two.h264; tail -c $(($(stat -c %s two.h264) - $(stat -c %s one.h264))) two.h264; } > same_poc.h264; mux -v same_poc.h264 -o x.mp4'
+# Data partitions B and C go with the slice before them: 11 MiB of one. In fragments a piece waits for the
+# next IDR picture: 128 MiB at most.
+t '{ cat one.h264; printf "\\0\\0\\0\\1\\x63"; head -c 11M /dev/zero | tr "\\0" "\\377"; } > part.h264; mux -v part.h264 -o y.mp4 && digest y.mp4; rm part.h264'
+t '{ cat one.h264; printf "\\0\\0\\0\\1\\x63"; head -c 129M /dev/zero | tr "\\0" "\\377"; } | mux -v - --fragment 1 -o x.mp4'
+t 'mux -v $D/x264_sps_pps.h264 --fragment 1 -o x.mp4'
+# H.265: the VPS's level changed in a second copy.
+t 'cp $D/main10_cra.h265 vps.h265; poke vps.h265 24 "\\x5d"; cat $D/main10_cra.h265 vps.h265 > changing.h265; mux -v changing.h265 -o x.mp4; mux -v changing.h265 --fragment 1 -o x.mp4'
+# hvcC holds 64 parameter sets at most: the stream's VPS, SPS and PPS, and PPS 1 to 61; PPS 62 is one too many.
+t 'cat $D/main10_cra.h265 pps_1_61.h265 > sets_64.h265; mux -v sets_64.h265 -o y.mp4 && digest y.mp4; cat sets_64.h265 pps_62.h265 > sets_65.h265; mux -v sets_65.h265 -o x.mp4'
+# After the first MiB read (150 copies of the stream), fragments written: they stay.
+t 'for i in $(seq 150); do cat $D/main10_cra.h265; done > long.h265; cat long.h265 pps_1_61.h265 $D/main10_cra.h265 > new_pps.h265; mux -v new_pps.h265 --fragment 1 -o new.mp4; kept new.mp4'
+t '{ cat $D/main10_cra.h265; printf "\\0\\0\\0\\1\\x80\\x01\\xaf"; } > damaged.h265; mux -v damaged.h265 -o x.mp4'
+# A slice of PPS 5; a NAL unit of reserved type 22 (RSV_IRAP_VCL22), which decoders ignore; one of layer 1.
+t '{ cat $D/main10_cra.h265; printf "\\0\\0\\0\\1\\x02\\x01\\x9a"; } > pps_5.h265; mux -v pps_5.h265 -o x.mp4'
+t '{ cat $D/main10_cra.h265; printf "\\0\\0\\0\\1\\x2c\\x01\\xaf"; } > rsv.h265; mux -v rsv.h265 -o y.mp4 && digest y.mp4'
+t '{ cat $D/main10_cra.h265; printf "\\0\\0\\0\\1\\x02\\x09\\xaf\\x00"; } > layered.h265; mux -v layered.h265 -o x.mp4'
+# The IDR picture's first_slice_segment_in_pic_flag cleared; in fragments, pictures before the first IRAP one go.
+t 'cp $D/main10_cra.h265 headless.h265; poke headless.h265 2379 "\\x2c"; mux -v headless.h265 -o x.mp4; cat headless.h265 $D/main10_cra.h265 > late.h265; mux -v late.h265 --fragment 1 -o y.mp4 && digest y.mp4'
+t 'head -c 40 $D/main10_cra.h265 > cut40.h265; mux -v cut40.h265 -o x.mp4'
+t 'mux -v $D/sample.h264 --video-codec h265 --fragment 1 -o x.mp4'
+t 'mux -v $D/sample.h264 --video-codec avc -o y.mp4 && digest y.mp4'
+# An MPEG-1 layer III header (its bits where ADTS has the rate give 13); an ID3 tag alone.
+t '{ printf "\\xff\\xfb\\xb4"; cat $D/sample.aac; } > layer3.aac; mux -a layer3.aac -o x.mp4'
+t 'printf "ID3\\4\\0\\0\\0\\0\\0\\0" > tag.aac; mux -a tag.aac --fragment 1 -o x.mp4'
+# The first frame's sampling_frequency_index 13 or 14 (reserved), two raw data blocks; a frame of its header alone.
+t 'for b in "2 \\x74" "2 \\x78" "6 \\xfd"; do cp $D/sample.aac r.aac; poke r.aac $b; mux -a r.aac -o x.mp4; done'
+t '{ printf "\\xff\\xf1\\x4c\\x80\\0\\xff\\xfc"; cat $D/sample.aac; } > empty_frame.aac; mux -a empty_frame.aac -o x.mp4'
+# The second frame (at byte 140) gives 44100 Hz, mono, or AAC Main.
+t 'for b in "142 \\x50" "143 \\x40" "142 \\x0c"; do cp $D/sample.aac r.aac; poke r.aac $b; mux -a r.aac -o x.mp4; done'
+t 'mux -a aac_3.aac -o y.mp4 && digest y.mp4 && mux -a aac_5.1.aac -o y.mp4 && digest y.mp4'
+t 'mux -v a --fps 1001/1 -o x; mux -v a --fps 1000.5 -o x'
+t 'mux -v $D/sample.h264 --timescale 20 -o x.mp4; mux -v $D/sample.h264 --fps 25 --timescale 24 --fragment 1 -o x.mp4'
+t 'for ts in 46 47; do mux -a $D/sample.aac --timescale $ts -o y.mp4 && digest y.mp4; done'
+# A frame of 100000 s: too long at 90 kHz, and on milliseconds when no time scale is given.
+t 'mux -v $D/sample.h264 --fps 1/100000 --timescale 90000 -o x.mp4; mux -v one.h264 --fps 1/100000 -o y.mp4 && digest y.mp4'
+t 'mux -v - --fragment 1 -o x.mp4 < /dev/null'
+t 'mux -v $D/sample.h264 -o new/; mux -v $D/sample.h264 -o .'
+t 'test -e x.mp4 && echo "x.mp4 was written" || echo "no x.mp4: no refusal above wrote one"'
+# A failing run leaves an existing target as it was, and no temporary file.
+t 'echo old > old.mp4; mux -v $D/sample.h264 --fps 1 --timescale 2147483647 -o old.mp4; cat old.mp4; ls -A | grep -c boxlane-'
+
 # probe: reports of the files above in every form, and of files cut or changed.
 t 'probe --tables fs.mp4 | head -30'
 t 'probe --samples fr.mp4 | sed -n "1,12p;/samples:/,+4p"'
