@@ -149,8 +149,8 @@ t 'mux -h 2>/dev/null | head -1; exit ${PIPESTATUS[0]}'
 # mux: options and inputs at their limits.
 t 'for r in 1000 1000000/40000; do mux -v $D/sample.h264 --fps $r -o y.mp4 && digest y.mp4; done'
 t 'mux -v $D/sample.h264 --fps 12.5 --faststart -o y.mp4 && digest y.mp4'
-# 1.45 ticks a frame, B-frames shifted by one: the movie ends where a 127th frame would start, at 182 - 1 ticks.
-t 'mux -v $D/sample.h264 --fps 20 --timescale 29 -o y.mp4 && show y.mp4'
+# 1.15 ticks a frame, B-frames shifted by three: the movie ends where a 129th frame would start, at 147 - 3 ticks.
+t 'mux -v $D/sample.h264 --fps 20 --timescale 23 -o y.mp4 && show y.mp4'
 # The VUI's time_scale in the three SPSs made 2000, 2001 and 1 (num_units_in_tick 1): 1000, 1000.5 and half a
 # frame a second (ISO/IEC 14496-10 §E.2.1).
 t 'for v in "22 \\x7d\\x00\\xf1\\x42\\x99\\x60\\x00" "22 \\x7d\\x10\\xf1\\x42\\x99\\x60\\x00" "23 \\x00\\x10"; do cp $D/sample.h264 vui.h264; set -- $v; for at in 0 61488 131017; do poke vui.h264 $(($1 + at)) "$2"; done; mux -v vui.h264 -o y.mp4 && digest y.mp4; done'
@@ -210,6 +210,7 @@ t 'mux -a aac_3.aac -o y.mp4 && digest y.mp4 && mux -a aac_5.1.aac -o y.mp4 && d
 t 'mux -v a --fps 1001/1 -o x; mux -v a --fps 1000.5 -o x'
 t 'mux -v $D/sample.h264 --timescale 20 -o x.mp4; mux -v $D/sample.h264 --fps 25 --timescale 24 --fragment 1 -o x.mp4'
 t 'for ts in 46 47; do mux -a $D/sample.aac --timescale $ts -o y.mp4 && digest y.mp4; done'
+t 'mux -q -v $D/sample.h264 --fps 25 --timescale 25 -o y.mp4 && digest y.mp4'
 # A frame of 100000 s: too long at 90 kHz, and on milliseconds when no time scale is given.
 t 'mux -v $D/sample.h264 --fps 1/100000 --timescale 90000 -o x.mp4; mux -v one.h264 --fps 1/100000 -o y.mp4 && digest y.mp4'
 t 'mux -v - --fragment 1 -o x.mp4 < /dev/null'
