@@ -262,6 +262,108 @@ t 'brief 3 probe a.mp4 b.mp4'
 t 'brief 3 probe --seed 1 x'
 t 'brief 3 probe --json --bogus x'
 
+# What probe says of a file it cannot read, fed a byte at a time and through a pipe, with each exit status.
+bytewise() { probe --piece 1 "$1"; echo "[exit $?]"; cat "$1" | probe -; echo "[exit $?]"; }
+ftyp=$(be32 20)ftypisom$(be32 512)isom
+t 'head -c $((32 + $(u32_at av.mp4 32) + 100)) av.mp4 > cut_in_moov.mp4; bytewise cut_in_moov.mp4'
+t 'head -c $((32 + $(u32_at av.mp4 32) + 3)) av.mp4 > cut_in_header.mp4; bytewise cut_in_header.mp4'
+t 'printf $ftyp$(be32 1)moov$(be32 0) > cut_in_large_header.mp4; bytewise cut_in_large_header.mp4'
+t '{ printf $ftyp$(be32 1)moov$(be32 0)$(be32 1000); head -c 10 /dev/zero; } > cut_in_large.mp4; bytewise cut_in_large.mp4'
+t 'head -c $((32 + $(u32_at fs.mp4 32) + 100)) fs.mp4 > cut_in_mdat.mp4; bytewise cut_in_mdat.mp4'
+t '{ printf "\\x7f\\0\\0\\0junk"; head -c 3000 /dev/zero; } > huge_box.mp4; bytewise huge_box.mp4'
+t '{ printf $(be32 100)"\\x01\\x02\\x03\\x04"; head -c 10 /dev/zero; } > binary.mp4; bytewise binary.mp4'
+t '{ printf $ftyp$(be32 1)mdat$(be32 0)$(be32 48); head -c 32 /dev/zero; } > large_size.mp4; bytewise large_size.mp4'
+t '{ printf $ftyp$(be32 7)free; head -c 20 /dev/zero; } > size_seven.mp4; bytewise size_seven.mp4'
+# A udta that declares 500 bytes in a movie box of 24.
+t '{ printf $ftyp$(be32 24)moov$(be32 500)udta$(be32 0)$(be32 0)$(be32 16)free$(be32 0)$(be32 0); } > past.mp4; bytewise past.mp4'
+t 'bytewise empty'
+
+# A full box (version 0, flags 0) of a type around the bytes given, as printf escapes; N zero bytes, the same.
+fbox() { printf %s "$(be32 $(($(printf "$2" | wc -c) + 12)))$1$(be32 0)$2"; }
+zeros() { printf '\\x00%.0s' $(seq $1); }
+# a.mp4's audio made 10 samples (stts) of the mdhd duration $dur (10240) in 3 chunks: from its stsc on, its tables
+# (1952 bytes) become an stsc of the entries given (first_chunk samples_per_chunk sample_description_index ...), the
+# boxes given, an stco and a free box. What probe says of the tables follows.
+tables() {
+  local f=$1 more=$2 rows= n; shift 2
+  for n; do rows+=$(be32 $n); done
+  cp a.mp4 $f; poke $f $(($(box_at $f stts) + 16)) $(be32 10); poke $f $(($(box_at $f mdhd) + 24)) $(be32 ${dur:-10240})
+  local new=$(fbox stsc "$(be32 $(($# / 3)))$rows")$more$(fbox stco "$(be32 3)$(be32 1000)$(be32 1400)$(be32 1800)")
+  poke $f $(box_at $f stsc) "$new$(be32 $((1952 - $(printf "$new" | wc -c))))free"
+  probe $f | sed -n '/^  tables:/,$p'
+}
+stsz100=$(fbox stsz $(be32 100)$(be32 10))  # 100 bytes for each of 10 samples
+# A sync sample named twice is out of order too; the last stsc entry runs to the last chunk: 3 x 4 samples.
+t 'tables twice.mp4 "$(fbox stsz $(be32 0)$(be32 9)$(for i in $(seq 9); do be32 100; done))$(fbox stss $(be32 2)$(be32 3)$(be32 3))" 1 4 1'
+# 4 + 4 + 2 samples: an entry may start at the last chunk.
+t 'tables fits.mp4 "$stsz100" 1 4 1 3 2 1'
+t 'tables same_chunk.mp4 "$stsz100" 1 4 1 1 2 1'
+t 'tables no_stsc.mp4 "$stsz100"'
+t 'tables from_chunk_2.mp4 "$stsz100" 2 5 1'
+t 'tables past_stco.mp4 "$stsz100" 1 4 1 4 2 1 5 1 1'
+t 'tables ctts_sdtp.mp4 "$stsz100$(fbox ctts $(be32 1)$(be32 9)$(be32 0))$(fbox sdtp $(zeros 11))" 1 4 1 3 2 1'
+t 'dur=9216 tables mdhd.mp4 "$stsz100" 1 4 1 3 2 1'
+# Both sides of every count of decimal digits, as the JSON writes them.
+t 'tables digits.mp4 "$(fbox stsz $(be32 0)$(be32 20)$(be32 0)$(for p in 10 100 1000 10000 100000 1000000 10000000 100000000 1000000000; do be32 $((p - 1)); be32 $p; done)$(be32 4294967295))" 1 4 1; probe --json digits.mp4 | grep "\"stsz\": \\["'
+# The last sample may be a sync sample. The whole text report, in Zulu, and with the times of writing 7 and 8 (mvhd),
+# 3 and 4 (tkhd), 5 and 6 (mdhd) its JSON.
+t 'tables last.mp4 "$stsz100$(fbox stss $(be32 1)$(be32 10))" 1 4 1; poke last.mp4 $(($(box_at last.mp4 mdhd) + 28)) "\\x6a\\xac"; for b in mvhd:7 tkhd:3 mdhd:5; do poke last.mp4 $(($(box_at last.mp4 ${b%:*}) + 12)) $(be32 ${b#*:})$(be32 $((${b#*:} + 1))); done; probe --tables --boxes last.mp4 && probe --json --boxes last.mp4'
+# The 64-bit size of the same movie box: its children start 16 bytes in, and the box after it is at the top again.
+t 'm=$((32 + $(u32_at a.mp4 32))); { head -c $m last.mp4; printf $(be32 1)moov$(be32 0)$(be32 $(($(u32_at last.mp4 $m) + 8))); tail -c +$((m + 9)) last.mp4; printf $(be32 8)free; } > wide_moov.mp4; probe --boxes wide_moov.mp4 | sed -n "/^boxes/,+8p;\$p"'
+# A handler name with JSON's special characters, a space, control characters with and without short escapes, DEL,
+# bytes not UTF-8 (lone, overlong, a cut sequence, a surrogate, past U+10FFFF, a lead byte 0xF5), and UTF-8; the
+# hdlr and its parents grow by what it adds to "SoundHandler".
+handler_name='T "\\\n\r\t\b\f\x01\x1f\x7f\xff\xc0\x80\xe2\x82\xe0\x80\x80\xed\xa0\x80\xf4\x90\x80\x80\xf5\x80\x80\x80\xc3\xa9\xe2\x82\xac\xf0\x9d\x84\x9e'
+t 'h=$(box_at a.mp4 hdlr); { head -c $((h + 32)) a.mp4; printf "$handler_name"; tail -c +$((h + 45)) a.mp4; } > name.mp4; for b in moov trak mdia hdlr; do at=$(box_at name.mp4 $b); poke name.mp4 $at $(be32 $(($(u32_at name.mp4 $at) + $(printf "$handler_name" | wc -c) - 12))); done; probe name.mp4 | sed -n 6p; probe --json name.mp4 | grep handler_name'
+# Each kind of handler by its name, an unknown one too, in a file without ftyp.
+t 'for h in hint meta text sbtl abcd; do tail -c +33 a.mp4 > $h.mp4; poke $h.mp4 $(($(box_at $h.mp4 hdlr) + 16)) $h; probe $h.mp4 | sed -n "2p;6p"; done'
+# An esds without an AudioSpecificConfig: the entry's own numbers.
+t 'cp a.mp4 no_config.mp4; poke no_config.mp4 $(($(box_at no_config.mp4 esds) + 32)) "\\x06"; probe no_config.mp4 | grep codec:'
+
+# What probe marks as left out of a file, without and with --strict: the text's form, stop, gaps and notes, and the
+# JSON's (read in pieces of 4096 bytes) complete flags and gaps.
+marks() {
+  for s in "" --strict; do
+    echo "${s:-extended}:"
+    probe $s "$1" | grep -E '^(form|INCOMPLETE|stream|note|track)|^  (missing|note):'
+    probe $s --piece 4096 --json "$1" | sed -n -e 's/^ *"complete": \(.*\),$/  complete: \1/p' -e '/"missing": \[$/,/\]/{/[][]/!p}'
+  done
+}
+# Where the second box of a type starts in a file.
+box2_at() { echo $(($(LC_ALL=C grep -obaE "$2" "$1" | sed -n 2p | cut -d: -f1) - 4)); }
+moof=$(be32 24)moof$(be32 16)mfhd$(be32 0)$(be32 1)
+t 'marks fs.mp4'
+# A movie that declares fragments, without one; a moov-first file and one fragment.
+t 'head -c $(box_at fr.mp4 moof) fr.mp4 > no_fragment.mp4; marks no_fragment.mp4'
+t '{ cat fs.mp4; printf $moof; } > one_fragment.mp4; marks one_fragment.mp4'
+# One sample in the moov, then a fragment.
+t 'cp a.mp4 one_sample.mp4; poke one_sample.mp4 $(($(box_at a.mp4 stts) + 16)) $(be32 1); printf $moof >> one_sample.mp4; marks one_sample.mp4'
+# The audio's chunk offsets as 118 64-bit ones of 2 samples each.
+t 'cp a.mp4 co64.mp4; poke co64.mp4 $(box_at a.mp4 stco) $(be32 960)co64$(be32 0)$(be32 118); poke co64.mp4 $(($(box_at a.mp4 stsc) + 20)) $(be32 2); marks co64.mp4'
+t 'cp fs.mp4 description_2.mp4; poke description_2.mp4 $(($(box_at fs.mp4 stsc) + 24)) $(be32 2); marks description_2.mp4'
+# Only the first fragment's trun of track 1 is wrong: the mark stays through the later ones.
+t 'cp fr.mp4 trun_in_moof.mp4; poke trun_in_moof.mp4 $(($(box_at fr.mp4 trun) + 16)) $(be32 0); marks trun_in_moof.mp4'
+t 'cp fr.mp4 unknown_traf.mp4; poke unknown_traf.mp4 $(($(box_at fr.mp4 tfhd) + 12)) $(be32 99); marks unknown_traf.mp4'
+# probe reads 4096 compatible brands at most; the largest ftyp counts, not the last.
+t 'for n in 4096 4097; do { printf $(be32 $((16 + 4 * n)))ftypisom$(be32 512); yes mp41 | head -$n | tr -d "\\n"; tail -c +33 fs.mp4; } > brands$n.mp4; marks brands$n.mp4; done'
+t '{ head -c 16404 brands4097.mp4; printf $(be32 16)ftypisom$(be32 512); tail -c +16405 brands4097.mp4; } > brands_few.mp4; marks brands_few.mp4'
+# An mdat ending the file loses nothing, whatever its size form; another box of size 0 may hide what follows.
+t '{ cat fs.mp4; printf $(be32 1)mdat$(be32 0)$(be32 16); } > empty_large_mdat.mp4; marks empty_large_mdat.mp4'
+t 'cp fs.mp4 zero_mdat.mp4; poke zero_mdat.mp4 5045 $(be32 0); marks zero_mdat.mp4; poke zero_mdat.mp4 5049 MDAT; marks zero_mdat.mp4'
+t '{ cat fs.mp4; printf $(be32 0)free; head -c 8 /dev/zero; } > zero_free_fs.mp4; marks zero_free_fs.mp4'
+t '{ cat wide.mp4; printf $(be32 8)free; } > wide_free.mp4; marks wide_free.mp4'
+# A box with a 64-bit size before the second trak of the movie box; that trak made larger than the parser takes,
+# also behind an empty moov as the movie box's first child: the stop is still inside the top-level one.
+t 'at=$(box2_at fs.mp4 trak); { head -c $at fs.mp4; printf $(be32 1)free$(be32 0)$(be32 16); tail -c +$((at + 1)) fs.mp4; } > nested_large.mp4; poke nested_large.mp4 32 $(be32 $(($(u32_at fs.mp4 32) + 16))); marks nested_large.mp4'
+t 'cp fs.mp4 nested_huge.mp4; poke nested_huge.mp4 $(box2_at fs.mp4 trak) $(be32 268435457); marks nested_huge.mp4'
+t '{ head -c 40 fs.mp4; printf $(be32 8)moov; tail -c +41 fs.mp4; } > nested_moov.mp4; poke nested_moov.mp4 32 $(be32 $(($(u32_at fs.mp4 32) + 8))); poke nested_moov.mp4 $(box2_at nested_moov.mp4 trak) $(be32 268435457); marks nested_moov.mp4'
+# A stop after the movie, even just after it, costs a progressive file's tracks nothing; fragments may be lost.
+t 'for f in av fs fr; do { cat $f.mp4; printf $(be32 4)free$(be32 0); } > size_four_$f.mp4; marks size_four_$f.mp4; done'
+# 20 MiB, past probe's bound for a file this small.
+t '{ cat fs.mp4; printf $(be32 20971520)free; head -c 100 /dev/zero; } > over_bound.mp4; marks over_bound.mp4'
+# --strict names the ids GetTrack leaves out: 10 and 2^31, and not 9; the extended mode has no such gap.
+t 'for id in 9 10 2147483648; do cp fs.mp4 id$id.mp4; poke id$id.mp4 $(($(box2_at fs.mp4 tkhd) + 20)) $(be32 $id); marks id$id.mp4; probe --json id$id.mp4 | grep "\"id\""; done'
+
 # remux: every form from every form, and what it refuses.
 t 'remux av.mp4 -o r1.mp4 && show r1.mp4 && deep r1.mp4'
 t 'remux fr.mp4 --faststart -o r2.mp4 && show r2.mp4'
