@@ -349,6 +349,7 @@ t 'for n in 4096 4097; do { printf $(be32 $((16 + 4 * n)))ftypisom$(be32 512); y
 t '{ head -c 16404 brands4097.mp4; printf $(be32 16)ftypisom$(be32 512); tail -c +16405 brands4097.mp4; } > brands_few.mp4; marks brands_few.mp4'
 # An mdat ending the file loses nothing, whatever its size form; another box of size 0 may hide what follows.
 t '{ cat fs.mp4; printf $(be32 1)mdat$(be32 0)$(be32 16); } > empty_large_mdat.mp4; marks empty_large_mdat.mp4'
+t 'marks wide.mp4'
 t 'cp fs.mp4 zero_mdat.mp4; poke zero_mdat.mp4 5045 $(be32 0); marks zero_mdat.mp4; poke zero_mdat.mp4 5049 MDAT; marks zero_mdat.mp4'
 t '{ cat fs.mp4; printf $(be32 0)free; head -c 8 /dev/zero; } > zero_free_fs.mp4; marks zero_free_fs.mp4'
 t '{ cat wide.mp4; printf $(be32 8)free; } > wide_free.mp4; marks wide_free.mp4'
