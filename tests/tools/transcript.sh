@@ -271,7 +271,8 @@ t 'printf $ftyp$(be32 1)moov$(be32 0) > cut_in_large_header.mp4; bytewise cut_in
 t '{ printf $ftyp$(be32 1)moov$(be32 0)$(be32 1000); head -c 10 /dev/zero; } > cut_in_large.mp4; bytewise cut_in_large.mp4'
 t 'head -c $((32 + $(u32_at fs.mp4 32) + 100)) fs.mp4 > cut_in_mdat.mp4; bytewise cut_in_mdat.mp4'
 t '{ printf "\\x7f\\0\\0\\0junk"; head -c 3000 /dev/zero; } > huge_box.mp4; bytewise huge_box.mp4'
-t '{ printf $(be32 100)"\\x01\\x02\\x03\\x7f"; head -c 10 /dev/zero; } > binary.mp4; bytewise binary.mp4'
+# A type of printable letters and a DEL byte.
+t '{ printf $(be32 100)"moo\\x7f"; head -c 10 /dev/zero; } > binary.mp4; bytewise binary.mp4'
 t '{ printf $ftyp$(be32 1)mdat$(be32 0)$(be32 48); head -c 32 /dev/zero; } > large_size.mp4; bytewise large_size.mp4'
 t '{ printf $ftyp$(be32 7)free; head -c 20 /dev/zero; } > size_seven.mp4; bytewise size_seven.mp4'
 # A udta that declares 500 bytes in a movie box of 24.
