@@ -322,12 +322,13 @@ t 'for h in hint meta text sbtl abcd; do tail -c +33 a.mp4 > $h.mp4; poke $h.mp4
 t 'cp a.mp4 no_config.mp4; poke no_config.mp4 $(($(box_at no_config.mp4 esds) + 32)) "\\x06"; probe no_config.mp4 | grep codec:'
 
 # What probe marks as left out of a file, without and with --strict: the text's form, stop, gaps and notes, and the
-# JSON's (read in pieces of 4096 bytes) complete flags and gaps.
+# JSON's (read in pieces of 4096 bytes) complete flags and gaps; the exit status when not 0.
 marks() {
   for s in "" --strict; do
     echo "${s:-extended}:"
-    probe $s "$1" | grep -E '^(form|INCOMPLETE|stream|note|track)|^  (missing|note):'
-    probe $s --piece 4096 --json "$1" | sed -n -e 's/^ *"complete": \(.*\),$/  complete: \1/p' -e '/"missing": \[$/,/\]/{/[][]/!p}'
+    { probe $s "$1" || echo "[exit $?]"; } | grep -E '^(form|INCOMPLETE|stream|note|track|\[exit)|^  (missing|note):'
+    { probe $s --piece 4096 --json "$1" || echo "[exit $?]"; } |
+      sed -n -e '/^\[exit/p' -e 's/^ *"complete": \(.*\),$/  complete: \1/p' -e '/"missing": \[$/,/\]/{/[][]/!p}'
   done
 }
 # Where the second box of a type starts in a file.
