@@ -91,6 +91,7 @@ TEST(Transcript, EveryCommandSaysAndWritesWhatItDidBefore) {
       {"cut.aac", Frames(aac.begin(), aac.begin() + 20000)}, {"empty", {}},
       {"two_pps.h264", handmade_h264({{P::kIdr, 0, 0x40}, {P::kSkipped, 1}, {P::kIntra, 0, 0x90}, {P::kSkipped, 1}})},
       {"recovery.h264", handmade_h264({{P::kSkipped}, {P::kIntra, 0, 0x60, true}, {P::kSkipped}, {P::kSkipped}})},
+      {"recovery_idr.h264", handmade_h264({{P::kSkipped}, {P::kIntra, 0, 0x60, true}, {P::kSkipped}, {}, {P::kSkipped}})},
       {"captions.h264", handmade_h264({{P::kIdr, 0, 0x40, false, true}, {P::kSkipped, 0, 0, false, true}})},
       {"aac_96k.aac", adts_edited([](uint8_t* h) { set_rate(h, 0); })},
       {"aac_mono_8k.aac", adts_edited([](uint8_t* h) { set_rate(h, 11), set_channels(h, 1); })},

@@ -218,6 +218,17 @@ t 'mux -v $D/sample.h264 -o new/; mux -v $D/sample.h264 -o .'
 t 'test -e x.mp4 && echo "x.mp4 was written" || echo "no x.mp4: no refusal above wrote one"'
 # A failing run leaves an existing target as it was, and no temporary file.
 t 'echo old > old.mp4; mux -v $D/sample.h264 --fps 1 --timescale 2147483647 -o old.mp4; cat old.mp4; ls -A | grep -c boxlane-'
+# Rates 0.004 and 0.01 from 30000/1001: only the first is taken as it; a frame of 2^31 ticks, one past an stts delta.
+t 'for r in 29.966 29.96; do mux -v one.h264 --fps $r -o y.mp4; done; mux -v one.h264 --fps 1/2 --timescale 1073741824 -o x.mp4'
+# A recording that starts at a recovery point, with an IDR picture later; one byte of video in fragments.
+t 'mux -v recovery_idr.h264 -o y.mp4 && digest y.mp4; printf x > byte.h264; mux -v byte.h264 --fragment 1 -o x.mp4'
+# H.265 without its PPS (the first GOP's VPS and SPS alone); the end of sequence ends its effect at the next IRAP
+# picture: a stream after it opens with a CRA picture whose leading pictures stay.
+t 'head -c $(($(LC_ALL=C grep -obaP "\x00\x00\x00\x01\x44" $D/main10_cra.h265 | head -1 | cut -d: -f1))) $D/main10_cra.h265 > nopps.h265; mux -v nopps.h265 -o x.mp4'
+t 'cat eos.h265 $D/main10_cra.h265 > eos2.h265; mux -v eos2.h265 -o y.mp4 && digest y.mp4'
+# One ADTS frame cut short, alone; a fragmented movie written into a pipe (no mehd patched in at the end).
+t 'head -c 100 $D/sample.aac > part.aac; mux -a part.aac -o x.mp4'
+t 'set -o pipefail; mux -q -a $D/sample.aac --fragment 1 -o /dev/stdout | cat > piped.mp4 && digest piped.mp4'
 
 # probe: reports of the files above in every form, and of files cut or changed.
 t 'probe --tables fs.mp4 | head -30'
@@ -320,6 +331,8 @@ t 'h=$(box_at a.mp4 hdlr); { head -c $((h + 32)) a.mp4; printf "$handler_name"; 
 t 'for h in hint meta text sbtl abcd; do tail -c +33 a.mp4 > $h.mp4; poke $h.mp4 $(($(box_at $h.mp4 hdlr) + 16)) $h; probe $h.mp4 | sed -n "2p;6p"; done'
 # An esds without an AudioSpecificConfig: the entry's own numbers.
 t 'cp a.mp4 no_config.mp4; poke no_config.mp4 $(($(box_at no_config.mp4 esds) + 32)) "\\x06"; probe no_config.mp4 | grep codec:'
+# Its AudioSpecificConfig said to be 1 byte long, too short to give a rate and channels: none is read.
+t 'cp a.mp4 asc1.mp4; poke asc1.mp4 $(($(box_at a.mp4 esds) + 33)) "\\x01"; probe asc1.mp4 | grep codec:'
 
 # What probe marks as left out of a file, without and with --strict: the text's form, stop, gaps and notes, and the
 # JSON's (read in pieces of 4096 bytes) complete flags and gaps; the exit status when not 0.
