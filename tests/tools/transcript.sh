@@ -229,6 +229,12 @@ t 'cat eos.h265 $D/main10_cra.h265 > eos2.h265; mux -v eos2.h265 -o y.mp4 && dig
 # One ADTS frame cut short, alone; a fragmented movie written into a pipe (no mehd patched in at the end).
 t 'head -c 100 $D/sample.aac > part.aac; mux -a part.aac -o x.mp4'
 t 'set -o pipefail; mux -q -a $D/sample.aac --fragment 1 -o /dev/stdout | cat > piped.mp4 && digest piped.mp4'
+# In fragments too, B-frames shifted by a frame of 2^31 - 1 ticks do not fit a 32-bit composition offset.
+t 'mux -v $D/sample.h264 --fps 1 --timescale 2147483647 --fragment 1 -o x.mp4'
+# The first GOP's parameter sets, then only trailing pictures of the second: no IRAP picture at all.
+t '{ head -c 2373 $D/main10_cra.h265; tail -c +3276 $D/main10_cra.h265 | head -c 209; } > no_irap.h265; mux -v no_irap.h265 -o x.mp4; mux -v no_irap.h265 --fragment 1 -o x.mp4'
+# An SPS of 65535 bytes (its tail padded with 0x11), the most an avcC entry holds; one byte more.
+t 'p=$(($(LC_ALL=C grep -obaP "\x00\x00\x00\x01\x68" one.h264 | head -1 | cut -d: -f1))); for n in $((65535 - p + 4)) $((65536 - p + 4)); do { head -c $p one.h264; head -c $n /dev/zero | tr "\\0" "\\021"; tail -c +$((p + 1)) one.h264; } > big_sps.h264; mux -v big_sps.h264 -o y.mp4 && echo written; done'
 
 # probe: reports of the files above in every form, and of files cut or changed.
 t 'probe --tables fs.mp4 | head -30'
