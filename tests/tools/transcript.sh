@@ -31,8 +31,8 @@ be32() { printf '\\x%02x' $(($1 >> 24 & 255)) $(($1 >> 16 & 255)) $(($1 >> 8 & 2
 poke() { printf "$3" | dd of="$1" bs=1 seek="$2" conv=notrunc status=none; }
 # The 32-bit big-endian number at an offset of a file.
 u32_at() { od -An -tu4 --endian=big -j "$2" -N4 "$1" | tr -d ' '; }
-# Where the first box of a type starts in a file.
-box_at() { echo $(($(LC_ALL=C grep -obaE "$2" "$1" | head -1 | cut -d: -f1) - 4)); }
+# Where the first box of a type (or its Nth: box_at FILE TYPE N) starts in a file.
+box_at() { echo $(($(LC_ALL=C grep -obaE "$2" "$1" | sed -n "${3:-1}p" | cut -d: -f1) - 4)); }
 # After a command that may fail: the file's digest if it was written, and the command's status.
 kept() { local status=$?; [ ! -e "$1" ] || digest "$1"; return $status; }
 # The first N lines of what a command prints (usage texts follow many messages), and its status.
@@ -350,8 +350,6 @@ marks() {
       sed -n -e '/^\[exit/p' -e 's/^ *"complete": \(.*\),$/  complete: \1/p' -e '/"missing": \[$/,/\]/{/[][]/!p}'
   done
 }
-# Where the second box of a type starts in a file.
-box2_at() { echo $(($(LC_ALL=C grep -obaE "$2" "$1" | sed -n 2p | cut -d: -f1) - 4)); }
 moof=$(be32 24)moof$(be32 16)mfhd$(be32 0)$(be32 1)
 t 'marks fs.mp4'
 # A movie that declares fragments, without one; a moov-first file and one fragment.
@@ -376,15 +374,15 @@ t '{ cat fs.mp4; printf $(be32 0)free; head -c 8 /dev/zero; } > zero_free_fs.mp4
 t '{ cat wide.mp4; printf $(be32 8)free; } > wide_free.mp4; marks wide_free.mp4'
 # A box with a 64-bit size before the second trak of the movie box; that trak made larger than the parser takes,
 # also behind an empty moov as the movie box's first child: the stop is still inside the top-level one.
-t 'at=$(box2_at fs.mp4 trak); { head -c $at fs.mp4; printf $(be32 1)free$(be32 0)$(be32 16); tail -c +$((at + 1)) fs.mp4; } > nested_large.mp4; poke nested_large.mp4 32 $(be32 $(($(u32_at fs.mp4 32) + 16))); marks nested_large.mp4'
-t 'cp fs.mp4 nested_huge.mp4; poke nested_huge.mp4 $(box2_at fs.mp4 trak) $(be32 268435457); marks nested_huge.mp4'
-t '{ head -c 40 fs.mp4; printf $(be32 8)moov; tail -c +41 fs.mp4; } > nested_moov.mp4; poke nested_moov.mp4 32 $(be32 $(($(u32_at fs.mp4 32) + 8))); poke nested_moov.mp4 $(box2_at nested_moov.mp4 trak) $(be32 268435457); marks nested_moov.mp4'
+t 'at=$(box_at fs.mp4 trak 2); { head -c $at fs.mp4; printf $(be32 1)free$(be32 0)$(be32 16); tail -c +$((at + 1)) fs.mp4; } > nested_large.mp4; poke nested_large.mp4 32 $(be32 $(($(u32_at fs.mp4 32) + 16))); marks nested_large.mp4'
+t 'cp fs.mp4 nested_huge.mp4; poke nested_huge.mp4 $(box_at fs.mp4 trak 2) $(be32 268435457); marks nested_huge.mp4'
+t '{ head -c 40 fs.mp4; printf $(be32 8)moov; tail -c +41 fs.mp4; } > nested_moov.mp4; poke nested_moov.mp4 32 $(be32 $(($(u32_at fs.mp4 32) + 8))); poke nested_moov.mp4 $(box_at nested_moov.mp4 trak 2) $(be32 268435457); marks nested_moov.mp4'
 # A stop after the movie, even just after it, costs a progressive file's tracks nothing; fragments may be lost.
 t 'for f in av fs fr; do { cat $f.mp4; printf $(be32 4)free$(be32 0); } > size_four_$f.mp4; marks size_four_$f.mp4; done'
 # 20 MiB, past probe's bound for a file this small.
 t '{ cat fs.mp4; printf $(be32 20971520)free; head -c 100 /dev/zero; } > over_bound.mp4; marks over_bound.mp4'
 # --strict names the ids GetTrack leaves out: 10 and 2^31, and not 9; the extended mode has no such gap.
-t 'for id in 9 10 2147483648; do cp fs.mp4 id$id.mp4; poke id$id.mp4 $(($(box2_at fs.mp4 tkhd) + 20)) $(be32 $id); marks id$id.mp4; probe --json id$id.mp4 | grep "\"id\""; done'
+t 'for id in 9 10 2147483648; do cp fs.mp4 id$id.mp4; poke id$id.mp4 $(($(box_at fs.mp4 tkhd 2) + 20)) $(be32 $id); marks id$id.mp4; probe --json id$id.mp4 | grep "\"id\""; done'
 
 # remux: every form from every form, and what it refuses.
 t 'remux av.mp4 -o r1.mp4 && show r1.mp4 && deep r1.mp4'
@@ -423,7 +421,7 @@ onto_old() {
 }
 # av.mp4 with a copy of its trak N (1 video, 2 audio) as track 3 at the end of the moov, the file's last box.
 third() {
-  local at=$(($(LC_ALL=C grep -obaE trak av.mp4 | sed -n "$1p" | cut -d: -f1) - 4)) moov=$(box_at av.mp4 moov)
+  local at=$(box_at av.mp4 trak $1) moov=$(box_at av.mp4 moov)
   local n=$(u32_at av.mp4 $at) end=$(stat -c %s av.mp4)
   { cat av.mp4; tail -c +$((at + 1)) av.mp4 | head -c $n; } >"$2"
   poke "$2" $moov $(be32 $(($(u32_at av.mp4 $moov) + n))) && poke "$2" $((end + 28)) $(be32 3)

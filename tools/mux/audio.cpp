@@ -32,17 +32,14 @@ uint32_t sampling_index(const uint8_t* data, std::size_t size) {
   return (head >> 2) & 0x0F;
 }
 
-bool has_sync(const uint8_t* data, std::size_t size) {
-  BeReader r(data, size);
-  return (r.u16() & 0xFFF6) == 0xFFF0 && r.ok();
-}
+bool has_sync(const uint8_t* data, std::size_t size) { return size >= 2 && adts_sync(data); }
 
 // What is left starts like an ADTS frame (sync word, layer 0) that runs past
 // the end: fewer bytes than a header, or a frame_length beyond them.
 bool ends_inside_frame(const uint8_t* data, std::size_t left) {
-  if (left < 7) return data[0] == 0xFF && (left < 2 || (data[1] & 0xF6) == 0xF0);
+  if (left < 7) return left < 2 ? data[0] == 0xFF : adts_sync(data);
   const std::size_t length = adts_frame_length(data);
-  return has_sync(data, left) && length >= 7 && length > left;
+  return adts_sync(data) && length >= 7 && length > left;
 }
 
 }  // namespace

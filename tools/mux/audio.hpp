@@ -30,6 +30,9 @@ struct AudioStream {
   static constexpr uint32_t kSamplesPerFrame = 1024;
 };
 
+// The sync word and layer 0 of an ADTS header at `header` (2 bytes at least).
+inline bool adts_sync(const uint8_t* header) { return header[0] == 0xFF && (header[1] & 0xF6) == 0xF0; }
+
 // frame_length of the ADTS header at `header` (7 bytes at least): the whole
 // frame, header included (ISO/IEC 14496-3 §1.A.2.2.1).
 inline std::size_t adts_frame_length(const uint8_t* header) {

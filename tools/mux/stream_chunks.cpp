@@ -362,7 +362,7 @@ bool AudioChunker::next(AudioChunk& out) {
     // The sync word and frame_length (ISO/IEC 14496-3 §1.A.2.2.1); anything
     // else is handed to scan_audio whole, which says what is wrong.
     const std::size_t length = adts_frame_length(d + pos);
-    if (d[pos] != 0xFF || (d[pos + 1] & 0xF6) != 0xF0 || length < 7) {
+    if (!adts_sync(d + pos) || length < 7) {
       pos = size;
       break;
     }
