@@ -1,0 +1,422 @@
+// The parser's answers to hand-written boxes, as text. Each row feeds its boxes to one box reader (in an allocation
+// of exactly their size, so the address sanitizer sees any read past the end) or whole streams through
+// Boxlane_Parse_Send; then one dumper prints everything the queries answer for the row's client, one line an answer
+// (none where every value is 0), with what no query shows: version and flags taken into the header record, the
+// current track, list capacity reserved past the entries, the parameter sets the record keeps. The expected text,
+// tests/data/parse_answers.txt, was read line by line against ISO/IEC 14496-12, 14496-1 and 14496-15 when written.
+// After a change meant to alter an answer, BOXLANE_UPDATE_ANSWERS=1 writes it anew: read its diff before committing.
+#include "parse_fixtures.hpp"
+
+#include <cstdlib>
+
+namespace boxlane::test {
+namespace {
+
+using P = CBoxlane_Parse;
+using Reader = bool (P::*)(QORVANE_MP4PARSE*, BOXLANE_MSGBUFFER*, const uint8_t*, uint64_t);
+const std::pair<std::string_view, Reader> kReaders[] = {
+    {"mvhd", &P::Boxlane_Parse_MVhd}, {"tkhd", &P::Boxlane_Parse_TKhd}, {"mdhd", &P::Boxlane_Parse_MDhd},
+    {"hdlr", &P::Boxlane_Parse_HDlr}, {"vmhd", &P::Boxlane_Parse_VMhd}, {"smhd", &P::Boxlane_Parse_SMhd},
+    {"dinf", &P::Boxlane_Parse_Dinf}, {"stsd", &P::Boxlane_Parse_STsd}, {"stts", &P::Boxlane_Parse_STts},
+    {"ctts", &P::Boxlane_Parse_CTts}, {"stsc", &P::Boxlane_Parse_STsc}, {"stsz", &P::Boxlane_Parse_STsz},
+    {"stz2", &P::Boxlane_Parse_STz2}, {"stco", &P::Boxlane_Parse_STco}, {"co64", &P::Boxlane_Parse_CO64},
+    {"sdtp", &P::Boxlane_Parse_SDtp}};
+
+std::string fmt(const char* format, auto... values) {
+  char line[512];
+  std::snprintf(line, sizeof line, format, values...);
+  return line;
+}
+// Bytes in hex, or characters quoted; a run of more than four equal ones as byte*count or c{count}.
+std::string runs(std::string_view s, bool text = false) {
+  std::string out = text ? "\"" : "";
+  for (std::size_t i = 0, j; i < s.size(); i = j) {
+    for (j = i; j < s.size() && s[j] == s[i]; ++j) {}
+    if (text) out += j - i > 4 ? fmt("%c{%zu}", s[i], j - i) : std::string(s.substr(i, j - i));
+    else out += (i ? " " : "") + (j - i > 4 ? fmt("%02X*%zu", uint8_t(s[i]), j - i) : hex(reinterpret_cast<const uint8_t*>(&s[i]), j - i));
+  }
+  return out + (text ? "\"" : "");
+}
+std::string runs(const uint8_t* p, std::size_t n) { return runs(std::string_view(reinterpret_cast<const char*>(p), n)); }
+std::string chars(std::string_view s) { return runs(s, true); }
+std::string result(bool ok) {
+  const uint64_t code = Boxlane_GetLastError(nullptr);
+  const char* names[] = {"?", "PARAMETER", "MALLOC", "NOTFOUND", "NODATA", "NOTREADY", "NOTSUPPORT", "MALFORMED"};
+  return ok ? "ok" : (code > 0x091B0000 && code < 0x091B0008 ? names[code - 0x091B0000] : fmt("%llX", code)) +
+                         std::string(Boxlane_IsErrorOccur ? "" : " unflagged");
+}
+// Named values, names ending in # in hex and in - signed, as a line; none when every value is 0.
+std::string line(const std::string& head, std::string_view names, std::initializer_list<uint64_t> values, const std::string& tail = "") {
+  std::string out = head;
+  for (const uint64_t v : values) {
+    const std::string_view name = names.substr(0, names.find(' '));
+    names.remove_prefix(std::min(names.size(), name.size() + 1));
+    const char* form = name.ends_with('#') ? " %.*s 0x%llX" : name.ends_with('-') ? " %.*s %lld" : " %.*s %llu";
+    out += fmt(form, int(name.size() - name.ends_with('#') - name.ends_with('-')), name.data(), (unsigned long long)v);
+  }
+  return std::all_of(values.begin(), values.end(), [](uint64_t v) { return v == 0; }) && tail.empty() ? "" : out + tail + "\n";
+}
+QORVANE_MP4PARSE& record_of(const std::string& client) {
+  std::shared_lock table(m_MP4Parse.st_RWLocker);
+  return *m_MP4Parse.stl_MapClient.find(std::string_view(client))->second;
+}
+
+// The codec query's answer as one line, sets and configuration in hex, with the sets the record keeps.
+std::string codec_text(const BOXLANE_CODECINFO& c, const BOXLANE_TRACKCODEC& kept) {
+  std::string sets;
+  for (int i = 0, at = 0; i < c.nSPSCount + c.nPPSCount; at += i < c.nSPSCount ? c.wSPSLen[i] : c.wPPSLen[i - c.nSPSCount], ++i)
+    sets += (i == c.nSPSCount ? " | " : " ") + runs(c.byParamSets + at, i < c.nSPSCount ? c.wSPSLen[i] : c.wPPSLen[i - c.nSPSCount]) + ";";
+  return fmt("  codec %s ref %u %ux%u avc %u/%u/%u len %u sets", c.tszCodec, c.wDataRefIndex, c.wWidth, c.wHeight,
+             c.byProfile, c.byCompatibility, c.byLevel, c.byNALLengthSize) + sets +
+         fmt(" audio %uch %ubit %uHz oti %u st %u buf %u max %u avg %u asc ", c.wChannelCount, c.wSampleSize, c.nSampleRate,
+             c.byObjectType, c.byStreamType, c.nBufferSizeDB, c.nMaxBitrate, c.nAvgBitrate) +
+         runs(c.byAudioCfg, std::size_t(c.nAudioCfgLen)) + (c.bTruncated ? " cut" : "") +
+         fmt(" kept %zu+%zu\n", kept.stl_ListSPS.size(), kept.stl_ListPPS.size());
+}
+
+std::string dump_track(const char* c, int32_t id, const BOXLANE_TRACKINFO& track) {
+  QORVANE_HDRTKHD t{};
+  QORVANE_HDRMDHD m{};
+  QORVANE_HDRHDLR h{};
+  QORVANE_HDRVMSMHD v{};
+  const std::string found = fmt("track %d: ", id) + result(Boxlane_Parse_GetTrackInfo(c, id, &t, &m, &h, &v));
+  std::string out = line(found, "id- created# modified# duration# width- height- layer group volume#",
+                         {uint64_t(t.nTrackID), t.nCreateTime, t.nModifyTime, t.nDuration, uint64_t(t.nWidth),
+                          uint64_t(t.nHeight), t.wLayer, t.wAlternateGroup, t.wVolume});
+  out += line("  mdhd", "created# modified# scale duration# language#", {m.nCreateTime, m.nModifyTime, m.nTimeScale, m.nDuration, m.wLanguage});
+  out += h.tszHandlerType[0] || h.tszName[0] ? "  hdlr " + chars(h.tszHandlerType) + " " + chars(h.tszName) + "\n" : "";
+  out += line("  vmhd", "mode# red# green# blue# balance#", {v.wGraphicsMode, v.wOpColor[0], v.wOpColor[1], v.wOpColor[2], v.wBalance});
+  std::string dref;
+  for (const std::string& location : track.stl_ListDinf) dref += " " + chars(location);
+  out += dref.empty() ? "" : "  dref" + dref + "\n";
+  // Every list code with its entries; the codes of no table write nothing.
+  const std::tuple<const char*, int32_t, int> codes[] = {
+      {"stts", ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS, 2}, {"ctts", ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CTTS, 2},
+      {"stsc", ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSC, 3}, {"stsz", ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ, 1},
+      {"stco", ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STCO, 1}, {"co64", ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_CO64, 1},
+      {"stss code", ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSS, 0}, {"code 99999", 99999, 0}};
+  for (const auto& [name, code, fields] : codes) {
+    QORVANE_HDRSAMPLENFO** list = nullptr;
+    int32_t n = -7;
+    const bool ok = Boxlane_Parse_GetTrackList(c, id, &list, &n, static_cast<ENUM_QORVANE_MORVALY_BOXLANE_HTYPE>(code));
+    if (ok && (fields ? n == 0 : n == -7 && !list)) continue;
+    out += fmt("  %s: ", name) + result(ok) + (n == -7 ? " count untouched" : "");
+    for (const QORVANE_HDRSAMPLENFO& e : take_list(list, std::max(n, 0))) {
+      const int shown = e.nValue3 ? 3 : e.nValue2 ? std::max(fields, 2) : fields;
+      out += fmt(" %u", e.nValue1) + (shown > 1 ? fmt(":%u", e.nValue2) : "") + (shown > 2 ? fmt(":%u", e.nValue3) : "");
+    }
+    out += "\n";
+  }
+  // The tables are reserved exactly: no capacity past their fields.
+  const auto spare = [](const auto&... lists) { return ((lists.capacity() - lists.size()) + ...); };
+  const std::size_t room = spare(track.stl_ListSTts.fields, track.stl_ListCTts.fields, track.stl_ListSTsc.fields,
+                                 track.stl_ListSTsz.fields, track.stl_ListSTco.fields, track.stl_ListCO64.fields, track.stl_ListSDtp);
+  out += room ? fmt("  spare %zu fields\n", room) : "";
+  int32_t n = 0, **keys = nullptr;
+  QORVANE_HDRSDTP** sdtp = nullptr;
+  std::string list;
+  if (Boxlane_Parse_GetTrackKey(c, id, &keys, &n))
+    for (const int32_t key : take_list(keys, n)) list += fmt(" %d", key);
+  out += list.empty() ? "" : "  stss" + list + "\n";
+  list.clear();
+  if (Boxlane_Parse_GetTrackSDtp(c, id, &sdtp, &n))
+    for (const QORVANE_HDRSDTP f : take_list(sdtp, n)) list += fmt(" %02X", f.bySampleFlags);
+  out += list.empty() ? "" : "  sdtp" + list + "\n";
+  BOXLANE_CODECINFO codec, zero{};
+  std::memset(&codec, 0xCD, sizeof codec);
+  const std::string answer = Boxlane_Parse_GetTrackCodec(c, id, &codec) ? codec_text(codec, track.stCodec) : "  codec " + result(false) + "\n";
+  out += answer == codec_text(zero, {}) ? "" : answer;
+  BOXLANE_HEVCINFO x;
+  std::memset(&x, 0xCD, sizeof x);
+  if (!Boxlane_Parse_GetTrackHEVC(c, id, &x) || x.tszCodec[0] == 'h') {
+    std::string units;
+    for (int i = 0, at = 0; i < x.nNaluCount; at += x.wNaluLen[i++])
+      units += fmt(" %u%s:", x.byNaluType[i], x.byArrayComplete[i] ? "c" : "") + runs(x.byNalus + at, x.wNaluLen[i]) + ";";
+    out += line(fmt("  hevc %s %ux%u", x.tszCodec, x.wWidth, x.wHeight),
+                "version space tier profile compat# constraint# level segment# parallel chroma luma chroma fps constant "
+                "layers nested length cut units", {x.byConfigurationVersion, x.byProfileSpace, x.byTier, x.byProfile,
+                x.nCompatibilityFlags, x.nConstraintFlags, x.byLevel, x.wMinSpatialSegmentation, x.byParallelismType,
+                x.byChromaFormat, x.byBitDepthLuma, x.byBitDepthChroma, x.wAvgFrameRate, x.byConstantFrameRate,
+                x.byNumTemporalLayers, x.byTemporalIdNested, x.byNALLengthSize, x.bTruncated, uint64_t(x.nNaluCount)}, units);
+  }
+  BOXLANE_TRACKINDEX i{};
+  const std::string indexed = "  index " + result(Boxlane_Parse_GetTrackIndex(c, id, &i));
+  out += line(indexed,
+              "samples duration constant count sizes chunks large compact field trex description duration size flags# "
+              "fragments samples end", {i.nTableSamples, i.nTableDuration, i.nConstantSize, i.nConstantCount, i.nSizeCount,
+              i.nChunkCount, i.bLargeOffsets, i.bCompactSizes, i.byCompactFieldSize, i.bHasTrex, i.nTrexDescriptionIndex,
+              i.nTrexDuration, i.nTrexSize, i.nTrexFlags, i.nTrackFragments, i.nFragmentSamples, i.nFragmentEnd});
+  // Windows of two from every start, backwards, agree with one read from the first; that read comes last, so the
+  // walk ends after the last sample.
+  const std::vector<BOXLANE_SAMPLEINFO> all = table_samples(c, id);
+  for (uint32_t first = uint32_t(all.size()); first-- > 0;) {
+    BOXLANE_SAMPLEINFO two[2];
+    const bool ok = Boxlane_Parse_GetTrackSamples(c, id, first, two, 2, &n);
+    if (!ok || n != (first + 1 < all.size() ? 2 : 1) || text(two[0]) != text(all[first]))
+      out += fmt("  window from %u: %s %d ", first, result(ok).c_str(), n) + text(two[0]) + "\n";
+  }
+  for (const std::string& sample : texts(table_samples(c, id))) out += "  " + sample + "\n";
+  return out;
+}
+
+std::string dump(const std::string& client) {
+  const char* c = client.c_str();
+  QORVANE_HDRFTYP f{};
+  std::string out = "ftyp " + result(Boxlane_Parse_GetFTyp(c, &f));
+  out += " " + chars(f.tszMajorBrand) + fmt(" %X", f.nMinorVersion);
+  for (int i = 0; i < f.nBrandCount; ++i) out += " " + chars(f.pptszCompatibleBrand[i]);
+  Fundrel_Memory_Free(reinterpret_cast<void***>(&f.pptszCompatibleBrand), f.nBrandCount);
+  out = out == "ftyp ok \"\" 0" ? "" : out + "\n";
+  QORVANE_HDRMVHD m{};
+  const std::string got = "mvhd " + result(Boxlane_Parse_GetMVhd(c, &m));
+  out += line(got, "created# modified# scale duration# rate# volume# next",
+              {m.nCreateTime, m.nModifyTime, m.nTimeScale, m.nDuration, m.nRate, m.wVolume, m.nNextTrackID});
+  int32_t slots[10], count = 0, **ids = nullptr;
+  std::fill(std::begin(slots), std::end(slots), -7);
+  std::string text = "slots " + result(Boxlane_Parse_GetTrack(c, slots));
+  for (const int32_t s : slots) text += s == -7 ? " ." : fmt(" %d", s);
+  out += text == "slots ok . . . . . . . . . ." ? "" : text + "\n";
+  text = "ids " + result(Boxlane_Parse_GetTrackIDs(c, &ids, &count));
+  const std::vector<int32_t> listed = take_list(ids, count);
+  for (const int32_t id : listed) text += fmt(" %d", id);
+  out += text == "ids ok" ? "" : text + "\n";
+  for (const int32_t id : listed) out += dump_track(c, id, record_of(client).stl_MapTrack->at(id));
+  return out;
+}
+
+// Calls that fail, as their error code, and what they leave untouched.
+std::string refusals(const char* c) {
+  int32_t n = -7;
+  QORVANE_HDRTKHD tkhd{};
+  tkhd.nTrackID = 99;
+  BOXLANE_CODECINFO codec;
+  BOXLANE_HEVCINFO hevc;
+  const uint8_t byte = 5;
+  std::string out = "< ids(null) " + result(Boxlane_Parse_GetTrackIDs(c, nullptr, &n));
+  out += ", info(absent) " + result(Boxlane_Parse_GetTrackInfo(c, 12345, &tkhd, nullptr, nullptr, nullptr));
+  out += fmt(" id %d, codec(absent) ", tkhd.nTrackID) + result(Boxlane_Parse_GetTrackCodec(c, 12345, &codec));
+  out += ", hevc(absent) " + result(Boxlane_Parse_GetTrackHEVC(c, 12345, &hevc));
+  out += ", hevc(1, null) " + result(Boxlane_Parse_GetTrackHEVC(c, 1, nullptr));
+  out += ", samples(1, null, 0) " + result(Boxlane_Parse_GetTrackSamples(c, 1, 0, nullptr, 0, &n));
+  out += fmt(" %d, samples(1, null, 1) ", n);
+  out += result(Boxlane_Parse_GetTrackSamples(c, 1, 0, nullptr, 1, &n));
+  out += ", samples(absent) " + result(Boxlane_Parse_GetTrackSamples(c, 12345, 0, nullptr, 0, &n));
+  out += ", descriptor(count null) " + result(m_MP4Parse.Boxlane_Parse_DescriptorLen(&byte, nullptr) != 0);
+  n = -7;
+  out += ", descriptor(bytes null) " + result(m_MP4Parse.Boxlane_Parse_DescriptorLen(nullptr, &n) != 0);
+  return out + fmt(" count %d", n);
+}
+
+// What one step did: a reader's result with the version and flags it took and the current track; a Send's result;
+// a descriptor size; a window of two samples of track 1 from the given first sample.
+std::string step(const std::string& client, std::string_view what, const Bytes& bytes) {
+  QORVANE_MP4PARSE& record = record_of(client);
+  auto exact = std::make_unique<uint8_t[]>(std::max<std::size_t>(bytes.size(), 1));
+  if (!bytes.empty()) std::memcpy(exact.get(), bytes.data(), bytes.size());
+  const std::string head = fmt("< %.*s %zu: ", int(what.size()), what.data(), bytes.size());
+  int32_t n = -1;
+  BOXLANE_SAMPLEINFO two[2]{};
+  if (what == "ftyp") return head + result(m_MP4Parse.Boxlane_Parse_FTyp(&record, exact.get(), bytes.size()));
+  if (what.starts_with("send")) return head + result(send(client, bytes));
+  if (what == "ask") return refusals(client.c_str());
+  if (what == "dump") return "< dump\n" + dump(client).substr(0, dump(client).size() - 1);
+  if (what == "descriptor") {
+    const int value = m_MP4Parse.Boxlane_Parse_DescriptorLen(exact.get(), &n);
+    return "< descriptor " + hex(bytes) + fmt(": %d in %d", value, n);
+  }
+  if (what == "window") {
+    const std::string ok = result(Boxlane_Parse_GetTrackSamples(client.c_str(), 1, bytes[0], two, 2, &n));
+    return fmt("< window from %u: %s %d: ", bytes[0], ok.c_str(), n) + text(two[0]) + "; " + text(two[1]);
+  }
+  BOXLANE_MSGBUFFER entry{};
+  const auto reader = std::find_if(std::begin(kReaders), std::end(kReaders), [&](const auto& r) { return r.first == what; });
+  const std::string ok = result((m_MP4Parse.*reader->second)(&record, &entry, exact.get(), bytes.size()));
+  const QORVANE_MP4HDR& h = entry.st_MP4Hdr;
+  return head + ok + fmt(" v%u flags %02X%02X%02X track %d", h.byVersion, h.byFlags[0], h.byFlags[1], h.byFlags[2], record.nCurrentTrack);
+}
+
+struct Step { std::string what; Bytes bytes; };
+struct Row { std::string name; std::vector<Step> steps; };
+
+Step T(uint32_t id, uint32_t width = 0, uint32_t height = 0, uint8_t version = 0) { return {"tkhd", tkhd_payload(id, width, height, version)}; }
+Bytes cut(Bytes b) { return b.pop_back(), b; }
+Bytes u32s(uint8_t version, const std::vector<uint32_t>& fields) {
+  Bytes p = Bytes{}.full(version, 0);
+  for (const uint32_t v : fields) p.u32(v);
+  return p;
+}
+Step stz2(uint8_t field, uint32_t count, const Bytes& entries) { return {"stz2", Bytes{}.full(0, 0).u24(0).u8(field).u32(count).add(entries)}; }
+Bytes stsd(const std::vector<uint8_t>& entry, uint32_t count = 1) { return Bytes{}.full(0, 0).u32(count).add(entry); }
+Step visual(const char* type, uint16_t width, const std::vector<uint8_t>& config, uint32_t count = 1) {
+  Bytes fixed = Bytes{}.zeros(6).u16(1).zeros(16).u16(width).u16(width * 3 / 4).u32(0x00480000).u32(0x00480000).u32(0).u16(1);
+  fixed.zeros(32).u16(0x18).u16(0xFFFF);
+  return {"stsd", stsd(box(type, cat({fixed, box("colr", Bytes{}.str("nclx").u16(1).u16(1).u16(1).u8(0)), config})), count)};
+}
+// Parameter sets or units, each after its 16-bit length; n of one byte each (0, 1, ... or all `only`).
+Bytes units(const std::vector<Bytes>& sets) {
+  Bytes out;
+  for (const Bytes& set : sets) out.u16(uint16_t(set.size())).add(set);
+  return out;
+}
+std::vector<Bytes> ones(std::size_t n, int only = -1) {
+  std::vector<Bytes> out;
+  for (std::size_t i = 0; i < n; ++i) out.push_back(Bytes{uint8_t(only < 0 ? i : only)});
+  return out;
+}
+// avcC of profile 100 level 3.1 with 4-byte lengths and the given sets.
+Step avc(const std::vector<Bytes>& sps, const std::vector<Bytes>& pps, uint32_t count = 1) {
+  const Bytes avcc = Bytes{}.add(unhex("01 64 00 1F FF")).u8(uint8_t(0xE0 | sps.size())).add(units(sps)).u8(uint8_t(pps.size()));
+  return visual("avc1", 16, box("avcC", Bytes{avcc}.add(units(pps))), count);
+}
+Step mp4a(const std::vector<uint8_t>& esds_body, uint16_t sound_version = 0) {
+  Bytes fixed = Bytes{}.zeros(6).u16(1).u16(sound_version).zeros(6).u16(2).u16(16).zeros(4).u32(44100u << 16);
+  fixed.zeros(sound_version == 1 ? 16 : sound_version == 2 ? 36 : 0);
+  return {"stsd", stsd(box("mp4a", cat({fixed, box("free"), box("esds", Bytes{}.full(0, 0).add(esds_body))})))};
+}
+// A descriptor with a 4-byte size (ISO/IEC 14496-1 §8.3.3).
+Bytes descriptor(uint8_t tag, const Bytes& body) {
+  const auto n = uint32_t(body.size());
+  return Bytes{}.u8(tag).u8(0x80 | n >> 21).u8(0x80 | (n >> 14 & 0x7F)).u8(0x80 | (n >> 7 & 0x7F)).u8(n & 0x7F).add(body);
+}
+Step aac_config(const Bytes& config) {
+  const Bytes decoder = Bytes{}.add(unhex("40 15 000000 0001F400 0001F400")).add(descriptor(5, config));
+  return mp4a(descriptor(3, Bytes{}.u16(2).u8(0).add(descriptor(4, decoder))));
+}
+// An hvcC whose every field differs from its neighbours: space 2, tier 1, profile 3, level 123, segmentation 0xABC,
+// parallelism 2, 4:2:2, 12/9 bits, 24 fps, constant rate 1, 5 layers, nested, 2-byte lengths; then `count` arrays.
+Step hevc(const std::vector<uint8_t>& arrays, int count = 1) {
+  const std::vector<uint8_t> fixed = unhex("01 A3 40000001 B000 00000003 7B FABC FE FE FC F9 1800 6D");
+  return visual("hvc1", 64, box("hvcC", cat({fixed, count < 0 ? Bytes{} : Bytes{uint8_t(count)}, arrays})));
+}
+Step sps_array(const std::vector<Bytes>& sets) { return hevc(Bytes{}.u8(0x80 | 33).u16(uint16_t(sets.size())).add(units(sets))); }
+// A unit that leaves `last` bytes of the query's units' area, then one of `last` bytes.
+Step filled(uint16_t last) { return sps_array({Bytes{}.zeros(BOXLANE_CODEC_PARAMSET_BYTES - 100), Bytes{}.zeros(last)}); }
+Bytes movie(const std::vector<Bytes>& tables) { return cat({movie_ftyp(), moov_box({trak_box(1, 1000, tables)})}); }
+
+std::vector<Row> rows() {
+  const auto mvhd0 = [](uint32_t flags) {
+    return Bytes{}.full(0, flags).u32(1).u32(2).u32(1000).u32(5000).u32(0x00010000).u16(0x0100).zeros(70).u32(3);
+  };
+  const auto hdlr = [](std::string_view type, const std::string& name) { return Bytes{}.full(0, 0).u32(0).str(type).zeros(12).str(name); };
+  const auto dinf = [](uint32_t count, const std::vector<uint8_t>& entries) {
+    return Step{"dinf", box("dref", Bytes{}.full(0, 0x000102).u32(count).add(entries))};
+  };
+  const Bytes s = full_box("url ", 0, 0, Bytes{}.str("s").u8(0));
+  const Bytes stts = table_box("stts", {{5, 1}}), stsz = stsz_box(0, 5, {1, 2, 3, 4, 5});
+  const Bytes stco = table_box("stco", {{10}, {20}}), stsc = table_box("stsc", {{1, 3, 1}});
+  const uint64_t far = uint64_t{5} << 30;
+  const Bytes wide = movie({table_box("stts", {{4, 10}}), table_box("ctts", {{1, 20}, {3, uint32_t(-10)}}, 1),
+                            table_box("stsc", {{1, 3, 1}}), stsz_box(8, 4),
+                            full_box("co64", 0, 0, Bytes{}.u32(2).u64(far).u64(far + 1000))});
+  const std::string rich = "03 80808027 0001 E0 0007 03 616263 0009 04 80808014 40 15 001800 0001F400 00017700 "
+                           "05 80808002 1210 06 01 02";
+  const std::string plain = "03 19 0002 00 04 11 40 15 000000 0001F400 0001F400 05 02 1190 06 01 02";
+  const Bytes asc = Bytes{}.add(std::vector<uint8_t>(BOXLANE_CODEC_AUDIOCFG_BYTES, 0x12));
+  return {
+      {"ftyp of 8 bytes", {{"ftyp", Bytes{}.str("qt  ").u32(0x20050300)}}},
+      {"ftyp with one brand", {{"ftyp", Bytes{}.str("qt  ").u32(0).str("qt  ")}}},
+      {"ftyp of 7 bytes", {{"ftyp", Bytes{}.str("isom").u24(0)}}},
+      {"ftyp: NULs pad a brand, one cut by the box end is none",
+       {{"ftyp", Bytes{}.str("isom").u32(1).str("mp41").str("av").u16(0).str("avc")}}},
+      {"mvhd of version 0, 100 bytes", {{"mvhd", mvhd0(0)}}},
+      {"mvhd of version 1, then one of version 0 a byte short",
+       {{"mvhd", Bytes{}.full(1, 0).u64(0x100000001ull).u64(0x100000002ull).u32(90000).u64(0x100000005ull).u32(0).u16(0).zeros(70).u32(7)},
+        {"mvhd", cut(mvhd0(9))}}},
+      {"tkhd of both versions, a negative width, an id again, one of 2^31 + 1, both versions a byte short, ids 0, 9, 10",
+       {T(1, 0x05000000, 0x02D00000), T(2, 0xFFFF0000, 0x00018000, 1), T(1, 0x01000000), T(0x80000001u),
+        {"tkhd", cut(tkhd_payload(9))}, {"tkhd", cut(tkhd_payload(9, 0, 0, 1))}, T(0), T(9), T(10),
+        {"hdlr", hdlr("vide", std::string("V\0", 2))}, {"ask", {}}}},
+      {"descriptor sizes of one to four bytes, and one that runs on",
+       {{"descriptor", {0x05, 0x80, 0x80, 0x80}}, {"descriptor", {0xFF, 0x7F, 0xFF, 0xFF}},
+        {"descriptor", {0x80, 0x80, 0x80, 0x05}}, {"descriptor", {0x81, 0x80, 0x80, 0x80}}}},
+      {"mdhd of version 1, one cut in its language; the shortest of version 0; vmhd and smhd",
+       {T(1), {"mdhd", Bytes{}.full(1, 0).u64(0x200000001ull).u64(0x200000002ull).u32(600).u64(0x200000003ull).u16(0x95C7).u16(0)},
+        {"mdhd", Bytes{}.full(0, 0).u32(1).u32(2).u32(1).u32(1).u8(0)}, T(2),
+        {"mdhd", Bytes{}.full(0, 0).u32(1).u32(2).u32(3).u32(4).u16(0x15C7)},
+        {"vmhd", Bytes{}.full(0, 1).u16(0x40).u16(1).u16(2).u16(3)}, {"smhd", Bytes{}.full(0, 0).u16(0xFF80).u16(0)}}},
+      {"hdlr: a name longer than the field; none; a byte short of the fixed part",
+       {T(1), {"hdlr", hdlr("soun", std::string(3000, 'n'))}, T(2), {"hdlr", hdlr("meta", "")}, {"hdlr", cut(hdlr("text", ""))}}},
+      {"dref: url, self-contained url, urn, a location past 1023 bytes; sizes 0 and past the payload, a count past it",
+       {T(1), dinf(4, cat({full_box("url ", 0, 0, Bytes{}.str("http://x/a.mp4").u8(0).str("junk")), full_box("url ", 0, 1),
+                           full_box("urn ", 0, 0, Bytes{}.str("urn:a").u8(0).str("loc").u8(0)),
+                           full_box("url ", 0, 0, Bytes{}.str(std::string(2000, 'u')))})),
+        T(2), dinf(3, cat({s, box("url ", {}, 0), s})), dinf(2, cat({s, box("url ", Bytes{}.str("abcd"), 64)})), dinf(0x7FFFFFFF, s)}},
+      {"sample tables: a second box appends, counts past the payload or of 2^31 and more, stz2 of every field size",
+       {T(1), {"stts", u32s(0, {2, 3, 1000, 1, 500})}, T(2), {"ctts", u32s(1, {2, 1, uint32_t(-2), 4, 2048})},
+        T(3), {"stsc", u32s(0, {2, 1, 5, 1, 3, 2, 1})}, T(4), {"stsz", u32s(0, {1024, 10, 5, 6})}, {"stsz", u32s(0, {0, 3, 7, 8, 9})},
+        T(5), {"stco", u32s(0, {2, 48, 0xFFFFFFF0})}, {"stco", u32s(0, {1, 96})}, T(6), {"stts", u32s(0, {1000, 1, 2, 3, 4, 5})},
+        T(7), {"stsc", u32s(0, {0x7FFFFFFF, 1, 1})}, {"stsc", u32s(0, {0x80000000, 1, 1})}, {"stsc", u32s(0, {0xFFFFFFFF, 1, 1})},
+        T(8), {"stsz", u32s(0, {0, 0x7FFFFFFF, 9})}, {"stsz", u32s(0, {0, 0x80000000, 9})}, {"stsz", u32s(0, {0, 0xFFFFFFFF, 9})},
+        T(9), stz2(4, 3, {0x12, 0x3F}), T(10), stz2(4, 9, {0xAB}), T(11), stz2(8, 3, {7, 255}), T(12), stz2(16, 2, {0x12, 0x34, 0xFF}),
+        T(13), stz2(5, 2, {1, 2}), T(14), stz2(8, 0x80000000, {1, 2}), {"sdtp", Bytes{}.full(0, 0)},
+        {"sdtp", Bytes{}.full(0, 0).u8(0x20).u8(0x10).u8(0xA6)}, T(99), {"stco", u32s(0, {1, 48})}, {"co64", u32s(0, {1, 1, 2})}}},
+      {"avc1: reserved bits set, a PPS past the avcC; the 78 fixed bytes alone; 31 SPS and 255 PPS, entry_count 0 and 1",
+       {T(1), visual("avc1", 320, box("avcC", unhex("01 64 00 1F FF E2 0004 6764001F 0002 6701 03 0002 68EE 0003 68EBE3 0001 68"))),
+        T(2), visual("avc1", 320, box("avcC", unhex("01 42 C0 0D FD E1 0002 6742 02 0001 68 0032 68"))),
+        T(3), {"stsd", stsd(box("avc1", Bytes{}.zeros(6).u16(1).zeros(16).u16(64).u16(48).zeros(50)))},
+        T(4), avc(ones(31), ones(255), 0), T(5), avc(ones(31), ones(255))}},
+      {"codec query: sets past the byte area; 32 and 33 PPS; an AudioSpecificConfig of 1024 and 1025 bytes",
+       {T(1), avc({{0x67, 0x42}, Bytes{}.add(std::vector<uint8_t>(BOXLANE_CODEC_PARAMSET_BYTES - 3, 0x11)), {0x67, 0x43}}, ones(40, 0x68)),
+        T(2), avc(ones(1, 0x67), ones(BOXLANE_CODEC_MAX_PARAMSETS, 0x68)), T(3), avc(ones(1, 0x67), ones(BOXLANE_CODEC_MAX_PARAMSETS + 1, 0x68)),
+        T(4), aac_config(asc), T(5), aac_config(Bytes{asc}.u8(0x13))}},
+      {"mp4a: an ES_Descriptor with every option; sound entries v1 and v2; one longer than its box; a size past 4 bytes",
+       {T(1), mp4a(unhex(rich)), T(2), mp4a(unhex(plain), 1), T(3), mp4a(unhex("03 7F" + plain.substr(5)), 2),
+        T(4), mp4a(unhex("03 1D 0002 00 04 15 40 15 000000 0001F400 0001F400 05 81808080 02 1190 06 01 02"))}},
+      {"hvc1: every field differs; units filling the area and a byte more; 64 and 65 units; the shortest hvcC and less",
+       {T(1), hevc(unhex("A0 0001 0003 40010C  21 0002 0002 4201 0004 42010102  27 0002 0000 0001 4E"), 3),
+        T(2), filled(100), T(3), filled(101), T(4), sps_array(ones(64)), T(5), sps_array(ones(65)), T(6), hevc({}, 0),
+        T(7), hevc({}, -1), {"ask", {}}}},
+      {"index: five samples in chunks of 2, 2, 1 and none, every table; then two more samples and a fifth chunk",
+       {{"send", movie({table_box("stts", {{3, 1000}, {2, 500}}), table_box("ctts", {{1, 2000}, {2, 0}, {2, 1000}}),
+                        table_box("stsc", {{1, 2, 1}, {3, 1, 1}}), stsz_box(0, 5, {10, 20, 30, 40, 50}),
+                        table_box("stco", {{100}, {200}, {300}, {400}}), table_box("stss", {{1}, {4}}),
+                        full_box("sdtp", 0, 0, Bytes{0x20, 0x10, 0x10, 0x24, 0x10})})},
+        {"ask", {}}, {"dump", {}},
+        {"send", moov_box({trak_box(1, 1000, {table_box("stts", {{2, 7}}), stsz_box(0, 2, {60, 70}), table_box("stco", {{500}})})})},
+        {"window", {5}}}},
+      {"index: a constant size, co64 past 4 GiB, a negative ctts v1 offset, no stss or sdtp", {{"sendx", wide}}},
+      {"index: the same in the basic mode, which reads no co64", {{"send", wide}}},
+      {"index: times run out", {{"send", movie({table_box("stts", {{3, 1}}), stsc, stsz, stco})}}},
+      {"index: sizes run out", {{"send", movie({stts, stsc, stsz_box(0, 4, {1, 2, 3, 4}), stco})}}},
+      {"index: chunks run out", {{"send", movie({stts, table_box("stsc", {{1, 2, 1}}), stsz, stco})}}},
+      {"index: first_chunk 0", {{"send", movie({stts, table_box("stsc", {{0, 3, 1}}), stsz, stco})}}},
+      {"index: first_chunk not increasing", {{"send", movie({stts, table_box("stsc", {{1, 1, 1}, {1, 4, 1}}), stsz, stco})}}},
+      {"index: an stsc entry past the chunks", {{"send", movie({stts, table_box("stsc", {{1, 1, 1}, {3, 4, 1}}), stsz, stco})}}},
+      {"index: an empty chunk", {{"send", movie({stts, table_box("stsc", {{1, 0, 1}, {2, 3, 1}}), stsz, stco})}}},
+      {"index: a constant size of no samples", {{"send", movie({stts, stsc, stsz_box(7, 0), stco})}}},
+      {"index: sync samples 3 and 5", {{"send", movie({stts, stsc, stsz, stco, table_box("stss", {{3}, {5}})})}}},
+      {"index: an unsorted stss", {{"send", movie({table_box("stts", {{6, 1}}), table_box("stsc", {{1, 6, 1}}), stsz_box(1, 6), stco,
+                                                  table_box("stss", {{196609}, {2}, {5}, {4}})})}}},
+  };
+}
+
+TEST(Answers, EveryQueryAnswersWhatTheBoxesSay) {
+  ASSERT_TRUE(Boxlane_Parse_Init(1));
+  std::vector<std::string> got;
+  for (const Row& row : rows()) {
+    const std::string client = "answers/" + std::to_string(got.size());
+    const bool extended = std::any_of(row.steps.begin(), row.steps.end(), [](const Step& s) { return s.what == "sendx"; });
+    ASSERT_TRUE(Boxlane_Parse_InsertEx(client.c_str(), extended ? BOXLANE_PARSE_EXTENDED : 0));
+    std::string text = "= " + row.name + "\n";
+    for (const Step& s : row.steps) text += step(client, s.what, s.bytes) + "\n";
+    got.push_back(text + dump(client));
+    Boxlane_Parse_Delete(client.c_str());
+  }
+  Boxlane_Parse_Destory();
+  const std::string path = source_dir() + "/tests/data/parse_answers.txt";
+  std::string all;
+  for (const std::string& text : got) all += text;
+  if (std::getenv("BOXLANE_UPDATE_ANSWERS")) write_file(path, std::vector<uint8_t>(all.begin(), all.end()));
+  const std::vector<uint8_t> bytes = read_file(path);
+  std::vector<std::string> want;
+  for (std::size_t at = 0, next; at < bytes.size(); at = next) {
+    next = std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()).find("\n= ", at) + 1;
+    next = next ? next : bytes.size();
+    want.emplace_back(bytes.begin() + long(at), bytes.begin() + long(next));
+  }
+  for (std::size_t i = 0; i < std::max(got.size(), want.size()); ++i)
+    ASSERT_EQ(i < got.size() ? got[i] : "", i < want.size() ? want[i] : "") << "row " << i << " differs from tests/data/parse_answers.txt";
+}
+
+}  // namespace
+}  // namespace boxlane::test
