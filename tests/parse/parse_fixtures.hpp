@@ -24,7 +24,6 @@
 
 namespace boxlane::test {
 
-using Ints = std::vector<int64_t>;
 using Codes = std::vector<int>;
 
 // A tkhd payload of version 0 (84 bytes) or 1 (96 bytes).

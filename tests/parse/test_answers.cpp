@@ -171,6 +171,12 @@ std::string dump(const std::string& client) {
   const std::string got = "mvhd " + result(Boxlane_Parse_GetMVhd(c, &m));
   out += line(got, "created# modified# scale duration# rate# volume# next",
               {m.nCreateTime, m.nModifyTime, m.nTimeScale, m.nDuration, m.nRate, m.wVolume, m.nNextTrackID});
+  BOXLANE_STREAMINFO s{};
+  const std::string streamed = "stream " + result(Boxlane_Parse_GetStream(c, &s));
+  out += line(streamed, "mode# stop at position mehd moofs large pending dropped skipped outside mvex styp sidx mfra",
+              {s.nFlags, s.nStop, s.nStopOffset, s.nParsePos, s.nFragmentDuration, s.nFragments, s.nLargeBoxes,
+               s.nPendingFragments, s.nDroppedFragments, s.nSkippedTrafs, s.nOutsideData, s.bMovieExtends, s.bSegmentType,
+               s.bSegmentIndex, s.bRandomAccess}, s.tszStopType[0] ? " type " + chars(s.tszStopType) : "");
   int32_t slots[10], count = 0, **ids = nullptr;
   std::fill(std::begin(slots), std::end(slots), -7);
   std::string text = "slots " + result(Boxlane_Parse_GetTrack(c, slots));
@@ -305,6 +311,9 @@ std::vector<Row> rows() {
   const Bytes stts = table_box("stts", {{5, 1}}), stsz = stsz_box(0, 5, {1, 2, 3, 4, 5});
   const Bytes stco = table_box("stco", {{10}, {20}}), stsc = table_box("stsc", {{1, 3, 1}});
   const uint64_t far = uint64_t{5} << 30;
+  const auto fragment = [](int32_t offset) {
+    return moof_box(1, {box("traf", cat({tfhd_box(0x020000, 1), trun_box(0, 0x001, {{}, {}}, offset)}))});
+  };
   const Bytes wide = movie({table_box("stts", {{4, 10}}), table_box("ctts", {{1, 20}, {3, uint32_t(-10)}}, 1),
                             table_box("stsc", {{1, 3, 1}}), stsz_box(8, 4),
                             full_box("co64", 0, 0, Bytes{}.u32(2).u64(far).u64(far + 1000))});
@@ -385,6 +394,9 @@ std::vector<Row> rows() {
       {"index: an empty chunk", {{"send", movie({stts, table_box("stsc", {{1, 0, 1}, {2, 3, 1}}), stsz, stco})}}},
       {"index: a constant size of no samples", {{"send", movie({stts, stsc, stsz_box(7, 0), stco})}}},
       {"index: sync samples 3 and 5", {{"send", movie({stts, stsc, stsz, stco, table_box("stss", {{3}, {5}})})}}},
+      {"index: a trex, and a moof of two samples taking its defaults", {{"sendx", cat({movie_ftyp(),
+       moov_box({trak_box(1, 1000, {}), box("mvex", trex_box(1, 1, 10, 100, 0x01010000))}), fragment(int32_t(fragment(0).size() + 8)),
+       box("mdat", Bytes{}.zeros(200))})}}},
       {"index: an unsorted stss", {{"send", movie({table_box("stts", {{6, 1}}), table_box("stsc", {{1, 6, 1}}), stsz_box(1, 6), stco,
                                                   table_box("stss", {{196609}, {2}, {5}, {4}})})}}},
   };
