@@ -13,6 +13,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -99,6 +100,17 @@ inline Bytes moof_box(uint32_t sequence, const std::vector<Bytes>& trafs) {
   Bytes body = full_box("mfhd", 0, 0, Bytes{}.u32(sequence));
   for (const Bytes& traf : trafs) body.add(traf);
   return box("moof", body);
+}
+// A moof built twice, so a data_offset can name the byte after it and the mdat header.
+inline Bytes moof_with_offset(const std::function<Bytes(int32_t)>& make) { return make(int32_t(make(0).size() + 8)); }
+// A moof of one traf based on the moof: the tfhd, then `rest` of the mdat payload's data_offset.
+inline Bytes based(uint32_t track, const std::function<Bytes(int32_t)>& rest) {
+  return moof_with_offset([&](int32_t off) { return moof_box(1, {box("traf", cat({tfhd_box(0x020000, track), rest(off)}))}); });
+}
+// Tracks 1 and 2 with trex defaults (10, 100, flags 0), track 3 without; the shortest mehd.
+inline Bytes fragment_prefix() {
+  const Bytes mvex = box("mvex", cat({full_box("mehd", 0, 0, Bytes{}.u32(1234)), trex_box(1, 1, 10, 100, 0), trex_box(2, 1, 10, 100, 0)}));
+  return cat({movie_ftyp(), moov_box({trak_box(1, 1000, {}), trak_box(2, 1000, {}), trak_box(3, 1000, {}), mvex})});
 }
 
 inline Codes codes(const std::vector<QORVANE_MP4HDR>& headers) {
@@ -253,10 +265,6 @@ inline std::vector<std::string> texts(const std::vector<BOXLANE_SAMPLEINFO>& sam
   std::vector<std::string> out;
   for (const auto& s : samples) out.push_back(text(s));
   return out;
-}
-inline std::string sample(uint64_t dts, int64_t cts, uint32_t duration, uint32_t size, uint64_t at, uint32_t flags,
-                          bool sync, bool known) {
-  return text(BOXLANE_SAMPLEINFO{dts, cts, at, duration, size, flags, sync, known, {}});
 }
 
 // Two pools and a client for each test; clients made with other() go with it.

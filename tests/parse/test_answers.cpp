@@ -8,7 +8,6 @@
 #include "parse_fixtures.hpp"
 
 #include <cstdlib>
-#include <functional>
 
 namespace boxlane::test {
 namespace {
@@ -333,8 +332,6 @@ Step filled(uint16_t last) { return sps_array({Bytes{}.zeros(BOXLANE_CODEC_PARAM
 Bytes movie(const std::vector<Bytes>& tables) { return cat({movie_ftyp(), moov_box({trak_box(1, 1000, tables)})}); }
 
 constexpr uint32_t kSync = 0x02000000, kNonSync = 0x01010000;  // depends on no other sample; on others, non-sync
-// A moof built twice, so a data_offset can name the byte after it and the mdat header.
-Bytes moof_with_offset(const std::function<Bytes(int32_t)>& make) { return make(int32_t(make(0).size() + 8)); }
 // Track 1 (90 kHz, empty tables), track 2 (48 kHz, two samples), mehd, trex, three moof + mdat pairs (ISO/IEC
 // 14496-12 §8.8), styp, sidx, emsg, mfra.
 Bytes fragmented() {
@@ -373,16 +370,9 @@ Bytes fragmented() {
 Row stopped(const std::string& name, const char* feed, const Bytes& bad, std::vector<std::size_t> cuts = {}) {
   return {name, {{feed, cat({movie_ftyp(), bad}), std::move(cuts)}, {"send", movie_ftyp()}}};
 }
-// Tracks 1 and 2 with trex defaults (10, 100, flags 0), track 3 without, the shortest mehd; a moof, an mdat of `mdat`
-// bytes.
+// After the tracks and defaults of fragment_prefix(), a moof and an mdat of `mdat` bytes.
 Row lie(const std::string& name, const Bytes& moof, std::size_t mdat) {
-  const Bytes mvex = box("mvex", cat({full_box("mehd", 0, 0, Bytes{}.u32(1234)), trex_box(1, 1, 10, 100, 0), trex_box(2, 1, 10, 100, 0)}));
-  const Bytes moov = moov_box({trak_box(1, 1000, {}), trak_box(2, 1000, {}), trak_box(3, 1000, {}), mvex});
-  return {"fragments: " + name, {{"sendx", cat({movie_ftyp(), moov, moof, box("mdat", Bytes{}.zeros(mdat))})}}};
-}
-// A moof of one traf based on the moof: the tfhd, then `rest` of the mdat payload's data_offset.
-Bytes based(uint32_t track, const std::function<Bytes(int32_t)>& rest) {
-  return moof_with_offset([&](int32_t off) { return moof_box(1, {box("traf", cat({tfhd_box(0x020000, track), rest(off)}))}); });
+  return {"fragments: " + name, {{"sendx", cat({fragment_prefix(), moof, box("mdat", Bytes{}.zeros(mdat))})}}};
 }
 Bytes one_traf(const Bytes& children) { return moof_box(1, {box("traf", children)}); }
 // The box with size 0 (to its parent's end), or with a 64-bit size (size field 1).

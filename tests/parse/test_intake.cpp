@@ -1,4 +1,4 @@
-// Parse clients and intake: arguments, the client table, records, bad size fields, the same answers however cut.
+// Parse clients and intake: arguments, the client table, records, the same answers however cut.
 #include "parse_fixtures.hpp"
 
 #include <tuple>
@@ -91,46 +91,6 @@ TEST_F(Intake, SizeZeroTakesTheRestOfTheStream) {
   ASSERT_TRUE(send(client_, mdat, ftyp.size() + 3));
   EXPECT_EQ(codes(drain(client_)), (Codes{1, 2}));
   EXPECT_EQ(parse_position(client_), mdat.size());
-}
-
-TEST_F(Intake, MalformedAndOversizedBoxesStopTheStream) {
-  constexpr uint32_t limit = 256u << 20;
-  // The box before is queued, the bad one is not and is where the stream
-  // stopped, later pieces are refused; a header that arrives split is judged
-  // once complete. 64-bit sizes (the extended mode) below their header or past 2^62.
-  const auto expect_stopped = [&](const std::vector<Bytes>& pieces, uint64_t code, uint32_t stop, const std::string& what,
-                                  uint32_t flags = 0) {
-    const std::string client = other(what, flags);
-    for (std::size_t i = 0; i + 1 < pieces.size(); ++i) ASSERT_TRUE(send(client, pieces[i])) << what;
-    EXPECT_TRUE(fails_with(send(client, pieces.back()), code)) << what;
-    const BOXLANE_STREAMINFO info = stream_info(client);
-    EXPECT_EQ(std::tuple(codes(drain(client)), info.nStop, info.nStopOffset), std::tuple(Codes{1}, stop, movie_ftyp().size()))
-        << what;
-    EXPECT_TRUE(fails_with(send(client, movie_ftyp()), BOXLANE_ERROR_PARSE_NOTSUPPORT)) << what;
-  };
-  const auto kMalformed = BOXLANE_ERROR_PARSE_MALFORMED, kTooLarge = BOXLANE_ERROR_PARSE_NOTSUPPORT;
-  expect_stopped({cat({movie_ftyp(), box("moov", Bytes{}.zeros(40), 7)})}, kMalformed, BOXLANE_STOP_MALFORMED, "size 7");
-  expect_stopped({cat({movie_ftyp(), Bytes{0, 0, 0}}), Bytes{4, 'f', 'r', 'e', 'e', 0, 0}}, kMalformed, BOXLANE_STOP_MALFORMED,
-                 "split size 4");
-  expect_stopped({cat({movie_ftyp(), box("free", Bytes{}.zeros(100), limit + 1)})}, kTooLarge, BOXLANE_STOP_TOOLARGE,
-                 "256 MiB + 1");
-  expect_stopped({cat({movie_ftyp(), Bytes{}.u32(1).str("free").u64(15).zeros(8)})}, kMalformed, BOXLANE_STOP_MALFORMED,
-                 "64-bit 15", BOXLANE_PARSE_EXTENDED);
-  expect_stopped({cat({movie_ftyp(), Bytes{}.u32(1).str("mdat").u64((uint64_t{1} << 62) + 1)})}, kTooLarge,
-                 BOXLANE_STOP_TOOLARGE, "mdat of 2^62 + 1", BOXLANE_PARSE_EXTENDED);
-  // A 64-bit size of exactly its header, and an mdat of exactly 2^62, are taken.
-  for (const auto& [what, ok] : {std::pair("64-bit 16", Bytes{}.u32(1).str("free").u64(16)),
-                                 std::pair("mdat of 2^62", Bytes{}.u32(1).str("mdat").u64(uint64_t{1} << 62))}) {
-    ASSERT_TRUE(send(extended(what), cat({movie_ftyp(), ok}))) << what;
-    EXPECT_EQ(std::tuple(drain(what).size(), stream_info(what).nStop), std::tuple(2u, uint32_t{BOXLANE_STOP_NONE})) << what;
-  }
-  // Exactly the limit waits for the rest; an mdat is never buffered, so any size goes.
-  ASSERT_TRUE(send(client_, box("moov", Bytes{}.zeros(100), limit)));
-  EXPECT_EQ(stream_info(client_).nStop, uint32_t{BOXLANE_STOP_NONE});
-  const std::string media = other("splitter/mdat");
-  ASSERT_TRUE(send(media, box("mdat", Bytes{}.zeros(100), 0xFFFFFFF0u)));
-  EXPECT_EQ(drain(media)[0].nBoxSize, 0xFFFFFFF0u);
-  EXPECT_EQ(parse_position(media), 0xFFFFFFF0u);
 }
 
 // Every two-piece cut and 1-byte pieces: the same records, positions and events; an mdat in a piece is stepped over.
