@@ -111,6 +111,9 @@ t 'cat cut.aac | mux -a - -o cutp.mp4; kept cutp.mp4'
 t 'mux -v cut.h264 --fragment 1 -o cutf.mp4; kept cutf.mp4'
 t 'mux -a cut.aac -v $D/sample.h264 --fragment 1 -o cutaf.mp4; kept cutaf.mp4'
 t 'mux -a long.aac --fragment 5 -o x.mp4; kept x.mp4'
+# The first MiB read ends inside the first frame of a stream of another rate, channel count or profile, so only
+# the check across pieces sees the change.
+t '{ for i in $(seq 24); do cat $D/sample.aac; done; head -c 40838 $D/sample.aac; } > mib.aac; for b in 96k 7.1 main; do cat mib.aac aac_$b.aac > late.aac; mux -a late.aac --fragment 1 -o x.mp4; done'
 t 'rm -f x.mp4; mux -a long.aac -o x.mp4'
 t 'mux -v $D/x264_sps_pps.h264 -o x.mp4'
 t '{ cat $D/sample.h264; printf "\\0\\0\\0\\1\\x85\\x88\\x80"; } > forbidden.h264; mux -v forbidden.h264 -o x.mp4'
