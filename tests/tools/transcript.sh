@@ -247,6 +247,11 @@ t 'probe --strict --json fr.mp4 | untimed | md5sum'
 t 'probe --boxes a.mp4 | tail -30 && stat -c "%a %n" av.mp4 fr.mp4 cutaf.mp4'
 t 'probe --piece 1 av.mp4 | md5sum && probe --random-pieces 100 --seed 7 av.mp4 | md5sum && cat av.mp4 | probe - | md5sum'
 t 'probe --pools 3 --json --samples --boxes fr.mp4 | cmp - <(probe --json --samples --boxes fr.mp4)'
+# Every way of feeding the moov-last and the fragmented file gives the same JSON, an mdat typed in capitals too.
+t 'for f in av fr; do probe --json --samples $f.mp4 > whole; for o in "--piece 1" "--random-pieces 5000 --seed 99" "--random-pieces 1" "--pools 4 --piece 300"; do probe --json --samples $o $f.mp4 | cmp - whole && echo "$f $o: same"; done; cat $f.mp4 | probe --json --samples --piece 999 - | cmp - whole && echo "$f from a pipe: same"; done; cp av.mp4 upper.mp4; poke upper.mp4 $(($(box_at av.mp4 mdat) + 4)) MDAT; probe --json --samples --piece 999 upper.mp4 | cmp - <(probe --json --samples av.mp4) && echo "MDAT: same"'
+# 70000 samples, past one query window (65536); 4100 fragments, past the 4096 answers the parser holds.
+t 'mux -q --fps 25 --timescale 25 -v long70k.h264 -o l70k.mp4 && probe --json --samples l70k.mp4 | grep "\"decode_time\"" | tr -d "[]," | awk "{print NF - 1, \$65537, \$65538, \$70001}"'
+t 'mux -q --fps 25 --fragment 0.04 -v idr4100.h264 -o i4100.mp4 && probe --json i4100.mp4 | grep -E "\"(track_fragments|sample_count|complete)\""'
 t 'head -c 100000 av.mp4 | probe -'
 t 'head -c 5000 fs.mp4 > cut_moov.mp4; probe cut_moov.mp4'
 t 'head -c 30 av.mp4 | probe -'
