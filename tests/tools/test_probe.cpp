@@ -1,8 +1,7 @@
-// `boxlane probe` as a user runs it: JSON and text against ffprobe on files from FFmpeg and our writer, and
-// against itself for every way of cutting the input. Its errors and marks are in the transcript (transcript.sh).
+// `boxlane probe` as a user runs it: JSON and text against ffprobe on files from FFmpeg and our writer. Its
+// errors, its marks and its answers for every way of cutting the input are in the transcript (transcript.sh).
 #include "support/box_builder.hpp"
 #include "support/ffmpeg.hpp"
-#include "support/handmade_h264.hpp"
 #include "support/mp4_rewrite.hpp"
 #include "support/paths.hpp"
 #include "support/probe_json.hpp"
@@ -245,48 +244,6 @@ TEST_F(ProbeTool, AgreesWithFfprobeOnFilesFromFfmpegAndFromOurWriter) {
 
 // The same report however the input comes: pieces of any size, several pools, a pipe (which cannot seek, so mdat
 // payloads are read and thrown away there); an upper-case MDAT is skipped all the same.
-TEST_F(ProbeTool, SameJsonForEveryPieceSizeAndFromStandardInput) {
-  auto upper = read_file(moov_last_);
-  for (const TopBox& box : top_boxes(upper))
-    if (box.type == "mdat") std::copy_n("MDAT", 4, upper.begin() + long(box.offset) + 4);
-  const std::string upper_file = temp_dir() + "/upper.mp4";
-  write_file(upper_file, upper);
-  const std::string probe = shell_quote(tool_path()) + " probe --json --samples ";
-  for (const std::string& name : {moov_last_, fragmented_}) {
-    const std::string file = shell_quote(name);
-    std::string whole, again;
-    ASSERT_EQ(run(probe + file, &whole), 0);
-    for (const std::string& command :
-         {probe + "--piece 1 " + file, probe + "--random-pieces 5000 --seed 99 " + file,
-          probe + "--random-pieces 1 " + file, probe + "--pools 4 --piece 300 " + file,
-          "cat " + file + " | " + probe + "--piece 999 -",
-          probe + "--piece 999 " + shell_quote(name == moov_last_ ? upper_file : name)}) {
-      EXPECT_EQ(run(command, &again), 0) << command;
-      EXPECT_EQ(again, whole) << command;
-    }
-  }
-}
-
-// probe asks for a track's samples 65536 at a time: a track of 70000 comes whole, one tick after another. The
-// parser holds 4096 untaken track fragments at most: probe takes each as its moof arrives, so 4100 come whole.
-TEST_F(ProbeTool, SamplesPastOneQueryWindowAndFragmentsPastTheParsersBound) {
-  const std::string dir = temp_dir() + "/";
-  std::vector<HandmadePicture> pictures(70000, {HandmadePicture::kSkipped});
-  pictures[0].kind = HandmadePicture::kIdr;
-  write_file(dir + "long.h264", handmade_h264(pictures));
-  ASSERT_EQ(run(shell_quote(tool_path()) + " mux -q --fps 25 --timescale 25 --video " + shell_quote(dir + "long.h264") +
-                " -o " + shell_quote(dir + "long.mp4")), 0);
-  const Json j = probe_json("--samples " + shell_quote(dir + "long.mp4"));
-  ASSERT_EQ(j.count("tracks.0.samples.decode_time"), 70000u);
-  for (const int i : {65535, 65536, 69999})
-    EXPECT_EQ(j["tracks.0.samples.decode_time." + std::to_string(i)], std::to_string(i));
-  write_file(dir + "idr.h264", handmade_h264(std::vector<HandmadePicture>(4100)));
-  ASSERT_EQ(run(shell_quote(tool_path()) + " mux -q --fps 25 --fragment 0.04 --video " + shell_quote(dir + "idr.h264") +
-                " -o " + shell_quote(dir + "idr.mp4")), 0);
-  const Json f = probe_json(shell_quote(dir + "idr.mp4"));
-  EXPECT_EQ(f["tracks.0.track_fragments"] + " " + f["tracks.0.sample_count"] + " " + f["complete"], "4100 4100 true");
-}
-
 // AudioSpecificConfig (ISO/IEC 14496-3 §1.6.2.1), bits written out by hand: the escaped object type (31, then
 // 6 bits more: 32 + 10 = 42) and the explicit 24-bit rate of frequency index 15; a cut config reads as none.
 TEST(ProbeAudioConfig, EscapedObjectTypeAndExplicitRate) {
