@@ -36,9 +36,16 @@ mkdir -p "$src"
 git ls-files -z | grep -zv "^fuzz/corpus/" | while IFS= read -r -d '' f; do
   cmp -s "$f" "$src/$f" || { mkdir -p "$src/$(dirname "$f")" && cp "$f" "$src/$f"; }
 done
+# Files deleted from the tree since the last run go from the copy too.
+git ls-files -z | grep -zv "^fuzz/corpus/" | sort -z >"$work/tracked"
+(cd "$src" && find . -type f -printf '%P\0') | sort -z | comm -z -13 "$work/tracked" - |
+  (cd "$src" && xargs -0r rm -f --)
 cmake -S "$src" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBOXLANE_SANITIZE=address >/dev/null
 install_npm_packages "$build/npm"
-nice -n 10 cmake --build "$build" -j2 >/dev/null
+if ! nice -n 10 cmake --build "$build" -j2 >"$work/build.log" 2>&1; then
+  echo "mutate: the tree does not build without a fault (see $work/build.log)" >&2
+  exit 1
+fi
 
 # The faults: "@ path | what it breaks", then "- text" (found exactly once in
 # the file) and "+ replacement", where \n stands for a line break (followed

@@ -31,7 +31,8 @@ std::vector<uint8_t> slice(const HandmadePicture& p, uint32_t frame_num, uint32_
   b.u(4, frame_num % 16);
   if (idr) b.ue(idr_id).u(2, 0);  // no_output_of_prior_pics_flag, long_term_reference_flag
   if (skipped) b.u(2, 0);         // num_ref_idx_active_override_flag, ref_pic_list_modification_flag_l0
-  if (!idr) b.u(1, 0);            // adaptive_ref_pic_marking_mode_flag
+  if (!idr && p.mmco5) b.u(1, 1).ue(5).ue(0);  // adaptive marking: mmco 5, then the end
+  else if (!idr) b.u(1, 0);                   // adaptive_ref_pic_marking_mode_flag
   b.se(0).ue(1);                  // slice_qp_delta, disable_deblocking_filter_idc 1
   if (skipped) return b.ue(1).nal(2, 1);  // mb_skip_run: the one macroblock
   b.ue(25);                               // mb_type I_PCM, then pcm_alignment_zero_bits and the samples
@@ -76,7 +77,7 @@ std::vector<uint8_t> handmade_h264(const std::vector<HandmadePicture>& pictures,
     if (p.recovery_point) nal(out, kRecoveryPointSei);
     nal(out, slice(p, frame_num, idr_id));
     if (p.kind == HandmadePicture::kIdr) ++idr_id;
-    ++frame_num;
+    frame_num = p.mmco5 ? 1 : frame_num + 1;  // the picture after an mmco 5 counts from 0
   }
   return out;
 }

@@ -16,6 +16,7 @@ struct HandmadePicture {
   uint8_t grey = 0x80;                               // intra pictures
   bool recovery_point = false;                       // an SEI with recovery_frame_cnt 0 before it
   bool captions = false;                             // an A/53 caption SEI before it
+  bool mmco5 = false;                                // memory_management_control_operation 5 (a P picture)
 };
 
 // The SPS, or a PPS, of these streams with another id, after a start code.

@@ -88,6 +88,8 @@ TEST(Transcript, EveryCommandSaysAndWritesWhatItDidBefore) {
       Bits().u(8, 66).u(8, 0xC0).u(8, 10).ue(1).ue(0).ue(2).ue(1).u(1, 0).ue(0).ue(1).u(4, 0xC).nal(3, 7);
   std::vector<P> seventy_k(70000, {P::kSkipped});  // an IDR picture, then skipped P pictures
   seventy_k[0].kind = P::kIdr;
+  HandSps sps1;  // an SPS of another id and size
+  sps1.id = 1, sps1.width = 640, sps1.height = 360;
   const std::vector<std::pair<std::string, Frames>> inputs = {
       {"mid_gop.h264", mid}, {"cut.h264", Frames(h264.begin(), h264.begin() + 100000)},
       {"cut.aac", Frames(aac.begin(), aac.begin() + 20000)}, {"empty", {}},
@@ -112,7 +114,9 @@ TEST(Transcript, EveryCommandSaysAndWritesWhatItDidBefore) {
       {"pps_1_61.h265", with_ids({}, 61, hevc_pps)}, {"pps_62.h265", hevc_pps(62)},
       {"aac_3.aac", adts_edited([](uint8_t* h) { set_channels(h, 3); })},
       {"aac_5.1.aac", adts_edited([](uint8_t* h) { set_channels(h, 6); })},
-      {"long70k.h264", handmade_h264(seventy_k)}, {"idr4100.h264", handmade_h264(std::vector<P>(4100))}};
+      {"long70k.h264", handmade_h264(seventy_k)}, {"idr4100.h264", handmade_h264(std::vector<P>(4100))},
+      {"mmco5.h264", handmade_h264({{}, {P::kSkipped}, {P::kSkipped, 0, 0x80, false, false, true}, {P::kSkipped}})},
+      {"sps1.h265", cat({start, sps1.nal()})}};
   for (const auto& [name, bytes] : inputs) write_file(dir + name, bytes);
 
   std::string got;

@@ -136,6 +136,7 @@ t 'mux --bogus -o x.mp4'
 t 'mux -v $D/sample.h264 -o'
 t 'mux -v - -a - -o x.mp4'
 t 'mux -v a --fps 0 -o x'
+t 'mux -v a --fps 0.0004 -o x; mux -v one.h264 --fps 0.0045 -o y.mp4 && digest y.mp4'
 t 'mux -v a --fps 25/0 -o x'
 t 'mux -v a --fps abc -o x'
 t 'mux -v a --fps 25x/1 -o x'
@@ -200,6 +201,15 @@ t '{ cat $D/main10_cra.h265; printf "\\0\\0\\0\\1\\x02\\x09\\xaf\\x00"; } > laye
 t 'cp $D/main10_cra.h265 headless.h265; poke headless.h265 2379 "\\x2c"; mux -v headless.h265 -o x.mp4; cat headless.h265 $D/main10_cra.h265 > late.h265; mux -v late.h265 --fragment 1 -o y.mp4 && digest y.mp4'
 t 'head -c 40 $D/main10_cra.h265 > cut40.h265; mux -v cut40.h265 -o x.mp4'
 t 'mux -v $D/sample.h264 --video-codec h265 --fragment 1 -o x.mp4'
+# A P picture with memory_management_control_operation 5 starts its picture order count anew.
+t 'mux -v mmco5.h264 -o mm.mp4 && show mm.mp4'
+# An SPS of another id and size after the second GOP's: the size comes from the first SPS.
+t '{ head -c 3569 $D/main10_cra.h265; cat sps1.h265; tail -c +3570 $D/main10_cra.h265; } > sps1_late.h265; mux -v sps1_late.h265 -o x.mp4'
+# In fragments, new PPSs before the second GOP, and the first SPS repeated after a 3-byte start code.
+t '{ head -c 3484 $D/main10_cra.h265; cat pps_1_61.h265; tail -c +3485 $D/main10_cra.h265; } > pps2.h265; mux -v pps2.h265 --fragment 1 -o x.mp4'
+t 'LC_ALL=C sed "s/\\x00\\x00\\x00\\x01\\x68/\\x00\\x00\\x01\\x68/" one.h264 > one3.h264; cat one.h264 one3.h264 > mixed.h264; mux -v mixed.h264 --fragment 1 -o x.mp4 && digest x.mp4'
+t '{ cat $D/sample.aac; printf "\\377"; } > ff.aac; mux -a ff.aac -o ff.mp4; kept ff.mp4'
+t 'mux -a mib.aac -o mib.mp4'
 t 'mux -v $D/sample.h264 --video-codec avc -o y.mp4 && digest y.mp4'
 # An MPEG-1 layer III header (its bits where ADTS has the rate give 13); an ID3 tag alone.
 t '{ printf "\\xff\\xfb\\xb4"; cat $D/sample.aac; } > layer3.aac; mux -a layer3.aac -o x.mp4'

@@ -123,7 +123,8 @@ std::optional<FrameRate> parse_rate(const std::string& text) {
   const double fps = std::strtod(text.c_str(), &end);
   if (end == text.c_str() || *end || !(fps > 0) || fps > 1000) return std::nullopt;
   const double ntsc = std::round(fps * 1.001);
-  if (std::fabs(fps - std::round(fps)) > 1e-9 && std::fabs(fps - ntsc / 1.001) < 0.005) {
+  // A rate below 0.005 is near no NTSC rate but 0 itself, which is none.
+  if (ntsc > 0 && std::fabs(fps - std::round(fps)) > 1e-9 && std::fabs(fps - ntsc / 1.001) < 0.005) {
     return FrameRate{static_cast<uint32_t>(ntsc) * 1000, 1001};
   }
   const unsigned long long num = std::llround(fps * 1000);
