@@ -100,6 +100,7 @@ TEST(Transcript, EveryCommandSaysAndWritesWhatItDidBefore) {
       {"aac_96k.aac", adts_edited([](uint8_t* h) { set_rate(h, 0); })},
       {"aac_mono_8k.aac", adts_edited([](uint8_t* h) { set_rate(h, 11), set_channels(h, 1); })},
       {"aac_7.1.aac", adts_edited([](uint8_t* h) { set_channels(h, 7); })},
+      {"aac_7350.aac", adts_edited([](uint8_t* h) { set_rate(h, 12); })},
       {"aac_index15.aac", adts_edited([](uint8_t* h) { set_rate(h, 15); })},
       {"aac_no_layout.aac", adts_edited([](uint8_t* h) { set_channels(h, 0); })},
       {"aac_main.aac", adts_edited([](uint8_t* h) { h[2] &= 0x3F; })},

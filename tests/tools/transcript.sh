@@ -102,6 +102,8 @@ t 'mux -a aac_pce.aac -v $D/sample.h264 -o pce.mp4 && show pce.mp4'
 t 'mux -a aac_crc.aac -o crc.mp4 && digest crc.mp4'
 
 # mux: inputs it refuses or ends early.
+# 7350 Hz, the last rate of the table (ISO/IEC 14496-3 Table 1.18).
+t 'mux -a aac_7350.aac -o x.mp4 && probe --json x.mp4 | grep sample_rate'
 t 'mux -a aac_index15.aac -o x.mp4'
 t 'mux -a aac_no_layout.aac -o x.mp4'
 t 'mux -a aac_main.aac -o main.mp4 && show main.mp4'
