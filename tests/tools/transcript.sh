@@ -211,7 +211,6 @@ t '{ head -c 3569 $D/main10_cra.h265; cat sps1.h265; tail -c +3570 $D/main10_cra
 t '{ head -c 3484 $D/main10_cra.h265; cat pps_1_61.h265; tail -c +3485 $D/main10_cra.h265; } > pps2.h265; mux -v pps2.h265 --fragment 1 -o x.mp4'
 t 'LC_ALL=C sed "s/\\x00\\x00\\x00\\x01\\x68/\\x00\\x00\\x01\\x68/" one.h264 > one3.h264; cat one.h264 one3.h264 > mixed.h264; mux -v mixed.h264 --fragment 1 -o x.mp4 && digest x.mp4'
 t '{ cat $D/sample.aac; printf "\\377"; } > ff.aac; mux -a ff.aac -o ff.mp4; kept ff.mp4'
-t 'mux -a mib.aac -o mib.mp4'
 t 'mux -v $D/sample.h264 --video-codec avc -o y.mp4 && digest y.mp4'
 # An MPEG-1 layer III header (its bits where ADTS has the rate give 13); an ID3 tag alone.
 t '{ printf "\\xff\\xfb\\xb4"; cat $D/sample.aac; } > layer3.aac; mux -a layer3.aac -o x.mp4'
