@@ -33,7 +33,7 @@ std::string runs(std::string_view s, bool text = false) {
   for (std::size_t i = 0, j; i < s.size(); i = j) {
     for (j = i; j < s.size() && s[j] == s[i]; ++j) {}
     if (text) out += j - i > 4 ? fmt("%c{%zu}", s[i], j - i) : std::string(s.substr(i, j - i));
-    else out += (i ? " " : "") + (j - i > 4 ? fmt("%02X*%zu", uint8_t(s[i]), j - i) : hex(reinterpret_cast<const uint8_t*>(&s[i]), j - i));
+    else out.append(i ? " " : "").append(j - i > 4 ? fmt("%02X*%zu", uint8_t(s[i]), j - i) : hex(reinterpret_cast<const uint8_t*>(&s[i]), j - i));
   }
   return out + (text ? "\"" : "");
 }
