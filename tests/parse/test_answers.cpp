@@ -449,11 +449,12 @@ std::vector<Row> rows() {
         T(9), stz2(4, 3, {0x12, 0x3F}), T(10), stz2(4, 9, {0xAB}), T(11), stz2(8, 3, {7, 255}), T(12), stz2(16, 2, {0x12, 0x34, 0xFF}),
         T(13), stz2(5, 2, {1, 2}), T(14), stz2(8, 0x80000000, {1, 2}), {"sdtp", Bytes{}.full(0, 0)},
         {"sdtp", Bytes{}.full(0, 0).u8(0x20).u8(0x10).u8(0xA6)}, T(99), {"stco", u32s(0, {1, 48})}, {"co64", u32s(0, {1, 1, 2})}}},
-      {"avc1: reserved bits set, a PPS past the avcC; the 78 fixed bytes alone; 31 SPS and 255 PPS, entry_count 0 and 1",
+      {"avc1: reserved bits set, a PPS past the avcC; the 78 fixed bytes alone; 31 SPS and 255 PPS, entry_count 0 and 1; "
+       "a second stsd for a track keeps the first",
        {T(1), visual("avc1", 320, box("avcC", unhex("01 64 00 1F FF E2 0004 6764001F 0002 6701 03 0002 68EE 0003 68EBE3 0001 68"))),
         T(2), visual("avc1", 320, box("avcC", unhex("01 42 C0 0D FD E1 0002 6742 02 0001 68 0032 68"))),
         T(3), {"stsd", stsd(box("avc1", Bytes{}.zeros(6).u16(1).zeros(16).u16(64).u16(48).zeros(50)))},
-        T(4), avc(ones(31), ones(255), 0), T(5), avc(ones(31), ones(255))}},
+        T(4), avc(ones(31), ones(255), 0), T(5), avc(ones(31), ones(255)), T(6), avc(ones(1), ones(1)), visual("avc1", 64, {})}},
       {"codec query: sets past the byte area; 32 and 33 PPS; an AudioSpecificConfig of 1024 and 1025 bytes",
        {T(1), avc({{0x67, 0x42}, Bytes{}.add(std::vector<uint8_t>(BOXLANE_CODEC_PARAMSET_BYTES - 3, 0x11)), {0x67, 0x43}}, ones(40, 0x68)),
         T(2), avc(ones(1, 0x67), ones(BOXLANE_CODEC_MAX_PARAMSETS, 0x68)), T(3), avc(ones(1, 0x67), ones(BOXLANE_CODEC_MAX_PARAMSETS + 1, 0x68)),
@@ -497,6 +498,7 @@ std::vector<Row> rows() {
       lie("offsets past 64 bits", one_traf(cat({tfhd_box(0x01, 1, {0xFFFFFFFF, 0xFFFFFFCD}), one})), 100),
       lie("a track no tkhd made", one_traf(cat({tfhd_box(0, 9), one})), 100),
       lie("a traf without tfhd", one_traf(one), 100),
+      lie("two tfhd in a traf: the first holds", one_traf(cat({tfhd_box(0, 1), tfhd_box(0, 9), one})), 100),
       lie("a tfdt of version 1 with 32 bits",
           based(1, [](int32_t off) { return cat({full_box("tfdt", 1, 0, Bytes{}.u32(5)), trun_box(0, 0x001, {{}}, off)}); }), 100),
       lie("two trafs on the same data", moof_with_offset([](int32_t off) {
