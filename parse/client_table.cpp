@@ -155,9 +155,9 @@ bool CBoxlane_Parse::Boxlane_Parse_Send(const char* lpszClient, const uint8_t* l
   clear_error();
   if (!parse::valid_client(lpszClient) || nMsgLen < 0 || (!lpszMsgBuffer && nMsgLen != 0))
     return fail(BOXLANE_ERROR_PARSE_PARAMETER);
-  if (nMsgLen == 0) return true;
   return parse::with_client(*this, lpszClient, [&](QORVANE_MP4PARSE& record) {
     if (record.bStop) return fail(BOXLANE_ERROR_PARSE_NOTSUPPORT);
+    if (nMsgLen == 0) return true;  // a known client that takes pieces: nothing to do
     // After a box of size 0 everything is that box's payload: taken, not split.
     if (record.bToEnd) {
       record.nParsePos += static_cast<uint64_t>(nMsgLen);

@@ -462,7 +462,9 @@ BOXLANE_API bool Boxlane_Parse_Insert(const char* lpszClient);
 BOXLANE_API bool Boxlane_Parse_Delete(const char* lpszClient);
 /* Hands in the next piece of the client's stream, cut anywhere. The payload
  * of an mdat must not be sent: skip QORVANE_MP4HDR.nBoxSize - 8 bytes after
- * its header record arrives. */
+ * its header record arrives. A piece of length 0 (its pointer may be NULL)
+ * changes nothing, but fails like any other for a client that is not there
+ * or whose stream has stopped. */
 BOXLANE_API bool Boxlane_Parse_Send(const char* lpszClient, const uint8_t* lpszMsgBuffer, int32_t nMsgLen);
 /* Takes the oldest header record. pInt_ParsePos (may be NULL) receives the
  * stream offset of the next box to be split. */

@@ -368,7 +368,7 @@ Bytes fragmented() {
 }
 // An ftyp and `bad`, fed in pieces ending at `cuts`, which stops the stream; then one ftyp more.
 Row stopped(const std::string& name, const char* feed, const Bytes& bad, std::vector<std::size_t> cuts = {}) {
-  return {name, {{feed, cat({movie_ftyp(), bad}), std::move(cuts)}, {"send", movie_ftyp()}}};
+  return {name, {{feed, cat({movie_ftyp(), bad}), std::move(cuts)}, {"send", movie_ftyp()}, {"send", {}}}};
 }
 // After the tracks and defaults of fragment_prefix(), a moof and an mdat of `mdat` bytes.
 Row lie(const std::string& name, const Bytes& moof, std::size_t mdat) {

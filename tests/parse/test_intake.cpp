@@ -47,8 +47,10 @@ TEST_F(Intake, ArgumentsAndTheClientTable) {
   EXPECT_TRUE(fails_with(Boxlane_Parse_Recv(client_.c_str(), nullptr, nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
   QORVANE_MP4HDR header;
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetStream(client_.c_str(), nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
-  // Length 0 does nothing; a box still arriving is not ready; 127 bytes and the NUL fit.
+  // Length 0 does nothing, but only for a client that is there; a box still arriving is not ready; 127 bytes and
+  // the NUL fit.
   EXPECT_TRUE(Boxlane_Parse_Send(client_.c_str(), nullptr, 0) && Boxlane_Parse_Send(client_.c_str(), ftyp.data(), 0));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Send("intake/absent", nullptr, 0), BOXLANE_ERROR_PARSE_NOTFOUND));
   EXPECT_TRUE(fails_with(Boxlane_Parse_Recv(client_.c_str(), &header, nullptr), BOXLANE_ERROR_PARSE_NODATA));
   EXPECT_TRUE(send(client_, ftyp, 0, 9));
   EXPECT_TRUE(fails_with(Boxlane_Parse_Recv(client_.c_str(), &header, nullptr), BOXLANE_ERROR_PARSE_NOTREADY));
