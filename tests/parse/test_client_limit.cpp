@@ -68,6 +68,9 @@ const Shape kShapes[] = {
     {"chunk_table",
      [] { return repeated(kTrack, table_box("stsc", std::vector(5460, std::vector<uint32_t>{1, 1, 1})), 8 << 20); }, 3,
      true},
+    // 8 MiB of stss boxes, the same for the sync sample list.
+    {"sync_table", [] { return repeated(kTrack, table_box("stss", std::vector(16380, std::vector<uint32_t>{1})), 8 << 20); }, 3,
+     true},
     // 8 MiB of stz2 boxes of 4-bit sizes, 8 table bytes a byte sent; read in the extended mode only.
     {"compact_sizes",
      [] { return repeated(kTrack, full_box("stz2", 0, 0, Bytes{}.u32(4).u32(131032).zeros(65516)), 8 << 20); }, 2, true},
