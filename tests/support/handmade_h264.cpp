@@ -77,7 +77,7 @@ std::vector<uint8_t> handmade_h264(const std::vector<HandmadePicture>& pictures,
     if (p.recovery_point) nal(out, kRecoveryPointSei);
     nal(out, slice(p, frame_num, idr_id));
     if (p.kind == HandmadePicture::kIdr) ++idr_id;
-    frame_num = p.mmco5 ? 1 : frame_num + 1;  // the picture after an mmco 5 counts from 0
+    frame_num = p.mmco5 ? 1 : frame_num + 1;  // an mmco 5 picture counts as frame_num 0 for those after it
   }
   return out;
 }
