@@ -1,6 +1,7 @@
 #include "support/paths.hpp"
 
 #include <cctype>
+#include <cstdlib>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -55,6 +56,27 @@ void write_file(const std::string& path, const std::vector<uint8_t>& bytes) {
   std::ofstream out(path, std::ios::binary);
   out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+::testing::AssertionResult matches_expected(const std::string& got, const std::string& name, const char* update,
+                                            std::string_view mark) {
+  const std::string path = source_dir() + "/tests/data/" + name;
+  if (std::getenv(update)) write_file(path, std::vector<uint8_t>(got.begin(), got.end()));
+  const std::vector<uint8_t> bytes = read_file(path);
+  const std::string want(bytes.begin(), bytes.end()), separator = "\n" + std::string(mark);
+  // The block starting at `at`, up to the next mark's line or the end.
+  const auto block = [&](const std::string& text, std::size_t at) {
+    return at >= text.size() ? std::string("(nothing)") : text.substr(at, text.find(separator, at + 1) - at);
+  };
+  for (std::size_t i = 0, g = 0, w = 0; g < got.size() || w < want.size(); ++i) {
+    const std::string have = block(got, g), wanted = block(want, w);
+    if (have != wanted) {
+      return ::testing::AssertionFailure() << "block " << i << " differs from tests/data/" << name << "\n  got:\n"
+                                           << have << "\n  expected:\n" << wanted;
+    }
+    g += have.size(), w += wanted.size();
+  }
+  return ::testing::AssertionSuccess();
 }
 
 std::string hex(const uint8_t* data, std::size_t size) {

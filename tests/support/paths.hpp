@@ -25,6 +25,12 @@ bool have_ffmpeg();
 std::vector<uint8_t> read_file(const std::string& path);
 void write_file(const std::string& path, const std::vector<uint8_t>& bytes);
 
+// `got` against the expected text in tests/data/`name`, read line by line when it was written: blocks start at
+// lines beginning with `mark`, and the first block that differs is shown. With the environment variable `update`
+// set, `got` is written there first (read its diff before committing it).
+::testing::AssertionResult matches_expected(const std::string& got, const std::string& name, const char* update,
+                                            std::string_view mark);
+
 std::string hex(const uint8_t* data, std::size_t size);
 inline std::string hex(const std::vector<uint8_t>& bytes) { return hex(bytes.data(), bytes.size()); }
 // "00 00 00 20 66 74" (spaces optional) to bytes.
