@@ -63,7 +63,7 @@ void write_file(const std::string& path, const std::vector<uint8_t>& bytes) {
   const std::string path = source_dir() + "/tests/data/" + name;
   if (std::getenv(update)) write_file(path, std::vector<uint8_t>(got.begin(), got.end()));
   const std::vector<uint8_t> bytes = read_file(path);
-  const std::string want(bytes.begin(), bytes.end()), separator = "\n" + std::string(mark);
+  const std::string want(bytes.begin(), bytes.end()), separator = std::string(1, '\n').append(mark);
   // The block starting at `at`, up to the next mark's line or the end.
   const auto block = [&](const std::string& text, std::size_t at) {
     return at >= text.size() ? std::string("(nothing)") : text.substr(at, text.find(separator, at + 1) - at);
