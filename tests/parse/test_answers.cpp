@@ -19,7 +19,7 @@ const std::pair<std::string_view, Reader> kReaders[] = {
     {"dinf", &P::Boxlane_Parse_Dinf}, {"stsd", &P::Boxlane_Parse_STsd}, {"stts", &P::Boxlane_Parse_STts},
     {"ctts", &P::Boxlane_Parse_CTts}, {"stsc", &P::Boxlane_Parse_STsc}, {"stsz", &P::Boxlane_Parse_STsz},
     {"stz2", &P::Boxlane_Parse_STz2}, {"stco", &P::Boxlane_Parse_STco}, {"co64", &P::Boxlane_Parse_CO64},
-    {"sdtp", &P::Boxlane_Parse_SDtp}};
+    {"sdtp", &P::Boxlane_Parse_SDtp}, {"trex", &P::Boxlane_Parse_TRex}, {"mehd", &P::Boxlane_Parse_MEhd}};
 
 std::string fmt(const char* format, auto... values) {
   char line[512];
@@ -273,7 +273,12 @@ std::string step(const std::string& client, std::string_view what, const Bytes& 
 }
 
 struct Step { std::string what; Bytes bytes; std::vector<std::size_t> cuts = {}; };
-struct Row { std::string name; std::vector<Step> steps; bool prefixes = false; };
+struct Row {
+  std::string name;
+  std::vector<Step> steps;
+  bool prefixes = false;
+  std::function<Bytes(const Bytes& prefix, std::size_t whole)> wrap = {};  // what a prefix is sent in
+};
 
 // Every prefix of the row's last step, after its other steps, each on a client of its own: the answers to the empty
 // one, then each length at which a line comes ("+", the line it replaces, of the same first word, not shown) or goes.
@@ -284,8 +289,9 @@ std::string prefixes(const std::string& client, const Row& row, uint32_t mode) {
   for (std::size_t n = 0; n <= last.bytes.size(); ++n) {
     Boxlane_Parse_InsertEx(client.c_str(), mode);
     for (auto s = row.steps.begin(); s + 1 != row.steps.end(); ++s) step(client, s->what, s->bytes, s->cuts);
-    const std::string took = step(client, last.what, Bytes{}.add({last.bytes.begin(), last.bytes.begin() + long(n)}), {});
-    std::istringstream all(last.what + took.substr(took.find(':')) + "\n" + dump(client));
+    const Bytes prefix = Bytes{}.add({last.bytes.begin(), last.bytes.begin() + long(n)});
+    const std::string took = step(client, last.what, row.wrap ? row.wrap(prefix, last.bytes.size()) : prefix, {});
+    std::istringstream all((row.wrap ? "" : last.what + took.substr(took.find(':')) + "\n") + dump(client));
     Boxlane_Parse_Delete(client.c_str());
     std::vector<std::string> now;
     for (std::string l; std::getline(all, l);) now.push_back(l);
@@ -411,6 +417,13 @@ Row every(const std::string& name, std::vector<Step> setup, const Step& last) {
   setup.push_back(last);
   return {"every prefix: " + name, std::move(setup), true};
 }
+// Every prefix of a box's payload, sent as the box `type` in a fragmented stream made by `around`, with a free box
+// after it that keeps the stream's size (and every offset) the same.
+Row every_in(const std::string& type, const Bytes& payload, const std::function<Bytes(const Bytes& box)>& around) {
+  return {"every prefix in a stream: " + type, {{"sendx", payload}}, true, [=](const Bytes& prefix, std::size_t whole) {
+    return around(cat({box(type, prefix), box("free", Bytes{}.zeros(whole - prefix.size()))}));
+  }};
+}
 
 std::vector<Row> rows() {
   const auto mvhd0 = [](uint32_t flags) {
@@ -442,12 +455,8 @@ std::vector<Row> rows() {
     return [=](int32_t off) { return trun_box(0, flags, entries, off + delta); };
   };
   return {
-      {"ftyp of 8 bytes", {{"ftyp", Bytes{}.str("qt  ").u32(0x20050300)}}},
-      {"ftyp with one brand", {{"ftyp", Bytes{}.str("qt  ").u32(0).str("qt  ")}}},
-      {"ftyp of 7 bytes", {{"ftyp", Bytes{}.str("isom").u24(0)}}},
       {"ftyp: NULs pad a brand, one cut by the box end is none",
        {{"ftyp", Bytes{}.str("isom").u32(1).str("mp41").str("av").u16(0).str("avc")}}},
-      {"mvhd of version 0, 100 bytes", {{"mvhd", mvhd0(0)}}},
       {"mvhd of version 1, then one of version 0 a byte short",
        {{"mvhd", Bytes{}.full(1, 0).u64(0x100000001ull).u64(0x100000002ull).u32(90000).u64(0x100000005ull).u32(0).u16(0).zeros(70).u32(7)},
         {"mvhd", cut(mvhd0(9))}}},
@@ -458,11 +467,6 @@ std::vector<Row> rows() {
       {"descriptor sizes of one to four bytes, and one that runs on",
        {{"descriptor", {0x05, 0x80, 0x80, 0x80}}, {"descriptor", {0xFF, 0x7F, 0xFF, 0xFF}},
         {"descriptor", {0x80, 0x80, 0x80, 0x05}}, {"descriptor", {0x81, 0x80, 0x80, 0x80}}}},
-      {"mdhd of version 1, one cut in its language; the shortest of version 0; vmhd and smhd",
-       {T(1), {"mdhd", Bytes{}.full(1, 0).u64(0x200000001ull).u64(0x200000002ull).u32(600).u64(0x200000003ull).u16(0x95C7).u16(0)},
-        {"mdhd", Bytes{}.full(0, 0).u32(1).u32(2).u32(1).u32(1).u8(0)}, T(2),
-        {"mdhd", Bytes{}.full(0, 0).u32(1).u32(2).u32(3).u32(4).u16(0x15C7)},
-        {"vmhd", Bytes{}.full(0, 1).u16(0x40).u16(1).u16(2).u16(3)}, {"smhd", Bytes{}.full(0, 0).u16(0xFF80).u16(0)}}},
       {"hdlr: a name longer than the field; none; a byte short of the fixed part",
        {T(1), {"hdlr", hdlr("soun", std::string(3000, 'n'))}, T(2), {"hdlr", hdlr("meta", "")}, {"hdlr", cut(hdlr("text", ""))}}},
       {"dref: url, self-contained url, urn, a location past 1023 bytes; sizes 0 and past the payload, a count past it",
@@ -584,6 +588,24 @@ std::vector<Row> rows() {
       every("avc1", {T(1)}, visual("avc1", 320, box("avcC", unhex("01 64 00 1F FF E1 0004 6764001F 01 0002 68EE")))),
       every("hvc1", {T(1)}, hevc(unhex("A0 0001 0003 40010C  21 0002 0002 4201 0004 42010102"), 2)),
       every("mp4a", {T(1)}, mp4a(unhex(rich))),
+      every("trex", {T(1)}, {"trex", Bytes{}.full(0, 0).u32(1).u32(2).u32(3).u32(4).u32(0x01010000)}),
+      every("mehd of version 1", {}, {"mehd", Bytes{}.full(1, 0).u64(0x100000001ull)}),
+      every_in("mfhd", Bytes{}.full(0, 0).u32(7), [](const Bytes& mfhd) {
+        return cat({fragment_prefix(), moof_with_offset([&](int32_t off) {
+          return box("moof", cat({mfhd, box("traf", cat({tfhd_box(0x020000, 1), trun_box(0, 0x201, {{0, 9}}, off)}))}));
+        }), box("mdat", Bytes{}.zeros(9))});
+      }),
+      every_in("tfhd", Bytes{}.full(0, 0x3B).u32(2).u64(fragment_prefix().size()).u32(1).u32(20).u32(5).u32(kNonSync), [](const Bytes& tfhd) {
+        return cat({fragment_prefix(), moof_with_offset([&](int32_t off) {
+          return moof_box(1, {box("traf", cat({tfhd, trun_box(0, 0x001, {{}, {}}, off)}))});
+        }), box("mdat", Bytes{}.zeros(10))});
+      }),
+      every_in("tfdt", Bytes{}.full(1, 0).u64(0x100000002ull), [](const Bytes& tfdt) {
+        return cat({fragment_prefix(), based(1, [&](int32_t off) { return cat({tfdt, trun_box(0, 0x201, {{0, 9}}, off)}); }),
+                    box("mdat", Bytes{}.zeros(9))});
+      }),
+      every_in("trun", Bytes{}.full(0, 0xF05).u32(2).u32(120).u32(kSync).u32(20).u32(5).u32(kNonSync).u32(3).u32(30).u32(6).u32(0).u32(4),
+               [](const Bytes& trun) { return cat({fragment_prefix(), one_traf(cat({tfhd_box(0x020000, 2), trun})), box("mdat", Bytes{}.zeros(11))}); }),
   };
 }
 
