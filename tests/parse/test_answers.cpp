@@ -595,7 +595,7 @@ std::vector<Row> rows() {
           return box("moof", cat({mfhd, box("traf", cat({tfhd_box(0x020000, 1), trun_box(0, 0x201, {{0, 9}}, off)}))}));
         }), box("mdat", Bytes{}.zeros(9))});
       }),
-      every_in("tfhd", Bytes{}.full(0, 0x3B).u32(2).u64(fragment_prefix().size()).u32(1).u32(20).u32(5).u32(kNonSync), [](const Bytes& tfhd) {
+      every_in("tfhd", Bytes{}.full(0, 0x3B).u32(3).u64(fragment_prefix().size()).u32(1).u32(20).u32(5).u32(kNonSync), [](const Bytes& tfhd) {
         return cat({fragment_prefix(), moof_with_offset([&](int32_t off) {
           return moof_box(1, {box("traf", cat({tfhd, trun_box(0, 0x001, {{}, {}}, off)}))});
         }), box("mdat", Bytes{}.zeros(10))});
