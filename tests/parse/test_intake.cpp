@@ -70,10 +70,15 @@ TEST_F(Intake, ArgumentsAndTheClientTable) {
   EXPECT_TRUE(fails_with(send(client_, movie_ftyp()), BOXLANE_ERROR_PARSE_NOTFOUND));
   ASSERT_TRUE(Boxlane_Parse_Insert(client_.c_str()));
   EXPECT_EQ(std::tuple(parse_position(client_), pending_events(client_)), std::tuple(0u, 0));
-  // Without a task pool parsing goes on.
+  // Without a task pool parsing goes on; the pool's calls fail as a pool does that is not there.
   ASSERT_TRUE(Boxlane_Parse_Destory());
   ASSERT_TRUE(send(client_, movie_ftyp()));
   EXPECT_EQ(codes(drain(client_)), Codes{1});
+  QORVANE_RENDAVO_TASKEVENT** list = nullptr;
+  int32_t count = 0;
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetPool(0, &list, &count), RENDAVO_ERROR_TASKPOOL_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_WaitEvent(0, 0), RENDAVO_ERROR_TASKPOOL_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_ActiveEvent(0), RENDAVO_ERROR_TASKPOOL_PARAMETER));
 }
 
 // Size 0: the box takes the rest of its piece and every later piece, counted, never split.
