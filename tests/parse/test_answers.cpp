@@ -574,7 +574,7 @@ std::vector<Row> rows() {
       every("mdhd of version 1", {T(1)}, {"mdhd", Bytes{}.full(1, 0).u64(1).u64(2).u32(600).u64(0x100000004ull).u16(0x15C7).u16(0)}),
       every("hdlr", {T(1)}, {"hdlr", hdlr("soun", "Snd")}),
       every("vmhd", {T(1)}, {"vmhd", Bytes{}.full(0, 1).u16(0x40).u16(1).u16(2).u16(3)}),
-      every("smhd", {T(1)}, {"smhd", Bytes{}.full(0, 0).u16(0xFF80).u16(0)}),
+      every("smhd after another", {T(1), {"smhd", Bytes{}.full(0, 0).u16(0x0100).u16(0)}}, {"smhd", Bytes{}.full(0, 0).u16(0xFF80).u16(0)}),
       every("dref", {T(1)}, dinf(2, cat({full_box("url ", 0, 0, Bytes{}.str("ab").u8(0)), full_box("urn ", 0, 0, Bytes{}.str("u").u8(0))}))),
       every("stts", {T(1)}, {"stts", u32s(0, {2, 3, 1000, 1, 500})}),
       every("ctts of version 1", {T(1)}, {"ctts", u32s(1, {2, 1, uint32_t(-2), 4, 2048})}),
