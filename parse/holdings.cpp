@@ -38,16 +38,21 @@ uint64_t deque_bytes(const Deque& deque) noexcept {
   return blocks * (per_block * size + kBlockOverhead) + (4 * blocks + 8) * sizeof(void*) + kBlockOverhead;
 }
 
+// The blocks of the lists that boxes append to, without what their elements own.
+uint64_t list_bytes(const BOXLANE_TRACKINFO& track) noexcept {
+  return vector_bytes(track.stl_ListSTts.fields) + vector_bytes(track.stl_ListCTts.fields) +
+         vector_bytes(track.stl_ListSTsc.fields) + vector_bytes(track.stl_ListSTsz.fields) +
+         vector_bytes(track.stl_ListSTco.fields) + vector_bytes(track.stl_ListCO64.fields) +
+         vector_bytes(track.stl_ListSDtp) + vector_bytes(track.stl_ListSTss) + vector_bytes(track.stl_ListDinf);
+}
+
 }  // namespace
 
 uint64_t client_limit() noexcept { return g_limit.load(std::memory_order_relaxed); }
 void set_client_limit(uint64_t bytes) noexcept { g_limit.store(bytes, std::memory_order_relaxed); }
 
 uint64_t track_bytes(const BOXLANE_TRACKINFO& track) noexcept {
-  uint64_t n = vector_bytes(track.stl_ListSTts.fields) + vector_bytes(track.stl_ListCTts.fields) +
-               vector_bytes(track.stl_ListSTsc.fields) + vector_bytes(track.stl_ListSTsz.fields) +
-               vector_bytes(track.stl_ListSTco.fields) + vector_bytes(track.stl_ListCO64.fields) +
-               vector_bytes(track.stl_ListSDtp) + vector_bytes(track.stl_ListSTss) + vector_bytes(track.stl_ListDinf);
+  uint64_t n = list_bytes(track);
   for (const std::string& url : track.stl_ListDinf) n += string_bytes(url);
   const BOXLANE_TRACKCODEC& codec = track.stCodec;
   n += vector_bytes(codec.stl_ListSPS) + vector_bytes(codec.stl_ListPPS) + vector_bytes(codec.stl_AudioCfg) +
@@ -74,30 +79,32 @@ uint64_t held_bytes(const QORVANE_MP4PARSE& record) noexcept {
 
 uint64_t reader_growth(const QORVANE_MP4PARSE& record, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code,
                        uint64_t payload_length) noexcept {
+  // A list that moves to a larger block holds both blocks until the copy is
+  // done, so what a reader can add is the whole new block, not its growth.
+  // A track's tables grow by at least a quarter (the list that grows is at
+  // most all of them; what their elements own stays where it is); the
+  // fragment answers' arrays by doubling.
+  uint64_t tables = 0;
+  if (record.stl_MapTrack)
+    if (const BOXLANE_TRACKINFO* track = find_track(*record.stl_MapTrack, record.nCurrentTrack))
+      tables = list_bytes(*track) + list_bytes(*track) / 4;
   switch (code) {
     case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_FTYP:
       // Four bytes a brand, in a list sized for the box.
-      return payload_length + kBlockOverhead;
+      return vector_bytes(record.stl_ListBrand) + payload_length + kBlockOverhead;
     case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TKHD:
       // Perhaps a new track record, and the table's buckets doubling.
       return sizeof(std::pair<const int32_t, BOXLANE_TRACKINFO>) + sizeof(void*) + kBlockOverhead +
              2 * (record.stl_MapTrack ? record.stl_MapTrack->bucket_count() + 1 : 1) * sizeof(void*);
     case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STZ2:
       // 4-bit sizes become 32-bit entries.
-      return 8 * payload_length + kBlockOverhead;
+      return 8 * payload_length + tables + kBlockOverhead;
+    case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOF:
+      return 2 * payload_length + 2 * (vector_bytes(record.stFragments.stl_ListRun) + vector_bytes(record.stFragments.stl_ListByte)) +
+             deque_bytes(record.stFragments.stl_ListFragment) + kBlockOverhead;
     default:
-      break;
+      return 2 * payload_length + tables + kBlockOverhead;
   }
-  // A list that many boxes append to grows by at least a quarter; the
-  // fragment answers' arrays by doubling.
-  uint64_t lists = 0;
-  if (record.stl_MapTrack)
-    if (const BOXLANE_TRACKINFO* track = find_track(*record.stl_MapTrack, record.nCurrentTrack))
-      lists = track_bytes(*track) / 4;
-  if (code == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOF)
-    lists = vector_bytes(record.stFragments.stl_ListRun) + vector_bytes(record.stFragments.stl_ListByte) +
-            deque_bytes(record.stFragments.stl_ListFragment);
-  return 2 * payload_length + lists + kBlockOverhead;
 }
 
 }  // namespace boxlane::parse

@@ -23,7 +23,8 @@ uint64_t track_bytes(const BOXLANE_TRACKINFO& track) noexcept;
 // brands, track records and tables, trex defaults and fragment answers.
 uint64_t held_bytes(const QORVANE_MP4PARSE& record) noexcept;
 
-// The most the reader of a box of this type can add to what the client holds.
+// The most the reader of a box of this type can hold at once beyond what the
+// client holds: what it adds, and a list's old block while it moves.
 uint64_t reader_growth(const QORVANE_MP4PARSE& record, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code,
                        uint64_t payload_length) noexcept;
 

@@ -27,7 +27,7 @@ inline bool finished(const BOXLANE_MSGBUFFER& entry) noexcept { return entry.bHd
 // Makes room for `needed` bytes in the entry's buffer, doubling from the
 // initial size but never past what the pending box can use. On failure the
 // entry keeps its old buffer and contents.
-// A client under a memory bound gets a buffer as large as the box instead.
+// A client under a memory bound gets a buffer as large as the box at once.
 inline bool reserve(BOXLANE_MSGBUFFER& entry, std::size_t needed, bool bounded) noexcept {
   if (entry.ptszMsgBuffer && needed <= entry.nBufferSize) return true;
   const std::size_t initial = bounded ? 1 : kReassemblyInitial;
@@ -35,6 +35,9 @@ inline bool reserve(BOXLANE_MSGBUFFER& entry, std::size_t needed, bool bounded) 
   while (capacity < needed) capacity *= 2;
   const std::size_t usable = std::max(needed, static_cast<std::size_t>(entry.nBoxLen));
   if (capacity > usable) capacity = std::max(usable, std::max(entry.nBufferSize, initial));
+  // Doubling holds the old block beside the new one for a moment; a bounded
+  // client, whose bound counts the whole box, takes it in one block.
+  if (bounded && entry.bHdr) capacity = usable;
   void* grown = std::realloc(entry.ptszMsgBuffer, capacity);
   if (!grown) return false;
   entry.ptszMsgBuffer = static_cast<uint8_t*>(grown);
