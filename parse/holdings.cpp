@@ -80,14 +80,15 @@ uint64_t held_bytes(const QORVANE_MP4PARSE& record) noexcept {
 uint64_t reader_growth(const QORVANE_MP4PARSE& record, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE code,
                        uint64_t payload_length) noexcept {
   // A list that moves to a larger block holds both blocks until the copy is
-  // done, so what a reader can add is the whole new block, not its growth.
-  // A track's tables grow by at least a quarter (the list that grows is at
-  // most all of them; what their elements own stays where it is); the
-  // fragment answers' arrays by doubling.
-  uint64_t tables = 0;
+  // done, so a reader that appends can add the whole new block: the old one
+  // with the new entries, or with a quarter more, whichever is larger. The
+  // list that grows is at most all of the track's lists (what their elements
+  // own stays where it is); the fragment answers' arrays grow by doubling.
+  uint64_t lists = 0;
   if (record.stl_MapTrack)
     if (const BOXLANE_TRACKINFO* track = find_track(*record.stl_MapTrack, record.nCurrentTrack))
-      tables = list_bytes(*track) + list_bytes(*track) / 4;
+      lists = list_bytes(*track);
+  const auto moved = [lists](uint64_t added) { return lists + std::max(added, lists / 4) + kBlockOverhead; };
   switch (code) {
     case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_FTYP:
       // Four bytes a brand, in a list sized for the box.
@@ -96,14 +97,19 @@ uint64_t reader_growth(const QORVANE_MP4PARSE& record, ENUM_QORVANE_MORVALY_BOXL
       // Perhaps a new track record, and the table's buckets doubling.
       return sizeof(std::pair<const int32_t, BOXLANE_TRACKINFO>) + sizeof(void*) + kBlockOverhead +
              2 * (record.stl_MapTrack ? record.stl_MapTrack->bucket_count() + 1 : 1) * sizeof(void*);
+    case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_DINF:
+      // A location a dref entry of at least 8 bytes, each a string (32 bytes,
+      // what it holds past that at most twice its entry), in a list that
+      // doubles: the old block beside one twice as large.
+      return 2 * (lists + 4 * payload_length) + 2 * payload_length + kBlockOverhead;
     case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STZ2:
       // 4-bit sizes become 32-bit entries.
-      return 8 * payload_length + tables + kBlockOverhead;
+      return moved(8 * payload_length);
     case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOF:
       return 2 * payload_length + 2 * (vector_bytes(record.stFragments.stl_ListRun) + vector_bytes(record.stFragments.stl_ListByte)) +
              deque_bytes(record.stFragments.stl_ListFragment) + kBlockOverhead;
     default:
-      return 2 * payload_length + tables + kBlockOverhead;
+      return moved(2 * payload_length);
   }
 }
 
