@@ -84,6 +84,8 @@ const Shape kShapes[] = {
     // 8 MiB of stz2 boxes of 4-bit sizes, 8 table bytes a byte sent; read in the extended mode only.
     {"compact_sizes",
      [] { return repeated(kTrack, full_box("stz2", 0, 0, Bytes{}.u32(4).u32(131032).zeros(65516)), 8 << 20); }, 2, true},
+    // One stz2 of 480 KiB: 3.75 MiB of sizes beside its buffer would not fit; read in the extended mode only.
+    {"one_compact_box", [] { return cat({kTrack, full_box("stz2", 0, 0, Bytes{}.u32(4).u32(983040).zeros(491520))}); }, 2, false},
     // 8 MiB of dinf boxes, each URL (1000 bytes, past the small-string buffer) kept beside the track.
     {"long_urls",
      [] {
