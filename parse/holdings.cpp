@@ -106,8 +106,8 @@ uint64_t reader_growth(const QORVANE_MP4PARSE& record, ENUM_QORVANE_MORVALY_BOXL
       // 4-bit sizes become 32-bit entries.
       return moved(8 * payload_length);
     case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_MOOF:
-      return 2 * payload_length + 2 * (vector_bytes(record.stFragments.stl_ListRun) + vector_bytes(record.stFragments.stl_ListByte)) +
-             deque_bytes(record.stFragments.stl_ListFragment) + kBlockOverhead;
+      return 2 * payload_length + deque_bytes(record.stFragments.stl_ListFragment) + kBlockOverhead +
+             2 * (vector_bytes(record.stFragments.stl_ListRun) + vector_bytes(record.stFragments.stl_ListByte));
     default:
       return moved(2 * payload_length);
   }

@@ -12,13 +12,15 @@
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile void*, std::size_t), void (*)(const volatile void*));
 uint64_t allocated() { return __sanitizer_get_current_allocated_bytes(); }
-// The most allocated at once since the last call, looked at after every allocation: a list's old block while it
-// moves to a larger one counts too.
+// The most allocated at once since the last call, looked at after every allocation from the first call on: a
+// list's old block while it moves to a larger one counts too.
 std::atomic<uint64_t> g_most{0};
-const int kHooked = __sanitizer_install_malloc_and_free_hooks([](const volatile void*, std::size_t) {
-  for (uint64_t now = allocated(), most = g_most; now > most && !g_most.compare_exchange_weak(most, now);) {}
-}, [](const volatile void*) {});
-uint64_t most_allocated() { return g_most.exchange(allocated()); }
+uint64_t most_allocated() {
+  [[maybe_unused]] static const int hooked = __sanitizer_install_malloc_and_free_hooks([](const volatile void*, std::size_t) {
+    for (uint64_t now = allocated(), most = g_most; now > most && !g_most.compare_exchange_weak(most, now);) {}
+  }, [](const volatile void*) {});
+  return g_most.exchange(allocated());
+}
 #elif defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
 // The thread sanitizer's allocator counts whole size classes, glibc's counters none of its blocks.
 #define BOXLANE_NO_ALLOCATION_COUNT 1
