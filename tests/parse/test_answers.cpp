@@ -2,7 +2,8 @@
 // of exactly their size, so the address sanitizer sees any read past the end) or whole streams through
 // Boxlane_Parse_Send; then one dumper prints everything the queries answer for the row's client, one line an answer
 // (none where every value is 0), with what no query shows: version and flags taken into the header record, the
-// current track, list capacity reserved past the entries, the parameter sets the record keeps. The expected text,
+// current track, list capacity reserved past the entries, the parameter sets the record keeps. Rows of "every prefix"
+// give a box's reader each length of its payload in turn and show at which length each answer comes. The expected text,
 // tests/data/parse_answers.txt, was read line by line against ISO/IEC 14496-12, 14496-1 and 14496-15 when written.
 // After a change meant to alter an answer, BOXLANE_UPDATE_ANSWERS=1 writes it anew: read its diff before committing.
 #include "parse_fixtures.hpp"
