@@ -518,10 +518,11 @@ BOXLANE_API bool Boxlane_Parse_GetTrackHEVC(const char* lpszClient, int32_t nTra
  * queued once (nBoxSize 0), and every later piece is taken as its payload and
  * dropped, with Send succeeding and no further header record. */
 BOXLANE_API bool Boxlane_Parse_InsertEx(const char* lpszClient, uint32_t nFlags);
-/* The most bytes one parse client may hold, for every client of either mode
- * from its next box on: its queued header records, the buffer of a box
- * arriving in pieces, its brands, track records and tables, and its
- * fragment answers. A box that would take a client past it is not read: the
+/* The most bytes one parse client may hold at any moment, for every client
+ * of either mode from its next box on: its queued header records, the buffer
+ * of a box arriving in pieces, its brands, track records and tables (with a
+ * table's old block while it moves to a larger one), and its fragment
+ * answers. A box that would take a client past it is not read: the
  * client's stream stops there (BOXLANE_STREAMINFO.nStop BOXLANE_STOP_LIMIT)
  * and that Send fails with BOXLANE_ERROR_PARSE_LIMIT; later Sends fail with
  * BOXLANE_ERROR_PARSE_NOTSUPPORT, as for any stopped stream. What the client
