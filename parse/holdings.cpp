@@ -98,9 +98,11 @@ uint64_t reader_growth(const QORVANE_MP4PARSE& record, ENUM_QORVANE_MORVALY_BOXL
       return sizeof(std::pair<const int32_t, BOXLANE_TRACKINFO>) + sizeof(void*) + kBlockOverhead +
              2 * (record.stl_MapTrack ? record.stl_MapTrack->bucket_count() + 1 : 1) * sizeof(void*);
     case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_DINF:
-      // A location a dref entry of at least 8 bytes, each a string (32 bytes,
-      // what it holds past that at most twice its entry), in a list that
-      // doubles: the old block beside one twice as large.
+      // Each dref entry longer than 12 bytes adds a location: a 32-byte
+      // string, which holds more past that only when longer than 15. Their
+      // list doubles, perhaps more than once in a box: at most twice the
+      // track's lists and eight bytes a payload byte for the moving blocks,
+      // and two a payload byte for what the strings hold.
       return 2 * (lists + 4 * payload_length) + 2 * payload_length + kBlockOverhead;
     case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STZ2:
       // 4-bit sizes become 32-bit entries.
