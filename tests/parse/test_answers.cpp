@@ -290,7 +290,8 @@ std::string prefixes(const std::string& client, const Row& row, uint32_t mode) {
   for (std::size_t n = 0; n <= last.bytes.size(); ++n) {
     Boxlane_Parse_InsertEx(client.c_str(), mode);
     for (auto s = row.steps.begin(); s + 1 != row.steps.end(); ++s) step(client, s->what, s->bytes, s->cuts);
-    const Bytes prefix = Bytes{}.add({last.bytes.begin(), last.bytes.begin() + long(n)});
+    Bytes prefix = last.bytes;
+    prefix.resize(n);
     const std::string took = step(client, last.what, row.wrap ? row.wrap(prefix, last.bytes.size()) : prefix, {});
     std::istringstream all((row.wrap ? "" : last.what + took.substr(took.find(':')) + "\n") + dump(client));
     Boxlane_Parse_Delete(client.c_str());
