@@ -1,6 +1,7 @@
 // The H.264 syntax parser on x264's units (values from its settings and ffprobe) and on hand-made bit strings.
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -140,10 +141,12 @@ struct HandSps {
 };
 
 // With slice groups, `map` from slice_group_map_type on (3, box-out, by default).
+// `bottom_order`: bottom_field_pic_order_in_frame_present_flag.
 Nal hand_pps(uint32_t id = 0, uint32_t sps_id = 0, uint32_t groups_minus1 = 0, uint32_t l0_minus1 = 0,
-             uint32_t bipred = 0, bool weighted = false, const Bits& map = Bits().ue(3).u(1, 0).ue(0)) {
+             uint32_t bipred = 0, bool weighted = false, const Bits& map = Bits().ue(3).u(1, 0).ue(0),
+             bool bottom_order = false) {
   Bits b;
-  b.ue(id).ue(sps_id).u(1, 0).u(1, 0).ue(groups_minus1).add(groups_minus1 ? map : Bits());
+  b.ue(id).ue(sps_id).u(1, 0).u(1, bottom_order).ue(groups_minus1).add(groups_minus1 ? map : Bits());
   b.ue(l0_minus1).ue(0).u(1, weighted).u(2, bipred).se(0).se(0).se(0).u(1, 1).u(1, 0).u(1, 0);
   return b.nal(3, kNalPps);
 }
@@ -208,15 +211,18 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
 }
 
 // slice_type 0 P, 1 B, 2 I. `poc_field` is pic_order_cnt_lsb (type 0) or delta_pic_order_cnt[0] (type 1).
-// `field`: 0 top, 1 bottom, under an SPS of fields; `weights`: a pred_weight_table of one luma and chroma entry.
+// `field`: 0 top, 1 bottom, under an SPS of fields; `weights`: a pred_weight_table of one luma and chroma entry;
+// `bottom`: delta_pic_order_cnt_bottom (type 0) or delta_pic_order_cnt[1] (type 1), for a PPS with bottom_order.
 Nal hand_slice(uint32_t poc_type, bool idr, uint8_t ref_idc, uint32_t type, uint32_t frame_num, int32_t poc_field,
-               bool mmco5 = false, int field = -1, bool weights = false) {
+               bool mmco5 = false, int field = -1, bool weights = false, std::optional<int32_t> bottom = {}) {
   Bits b;
   b.ue(0).ue(type + 5).ue(0).u(4, frame_num);
   if (field >= 0) b.u(1, 1).u(1, field);
   if (idr) b.ue(0);
   if (poc_type == 0) b.u(4, uint32_t(poc_field));
+  if (poc_type == 0 && bottom) b.se(*bottom);
   if (poc_type == 1) b.se(poc_field);
+  if (poc_type == 1 && bottom) b.se(*bottom);
   if (type == 1) b.u(1, 1);          // direct_spatial_mv_pred_flag
   if (type != 2) b.u(1, 0).u(1, 0);  // no override, no list modification
   if (type == 1) b.u(1, 0);
@@ -272,6 +278,16 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   EXPECT_EQ(pocs_of(sets_of(HandSps{}.nal(), hand_pps(0, 0, 0, 0, 0, true)),
                     {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 8, true, -1, true)}),
             (Pocs{0, 0}));
+  // A frame whose bottom field counts 3 before its top (delta_pic_order_cnt_bottom, or delta_pic_order_cnt[1] with
+  // offset_for_top_to_bottom_field 0) takes the lower count (§8.2.1).
+  for (const uint32_t type : {0u, 1u}) {
+    HandSps sps;
+    sps.poc_type = type, sps.cycle = std::vector<int32_t>(type, 8);
+    EXPECT_EQ(pocs_of(sets_of(sps.nal(), hand_pps(0, 0, 0, 0, 0, false, Bits().ue(3).u(1, 0).ue(0), true)),
+                      {hand_slice(type, true, 3, 2, 0, 0, false, -1, false, 0),
+                       hand_slice(type, false, 2, 0, 1, type ? 0 : 8, false, -1, false, -3)}),
+              (Pocs{0, 5})) << type;
+  }
   // Type 2: non-reference pictures count one less; an IDR after other pictures starts again at 0.
   EXPECT_EQ(pocs_of(hand_sets(2), {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0),
                                    hand_slice(2, false, 0, 0, 2, 0), hand_slice(2, true, 3, 2, 0, 0)}),
