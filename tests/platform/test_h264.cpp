@@ -208,6 +208,14 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
     s.chroma = chroma, s.separate = separate, s.sar_idc = sar_idc, s.crop = {1, 2, 3, 4};
     EXPECT_EQ(parsed(s.nal()), std::string("profile 244 level 30 ") + expected);
   }
+  // Every ratio of Table E-1, as the table writes them.
+  const char* ratios[] = {"1:1",   "12:11", "10:11", "16:11", "40:33",  "24:11", "20:11", "32:11",
+                          "80:33", "18:11", "15:11", "64:33", "160:99", "4:3",   "3:2",   "2:1"};
+  for (int idc = 1; idc <= 16; ++idc) {
+    HandSps s;
+    s.sar_idc = idc;
+    EXPECT_TRUE(parsed(s.nal()).ends_with(std::string(" sar ") + ratios[idc - 1])) << idc;
+  }
 }
 
 // slice_type 0 P, 1 B, 2 I. `poc_field` is pic_order_cnt_lsb (type 0) or delta_pic_order_cnt[0] (type 1).
