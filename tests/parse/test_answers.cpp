@@ -535,6 +535,9 @@ std::vector<Row> rows() {
       lie("a track no tkhd made", one_traf(cat({tfhd_box(0, 9), one})), 100),
       lie("a traf without tfhd", one_traf(one), 100),
       lie("two tfhd in a traf: the first holds", one_traf(cat({tfhd_box(0, 1), tfhd_box(0, 9), one})), 100),
+      lie("two tfdt in a traf: the first holds", based(1, [](int32_t off) {
+        return cat({full_box("tfdt", 0, 0, Bytes{}.u32(5)), full_box("tfdt", 0, 0, Bytes{}.u32(9)), trun_box(0, 0x001, {{}}, off)});
+      }), 100),
       lie("a moof with a 64-bit size", resized(one_traf(cat({tfhd_box(0x020000, 1), one})), true), 100),
       lie("a tfdt of version 1 with 32 bits",
           based(1, [](int32_t off) { return cat({full_box("tfdt", 1, 0, Bytes{}.u32(5)), trun_box(0, 0x001, {{}}, off)}); }), 100),
