@@ -84,11 +84,15 @@ uint64_t reader_growth(const QORVANE_MP4PARSE& record, ENUM_QORVANE_MORVALY_BOXL
   // with the new entries, or with a quarter more, whichever is larger. The
   // list that grows is at most all of the track's lists (what their elements
   // own stays where it is); the fragment answers' arrays grow by doubling.
-  uint64_t lists = 0;
-  if (record.stl_MapTrack)
-    if (const BOXLANE_TRACKINFO* track = find_track(*record.stl_MapTrack, record.nCurrentTrack))
-      lists = list_bytes(*track);
-  const auto moved = [lists](uint64_t added) { return lists + std::max(added, lists / 4) + kBlockOverhead; };
+  // Summed only for the boxes whose readers append to the track's lists.
+  const auto track_lists = [&record]() -> uint64_t {
+    const BOXLANE_TRACKINFO* track = record.stl_MapTrack ? find_track(*record.stl_MapTrack, record.nCurrentTrack) : nullptr;
+    return track ? list_bytes(*track) : 0;
+  };
+  const auto moved = [&](uint64_t added) {
+    const uint64_t lists = track_lists();
+    return lists + std::max(added, lists / 4) + kBlockOverhead;
+  };
   switch (code) {
     case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_FTYP:
       // Four bytes a brand, in a list sized for the box.
@@ -103,7 +107,7 @@ uint64_t reader_growth(const QORVANE_MP4PARSE& record, ENUM_QORVANE_MORVALY_BOXL
       // list doubles, perhaps more than once in a box: at most twice the
       // track's lists and eight bytes a payload byte for the moving blocks,
       // and two a payload byte for what the strings hold.
-      return 2 * (lists + 4 * payload_length) + 2 * payload_length + kBlockOverhead;
+      return 2 * (track_lists() + 4 * payload_length) + 2 * payload_length + kBlockOverhead;
     case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STZ2:
       // 4-bit sizes become 32-bit entries.
       return moved(8 * payload_length);
