@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <tuple>
 
 #include "support/box_builder.hpp"
 #include "support/ffmpeg.hpp"
@@ -102,7 +103,8 @@ TEST(StreamChunks, AudioComesInWholeFrames) {
 }
 
 // Each track's table widens when its last sample reaches 2^32, on both sides,
-// and where a moov placed first grows and carries the other track past it.
+// and where a moov placed first grows and carries the other track past it; the
+// mdat's own header widens at its limit.
 TEST(ChunkOffsets, EachTrackWidensWhenItsLastSampleReachesTwoToThe32) {
   constexpr uint64_t k4GiB = uint64_t{1} << 32, kHeaders = 32 + 16;  // ftyp and a 64-bit mdat header
   constexpr uint64_t kMoov = 100000, kPast = k4GiB - kHeaders - kMoov;  // the moov with 32-bit tables
@@ -135,6 +137,8 @@ TEST(ChunkOffsets, EachTrackWidensWhenItsLastSampleReachesTwoToThe32) {
     EXPECT_EQ(choose_offset_tables(payload_at, c.last_video, c.last_audio), c.expected);
     EXPECT_LE(rounds, 3);
   }
+  // The mdat takes a 64-bit size once its 8-byte header and payload would pass 2^32 - 1 bytes.
+  EXPECT_EQ(std::tuple(mdat_header_size(k4GiB - 9), mdat_header_size(k4GiB - 8)), std::tuple(8u, 16u));
 }
 
 // Each side of where a size changes its unit; channel layouts by name where they have one.

@@ -10,6 +10,10 @@
 
 namespace boxlane::tool {
 
+// The mdat's header: 8 bytes, or 16 with a 64-bit size once the box would
+// pass 2^32 - 1 bytes with the short one (ISO/IEC 14496-12 §4.2).
+constexpr uint32_t mdat_header_size(uint64_t payload) { return payload > UINT32_MAX - 8 ? 16 : 8; }
+
 struct OffsetTables {
   bool video_wide = false;  // co64
   bool audio_wide = false;

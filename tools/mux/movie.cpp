@@ -205,7 +205,7 @@ class MovieWriter {
     }
     plan_.mvhd = sized_for(std::max(vt_.presentation, audio_duration()), 108, 120);
     plan_.payload = (v_ ? v_->payload_bytes : 0) + (a_ ? a_->payload_bytes : 0);
-    plan_.mdat_header = kBoxHeader + plan_.payload > UINT32_MAX ? 16 : kBoxHeader;
+    plan_.mdat_header = mdat_header_size(plan_.payload);
     plan_offsets();
     checked32(plan_.moov(), "moov");
     plan_.file_size = kFtypSize + plan_.moov() + plan_.mdat_header + plan_.payload;
@@ -213,7 +213,6 @@ class MovieWriter {
 
   // Chooses stco or co64 for each track from where its last sample starts.
   void plan_offsets() {
-    if (kFtypSize + plan_.moov() + plan_.mdat_header + plan_.payload <= UINT32_MAX) return;  // every offset fits
     uint64_t at = 0, last_video = 0, last_audio = 0;  // in the mdat payload
     interleave([&](bool video, uint64_t i) {
       (video ? last_video : last_audio) = at;

@@ -67,7 +67,7 @@ class ProgressiveWriter {
     for (const TrackPlan& p : tracks_) {
       for (const IndexSample& s : p.t->track->samples) payload_ += s.size;
     }
-    mdat_header_ = kBoxHeader + payload_ > UINT32_MAX ? 16 : kBoxHeader;
+    mdat_header_ = mdat_header_size(payload_);
     plan_offsets();
     checked32(moov_size(), "moov");
 
@@ -142,7 +142,6 @@ class ProgressiveWriter {
 
   // stco or co64 for each track, from where its last sample starts.
   void plan_offsets() {
-    if (kFtypSize + moov_size() + mdat_header_ + payload_ <= UINT32_MAX) return;
     uint64_t at = 0;
     std::optional<uint64_t> last_video, last_audio;
     interleave([&](std::size_t track, std::size_t i) {
