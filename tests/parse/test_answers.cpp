@@ -201,7 +201,7 @@ std::string dump(const std::string& client) {
 // Calls that fail, as their error code, and what they leave untouched.
 std::string refusals(const char* c) {
   int32_t n = -7;
-  QORVANE_HDRTKHD tkhd{0, 0, 0, 99, 0, 0, 0, 0, 0};
+  QORVANE_HDRTKHD tkhd{0, 0, 0, 99, 0, 0, 0, 0, 0}, alone;
   BOXLANE_CODECINFO codec;
   BOXLANE_HEVCINFO hevc;
   const uint8_t byte = 5;
@@ -209,6 +209,7 @@ std::string refusals(const char* c) {
   out += ", info(absent) " + result(Boxlane_Parse_GetTrackInfo(c, 12345, &tkhd, nullptr, nullptr, nullptr));
   out += fmt(" id %d, codec(absent) ", tkhd.nTrackID) + result(Boxlane_Parse_GetTrackCodec(c, 12345, &codec));
   out += ", hevc(absent) " + result(Boxlane_Parse_GetTrackHEVC(c, 12345, &hevc));
+  out += ", info(1, tkhd alone) " + result(Boxlane_Parse_GetTrackInfo(c, 1, &alone, nullptr, nullptr, nullptr));
   out += ", hevc(1, null) " + result(Boxlane_Parse_GetTrackHEVC(c, 1, nullptr));
   out += ", samples(1, null, 0) " + result(Boxlane_Parse_GetTrackSamples(c, 1, 0, nullptr, 0, &n));
   out += fmt(" %d, samples(1, null, 1) ", n);
@@ -359,9 +360,17 @@ Step hevc(const std::vector<uint8_t>& arrays, int count = 1) {
   return visual("hvc1", 64, box("hvcC", cat({fixed, count < 0 ? Bytes{} : Bytes{uint8_t(count)}, arrays})));
 }
 Step sps_array(const std::vector<Bytes>& sets) { return hevc(Bytes{}.u8(0x80 | 33).u16(uint16_t(sets.size())).add(units(sets))); }
-// A unit that leaves `last` bytes of the query's units' area, then one of `last` bytes.
-Step filled(uint16_t last) { return sps_array({Bytes{}.zeros(BOXLANE_CODEC_PARAMSET_BYTES - 100), Bytes{}.zeros(last)}); }
+// A unit that leaves `last` bytes of the query's units' area, then one of `last` bytes and one of a byte.
+Step filled(uint16_t last) {
+  return sps_array({Bytes{}.zeros(BOXLANE_CODEC_PARAMSET_BYTES - 100), Bytes{}.zeros(last), {0x44}});
+}
 Bytes movie(const std::vector<Bytes>& tables) { return cat({movie_ftyp(), moov_box({trak_box(1, 1000, tables)})}); }
+
+// The box with its type in capital letters.
+Bytes capitals(Bytes b) {
+  for (std::size_t i = 4; i < 8; ++i) b[i] = uint8_t(std::toupper(b[i]));
+  return b;
+}
 
 constexpr uint32_t kSync = 0x02000000, kNonSync = 0x01010000;  // depends on no other sample; on others, non-sync
 // Track 1 (90 kHz, empty tables), track 2 (48 kHz, two samples), mehd, trex, three moof + mdat pairs (ISO/IEC
@@ -376,12 +385,13 @@ Bytes fragmented() {
   };
   Bytes stream = movie_ftyp();
   stream.add(build_moov(uint32_t(stream.size() + build_moov(0).size() + 8))).add(box("mdat", Bytes{}.zeros(30)));
-  // moof 1: track 1 based on the moof, tfdt v1, first-sample flags, signed offsets; track 2 on trex, no base or tfdt.
+  // moof 1: track 1 based on the moof, tfdt v1, first-sample flags, signed offsets; track 2 on trex, no base or tfdt,
+  // an sdtp, which describes no track of the moov.
   stream.add(moof_with_offset([](int32_t offset) {
     return moof_box(1, {box("traf", cat({tfhd_box(0x020000, 1), full_box("tfdt", 1, 0, Bytes{}.u64(90000)),
                                         trun_box(1, 0x001 | 0x004 | 0x200 | 0x800,
                                                  {{0, 100, 0, 0}, {0, 50, 0, uint32_t(-1000)}, {0, 60, 0, 2000}}, offset, kSync)})),
-                        box("traf", cat({tfhd_box(0, 2), trun_box(0, 0x100, {{1024}, {512}})}))});
+                        box("traf", cat({tfhd_box(0, 2), trun_box(0, 0x100, {{1024}, {512}}), full_box("sdtp", 0, 0, Bytes{0x20, 0x10})}))});
   })).add(box("mdat", Bytes{}.zeros(810)));
   // moof 2: an explicit base, tfhd defaults over the trex's, no tfdt, two truns.
   const auto moof2 = uint32_t(stream.size());
@@ -390,12 +400,12 @@ Bytes fragmented() {
                                         trun_box(0, 0x001 | 0x100 | 0x200 | 0x400, {{2000, 5, kSync}, {2000, 6, kNonSync}}, offset),
                                         trun_box(0, 0x200 | 0x800, {{0, 7, 0, 0xFFFFFFFFu}})}))});
   })).add(box("mdat", Bytes{}.zeros(18)));
-  // moof 3: the first traf without a base flag is based on the moof.
+  // moof 3: the first traf without a base flag is based on the moof; its boxes' types in capitals.
   stream.add(moof_with_offset([](int32_t offset) {
-    return moof_box(3, {box("traf", cat({tfhd_box(0, 2), trun_box(0, 0x001, {{}}, offset)}))});
+    return moof_box(3, {capitals(box("traf", cat({capitals(tfhd_box(0, 2)), capitals(trun_box(0, 0x001, {{}}, offset))})))});
   })).add(box("mdat", Bytes{}.zeros(300)));
   return stream.add(cat({box("styp", Bytes{}.str("msdh").u32(0)), full_box("sidx", 1, 0, Bytes{}.zeros(32)),
-                         full_box("emsg", 0, 0, Bytes{}.zeros(12)),
+                         full_box("emsg", 1, 2, Bytes{}.zeros(12)),
                          box("mfra", cat({full_box("tfra", 1, 0, Bytes{}.zeros(12)), full_box("mfro", 0, 0, Bytes{}.u32(16))}))}));
 }
 // An ftyp and `bad`, fed in pieces ending at `cuts`, which stops the stream; then one ftyp more.
@@ -450,6 +460,7 @@ std::vector<Row> rows() {
   const std::string plain = "03 19 0002 00 04 11 40 15 000000 0001F400 0001F400 05 02 1190 06 01 02";
   const Bytes asc = Bytes{}.add(std::vector<uint8_t>(BOXLANE_CODEC_AUDIOCFG_BYTES, 0x12));
   const Bytes moov = moov_box({trak_box(1, 1000, {})}), one = trun_box(0, 0, {{}});
+  const Bytes to_end = cat({fragment_prefix(), based(1, [](int32_t off) { return trun_box(0, 0x201, {{0, 9}}, off); }), box("mdat", Bytes{}.zeros(9), 0)});
   const Bytes large = cat({movie_ftyp(), Bytes{}.u32(1).str("free").u64(24).u64(7), Bytes{}.u32(1).str("moov").u64(moov.size() + 8),
                            {moov.begin() + 8, moov.end()}, Bytes{}.u32(1).str("mdat").u64((uint64_t{8} << 30) + 16).zeros(4)});
   const uint32_t limit = 256u << 20;
@@ -462,8 +473,8 @@ std::vector<Row> rows() {
       {"mvhd of version 1, then one of version 0 a byte short",
        {{"mvhd", Bytes{}.full(1, 0).u64(0x100000001ull).u64(0x100000002ull).u32(90000).u64(0x100000005ull).u32(0).u16(0).zeros(70).u32(7)},
         {"mvhd", cut(mvhd0(9))}}},
-      {"tkhd of both versions, a negative width, an id again, one of 2^31 + 1, both versions a byte short, ids 0, 9, 10",
-       {T(1, 0x05000000, 0x02D00000), T(2, 0xFFFF0000, 0x00018000, 1), T(1, 0x01000000), T(0x80000001u),
+      {"tkhd of both versions, a negative width and height, an id again, one of 2^31 + 1, both versions a byte short, ids 0, 9, 10",
+       {T(1, 0x05000000, 0x02D00000), T(2, 0xFFFF0000, 0xFFFE8000, 1), T(1, 0x01000000), T(0x80000001u),
         {"tkhd", cut(tkhd_payload(9))}, {"tkhd", cut(tkhd_payload(9, 0, 0, 1))}, T(0), T(9), T(10),
         {"hdlr", hdlr("vide", std::string("V\0", 2))}, {"ask", {}}}},
       {"descriptor sizes of one to four bytes, and one that runs on",
@@ -485,10 +496,10 @@ std::vector<Row> rows() {
         T(9), stz2(4, 3, {0x12, 0x3F}), T(10), stz2(4, 9, {0xAB}), T(11), stz2(8, 3, {7, 255}), T(12), stz2(16, 2, {0x12, 0x34, 0xFF}),
         T(13), stz2(5, 2, {1, 2}), T(14), stz2(8, 0x80000000, {1, 2}), {"sdtp", Bytes{}.full(0, 0)},
         {"sdtp", Bytes{}.full(0, 0).u8(0x20).u8(0x10).u8(0xA6)}, T(99), {"stco", u32s(0, {1, 48})}, {"co64", u32s(0, {1, 1, 2})}}},
-      {"avc1: reserved bits set, a PPS past the avcC; the 78 fixed bytes alone; 31 SPS and 255 PPS, entry_count 0 and 1; "
+      {"avc1: reserved bits set, a PPS past the avcC, types in capitals; the 78 fixed bytes alone; 31 SPS and 255 PPS, entry_count 0 and 1; "
        "a second stsd for a track keeps the first; entries of 15 and 16 bytes, a box after each",
        {T(1), visual("avc1", 320, box("avcC", unhex("01 64 00 1F FF E2 0004 6764001F 0002 6701 03 0002 68EE 0003 68EBE3 0001 68"))),
-        T(2), visual("avc1", 320, box("avcC", unhex("01 42 C0 0D FD E1 0002 6742 02 0001 68 0032 68"))),
+        T(2), visual("AVC1", 320, box("AVCC", unhex("01 42 C0 0D FD E1 0002 6742 02 0001 68 0032 68"))),
         T(3), {"stsd", stsd(box("avc1", Bytes{}.zeros(6).u16(1).zeros(16).u16(64).u16(48).zeros(50)))},
         T(4), avc(ones(31), ones(255), 0), T(5), avc(ones(31), ones(255)), T(6), avc(ones(1), ones(1)), visual("avc1", 64, {}),
         T(7), {"stsd", stsd(cat({box("avc1", Bytes{}.zeros(7)), box("free", Bytes{}.zeros(9))}))},
@@ -500,12 +511,12 @@ std::vector<Row> rows() {
       {"mp4a: an ES_Descriptor with every option; sound entries v1 and v2; one longer than its box; a size past 4 bytes",
        {T(1), mp4a(unhex(rich)), T(2), mp4a(unhex(plain), 1), T(3), mp4a(unhex("03 7F" + plain.substr(5)), 2),
         T(4), mp4a(unhex("03 1D 0002 00 04 15 40 15 000000 0001F400 0001F400 05 81808080 02 1190 06 01 02"))}},
-      {"hvc1: every field differs; units filling the area and a byte more; 64 and 65 units; the shortest hvcC and less",
-       {T(1), hevc(unhex("A0 0001 0003 40010C  21 0002 0002 4201 0004 42010102  27 0002 0000 0001 4E"), 3),
+      {"hvc1: every field differs, an array's reserved bit set; units filling the area and a byte more, a unit after; 64 and 65 units; the shortest hvcC and less",
+       {T(1), hevc(unhex("A0 0001 0003 40010C  21 0002 0002 4201 0004 42010102  67 0002 0000 0001 4E"), 3),
         T(2), filled(100), T(3), filled(101), T(4), sps_array(ones(64)), T(5), sps_array(ones(65)), T(6), hevc({}, 0),
         T(7), hevc({}, -1), {"ask", {}}}},
-      {"index: five samples in chunks of 2, 2, 1 and none, every table; then two more samples and a fifth chunk",
-       {{"send", movie({table_box("stts", {{3, 1000}, {2, 500}}), table_box("ctts", {{1, 2000}, {2, 0}, {2, 1000}}),
+      {"index: five samples in chunks of 2, 2, 1 and none, every table, runs of no samples, an unsigned offset of 2^31; then two more samples and a fifth chunk",
+       {{"send", movie({table_box("stts", {{3, 1000}, {0, 700}, {2, 500}}), table_box("ctts", {{1, 2000}, {0, 5}, {2, 0}, {2, 0x80000000}}),
                         table_box("stsc", {{1, 2, 1}, {3, 1, 1}}), stsz_box(0, 5, {10, 20, 30, 40, 50}),
                         table_box("stco", {{100}, {200}, {300}, {400}}), table_box("stss", {{1}, {4}}),
                         full_box("sdtp", 0, 0, Bytes{0x20, 0x10, 0x10, 0x24, 0x10})})},
@@ -514,12 +525,14 @@ std::vector<Row> rows() {
         {"window", {5}}}},
       {"index: a constant size, co64 past 4 GiB, a negative ctts v1 offset, no stss or sdtp", {{"sendx", wide}}},
       {"index: the same in the basic mode, which reads no co64", {{"send", wide}}},
+      {"index: times past 2^64", {{"send", movie({table_box("stts", {{0xFFFFFFFF, 0xFFFFFFFF}, {0xFFFFFFFF, 0xFFFFFFFF}}), stsc, stsz, stco})}}},
+      {"index: an stz2 in the basic mode, which reads none", {{"send", movie({stts, stsc, box("stz2", stz2(8, 5, {1, 2, 3, 4, 5}).bytes), stco})}}},
       {"index: times run out", {{"send", movie({table_box("stts", {{3, 1}}), stsc, stsz, stco})}}},
       {"index: sizes run out", {{"send", movie({stts, stsc, stsz_box(0, 4, {1, 2, 3, 4}), stco})}}},
       {"index: chunks run out", {{"send", movie({stts, table_box("stsc", {{1, 2, 1}}), stsz, stco})}}},
       {"index: first_chunk 0", {{"send", movie({stts, table_box("stsc", {{0, 3, 1}}), stsz, stco})}}},
       {"index: first_chunk not increasing", {{"send", movie({stts, table_box("stsc", {{1, 1, 1}, {1, 4, 1}}), stsz, stco})}}},
-      {"index: an stsc entry past the chunks", {{"send", movie({stts, table_box("stsc", {{1, 1, 1}, {3, 4, 1}}), stsz, stco})}}},
+      {"index: an stsc entry past the chunks", {{"send", movie({stts, table_box("stsc", {{1, 1, 1}, {4, 4, 1}}), stsz, stco})}}},
       {"index: an empty chunk", {{"send", movie({stts, table_box("stsc", {{1, 0, 1}, {2, 3, 1}}), stsz, stco})}}},
       {"index: a constant size of no samples", {{"send", movie({stts, stsc, stsz_box(7, 0), stco})}}},
       {"index: sync samples 3 and 5", {{"send", movie({stts, stsc, stsz, stco, table_box("stss", {{3}, {5}})})}}},
@@ -534,6 +547,8 @@ std::vector<Row> rows() {
       lie("data inside the moof", based(1, [](int32_t) { return trun_box(0, 0x001, {{}}, 0); }), 100),
       lie("data ending where the moof starts", one_traf(cat({tfhd_box(0x020000, 1), trun_box(0, 0x201, {{0, 100}}, -100)})), 0),
       lie("offsets past 64 bits", one_traf(cat({tfhd_box(0x01, 1, {0xFFFFFFFF, 0xFFFFFFCD}), one})), 100),
+      lie("a negative data_offset past an explicit base", one_traf(cat({tfhd_box(0x01, 1, {0, 0}), trun_box(0, 0x201, {{0, 100}}, -1000)})), 100),
+      {"fragments: an mdat of size 0 after the moof, none of its data sent yet", {{"feedx", to_end, {to_end.size() - 9}}}},
       lie("a track no tkhd made", one_traf(cat({tfhd_box(0, 9), one})), 100),
       lie("a traf without tfhd", one_traf(one), 100),
       lie("two tfhd in a traf: the first holds", one_traf(cat({tfhd_box(0, 1), tfhd_box(0, 9), one})), 100),

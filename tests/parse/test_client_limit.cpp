@@ -103,6 +103,21 @@ const Shape kShapes[] = {
        return repeated(fragment_prefix(), cat({moof, box("mdat", Bytes{}.zeros(8000))}), 8 << 20);
      },
      2, true},
+    // One moof of a 3 MiB trun, whose entries are kept beside the moof's own buffer.
+    {"one_large_moof",
+     [] {
+       const Bytes moof = based(1, [](int32_t off) { return trun_box(0, 0x201, std::vector<Entry>(3 << 18, {0, 1}), off); });
+       return cat({fragment_prefix(), moof});
+     },
+     2, false},
+    // 8 MiB of trex boxes, each for another track: their records alone stop the basic mode.
+    {"new_trex",
+     [] {
+       Bytes b = fragment_prefix();
+       for (uint32_t id = 4; b.size() < (8u << 20); ++id) b.add(trex_box(id, 1, 0, 0, 0));
+       return b;
+     },
+     3, true},
 };
 
 class ClientLimit : public ::testing::TestWithParam<std::tuple<Shape, uint32_t>> {

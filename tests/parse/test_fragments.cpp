@@ -38,20 +38,31 @@ TEST_F(Extended, TakingAnswersAndTheirBound) {
     ++taken;
     EXPECT_EQ(std::tuple(info.nSequence, count, samples[0].nSize, samples[1].nSize), std::tuple(taken, 2, taken, 100 + taken));
   }
-  // 2^32 - 1 samples in no bytes: an answer of the most samples, gone once taken. Past the answers that may wait,
-  // the oldest go.
+  // A trun of more entries than are copied at once keeps each in its place.
+  std::vector<Entry> sized(1100);
+  for (uint32_t i = 0; i < sized.size(); ++i) sized[i].size = i;
+  ASSERT_TRUE(send(mixed, based(1, [&](int32_t off) { return trun_box(0, 0x201, sized, off); })));
+  const std::vector<BOXLANE_SAMPLEINFO> sizes = take_fragments(mixed).back().samples;
+  EXPECT_EQ(std::tuple(sizes.size(), sizes[1023].nSize, sizes[1099].nSize), std::tuple(1100u, 1023u, 1099u));
+  // 2^32 - 1 samples in no bytes, and a trun after it: an answer of the most samples, gone once taken. Past the
+  // samples or answers that may wait, the oldest go.
   const std::string many = extended("faults/many");
-  ASSERT_TRUE(send(many, cat({head, based(1, [](int32_t off) { return trun_box(0, 0x001, {}, off, 0, 0xFFFFFFFF); })})));
+  ASSERT_TRUE(send(many, cat({head, based(1, [](int32_t off) {
+                                return cat({trun_box(0, 0x001, {}, off, 0, 0xFFFFFFFF), trun_box(0, 0, {}, 0, 0, 5)});
+                              })})));
   const std::vector<Fragment> most = take_fragments(many);
   ASSERT_EQ(std::tuple(most.size(), most[0].samples.size(), most[0].info.nProblems),
             std::tuple(std::size_t{1}, std::size_t{1} << 20, uint32_t{BOXLANE_FRAGMENT_COUNT_CUT}));
+  for (const uint32_t n : {(1u << 20) - 1, 1u})
+    ASSERT_TRUE(send(many, based(1, [&](int32_t off) { return trun_box(0, 0x001, {}, off, 0, n); })));
+  EXPECT_EQ(stream_info(many).nDroppedFragments, 0u);
   for (uint32_t i = 1; i <= 4097; ++i)
     ASSERT_TRUE(send(many, moof_with_offset([&](int32_t off) {
       return moof_box(i, {box("traf", cat({tfhd_box(0x020000, 1), trun_box(0, 0x001, {}, off, 0, 1)}))});
     })));
   const BOXLANE_STREAMINFO stream = stream_info(many);
   EXPECT_EQ(std::tuple(stream.nPendingFragments, stream.nDroppedFragments, stream.nFragments, stream.nFragmentDuration),
-            std::tuple(4096u, 1u, 4098u, uint64_t{1234}));
+            std::tuple(4096u, 3u, 4100u, uint64_t{1234}));
   const std::vector<Fragment> got = take_fragments(many);
   ASSERT_EQ(got.size(), 4096u);
   EXPECT_EQ(std::tuple(got.front().info.nSequence, got.back().info.nSequence), std::tuple(2u, 4097u));

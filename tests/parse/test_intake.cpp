@@ -45,6 +45,7 @@ TEST_F(Intake, ArgumentsAndTheClientTable) {
   EXPECT_TRUE(fails_with(Boxlane_Parse_Send(client_.c_str(), nullptr, 8), BOXLANE_ERROR_PARSE_PARAMETER));
   EXPECT_TRUE(fails_with(Boxlane_Parse_Send(client_.c_str(), ftyp.data(), -1), BOXLANE_ERROR_PARSE_PARAMETER));
   EXPECT_TRUE(fails_with(Boxlane_Parse_Recv(client_.c_str(), nullptr, nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_RecvEx(client_.c_str(), nullptr, nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
   QORVANE_MP4HDR header;
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetStream(client_.c_str(), nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
   // Length 0 does nothing, but only for a client that is there; a box still arriving is not ready; 127 bytes and
@@ -70,12 +71,14 @@ TEST_F(Intake, ArgumentsAndTheClientTable) {
   EXPECT_TRUE(fails_with(send(client_, movie_ftyp()), BOXLANE_ERROR_PARSE_NOTFOUND));
   ASSERT_TRUE(Boxlane_Parse_Insert(client_.c_str()));
   EXPECT_EQ(std::tuple(parse_position(client_), pending_events(client_)), std::tuple(0u, 0));
-  // Without a task pool parsing goes on; the pool's calls fail as a pool does that is not there.
+  // A pool index past the pools, or no pool at all: the pool's calls fail as the pool does.
+  QORVANE_RENDAVO_TASKEVENT** list = nullptr;
+  int32_t count = 0;
+  EXPECT_TRUE(fails_with(Boxlane_Parse_GetPool(2, &list, &count), RENDAVO_ERROR_TASKPOOL_PARAMETER));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_Init(0), RENDAVO_ERROR_TASKPOOL_PARAMETER));
   ASSERT_TRUE(Boxlane_Parse_Destory());
   ASSERT_TRUE(send(client_, movie_ftyp()));
   EXPECT_EQ(codes(drain(client_)), Codes{1});
-  QORVANE_RENDAVO_TASKEVENT** list = nullptr;
-  int32_t count = 0;
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetPool(0, &list, &count), RENDAVO_ERROR_TASKPOOL_PARAMETER));
   EXPECT_TRUE(fails_with(Boxlane_Parse_WaitEvent(0, 0), RENDAVO_ERROR_TASKPOOL_PARAMETER));
   EXPECT_TRUE(fails_with(Boxlane_Parse_ActiveEvent(0), RENDAVO_ERROR_TASKPOOL_PARAMETER));
