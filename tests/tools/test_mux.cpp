@@ -128,13 +128,18 @@ TEST(Mux, EveryOptionAsReadersSeeIt) {
   }
 }
 
-// On a terminal (`script` gives the run one), a live input being copied shows each 16 MiB read.
+// On a terminal (`script` gives the run one), a live input being copied shows each 16 MiB read, and the line goes
+// before what follows; a run of --fragment past 2 s ends its count of frames written with a line break.
 TEST(Mux, LiveInputProgressOnATerminal) {
   const std::string out = temp_dir() + "/out.mp4";
+  const std::string mux = shell_quote(tool_path()) + " mux --video - -o " + shell_quote(out);
   std::string shown;
-  run("script -qec " + shell_quote("head -c 17M /dev/zero | " + shell_quote(tool_path()) + " mux --video - -o " +
-                                   shell_quote(out)) + " /dev/null < /dev/null", &shown);
-  EXPECT_NE(shown.find("\rboxlane mux: 16 MiB of input read"), std::string::npos) << shown;
+  run("script -qec " + shell_quote("head -c 17M /dev/zero | " + mux) + " /dev/null < /dev/null", &shown);
+  EXPECT_NE(shown.find("\rboxlane mux: 16 MiB of input read\r\033[K"), std::string::npos) << shown;
+  const std::string video = shell_quote(source_dir() + "/tests/data/sample.h264");
+  run("script -qec " + shell_quote("{ cat " + video + "; sleep 2.5; } | " + mux + " --fragment 1") + " /dev/null < /dev/null",
+      &shown);
+  EXPECT_NE(shown.find(" s written\r\n"), std::string::npos) << shown;
 }
 
 int count(const std::string& text, const std::string& what) {

@@ -113,7 +113,7 @@ struct Input {
   bool video = true;
 };
 
-// 4 s of 160x120 video at 25 fps with B-frames.
+// 4 s of 160x120 video at 25 fps, with B-frames but in one.
 const Input kInputs[] = {
     {"h264_aac44_fragmented", "-c:v libx264 -preset veryfast -bf 3 -g 12 -c:a aac -ar 44100 -metadata:s:v language=deu "
      "-movflags frag_keyframe+empty_moov+default_base_moof",
@@ -126,6 +126,9 @@ const Input kInputs[] = {
     // turned into co64; a key frame exactly every second, so each is exactly a fragment's length on.
     {"h264_alone_co64", "-c:v libx264 -preset veryfast -bf 2 -g 25 -movflags negative_cts_offsets",
      "video H.264 160x120, 100 frames; 4.00 s, ", 4, false},
+    // No B-frames: fragments without composition offsets.
+    {"h264_without_b_frames", "-c:v libx264 -preset veryfast -bf 0 -g 25", "video H.264 160x120, 100 frames; 4.00 s, ", 4,
+     false},
     // Audio alone is cut every --fragment seconds; its mp4a entry made to say 1 channel of 24-bit samples.
     {"aac_alone", "-vn -c:a aac", "audio AAC 44100 Hz mono, 174 frames; 4.02 s, ", 4, true, false, false},
 };
@@ -305,12 +308,15 @@ TEST(RemuxTimeline, OneTimeScaleToWhichEveryTimeConvertsExactly) {
     EXPECT_EQ(t.tracks[0].offset(0) * int64_t{c.video_scale}, 2 * int64_t{c.video_duration} * c.want);
     EXPECT_EQ(t.tracks[0].edit_media_time * int64_t{c.video_scale}, 2 * int64_t{c.video_duration} * c.want);
   }
-  // Audio's time scale first when both fit; an edit media time the audio's cannot hold exactly; duration 0 is 1 tick.
+  // Audio's time scale first when both fit; an edit media time or a composition offset the audio's cannot hold exactly;
+  // duration 0 is 1 tick.
   const auto v25 = track(true, 1000, 40, {0}), a8 = track(false, 8000, 1024, {0});
   const auto edit = track(true, 12800, 512, {0}, {{0, 102}}), a48 = track(false, 48000, 1024, {0});
+  const auto offset = track(true, 12800, 512, {1022});
   const auto zero = track(false, 48000, 0, {0});
   EXPECT_EQ(tool::plan_timeline({&v25, &a8}, 1000).timescale, 8000u);
   EXPECT_EQ(tool::plan_timeline({&edit, &a48}, 1000).timescale, 192000u);
+  EXPECT_EQ(tool::plan_timeline({&offset, &a48}, 1000).timescale, 192000u);
   const tool::TrackTimeline zero_plan = tool::plan_timeline({&zero}, 1000).tracks[0];
   EXPECT_EQ(zero_plan.duration(0) + 10 * zero_plan.zero_durations, 11u);
   // Prime time scales: their least common multiple is past 2^31.

@@ -188,6 +188,9 @@ t '{ cat two.h264; tail -c $(($(stat -c %s two.h264) - $(stat -c %s one.h264))) 
 t '{ cat one.h264; printf "\\0\\0\\0\\1\\x63"; head -c 11M /dev/zero | tr "\\0" "\\377"; } > part.h264; mux -v part.h264 -o y.mp4 && digest y.mp4; rm part.h264'
 t '{ cat one.h264; printf "\\0\\0\\0\\1\\x63"; head -c 129M /dev/zero | tr "\\0" "\\377"; } | mux -v - --fragment 1 -o x.mp4'
 t 'mux -v $D/x264_sps_pps.h264 --fragment 1 -o x.mp4'
+# After the picture a unit of each kind: data partitions B and C, an auxiliary picture and slice extensions (20,
+# 21) join its sample, 6 bytes each; end of sequence, filler, an SPS extension and reserved 22 and 23 do not.
+t '{ cat one.h264; for n in 63 64 73 74 75 0a 0c 6d 16 17; do printf "\\0\\0\\0\\1\\x$n\\xff"; done; } > kinds.h264; mux -q -v kinds.h264 -o y.mp4 && probe --samples y.mp4 | tail -1'
 # H.265: the VPS's level changed in a second copy.
 t 'cp $D/main10_cra.h265 vps.h265; poke vps.h265 24 "\\x5d"; cat $D/main10_cra.h265 vps.h265 > changing.h265; mux -v changing.h265 -o x.mp4; mux -v changing.h265 --fragment 1 -o x.mp4'
 # hvcC holds 64 parameter sets at most: the stream's VPS, SPS and PPS, and PPS 1 to 61; PPS 62 is one too many.
@@ -214,7 +217,7 @@ t '{ cat $D/sample.aac; printf "\\377"; } > ff.aac; mux -a ff.aac -o ff.mp4; kep
 t 'mux -v $D/sample.h264 --video-codec avc -o y.mp4 && digest y.mp4'
 # An MPEG-1 layer III header (its bits where ADTS has the rate give 13); an ID3 tag alone.
 t '{ printf "\\xff\\xfb\\xb4"; cat $D/sample.aac; } > layer3.aac; mux -a layer3.aac -o x.mp4'
-t 'printf "ID3\\4\\0\\0\\0\\0\\0\\0" > tag.aac; mux -a tag.aac --fragment 1 -o x.mp4'
+t 'printf "ID3\\4\\0\\0\\0\\0\\0\\0" > tag.aac; mux -a tag.aac -o x.mp4; mux -a tag.aac --fragment 1 -o x.mp4'
 # The first frame's sampling_frequency_index 13 or 14 (reserved), two raw data blocks; a frame of its header alone.
 t 'for b in "2 \\x74" "2 \\x78" "6 \\xfd"; do cp $D/sample.aac r.aac; poke r.aac $b; mux -a r.aac -o x.mp4; done'
 t '{ printf "\\xff\\xf1\\x4c\\x80\\0\\xff\\xfc"; cat $D/sample.aac; } > empty_frame.aac; mux -a empty_frame.aac -o x.mp4'
@@ -277,7 +280,10 @@ t '{ cat a.mp4; printf "\\0\\0\\0\\0moov"; head -c 50 /dev/zero; } > moov0b.mp4;
 t '{ cat a.mp4; printf "\\0\\0\\0\\0free"; head -c 100 /dev/zero; } > zero_free.mp4; probe --boxes zero_free.mp4 | sed -n "1,5p;\$p"'
 # The audio's stsz made one sample_size (1000 bytes) for all its 236 samples, the entries left in a free box.
 t 'cp a.mp4 c.mp4; at=$(box_at c.mp4 stsz); poke c.mp4 $at $(be32 20)stsz$(be32 0)$(be32 1000)$(be32 236)$(be32 944)free; probe --tables c.mp4 | sed -n "6,20p"'
+t 'cp c.mp4 c5g.mp4; poke c5g.mp4 $(($(box_at c.mp4 stsz) + 12)) $(be32 20000000); probe c5g.mp4 | grep "bit rate"'
 t 'poke c.mp4 $(($(box_at c.mp4 stsz) + 16)) $(be32 235); probe c.mp4 | tail -4'
+# The audio's stco made a free box; then a co64 of no entries, the rest of the stco in a free box.
+t 'cp a.mp4 nostco.mp4; at=$(box_at a.mp4 stco); poke nostco.mp4 $((at + 4)) free; probe nostco.mp4 | grep note; poke nostco.mp4 $at $(be32 16)co64$(be32 0)$(be32 0)$(be32 $(($(u32_at a.mp4 $at) - 16)))free; probe nostco.mp4 | grep note'
 t 'poke c.mp4 $(($(box_at c.mp4 stsz) + 16)) $(be32 237); probe c.mp4 | tail -3'
 # The audio trun of the first moof given the video's data_offset: two trafs that share data.
 t 'cp fr.mp4 ov.mp4; set -- $(LC_ALL=C grep -obaE trun ov.mp4 | head -2 | cut -d: -f1); poke ov.mp4 $(($2 + 12)) $(be32 $(u32_at ov.mp4 $(($1 + 12)))); probe ov.mp4 | sed -n "4,5p;/note/p"'
@@ -348,12 +354,15 @@ t 'tables last.mp4 "$stsz100$(fbox stss $(be32 1)$(be32 10))" 1 4 1; poke last.m
 # The 64-bit size of the same movie box: its children start 16 bytes in, and the box after it is at the top again.
 t 'm=$((32 + $(u32_at a.mp4 32))); { head -c $m last.mp4; printf $(be32 1)moov$(be32 0)$(be32 $(($(u32_at last.mp4 $m) + 8))); tail -c +$((m + 9)) last.mp4; printf $(be32 8)free; } > wide_moov.mp4; probe --boxes wide_moov.mp4 | sed -n "/^boxes/,+8p;\$p"'
 # A handler name with JSON's special characters, a space, control characters with and without short escapes, DEL,
-# bytes not UTF-8 (lone, overlong, a cut sequence, a surrogate, past U+10FFFF, a lead byte 0xF5), and UTF-8; the
+# bytes not UTF-8 (lone, overlong of 2, 3 and 4 bytes, a cut sequence, a surrogate, past U+10FFFF, a lead byte 0xF5),
+# and UTF-8; the
 # hdlr and its parents grow by what it adds to "SoundHandler".
-handler_name='T "\\\n\r\t\b\f\x01\x1f\x7f\xff\xc0\x80\xe2\x82\xe0\x80\x80\xed\xa0\x80\xf4\x90\x80\x80\xf5\x80\x80\x80\xc3\xa9\xe2\x82\xac\xf0\x9d\x84\x9e'
+handler_name='T "\\\n\r\t\b\f\x01\x1f\x7f\xff\xc0\x80\xe2\x82\xe0\x80\x80\xed\xa0\x80\xf4\x90\x80\x80\xf0\x80\x80\x80\xf5\x80\x80\x80\xc3\xa9\xe2\x82\xac\xf0\x9d\x84\x9e'
 t 'h=$(box_at a.mp4 hdlr); { head -c $((h + 32)) a.mp4; printf "$handler_name"; tail -c +$((h + 45)) a.mp4; } > name.mp4; for b in moov trak mdia hdlr; do at=$(box_at name.mp4 $b); poke name.mp4 $at $(be32 $(($(u32_at name.mp4 $at) + $(printf "$handler_name" | wc -c) - 12))); done; probe name.mp4 | sed -n 6p; probe --json name.mp4 | grep handler_name'
 # Each kind of handler by its name, an unknown one too, in a file without ftyp.
 t 'for h in hint meta text sbtl abcd; do tail -c +33 a.mp4 > $h.mp4; poke $h.mp4 $(($(box_at $h.mp4 hdlr) + 16)) $h; probe $h.mp4 | sed -n "2p;6p"; done'
+# The audio's layer 2 and alternate group 1, its balance all to the left: as the JSON shows them.
+t 'cp a.mp4 alt.mp4; poke alt.mp4 $(($(box_at a.mp4 tkhd) + 40)) "\\0\\2\\0\\1"; poke alt.mp4 $(($(box_at a.mp4 smhd) + 12)) "\\xff\\0"; probe --json alt.mp4 | untimed | grep -E "\"(tkhd|media_header)\": "'
 # An esds without an AudioSpecificConfig: the entry's own numbers.
 t 'cp a.mp4 no_config.mp4; poke no_config.mp4 $(($(box_at no_config.mp4 esds) + 32)) "\\x06"; probe no_config.mp4 | grep codec:'
 # Its AudioSpecificConfig said to be 1 byte long, too short to give a rate and channels: none is read.
@@ -381,6 +390,7 @@ t 'cp a.mp4 co64.mp4; poke co64.mp4 $(box_at a.mp4 stco) $(be32 960)co64$(be32 0
 t 'cp fs.mp4 description_2.mp4; poke description_2.mp4 $(($(box_at fs.mp4 stsc) + 24)) $(be32 2); marks description_2.mp4'
 # Only the first fragment's trun of track 1 is wrong: the mark stays through the later ones.
 t 'cp fr.mp4 trun_in_moof.mp4; poke trun_in_moof.mp4 $(($(box_at fr.mp4 trun) + 16)) $(be32 0); marks trun_in_moof.mp4'
+t 'cp fr.mp4 no_trex.mp4; for n in 1 2; do poke no_trex.mp4 $(($(box_at fr.mp4 trex $n) + 4)) free; done; marks no_trex.mp4'
 t 'cp fr.mp4 unknown_traf.mp4; poke unknown_traf.mp4 $(($(box_at fr.mp4 tfhd) + 12)) $(be32 99); marks unknown_traf.mp4'
 # probe reads 4096 compatible brands at most; the largest ftyp counts, not the last.
 t 'for n in 4096 4097; do { printf $(be32 $((16 + 4 * n)))ftypisom$(be32 512); yes mp41 | head -$n | tr -d "\\n"; tail -c +33 fs.mp4; } > brands$n.mp4; marks brands$n.mp4; done'
@@ -463,13 +473,15 @@ t 'cp a.mp4 mp1.mp4; poke mp1.mp4 $(($(box_at a.mp4 esds) + 19)) "\\x6b"; onto_o
 t 'cp av.mp4 nocfg.mp4; poke nocfg.mp4 $(($(box_at av.mp4 esds) + 32)) "\\x06"; onto_old nocfg.mp4 -o out.mp4'
 t 'cp a.mp4 r65535.mp4; poke r65535.mp4 $(($(box_at a.mp4 stsd) + 48)) "\\xff\\xff"; remux r65535.mp4 -o r65535o.mp4 && digest r65535o.mp4'
 t 'cp a.mp4 nohdlr.mp4; poke nohdlr.mp4 $(($(box_at a.mp4 hdlr) + 4)) x; onto_old nohdlr.mp4 -o out.mp4'
-t 'cp av.mp4 scale0.mp4; poke scale0.mp4 $(($(box_at av.mp4 mdhd) + 20)) $(be32 0); onto_old scale0.mp4 -o out.mp4'
+t 'cp av.mp4 scale0.mp4; poke scale0.mp4 $(($(box_at av.mp4 mdhd) + 20)) $(be32 0); onto_old scale0.mp4 -o out.mp4; probe scale0.mp4 | grep -A1 "time scale:  0"'
 # The video's entry named avc3; its avcC with 2 PPS (our writer's, from two_pps.h264), 2-byte NAL unit lengths.
 t 'cp av.mp4 avc3.mp4; poke avc3.mp4 $(($(box_at av.mp4 stsd) + 23)) 3; onto_old avc3.mp4 -o out.mp4'
 t 'onto_old pps.mp4 -o out.mp4'
 t 'cp av.mp4 nal2.mp4; poke nal2.mp4 $(($(box_at av.mp4 avcC) + 12)) "\\xfd"; onto_old nal2.mp4 -o out.mp4'
 # SPS and PPS of 1016 bytes, the most the writer's sample description holds (trailing zeros go), then 1017.
 t 'sps_pad 1016 sps1016.mp4 && remux sps1016.mp4 -o r1016.mp4 && digest r1016.mp4 && sps_pad 1017 sps1017.mp4 && onto_old sps1017.mp4 -o out.mp4'
+# Sets that fill the 16384 bytes the parser keeps, and a byte more: probe names both or only the SPS.
+t 'for n in 16384 16385; do sps_pad $n sps$n.mp4 && probe sps$n.mp4 | grep -m1 codec; done'
 # The hvcC with 2-byte NAL unit lengths, with no arrays; the entry named hev1.
 t 'cp h265.mp4 hnal2.mp4; poke hnal2.mp4 $(($(box_at h265.mp4 hvcC) + 29)) "\\x0d"; onto_old hnal2.mp4 -o out.mp4'
 t 'cp h265.mp4 hnone.mp4; poke hnone.mp4 $(($(box_at h265.mp4 hvcC) + 30)) "\\0"; onto_old hnone.mp4 -o out.mp4'
