@@ -38,6 +38,10 @@ const Codes kFileCodes = {1,     3,     30,    31,    311,    312,    3121,   31
 TEST_F(Intake, ArgumentsAndTheClientTable) {
   const std::string too_long(128, 'x');
   const Bytes ftyp = movie_ftyp();
+  // A wake-up for pool 1 ends a wait on pool 1, not one on pool 0.
+  ASSERT_TRUE(Boxlane_Parse_ActiveEvent(1));
+  EXPECT_TRUE(fails_with(Boxlane_Parse_WaitEvent(0, 0), RENDAVO_ERROR_TASKPOOL_TIMEOUT));
+  EXPECT_TRUE(Boxlane_Parse_WaitEvent(1, 0));
   EXPECT_TRUE(fails_with(Boxlane_Parse_Insert(nullptr), BOXLANE_ERROR_PARSE_PARAMETER));
   EXPECT_TRUE(fails_with(Boxlane_Parse_Insert(too_long.c_str()), BOXLANE_ERROR_PARSE_PARAMETER));
   EXPECT_TRUE(fails_with(Boxlane_Parse_InsertEx("flags/bad", 2), BOXLANE_ERROR_PARSE_PARAMETER));
