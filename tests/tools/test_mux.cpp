@@ -130,7 +130,7 @@ TEST(Mux, EveryOptionAsReadersSeeIt) {
 
 // On a terminal (`script` gives the run one), a live input being copied shows each 16 MiB read, and the line goes
 // before what follows; a run of --fragment past 2 s ends its count of frames written with a line break.
-TEST(Mux, LiveInputProgressOnATerminal) {
+TEST(Mux, ProgressOnATerminal) {
   const std::string out = temp_dir() + "/out.mp4";
   const std::string mux = shell_quote(tool_path()) + " mux --video - -o " + shell_quote(out);
   std::string shown;
@@ -140,6 +140,12 @@ TEST(Mux, LiveInputProgressOnATerminal) {
   run("script -qec " + shell_quote("{ cat " + video + "; sleep 2.5; } | " + mux + " --fragment 1") + " /dev/null < /dev/null",
       &shown);
   EXPECT_NE(shown.find(" s written\r\n"), std::string::npos) << shown;
+  // remux of an input of 64 MiB (a free box after the movie) shows what it has written, cleared before the summary.
+  ASSERT_EQ(run(mux + " --fragment 1 < " + video), 0);
+  write_file(out + ".big", cat({read_file(out), box("free", std::vector<uint8_t>(64 << 20))}));
+  run("script -qec " + shell_quote(shell_quote(tool_path()) + " remux " + shell_quote(out + ".big") + " -o " +
+                                   shell_quote(out + ".remuxed")) + " /dev/null < /dev/null", &shown);
+  EXPECT_NE(shown.find("100%\r\033[K"), std::string::npos) << shown;
 }
 
 int count(const std::string& text, const std::string& what) {
