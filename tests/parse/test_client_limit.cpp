@@ -142,8 +142,9 @@ TEST_P(ClientLimit, HoldsNoMoreThanTheBound) {
   uint64_t peak = 0;
   bool refused = false;
   // The sender skips the rest of an mdat that reaches past a piece, as the parse position says.
-  for (std::size_t at = 0; at < stream.size() && !refused; at = std::max(at + (64 << 10), stream_info(client).nParsePos)) {
-    refused = !send(client, stream, at, at + (64 << 10));
+  for (std::size_t at = 0, piece = 64 << 10; at < stream.size() && !refused;
+       at = std::max(at + piece, stream_info(client).nParsePos)) {
+    refused = !send(client, stream, at, at + piece);
     peak = std::max(peak, most_allocated() - before);
   }
   EXPECT_LE(peak, kLimit);

@@ -129,7 +129,8 @@ TEST(Mux, EveryOptionAsReadersSeeIt) {
 }
 
 // On a terminal (`script` gives the run one), a live input being copied shows each 16 MiB read, and the line goes
-// before what follows; a run of --fragment past 2 s ends its count of frames written with a line break.
+// before what follows; a run of --fragment past 2 s ends its count of frames written with a line break; remux of
+// an input of 64 MiB clears its last progress line before its summary.
 TEST(Mux, ProgressOnATerminal) {
   const std::string out = temp_dir() + "/out.mp4";
   const std::string mux = shell_quote(tool_path()) + " mux --video - -o " + shell_quote(out);

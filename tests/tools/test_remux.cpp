@@ -113,7 +113,7 @@ struct Input {
   bool video = true;
 };
 
-// 4 s of 160x120 video at 25 fps, with B-frames but in one.
+// 4 s of 160x120 video at 25 fps, with B-frames in all but one.
 const Input kInputs[] = {
     {"h264_aac44_fragmented", "-c:v libx264 -preset veryfast -bf 3 -g 12 -c:a aac -ar 44100 -metadata:s:v language=deu "
      "-movflags frag_keyframe+empty_moov+default_base_moof",
