@@ -467,6 +467,15 @@ sps_pad() {
     poke "$2" $at $(be32 $(($(u32_at av.mp4 $at) + pad)))
   done
 }
+# h265.mp4 with its VPS padded with zeros until its VPS, SPS and PPS take N bytes; the boxes around them grow.
+hvc_pad() {
+  local a=$(box_at h265.mp4 hvcC) at; local pad=$(($1 - $(u32_at h265.mp4 $a) + 46)) len=$(($(u32_at h265.mp4 $((a + 32))) & 65535))
+  { head -c $((a + 36 + len)) h265.mp4; head -c $pad /dev/zero; tail -c +$((a + 37 + len)) h265.mp4; } >"$2"
+  poke "$2" $((a + 34)) "$(printf '\\x%02x\\x%02x' $(((len + pad) >> 8)) $(((len + pad) & 255)))"
+  for at in $(for b in moov trak mdia minf stbl stsd; do box_at h265.mp4 $b; done) $(($(box_at h265.mp4 stsd) + 16)) $a; do
+    poke "$2" $at $(be32 $(($(u32_at h265.mp4 $at) + pad)))
+  done
+}
 # The audio's object type: 0x65 (MPEG-2 AAC is 0x66 to 0x68), 0x69 (MPEG-2 part 3), 0x6B (MPEG-1); then AAC ones.
 t 'for o in 65 69 6b; do cp av.mp4 ot$o.mp4; poke ot$o.mp4 $(($(box_at av.mp4 esds) + 19)) "\\x$o"; onto_old -q ot$o.mp4 -o out.mp4; done'
 t 'for o in 66 68; do cp av.mp4 ot$o.mp4; poke ot$o.mp4 $(($(box_at av.mp4 esds) + 19)) "\\x$o"; remux ot$o.mp4 -o r$o.mp4 && digest r$o.mp4; done'
@@ -485,6 +494,8 @@ t 'sps_pad 1016 sps1016.mp4 && remux sps1016.mp4 -o r1016.mp4 && digest r1016.mp
 # Sets that fill the 16384 bytes the parser keeps, and a byte more: probe names both or only the SPS.
 t 'for n in 16384 16385; do sps_pad $n sps$n.mp4 && probe sps$n.mp4 | grep -m1 codec; done'
 # The hvcC with 2-byte NAL unit lengths, with no arrays; the entry named hev1.
+# Sets that fill the 16384 bytes the parser keeps are all copied; a byte more loses the PPS, and the track is refused.
+t 'for n in 16384 16385; do hvc_pad $n h$n.mp4 && remux h$n.mp4 -o rh$n.mp4 && probe rh$n.mp4 | grep -m1 codec; done'
 t 'cp h265.mp4 hnal2.mp4; poke hnal2.mp4 $(($(box_at h265.mp4 hvcC) + 29)) "\\x0d"; onto_old hnal2.mp4 -o out.mp4'
 t 'cp h265.mp4 hnone.mp4; poke hnone.mp4 $(($(box_at h265.mp4 hvcC) + 30)) "\\0"; onto_old hnone.mp4 -o out.mp4'
 t 'cp h265.mp4 hev1.mp4; poke hev1.mp4 $(($(box_at h265.mp4 stsd) + 21)) ev; remux hev1.mp4 -o rhev1.mp4 && digest rhev1.mp4'
