@@ -101,6 +101,10 @@ uint64_t reader_growth(const QORVANE_MP4PARSE& record, ENUM_QORVANE_MORVALY_BOXL
       // Perhaps a new track record, and the table's buckets doubling.
       return sizeof(std::pair<const int32_t, BOXLANE_TRACKINFO>) + sizeof(void*) + kBlockOverhead +
              2 * (record.stl_MapTrack ? record.stl_MapTrack->bucket_count() + 1 : 1) * sizeof(void*);
+    case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TREX:
+      // Perhaps a new entry, and the table's buckets doubling.
+      return sizeof(decltype(record.stl_MapTrex)::value_type) + sizeof(void*) + kBlockOverhead +
+             2 * (record.stl_MapTrex.bucket_count() + 1) * sizeof(void*);
     case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_DINF:
       // Each dref entry longer than 12 bytes adds a location: a 32-byte
       // string, which holds more past that only when longer than 15. Their
