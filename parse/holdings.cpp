@@ -21,9 +21,16 @@ uint64_t string_bytes(const std::string& s) noexcept {
 
 // A node per element (with its link) and the bucket array.
 template <typename Map>
+constexpr uint64_t kNodeBytes = sizeof(typename Map::value_type) + sizeof(void*) + kBlockOverhead;
+template <typename Map>
 uint64_t map_bytes(const Map& map) noexcept {
-  return map.size() * (sizeof(typename Map::value_type) + sizeof(void*) + kBlockOverhead) +
-         map.bucket_count() * sizeof(void*);
+  return map.size() * kNodeBytes<Map> + map.bucket_count() * sizeof(void*);
+}
+// What one insertion can add: a node, and the bucket array doubling (the old
+// one is held until the new one is filled).
+template <typename Map>
+uint64_t map_growth(const Map* map) noexcept {
+  return kNodeBytes<Map> + 2 * ((map ? map->bucket_count() : 0) + 1) * sizeof(void*);
 }
 
 // The deque allocates blocks of 512 bytes (at least one element) and a map
@@ -98,13 +105,11 @@ uint64_t reader_growth(const QORVANE_MP4PARSE& record, ENUM_QORVANE_MORVALY_BOXL
       // Four bytes a brand, in a list sized for the box.
       return vector_bytes(record.stl_ListBrand) + payload_length + kBlockOverhead;
     case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TKHD:
-      // Perhaps a new track record, and the table's buckets doubling.
-      return sizeof(std::pair<const int32_t, BOXLANE_TRACKINFO>) + sizeof(void*) + kBlockOverhead +
-             2 * (record.stl_MapTrack ? record.stl_MapTrack->bucket_count() + 1 : 1) * sizeof(void*);
+      // Perhaps a new track record.
+      return map_growth(record.stl_MapTrack.get());
     case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_TREX:
-      // Perhaps a new entry, and the table's buckets doubling.
-      return sizeof(decltype(record.stl_MapTrex)::value_type) + sizeof(void*) + kBlockOverhead +
-             2 * (record.stl_MapTrex.bucket_count() + 1) * sizeof(void*);
+      // Perhaps a new entry.
+      return map_growth(&record.stl_MapTrex);
     case ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_DINF:
       // Each dref entry longer than 12 bytes adds a location: a 32-byte
       // string, which holds more past that only when longer than 15. Their

@@ -8,6 +8,8 @@
 // After a change meant to alter an answer, BOXLANE_UPDATE_ANSWERS=1 writes it anew: read its diff before committing.
 #include "parse_fixtures.hpp"
 
+#include <cctype>
+
 
 namespace boxlane::test {
 namespace {

@@ -457,24 +457,29 @@ third() {
   { cat av.mp4; tail -c +$((at + 1)) av.mp4 | head -c $n; } >"$2"
   poke "$2" $moov $(be32 $(($(u32_at av.mp4 $moov) + n))) && poke "$2" $((end + 28)) $(be32 3)
 }
-# av.mp4 with its SPS padded with zeros until SPS and PPS take N bytes; the boxes around it grow.
+# OUT, a copy of FILE with PAD bytes more inside the box at CONFIG in the video's sample entry: the boxes around
+# it grow by as much (grown FILE OUT PAD CONFIG).
+grown() {
+  local at
+  for at in $(for b in moov trak mdia minf stbl stsd; do box_at $1 $b; done) $(($(box_at $1 stsd) + 16)) $4; do
+    poke "$2" $at $(be32 $(($(u32_at $1 $at) + $3)))
+  done
+}
+# av.mp4 with its SPS padded with zeros until SPS and PPS take N bytes.
 sps_pad() {
-  local a=$(box_at av.mp4 avcC) at; local s=$(($(u32_at av.mp4 $((a + 12))) & 65535))
+  local a=$(box_at av.mp4 avcC); local s=$(($(u32_at av.mp4 $((a + 12))) & 65535))
   local pad=$(($1 - s - ($(u32_at av.mp4 $((a + 17 + s))) >> 16)))
   { head -c $((a + 16 + s)) av.mp4; head -c $pad /dev/zero; tail -c +$((a + 17 + s)) av.mp4; } >"$2"
   poke "$2" $((a + 12)) $(be32 $((0xFFE10000 + s + pad)))
-  for at in $(for b in moov trak mdia minf stbl stsd; do box_at av.mp4 $b; done) $(($(box_at av.mp4 stsd) + 16)) $a; do
-    poke "$2" $at $(be32 $(($(u32_at av.mp4 $at) + pad)))
-  done
+  grown av.mp4 "$2" $pad $a
 }
-# h265.mp4 with its VPS padded with zeros until its VPS, SPS and PPS take N bytes; the boxes around them grow.
+# h265.mp4 with its VPS padded with zeros until its VPS, SPS and PPS take N bytes. Its hvcC holds one of each: the
+# sets are the box less its header (8), the fixed fields and array count (23), three array heads and unit lengths (15).
 hvc_pad() {
-  local a=$(box_at h265.mp4 hvcC) at; local pad=$(($1 - $(u32_at h265.mp4 $a) + 46)) len=$(($(u32_at h265.mp4 $((a + 32))) & 65535))
+  local a=$(box_at h265.mp4 hvcC); local pad=$(($1 - $(u32_at h265.mp4 $a) + 46)) len=$(($(u32_at h265.mp4 $((a + 32))) & 65535))
   { head -c $((a + 36 + len)) h265.mp4; head -c $pad /dev/zero; tail -c +$((a + 37 + len)) h265.mp4; } >"$2"
   poke "$2" $((a + 34)) "$(printf '\\x%02x\\x%02x' $(((len + pad) >> 8)) $(((len + pad) & 255)))"
-  for at in $(for b in moov trak mdia minf stbl stsd; do box_at h265.mp4 $b; done) $(($(box_at h265.mp4 stsd) + 16)) $a; do
-    poke "$2" $at $(be32 $(($(u32_at h265.mp4 $at) + pad)))
-  done
+  grown h265.mp4 "$2" $pad $a
 }
 # The audio's object type: 0x65 (MPEG-2 AAC is 0x66 to 0x68), 0x69 (MPEG-2 part 3), 0x6B (MPEG-1); then AAC ones.
 t 'for o in 65 69 6b; do cp av.mp4 ot$o.mp4; poke ot$o.mp4 $(($(box_at av.mp4 esds) + 19)) "\\x$o"; onto_old -q ot$o.mp4 -o out.mp4; done'
