@@ -105,20 +105,24 @@ TEST(H264ParameterSets, X264AndHandMadeSequenceParameterSets) {
             "refused");
 }
 
-// An SPS of the given fields, 320x240: Baseline, or High with every scaling list flag 0 when `chroma` is set.
+// An SPS of the given fields, 320x240: Baseline, or High 4:4:4 (or `profile`) with every scaling list flag 0 when
+// `chroma` is set.
 struct HandSps {
   int chroma = -1;
-  bool separate = false, fields = false;
-  uint32_t depth = 0, id = 0, frame_num_minus4 = 0, poc_type = 0, lsb_minus4 = 0, width_mbs = 20;
+  uint8_t profile = 244;
+  bool separate = false, fields = false, always_zero = false;
+  uint32_t depth = 0, id = 0, frame_num_minus4 = 0, poc_type = 0, lsb_minus4 = 0, width_mbs = 20, height_units = 15;
   std::vector<int32_t> cycle;
   int32_t non_ref = 0, top_to_bottom = 0;
   std::vector<uint32_t> crop;  // left, right, top, bottom in crop units
-  int sar_idc = -1;            // a VUI with aspect_ratio_idc alone
-  uint32_t cpbs = 0;           // a VUI with a NAL HRD alone, of that many CPBs
+  int sar_idc = -1;            // a VUI with aspect_ratio_idc
+  uint32_t cpbs = 0;           // a VUI with an HRD of that many CPBs, a NAL one or (`vcl`) a VCL one
+  bool vcl = false;
+  int reorder = -1;            // a VUI with bitstream_restriction, max_num_reorder_frames
 
   Nal nal() const {
     Bits b;
-    b.u(8, chroma < 0 ? 66 : 244).u(8, 0).u(8, 30).ue(id);
+    b.u(8, chroma < 0 ? 66 : profile).u(8, 0).u(8, 30).ue(id);
     if (chroma >= 0) {
       b.ue(uint32_t(chroma));
       if (chroma == 3) b.u(1, separate);
@@ -126,16 +130,26 @@ struct HandSps {
     }
     b.ue(frame_num_minus4).ue(poc_type);
     if (poc_type == 0) b.ue(lsb_minus4);
-    if (poc_type == 1) b.u(1, 0).se(non_ref).se(top_to_bottom).ue(uint32_t(cycle.size()));
+    if (poc_type == 1) b.u(1, always_zero).se(non_ref).se(top_to_bottom).ue(uint32_t(cycle.size()));
     for (int32_t c : cycle) b.se(c);
     // frame_mbs_only_flag, mb_adaptive_frame_field_flag 0 with fields, direct_8x8_inference_flag.
-    b.ue(2).u(1, 0).ue(width_mbs - 1).ue(14).u(1, !fields).u(fields ? 2 : 1, 1).u(1, !crop.empty());
+    b.ue(2).u(1, 0).ue(width_mbs - 1).ue(height_units - 1).u(1, !fields).u(fields ? 2 : 1, 1).u(1, !crop.empty());
     for (uint32_t c : crop) b.ue(c);
-    b.u(1, sar_idc >= 0 || cpbs);
-    if (sar_idc >= 0) b.u(1, 1).u(8, uint32_t(sar_idc)).u(8, 0);
-    if (cpbs) b.u(5, 0).u(1, 1).ue(cpbs - 1).u(8, 0);
-    for (uint32_t i = 0; i < cpbs; ++i) b.ue(0).ue(0).u(1, 0);
-    if (cpbs) b.u(24, 0);
+    const bool vui = sar_idc >= 0 || cpbs || reorder >= 0;
+    b.u(1, vui);
+    if (!vui) return b.nal(3, kNalSps);
+    b.u(1, sar_idc >= 0);
+    if (sar_idc >= 0) b.u(8, uint32_t(sar_idc));
+    b.u(4, 0);  // overscan, video signal type, chroma location, timing
+    for (const bool hrd : {cpbs && !vcl, cpbs && vcl}) {
+      b.u(1, hrd);
+      if (!hrd) continue;
+      b.ue(cpbs - 1).u(8, 0);
+      for (uint32_t i = 0; i < cpbs; ++i) b.ue(0).ue(0).u(1, 0);
+      b.u(20, 0);
+    }
+    b.u(cpbs ? 2 : 1, 0).u(1, reorder >= 0);  // low_delay_hrd_flag after an HRD, pic_struct_present_flag
+    if (reorder >= 0) b.u(1, 1).ue(0).ue(1).ue(16).ue(16).ue(uint32_t(reorder)).ue(4);
     return b.nal(3, kNalSps);
   }
 };
@@ -166,6 +180,7 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
       {"num_ref_frames_in_pic_order_cnt_cycle 255",
        [](bool p) { HandSps s; s.poc_type = 1, s.cycle.assign(p ? 256 : 255, -7); return s.nal(); }},
       {"1024 macroblocks across", [](bool p) { HandSps s; s.width_mbs = p ? 1025 : 1024; return s.nal(); }},
+      {"1024 map units down", [](bool p) { HandSps s; s.height_units = p ? 1025 : 1024; return s.nal(); }},
       {"cropping leaves 2 columns", [](bool p) { HandSps s; s.crop = {80, p ? 80u : 79u, 0, 0}; return s.nal(); }},
       {"cropping leaves 2 lines", [](bool p) { HandSps s; s.crop = {0, 0, p ? 1u : 0u, 119}; return s.nal(); }},
       {"pic_parameter_set_id 255", [](bool p) { return hand_pps(p ? 256 : 255); }},
@@ -208,6 +223,19 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
     s.chroma = chroma, s.separate = separate, s.sar_idc = sar_idc, s.crop = {1, 2, 3, 4};
     EXPECT_EQ(parsed(s.nal()), std::string("profile 244 level 30 ") + expected);
   }
+  // Every profile whose SPS carries chroma_format_idc and bit depths (§7.3.2.1.1).
+  for (const uint8_t profile : {100, 110, 122, 244, 44, 83, 86, 118, 128, 138, 139, 134, 135}) {
+    HandSps s;
+    s.profile = profile, s.chroma = 2, s.depth = 2, s.crop = {1, 2, 3, 4};
+    EXPECT_EQ(parsed(s.nal()), "profile " + std::to_string(profile) + " level 30 chroma 2 frames 314x233 crop 2 4 3 4 "
+                               "poc 0 sar 0:0");
+  }
+  // low_delay_hrd_flag follows a NAL HRD or a VCL HRD alone (§E.1.1), before the restriction's reorder depth.
+  for (const bool vcl : {false, true}) {
+    HandSps s;
+    s.cpbs = 2, s.vcl = vcl, s.reorder = 3;
+    EXPECT_TRUE(parsed(s.nal()).ends_with(" sar 0:0 reorder 3")) << parsed(s.nal());
+  }
   // Every ratio of Table E-1, as the table writes them.
   const char* ratios[] = {"1:1",   "12:11", "10:11", "16:11", "40:33",  "24:11", "20:11", "32:11",
                           "80:33", "18:11", "15:11", "64:33", "160:99", "4:3",   "3:2",   "2:1"};
@@ -219,7 +247,8 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
 }
 
 // slice_type 0 P, 1 B, 2 I. `poc_field` is pic_order_cnt_lsb (type 0) or delta_pic_order_cnt[0] (type 1).
-// `field`: 0 top, 1 bottom, under an SPS of fields; `weights`: a pred_weight_table of one luma and chroma entry;
+// `field`: 0 top, 1 bottom, under an SPS of fields; `weights`: a pred_weight_table of one luma and chroma entry per
+// list;
 // `bottom`: delta_pic_order_cnt_bottom (type 0) or delta_pic_order_cnt[1] (type 1), for a PPS with bottom_order.
 Nal hand_slice(uint32_t poc_type, bool idr, uint8_t ref_idc, uint32_t type, uint32_t frame_num, int32_t poc_field,
                bool mmco5 = false, int field = -1, bool weights = false, std::optional<int32_t> bottom = {}) {
@@ -234,7 +263,9 @@ Nal hand_slice(uint32_t poc_type, bool idr, uint8_t ref_idc, uint32_t type, uint
   if (type == 1) b.u(1, 1);          // direct_spatial_mv_pred_flag
   if (type != 2) b.u(1, 0).u(1, 0);  // no override, no list modification
   if (type == 1) b.u(1, 0);
-  if (weights) b.ue(3).ue(4).u(1, 1).se(-2).se(5).u(1, 1).se(1).se(-1).se(2).se(-2);
+  if (weights) b.ue(3).ue(4);
+  for (uint32_t list = 0; weights && list < (type == 1 ? 2 : 1); ++list)
+    b.u(1, 1).se(-2).se(5).u(1, 1).se(1).se(-1).se(2).se(-2);
   // dec_ref_pic_marking; with mmco5, every other operation (and its arguments, all 7) comes first.
   if (ref_idc) idr ? b.u(2, 0) : b.u(1, mmco5);
   if (ref_idc && mmco5) b.ue(1).ue(7).ue(2).ue(7).ue(3).ue(7).ue(7).ue(4).ue(7).ue(6).ue(7).ue(5).ue(0);
@@ -257,6 +288,16 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   EXPECT_EQ(pocs_of(hand_sets(1, {5, 1}), {hand_slice(1, true, 3, 2, 0, 0), hand_slice(1, false, 2, 0, 1, 0),
                                            hand_slice(1, false, 2, 0, 2, 0), hand_slice(1, false, 2, 0, 3, 0)}),
             (Pocs{0, 5, 6, 11}));
+  // A cycle of none: every picture counts from 0, non-reference ones from -4. With delta_pic_order_always_zero_flag
+  // the slices carry no delta_pic_order_cnt, as under type 2.
+  EXPECT_EQ(pocs_of(hand_sets(1, {}, -4), {hand_slice(1, true, 3, 2, 0, 0), hand_slice(1, false, 2, 0, 1, 5),
+                                           hand_slice(1, false, 0, 1, 2, 1)}),
+            (Pocs{0, 5, -3}));
+  HandSps zero;
+  zero.poc_type = 1, zero.cycle = {6}, zero.non_ref = -4, zero.always_zero = true;
+  EXPECT_EQ(pocs_of(sets_of(zero.nal(), hand_pps()), {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0),
+                                                       hand_slice(2, false, 0, 1, 2, 0)}),
+            (Pocs{0, 6, 2}));
 
   // Across the wrap of a 4-bit frame_num, FrameNumOffset carries on.
   std::vector<Nal> type1{hand_slice(1, true, 3, 2, 0, 0)};
@@ -278,14 +319,18 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
                          hand_slice(0, false, 2, 0, 2, 0), hand_slice(0, false, 0, 0, 3, 9),
                          hand_slice(0, false, 2, 0, 3, 8)}),
             (Pocs{0, 8, 16, 9, 24}));
-  // memory_management_control_operation 5 restarts counting like an IDR, from the picture itself.
+  // memory_management_control_operation 5 restarts counting like an IDR, from the picture itself: the next lsb,
+  // 13, is more than half the range above 0 and counts backwards.
   EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 4),
-                         hand_slice(0, false, 2, 0, 2, 8, true), hand_slice(0, false, 2, 0, 1, 2)}),
-            (Pocs{0, 4, 0, 2}));
-  // Under weighted prediction a P slice has its weights (§7.3.3.2) before the mmco 5 that is read after them.
-  EXPECT_EQ(pocs_of(sets_of(HandSps{}.nal(), hand_pps(0, 0, 0, 0, 0, true)),
-                    {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 8, true, -1, true)}),
-            (Pocs{0, 0}));
+                         hand_slice(0, false, 2, 0, 2, 8, true), hand_slice(0, false, 2, 0, 1, 13)}),
+            (Pocs{0, 4, 0, -3}));
+  // Under weighted prediction a P slice has its weights (§7.3.3.2) before the mmco 5 that is read after them, and
+  // a B slice under explicit bi-prediction (weighted_bipred_idc 1) those of both lists.
+  for (const auto& [pps, type] : {std::pair(hand_pps(0, 0, 0, 0, 0, true), 0u), {hand_pps(0, 0, 0, 0, 1), 1u}}) {
+    EXPECT_EQ(pocs_of(sets_of(HandSps{}.nal(), pps),
+                      {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, type, 1, 8, true, -1, true)}),
+              (Pocs{0, 0})) << type;
+  }
   // A frame whose bottom field counts 3 before its top (delta_pic_order_cnt_bottom, or delta_pic_order_cnt[1] with
   // offset_for_top_to_bottom_field 0) takes the lower count (§8.2.1).
   for (const uint32_t type : {0u, 1u}) {
@@ -311,6 +356,12 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
     EXPECT_EQ(parse_slice_header(nal.data(), nal.size(), plane_bits ? with_planes : t0, sh), ok) << type;
     EXPECT_EQ(sh.frame_num, ok ? 5u : 0u) << type;
   }
+  // There a weighted P slice's table has no chroma part (ChromaArrayType 0) before its mmco 5.
+  EXPECT_EQ(pocs_of(sets_of(planes.nal(), hand_pps(0, 0, 0, 0, 0, true)),
+                    {Bits().ue(0).ue(7).ue(0).u(2, 0).u(4, 0).ue(0).u(4, 0).u(2, 0).nal(3, kNalIdrSlice),
+                     Bits().ue(0).ue(5).ue(0).u(2, 1).u(4, 1).u(4, 8).u(2, 0).ue(3).u(1, 1).se(-2).se(5)
+                         .u(1, 1).ue(5).ue(0).nal(2, kNalSlice)}),
+            (Pocs{0, 0}));
 }
 
 // §7.3.2.3.1, §D.1.8 by hand: the recovery point after other messages (one of 300 bytes: FF 2D); not type 261.
