@@ -120,7 +120,8 @@ TEST(HevcParameterSets, HandMadeSequenceParameterSetsReadToTheEnd) {
               predicted_rps(-1, {{true, true}, {false, true}, {true, true}, {false, false}}),
               // From that set with delta_rps 2: -2 + 2 and -4 + 2 dropped (0, use_delta_flag 0); +4 and +2 kept.
               predicted_rps(2, {{true, true}, {false, false}, {true, true}, {true, true}}),
-              explicit_rps({}, {}, false)};
+              // From {| +2, +4} with delta_rps -1: a flag for each and for delta_rps itself, so +1 and +3.
+              predicted_rps(-1, {{true, true}, {true, true}, {false, false}})};
   EXPECT_EQ(parsed(full.nal()),
             "sps 0 vps 0 sub 3 nest 1 | space 1 tier 1 profile 2 compat 20000000 constraints 800000000001 level 153 | "
             "chroma 1 1280x720 window 0 0 0 0 = 1280x720 depth 8 8 lsb 8 dpb 5 reorder 0 ctb 6 rps 4 | sar 64:45 "
@@ -155,6 +156,14 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
       {"min_spatial_segmentation_idc 4095", [](HandSps& s, bool p) { s.min_spatial = p ? 4096 : 4095; }},
       {"pic_width_in_luma_samples 32768", [](HandSps& s, bool p) { s.width = p ? 32776 : 32768; }},
       {"width a multiple of MinCbSizeY", [](HandSps& s, bool p) { s.width = p ? 1284 : 1288; }},
+      {"height a multiple of MinCbSizeY", [](HandSps& s, bool p) { s.height = p ? 716 : 720; }},
+      {"MinTbLog2SizeY below MinCbLog2SizeY", [](HandSps& s, bool p) { s.tb_minus2 = p ? 1 : 0, s.tb_diff = 3 - p; }},
+      {"scaling_list_dc_coef_minus8 -7", [](HandSps& s, bool p) { s.scaling_list = true, s.dc_minus8 = p ? -8 : -7; }},
+      {"scaling_list_pred_matrix_id_delta 1 of a 32x32 list",
+       [](HandSps& s, bool p) { s.scaling_list = true, s.pred_delta_32 = p ? 2 : 1; }},
+      {"PCM chroma depth up to an 8-bit chroma beside 10-bit luma",
+       [](HandSps& s, bool p) { s.pcm = true, s.luma_minus8 = 2, s.pcm_chroma_minus1 = p ? 8 : 7; }},
+      {"elemental_duration_in_tc_minus1 2047", [](HandSps& s, bool p) { s.hrd = true, s.elemental = p ? 2048 : 2047; }},
       {"window narrower than the picture", [](HandSps& s, bool p) { s.window = {p ? 320u : 319u, 320, 0, 0}; }},
       {"window lower than the picture", [](HandSps& s, bool p) { s.window = {0, 0, p ? 180u : 179u, 180}; }},
       {"num_short_term_ref_pic_sets 64", [](HandSps& s, bool p) {

@@ -23,15 +23,18 @@ struct HandSps {
   uint32_t luma_minus8 = 0, chroma_minus8 = 0;
   uint32_t lsb_minus4 = 4;
   uint32_t buffering_minus1 = 4, reorder = 0;
-  uint32_t min_cb_minus3 = 0, cb_diff = 3, tb_diff = 3;
+  uint32_t min_cb_minus3 = 0, cb_diff = 3, tb_minus2 = 0, tb_diff = 3;
   bool scaling_list = false;
+  uint32_t pred_delta_32 = 1;  // scaling_list_pred_matrix_id_delta of the second 32x32 list
   bool pcm = false;
+  uint32_t pcm_chroma_minus1 = 7;
   std::vector<Bits> rps;
   uint32_t long_term = 0;
   uint32_t min_spatial = 1000;
   bool hrd = false;
   uint32_t cpbs = 2;        // per sub-layer, with HRD
   int32_t dc_minus8 = 8;    // scaling_list_dc_coef_minus8 of every list that has one
+  int elemental = -1;       // with HRD, a fixed picture rate of that elemental_duration_in_tc_minus1
 
   std::vector<uint8_t> nal() const {
     Bits b;
@@ -51,14 +54,14 @@ struct HandSps {
     b.ue(luma_minus8).ue(chroma_minus8).ue(lsb_minus4);
     b.u(1, 1);
     for (uint32_t i = 0; i <= sub_layers_minus1; ++i) b.ue(buffering_minus1).ue(reorder).ue(0);
-    b.ue(min_cb_minus3).ue(cb_diff).ue(0).ue(tb_diff).ue(1).ue(1);
+    b.ue(min_cb_minus3).ue(cb_diff).ue(tb_minus2).ue(tb_diff).ue(1).ue(1);
     b.u(1, scaling_list);
     if (scaling_list) {
       b.u(1, 1);
       for (int size_id = 0; size_id < 4; ++size_id) {
         for (int m = 0; m < 6; m += size_id == 3 ? 3 : 1) {
           if (m % 2) {  // predicted from the list before
-            b.u(1, 0).ue(1);
+            b.u(1, 0).ue(size_id == 3 ? pred_delta_32 : 1);
             continue;
           }
           b.u(1, 1);
@@ -68,7 +71,7 @@ struct HandSps {
       }
     }
     b.u(1, 0).u(1, 1).u(1, pcm);
-    if (pcm) b.u(4, 7).u(4, 7).ue(0).ue(2).u(1, 0);
+    if (pcm) b.u(4, 7).u(4, pcm_chroma_minus1).ue(0).ue(2).u(1, 0);
     b.ue(uint32_t(rps.size()));
     for (const Bits& set : rps) b.add(set);
     b.u(1, long_term != 0);
@@ -85,7 +88,11 @@ struct HandSps {
     if (hrd) {
       b.u(1, 1).u(1, 1).u(1, 1).u(8, 90).u(5, 23).u(1, 1).u(5, 23).u(4, 4).u(4, 6).u(4, 2).u(5, 23).u(5, 23).u(5, 23);
       for (uint32_t i = 0; i <= sub_layers_minus1; ++i) {
-        b.u(1, 0).u(1, 0).u(1, 0).ue(cpbs - 1);  // not fixed rate, not low delay
+        // fixed_pic_rate_general_flag 0, fixed_pic_rate_within_cvs_flag, then its elemental duration or
+        // low_delay_hrd_flag 0
+        b.u(1, 0).u(1, elemental >= 0);
+        elemental >= 0 ? b.ue(uint32_t(elemental)) : b.u(1, 0);
+        b.ue(cpbs - 1);
         for (uint32_t k = 0; k < 2 * cpbs; ++k) b.ue(1000).ue(2000).ue(300).ue(400).u(1, 1);  // NAL and VCL
       }
     }
