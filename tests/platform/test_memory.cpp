@@ -41,6 +41,16 @@ TEST(Memory, BlocksFollowTheArrayZeroedAlignedAndDisjoint) {
     EXPECT_EQ(big == pages, same) << size;
   }
   Fundrel_Memory_Free(&big, 1);
+  // 32 MiB of pages is the most kept: freed, they replace the smaller spare and serve the next result; 2 MiB more
+  // are unmapped, and the next result comes from the spare kept before.
+  for (const auto& [size, kept] : {std::pair{(32 << 20) - 24, true}, std::pair{(32 << 20) - 23, false}}) {
+    ASSERT_TRUE(Fundrel_Memory_Malloc(&big, 1, size));
+    void** const largest = big;
+    Fundrel_Memory_Free(&big, 1);
+    ASSERT_TRUE(Fundrel_Memory_Malloc(&big, 1, 5 << 20));
+    EXPECT_EQ(big == largest, kept) << size;
+    Fundrel_Memory_Free(&big, 1);
+  }
   const std::tuple<int, int, bool> cases[] = {{0, 12, true}, {-1, 4, false}, {3, -1, false}};
   for (const auto& [count, size, ok] : cases) {
     void** rows = reinterpret_cast<void**>(uintptr_t{0x10});

@@ -60,6 +60,10 @@ TEST(TaskPool, WaitWakesOnItsOwnPoolsEventsAndActivationsOnly) {
   EXPECT_TRUE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
   ASSERT_TRUE(Rendavo_TaskPool_AddrDecEx(pool, 0, "10.0.0.1:5000"));
   EXPECT_TRUE(timed_out(Rendavo_TaskPool_WaitEventEx(pool, 0, 0)));
+  // A bounded wait ends by its time-out in milliseconds (50 here: 50 s would outlast kLong).
+  Waited brief = wait_on(pool, 0, 50);
+  ASSERT_TRUE(ready(brief, kLong));
+  EXPECT_EQ(brief.get(), std::pair(false, uint64_t{RENDAVO_ERROR_TASKPOOL_TIMEOUT}));
   // An activation with nobody waiting is kept for the next wait, once.
   ASSERT_TRUE(Rendavo_TaskPool_ActiveEventEx(pool, 0) && Rendavo_TaskPool_ActiveEventEx(pool, 0));
   EXPECT_TRUE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
@@ -120,6 +124,7 @@ TEST(TaskPool, BalancingCountsListOrderAndBadArguments) {
         Rendavo_TaskPool_AddrIncEx(pool, 0, "b"), Rendavo_TaskPool_AddrIncEx(pool, 0, nullptr),
         Rendavo_TaskPool_AddrDecEx(pool, 0, nullptr), Rendavo_TaskPool_AddrDeleteEx(pool, 0, nullptr),
         Rendavo_TaskPool_AddrGetEx(pool, -1, &list, &index), Rendavo_TaskPool_AddrGetEx(pool, 3, &list, &index),
+        Rendavo_TaskPool_AddrGetEx(pool, 0, &list, nullptr), Rendavo_TaskPool_AddrGetEx(pool, 0, nullptr, &index),
         Rendavo_TaskPool_WaitEventEx(pool, 3, 0)})
     EXPECT_FALSE(bad) << row++;
   EXPECT_TRUE(Rendavo_TaskPool_DestoryEx(pool));
