@@ -111,6 +111,13 @@ TEST_F(FragmentTest, SegmentTypeAndIndex) {
   EXPECT_EQ(box(Boxlane_Packet_SIdx),
             bytes_hex("00000034 73696478 01000000 00000001 00015F90 00000000 00002328 00000000 00000000"
                       "0000 0001 00000074 00000BB8 00000000"));
+  fragment();
+  // The earliest presentation is the second sample's, a frame after the first's decode time and before its offset.
+  video(8, 1, 3000, 9000);
+  video(8, 0, 3000, 3000);
+  EXPECT_EQ(box(Boxlane_Packet_SIdx),
+            bytes_hex("00000034 73696478 01000000 00000001 00015F90 00000000 00003A98 00000000 00000000"
+                      "0000 0001 00000090 00001770 90000000"));
 }
 
 // Each tfra entry is a track's first sync sample in a fragment, at its presentation time (0 for one before 0).
@@ -126,6 +133,8 @@ TEST_F(FragmentTest, RandomAccessIndexListsTheFirstSyncSampleOfEachFragment) {
   audio(6, 1024);
   video(8, 1, 3000, 6000);
   fragment(0x100000000);
+  video(8, 0, 3000, 3000);  // a fragment without a sync sample has no entry
+  fragment(0x200000000);
   EXPECT_EQ(box(Boxlane_Packet_MFra), bytes_hex(
       "000000D4 6D667261"
       "00000050 74667261 01000000 00000001 0000003F 00000002"
@@ -157,6 +166,8 @@ TEST_F(FragmentTest, Refusals) {
   refuses(order, Boxlane_Packet_FrameVideo, frame, 6, int64_t{0}, 1, 3000, 0);
   audio(6, 1024);
   refuses(order, Boxlane_Packet_SIdx);  // no mvhd, so no time scale
+  box(Boxlane_Packet_MVhd, 0, -1);
+  refuses(order, Boxlane_Packet_SIdx);
   box(Boxlane_Packet_MVhd, 0, 90000);
   // Without video the index describes the audio track.
   EXPECT_EQ(box(Boxlane_Packet_SIdx), bytes_hex("00000034 73696478 01000000 00000002 00015F90 00000000 00000000 "
@@ -172,6 +183,13 @@ TEST_F(FragmentTest, CompositionOffsetMustFitAfterTheShift) {
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, frame, 6, int64_t{0}, 1, 3000, -2);
   video(6, 1, 3000, -1);
   EXPECT_EQ(fragment().substr(100 * 3, 11), "80 00 00 00");
+}
+TEST_F(FragmentTest, CompositionOffsetMustFitAfterANegativeShift) {
+  ASSERT_TRUE(Boxlane_Packet_FragmentMode(client(), 1, 0, -1, 0));
+  const uint8_t frame[] = {0, 0, 0, 1, 0x65, 0x88};
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, frame, 6, int64_t{0}, 1, 3000, INT32_MAX);
+  video(6, 1, 3000, INT32_MAX - 1);
+  EXPECT_EQ(fragment().substr(100 * 3, 11), "7F FF FF FF");
 }
 
 // A fragment holds at most 2^31 - 1 bytes with its moof and mdat header.
@@ -202,6 +220,13 @@ TEST_F(FragmentTest, DocumentedSizes) {
   ASSERT_TRUE(Boxlane_Packet_FragmentSize(client(), &header, &media, &mfra));
   EXPECT_EQ(std::tuple(header, media, mfra), std::tuple(0, 0, 24 + 2 * (24 + 28)));
   exact(std::size_t(mfra), Boxlane_Packet_MFra);
+  // Without the index there is no mfra; with it for a video track alone, one tfra.
+  for (const auto& [flags, audio, expected] : {std::tuple{0u, 2u, 0}, {uint32_t{BOXLANE_FRAGMENT_INDEX}, 0u, 48}}) {
+    const std::string other = name_ + std::to_string(flags);
+    ASSERT_TRUE(Boxlane_Packet_Insert(other.c_str()) && Boxlane_Packet_FragmentMode(other.c_str(), 1, audio, 0, flags));
+    EXPECT_TRUE(Boxlane_Packet_FragmentSize(other.c_str(), &header, &media, &mfra) && mfra == expected) << mfra;
+    Boxlane_Packet_Delete(other.c_str());
+  }
 }
 
 }  // namespace

@@ -44,18 +44,24 @@ TEST_F(FrameTest, RefusedFramesChangeNothing) {
   const uint8_t* const with_null[2] = {frame + 4, nullptr};
   const int32_t lengths[2] = {2, 2}, with_negative[2] = {2, -1};
   const int32_t too_long[2] = {INT_MAX / 2, INT_MAX / 2};  // with 8 length bytes, past INT_MAX
-  for (const int length : {3, -1})
-    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, frame, length, int64_t{0}, 1, 40, 40);
+  const int32_t one_too_long[1] = {INT_MAX - 3};             // with its length, one past INT_MAX
+  for (const auto& [bytes, length] : {std::pair<const uint8_t*, int>{frame, 3}, {frame, -1}, {nullptr, 6}})
+    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, bytes, length, int64_t{0}, 1, 40, 40);
   const struct {
     const uint8_t* const* nalus;
     const int32_t* lengths;
     int count;
-  } units[] = {{nalus, lengths, 0}, {with_null, lengths, 2}, {nalus, with_negative, 2}, {nalus, too_long, 2}};
+  } units[] = {{nalus, lengths, 0},       {with_null, lengths, 2}, {nalus, with_negative, 2},
+               {nalus, too_long, 2},      {nalus, one_too_long, 1}};
   for (const auto& u : units)
     refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAccessUnit, u.nalus, u.lengths, u.count, int64_t{0},
             1, 40, 40);
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAudio, frame, -1, int64_t{0}, 1024);
   EXPECT_TRUE(record().nVideoCount == 0 && record().listVideoSample.empty() && record().listAudioSize.empty());
+  // A client with audio frames alone stays a movie too.
+  audio(6, 1024);
+  EXPECT_FALSE(Boxlane_Packet_FragmentMode(client(), 0, 2, 0, 0));
+  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_ORDER);
 }
 
 // A duration merges only with the last run (none: in no run); positive composition offsets get a ctts entry each;
@@ -91,6 +97,11 @@ TEST_F(SampleTableTest, TablesOfBothTracks) {
   EXPECT_EQ(box(Boxlane_Packet_STsz, false),
             bytes_hex("00000020 7374737A 00000000 00000000 00000003 00000007 00000000 00000003"));
   EXPECT_EQ(box(Boxlane_Packet_STco, false), bytes_hex("0000001C 7374636F 00000000 00000003 00000043 7FFFFFFF 000000C8"));
+  // The whole position is kept: the video's offsets need co64 (16 + 7 x 8 bytes). The size query needs its result.
+  int32_t wide = -1;
+  EXPECT_TRUE(Boxlane_Packet_STco64Size(client(), true, 0, &wide));
+  EXPECT_FALSE(Boxlane_Packet_STco64Size(client(), true, 0, nullptr));
+  EXPECT_EQ(std::pair(wide, Boxlane_GetLastError(nullptr)), std::pair(72, uint64_t{BOXLANE_ERROR_PACKET_PARAMETER}));
 }
 
 // Per track, co64 once the highest offset (position + delta) reaches 2^32, as the size query says; below 0 or past

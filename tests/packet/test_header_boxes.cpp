@@ -50,6 +50,7 @@ TEST_F(HeaderBoxTest, FixedBoxesAndBoxHeaders) {
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_HDRBox, "free", payload, -1);
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_HDRBox, nullptr, payload, 4);
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_HDRBox64, "mdat", ~uint64_t{0} - 15);
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_HDRBox64, nullptr, uint64_t{0});
 }
 
 // mvhd, tkhd and mdhd share creation time, time scale, track numbers and durations; version 1 past 32 bits.
@@ -80,8 +81,8 @@ TEST_F(HeaderBoxTest, MovieTrackAndMediaHeaders) {
 }
 
 TEST_F(HeaderBoxTest, EditListsOnBothSidesOfTheirLimits) {
-  EXPECT_EQ(box(Boxlane_Packet_EDts, 0xFFFFFFFFu, -1),  // -1: an empty edit (§8.6.6.3)
-            bytes_hex("00000024 65647473 0000001C 656C7374 00000000 00000001 FFFFFFFF FFFFFFFF 0001 0000"));
+  EXPECT_EQ(box(Boxlane_Packet_EDts, 0xFFFFFFFEu, -1),  // -1: an empty edit (§8.6.6.3)
+            bytes_hex("00000024 65647473 0000001C 656C7374 00000000 00000001 FFFFFFFE FFFFFFFF 0001 0000"));
   const struct {
     uint64_t segment;
     int64_t media_time;
@@ -112,9 +113,10 @@ TEST_F(HeaderBoxTest, FrameTimesFillDurationsOfZero) {
     EXPECT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(client(), c.frame_rate, c.sample_rate));
     EXPECT_EQ(std::pair(record().nVideoFrameTime, record().nAudioFrameTime), std::pair(c.video_ms, c.audio_ms));
   }
-  ASSERT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(client(), 25, 0));
-  EXPECT_EQ(box(Boxlane_Packet_MVhd, 0, 4).substr(24 * 3, 11), "00 00 00 0A");  // 40 ms / 4
-  EXPECT_EQ(box(Boxlane_Packet_TKhd, 0, 160, 120, 0).substr(28 * 3, 11), "00 00 00 0A");
+  ASSERT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(client(), 30, 0));
+  EXPECT_EQ(box(Boxlane_Packet_MVhd, 0, 2).substr(24 * 3, 11), "00 00 00 10");  // 33 ms / 2, cut down
+  EXPECT_EQ(box(Boxlane_Packet_TKhd, 0, 160, 120, 0).substr(28 * 3, 11), "00 00 00 10");
+  EXPECT_EQ(m_MP4Packet.Boxlane_Packet_TimeCount(nullptr), 0);
   EXPECT_EQ(box(Boxlane_Packet_TKhd, 0, 160, 120, -1).substr(28 * 3, 11), "FF FF FF FF");  // only 0 is filled
 }
 

@@ -74,9 +74,9 @@ TEST_F(SampleDescription, VideoEntryWithEveryParameterSet) {
   EXPECT_EQ(sets_box({pps0, sps0, pps1, sps1}),
             bytes_hex("0000008D 73747364 00000000 00000001 0000007D 61766331" + avc1_fixed("0140 00F0") +
                       "00000027 61766343 01 64 00 1F FF E2 0005 6764001FAC 0005 674D401E99 02 0004 68EE3C80 0002 28CE"));
-  // No PPS is allowed; the count byte is then 0. The first SPS may be 4 bytes.
-  EXPECT_EQ(sets_box({unhex("67 4D 40 1E"), sps0}).substr(102 * 3),
-            bytes_hex("0000001C 61766343 01 4D 40 1E FF E2 0004 674D401E 0005 6764001FAC 00"));
+  // No PPS is allowed; the count byte is then 0. The first SPS may be 4 bytes, a later one shorter still.
+  EXPECT_EQ(sets_box({unhex("67 4D 40 1E"), unhex("67 64 00")}).substr(102 * 3),
+            bytes_hex("0000001A 61766343 01 4D 40 1E FF E2 0004 674D401E 0003 676400 00"));
 
   // 31 SPSs and 255 PPSs are the most avcC counts.
   Sets pps256(256, pps0), sps32(32, sps0), most(31, sps0);
@@ -88,6 +88,7 @@ TEST_F(SampleDescription, VideoEntryWithEveryParameterSet) {
       {pps0},                                     // no SPS
       {unhex("67 64 00"), sps0},                  // the first SPS too short for its profile and level
       {sps0, unhex("06 05 01")},                  // not a parameter set
+      {sps0, unhex("78 EE")},                     // type 24, not a PPS
       {sps0, {}},                                 // empty
       sps32,                                      // 32 SPSs
       pps256,                                     // 256 PPSs
@@ -102,6 +103,8 @@ TEST_F(SampleDescription, VideoEntryWithEveryParameterSet) {
   const uint8_t* const null_set[] = {sps0.data(), nullptr};
   const int32_t two[] = {5, 4};
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, null_set, two, 2);
+  const int32_t* const no_lengths = nullptr;
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, null_set, no_lengths, 1);
 }
 
 TEST_F(SampleDescription, AudioEntry) {

@@ -82,6 +82,7 @@ TEST_F(HevcSampleDescription, FieldsThatDescribeEverySet) {
       {{vps, hand.nal(), tiles}, "01 62 20000000 8000 00000001 99 F3E8 FE FD F8 F8 0000 1F"},
       {{vps, hand.nal(), neither}, "01 62 20000000 8000 00000001 99 F3E8 FD FD F8 F8 0000 1F"},
       {{vps, hand.nal(), wpp, tiles}, "01 62 20000000 8000 00000001 99 F3E8 FC FD F8 F8 0000 1F"},
+      {{vps, hand.nal(), hand_pps(3)}, "01 62 20000000 8000 00000001 99 F3E8 FC FD F8 F8 0000 1F"},  // both in one
       {{vps, unnested, unhex(kSps), unhex(kPps)}, "01 62 20000000 8000 00000000 99 F000 FC FD F8 F8 0000 1B"},
       {{vps, deep.nal(), wpp}, "01 62 20000000 8000 00000001 99 F3E8 FF FF FF FE 0000 0F"},
   };
@@ -89,9 +90,11 @@ TEST_F(HevcSampleDescription, FieldsThatDescribeEverySet) {
     SCOPED_TRACE(c.head);
     EXPECT_EQ(hvcc(annexb(c.units)).substr(0, 22 * 3 - 1), bytes_hex(c.head));
   }
-  // 16-bit luma is not describable: hvcC has 3 bits for bit_depth_luma_minus8.
-  deep.luma_minus8 = 8;
-  refused(annexb({vps, deep.nal(), wpp}));
+  // 16-bit luma or chroma is not describable: hvcC has 3 bits for each bit depth minus 8.
+  for (const auto& [luma, chroma] : {std::pair{8u, 6u}, {7u, 8u}}) {
+    deep.luma_minus8 = luma, deep.chroma_minus8 = chroma;
+    refused(annexb({vps, deep.nal(), wpp}));
+  }
 }
 
 TEST_F(HevcSampleDescription, WhatTheInputMayHold) {
@@ -121,7 +124,8 @@ TEST_F(HevcSampleDescription, WhatTheInputMayHold) {
   EXPECT_EQ(length, int32_t(142 + close.size() - 3));
   // Missing or unreadable parameter sets.
   for (const Bytes& sets : {annexb({sps, pps}), annexb({vps, pps}), annexb({vps, sps}),
-                            annexb({vps, Bytes(sps.begin(), sps.begin() + 20), pps})})
+                            annexb({vps, Bytes(sps.begin(), sps.begin() + 20), pps}),
+                            annexb({Bytes(vps.begin(), vps.begin() + 6), sps, pps})})
     refused(sets);
 }
 

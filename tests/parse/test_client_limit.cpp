@@ -163,6 +163,15 @@ TEST_P(ClientLimit, HoldsNoMoreThanTheBound) {
   }
 }
 
+// A bound past 32 bits is kept whole: 4 GiB and 100 bytes hold the tracks that 100 bytes would stop.
+TEST(ClientLimitWide, ABoundPastThirtyTwoBits) {
+  ASSERT_TRUE(Boxlane_Parse_SetLimit((uint64_t{1} << 32) + 100) && Boxlane_Parse_Insert("wide"));
+  const Bytes stream = fragment_prefix();
+  EXPECT_TRUE(send("wide", stream, 0, stream.size()));
+  Boxlane_Parse_Delete("wide");
+  Boxlane_Parse_SetLimit(0);
+}
+
 INSTANTIATE_TEST_SUITE_P(Shapes, ClientLimit,
                          ::testing::Combine(::testing::ValuesIn(kShapes), ::testing::Values(0u, BOXLANE_PARSE_EXTENDED)),
                          [](const auto& info) {
