@@ -44,15 +44,15 @@ TEST_F(FrameTest, RefusedFramesChangeNothing) {
   const uint8_t* const with_null[2] = {frame + 4, nullptr};
   const int32_t lengths[2] = {2, 2}, with_negative[2] = {2, -1};
   const int32_t too_long[2] = {INT_MAX / 2, INT_MAX / 2};  // with 8 length bytes, past INT_MAX
-  const int32_t one_too_long[1] = {INT_MAX - 3};             // with its length, one past INT_MAX
+  const int32_t one_too_long[1] = {INT_MAX - 3};           // with its length, one past INT_MAX
   for (const auto& [bytes, length] : {std::pair<const uint8_t*, int>{frame, 3}, {frame, -1}, {nullptr, 6}})
     refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, bytes, length, int64_t{0}, 1, 40, 40);
   const struct {
     const uint8_t* const* nalus;
     const int32_t* lengths;
     int count;
-  } units[] = {{nalus, lengths, 0},       {with_null, lengths, 2}, {nalus, with_negative, 2},
-               {nalus, too_long, 2},      {nalus, one_too_long, 1}};
+  } units[] = {{nalus, lengths, 0}, {with_null, lengths, 2}, {nalus, with_negative, 2}, {nalus, too_long, 2},
+               {nalus, one_too_long, 1}};
   for (const auto& u : units)
     refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAccessUnit, u.nalus, u.lengths, u.count, int64_t{0},
             1, 40, 40);
