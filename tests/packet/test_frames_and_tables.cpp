@@ -4,9 +4,23 @@
 #include "packet/box_output.hpp"
 #include "support/box_builder.hpp"
 
+#include <atomic>
 #include <climits>
 #include <cstdint>
+#include <cstdlib>
+#include <new>
 #include <vector>
+
+// Every allocation of this program fails while g_no_memory is set, as when memory runs out. Not inlined, so that
+// the compiler never pairs a new it sees with a free.
+std::atomic<bool> g_no_memory{false};
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  void* p = g_no_memory.load() ? nullptr : std::malloc(size ? size : 1);
+  if (!p) throw std::bad_alloc();
+  return p;
+}
+[[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace boxlane::test {
 namespace {
@@ -62,6 +76,23 @@ TEST_F(FrameTest, RefusedFramesChangeNothing) {
   audio(6, 1024);
   EXPECT_FALSE(Boxlane_Packet_FragmentMode(client(), 0, 2, 0, 0));
   EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_ORDER);
+}
+
+// Out of memory, a frame is refused with MALLOC and the record stays as it was: every list grows before any changes.
+TEST_F(FrameTest, RefusedWhenMemoryRunsOut) {
+  EXPECT_EQ(box(Boxlane_Packet_STts, true), bytes_hex("00000010 73747473 00000000 00000000"));  // the thread's slot
+  const uint8_t frame[] = {0, 0, 0, 1, 0x65, 0x88};
+  uint8_t out[8];
+  int32_t length = -7;
+  for (const int key : {0, 1}) {  // a sync sample grows its list first
+    g_no_memory = true;
+    const bool ok = Boxlane_Packet_FrameVideo(client(), out, &length, frame, 6, int64_t{0}, key, 40, 40);
+    g_no_memory = false;
+    EXPECT_EQ(std::tuple(ok, Boxlane_GetLastError(nullptr), length),
+              std::tuple(false, uint64_t{BOXLANE_ERROR_PACKET_MALLOC}, -7));
+    EXPECT_TRUE(record().nVideoCount == 0 && record().listVideoSample.empty() && record().listVideoSTss.empty());
+  }
+  EXPECT_EQ(video(6, 1, 40, 40), bytes_hex("00000002 4141"));
 }
 
 // A duration merges only with the last run (none: in no run); positive composition offsets get a ctts entry each;
