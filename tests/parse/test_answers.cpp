@@ -220,7 +220,28 @@ std::string refusals(const char* c) {
   out += ", descriptor(count null) " + result(m_MP4Parse.Boxlane_Parse_DescriptorLen(&byte, nullptr) != 0);
   n = -7;
   out += ", descriptor(bytes null) " + result(m_MP4Parse.Boxlane_Parse_DescriptorLen(nullptr, &n) != 0);
-  return out + fmt(" count %d", n);
+  out += fmt(" count %d; null outputs, a negative capacity, a name too long, a pool past the pools:", n);
+  QORVANE_HDRSAMPLENFO** list = nullptr;
+  QORVANE_HDRSDTP** sdtp = nullptr;
+  int32_t** ids = nullptr;
+  BOXLANE_SAMPLEINFO two[2];
+  BOXLANE_FRAGMENTINFO fragment;
+  const std::string too_long(128, 'x');
+  const std::function<bool()> calls[] = {
+      [&] { return Boxlane_Parse_GetMVhd(c, nullptr); },
+      [&] { return Boxlane_Parse_GetTrackList(c, 1, &list, nullptr, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS); },
+      [&] { return Boxlane_Parse_GetTrackIDs(c, &ids, nullptr); },
+      [&] { return Boxlane_Parse_GetTrackSDtp(c, 1, &sdtp, nullptr); },
+      [&] { return Boxlane_Parse_GetTrackIndex(c, 1, nullptr); },
+      [&] { return Boxlane_Parse_GetTrackSamples(c, 1, 0, two, -1, &n); },
+      [&] { return Boxlane_Parse_GetTrackSamples(c, 1, 0, two, 2, nullptr); },
+      [&] { return Boxlane_Parse_GetFragment(c, nullptr, two, 2, &n); },
+      [&] { return Boxlane_Parse_GetFragment(c, &fragment, two, 2, nullptr); },
+      [&] { return Boxlane_Parse_Delete(nullptr); },
+      [&] { return Boxlane_Parse_Delete(too_long.c_str()); },
+      [&] { return Boxlane_Parse_ActiveEvent(1); }};
+  for (const auto& call : calls) out.append(" ").append(result(call()));
+  return out;
 }
 
 // What one step did: a reader's result with the version and flags it took and the current track; a Send's result;
@@ -472,11 +493,11 @@ std::vector<Row> rows() {
   return {
       {"ftyp: NULs pad a brand, one cut by the box end is none",
        {{"ftyp", Bytes{}.str("isom").u32(1).str("mp41").str("av").u16(0).str("avc")}}},
-      {"mvhd of version 1, then one of version 0 a byte short",
-       {{"mvhd", Bytes{}.full(1, 0).u64(0x100000001ull).u64(0x100000002ull).u32(90000).u64(0x100000005ull).u32(0).u16(0).zeros(70).u32(7)},
+      {"mvhd of version 2, read as version 1, then one of version 0 a byte short",
+       {{"mvhd", Bytes{}.full(2, 0).u64(0x100000001ull).u64(0x100000002ull).u32(90000).u64(0x100000005ull).u32(0).u16(0).zeros(70).u32(7)},
         {"mvhd", cut(mvhd0(9))}}},
-      {"tkhd of both versions, a negative width and height, an id again, one of 2^31 + 1, both versions a byte short, ids 0, 9, 10",
-       {T(1, 0x05000000, 0x02D00000), T(2, 0xFFFF0000, 0xFFFE8000, 1), T(1, 0x01000000), T(0x80000001u),
+      {"tkhd of versions 0 and 2 (read as 1), a negative width and height, an id again, one of 2^31 + 1, both versions a byte short, ids 0, 9, 10",
+       {T(1, 0x05000000, 0x02D00000), T(2, 0xFFFF0000, 0xFFFE8000, 2), T(1, 0x01000000), T(0x80000001u),
         {"tkhd", cut(tkhd_payload(9))}, {"tkhd", cut(tkhd_payload(9, 0, 0, 1))}, T(0), T(9), T(10),
         {"hdlr", hdlr("vide", std::string("V\0", 2))}, {"ask", {}}}},
       {"descriptor sizes of one to four bytes, and one that runs on",
@@ -510,9 +531,10 @@ std::vector<Row> rows() {
        {T(1), avc({{0x67, 0x42}, Bytes{}.add(std::vector<uint8_t>(BOXLANE_CODEC_PARAMSET_BYTES - 3, 0x11)), {0x67, 0x43}}, ones(40, 0x68)),
         T(2), avc(ones(1, 0x67), ones(BOXLANE_CODEC_MAX_PARAMSETS, 0x68)), T(3), avc(ones(1, 0x67), ones(BOXLANE_CODEC_MAX_PARAMSETS + 1, 0x68)),
         T(4), aac_config(asc), T(5), aac_config(Bytes{asc}.u8(0x13))}},
-      {"mp4a: an ES_Descriptor with every option; sound entries v1 and v2; one longer than its box; a size past 4 bytes",
+      {"mp4a: an ES_Descriptor with every option; sound entries v1 and v2; one longer than its box; a size past 4 bytes; no DecoderSpecificInfo",
        {T(1), mp4a(unhex(rich)), T(2), mp4a(unhex(plain), 1), T(3), mp4a(unhex("03 7F" + plain.substr(5)), 2),
-        T(4), mp4a(unhex("03 1D 0002 00 04 15 40 15 000000 0001F400 0001F400 05 81808080 02 1190 06 01 02"))}},
+        T(4), mp4a(unhex("03 1D 0002 00 04 15 40 15 000000 0001F400 0001F400 05 81808080 02 1190 06 01 02")),
+        T(5), mp4a(unhex("03 15 0002 00 04 0D 6B 15 000600 0001F400 0001F400 06 01 02"))}},
       {"hvc1: every field differs, an array's reserved bit set; units filling the area and a byte more, a unit after; 64 and 65 units; the shortest hvcC and less",
        {T(1), hevc(unhex("A0 0001 0003 40010C  21 0002 0002 4201 0004 42010102  67 0002 0000 0001 4E"), 3),
         T(2), filled(100), T(3), filled(101), T(4), sps_array(ones(64)), T(5), sps_array(ones(65)), T(6), hevc({}, 0),
@@ -572,6 +594,13 @@ std::vector<Row> rows() {
       lie("an empty box before the trun", based(1, [](int32_t off) { return cat({box("free"), trun_box(0, 0x001, {{}}, off)}); }), 100),
       lie("data past the mdat after it", based(1, at(0, 0x001, {{}})), 50),
       lie("data ending exactly at the mdat's end", based(1, at(0, 0x001, {{}})), 100),
+      lie("two mfhd in a moof: the first holds", moof_with_offset([](int32_t off) {
+            return box("moof", cat({full_box("mfhd", 0, 0, Bytes{}.u32(5)), full_box("mfhd", 0, 0, Bytes{}.u32(6)),
+                                    box("traf", cat({tfhd_box(0x020000, 1), trun_box(0, 0x001, {{}}, off)}))}));
+          }), 100),
+      lie("samples of no bytes at a data_offset", based(1, at(4, 0x201, {{0, 0}, {0, 0}})), 10),
+      {"fragments: a second mdat after the one the moof's data is in",
+       {{"sendx", cat({fragment_prefix(), based(1, at(0, 0x201, {{0, 9}})), box("mdat", Bytes{}.zeros(9)), box("mdat", Bytes{}.zeros(5))})}}},
       lie("a trun of 64-bit size", based(1, [](int32_t off) { return resized(trun_box(0, 0x001, {{}}, off), true); }), 100),
       lie("a trun of size 0, last in its traf", based(1, [](int32_t off) { return resized(trun_box(0, 0x201, {{0, 9}}, off), false); }), 9),
       lie("a trun without its sample_count", based(1, [](int32_t) { return full_box("trun", 0, 0); }), 0),
@@ -579,6 +608,8 @@ std::vector<Row> rows() {
       lie("the shortest trun, for a track without trex", one_traf(cat({tfhd_box(0x020000, 3), one})), 0),
       {"64-bit sizes, an 8 GiB mdat skipped; every two-piece cut alike", {{"cutsx", large}}},
       {"64-bit sizes in the basic mode stop the stream", {{"feed", large}}},
+      {"a moof of 64-bit size in the basic mode stops the stream and is counted",
+       {{"feed", cat({movie_ftyp(), resized(one_traf(cat({tfhd_box(0x020000, 1), one})), true)})}}},
       stopped("stop: size 7", "feed", box("moov", Bytes{}.zeros(40), 7)),
       stopped("stop: size 4 in a header cut after 3 bytes", "feed", {0, 0, 0, 4, 'f', 'r', 'e', 'e', 0, 0}, {35}),
       stopped("stop: 256 MiB + 1", "feed", box("free", Bytes{}.zeros(100), limit + 1)),

@@ -95,6 +95,17 @@ const Shape kShapes[] = {
        return repeated(kTrack, box("dinf", full_box("dref", 0, 0, Bytes{}.u32(1).add(url))), 8 << 20);
      },
      3, true},
+    // 8 MiB of hvc1 sample entries, each for another track, whose hvcC units (4 of 60000 bytes) the track keeps.
+    {"hevc_units",
+     [] {
+       Bytes hvcc = Bytes{}.u8(1).zeros(21).u8(1).u8(0x80 | 33).u16(4);  // the fixed fields, one array of 4 SPS
+       for (int i = 0; i < 4; ++i) hvcc.u16(60000).zeros(60000);
+       const Bytes stsd = full_box("stsd", 0, 0, Bytes{}.u32(1).add(box("hvc1", cat({Bytes{}.zeros(6).u16(1).zeros(70), box("hvcC", hvcc)}))));
+       Bytes b;
+       for (uint32_t id = 1; b.size() < (8u << 20); ++id) b.add(box("tkhd", tkhd_payload(id))).add(stsd);
+       return b;
+     },
+     3, true},
     // 8 MiB of moof + mdat pairs of 8000 one-byte samples each, whose answers wait to be taken; the basic mode
     // reads no fragment, and an extended client stops near the bound before the waiting answers reach their limits.
     {"fragment_answers",
