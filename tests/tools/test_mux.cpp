@@ -128,31 +128,43 @@ TEST(Mux, EveryOptionAsReadersSeeIt) {
   }
 }
 
-// On a terminal (`script` gives the run one), a live input being copied shows each 16 MiB read, and the line goes
-// before what follows; a run of --fragment past 2 s ends its count of frames written with a line break; remux of
-// an input of 64 MiB clears its last progress line before its summary.
-TEST(Mux, ProgressOnATerminal) {
-  const std::string out = temp_dir() + "/out.mp4";
-  const std::string mux = shell_quote(tool_path()) + " mux --video - -o " + shell_quote(out);
-  std::string shown;
-  run("script -qec " + shell_quote("head -c 17M /dev/zero | " + mux) + " /dev/null < /dev/null", &shown);
-  EXPECT_NE(shown.find("\rboxlane mux: 16 MiB of input read\r\033[K"), std::string::npos) << shown;
-  const std::string video = shell_quote(source_dir() + "/tests/data/sample.h264");
-  run("script -qec " + shell_quote("{ cat " + video + "; sleep 2.5; } | " + mux + " --fragment 1") + " /dev/null < /dev/null",
-      &shown);
-  EXPECT_NE(shown.find(" s written\r\n"), std::string::npos) << shown;
-  // remux of an input of 64 MiB (a free box after the movie) shows what it has written, cleared before the summary.
-  ASSERT_EQ(run(mux + " --fragment 1 < " + video), 0);
-  write_file(out + ".big", cat({read_file(out), box("free", std::vector<uint8_t>(64 << 20))}));
-  run("script -qec " + shell_quote(shell_quote(tool_path()) + " remux " + shell_quote(out + ".big") + " -o " +
-                                   shell_quote(out + ".remuxed")) + " /dev/null < /dev/null", &shown);
-  EXPECT_NE(shown.find("100%\r\033[K"), std::string::npos) << shown;
-}
-
 int count(const std::string& text, const std::string& what) {
   int n = 0;
   for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
   return n;
+}
+
+// On a terminal (`script` gives the run one, standard output sent elsewhere), a live input being copied shows each
+// 16 MiB read, and the line goes before what follows; a run of --fragment past 2 s ends its count of frames written
+// with a line break, and with -q shows none; mux and remux of an input of 64 MiB clear their last progress line before
+// the summary. Not on a terminal, the count comes at most every 10 s, and at the end.
+TEST(Mux, ProgressOnATerminal) {
+  const std::string out = temp_dir() + "/out.mp4", tool = shell_quote(tool_path());
+  const std::string mux = tool + " mux --video - -o " + shell_quote(out);
+  const auto on_terminal = [](const std::string& command) {
+    std::string shown;
+    run("script -qec " + shell_quote(command + " > /dev/null") + " /dev/null < /dev/null", &shown);
+    return shown;
+  };
+  std::string shown = on_terminal("head -c 17M /dev/zero | " + mux);
+  EXPECT_NE(shown.find("\rboxlane mux: 16 MiB of input read\r\033[K"), std::string::npos) << shown;
+  const std::string sample = source_dir() + "/tests/data/sample.h264", video = shell_quote(sample);
+  shown = on_terminal("{ cat " + video + "; sleep 2.5; } | " + mux + " --fragment 1");
+  EXPECT_NE(shown.find(" s written\r\n"), std::string::npos) << shown;
+  shown = on_terminal("{ cat " + video + "; sleep 2.5; } | " + mux + " --fragment 1 -q");
+  EXPECT_EQ(shown.find("written"), std::string::npos) << shown;
+  // The input trickles in over 4 s, a fragment every half second.
+  run("for i in 0 1 2 3 4 5 6 7; do dd if=" + video + " bs=20000 skip=$i count=1 status=none; sleep 0.5; done | " +
+      mux + " --fragment 0.2 2> " + shell_quote(out + ".log"));
+  const std::vector<uint8_t> log = read_file(out + ".log");
+  EXPECT_EQ(count(std::string(log.begin(), log.end()), " s written\n"), 2) << std::string(log.begin(), log.end());
+  // 64 MiB: for mux, a filler unit after the pictures; for remux, a free box after the movie.
+  write_file(out + ".h264", cat({read_file(sample), {0, 0, 0, 1, 0x0C}, std::vector<uint8_t>(64 << 20, 0xFF)}));
+  shown = on_terminal(tool + " mux --video " + shell_quote(out + ".h264") + " -o " + shell_quote(out));
+  EXPECT_NE(shown.find("100%\r\033[K"), std::string::npos) << shown;
+  write_file(out + ".big", cat({read_file(out), box("free", std::vector<uint8_t>(64 << 20))}));
+  shown = on_terminal(tool + " remux " + shell_quote(out + ".big") + " -o " + shell_quote(out + ".remuxed"));
+  EXPECT_NE(shown.find("100%\r\033[K"), std::string::npos) << shown;
 }
 
 // By hand (no encoder here codes fields): a 32x32 Main SPS with frame_mbs_only_flag 0, a PPS,

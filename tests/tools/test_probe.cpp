@@ -226,7 +226,8 @@ TEST_F(ProbeTool, AgreesWithFfprobeOnFilesFromFfmpegAndFromOurWriter) {
                 (h[13] & 15) << 8 | h[14], h[15] & 3, h[16] & 3, (h[17] & 7) + 8, (h[18] & 7) + 8, h[21] >> 3 & 7,
                 h[21] & 4 ? "true" : "false", (h[21] & 3) + 1);
   const Json ours = probe_json(shell_quote(out + "4.mp4"));
-  EXPECT_EQ(ours["tracks.0.codec.truncated"], "true");
+  EXPECT_EQ(std::tuple(ours["tracks.0.codec.truncated"], ours["tracks.0.complete"], ours["complete"]),
+            std::tuple("true", "false", "false"));
   std::string text;  // the text's bit depth is the luma one
   EXPECT_EQ(probe(shell_quote(out + "4.mp4"), &text), 0);
   EXPECT_NE(text.find("hev1, H.265 Main 10 profile, Main tier, level 2, 4:2:0, 10-bit, 200x120, 4-byte NAL lengths, "
@@ -251,7 +252,7 @@ TEST(ProbeAudioConfig, EscapedObjectTypeAndExplicitRate) {
     const char* hex;
     tool::AudioConfig want;
   } cases[] = {
-      {"11 90", {true, 2, 48000, 2}}, {"F9 46 40", {true, 42, 48000, 2}},
+      {"11 90", {true, 2, 48000, 2}}, {"13 88", {true, 2, 22050, 1}}, {"F9 46 40", {true, 42, 48000, 2}},
       {"17 80 2A F8 08", {true, 2, 22000, 1}}, {"17 80 2A F8", {false, 0, 0, 0}},
   };
   for (const auto& c : cases) {
@@ -292,6 +293,8 @@ TEST(ProbeNames, AsTheStandardsNameThem) {
                 avc_level_name(11, 77, 0) + " " + avc_level_name(10, 66, 0) + " " + avc_level_name(31, 66, 0) + " " +
                 avc_level_name(11, 88, 0x10),
             "1b 1b 1.1 1.1 1.0 3.1 1b");
+  // ISO 639-2/T letters packed in 5 bits each from 0x60; a letter outside a-z gives the number.
+  EXPECT_EQ(language_text(0x55C4) + " " + language_text(0) + " " + language_text(0x6B5A), "und code 0 zzz");
   EXPECT_EQ(chroma_format_name(0) + " " + chroma_format_name(1) + " " + chroma_format_name(2) + " " +
                 chroma_format_name(3), "4:0:0 4:2:0 4:2:2 4:4:4");
   std::string aac;

@@ -126,6 +126,9 @@ const Input kInputs[] = {
     // turned into co64; a key frame exactly every second, so each is exactly a fragment's length on.
     {"h264_alone_co64", "-c:v libx264 -preset veryfast -bf 2 -g 25 -movflags negative_cts_offsets",
      "video H.264 160x120, 100 frames; 4.00 s, ", 4, false},
+    // The last picture a key frame (one every 33), alone in the last fragment with its composition offset.
+    {"h264_ending_on_a_key_frame", "-c:v libx264 -preset veryfast -bf 2 -g 33",
+     "video H.264 160x120, 100 frames; 4.00 s, ", 4, false},
     // No B-frames: fragments without composition offsets.
     {"h264_without_b_frames", "-c:v libx264 -preset veryfast -bf 0 -g 25", "video H.264 160x120, 100 frames; 4.00 s, ", 4,
      false},

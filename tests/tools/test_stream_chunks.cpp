@@ -54,6 +54,33 @@ TEST(StreamChunks, VideoIsCutWhereEachIdrAccessUnitBegins) {
     EXPECT_EQ(cut_video(path, piece), reference) << "read " << piece << " bytes at a time";
 }
 
+// A prefix unit (type 14, which SVC and MVC encoders put before each base-layer slice) opens the access unit of the
+// IDR picture it comes before, here where no delimiter, SEI or parameter set does.
+TEST(StreamChunks, APrefixUnitOpensTheAccessUnitOfItsPicture) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const std::string plain = temp_dir() + "/plain.h264", path = temp_dir() + "/prefix.h264";
+  ASSERT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=64x48:rate=25:duration=1.2 -c:v libx264 -g 8 -bf 2 -f h264 " +
+                   shell_quote(plain)),
+            0);
+  // Its units, each from its 3-byte start code on; the sets after the first IDR picture go.
+  const auto in = read_file(plain);
+  std::vector<std::size_t> starts;
+  for (std::size_t i = 0; i + 3 < in.size(); ++i)
+    if (in[i] == 0 && in[i + 1] == 0 && in[i + 2] == 1) starts.push_back(i);
+  starts.push_back(in.size());
+  std::vector<uint8_t> bytes;
+  for (std::size_t u = 0, idrs = 0; u + 1 < starts.size(); ++u) {
+    const uint8_t type = in[starts[u] + 3] & 0x1F;
+    if ((type == 7 || type == 8) && idrs) continue;
+    if (type == 5) idrs++, bytes.insert(bytes.end(), {0, 0, 0, 1, 0x0E, 0x80, 0x80, 0x80, 0});
+    bytes.insert(bytes.end(), in.begin() + long(starts[u]), in.begin() + long(starts[u + 1]));
+  }
+  write_file(path, bytes);
+  const auto cuts = cut_video(path, 0);
+  ASSERT_EQ(cuts.size(), 4u);
+  for (std::size_t c = 1; c < cuts.size(); ++c) EXPECT_EQ(hex(bytes.data() + cuts[c].first, 5), "00 00 00 01 0E") << c;
+}
+
 // `bytes` read `piece` bytes at a time (0: all at once): the frames of chunks that each start
 // where the one before ended, and where a cut frame starts.
 std::pair<std::size_t, std::optional<uint64_t>> cut_audio(const std::vector<uint8_t>& bytes, std::size_t piece) {

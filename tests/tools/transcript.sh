@@ -52,7 +52,7 @@ t 'mux -v $D/sample.h264 -a $D/sample.aac -o av.mp4 && show av.mp4 && deep av.mp
 t 'mux --video $D/sample.h264 --audio $D/sample.aac --faststart --output fs.mp4 && show fs.mp4 && deep fs.mp4'
 t 'mux -v $D/sample.h264 -a $D/sample.aac --fragment 1 -o fr.mp4 && show fr.mp4 && deep fr.mp4'
 t 'mux -a $D/sample.aac --fragment 0.5 --fsync -o fa.mp4 && show fa.mp4 && deep fa.mp4'
-t 'mux -v $D/sample.h264 --fragment 86400 -o fv.mp4 && digest fv.mp4'
+t 'mux -v $D/sample.h264 --fragment 86400 -o fv.mp4 && digest fv.mp4 && probe fv.mp4 | grep fragments:'
 t 'mux -v $D/sample.h264 --fps 29.97 -o v2997.mp4 && show v2997.mp4'
 t 'mux -v $D/sample.h264 -a $D/sample.aac --fps 30000/1001 --fragment 2 -o f2997.mp4 && show f2997.mp4'
 t 'mux -v $D/sample.h264 --fps 24000/1001 -a $D/sample.aac -o v23.mp4 && show v23.mp4'
@@ -61,7 +61,7 @@ t 'mux -v $D/sample.h264 --fps 0.5 -o vhalf.mp4 && digest vhalf.mp4'
 t 'mux -v $D/sample.h264 -a $D/sample.aac --timescale 90000 -o t90k.mp4 && show t90k.mp4'
 t 'mux -v $D/sample.h264 -a $D/sample.aac --timescale 1000 --fragment 1 -o t1k.mp4 && show t1k.mp4'
 t 'mux -v $D/sample.h264 --timescale 1 -o t1.mp4 && digest t1.mp4'
-t 'mux -a $D/sample.aac --timescale 2147483647 -o tmax.mp4 && digest tmax.mp4'
+t 'mux -a $D/sample.aac --timescale 2147483647 -o tmax.mp4 && digest tmax.mp4 && probe --samples tmax.mp4 | tail -1'
 t 'mux -a $D/sample.aac -o a.mp4 && show a.mp4'
 t 'mux -q -v $D/sample.h264 -o q.mp4 && digest q.mp4'
 t 'cat $D/sample.h264 | mux -v - -a $D/sample.aac -o pipe.mp4 && digest pipe.mp4'
@@ -74,6 +74,8 @@ t 'mux -v $D/main10_cra.h265 -a $D/sample.aac -o h265.mp4 && show h265.mp4 && de
 t 'mux --video-codec hevc -v $D/main10_cra.h265 --fragment 0.1 -o h265f.mp4 && show h265f.mp4 && deep h265f.mp4'
 t 'mux --video-codec h265 -v $D/sample.h264 -o x.mp4'
 t 'mux --video-codec h264 -v $D/main10_cra.h265 -o x.mp4'
+# 40 access unit delimiters before the first parameter set: still found to be H.265.
+t '{ for i in $(seq 40); do printf "\\0\\0\\0\\1\\x46\\x01\\x50"; done; cat $D/main10_cra.h265; } > aud40.h265; mux -q -v aud40.h265 -o aud40.mp4 && digest aud40.mp4'
 t 'mux -v lead.h265 -o lead.mp4 && digest lead.mp4 && mux -q -v lead.h265 -o leadq.mp4 && mux -q -v lead.h265 --fragment 1 -o leadf.mp4 && digest leadf.mp4'
 t 'mux -v eos.h265 -o eos.mp4 && show eos.mp4 && mux -v eos.h265 --fragment 0.1 -o eosf.mp4 && deep eosf.mp4'
 # The CRA picture made a BLA picture (a splice): its RASL pictures go as well.
@@ -291,6 +293,7 @@ t 'poke c.mp4 $(($(box_at c.mp4 stsz) + 16)) $(be32 237); probe c.mp4 | tail -3'
 t 'cp fr.mp4 ov.mp4; set -- $(LC_ALL=C grep -obaE trun ov.mp4 | head -2 | cut -d: -f1); poke ov.mp4 $(($2 + 12)) $(be32 $(u32_at ov.mp4 $(($1 + 12)))); probe ov.mp4 | sed -n "4,5p;/note/p"'
 t 'probe .'
 t 'probe empty'
+t 'probe a.mp4 > /dev/full'
 t 'probe missing.mp4'
 t 'probe $D/sample.h264'
 t 'brief 3 probe'
@@ -328,12 +331,14 @@ fbox() { printf %s "$(be32 $(($(printf "$2" | wc -c) + 12)))$1$(be32 0)$2"; }
 zeros() { printf '\\x00%.0s' $(seq $1); }
 # a.mp4's audio made 10 samples (stts) of the mdhd duration $dur (10240) in 3 chunks: from its stsc on, its tables
 # (1952 bytes) become an stsc of the entries given (first_chunk samples_per_chunk sample_description_index ...), the
-# boxes given, an stco and a free box. What probe says of the tables follows.
+# boxes given, an stco (of $chunks, by default 3 chunks) and a free box. What probe says of the tables follows.
 tables() {
   local f=$1 more=$2 rows= n; shift 2
   for n; do rows+=$(be32 $n); done
   cp a.mp4 $f; poke $f $(($(box_at $f stts) + 16)) $(be32 10); poke $f $(($(box_at $f mdhd) + 24)) $(be32 ${dur:-10240})
-  local new=$(fbox stsc "$(be32 $(($# / 3)))$rows")$more$(fbox stco "$(be32 3)$(be32 1000)$(be32 1400)$(be32 1800)")
+  local offsets=${chunks:-1000 1400 1800} stco= c
+  for c in $offsets; do stco+=$(be32 $c); done
+  local new=$(fbox stsc "$(be32 $(($# / 3)))$rows")$more$(fbox stco "$(be32 $(wc -w <<<"$offsets"))$stco")
   poke $f $(box_at $f stsc) "$new$(be32 $((1952 - $(printf "$new" | wc -c))))free"
   probe $f | sed -n '/^  tables:/,$p'
 }
@@ -347,6 +352,10 @@ t 'tables no_stsc.mp4 "$stsz100"'
 t 'tables from_chunk_2.mp4 "$stsz100" 2 5 1'
 t 'tables past_stco.mp4 "$stsz100" 1 4 1 4 2 1 5 1 1'
 t 'tables ctts_sdtp.mp4 "$stsz100$(fbox ctts $(be32 1)$(be32 9)$(be32 0))$(fbox sdtp $(zeros 11))" 1 4 1 3 2 1'
+t 'tables sdtp9.mp4 "$stsz100$(fbox sdtp $(zeros 9))" 1 4 1 3 2 1'
+t 'chunks=1000 tables one_chunk.mp4 "$stsz100" 1 10 1'
+# A uuid box: the first two bytes of its extended type in the JSON.
+t '{ cat a.mp4; printf "$(be32 24)uuid\\xbe\\x7a"; zeros 14; } > uuid.mp4; probe --json --boxes uuid.mp4 | grep -m1 uuid_head'
 t 'dur=9216 tables mdhd.mp4 "$stsz100" 1 4 1 3 2 1'
 # Both sides of every count of decimal digits, as the JSON writes them.
 t 'tables digits.mp4 "$(fbox stsz $(be32 0)$(be32 20)$(be32 0)$(for p in 10 100 1000 10000 100000 1000000 10000000 100000000 1000000000; do be32 $((p - 1)); be32 $p; done)$(be32 4294967295))" 1 4 1; probe --json digits.mp4 | grep "\"stsz\": \\["'
@@ -366,7 +375,7 @@ t 'for h in hint meta text sbtl abcd; do tail -c +33 a.mp4 > $h.mp4; poke $h.mp4
 # The audio's layer 2 and alternate group 1, its balance all to the left: as the JSON shows them.
 t 'cp a.mp4 alt.mp4; poke alt.mp4 $(($(box_at a.mp4 tkhd) + 40)) "\\0\\2\\0\\1"; poke alt.mp4 $(($(box_at a.mp4 smhd) + 12)) "\\xff\\0"; probe --json alt.mp4 | untimed | grep -E "\"(tkhd|media_header)\": "'
 # An esds without an AudioSpecificConfig: the entry's own numbers.
-t 'cp a.mp4 no_config.mp4; poke no_config.mp4 $(($(box_at no_config.mp4 esds) + 32)) "\\x06"; probe no_config.mp4 | grep codec:'
+t 'cp a.mp4 no_config.mp4; poke no_config.mp4 $(($(box_at no_config.mp4 esds) + 32)) "\\x06"; probe no_config.mp4 | grep codec:; poke no_config.mp4 $(($(box_at no_config.mp4 mp4a) + 24)) "\\x00\\x01"; probe no_config.mp4 | grep codec:'
 # Its AudioSpecificConfig said to be 1 byte long, too short to give a rate and channels: none is read.
 t 'cp a.mp4 asc1.mp4; poke asc1.mp4 $(($(box_at a.mp4 esds) + 33)) "\\x01"; probe asc1.mp4 | grep codec:'
 
@@ -416,6 +425,7 @@ t '{ cat fs.mp4; printf $(be32 20971520)free; head -c 100 /dev/zero; } > over_bo
 t 'for id in 9 10 2147483648; do cp fs.mp4 id$id.mp4; poke id$id.mp4 $(($(box_at fs.mp4 tkhd 2) + 20)) $(be32 $id); marks id$id.mp4; probe --json id$id.mp4 | grep "\"id\""; done'
 
 # remux: every form from every form, and what it refuses.
+t 'brief 2 remux -o r0.mp4'
 t 'remux av.mp4 -o r1.mp4 && show r1.mp4 && deep r1.mp4'
 t 'remux fr.mp4 --faststart -o r2.mp4 && show r2.mp4'
 t 'remux fs.mp4 --fragment 1 -o r3.mp4 && show r3.mp4 && deep r3.mp4'
