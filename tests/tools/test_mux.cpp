@@ -160,7 +160,7 @@ TEST(Mux, ProgressOnATerminal) {
   EXPECT_EQ(count(std::string(log.begin(), log.end()), " s written\n"), 2) << std::string(log.begin(), log.end());
   // 64 MiB: for mux, a filler unit after the pictures; for remux, a free box after the movie.
   write_file(out + ".h264", cat({read_file(sample), {0, 0, 0, 1, 0x0C}, std::vector<uint8_t>(64 << 20, 0xFF)}));
-  shown = on_terminal(tool + " mux --video " + shell_quote(out + ".h264") + " -o " + shell_quote(out));
+  shown = on_terminal(tool + " mux --video " + shell_quote(out + ".h264") + " -o " + shell_quote(out + ".filled.mp4"));
   EXPECT_NE(shown.find("100%\r\033[K"), std::string::npos) << shown;
   write_file(out + ".big", cat({read_file(out), box("free", std::vector<uint8_t>(64 << 20))}));
   shown = on_terminal(tool + " remux " + shell_quote(out + ".big") + " -o " + shell_quote(out + ".remuxed"));
