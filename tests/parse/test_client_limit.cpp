@@ -100,7 +100,8 @@ const Shape kShapes[] = {
      [] {
        Bytes hvcc = Bytes{}.u8(1).zeros(21).u8(1).u8(0x80 | 33).u16(4);  // the fixed fields, one array of 4 SPS
        for (int i = 0; i < 4; ++i) hvcc.u16(60000).zeros(60000);
-       const Bytes stsd = full_box("stsd", 0, 0, Bytes{}.u32(1).add(box("hvc1", cat({Bytes{}.zeros(6).u16(1).zeros(70), box("hvcC", hvcc)}))));
+       const Bytes entry = box("hvc1", cat({Bytes{}.zeros(6).u16(1).zeros(70), box("hvcC", hvcc)}));
+       const Bytes stsd = full_box("stsd", 0, 0, Bytes{}.u32(1).add(entry));
        Bytes b;
        for (uint32_t id = 1; b.size() < (8u << 20); ++id) b.add(box("tkhd", tkhd_payload(id))).add(stsd);
        return b;
