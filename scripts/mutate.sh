@@ -10,6 +10,8 @@
 #   MUTATE_KILLERS=1 ...              every test program runs whole, and each result
 #                                     line names the tests that failed: which test
 #                                     alone catches a fault, which only repeat others
+#   MUTATE_PROGRAMS='packet parse' ...  only these rooms' test programs run (the
+#                                     program of tools alone takes minutes)
 #
 # The working tree is never touched: tracked files (as they are now, edits
 # included) are copied to build/mutate/src, built in build/mutate/build.
@@ -83,6 +85,7 @@ run_suite() {
   local r bin status failed=0 order=("$1")
   for r in frame platform packet parse tools; do [ "$r" = "$1" ] || order+=("$r"); done
   [ -n "${MUTATE_FILTER:-}" ] || order+=(c99)
+  [ -z "${MUTATE_PROGRAMS:-}" ] || mapfile -t order < <(printf '%s\n' "${order[@]}" | grep -Fx -f <(printf '%s\n' $MUTATE_PROGRAMS))
   : >"$work/killers"
   for r in "${order[@]}"; do
     bin=$build/tests/boxlane_test_$r
