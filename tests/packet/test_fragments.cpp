@@ -177,19 +177,19 @@ TEST_F(FragmentTest, Refusals) {
 }
 
 // The offset after the shift must fit 32 bits: INT32_MIN does, one less not.
+// The offset after the shift must fit trun's signed 32 bits, whichever way the shift goes.
 TEST_F(FragmentTest, CompositionOffsetMustFitAfterTheShift) {
-  ASSERT_TRUE(Boxlane_Packet_FragmentMode(client(), 1, 0, INT32_MAX, 0));
   const uint8_t frame[] = {0, 0, 0, 1, 0x65, 0x88};
-  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, frame, 6, int64_t{0}, 1, 3000, -2);
-  video(6, 1, 3000, -1);
-  EXPECT_EQ(fragment().substr(100 * 3, 11), "80 00 00 00");
-}
-TEST_F(FragmentTest, CompositionOffsetMustFitAfterANegativeShift) {
-  ASSERT_TRUE(Boxlane_Packet_FragmentMode(client(), 1, 0, -1, 0));
-  const uint8_t frame[] = {0, 0, 0, 1, 0x65, 0x88};
-  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, frame, 6, int64_t{0}, 1, 3000, INT32_MAX);
-  video(6, 1, 3000, INT32_MAX - 1);
-  EXPECT_EQ(fragment().substr(100 * 3, 11), "7F FF FF FF");
+  // shift, the first offset past the edge, the last one within it, and that one as trun writes it
+  const std::tuple<int32_t, int32_t, int32_t, const char*> cases[] = {{INT32_MAX, -2, -1, "80 00 00 00"},
+                                                                      {-1, INT32_MAX, INT32_MAX - 1, "7F FF FF FF"}};
+  for (const auto& [shift, past, last, written] : cases) {
+    ASSERT_TRUE(Boxlane_Packet_Delete(client()) && Boxlane_Packet_Insert(client()));
+    ASSERT_TRUE(Boxlane_Packet_FragmentMode(client(), 1, 0, shift, 0));
+    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, frame, 6, int64_t{0}, 1, 3000, past);
+    video(6, 1, 3000, last);
+    EXPECT_EQ(fragment().substr(100 * 3, 11), written) << "shift " << shift;
+  }
 }
 
 // A fragment holds at most 2^31 - 1 bytes with its moof and mdat header.
