@@ -176,7 +176,6 @@ TEST_F(FragmentTest, Refusals) {
   EXPECT_EQ(box(Boxlane_Packet_STsz, false), bytes_hex("00000014 7374737A 00000000 00000000 00000000"));
 }
 
-// The offset after the shift must fit 32 bits: INT32_MIN does, one less not.
 // The offset after the shift must fit trun's signed 32 bits, whichever way the shift goes.
 TEST_F(FragmentTest, CompositionOffsetMustFitAfterTheShift) {
   const uint8_t frame[] = {0, 0, 0, 1, 0x65, 0x88};
