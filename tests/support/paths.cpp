@@ -52,6 +52,11 @@ std::vector<uint8_t> read_file(const std::string& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
+std::string read_text(const std::string& path) {
+  const std::vector<uint8_t> bytes = read_file(path);
+  return {bytes.begin(), bytes.end()};
+}
+
 void write_file(const std::string& path, const std::vector<uint8_t>& bytes) {
   std::ofstream out(path, std::ios::binary);
   out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
@@ -62,8 +67,7 @@ void write_file(const std::string& path, const std::vector<uint8_t>& bytes) {
                                             std::string_view mark) {
   const std::string path = source_dir() + "/tests/data/" + name;
   if (std::getenv(update)) write_file(path, std::vector<uint8_t>(got.begin(), got.end()));
-  const std::vector<uint8_t> bytes = read_file(path);
-  const std::string want(bytes.begin(), bytes.end()), separator = std::string(1, '\n').append(mark);
+  const std::string want = read_text(path), separator = std::string(1, '\n').append(mark);
   // The block starting at `at`, up to the next mark's line or the end.
   const auto block = [&](const std::string& text, std::size_t at) {
     return at >= text.size() ? std::string("(nothing)") : text.substr(at, text.find(separator, at + 1) - at);

@@ -23,6 +23,7 @@ bool have_command(const std::string& name);
 bool have_ffmpeg();
 
 std::vector<uint8_t> read_file(const std::string& path);
+std::string read_text(const std::string& path);
 void write_file(const std::string& path, const std::vector<uint8_t>& bytes);
 
 // `got` against the expected text in tests/data/`name`, read line by line when it was written: blocks start at

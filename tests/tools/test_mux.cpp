@@ -156,8 +156,7 @@ TEST(Mux, ProgressOnATerminal) {
   // The input trickles in over 4 s, a fragment every half second.
   run("for i in 0 1 2 3 4 5 6 7; do dd if=" + video + " bs=20000 skip=$i count=1 status=none; sleep 0.5; done | " +
       mux + " --fragment 0.2 2> " + shell_quote(out + ".log"));
-  const std::vector<uint8_t> bytes = read_file(out + ".log");
-  const std::string log(bytes.begin(), bytes.end());
+  const std::string log = read_text(out + ".log");
   EXPECT_EQ(count(log, " s written\n"), 2) << log;
   // 64 MiB: for mux, a filler unit after the pictures; for remux, a free box after the movie.
   write_file(out + ".h264", cat({read_file(sample), {0, 0, 0, 1, 0x0C}, std::vector<uint8_t>(64 << 20, 0xFF)}));

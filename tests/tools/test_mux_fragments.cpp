@@ -214,8 +214,7 @@ TEST(MuxFragments, LiveInputs) {
   EXPECT_EQ(finish(muxers[0]), -1);
   EXPECT_EQ(finish(muxers[1]), 0);
   for (const pid_t writer : writers) finish(writer, {1, ""});
-  const auto log = [](const std::string& f) { const auto b = read_file(f + ".log"); return std::string(b.begin(), b.end()); };
-  EXPECT_EQ(log(outs[0]), "");
+  EXPECT_EQ(read_text(outs[0] + ".log"), "");
   auto decoded = decoded_md5s(outs[0], 'v');
   const std::size_t pictures = probe_packets(outs[0], 'v').size();
   ASSERT_GE(mdats(outs[0]), 3);
@@ -238,7 +237,8 @@ TEST(MuxFragments, LiveInputs) {
   EXPECT_EQ(mehd_seconds(outs[0]), -1);  // killed: room for it, but no mehd
   char written[64];
   std::snprintf(written, sizeof written, " %zu frames, %.1f s written", stopped.size(), stopped.size() / 25.0);
-  EXPECT_NE(log(outs[1]).find(written), std::string::npos) << log(outs[1]);
+  const std::string log = read_text(outs[1] + ".log");
+  EXPECT_NE(log.find(written), std::string::npos) << log;
 }
 
 // Inputs that stop in the middle of a frame, or whose SPS changes, keep what came before; the run
