@@ -53,26 +53,15 @@ t 'mux --video $D/sample.h264 --audio $D/sample.aac --faststart --output fs.mp4 
 t 'mux -v $D/sample.h264 -a $D/sample.aac --fragment 1 -o fr.mp4 && show fr.mp4 && deep fr.mp4'
 t 'mux -a $D/sample.aac --fragment 0.5 --fsync -o fa.mp4 && show fa.mp4 && deep fa.mp4'
 t 'mux -v $D/sample.h264 --fragment 86400 -o fv.mp4 && digest fv.mp4 && probe fv.mp4 | grep fragments:'
-t 'mux -v $D/sample.h264 --fps 29.97 -o v2997.mp4 && show v2997.mp4'
 t 'mux -v $D/sample.h264 -a $D/sample.aac --fps 30000/1001 --fragment 2 -o f2997.mp4 && show f2997.mp4'
-t 'mux -v $D/sample.h264 --fps 24000/1001 -a $D/sample.aac -o v23.mp4 && show v23.mp4'
-t 'mux -v $D/sample.h264 --fps 60 -o v60.mp4 && digest v60.mp4'
-t 'mux -v $D/sample.h264 --fps 0.5 -o vhalf.mp4 && digest vhalf.mp4'
-t 'mux -v $D/sample.h264 -a $D/sample.aac --timescale 90000 -o t90k.mp4 && show t90k.mp4'
-t 'mux -v $D/sample.h264 -a $D/sample.aac --timescale 1000 --fragment 1 -o t1k.mp4 && show t1k.mp4'
-t 'mux -v $D/sample.h264 --timescale 1 -o t1.mp4 && digest t1.mp4'
 t 'mux -a $D/sample.aac --timescale 2147483647 -o tmax.mp4 && digest tmax.mp4 && probe --samples tmax.mp4 | tail -1'
 t 'mux -a $D/sample.aac -o a.mp4 && show a.mp4'
 t 'mux -q -v $D/sample.h264 -o q.mp4 && digest q.mp4'
-t 'cat $D/sample.h264 | mux -v - -a $D/sample.aac -o pipe.mp4 && digest pipe.mp4'
 t 'cat $D/sample.aac | mux -a - --fragment 1 -o apipe.mp4 && digest apipe.mp4'
-t 'mux --video-codec h264 -v $D/sample.h264 -o c264.mp4 && digest c264.mp4'
-t 'mux --video-codec auto -v $D/sample.h264 --strip-sei --keep-leading -o sei.mp4 && show sei.mp4'
 
 # mux: H.265 (Main 10, open GOPs with CRA pictures and their leading pictures).
 t 'mux -v $D/main10_cra.h265 -a $D/sample.aac -o h265.mp4 && show h265.mp4 && deep h265.mp4'
 t 'mux --video-codec hevc -v $D/main10_cra.h265 --fragment 0.1 -o h265f.mp4 && show h265f.mp4 && deep h265f.mp4'
-t 'mux --video-codec h265 -v $D/sample.h264 -o x.mp4'
 t 'mux --video-codec h264 -v $D/main10_cra.h265 -o x.mp4'
 # 40 access unit delimiters before the first parameter set: still found to be H.265.
 t '{ for i in $(seq 40); do printf "\\0\\0\\0\\1\\x46\\x01\\x50"; done; cat $D/main10_cra.h265; } > aud40.h265; mux -q -v aud40.h265 -o aud40.mp4 && digest aud40.mp4'
@@ -87,18 +76,14 @@ t 'mux -v sei_cra.h265 --fragment 0.1 -o seif.mp4 && deep seif.mp4'
 t 'mux -v mid_gop.h264 -o mid.mp4 && show mid.mp4'
 t 'mux -v mid_gop.h264 --keep-leading --fragment 1 -o midk.mp4 && show midk.mp4'
 t 'mux -v two_pps.h264 --fps 25 -o pps.mp4 && show pps.mp4 && deep pps.mp4'
-t 'mux -v recovery.h264 -o rec.mp4 && show rec.mp4'
 t 'mux -v captions.h264 -o cap.mp4 && digest cap.mp4 && mux -v captions.h264 --strip-sei -o nocap.mp4 && digest nocap.mp4'
 t 'mux -v open_cut.h264 -o open.mp4 && show open.mp4 && mux -v open_cut.h264 --keep-leading -o openk.mp4 && digest openk.mp4'
 t 'mux -v $D/slices.h264 -o sl.mp4 && show sl.mp4 && mux -v $D/slices.h264 --fragment 0.2 -o slf.mp4 && show slf.mp4 && deep slf.mp4'
-# constraint_set3 and constraint_set4 of a High profile SPS (ISO/IEC 14496-10 §A.2.4, §A.2.8).
-t 'for f in 10 08 18; do cp $D/sample.h264 cs$f.h264; for at in 4 61492 131021; do poke cs$f.h264 $((at + 2)) "\\x$f"; done; mux -q -v cs$f.h264 -o cs$f.mp4 && probe cs$f.mp4 | grep codec; done'
 # A B-frame stream that ends with an IDR picture on its own.
 t 'cat $D/sample.h264 > lone.h264; head -c 4993 $D/sample.h264 | tail -c +726 >> lone.h264; mux -v lone.h264 --fragment 1 -o lone.mp4 && digest lone.mp4'
 t 'mux -q -v two_pps.h264 --fragment 1 -o ppsf.mp4 && deep ppsf.mp4'
 t 'mux -a aac_96k.aac -o a96.mp4 && show a96.mp4 && deep a96.mp4'
 t 'mux -a aac_mono_8k.aac -o a8.mp4 && show a8.mp4'
-t 'mux -a aac_7.1.aac -o a71.mp4 && digest a71.mp4'
 t 'mux -a aac_7.1.aac --fragment 1 -o a71f.mp4 && digest a71f.mp4 && mux -a aac_pce.aac --fragment 1 -o pcef.mp4 && digest pcef.mp4'
 t 'mux -a aac_pce.aac -v $D/sample.h264 -o pce.mp4 && show pce.mp4'
 t 'mux -a aac_crc.aac -o crc.mp4 && digest crc.mp4'
@@ -106,52 +91,26 @@ t 'mux -a aac_crc.aac -o crc.mp4 && digest crc.mp4'
 # mux: inputs it refuses or ends early.
 # 7350 Hz, the last rate of the table (ISO/IEC 14496-3 Table 1.18).
 t 'mux -a aac_7350.aac -o x.mp4 && probe --json x.mp4 | grep sample_rate'
-t 'mux -a aac_index15.aac -o x.mp4'
-t 'mux -a aac_no_layout.aac -o x.mp4'
-t 'mux -a aac_main.aac -o main.mp4 && show main.mp4'
 t 'mux -v cut.h264 -a $D/sample.aac -o cut.mp4; kept cut.mp4'
-t 'mux -a cut.aac -o cuta.mp4; kept cuta.mp4'
-t 'cat cut.aac | mux -a - -o cutp.mp4; kept cutp.mp4'
-t 'mux -v cut.h264 --fragment 1 -o cutf.mp4; kept cutf.mp4'
 t 'mux -a cut.aac -v $D/sample.h264 --fragment 1 -o cutaf.mp4; kept cutaf.mp4'
 t 'mux -a long.aac --fragment 5 -o x.mp4; kept x.mp4'
 # The first MiB read ends inside the first frame of a stream of another rate, channel count or profile, so only
 # the check across pieces sees the change.
-t '{ for i in $(seq 24); do cat $D/sample.aac; done; head -c 40838 $D/sample.aac; } > mib.aac; for b in 96k 7.1 main; do cat mib.aac aac_$b.aac > late.aac; mux -a late.aac --fragment 1 -o x.mp4; done'
-t 'rm -f x.mp4; mux -a long.aac -o x.mp4'
 t 'mux -v $D/x264_sps_pps.h264 -o x.mp4'
 t '{ cat $D/sample.h264; printf "\\0\\0\\0\\1\\x85\\x88\\x80"; } > forbidden.h264; mux -v forbidden.h264 -o x.mp4'
 t 'mux -v - -o x.mp4 < /dev/null'
-t 'mux -v empty -o x.mp4'
-t 'mux -a empty -o x.mp4'
-t 'mux -a $D/sample.h264 -o x.mp4'
 t 'mux -v $D/sample.aac -o x.mp4'
-t 'mux -v missing.h264 -o x.mp4'
 t 'mux -v $D/sample.h264 -o no/dir/x.mp4'
 t 'mux -v . -o x.mp4'
 t 'mux -a . --fragment 1 -o x.mp4'
-t 'test -e x.mp4 && echo "x.mp4 was written" || echo "no x.mp4: no refusal above wrote one"'
 
 # mux: usage.
-t 'mux'
-t 'mux -v $D/sample.h264'
-t 'mux -o x.mp4'
-t 'mux --bogus -o x.mp4'
 t 'mux -v $D/sample.h264 -o'
-t 'mux -v - -a - -o x.mp4'
-t 'mux -v a --fps 0 -o x'
 t 'mux -v a --fps 0.0004 -o x; mux -v one.h264 --fps 0.0045 -o y.mp4 && digest y.mp4'
-t 'mux -v a --fps 25/0 -o x'
-t 'mux -v a --fps abc -o x'
 t 'mux -v a --fps 25x/1 -o x'
 t 'mux -v a --timescale 0 -o x'
-t 'mux -v a --timescale 2147483648 -o x'
-t 'mux -v a --fragment 0 -o x'
-t 'mux -v a --fragment 86401 -o x'
 t 'mux -v a --fragment 1 --faststart -o x'
 t 'mux -v a --fsync -o x'
-t 'mux -v a --video-codec vp9 -o x'
-t 'mux --help'
 t 'mux -h 2>/dev/null | head -1; exit ${PIPESTATUS[0]}'
 
 # mux: options and inputs at their limits.
@@ -162,20 +121,12 @@ t 'mux -v $D/sample.h264 --fps 20 --timescale 23 -o y.mp4 && show y.mp4'
 # The VUI's time_scale in the three SPSs made 2000, 2001 and 1 (num_units_in_tick 1): 1000, 1000.5 and half a
 # frame a second (ISO/IEC 14496-10 §E.2.1).
 t 'for v in "22 \\x7d\\x00\\xf1\\x42\\x99\\x60\\x00" "22 \\x7d\\x10\\xf1\\x42\\x99\\x60\\x00" "23 \\x00\\x10"; do cp $D/sample.h264 vui.h264; set -- $v; for at in 0 61488 131017; do poke vui.h264 $(($1 + at)) "$2"; done; mux -v vui.h264 -o y.mp4 && digest y.mp4; done'
-# Frames of 2^31 - 1 ticks, the longest an stts delta holds (B-frames shifted by such a frame do not fit ctts, below).
-t 'mux -v two_pps.h264 --fps 1 --timescale 2147483647 -o y.mp4 && digest y.mp4'
 # Three frames of 2^32 - 1 ticks in all still fit version 0 boxes; a tick more a frame does not.
 t 'for ts in 1431655765 1431655766; do mux -q -v recovery.h264 --fps 1 --timescale $ts -o y.mp4 && digest y.mp4; done'
 # A fragment of audio alone holds at least one frame, however short --fragment is.
 t 'mux -a $D/sample.aac --fragment 0.000001 -o y.mp4 && digest y.mp4'
-t 'mux -v $D/sample.h264 -a $D/sample.aac --fragment 0.1 -o y.mp4 && digest y.mp4'
-t 'cp $D/sample.h264 nosps.h264; for at in 4 61492 131021; do poke nosps.h264 $at "\\x0c"; done; mux -v nosps.h264 -o x.mp4'
-t 'head -c 20 $D/sample.h264 > cut20.h264; mux -v cut20.h264 -o x.mp4'
 t 'head -c 4096 /dev/zero | tr "\\0" "\\1" > ones.bin; mux -v ones.bin -o x.mp4'
-t 'cat $D/sample.h264 $D/slices.h264 > changing.h264; mux -v changing.h264 -o x.mp4'
-t 'mux -v no_idr.h264 -o x.mp4'
 # An avcC counts its SPSs in 5 bits and its PPSs in 8 (ISO/IEC 14496-15 §5.3.3.1).
-t 'mux -v sps_31.h264 -o y.mp4 && digest y.mp4 && mux -v sps_31.h264 --fragment 1 -o y.mp4 && digest y.mp4'
 t 'mux -v sps_32.h264 -o x.mp4'
 t 'mux --quiet -v pps_255.h264 -o y.mp4 && digest y.mp4 && mux -v pps_256.h264 -o x.mp4'
 # A repeated SPS with a byte more at its end is another SPS.
@@ -187,9 +138,7 @@ t '{ cat one.h264; printf "\\0\\0\\0\\1\\x68\\xa3\\x8f\\x20"; } > pps_first.h264
 t '{ cat two.h264; tail -c $(($(stat -c %s two.h264) - $(stat -c %s one.h264))) two.h264; } > same_poc.h264; mux -v same_poc.h264 -o x.mp4'
 # Data partitions B and C go with the slice before them: 11 MiB of one. In fragments a piece waits for the
 # next IDR picture: 128 MiB at most.
-t '{ cat one.h264; printf "\\0\\0\\0\\1\\x63"; head -c 11M /dev/zero | tr "\\0" "\\377"; } > part.h264; mux -v part.h264 -o y.mp4 && digest y.mp4; rm part.h264'
 t '{ cat one.h264; printf "\\0\\0\\0\\1\\x63"; head -c 129M /dev/zero | tr "\\0" "\\377"; } | mux -v - --fragment 1 -o x.mp4'
-t 'mux -v $D/x264_sps_pps.h264 --fragment 1 -o x.mp4'
 # After the picture a unit of each kind: data partitions B and C, an auxiliary picture and slice extensions (20,
 # 21) join its sample, 6 bytes each; end of sequence, filler, an SPS extension and reserved 22 and 23 do not.
 t '{ cat one.h264; for n in 63 64 73 74 75 0a 0c 6d 16 17; do printf "\\0\\0\\0\\1\\x$n\\xff"; done; } > kinds.h264; mux -q -v kinds.h264 -o y.mp4 && probe --samples y.mp4 | tail -1'
@@ -198,7 +147,6 @@ t 'cp $D/main10_cra.h265 vps.h265; poke vps.h265 24 "\\x5d"; cat $D/main10_cra.h
 # hvcC holds 64 parameter sets at most: the stream's VPS, SPS and PPS, and PPS 1 to 61; PPS 62 is one too many.
 t 'cat $D/main10_cra.h265 pps_1_61.h265 > sets_64.h265; mux -v sets_64.h265 -o y.mp4 && digest y.mp4; cat sets_64.h265 pps_62.h265 > sets_65.h265; mux -v sets_65.h265 -o x.mp4'
 # After the first MiB read (150 copies of the stream), fragments written: they stay.
-t 'for i in $(seq 150); do cat $D/main10_cra.h265; done > long.h265; cat long.h265 pps_1_61.h265 $D/main10_cra.h265 > new_pps.h265; mux -v new_pps.h265 --fragment 1 -o new.mp4; kept new.mp4'
 t '{ cat $D/main10_cra.h265; printf "\\0\\0\\0\\1\\x80\\x01\\xaf"; } > damaged.h265; mux -v damaged.h265 -o x.mp4'
 # A slice of PPS 5; a NAL unit of reserved type 22 (RSV_IRAP_VCL22), which decoders ignore; one of layer 1.
 t '{ cat $D/main10_cra.h265; printf "\\0\\0\\0\\1\\x02\\x01\\x9a"; } > pps_5.h265; mux -v pps_5.h265 -o x.mp4'
@@ -206,7 +154,6 @@ t '{ cat $D/main10_cra.h265; printf "\\0\\0\\0\\1\\x2c\\x01\\xaf"; } > rsv.h265;
 t '{ cat $D/main10_cra.h265; printf "\\0\\0\\0\\1\\x02\\x09\\xaf\\x00"; } > layered.h265; mux -v layered.h265 -o x.mp4'
 # The IDR picture's first_slice_segment_in_pic_flag cleared; in fragments, pictures before the first IRAP one go.
 t 'cp $D/main10_cra.h265 headless.h265; poke headless.h265 2379 "\\x2c"; mux -v headless.h265 -o x.mp4; cat headless.h265 $D/main10_cra.h265 > late.h265; mux -v late.h265 --fragment 1 -o y.mp4 && digest y.mp4'
-t 'head -c 40 $D/main10_cra.h265 > cut40.h265; mux -v cut40.h265 -o x.mp4'
 t 'mux -v $D/sample.h264 --video-codec h265 --fragment 1 -o x.mp4'
 # A P picture with memory_management_control_operation 5 starts its picture order count anew.
 t 'mux -v mmco5.h264 -o mm.mp4 && show mm.mp4'
@@ -225,18 +172,12 @@ t 'for b in "2 \\x74" "2 \\x78" "6 \\xfd"; do cp $D/sample.aac r.aac; poke r.aac
 t '{ printf "\\xff\\xf1\\x4c\\x80\\0\\xff\\xfc"; cat $D/sample.aac; } > empty_frame.aac; mux -a empty_frame.aac -o x.mp4'
 # The second frame (at byte 140) gives 44100 Hz, mono, or AAC Main.
 t 'for b in "142 \\x50" "143 \\x40" "142 \\x0c"; do cp $D/sample.aac r.aac; poke r.aac $b; mux -a r.aac -o x.mp4; done'
-t 'mux -a aac_3.aac -o y.mp4 && digest y.mp4 && mux -a aac_5.1.aac -o y.mp4 && digest y.mp4'
 t 'mux -v a --fps 1001/1 -o x; mux -v a --fps 1000.5 -o x'
-t 'mux -v $D/sample.h264 --timescale 20 -o x.mp4; mux -v $D/sample.h264 --fps 25 --timescale 24 --fragment 1 -o x.mp4'
 t 'for ts in 46 47; do mux -a $D/sample.aac --timescale $ts -o y.mp4 && digest y.mp4; done'
-t 'mux -q -v $D/sample.h264 --fps 25 --timescale 25 -o y.mp4 && digest y.mp4'
 # A frame of 100000 s: too long at 90 kHz, and on milliseconds when no time scale is given.
 t 'mux -v $D/sample.h264 --fps 1/100000 --timescale 90000 -o x.mp4; mux -v one.h264 --fps 1/100000 -o y.mp4 && digest y.mp4'
-t 'mux -v - --fragment 1 -o x.mp4 < /dev/null'
 # A live input stopped (SIGTERM) after it is opened and before its first frames.
-t 'mkfifo quiet.fifo; { : > opened; sleep 2; } > quiet.fifo 2>/dev/null & $B mux -v quiet.fifo --fragment 1 -o x.mp4 & until [ -e opened ]; do sleep 0.01; done; kill -TERM $!; wait $!'
 t 'mux -v $D/sample.h264 -o new/; mux -v $D/sample.h264 -o .'
-t 'test -e x.mp4 && echo "x.mp4 was written" || echo "no x.mp4: no refusal above wrote one"'
 # A failing run leaves an existing target as it was, and no temporary file.
 t 'echo old > old.mp4; mux -v $D/sample.h264 --fps 1 --timescale 2147483647 -o old.mp4; cat old.mp4; ls -A | grep -c boxlane-'
 # Rates 0.004 and 0.01 from 30000/1001: only the first is taken as it; a frame of 2^31 ticks, one past an stts delta.
@@ -258,73 +199,37 @@ t '{ head -c 2373 $D/main10_cra.h265; tail -c +3276 $D/main10_cra.h265 | head -c
 t 'p=$(($(LC_ALL=C grep -obaP "\x00\x00\x00\x01\x68" one.h264 | head -1 | cut -d: -f1))); for n in $((65535 - p + 4)) $((65536 - p + 4)); do { head -c $p one.h264; head -c $n /dev/zero | tr "\\0" "\\021"; tail -c +$((p + 1)) one.h264; } > big_sps.h264; mux -v big_sps.h264 -o y.mp4 && echo written; done'
 
 # probe: reports of the files above in every form, and of files cut or changed.
-t 'probe --tables fs.mp4 | head -30'
-t 'probe --samples fr.mp4 | sed -n "1,12p;/samples:/,+4p"'
-t 'probe --strict fr.mp4'
 t 'probe --strict --json fr.mp4 | untimed | md5sum'
 t 'probe --boxes a.mp4 | tail -30 && stat -c "%a %n" av.mp4 fr.mp4 cutaf.mp4'
-t 'probe --piece 1 av.mp4 | md5sum && probe --random-pieces 100 --seed 7 av.mp4 | md5sum && cat av.mp4 | probe - | md5sum'
-t 'probe --pools 3 --json --samples --boxes fr.mp4 | cmp - <(probe --json --samples --boxes fr.mp4)'
 # Every way of feeding the moov-last and the fragmented file gives the same JSON, an mdat typed in capitals too.
 t 'for f in av fr; do probe --json --samples $f.mp4 > whole; for o in "--piece 1" "--random-pieces 5000 --seed 99" "--random-pieces 1" "--pools 4 --piece 300"; do probe --json --samples $o $f.mp4 | cmp - whole && echo "$f $o: same"; done; cat $f.mp4 | probe --json --samples --piece 999 - | cmp - whole && echo "$f from a pipe: same"; done; cp av.mp4 upper.mp4; poke upper.mp4 $(($(box_at av.mp4 mdat) + 4)) MDAT; probe --json --samples --piece 999 upper.mp4 | cmp - <(probe --json --samples av.mp4) && echo "MDAT: same"'
 # 70000 samples, past one query window (65536); 4100 fragments, past the 4096 answers the parser holds.
 t 'mux -q --fps 25 --timescale 25 -v long70k.h264 -o l70k.mp4 && probe --json --samples l70k.mp4 | grep "\"decode_time\"" | tr -d "[]," | awk "{print NF - 1, \$65537, \$65538, \$70001}"'
 t 'mux -q --fps 25 --fragment 0.04 -v idr4100.h264 -o i4100.mp4 && probe --json i4100.mp4 | grep -E "\"(track_fragments|sample_count|complete)\""'
-t 'head -c 100000 av.mp4 | probe -'
-t 'head -c 5000 fs.mp4 > cut_moov.mp4; probe cut_moov.mp4'
-t 'head -c 30 av.mp4 | probe -'
-t 'head -c 2000 fr.mp4 > cut_frag.mp4; probe cut_frag.mp4'
-t 'probe wide.mp4 | head -5 && probe --strict wide.mp4 | head -6'
-# The same with the mdat first: --strict stops before the movie.
-t '{ printf $(be32 24); tail -c +5 av.mp4 | head -c 20; printf $(be32 1)mdat$(be32 0)$(be32 205918); tail -c +41 av.mp4; } > wide_first.mp4; probe wide_first.mp4 | sed -n 4p && probe --strict wide_first.mp4'
-t '{ cat a.mp4; printf "\\0\\0\\0\\7free"; } > seven.mp4; probe seven.mp4 | sed -n "4,5p"'
-t '{ cat a.mp4; printf "\\x7f\\0\\0\\0junk"; head -c 3000 /dev/zero; } > huge.mp4; probe huge.mp4 | sed -n "4,5p"'
-t 'head -c 5045 fs.mp4 > moov0.mp4; poke moov0.mp4 32 $(be32 0); probe moov0.mp4'
-t '{ cat a.mp4; printf "\\0\\0\\0\\0moov"; head -c 50 /dev/zero; } > moov0b.mp4; probe moov0b.mp4 | sed -n "5,8p"'
-t '{ cat a.mp4; printf "\\0\\0\\0\\0free"; head -c 100 /dev/zero; } > zero_free.mp4; probe --boxes zero_free.mp4 | sed -n "1,5p;\$p"'
 # The audio's stsz made one sample_size (1000 bytes) for all its 236 samples, the entries left in a free box.
 t 'cp a.mp4 c.mp4; at=$(box_at c.mp4 stsz); poke c.mp4 $at $(be32 20)stsz$(be32 0)$(be32 1000)$(be32 236)$(be32 944)free; probe --tables c.mp4 | sed -n "6,20p"'
 t 'cp c.mp4 c5g.mp4; poke c5g.mp4 $(($(box_at c.mp4 stsz) + 12)) $(be32 20000000); probe c5g.mp4 | grep "bit rate"'
-t 'poke c.mp4 $(($(box_at c.mp4 stsz) + 16)) $(be32 235); probe c.mp4 | tail -4'
 # The audio's stco made a free box; then a co64 of no entries, the rest of the stco in a free box.
 t 'cp a.mp4 nostco.mp4; at=$(box_at a.mp4 stco); poke nostco.mp4 $((at + 4)) free; probe nostco.mp4 | grep note; poke nostco.mp4 $at $(be32 16)co64$(be32 0)$(be32 0)$(be32 $(($(u32_at a.mp4 $at) - 16)))free; probe nostco.mp4 | grep note'
-t 'poke c.mp4 $(($(box_at c.mp4 stsz) + 16)) $(be32 237); probe c.mp4 | tail -3'
 # The audio trun of the first moof given the video's data_offset: two trafs that share data.
 t 'cp fr.mp4 ov.mp4; set -- $(LC_ALL=C grep -obaE trun ov.mp4 | head -2 | cut -d: -f1); poke ov.mp4 $(($2 + 12)) $(be32 $(u32_at ov.mp4 $(($1 + 12)))); probe ov.mp4 | sed -n "4,5p;/note/p"'
-t 'probe .'
-t 'probe empty'
 t 'probe a.mp4 > /dev/full'
 t 'probe missing.mp4'
-t 'probe $D/sample.h264'
-t 'brief 3 probe'
-t 'brief 3 probe --piece 0 x'
-t 'probe --help'
 t 'brief 1 probe --pools 64 fs.mp4 && brief 1 probe --piece 67108864 fs.mp4 && brief 1 probe --random-pieces 67108864 --seed 0 fs.mp4'
-t 'brief 3 probe --pools 65 x'
-t 'brief 3 probe --pools 0 x'
-t 'brief 3 probe --piece 67108865 x'
-t 'brief 3 probe --random-pieces 0 x'
 t 'brief 3 probe -z'
-t 'brief 3 probe a.mp4 b.mp4'
 t 'brief 3 probe --seed 1 x'
-t 'brief 3 probe --json --bogus x'
 
 # What probe says of a file it cannot read, fed a byte at a time and through a pipe, with each exit status.
 bytewise() { probe --piece 1 "$1"; echo "[exit $?]"; cat "$1" | probe -; echo "[exit $?]"; }
 ftyp=$(be32 20)ftypisom$(be32 512)isom
-t 'head -c $((32 + $(u32_at av.mp4 32) + 100)) av.mp4 > cut_in_moov.mp4; bytewise cut_in_moov.mp4'
-t 'head -c $((32 + $(u32_at av.mp4 32) + 3)) av.mp4 > cut_in_header.mp4; bytewise cut_in_header.mp4'
 t 'printf $ftyp$(be32 1)moov$(be32 0) > cut_in_large_header.mp4; bytewise cut_in_large_header.mp4'
 t '{ printf $ftyp$(be32 1)moov$(be32 0)$(be32 1000); head -c 10 /dev/zero; } > cut_in_large.mp4; bytewise cut_in_large.mp4'
 t 'head -c $((32 + $(u32_at fs.mp4 32) + 100)) fs.mp4 > cut_in_mdat.mp4; bytewise cut_in_mdat.mp4'
-t '{ printf "\\x7f\\0\\0\\0junk"; head -c 3000 /dev/zero; } > huge_box.mp4; bytewise huge_box.mp4'
 # A type of printable letters and a DEL byte.
 t '{ printf $(be32 100)"moo\\x7f"; head -c 10 /dev/zero; } > binary.mp4; bytewise binary.mp4'
-t '{ printf $ftyp$(be32 1)mdat$(be32 0)$(be32 48); head -c 32 /dev/zero; } > large_size.mp4; bytewise large_size.mp4'
 t '{ printf $ftyp$(be32 7)free; head -c 20 /dev/zero; } > size_seven.mp4; bytewise size_seven.mp4'
 # A udta that declares 500 bytes in a movie box of 24.
 t '{ printf $ftyp$(be32 24)moov$(be32 500)udta$(be32 0)$(be32 0)$(be32 16)free$(be32 0)$(be32 0); } > past.mp4; bytewise past.mp4'
-t 'bytewise empty'
 
 # A full box (version 0, flags 0) of a type around the bytes given, as printf escapes; N zero bytes, the same.
 fbox() { printf %s "$(be32 $(($(printf "$2" | wc -c) + 12)))$1$(be32 0)$2"; }
@@ -346,7 +251,6 @@ stsz100=$(fbox stsz $(be32 100)$(be32 10))  # 100 bytes for each of 10 samples
 # A sync sample named twice is out of order too; the last stsc entry runs to the last chunk: 3 x 4 samples.
 t 'tables twice.mp4 "$(fbox stsz $(be32 0)$(be32 9)$(for i in $(seq 9); do be32 100; done))$(fbox stss $(be32 2)$(be32 3)$(be32 3))" 1 4 1'
 # 4 + 4 + 2 samples: an entry may start at the last chunk.
-t 'tables fits.mp4 "$stsz100" 1 4 1 3 2 1'
 t 'tables same_chunk.mp4 "$stsz100" 1 4 1 1 2 1'
 t 'tables no_stsc.mp4 "$stsz100"'
 t 'tables from_chunk_2.mp4 "$stsz100" 2 5 1'
@@ -362,8 +266,6 @@ t 'tables digits.mp4 "$(fbox stsz $(be32 0)$(be32 20)$(be32 0)$(for p in 10 100 
 # The last sample may be a sync sample. The whole text report, in Zulu, and with the times of writing 7 and 8 (mvhd),
 # 3 and 4 (tkhd), 5 and 6 (mdhd) its JSON.
 t 'tables last.mp4 "$stsz100$(fbox stss $(be32 1)$(be32 10))" 1 4 1; poke last.mp4 $(($(box_at last.mp4 mdhd) + 28)) "\\x6a\\xac"; for b in mvhd:7 tkhd:3 mdhd:5; do poke last.mp4 $(($(box_at last.mp4 ${b%:*}) + 12)) $(be32 ${b#*:})$(be32 $((${b#*:} + 1))); done; probe --tables --boxes last.mp4 && probe --json --boxes last.mp4'
-# The 64-bit size of the same movie box: its children start 16 bytes in, and the box after it is at the top again.
-t 'm=$((32 + $(u32_at a.mp4 32))); { head -c $m last.mp4; printf $(be32 1)moov$(be32 0)$(be32 $(($(u32_at last.mp4 $m) + 8))); tail -c +$((m + 9)) last.mp4; printf $(be32 8)free; } > wide_moov.mp4; probe --boxes wide_moov.mp4 | sed -n "/^boxes/,+8p;\$p"'
 # A handler name with JSON's special characters, a space, control characters with and without short escapes, DEL,
 # bytes not UTF-8 (lone, overlong of 2, 3 and 4 bytes, a cut sequence, a surrogate, past U+10FFFF, a lead byte 0xF5),
 # and UTF-8; the
@@ -376,8 +278,6 @@ t 'for h in hint meta text sbtl abcd; do tail -c +33 a.mp4 > $h.mp4; poke $h.mp4
 t 'cp a.mp4 alt.mp4; poke alt.mp4 $(($(box_at a.mp4 tkhd) + 40)) "\\0\\2\\0\\1"; poke alt.mp4 $(($(box_at a.mp4 smhd) + 12)) "\\xff\\0"; probe --json alt.mp4 | untimed | grep -E "\"(tkhd|media_header)\": "'
 # An esds without an AudioSpecificConfig: the entry's own numbers.
 t 'cp a.mp4 no_config.mp4; poke no_config.mp4 $(($(box_at no_config.mp4 esds) + 32)) "\\x06"; probe no_config.mp4 | grep codec:; poke no_config.mp4 $(($(box_at no_config.mp4 mp4a) + 24)) "\\x00\\x01"; probe no_config.mp4 | grep codec:'
-# Its AudioSpecificConfig said to be 1 byte long, too short to give a rate and channels: none is read.
-t 'cp a.mp4 asc1.mp4; poke asc1.mp4 $(($(box_at a.mp4 esds) + 33)) "\\x01"; probe asc1.mp4 | grep codec:'
 
 # What probe marks as left out of a file, without and with --strict: the text's form, stop, gaps and notes, and the
 # JSON's (read in pieces of 4096 bytes) complete flags and gaps; the exit status when not 0.
@@ -390,17 +290,14 @@ marks() {
   done
 }
 moof=$(be32 24)moof$(be32 16)mfhd$(be32 0)$(be32 1)
-t 'marks fs.mp4'
 # A movie that declares fragments, without one; a moov-first file and one fragment.
 t 'head -c $(box_at fr.mp4 moof) fr.mp4 > no_fragment.mp4; marks no_fragment.mp4'
-t '{ cat fs.mp4; printf $moof; } > one_fragment.mp4; marks one_fragment.mp4'
 # One sample in the moov, then a fragment.
 t 'cp a.mp4 one_sample.mp4; poke one_sample.mp4 $(($(box_at a.mp4 stts) + 16)) $(be32 1); printf $moof >> one_sample.mp4; marks one_sample.mp4'
 # The audio's chunk offsets as 118 64-bit ones of 2 samples each.
 t 'cp a.mp4 co64.mp4; poke co64.mp4 $(box_at a.mp4 stco) $(be32 960)co64$(be32 0)$(be32 118); poke co64.mp4 $(($(box_at a.mp4 stsc) + 20)) $(be32 2); marks co64.mp4'
 t 'cp fs.mp4 description_2.mp4; poke description_2.mp4 $(($(box_at fs.mp4 stsc) + 24)) $(be32 2); marks description_2.mp4'
 # Only the first fragment's trun of track 1 is wrong: the mark stays through the later ones.
-t 'cp fr.mp4 trun_in_moof.mp4; poke trun_in_moof.mp4 $(($(box_at fr.mp4 trun) + 16)) $(be32 0); marks trun_in_moof.mp4'
 t 'cp fr.mp4 no_trex.mp4; for n in 1 2; do poke no_trex.mp4 $(($(box_at fr.mp4 trex $n) + 4)) free; done; marks no_trex.mp4'
 t 'cp fr.mp4 unknown_traf.mp4; poke unknown_traf.mp4 $(($(box_at fr.mp4 tfhd) + 12)) $(be32 99); marks unknown_traf.mp4'
 # probe reads 4096 compatible brands at most; the largest ftyp counts, not the last.
@@ -414,11 +311,7 @@ t '{ cat fs.mp4; printf $(be32 0)free; head -c 8 /dev/zero; } > zero_free_fs.mp4
 t '{ cat wide.mp4; printf $(be32 8)free; } > wide_free.mp4; marks wide_free.mp4'
 # A box with a 64-bit size before the second trak of the movie box; that trak made larger than the parser takes,
 # also behind an empty moov as the movie box's first child: the stop is still inside the top-level one.
-t 'at=$(box_at fs.mp4 trak 2); { head -c $at fs.mp4; printf $(be32 1)free$(be32 0)$(be32 16); tail -c +$((at + 1)) fs.mp4; } > nested_large.mp4; poke nested_large.mp4 32 $(be32 $(($(u32_at fs.mp4 32) + 16))); marks nested_large.mp4'
-t 'cp fs.mp4 nested_huge.mp4; poke nested_huge.mp4 $(box_at fs.mp4 trak 2) $(be32 268435457); marks nested_huge.mp4'
 t '{ head -c 40 fs.mp4; printf $(be32 8)moov; tail -c +41 fs.mp4; } > nested_moov.mp4; poke nested_moov.mp4 32 $(be32 $(($(u32_at fs.mp4 32) + 8))); poke nested_moov.mp4 $(box_at nested_moov.mp4 trak 2) $(be32 268435457); marks nested_moov.mp4'
-# A stop after the movie, even just after it, costs a progressive file's tracks nothing; fragments may be lost.
-t 'for f in av fs fr; do { cat $f.mp4; printf $(be32 4)free$(be32 0); } > size_four_$f.mp4; marks size_four_$f.mp4; done'
 # 20 MiB, past probe's bound for a file this small.
 t '{ cat fs.mp4; printf $(be32 20971520)free; head -c 100 /dev/zero; } > over_bound.mp4; marks over_bound.mp4'
 # --strict names the ids GetTrack leaves out: 10 and 2^31, and not 9; the extended mode has no such gap.
@@ -426,33 +319,19 @@ t 'for id in 9 10 2147483648; do cp fs.mp4 id$id.mp4; poke id$id.mp4 $(($(box_at
 
 # remux: every form from every form, and what it refuses.
 t 'brief 2 remux -o r0.mp4'
-t 'remux av.mp4 -o r1.mp4 && show r1.mp4 && deep r1.mp4'
-t 'remux fr.mp4 --faststart -o r2.mp4 && show r2.mp4'
 t 'remux fs.mp4 --fragment 1 -o r3.mp4 && show r3.mp4 && deep r3.mp4'
 t 'remux h265f.mp4 -o r4.mp4 && show r4.mp4'
 t 'remux -q fa.mp4 --fragment 2 -o r5.mp4 && digest r5.mp4'
 t 'remux pce.mp4 -o r6.mp4 && digest r6.mp4'
-t 'remux v2997.mp4 -o r7.mp4 --fragment 0.5 && show r7.mp4'
-t 'remux t90k.mp4 -o r8.mp4 && digest r8.mp4'
 t 'cp av.mp4 fra.mp4; poke fra.mp4 $(($(box_at fra.mp4 mdhd) + 28)) "\\x1a\\x41"; remux fra.mp4 --fragment 1 -o rfra.mp4 && probe rfra.mp4 | grep language'
 t 'head -c 100000 fs.mp4 > cut_mdat.mp4; remux cut_mdat.mp4 -o x.mp4'
 # The video's edit list given an empty edit of half a second in front, in a movie time scale of 1000 (the
 # tracks' is 48000); its parents grow by the 12 bytes of the entry.
 t 'e=$(box_at av.mp4 elst); { head -c $e av.mp4; printf $(be32 40)elst$(be32 0)$(be32 2)$(be32 500)$(be32 4294967295)$(be32 65536)$(be32 5000)$(be32 5760)$(be32 65536); tail -c +$((e + 29)) av.mp4; } > edit.mp4; for b in moov trak edts; do at=$(box_at edit.mp4 $b); poke edit.mp4 $at $(be32 $(($(u32_at edit.mp4 $at) + 12))); done; poke edit.mp4 $(($(box_at edit.mp4 mvhd) + 20)) $(be32 1000)$(be32 5500); remux edit.mp4 -o redit.mp4 && digest redit.mp4'
 # The video's edit (media_time 3840) made to start at media time 0; a video sample made 0 bytes long.
-t 'cp av.mp4 e0.mp4; poke e0.mp4 $(($(box_at e0.mp4 elst) + 20)) $(be32 0); remux e0.mp4 -o r9.mp4 && deep r9.mp4'
 t 'cp q.mp4 z.mp4; poke z.mp4 $(($(box_at z.mp4 stsz) + 20)) $(be32 0); remux z.mp4 -o x.mp4'
-t 'remux . -o x.mp4'
-t 'brief 3 remux cut_moov.mp4 -o x.mp4'
-t 'brief 3 remux cut_frag.mp4 -o x.mp4'
 t 'remux av.mp4 -o av.mp4'
-t 'brief 3 remux missing.mp4 -o x.mp4'
-t 'brief 3 remux $D/sample.h264 -o x.mp4'
-t 'brief 3 remux av.mp4'
-t 'brief 3 remux av.mp4 -o x.mp4 --fragment 0'
 t 'brief 3 remux av.mp4 -o x.mp4 --fragment 1 --faststart'
-t 'brief 3 remux av.mp4 fs.mp4 -o x.mp4'
-t 'remux -h'
 
 # remux: what it refuses, written onto an out.mp4 that holds "old" (onto_old shows what it holds after, and any
 # temporary file left beside it). The files are av.mp4, a.mp4, q.mp4 and h265.mp4 changed in place.
@@ -535,13 +414,11 @@ t 'remux av.mp4 --fragment 3600 -o f3600.mp4 && digest f3600.mp4'
 t 'cp av.mp4 nos.mp4; poke nos.mp4 $(($(box_at av.mp4 stts) + 12)) $(be32 0); poke nos.mp4 $(($(box_at av.mp4 tkhd) + 20)) $(be32 2147483649); remux nos.mp4 -o rnos.mp4 && remux -q nos.mp4 -o rnos.mp4 && digest rnos.mp4'
 t 'cp av.mp4 nod.mp4; poke nod.mp4 $(($(box_at av.mp4 stts) + 20)) $(be32 0); poke nod.mp4 $(($(box_at av.mp4 esds) + 35)) "\\xb0"; remux nod.mp4 -o rnod.mp4 && remux -q nod.mp4 -o rnod.mp4 && digest rnod.mp4'
 # The movie lasts as long as its longer track: the video's edit made 6 s; in fragments, its media 6.25 s.
-t 'cp av.mp4 long.mp4; poke long.mp4 $(($(box_at av.mp4 elst) + 16)) $(be32 288000); remux long.mp4 -o rlong.mp4 && digest rlong.mp4'
 t 'cp av.mp4 slow.mp4; poke slow.mp4 $(($(box_at av.mp4 stts) + 20)) $(be32 2400); remux slow.mp4 --fragment 1 -o rslow.mp4 && digest rslow.mp4'
 t 'remux a96.mp4 --faststart -o r96.mp4 && digest r96.mp4'
 
 # The program itself.
 t 'brief 2 "$B"'
 t 'brief 1 "$B" -h && brief 1 "$B" --help'
-t '"$B" help'
 t 'brief 2 "$B" demux x'
 exit 0
