@@ -94,8 +94,6 @@ t 'mux -a aac_7350.aac -o x.mp4 && probe --json x.mp4 | grep sample_rate'
 t 'mux -v cut.h264 -a $D/sample.aac -o cut.mp4; kept cut.mp4'
 t 'mux -a cut.aac -v $D/sample.h264 --fragment 1 -o cutaf.mp4; kept cutaf.mp4'
 t 'mux -a long.aac --fragment 5 -o x.mp4; kept x.mp4'
-# The first MiB read ends inside the first frame of a stream of another rate, channel count or profile, so only
-# the check across pieces sees the change.
 t 'mux -v $D/x264_sps_pps.h264 -o x.mp4'
 t '{ cat $D/sample.h264; printf "\\0\\0\\0\\1\\x85\\x88\\x80"; } > forbidden.h264; mux -v forbidden.h264 -o x.mp4'
 t 'mux -v - -o x.mp4 < /dev/null'
@@ -136,8 +134,7 @@ t 'mux -v taller.h264 -o x.mp4'
 t '{ cat one.h264; printf "\\0\\0\\0\\1\\x68\\xa3\\x8f\\x20"; } > pps_first.h264; mux -v pps_first.h264 -o x.mp4; mux -v pps_first.h264 --fragment 1 -o x.mp4'
 # The P picture sent twice.
 t '{ cat two.h264; tail -c $(($(stat -c %s two.h264) - $(stat -c %s one.h264))) two.h264; } > same_poc.h264; mux -v same_poc.h264 -o x.mp4'
-# Data partitions B and C go with the slice before them: 11 MiB of one. In fragments a piece waits for the
-# next IDR picture: 128 MiB at most.
+# Data partition B in fragments: a piece waits for the next IDR picture, 128 MiB at most.
 t '{ cat one.h264; printf "\\0\\0\\0\\1\\x63"; head -c 129M /dev/zero | tr "\\0" "\\377"; } | mux -v - --fragment 1 -o x.mp4'
 # After the picture a unit of each kind: data partitions B and C, an auxiliary picture and slice extensions (20,
 # 21) join its sample, 6 bytes each; end of sequence, filler, an SPS extension and reserved 22 and 23 do not.
@@ -146,7 +143,6 @@ t '{ cat one.h264; for n in 63 64 73 74 75 0a 0c 6d 16 17; do printf "\\0\\0\\0\
 t 'cp $D/main10_cra.h265 vps.h265; poke vps.h265 24 "\\x5d"; cat $D/main10_cra.h265 vps.h265 > changing.h265; mux -v changing.h265 -o x.mp4; mux -v changing.h265 --fragment 1 -o x.mp4'
 # hvcC holds 64 parameter sets at most: the stream's VPS, SPS and PPS, and PPS 1 to 61; PPS 62 is one too many.
 t 'cat $D/main10_cra.h265 pps_1_61.h265 > sets_64.h265; mux -v sets_64.h265 -o y.mp4 && digest y.mp4; cat sets_64.h265 pps_62.h265 > sets_65.h265; mux -v sets_65.h265 -o x.mp4'
-# After the first MiB read (150 copies of the stream), fragments written: they stay.
 t '{ cat $D/main10_cra.h265; printf "\\0\\0\\0\\1\\x80\\x01\\xaf"; } > damaged.h265; mux -v damaged.h265 -o x.mp4'
 # A slice of PPS 5; a NAL unit of reserved type 22 (RSV_IRAP_VCL22), which decoders ignore; one of layer 1.
 t '{ cat $D/main10_cra.h265; printf "\\0\\0\\0\\1\\x02\\x01\\x9a"; } > pps_5.h265; mux -v pps_5.h265 -o x.mp4'
@@ -176,7 +172,6 @@ t 'mux -v a --fps 1001/1 -o x; mux -v a --fps 1000.5 -o x'
 t 'for ts in 46 47; do mux -a $D/sample.aac --timescale $ts -o y.mp4 && digest y.mp4; done'
 # A frame of 100000 s: too long at 90 kHz, and on milliseconds when no time scale is given.
 t 'mux -v $D/sample.h264 --fps 1/100000 --timescale 90000 -o x.mp4; mux -v one.h264 --fps 1/100000 -o y.mp4 && digest y.mp4'
-# A live input stopped (SIGTERM) after it is opened and before its first frames.
 t 'mux -v $D/sample.h264 -o new/; mux -v $D/sample.h264 -o .'
 # A failing run leaves an existing target as it was, and no temporary file.
 t 'echo old > old.mp4; mux -v $D/sample.h264 --fps 1 --timescale 2147483647 -o old.mp4; cat old.mp4; ls -A | grep -c boxlane-'
@@ -250,7 +245,7 @@ tables() {
 stsz100=$(fbox stsz $(be32 100)$(be32 10))  # 100 bytes for each of 10 samples
 # A sync sample named twice is out of order too; the last stsc entry runs to the last chunk: 3 x 4 samples.
 t 'tables twice.mp4 "$(fbox stsz $(be32 0)$(be32 9)$(for i in $(seq 9); do be32 100; done))$(fbox stss $(be32 2)$(be32 3)$(be32 3))" 1 4 1'
-# 4 + 4 + 2 samples: an entry may start at the last chunk.
+# 4 + 4 + 2 samples.
 t 'tables same_chunk.mp4 "$stsz100" 1 4 1 1 2 1'
 t 'tables no_stsc.mp4 "$stsz100"'
 t 'tables from_chunk_2.mp4 "$stsz100" 2 5 1'
@@ -297,7 +292,6 @@ t 'cp a.mp4 one_sample.mp4; poke one_sample.mp4 $(($(box_at a.mp4 stts) + 16)) $
 # The audio's chunk offsets as 118 64-bit ones of 2 samples each.
 t 'cp a.mp4 co64.mp4; poke co64.mp4 $(box_at a.mp4 stco) $(be32 960)co64$(be32 0)$(be32 118); poke co64.mp4 $(($(box_at a.mp4 stsc) + 20)) $(be32 2); marks co64.mp4'
 t 'cp fs.mp4 description_2.mp4; poke description_2.mp4 $(($(box_at fs.mp4 stsc) + 24)) $(be32 2); marks description_2.mp4'
-# Only the first fragment's trun of track 1 is wrong: the mark stays through the later ones.
 t 'cp fr.mp4 no_trex.mp4; for n in 1 2; do poke no_trex.mp4 $(($(box_at fr.mp4 trex $n) + 4)) free; done; marks no_trex.mp4'
 t 'cp fr.mp4 unknown_traf.mp4; poke unknown_traf.mp4 $(($(box_at fr.mp4 tfhd) + 12)) $(be32 99); marks unknown_traf.mp4'
 # probe reads 4096 compatible brands at most; the largest ftyp counts, not the last.
@@ -309,8 +303,8 @@ t 'marks wide.mp4'
 t 'cp fs.mp4 zero_mdat.mp4; poke zero_mdat.mp4 5045 $(be32 0); marks zero_mdat.mp4; poke zero_mdat.mp4 5049 MDAT; marks zero_mdat.mp4'
 t '{ cat fs.mp4; printf $(be32 0)free; head -c 8 /dev/zero; } > zero_free_fs.mp4; marks zero_free_fs.mp4'
 t '{ cat wide.mp4; printf $(be32 8)free; } > wide_free.mp4; marks wide_free.mp4'
-# A box with a 64-bit size before the second trak of the movie box; that trak made larger than the parser takes,
-# also behind an empty moov as the movie box's first child: the stop is still inside the top-level one.
+# The second trak made larger than the parser takes, behind an empty moov as the movie box's first child: the
+# stop is still inside the top-level one.
 t '{ head -c 40 fs.mp4; printf $(be32 8)moov; tail -c +41 fs.mp4; } > nested_moov.mp4; poke nested_moov.mp4 32 $(be32 $(($(u32_at fs.mp4 32) + 8))); poke nested_moov.mp4 $(box_at nested_moov.mp4 trak 2) $(be32 268435457); marks nested_moov.mp4'
 # 20 MiB, past probe's bound for a file this small.
 t '{ cat fs.mp4; printf $(be32 20971520)free; head -c 100 /dev/zero; } > over_bound.mp4; marks over_bound.mp4'
@@ -328,7 +322,7 @@ t 'head -c 100000 fs.mp4 > cut_mdat.mp4; remux cut_mdat.mp4 -o x.mp4'
 # The video's edit list given an empty edit of half a second in front, in a movie time scale of 1000 (the
 # tracks' is 48000); its parents grow by the 12 bytes of the entry.
 t 'e=$(box_at av.mp4 elst); { head -c $e av.mp4; printf $(be32 40)elst$(be32 0)$(be32 2)$(be32 500)$(be32 4294967295)$(be32 65536)$(be32 5000)$(be32 5760)$(be32 65536); tail -c +$((e + 29)) av.mp4; } > edit.mp4; for b in moov trak edts; do at=$(box_at edit.mp4 $b); poke edit.mp4 $at $(be32 $(($(u32_at edit.mp4 $at) + 12))); done; poke edit.mp4 $(($(box_at edit.mp4 mvhd) + 20)) $(be32 1000)$(be32 5500); remux edit.mp4 -o redit.mp4 && digest redit.mp4'
-# The video's edit (media_time 3840) made to start at media time 0; a video sample made 0 bytes long.
+# A video sample made 0 bytes long.
 t 'cp q.mp4 z.mp4; poke z.mp4 $(($(box_at z.mp4 stsz) + 20)) $(be32 0); remux z.mp4 -o x.mp4'
 t 'remux av.mp4 -o av.mp4'
 t 'brief 3 remux av.mp4 -o x.mp4 --fragment 1 --faststart'
@@ -413,7 +407,7 @@ t 'remux av.mp4 --fragment 3600 -o f3600.mp4 && digest f3600.mp4'
 # Notices: the video's stts made empty and its id 2^31 + 1; its stts deltas 0 and the audio's channels 6 (5.1).
 t 'cp av.mp4 nos.mp4; poke nos.mp4 $(($(box_at av.mp4 stts) + 12)) $(be32 0); poke nos.mp4 $(($(box_at av.mp4 tkhd) + 20)) $(be32 2147483649); remux nos.mp4 -o rnos.mp4 && remux -q nos.mp4 -o rnos.mp4 && digest rnos.mp4'
 t 'cp av.mp4 nod.mp4; poke nod.mp4 $(($(box_at av.mp4 stts) + 20)) $(be32 0); poke nod.mp4 $(($(box_at av.mp4 esds) + 35)) "\\xb0"; remux nod.mp4 -o rnod.mp4 && remux -q nod.mp4 -o rnod.mp4 && digest rnod.mp4'
-# The movie lasts as long as its longer track: the video's edit made 6 s; in fragments, its media 6.25 s.
+# The movie lasts as long as its longer track: in fragments, the video's media made 6.25 s.
 t 'cp av.mp4 slow.mp4; poke slow.mp4 $(($(box_at av.mp4 stts) + 20)) $(be32 2400); remux slow.mp4 --fragment 1 -o rslow.mp4 && digest rslow.mp4'
 t 'remux a96.mp4 --faststart -o r96.mp4 && digest r96.mp4'
 
