@@ -304,12 +304,26 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 4),
                          hand_slice(0, false, 2, 0, 2, 8, true), hand_slice(0, false, 2, 0, 1, 13)}),
             (Pocs{0, 4, 0, -3}));
-  // Under weighted prediction a P slice has its weights (§7.3.3.2) before the mmco 5 that is read after them, and
-  // a B slice under explicit bi-prediction (weighted_bipred_idc 1) those of both lists.
-  for (const auto& [pps, type] : {std::pair(hand_pps(0, 0, 0, 0, 0, true), 0u), {hand_pps(0, 0, 0, 0, 1), 1u}}) {
+  // Under weighted prediction a P or SP slice (slice_type 8) has its weights (§7.3.3.2) before the mmco 5 that is
+  // read after them, and a B slice under explicit bi-prediction (weighted_bipred_idc 1) those of both lists.
+  for (const auto& [pps, type] : {std::pair(hand_pps(0, 0, 0, 0, 0, true), 0u), {hand_pps(0, 0, 0, 0, 0, true), 3u},
+                                  {hand_pps(0, 0, 0, 0, 1), 1u}}) {
     EXPECT_EQ(pocs_of(sets_of(HandSps{}.nal(), pps),
                       {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, type, 1, 8, true, -1, true)}),
               (Pocs{0, 0})) << type;
+  }
+  // A non-reference B field under a PPS with redundant_pic_cnt_present_flag: its redundant_pic_cnt (1) is kept, and
+  // an override may give both lists 32 references (the most, for fields), not 33.
+  HandSps field_sps;
+  field_sps.fields = true;
+  const auto redundant = sets_of(field_sps.nal(), Bits().ue(0).ue(0).u(1, 0).u(1, 0).ue(0).ue(0).ue(0).u(1, 0).u(2, 0)
+                                                      .se(0).se(0).se(0).u(1, 1).u(1, 0).u(1, 1).nal(3, kNalPps));
+  for (const uint32_t refs : {32u, 33u}) {
+    const Nal nal = Bits().ue(0).ue(6).ue(0).u(4, 1).u(1, 1).u(1, 0).u(4, 2).ue(1).u(1, 1).u(1, 1).ue(refs - 1)
+                        .ue(refs - 1).u(1, 0).u(1, 0).nal(0, kNalSlice);
+    SliceHeader sh;
+    EXPECT_EQ(parse_slice_header(nal.data(), nal.size(), redundant, sh), refs == 32) << refs;
+    EXPECT_EQ(sh.redundant_pic_cnt, refs == 32 ? 1u : 0u) << refs;
   }
   // A frame whose bottom field counts 3 before its top (delta_pic_order_cnt_bottom, or delta_pic_order_cnt[1] with
   // offset_for_top_to_bottom_field 0) takes the lower count (§8.2.1).

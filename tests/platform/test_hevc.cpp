@@ -52,6 +52,15 @@ Nal vps_of(uint32_t sub_layers_minus1) {
   return b.u(1, 0).ue(4).ue(0).ue(0).hevc_nal(kVps);
 }
 
+TEST(HevcNalHeader, EveryFieldAtItsLargestAndRefusals) {
+  // forbidden_zero_bit set, nuh_temporal_id_plus1 0 and a header cut short are refused.
+  const uint8_t largest[] = {0x7F, 0xFF}, forbidden[] = {0x80, 0x01}, no_tid[] = {0x02, 0x00};
+  NalHeader h;
+  ASSERT_TRUE(parse_nal_header(largest, 2, h));
+  EXPECT_EQ((std::array<int, 3>{h.type, h.layer_id, h.temporal_id}), (std::array<int, 3>{63, 63, 6}));
+  EXPECT_FALSE(parse_nal_header(forbidden, 2, h) || parse_nal_header(no_tid, 2, h) || parse_nal_header(largest, 1, h));
+}
+
 // st_ref_pic_set written out: explicit negative and positive deltas ...
 Bits explicit_rps(const std::vector<uint32_t>& negative, const std::vector<uint32_t>& positive, bool first) {
   Bits b;
@@ -93,6 +102,10 @@ TEST(HevcParameterSets, HandMadeSequenceParameterSetsReadToTheEnd) {
             "sps 0 vps 0 sub 3 nest 1 | space 1 tier 1 profile 2 compat 20000000 constraints 800000000001 level 153 | "
             "chroma 1 1280x720 window 0 0 0 0 = 1280x720 depth 8 8 lsb 8 dpb 5 reorder 0 ctb 6 rps 4 | sar 64:45 "
             "tick 1001/60000 segmentation 1000");
+  // An HRD of low_delay_hrd_flag 1 sends no cpb_cnt_minus1 (§E.2.2): one CPB, and the VUI reads on.
+  HandSps low;
+  low.hrd = low.low_delay = true;
+  EXPECT_TRUE(parsed(low.nal()).ends_with("segmentation 1000")) << parsed(low.nal());
   // Cut anywhere before its last field, it is refused.
   const Nal whole = full.nal();
   for (std::size_t cut = 0; cut + 2 < whole.size(); ++cut)

@@ -123,6 +123,7 @@ TEST(TaskPool, BalancingCountsListOrderAndBadArguments) {
        {Rendavo_TaskPool_AddrInsertEx(pool, too_long.c_str(), &index), Rendavo_TaskPool_AddrInsertEx(pool, "g", 0),
         Rendavo_TaskPool_AddrIncEx(pool, 0, "b"), Rendavo_TaskPool_AddrIncEx(pool, 0, nullptr),
         Rendavo_TaskPool_AddrDecEx(pool, 0, nullptr), Rendavo_TaskPool_AddrDeleteEx(pool, 0, nullptr),
+        Rendavo_TaskPool_AddrDeleteEx(pool, 0, "b"),
         Rendavo_TaskPool_AddrGetEx(pool, -1, &list, &index), Rendavo_TaskPool_AddrGetEx(pool, 3, &list, &index),
         Rendavo_TaskPool_AddrGetEx(pool, 0, &list, nullptr), Rendavo_TaskPool_AddrGetEx(pool, 0, nullptr, &index),
         Rendavo_TaskPool_WaitEventEx(pool, 3, 0)})

@@ -35,6 +35,7 @@ struct HandSps {
   uint32_t cpbs = 2;        // per sub-layer, with HRD
   int32_t dc_minus8 = 8;    // scaling_list_dc_coef_minus8 of every list that has one
   int elemental = -1;       // with HRD, a fixed picture rate of that elemental_duration_in_tc_minus1
+  bool low_delay = false;   // with HRD and no fixed rate, low_delay_hrd_flag: one CPB, its count not sent
 
   std::vector<uint8_t> nal() const {
     Bits b;
@@ -89,11 +90,12 @@ struct HandSps {
       b.u(1, 1).u(1, 1).u(1, 1).u(8, 90).u(5, 23).u(1, 1).u(5, 23).u(4, 4).u(4, 6).u(4, 2).u(5, 23).u(5, 23).u(5, 23);
       for (uint32_t i = 0; i <= sub_layers_minus1; ++i) {
         // fixed_pic_rate_general_flag 0, fixed_pic_rate_within_cvs_flag, then its elemental duration or
-        // low_delay_hrd_flag 0
+        // low_delay_hrd_flag
+        const bool low = elemental < 0 && low_delay;
         b.u(1, 0).u(1, elemental >= 0);
-        elemental >= 0 ? b.ue(uint32_t(elemental)) : b.u(1, 0);
-        b.ue(cpbs - 1);
-        for (uint32_t k = 0; k < 2 * cpbs; ++k) b.ue(1000).ue(2000).ue(300).ue(400).u(1, 1);  // NAL and VCL
+        elemental >= 0 ? b.ue(uint32_t(elemental)) : b.u(1, low);
+        if (!low) b.ue(cpbs - 1);
+        for (uint32_t k = 0; k < 2 * (low ? 1 : cpbs); ++k) b.ue(1000).ue(2000).ue(300).ue(400).u(1, 1);  // NAL, VCL
       }
     }
     b.u(1, 1).u(1, 0).u(1, 1).u(1, 0).ue(min_spatial).ue(2).ue(1).ue(15).ue(15);
