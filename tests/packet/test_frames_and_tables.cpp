@@ -66,11 +66,12 @@ TEST_F(FrameTest, RefusedFramesChangeNothing) {
     const int32_t* lengths;
     int count;
   } units[] = {{nalus, lengths, 0}, {with_null, lengths, 2}, {nalus, with_negative, 2}, {nalus, too_long, 2},
-               {nalus, one_too_long, 1}};
+               {nalus, one_too_long, 1}, {nalus, nullptr, 2}};
   for (const auto& u : units)
     refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAccessUnit, u.nalus, u.lengths, u.count, int64_t{0},
             1, 40, 40);
-  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAudio, frame, -1, int64_t{0}, 1024);
+  for (const auto& [bytes, length] : {std::pair<const uint8_t*, int>{frame, -1}, {nullptr, 6}})
+    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAudio, bytes, length, int64_t{0}, 1024);
   EXPECT_TRUE(record().nVideoCount == 0 && record().listVideoSample.empty() && record().listAudioSize.empty());
   // A client with audio frames alone stays a movie too.
   audio(6, 1024);
@@ -93,6 +94,13 @@ TEST_F(FrameTest, RefusedWhenMemoryRunsOut) {
     EXPECT_TRUE(record().nVideoCount == 0 && record().listVideoSample.empty() && record().listVideoSTss.empty());
   }
   EXPECT_EQ(video(6, 1, 40, 40), bytes_hex("00000002 4141"));
+  // A duration that closes the open run needs room for a closed run too; a client needs room for its record.
+  g_no_memory = true;
+  const bool ok = Boxlane_Packet_FrameVideo(client(), out, &length, frame, 6, int64_t{6}, 0, 41, 0);
+  const bool inserted = Boxlane_Packet_Insert("writer/no memory");
+  g_no_memory = false;
+  EXPECT_EQ(std::tuple(ok, inserted, Boxlane_GetLastError(nullptr), record().listVideoSample.size()),
+            std::tuple(false, false, uint64_t{BOXLANE_ERROR_PACKET_MALLOC}, std::size_t{1}));
 }
 
 // A duration merges only with the last run (none: in no run); positive composition offsets get a ctts entry each;

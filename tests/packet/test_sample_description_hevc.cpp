@@ -127,6 +127,9 @@ TEST_F(HevcSampleDescription, WhatTheInputMayHold) {
                             annexb({vps, Bytes(sps.begin(), sps.begin() + 20), pps}),
                             annexb({Bytes(vps.begin(), vps.begin() + 6), sps, pps})})
     refused(sets);
+  // A length below 1 is refused before the bytes are read.
+  for (const int32_t length : {0, -1})
+    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdHEVC, big.data(), length);
 }
 
 }  // namespace
