@@ -165,6 +165,7 @@ std::string dump_track(const char* c, int32_t id, const BOXLANE_TRACKINFO& track
 std::string dump(const std::string& client) {
   const char* c = client.c_str();
   QORVANE_HDRFTYP f{};
+  std::memset(f.tszMajorBrand, 'X', sizeof f.tszMajorBrand - 1);  // the whole field is written, its NUL too
   std::string out = "ftyp " + result(Boxlane_Parse_GetFTyp(c, &f));
   out += " " + chars(f.tszMajorBrand) + fmt(" %X", f.nMinorVersion);
   for (int i = 0; i < f.nBrandCount; ++i) out += " " + chars(f.pptszCompatibleBrand[i]);
@@ -231,6 +232,8 @@ std::string refusals(const char* c) {
       [&] { return Boxlane_Parse_GetMVhd(c, nullptr); },
       [&] { return Boxlane_Parse_GetTrackList(c, 1, &list, nullptr, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS); },
       [&] { return Boxlane_Parse_GetTrackIDs(c, &ids, nullptr); },
+      [&] { return Boxlane_Parse_GetTrackKey(c, 1, &ids, nullptr); },
+      [&] { return Boxlane_Parse_GetTrackCodec(c, 1, nullptr); },
       [&] { return Boxlane_Parse_GetTrackSDtp(c, 1, &sdtp, nullptr); },
       [&] { return Boxlane_Parse_GetTrackIndex(c, 1, nullptr); },
       [&] { return Boxlane_Parse_GetTrackSamples(c, 1, 0, two, -1, &n); },
@@ -414,9 +417,11 @@ Bytes fragmented() {
                                         trun_box(0, 0x001 | 0x100 | 0x200 | 0x400, {{2000, 5, kSync}, {2000, 6, kNonSync}}, offset),
                                         trun_box(0, 0x200 | 0x800, {{0, 7, 0, 0xFFFFFFFFu}})}))});
   })).add(box("mdat", Bytes{}.zeros(18)));
-  // moof 3: the first traf without a base flag is based on the moof; its boxes' types in capitals.
+  // moof 3: the first traf without a base flag is based on the moof; its boxes' types in capitals; a tfhd of
+  // version 1, whose flags are still the 24 bits after the version.
   stream.add(moof_with_offset([](int32_t offset) {
-    return moof_box(3, {capitals(box("traf", cat({capitals(tfhd_box(0, 2)), capitals(trun_box(0, 0x001, {{}}, offset))})))});
+    return moof_box(3, {capitals(box("traf", cat({capitals(full_box("tfhd", 1, 0, Bytes{}.u32(2))),
+                                                 capitals(trun_box(0, 0x001, {{}}, offset))})))});
   })).add(box("mdat", Bytes{}.zeros(300)));
   return stream.add(cat({box("styp", Bytes{}.str("msdh").u32(0)), full_box("sidx", 1, 0, Bytes{}.zeros(32)),
                          full_box("emsg", 1, 2, Bytes{}.zeros(12)),
@@ -489,11 +494,12 @@ std::vector<Row> rows() {
         {"descriptor", {0x80, 0x80, 0x80, 0x05}}, {"descriptor", {0x81, 0x80, 0x80, 0x80}}}},
       {"hdlr: a name longer than the field; none; a byte short of the fixed part",
        {T(1), {"hdlr", hdlr("soun", std::string(3000, 'n'))}, T(2), {"hdlr", hdlr("meta", "")}, {"hdlr", cut(hdlr("text", ""))}}},
-      {"dref: url, self-contained url, urn, a location past 1023 bytes; sizes 0 and past the payload, a count past it",
+      {"dref: url, self-contained url, urn, a location past 1023 bytes; sizes 0 and past the payload, a count past it, a count short of the entries",
        {T(1), dinf(4, cat({full_box("url ", 0, 0, Bytes{}.str("http://x/a.mp4").u8(0).str("junk")), full_box("url ", 0, 1),
                            full_box("urn ", 0, 0, Bytes{}.str("urn:a").u8(0).str("loc").u8(0)),
                            full_box("url ", 0, 0, Bytes{}.str(std::string(2000, 'u')))})),
-        T(2), dinf(3, cat({s, box("url ", {}, 0), s})), dinf(2, cat({s, box("url ", Bytes{}.str("abcd"), 64)})), dinf(0x7FFFFFFF, s)}},
+        T(2), dinf(3, cat({s, box("url ", {}, 0), s})), dinf(2, cat({s, box("url ", Bytes{}.str("abcd"), 64)})), dinf(0x7FFFFFFF, s),
+        T(3), dinf(1, cat({s, s}))}},
       {"sample tables: a second box appends, counts past the payload or of 2^31 and more, stz2 of every field size",
        {T(1), {"stts", u32s(0, {2, 3, 1000, 1, 500})}, T(2), {"ctts", u32s(1, {2, 1, uint32_t(-2), 4, 2048})},
         T(3), {"stsc", u32s(0, {2, 1, 5, 1, 3, 2, 1})}, T(4), {"stsz", u32s(0, {1024, 10, 5, 6})}, {"stsz", u32s(0, {0, 3, 7, 8, 9})},
@@ -515,10 +521,11 @@ std::vector<Row> rows() {
        {T(1), avc({{0x67, 0x42}, Bytes{}.add(std::vector<uint8_t>(BOXLANE_CODEC_PARAMSET_BYTES - 3, 0x11)), {0x67, 0x43}}, ones(40, 0x68)),
         T(2), avc(ones(1, 0x67), ones(BOXLANE_CODEC_MAX_PARAMSETS, 0x68)), T(3), avc(ones(1, 0x67), ones(BOXLANE_CODEC_MAX_PARAMSETS + 1, 0x68)),
         T(4), aac_config(asc), T(5), aac_config(Bytes{asc}.u8(0x13))}},
-      {"mp4a: an ES_Descriptor with every option; sound entries v1 and v2; one longer than its box; a size past 4 bytes; no DecoderSpecificInfo",
+      {"mp4a: an ES_Descriptor with every option; sound entries v1 and v2; one longer than its box; a size past 4 bytes; no DecoderSpecificInfo; an OCR_ES_Id and no URL",
        {T(1), mp4a(unhex(rich)), T(2), mp4a(unhex(plain), 1), T(3), mp4a(unhex("03 7F" + plain.substr(5)), 2),
         T(4), mp4a(unhex("03 1D 0002 00 04 15 40 15 000000 0001F400 0001F400 05 81808080 02 1190 06 01 02")),
-        T(5), mp4a(unhex("03 15 0002 00 04 0D 6B 15 000600 0001F400 0001F400 06 01 02"))}},
+        T(5), mp4a(unhex("03 15 0002 00 04 0D 6B 15 000600 0001F400 0001F400 06 01 02")),
+        T(6), mp4a(unhex("03 1B 0002 20 0007 04 11 40 15 000000 0001F400 0001F400 05 02 1190 06 01 02"))}},
       {"hvc1: every field differs, an array's reserved bit set; units filling the area and a byte more, a unit after; 64 and 65 units; the shortest hvcC and less",
        {T(1), hevc(unhex("A0 0001 0003 40010C  21 0002 0002 4201 0004 42010102  67 0002 0000 0001 4E"), 3),
         T(2), filled(100), T(3), filled(101), T(4), sps_array(ones(64)), T(5), sps_array(ones(65)), T(6), hevc({}, 0),
@@ -535,9 +542,15 @@ std::vector<Row> rows() {
       {"index: the same in the basic mode, which reads no co64", {{"send", wide}}},
       {"index: times past 2^64", {{"send", movie({table_box("stts", {{0xFFFFFFFF, 0xFFFFFFFF}, {0xFFFFFFFF, 0xFFFFFFFF}}), stsc, stsz, stco})}}},
       {"index: an stz2 in the basic mode, which reads none", {{"send", movie({stts, stsc, box("stz2", stz2(8, 5, {1, 2, 3, 4, 5}).bytes), stco})}}},
+      {"index: a window past a run of 2^33 ticks; an stss that repeats an entry",
+       {{"send", movie({table_box("stts", {{2, 0xFFFFFFFF}, {3, 1}}), stsc, stsz, stco, table_box("stss", {{1}, {1}, {2}})})},
+        {"window", {2}}}},
       {"index: first_chunk not increasing", {{"send", movie({stts, table_box("stsc", {{1, 1, 1}, {1, 4, 1}}), stsz, stco})}}},
       {"fragments: records, samples and answers of three moofs", {{"feedx", fragmented()}}},
       {"fragments: the basic mode reads none of their boxes", {{"feed", fragmented()}}},
+      {"fragments: a moof whose mdat never comes, then one whose mdat does: only the second's data is checked",
+       {{"feedx", cat({fragment_prefix(), based(1, at(0, 0x201, {{0, 9}})), based(1, at(0, 0x201, {{0, 9}})),
+                       box("mdat", Bytes{}.zeros(9))})}}},
       lie("data ending where the moof starts", one_traf(cat({tfhd_box(0x020000, 1), trun_box(0, 0x201, {{0, 100}}, -100)})), 0),
       lie("a negative data_offset past an explicit base", one_traf(cat({tfhd_box(0x01, 1, {0, 0}), trun_box(0, 0x201, {{0, 100}}, -1000)})), 100),
       {"fragments: an mdat of size 0 after the moof, none of its data sent yet", {{"feedx", to_end, {to_end.size() - 9}}}},
@@ -557,6 +570,8 @@ std::vector<Row> rows() {
           }), 100),
       {"fragments: a second mdat after the one the moof's data is in",
        {{"sendx", cat({fragment_prefix(), based(1, at(0, 0x201, {{0, 9}})), box("mdat", Bytes{}.zeros(9)), box("mdat", Bytes{}.zeros(5))})}}},
+      {"fragments: data starting 8 bytes into an mdat of 64-bit size, inside its header",
+       {{"sendx", cat({fragment_prefix(), based(1, at(0, 0x201, {{0, 9}})), resized(box("mdat", Bytes{}.zeros(9)), true)})}}},
       lie("a trun of 64-bit size", based(1, [](int32_t off) { return resized(trun_box(0, 0x001, {{}}, off), true); }), 100),
       lie("a trun of size 0, last in its traf", based(1, [](int32_t off) { return resized(trun_box(0, 0x201, {{0, 9}}, off), false); }), 9),
       lie("a trun without its sample_count", based(1, [](int32_t) { return full_box("trun", 0, 0); }), 0),

@@ -50,6 +50,13 @@ Bytes repeated(Bytes first, const Bytes& one, std::size_t total) {
 
 const Bytes kTrack = box("tkhd", tkhd_payload(1));
 
+// The sample description for track after track, to 8 MiB.
+Bytes tracks_of(const Bytes& stsd) {
+  Bytes b;
+  for (uint32_t id = 1; b.size() < (8u << 20); ++id) b.add(box("tkhd", tkhd_payload(id))).add(stsd);
+  return b;
+}
+
 struct Shape {
   const char* name;
   Bytes (*stream)();
@@ -101,10 +108,33 @@ const Shape kShapes[] = {
        Bytes hvcc = Bytes{}.u8(1).zeros(21).u8(1).u8(0x80 | 33).u16(4);  // the fixed fields, one array of 4 SPS
        for (int i = 0; i < 4; ++i) hvcc.u16(60000).zeros(60000);
        const Bytes entry = box("hvc1", cat({Bytes{}.zeros(6).u16(1).zeros(70), box("hvcC", hvcc)}));
-       const Bytes stsd = full_box("stsd", 0, 0, Bytes{}.u32(1).add(entry));
-       Bytes b;
-       for (uint32_t id = 1; b.size() < (8u << 20); ++id) b.add(box("tkhd", tkhd_payload(id))).add(stsd);
-       return b;
+       return tracks_of(full_box("stsd", 0, 0, Bytes{}.u32(1).add(entry)));
+     },
+     3, true},
+    // The same in avc1 entries whose avcC holds 31 SPS of 20000 bytes, and in mp4a entries whose esds holds a
+    // DecoderSpecificInfo of 500000 bytes (ISO/IEC 14496-1 §7.2.2.3: its size in four bytes of seven bits).
+    {"avc_units",
+     [] {
+       Bytes avcc = Bytes{}.u8(1).u8(100).u8(0).u8(31).u8(0xFF).u8(0xE0 | 31);
+       for (int i = 0; i < 31; ++i) avcc.u16(20000).u8(0x67).zeros(19999);
+       avcc.u8(0);
+       const Bytes entry = box("avc1", cat({Bytes{}.zeros(6).u16(1).zeros(70), box("avcC", avcc)}));
+       return tracks_of(full_box("stsd", 0, 0, Bytes{}.u32(1).add(entry)));
+     },
+     3, true},
+    {"aac_config",
+     [] {
+       const uint32_t n = 500000;
+       const auto size = [](uint32_t v) {
+         return Bytes{}.u8(0x80 | (v >> 21 & 0x7F)).u8(0x80 | (v >> 14 & 0x7F)).u8(0x80 | (v >> 7 & 0x7F)).u8(v & 0x7F);
+       };
+       const Bytes config = cat({Bytes{}.u8(4), size(13 + 5 + n), Bytes{}.u8(0x40).u8(0x15).zeros(11).u8(5), size(n),
+                                 Bytes{}.u8(0x11).zeros(n - 1)});
+       const Bytes es = cat({Bytes{}.u8(3), size(3 + uint32_t(config.size()) + 3), Bytes{}.u16(1).u8(0), config,
+                             Bytes{}.u8(6).u8(1).u8(2)});
+       const Bytes entry = box("mp4a", cat({Bytes{}.zeros(6).u16(1).zeros(8).u16(2).u16(16).zeros(4).u32(48000u << 16),
+                                            full_box("esds", 0, 0, es)}));
+       return tracks_of(full_box("stsd", 0, 0, Bytes{}.u32(1).add(entry)));
      },
      3, true},
     // 8 MiB of moof + mdat pairs of 8000 one-byte samples each, whose answers wait to be taken; the basic mode
