@@ -3,6 +3,7 @@
 // words of the summary line (remux's too).
 #include <gtest/gtest.h>
 
+#include <array>
 #include <optional>
 #include <tuple>
 
@@ -13,6 +14,7 @@
 #include "tools/common/summary_text.hpp"
 #include "tools/common/tool_error.hpp"
 #include "tools/mux/stream_chunks.hpp"
+#include "tools/mux/video.hpp"
 
 namespace boxlane::test {
 namespace {
@@ -166,6 +168,53 @@ TEST(ChunkOffsets, EachTrackWidensWhenItsLastSampleReachesTwoToThe32) {
   }
   // The mdat takes a 64-bit size once its 8-byte header and payload would pass 2^32 - 1 bytes.
   EXPECT_EQ(std::tuple(mdat_header_size(k4GiB - 9), mdat_header_size(k4GiB - 8)), std::tuple(8u, 16u));
+}
+
+// ITU-T H.264 §7.4.1.2.4: a slice past macroblock 0 opens a new picture only when a field it lists differs from the
+// picture's first slice; the picture order fields count under the POC type that sends them (none under type 2).
+TEST(NewPicture, EachFieldThatTellsPicturesApart) {
+  using Slice = h264::SliceHeader;
+  Slice first;
+  first.nal_type = h264::kNalSlice, first.nal_ref_idc = 2, first.first_mb = 0, first.pps_id = 1, first.frame_num = 3;
+  first.idr_pic_id = 4, first.poc_lsb = 6, first.delta_poc_bottom = 1, first.delta_poc = {2, 3};
+  const struct {
+    const char* what;
+    void (*change)(Slice&);
+    std::array<bool, 3> by_poc_type;
+  } rows[] = {
+      {"nothing", [](Slice&) {}, {false, false, false}},
+      {"first_mb_in_slice 0", [](Slice& s) { s.first_mb = 0; }, {true, true, true}},
+      {"frame_num", [](Slice& s) { s.frame_num = 4; }, {true, true, true}},
+      {"pic_parameter_set_id", [](Slice& s) { s.pps_id = 2; }, {true, true, true}},
+      {"field_pic_flag", [](Slice& s) { s.field_pic = true; }, {true, true, true}},
+      {"bottom_field_flag", [](Slice& s) { s.bottom_field = true; }, {true, true, true}},
+      {"nal_ref_idc 0", [](Slice& s) { s.nal_ref_idc = 0; }, {true, true, true}},
+      {"nal_ref_idc 3, a reference still", [](Slice& s) { s.nal_ref_idc = 3; }, {false, false, false}},
+      {"an IDR slice", [](Slice& s) { s.nal_type = h264::kNalIdrSlice; }, {true, true, true}},
+      {"idr_pic_id outside an IDR", [](Slice& s) { s.idr_pic_id = 5; }, {false, false, false}},
+      {"pic_order_cnt_lsb", [](Slice& s) { s.poc_lsb = 7; }, {true, false, false}},
+      {"delta_pic_order_cnt_bottom", [](Slice& s) { s.delta_poc_bottom = 2; }, {true, false, false}},
+      {"delta_pic_order_cnt[0]", [](Slice& s) { s.delta_poc[0] = 0; }, {false, true, false}},
+      {"delta_pic_order_cnt[1]", [](Slice& s) { s.delta_poc[1] = 0; }, {false, true, false}},
+      {"a redundant picture at macroblock 0", [](Slice& s) { s.first_mb = 0, s.redundant_pic_cnt = 1; },
+       {false, false, false}},
+  };
+  h264::Sps sps;
+  for (const auto& row : rows) {
+    Slice next = first;
+    next.first_mb = 8;
+    row.change(next);
+    for (const uint32_t type : {0u, 1u, 2u}) {
+      sps.poc_type = type;
+      EXPECT_EQ(starts_new_picture(first, next, sps), row.by_poc_type[type]) << row.what << ", POC type " << type;
+    }
+  }
+  // Two IDR pictures in a row differ in idr_pic_id.
+  first.nal_type = h264::kNalIdrSlice;
+  Slice next = first;
+  next.first_mb = 8, next.idr_pic_id = 5;
+  sps.poc_type = 2;
+  EXPECT_TRUE(starts_new_picture(first, next, sps));
 }
 
 // Each side of where a size changes its unit; channel layouts by name where they have one.

@@ -11,6 +11,19 @@
 
 namespace boxlane::tool {
 
+bool starts_new_picture(const h264::SliceHeader& prev, const h264::SliceHeader& cur, const h264::Sps& sps) noexcept {
+  if (cur.redundant_pic_cnt > 0) return false;
+  if (cur.first_mb == 0) return true;
+  if (cur.frame_num != prev.frame_num || cur.pps_id != prev.pps_id || cur.field_pic != prev.field_pic ||
+      cur.bottom_field != prev.bottom_field || (cur.nal_ref_idc == 0) != (prev.nal_ref_idc == 0) ||
+      cur.idr() != prev.idr() || (cur.idr() && cur.idr_pic_id != prev.idr_pic_id)) {
+    return true;
+  }
+  if (sps.poc_type == 0) return cur.poc_lsb != prev.poc_lsb || cur.delta_poc_bottom != prev.delta_poc_bottom;
+  if (sps.poc_type == 1) return cur.delta_poc != prev.delta_poc;
+  return false;
+}
+
 namespace {
 
 // §7.4.1: forbidden_zero_bit set marks a unit damaged in transmission.
@@ -23,21 +36,6 @@ std::string at(uint64_t offset) { return " at byte " + std::to_string(offset); }
 
 bool same_bytes(const std::vector<uint8_t>& kept, const NalUnit& nal) {
   return kept.size() == nal.size && std::memcmp(kept.data(), nal.data, nal.size) == 0;
-}
-
-// §7.4.1.2.4: what tells the first slice of a new primary picture from
-// another slice of the same one.
-bool starts_new_picture(const h264::SliceHeader& prev, const h264::SliceHeader& cur, const h264::Sps& sps) {
-  if (cur.redundant_pic_cnt > 0) return false;
-  if (cur.first_mb == 0) return true;
-  if (cur.frame_num != prev.frame_num || cur.pps_id != prev.pps_id || cur.field_pic != prev.field_pic ||
-      cur.bottom_field != prev.bottom_field || (cur.nal_ref_idc == 0) != (prev.nal_ref_idc == 0) ||
-      cur.idr() != prev.idr() || (cur.idr() && cur.idr_pic_id != prev.idr_pic_id)) {
-    return true;
-  }
-  if (sps.poc_type == 0) return cur.poc_lsb != prev.poc_lsb || cur.delta_poc_bottom != prev.delta_poc_bottom;
-  if (sps.poc_type == 1) return cur.delta_poc != prev.delta_poc;
-  return false;
 }
 
 // Groups NAL units into access units as it goes.

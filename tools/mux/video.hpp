@@ -119,6 +119,11 @@ void order_for_display(const std::string& name, VideoStream& v);
 void walk_annexb(const uint8_t* data, std::size_t size, const std::string& name,
                  const std::function<void(const NalUnit&)>& take, const std::function<void(const uint8_t*)>& read_to);
 
+// §7.4.1.2.4: whether `cur` is the first slice of a new primary picture
+// rather than another slice of the picture `prev` began (a redundant
+// picture's slices never are).
+bool starts_new_picture(const h264::SliceHeader& prev, const h264::SliceHeader& cur, const h264::Sps& sps) noexcept;
+
 // num/den frames per second in lowest terms, when it is a plausible rate.
 bool plausible_rate(uint64_t num, uint64_t den, FrameRate& out) noexcept;
 
