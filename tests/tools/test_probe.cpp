@@ -265,6 +265,14 @@ TEST(ProbeAudioConfig, EscapedObjectTypeAndExplicitRate) {
     EXPECT_EQ(std::tuple(got.valid, got.object_type, got.sample_rate, got.channel_config),
               std::tuple(c.want.valid, c.want.object_type, c.want.sample_rate, c.want.channel_config));
   }
+  // Every sampling_frequency_index of ISO/IEC 14496-3 Table 1.18, AAC-LC stereo.
+  const uint32_t rates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350};
+  for (uint8_t index = 0; index < 13; ++index) {
+    BOXLANE_CODECINFO codec{};
+    codec.byAudioCfg[0] = uint8_t(0x10 | index >> 1), codec.byAudioCfg[1] = uint8_t((index & 1) << 7 | 2 << 3);
+    codec.nAudioCfgLen = 2;
+    EXPECT_EQ(tool::read_audio_config(codec).sample_rate, rates[index]) << int(index);
+  }
 }
 
 // The words probe prints for codec numbers. ISO/IEC 14496-10 Annex A: constraint_set1 narrows Baseline, set4

@@ -119,8 +119,9 @@ t 'mux -v $D/sample.h264 --fps 20 --timescale 23 -o y.mp4 && show y.mp4'
 # The VUI's time_scale in the three SPSs made 2000, 2001 and 1 (num_units_in_tick 1): 1000, 1000.5 and half a
 # frame a second (ISO/IEC 14496-10 §E.2.1).
 t 'for v in "22 \\x7d\\x00\\xf1\\x42\\x99\\x60\\x00" "22 \\x7d\\x10\\xf1\\x42\\x99\\x60\\x00" "23 \\x00\\x10"; do cp $D/sample.h264 vui.h264; set -- $v; for at in 0 61488 131017; do poke vui.h264 $(($1 + at)) "$2"; done; mux -v vui.h264 -o y.mp4 && digest y.mp4; done'
-# Three frames of 2^32 - 1 ticks in all still fit version 0 boxes; a tick more a frame does not.
-t 'for ts in 1431655765 1431655766; do mux -q -v recovery.h264 --fps 1 --timescale $ts -o y.mp4 && digest y.mp4; done'
+# Three frames of 2^32 - 1 ticks in all still fit version 0 boxes; a tick more a frame does not. probe adds
+# the stts run up in 64 bits.
+t 'for ts in 1431655765 1431655766; do mux -q -v recovery.h264 --fps 1 --timescale $ts -o y.mp4 && digest y.mp4 && probe --json y.mp4 | grep table_duration; done'
 # A fragment of audio alone holds at least one frame, however short --fragment is.
 t 'mux -a $D/sample.aac --fragment 0.000001 -o y.mp4 && digest y.mp4'
 t 'head -c 4096 /dev/zero | tr "\\0" "\\1" > ones.bin; mux -v ones.bin -o x.mp4'
@@ -210,6 +211,7 @@ t 'cp a.mp4 nostco.mp4; at=$(box_at a.mp4 stco); poke nostco.mp4 $((at + 4)) fre
 t 'cp fr.mp4 ov.mp4; set -- $(LC_ALL=C grep -obaE trun ov.mp4 | head -2 | cut -d: -f1); poke ov.mp4 $(($2 + 12)) $(be32 $(u32_at ov.mp4 $(($1 + 12)))); probe ov.mp4 | sed -n "4,5p;/note/p"'
 t 'probe a.mp4 > /dev/full'
 t 'probe missing.mp4'
+t ': > empty.mp4; probe empty.mp4; : | probe -'
 t 'brief 1 probe --pools 64 fs.mp4 && brief 1 probe --piece 67108864 fs.mp4 && brief 1 probe --random-pieces 67108864 --seed 0 fs.mp4'
 t 'brief 3 probe -z'
 t 'brief 3 probe --seed 1 x'
@@ -403,6 +405,8 @@ t 'ln -f av.mp4 hard.mp4 && ln -sf av.mp4 soft.mp4 && { remux av.mp4 -o hard.mp4
 t 'onto_old empty -o out.mp4'
 t 'for a in "--fragment 3600.001" "--fragment 1s" --bogus; do brief 1 remux av.mp4 -o x.mp4 $a; done; brief 1 remux av.mp4 -o'
 t 'brief 1 remux --help'
+t 'brief 1 remux -h && remux a.mp4 --output ro.mp4 && digest ro.mp4'
+t 'brief 1 remux a.mp4 av.mp4 -o x.mp4'
 t 'remux av.mp4 --fragment 3600 -o f3600.mp4 && digest f3600.mp4'
 # Notices: the video's stts made empty and its id 2^31 + 1; its stts deltas 0 and the audio's channels 6 (5.1).
 t 'cp av.mp4 nos.mp4; poke nos.mp4 $(($(box_at av.mp4 stts) + 12)) $(be32 0); poke nos.mp4 $(($(box_at av.mp4 tkhd) + 20)) $(be32 2147483649); remux nos.mp4 -o rnos.mp4 && remux -q nos.mp4 -o rnos.mp4 && digest rnos.mp4'
