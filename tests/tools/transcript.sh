@@ -63,6 +63,7 @@ t 'cat $D/sample.aac | mux -a - --fragment 1 -o apipe.mp4 && digest apipe.mp4'
 t 'mux -v $D/main10_cra.h265 -a $D/sample.aac -o h265.mp4 && show h265.mp4 && deep h265.mp4'
 t 'mux --video-codec hevc -v $D/main10_cra.h265 --fragment 0.1 -o h265f.mp4 && show h265f.mp4 && deep h265f.mp4'
 t 'mux --video-codec h264 -v $D/main10_cra.h265 -o x.mp4'
+t 'mux --video-codec h264 --video-codec auto -v $D/main10_cra.h265 -o x.mp4 && digest x.mp4'
 # 40 access unit delimiters before the first parameter set: still found to be H.265.
 t '{ for i in $(seq 40); do printf "\\0\\0\\0\\1\\x46\\x01\\x50"; done; cat $D/main10_cra.h265; } > aud40.h265; mux -q -v aud40.h265 -o aud40.mp4 && digest aud40.mp4'
 t 'mux -v lead.h265 -o lead.mp4 && digest lead.mp4 && mux -q -v lead.h265 -o leadq.mp4 && mux -q -v lead.h265 --fragment 1 -o leadf.mp4 && digest leadf.mp4'
@@ -209,6 +210,7 @@ t 'cp c.mp4 c5g.mp4; poke c5g.mp4 $(($(box_at c.mp4 stsz) + 12)) $(be32 20000000
 t 'cp a.mp4 nostco.mp4; at=$(box_at a.mp4 stco); poke nostco.mp4 $((at + 4)) free; probe nostco.mp4 | grep note; poke nostco.mp4 $at $(be32 16)co64$(be32 0)$(be32 0)$(be32 $(($(u32_at a.mp4 $at) - 16)))free; probe nostco.mp4 | grep note'
 # The audio trun of the first moof given the video's data_offset: two trafs that share data.
 t 'cp fr.mp4 ov.mp4; set -- $(LC_ALL=C grep -obaE trun ov.mp4 | head -2 | cut -d: -f1); poke ov.mp4 $(($2 + 12)) $(be32 $(u32_at ov.mp4 $(($1 + 12)))); probe ov.mp4 | sed -n "4,5p;/note/p"'
+t 'cp fr.mp4 cc.mp4; poke cc.mp4 $(($(box_at cc.mp4 trun) + 12)) $(be32 100000); probe cc.mp4 | sed -n "6,7p"; probe --json cc.mp4 | grep -m1 complete'
 t 'probe a.mp4 > /dev/full'
 t 'probe missing.mp4'
 t ': > empty.mp4; probe empty.mp4; : | probe -'
