@@ -97,10 +97,12 @@ TEST_F(FrameTest, RefusedWhenMemoryRunsOut) {
   // A duration that closes the open run needs room for a closed run too; a client needs room for its record.
   g_no_memory = true;
   const bool ok = Boxlane_Packet_FrameVideo(client(), out, &length, frame, 6, int64_t{6}, 0, 41, 0);
+  const uint64_t frame_error = Boxlane_GetLastError(nullptr);
   const bool inserted = Boxlane_Packet_Insert("writer/no memory");
   g_no_memory = false;
-  EXPECT_EQ(std::tuple(ok, inserted, Boxlane_GetLastError(nullptr), record().listVideoSample.size()),
-            std::tuple(false, false, uint64_t{BOXLANE_ERROR_PACKET_MALLOC}, std::size_t{1}));
+  EXPECT_EQ(std::tuple(ok, frame_error, inserted, Boxlane_GetLastError(nullptr), record().listVideoSample.size()),
+            std::tuple(false, uint64_t{BOXLANE_ERROR_PACKET_MALLOC}, false, uint64_t{BOXLANE_ERROR_PACKET_MALLOC},
+                       std::size_t{1}));
 }
 
 // A duration merges only with the last run (none: in no run); positive composition offsets get a ctts entry each;
