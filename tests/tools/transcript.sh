@@ -203,6 +203,8 @@ t 'for f in av fr; do probe --json --samples $f.mp4 > whole; for o in "--piece 1
 # 70000 samples, past one query window (65536); 4100 fragments, past the 4096 answers the parser holds.
 t 'mux -q --fps 25 --timescale 25 -v long70k.h264 -o l70k.mp4 && probe --json --samples l70k.mp4 | grep "\"decode_time\"" | tr -d "[]," | awk "{print NF - 1, \$65537, \$65538, \$70001}"'
 t 'mux -q --fps 25 --fragment 0.04 -v idr4100.h264 -o i4100.mp4 && probe --json i4100.mp4 | grep -E "\"(track_fragments|sample_count|complete)\""'
+# 23600 fragments, far more than the parser keeps waiting (4096 answers): remux and probe take every one.
+t '{ for i in $(seq 100); do cat $D/sample.aac; done; } > a100.aac; mux -q -a a100.aac --fragment 0.000001 -o f23600.mp4 && remux -q f23600.mp4 -o r23600.mp4 && digest r23600.mp4 && probe --json f23600.mp4 | grep -m1 complete'
 # The audio's stsz made one sample_size (1000 bytes) for all its 236 samples, the entries left in a free box.
 t 'cp a.mp4 c.mp4; at=$(box_at c.mp4 stsz); poke c.mp4 $at $(be32 20)stsz$(be32 0)$(be32 1000)$(be32 236)$(be32 944)free; probe --tables c.mp4 | sed -n "6,20p"'
 t 'cp c.mp4 c5g.mp4; poke c5g.mp4 $(($(box_at c.mp4 stsz) + 12)) $(be32 20000000); probe c5g.mp4 | grep "bit rate"'

@@ -115,9 +115,10 @@ bool ParseFeed::take(const uint8_t* piece_data, std::size_t size) {
     }
     if ((mode_ == Mode::kBody || mode_ == Mode::kSkip) && left_ == 0) {
       next_box();
-      if (drain_ && at - run >= kDrainEvery) {
+      if (drain_ && (at - run >= kDrainEvery || ++boxes_since_drain_ >= kDrainBoxes)) {
         if (!flush()) return false;
         drain_();
+        boxes_since_drain_ = 0;
       }
     }
   }

@@ -28,13 +28,16 @@ class ParseFeed {
  public:
   // `extended`: the client follows 64-bit box sizes (Boxlane_Parse_InsertEx).
   // `drain` takes the header records waiting in the parser: a piece holding
-  // many top-level boxes is sent in runs of about kDrainEvery bytes, each
-  // ending where a top-level box does, with a drain after each, so that the
-  // parser never queues the records of a whole 64 MiB piece at once.
+  // many top-level boxes is sent in runs of about kDrainEvery bytes or
+  // kDrainBoxes boxes, each ending where a top-level box does, with a drain
+  // after each, so that the parser never queues the records of a whole 64 MiB
+  // piece at once, nor more track fragments than it keeps (it releases the
+  // oldest past 4096 answers, however fast the workers would have been).
   ParseFeed(const char* client, ParseInput& input, bool extended, std::function<void()> drain = {})
       : client_(client), input_(input), extended_(extended), drain_(std::move(drain)) {}
 
   static constexpr std::size_t kDrainEvery = 1 << 20;
+  static constexpr std::size_t kDrainBoxes = 256;
 
   // Reads the whole input; false with error() set on the first failure.
   // When the parser stops the stream at a box (a rule of the parser, not a
@@ -96,6 +99,7 @@ class ParseFeed {
   bool to_end_is_mdat_ = false;
   uint32_t size_field_ = 0;
   uint64_t left_ = 0;       // bytes of the current box still to come
+  std::size_t boxes_since_drain_ = 0;
 };
 
 }  // namespace boxlane::tool
