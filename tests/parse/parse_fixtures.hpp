@@ -66,6 +66,11 @@ inline Bytes moov_box(const std::vector<Bytes>& children) {
   for (const Bytes& child : children) body.add(child);
   return box("moov", body);
 }
+// A descriptor with a 4-byte size (ISO/IEC 14496-1 §8.3.3).
+inline Bytes descriptor(uint8_t tag, const Bytes& body) {
+  const auto n = uint32_t(body.size());
+  return Bytes{}.u8(tag).u8(0x80 | n >> 21).u8(0x80 | (n >> 14 & 0x7F)).u8(0x80 | (n >> 7 & 0x7F)).u8(n & 0x7F).add(body);
+}
 inline Bytes movie_ftyp() { return box("ftyp", Bytes{}.str("isom").u32(512).str("isomiso2avc1mp41")); }
 
 // tfhd: flags, track, then the optional fields its flags name.

@@ -361,11 +361,6 @@ Step mp4a(const std::vector<uint8_t>& esds_body, uint16_t sound_version = 0) {
   fixed.zeros(sound_version == 1 ? 16 : sound_version == 2 ? 36 : 0);
   return {"stsd", stsd(box("mp4a", cat({fixed, box("free"), box("esds", Bytes{}.full(0, 0).add(esds_body))})))};
 }
-// A descriptor with a 4-byte size (ISO/IEC 14496-1 §8.3.3).
-Bytes descriptor(uint8_t tag, const Bytes& body) {
-  const auto n = uint32_t(body.size());
-  return Bytes{}.u8(tag).u8(0x80 | n >> 21).u8(0x80 | (n >> 14 & 0x7F)).u8(0x80 | (n >> 7 & 0x7F)).u8(n & 0x7F).add(body);
-}
 Step aac_config(const Bytes& config) {
   const Bytes decoder = Bytes{}.add(unhex("40 15 000000 0001F400 0001F400")).add(descriptor(5, config));
   return mp4a(descriptor(3, Bytes{}.u16(2).u8(0).add(descriptor(4, decoder))));

@@ -124,14 +124,8 @@ const Shape kShapes[] = {
      3, true},
     {"aac_config",
      [] {
-       const uint32_t n = 500000;
-       const auto size = [](uint32_t v) {
-         return Bytes{}.u8(0x80 | (v >> 21 & 0x7F)).u8(0x80 | (v >> 14 & 0x7F)).u8(0x80 | (v >> 7 & 0x7F)).u8(v & 0x7F);
-       };
-       const Bytes config = cat({Bytes{}.u8(4), size(13 + 5 + n), Bytes{}.u8(0x40).u8(0x15).zeros(11).u8(5), size(n),
-                                 Bytes{}.u8(0x11).zeros(n - 1)});
-       const Bytes es = cat({Bytes{}.u8(3), size(3 + uint32_t(config.size()) + 3), Bytes{}.u16(1).u8(0), config,
-                             Bytes{}.u8(6).u8(1).u8(2)});
+       const Bytes config = descriptor(4, Bytes{}.u8(0x40).u8(0x15).zeros(11).add(descriptor(5, Bytes{}.u8(0x11).zeros(499999))));
+       const Bytes es = descriptor(3, Bytes{}.u16(1).u8(0).add(config).u8(6).u8(1).u8(2));
        const Bytes entry = box("mp4a", cat({Bytes{}.zeros(6).u16(1).zeros(8).u16(2).u16(16).zeros(4).u32(48000u << 16),
                                             full_box("esds", 0, 0, es)}));
        return tracks_of(full_box("stsd", 0, 0, Bytes{}.u32(1).add(entry)));
