@@ -62,7 +62,7 @@ TEST(LastLookup, ReusedOnlyForTheSameKeyAtTheSameVersionAndAlwaysPublished) {
   LastLookup last;
   // Each row looks a client up ("-" removes it first, as a Delete does) and expects its value, or -1 for none.
   const std::pair<std::string, int> rows[] = {
-      {"abcdef", 0}, {"abcdef", 0}, {"abc", 1}, {"abcdef", 0}, {k31a, 2},    {k31b, 3},  {k31a, 2},
+      {"abcdef", 0}, {"abcdef", 0}, {"abcde", -1}, {"abc", 1}, {"abcdef", 0}, {k31a, 2},    {k31b, 3},  {k31a, 2},
       {k32a, 4},     {k32b, 5},     {k32a, 4},  {"nobody", -1}, {"abc", 1}, {"-abc", -1}, {"abcdef", 0}};
   for (auto [client, expected] : rows) {
     if (client[0] == '-') {
