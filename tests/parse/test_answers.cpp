@@ -229,11 +229,16 @@ std::string refusals(const char* c) {
   BOXLANE_FRAGMENTINFO fragment;
   const std::string too_long(128, 'x');
   const std::function<bool()> calls[] = {
+      [&] { return Boxlane_Parse_GetFTyp(c, nullptr); },
       [&] { return Boxlane_Parse_GetMVhd(c, nullptr); },
+      [&] { return Boxlane_Parse_GetTrack(c, nullptr); },
+      [&] { return Boxlane_Parse_GetTrackList(c, 1, nullptr, &n, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS); },
       [&] { return Boxlane_Parse_GetTrackList(c, 1, &list, nullptr, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STTS); },
       [&] { return Boxlane_Parse_GetTrackIDs(c, &ids, nullptr); },
+      [&] { return Boxlane_Parse_GetTrackKey(c, 1, nullptr, &n); },
       [&] { return Boxlane_Parse_GetTrackKey(c, 1, &ids, nullptr); },
       [&] { return Boxlane_Parse_GetTrackCodec(c, 1, nullptr); },
+      [&] { return Boxlane_Parse_GetTrackSDtp(c, 1, nullptr, &n); },
       [&] { return Boxlane_Parse_GetTrackSDtp(c, 1, &sdtp, nullptr); },
       [&] { return Boxlane_Parse_GetTrackIndex(c, 1, nullptr); },
       [&] { return Boxlane_Parse_GetTrackSamples(c, 1, 0, two, -1, &n); },
