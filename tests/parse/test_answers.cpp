@@ -578,6 +578,11 @@ std::vector<Row> rows() {
       lie("a trun of 64-bit size", based(1, [](int32_t off) { return resized(trun_box(0, 0x001, {{}}, off), true); }), 100),
       lie("a trun of size 0, last in its traf", based(1, [](int32_t off) { return resized(trun_box(0, 0x201, {{0, 9}}, off), false); }), 9),
       lie("a trun without its sample_count", based(1, [](int32_t) { return full_box("trun", 0, 0); }), 0),
+      lie("a trun whose size runs past its traf", based(1, [](int32_t off) {
+            Bytes trun = trun_box(0, 0x201, {{0, 9}}, off);
+            trun[3] += 4;
+            return trun;
+          }), 9),
       {"a moof of 64-bit size in the basic mode stops the stream and is counted",
        {{"feed", cat({movie_ftyp(), resized(one_traf(cat({tfhd_box(0x020000, 1), one})), true)})}}},
       stopped("stop: size 7", "feed", box("moov", Bytes{}.zeros(40), 7)),
