@@ -221,7 +221,10 @@ std::string refusals(const char* c) {
   out += ", descriptor(count null) " + result(m_MP4Parse.Boxlane_Parse_DescriptorLen(&byte, nullptr) != 0);
   n = -7;
   out += ", descriptor(bytes null) " + result(m_MP4Parse.Boxlane_Parse_DescriptorLen(nullptr, &n) != 0);
-  out += fmt(" count %d; null outputs, a negative capacity, a name too long, a pool past the pools:", n);
+  BOXLANE_MSGBUFFER entry{};
+  int refused = !m_MP4Parse.Boxlane_Parse_FTyp(nullptr, &byte, 1);
+  for (const auto& [name, read] : kReaders) refused += !(m_MP4Parse.*read)(nullptr, &entry, &byte, 1);
+  out += fmt(" count %d, readers of a null record refused %d; null outputs, a negative capacity, a name too long, a pool past the pools:", n, refused);
   QORVANE_HDRSAMPLENFO** list = nullptr;
   QORVANE_HDRSDTP** sdtp = nullptr;
   int32_t** ids = nullptr;
