@@ -66,7 +66,7 @@ TEST_F(FrameTest, RefusedFramesChangeNothing) {
     const int32_t* lengths;
     int count;
   } units[] = {{nalus, lengths, 0}, {with_null, lengths, 2}, {nalus, with_negative, 2}, {nalus, too_long, 2},
-               {nalus, one_too_long, 1}, {nalus, nullptr, 2}};
+               {nalus, one_too_long, 1}, {nalus, nullptr, 2}, {nullptr, lengths, 2}};
   for (const auto& u : units)
     refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAccessUnit, u.nalus, u.lengths, u.count, int64_t{0},
             1, 40, 40);
