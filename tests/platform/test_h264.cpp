@@ -149,16 +149,20 @@ struct HandSps {
   }
 };
 
-// With slice groups, `map` from slice_group_map_type on (3, box-out, by default).
-// `bottom_order`: bottom_field_pic_order_in_frame_present_flag.
-Nal hand_pps(uint32_t id = 0, uint32_t sps_id = 0, uint32_t groups_minus1 = 0, uint32_t l0_minus1 = 0,
-             uint32_t bipred = 0, bool weighted = false, const Bits& map = Bits().ue(3).u(1, 0).ue(0),
-             bool bottom_order = false) {
-  Bits b;
-  b.ue(id).ue(sps_id).u(1, 0).u(1, bottom_order).ue(groups_minus1).add(groups_minus1 ? map : Bits());
-  b.ue(l0_minus1).ue(0).u(1, weighted).u(2, bipred).se(0).se(0).se(0).u(1, 1).u(1, 0).u(1, 0);
-  return b.nal(3, kNalPps);
-}
+struct HandPps {
+  uint32_t id = 0, sps_id = 0, groups_minus1 = 0, l0_minus1 = 0, l1_minus1 = 0, bipred = 0;
+  bool weighted = false;
+  bool bottom_order = false;  // bottom_field_pic_order_in_frame_present_flag
+  bool redundant = false;     // redundant_pic_cnt_present_flag
+  Bits map = Bits().ue(3).u(1, 0).ue(0);  // with slice groups: from slice_group_map_type on (3, box-out)
+
+  Nal nal() const {
+    Bits b;
+    b.ue(id).ue(sps_id).u(1, 0).u(1, bottom_order).ue(groups_minus1).add(groups_minus1 ? map : Bits());
+    b.ue(l0_minus1).ue(l1_minus1).u(1, weighted).u(2, bipred).se(0).se(0).se(0).u(1, 1).u(1, 0).u(1, redundant);
+    return b.nal(3, kNalPps);
+  }
+};
 
 TEST(H264ParameterSets, LimitsOnBothSides) {
   // Each row makes a unit with one field at the largest value allowed, or one past it.
@@ -178,11 +182,12 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
       {"1024 map units down", [](bool p) { HandSps s; s.height_units = p ? 1025 : 1024; return s.nal(); }},
       {"cropping leaves 2 columns", [](bool p) { HandSps s; s.crop = {80, p ? 80u : 79u, 0, 0}; return s.nal(); }},
       {"cropping leaves 2 lines", [](bool p) { HandSps s; s.crop = {0, 0, p ? 1u : 0u, 119}; return s.nal(); }},
-      {"pic_parameter_set_id 255", [](bool p) { return hand_pps(p ? 256 : 255); }},
-      {"seq_parameter_set_id 31 in a PPS", [](bool p) { return hand_pps(0, p ? 32 : 31); }},
-      {"num_slice_groups 8", [](bool p) { return hand_pps(0, 0, p ? 8 : 7); }},
-      {"num_ref_idx_l0_default_active 32", [](bool p) { return hand_pps(0, 0, 0, p ? 32 : 31); }},
-      {"weighted_bipred_idc 2", [](bool p) { return hand_pps(0, 0, 0, 0, p ? 3 : 2); }},
+      {"pic_parameter_set_id 255", [](bool p) { HandPps s; s.id = p ? 256 : 255; return s.nal(); }},
+      {"seq_parameter_set_id 31 in a PPS", [](bool p) { HandPps s; s.sps_id = p ? 32 : 31; return s.nal(); }},
+      {"num_slice_groups 8", [](bool p) { HandPps s; s.groups_minus1 = p ? 8 : 7; return s.nal(); }},
+      {"num_ref_idx_l0_default_active 32", [](bool p) { HandPps s; s.l0_minus1 = p ? 32 : 31; return s.nal(); }},
+      {"num_ref_idx_l1_default_active 32", [](bool p) { HandPps s; s.l1_minus1 = p ? 32 : 31; return s.nal(); }},
+      {"weighted_bipred_idc 2", [](bool p) { HandPps s; s.bipred = p ? 3 : 2; return s.nal(); }},
       {"cpb_cnt 32", [](bool p) { HandSps s; s.cpbs = p ? 33 : 32; return s.nal(); }},
   };
   for (const auto& limit : limits) {
@@ -198,7 +203,9 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
   for (const auto& [map, valid] : {std::pair(Bits().ue(0).ue(9).ue(9).ue(9).ue(9), true),
                                     {Bits().ue(2).ue(0).ue(99).ue(1).ue(99).ue(2).ue(99), true},
                                     {Bits().ue(6).ue(4).u(10, 0x1B1), true}, {Bits().ue(7), false}}) {
-    const Nal nal = hand_pps(0, 0, 3, 5, 2, false, map);
+    HandPps groups;
+    groups.groups_minus1 = 3, groups.l0_minus1 = 5, groups.bipred = 2, groups.map = map;
+    const Nal nal = groups.nal();
     Pps pps;
     const bool ok = parse_pps(nal.data(), nal.size(), pps);
     EXPECT_EQ(std::tuple(ok, pps.num_ref_idx_l0_default_active, pps.weighted_bipred_idc),
@@ -270,7 +277,7 @@ Nal hand_slice(uint32_t poc_type, bool idr, uint8_t ref_idc, uint32_t type, uint
 ParameterSets hand_sets(uint32_t poc_type, std::vector<int32_t> cycle = {}, int32_t non_ref = 0) {
   HandSps s;
   s.poc_type = poc_type, s.cycle = std::move(cycle), s.non_ref = non_ref;
-  return sets_of(s.nal(), hand_pps());
+  return sets_of(s.nal(), HandPps{}.nal());
 }
 
 TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
@@ -281,13 +288,13 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
             (Pocs{0, 5, -3}));
   HandSps zero;
   zero.poc_type = 1, zero.cycle = {6}, zero.non_ref = -4, zero.always_zero = true;
-  EXPECT_EQ(pocs_of(sets_of(zero.nal(), hand_pps()), {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0),
+  EXPECT_EQ(pocs_of(sets_of(zero.nal(), HandPps{}.nal()), {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0),
                                                        hand_slice(2, false, 0, 1, 2, 0)}),
             (Pocs{0, 6, 2}));
   // Fields: a bottom field counts offset_for_top_to_bottom_field (3) more than its top.
   HandSps fields;
   fields.poc_type = 1, fields.cycle = {6}, fields.fields = true, fields.top_to_bottom = 3;
-  EXPECT_EQ(pocs_of(sets_of(fields.nal(), hand_pps()),
+  EXPECT_EQ(pocs_of(sets_of(fields.nal(), HandPps{}.nal()),
                     {hand_slice(1, true, 3, 2, 0, 0, false, 0), hand_slice(1, true, 3, 2, 0, 0, false, 1),
                      hand_slice(1, false, 3, 2, 1, 0, false, 0), hand_slice(1, false, 3, 2, 1, 0, false, 1)}),
             (Pocs{0, 3, 6, 9}));
@@ -306,8 +313,9 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
             (Pocs{0, 4, 0, -3}));
   // Under weighted prediction a P or SP slice (slice_type 8) has its weights (§7.3.3.2) before the mmco 5 that is
   // read after them, and a B slice under explicit bi-prediction (weighted_bipred_idc 1) those of both lists.
-  for (const auto& [pps, type] : {std::pair(hand_pps(0, 0, 0, 0, 0, true), 0u), {hand_pps(0, 0, 0, 0, 0, true), 3u},
-                                  {hand_pps(0, 0, 0, 0, 1), 1u}}) {
+  HandPps weighted, explicit_bi;
+  weighted.weighted = true, explicit_bi.bipred = 1;
+  for (const auto& [pps, type] : {std::pair(weighted.nal(), 0u), {weighted.nal(), 3u}, {explicit_bi.nal(), 1u}}) {
     EXPECT_EQ(pocs_of(sets_of(HandSps{}.nal(), pps),
                       {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, type, 1, 8, true, -1, true)}),
               (Pocs{0, 0})) << type;
@@ -316,8 +324,9 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   // an override may give both lists 32 references (the most, for fields), not 33.
   HandSps field_sps;
   field_sps.fields = true;
-  const auto redundant = sets_of(field_sps.nal(), Bits().ue(0).ue(0).u(1, 0).u(1, 0).ue(0).ue(0).ue(0).u(1, 0).u(2, 0)
-                                                      .se(0).se(0).se(0).u(1, 1).u(1, 0).u(1, 1).nal(3, kNalPps));
+  HandPps with_redundant;
+  with_redundant.redundant = true;
+  const auto redundant = sets_of(field_sps.nal(), with_redundant.nal());
   for (const uint32_t refs : {32u, 33u}) {
     const Nal nal = Bits().ue(0).ue(6).ue(0).u(4, 1).u(1, 1).u(1, 0).u(4, 2).ue(1).u(1, 1).u(1, 1).ue(refs - 1)
                         .ue(refs - 1).u(1, 0).u(1, 0).nal(0, kNalSlice);
@@ -330,7 +339,9 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   for (const uint32_t type : {0u, 1u}) {
     HandSps sps;
     sps.poc_type = type, sps.cycle = std::vector<int32_t>(type, 8);
-    EXPECT_EQ(pocs_of(sets_of(sps.nal(), hand_pps(0, 0, 0, 0, 0, false, Bits().ue(3).u(1, 0).ue(0), true)),
+    HandPps bottom_order;
+    bottom_order.bottom_order = true;
+    EXPECT_EQ(pocs_of(sets_of(sps.nal(), bottom_order.nal()),
                       {hand_slice(type, true, 3, 2, 0, 0, false, -1, false, 0),
                        hand_slice(type, false, 2, 0, 1, type ? 0 : 8, false, -1, false, -3)}),
               (Pocs{0, 5})) << type;
@@ -343,7 +354,7 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   // slice_type 9 is the largest; with separate colour planes colour_plane_id (2 bits) comes before frame_num.
   HandSps planes;
   planes.chroma = 3, planes.separate = true;
-  const auto with_planes = sets_of(planes.nal(), hand_pps());
+  const auto with_planes = sets_of(planes.nal(), HandPps{}.nal());
   for (const auto& [type, plane_bits, ok] : {std::tuple{9u, 0u, true}, {10u, 0u, false}, {7u, 2u, true}}) {
     const Nal nal = Bits().ue(0).ue(type).ue(0).u(plane_bits, 3).u(4, 5).ue(0).u(4, 0).u(2, 0).nal(3, kNalIdrSlice);
     SliceHeader sh;
@@ -351,7 +362,7 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
     EXPECT_EQ(sh.frame_num, ok ? 5u : 0u) << type;
   }
   // There a weighted P slice's table has no chroma part (ChromaArrayType 0) before its mmco 5.
-  EXPECT_EQ(pocs_of(sets_of(planes.nal(), hand_pps(0, 0, 0, 0, 0, true)),
+  EXPECT_EQ(pocs_of(sets_of(planes.nal(), weighted.nal()),
                     {Bits().ue(0).ue(7).ue(0).u(2, 0).u(4, 0).ue(0).u(4, 0).u(2, 0).nal(3, kNalIdrSlice),
                      Bits().ue(0).ue(5).ue(0).u(2, 1).u(4, 1).u(4, 8).u(2, 0).ue(3).u(1, 1).se(-2).se(5)
                          .u(1, 1).ue(5).ue(0).nal(2, kNalSlice)}),
