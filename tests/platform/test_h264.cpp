@@ -211,6 +211,12 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
     EXPECT_EQ(std::tuple(ok, pps.num_ref_idx_l0_default_active, pps.weighted_bipred_idc),
               valid ? std::tuple(true, 6u, 2u) : std::tuple(false, 1u, 0u));
   }
+  // A PPS cut short of its last fields: refused.
+  const Nal pps_nal = HandPps{}.nal();
+  for (const std::size_t cut : {std::size_t{1}, pps_nal.size() - 2}) {
+    Pps pps;
+    EXPECT_FALSE(parse_pps(pps_nal.data(), cut, pps)) << cut;
+  }
   // The crop unit of each chroma format (separate planes count as monochrome), after 8 or 12 scaling list
   // flags; and Table E-1, which ends at 16 (2:1): 17 to 254 are reserved and give no ratio.
   const std::tuple<int, bool, int, const char*> cases[] = {
