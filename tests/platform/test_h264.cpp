@@ -367,11 +367,11 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
     EXPECT_EQ(parse_slice_header(nal.data(), nal.size(), plane_bits ? with_planes : t0, sh), ok) << type;
     EXPECT_EQ(sh.frame_num, ok ? 5u : 0u) << type;
   }
-  // pic_parameter_set_id 255 is the largest a slice may name.
+  // pic_parameter_set_id 255 is the largest a slice may name, and only a PPS that came (here not 0).
   HandPps last_id;
   last_id.id = 255;
   const auto with_255 = sets_of(HandSps{}.nal(), last_id.nal());
-  for (const uint32_t id : {255u, 256u}) {
+  for (const uint32_t id : {0u, 255u, 256u}) {
     const Nal nal = Bits().ue(0).ue(7).ue(id).u(4, 5).ue(0).u(4, 0).u(2, 0).nal(3, kNalIdrSlice);
     SliceHeader sh;
     EXPECT_EQ(parse_slice_header(nal.data(), nal.size(), with_255, sh), id == 255) << id;
