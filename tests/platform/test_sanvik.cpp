@@ -74,6 +74,10 @@ TEST(Sanvik, FirstOfEachTypeWithinCapacity) {
     const Bytes in = unhex(bytes);
     EXPECT_EQ(Sanvik_Parse_SPSInfo(in.data(), int(in.size()), info.data()) ? hex(info.data(), 3) : "none", expected);
   }
+  // No bytes, a negative length, nowhere to write: refused.
+  const Bytes sps = unhex("00 00 01 " + kSps);
+  EXPECT_FALSE(Sanvik_Parse_SPSInfo(nullptr, 8, info.data()) || Sanvik_Parse_SPSInfo(sps.data(), -1, info.data()) ||
+               Sanvik_Parse_SPSInfo(sps.data(), int(sps.size()), nullptr));
 }
 
 }  // namespace
