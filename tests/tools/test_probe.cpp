@@ -302,7 +302,8 @@ TEST(ProbeNames, AsTheStandardsNameThem) {
                 avc_level_name(11, 88, 0x10),
             "1b 1b 1.1 1.1 1.0 3.1 1b");
   // ISO 639-2/T letters packed in 5 bits each from 0x60; a letter outside a-z gives the number.
-  EXPECT_EQ(language_text(0x55C4) + " " + language_text(0) + " " + language_text(0x6B5A), "und code 0 zzz");
+  EXPECT_EQ(language_text(0x55C4) + " " + language_text(0) + " " + language_text(0x6B5A) + " " + language_text(0x6C21),
+            "und code 0 zzz code 27681");
   EXPECT_EQ(chroma_format_name(0) + " " + chroma_format_name(1) + " " + chroma_format_name(2) + " " +
                 chroma_format_name(3), "4:0:0 4:2:0 4:2:2 4:4:4");
   std::string aac;

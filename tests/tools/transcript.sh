@@ -170,7 +170,7 @@ t 'for b in "2 \\x74" "2 \\x78" "6 \\xfd"; do cp $D/sample.aac r.aac; poke r.aac
 t '{ printf "\\xff\\xf1\\x4c\\x80\\0\\xff\\xfc"; cat $D/sample.aac; } > empty_frame.aac; mux -a empty_frame.aac -o x.mp4'
 # The second frame (at byte 140) gives 44100 Hz, mono, or AAC Main.
 t 'for b in "142 \\x50" "143 \\x40" "142 \\x0c"; do cp $D/sample.aac r.aac; poke r.aac $b; mux -a r.aac -o x.mp4; done'
-t 'mux -v a --fps 1001/1 -o x; mux -v a --fps 1000.5 -o x'
+t 'mux -v a --fps 1001/1 -o x; mux -v a --fps 1000.5 -o x; mux -v a --fps 1000001/1001 -o x; mux -v a --fps 1/1000001 -o x'
 t 'for ts in 46 47; do mux -a $D/sample.aac --timescale $ts -o y.mp4 && digest y.mp4; done'
 # A frame of 100000 s: too long at 90 kHz, and on milliseconds when no time scale is given.
 t 'mux -v $D/sample.h264 --fps 1/100000 --timescale 90000 -o x.mp4; mux -v one.h264 --fps 1/100000 -o y.mp4 && digest y.mp4'
