@@ -39,9 +39,12 @@ std::string parsed(const Nal& nal) {
   Sps sps;
   return parse_sps(nal.data(), nal.size(), sps) ? summary(sps) : "refused";
 }
-// A PPS for SPS 0: 7 flags (dependent_slice_segments_enabled on), both reference counts, init_qp_minus26, chroma QP.
-Nal pps_of(uint32_t id, uint32_t head = 0, uint32_t refs = 0, int32_t qp = 0, int32_t cb = 0, int32_t cr = 0) {
-  return Bits().ue(id).ue(0).u(7, head).ue(refs).ue(refs).se(qp).u(3, 0).se(cb).se(cr).u(5, 0).u(1, 1).hevc_nal(kPps);
+// A PPS for SPS `sps`: 7 flags (dependent_slice_segments_enabled on), both reference counts, init_qp_minus26,
+// chroma QP.
+Nal pps_of(uint32_t id, uint32_t head = 0, uint32_t refs = 0, int32_t qp = 0, int32_t cb = 0, int32_t cr = 0,
+           uint32_t sps = 0) {
+  return Bits().ue(id).ue(sps).u(7, head).ue(refs).ue(refs).se(qp).u(3, 0).se(cb).se(cr).u(5, 0).u(1, 1).hevc_nal(
+      kPps);
 }
 
 // A VPS with no sub-layer profiles or levels.
@@ -135,18 +138,31 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
       {"sps_max_dec_pic_buffering_minus1 15", [](HandSps& s, bool p) { s.buffering_minus1 = p ? 16 : 15; }},
       {"sps_max_num_reorder_pics 4 of 5", [](HandSps& s, bool p) { s.reorder = p ? 5 : 4; }},
       {"CtbLog2SizeY 6", [](HandSps& s, bool p) { s.cb_diff = p ? 4 : 3; }},
+      {"CtbLog2SizeY 6 from 16x16 blocks", [](HandSps& s, bool p) { s.min_cb_minus3 = 1, s.cb_diff = p ? 3 : 2; }},
+      // A difference of 2^32 - 2 would wrap CtbLog2SizeY round to 4.
+      {"log2_diff_max_min_luma_coding_block_size 0 of 64x64 blocks", [](HandSps& s, bool p) {
+         s.min_cb_minus3 = 3, s.cb_diff = p ? 0xFFFFFFFE : 0, s.height = 704, s.tb_diff = 2; }},
       {"CtbLog2SizeY 4", [](HandSps& s, bool p) { s.cb_diff = p ? 0 : 1, s.tb_diff = 1; }},
       {"MaxTbLog2SizeY 5 in 64x64 blocks", [](HandSps& s, bool p) { s.tb_diff = p ? 4 : 3; }},
       {"min_spatial_segmentation_idc 4095", [](HandSps& s, bool p) { s.min_spatial = p ? 4096 : 4095; }},
       {"pic_width_in_luma_samples 32768", [](HandSps& s, bool p) { s.width = p ? 32776 : 32768; }},
+      {"pic_height_in_luma_samples 32768", [](HandSps& s, bool p) { s.height = p ? 32776 : 32768; }},
+      {"pic_width_in_luma_samples 8", [](HandSps& s, bool p) { s.width = p ? 0 : 8; }},
+      {"pic_height_in_luma_samples 8", [](HandSps& s, bool p) { s.height = p ? 0 : 8; }},
       {"width a multiple of MinCbSizeY", [](HandSps& s, bool p) { s.width = p ? 1284 : 1288; }},
       {"height a multiple of MinCbSizeY", [](HandSps& s, bool p) { s.height = p ? 716 : 720; }},
       {"MinTbLog2SizeY below MinCbLog2SizeY", [](HandSps& s, bool p) { s.tb_minus2 = p ? 1 : 0, s.tb_diff = 3 - p; }},
       {"scaling_list_dc_coef_minus8 -7", [](HandSps& s, bool p) { s.scaling_list = true, s.dc_minus8 = p ? -8 : -7; }},
+      {"scaling_list_dc_coef_minus8 247", [](HandSps& s, bool p) { s.scaling_list = 1, s.dc_minus8 = 247 + p; }},
+      {"scaling_list_delta_coef -128", [](HandSps& s, bool p) { s.scaling_list = 1, s.first_delta = -128 - p; }},
+      {"scaling_list_delta_coef 127", [](HandSps& s, bool p) { s.scaling_list = 1, s.first_delta = 127 + p; }},
       {"scaling_list_pred_matrix_id_delta 1 of a 32x32 list",
        [](HandSps& s, bool p) { s.scaling_list = true, s.pred_delta_32 = p ? 2 : 1; }},
       {"PCM chroma depth up to an 8-bit chroma beside 10-bit luma",
        [](HandSps& s, bool p) { s.pcm = true, s.luma_minus8 = 2, s.pcm_chroma_minus1 = p ? 8 : 7; }},
+      // Past it, a difference of 2^32 - 2 would bring Log2MaxIpcmCbSizeY round to 4.
+      {"Log2MinIpcmCbSizeY 5",
+       [](HandSps& s, bool p) { s.pcm = true, s.pcm_min_minus3 = 2 + p, s.pcm_diff = p ? 0xFFFFFFFE : 0; }},
       {"elemental_duration_in_tc_minus1 2047", [](HandSps& s, bool p) { s.hrd = true, s.elemental = p ? 2048 : 2047; }},
       {"window narrower than the picture", [](HandSps& s, bool p) { s.window = {p ? 320u : 319u, 320, 0, 0}; }},
       {"window lower than the picture", [](HandSps& s, bool p) { s.window = {0, 0, p ? 180u : 179u, 180}; }},
@@ -170,6 +186,7 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
   } unit_limits[] = {
       {"vps_max_sub_layers_minus1 6", vps_of(6), vps_of(7)},
       {"pps_pic_parameter_set_id 63", pps_of(63), pps_of(64)},
+      {"pps_seq_parameter_set_id 15", pps_of(0, 0, 0, 0, 0, 0, 15), pps_of(0, 0, 0, 0, 0, 0, 16)},
       {"num_ref_idx_lX_default_active_minus1 14", pps_of(0, 0, 14), pps_of(0, 0, 15)},
       {"init_qp_minus26 25", pps_of(0, 0, 0, 25), pps_of(0, 0, 0, 26)},
       {"init_qp_minus26 -74", pps_of(0, 0, 0, -74), pps_of(0, 0, 0, -75)},

@@ -28,12 +28,14 @@ struct HandSps {
   uint32_t pred_delta_32 = 1;  // scaling_list_pred_matrix_id_delta of the second 32x32 list
   bool pcm = false;
   uint32_t pcm_chroma_minus1 = 7;
+  uint32_t pcm_min_minus3 = 0, pcm_diff = 2;  // log2_min_pcm_luma_coding_block_size_minus3 and the difference
   std::vector<Bits> rps;
   uint32_t long_term = 0;
   uint32_t min_spatial = 1000;
   bool hrd = false;
   uint32_t cpbs = 2;        // per sub-layer, with HRD
   int32_t dc_minus8 = 8;    // scaling_list_dc_coef_minus8 of every list that has one
+  int32_t first_delta = 3;  // scaling_list_delta_coef of the first coefficient of every list sent
   int elemental = -1;       // with HRD, a fixed picture rate of that elemental_duration_in_tc_minus1
   bool low_delay = false;   // with HRD and no fixed rate, low_delay_hrd_flag: one CPB, its count not sent
 
@@ -67,12 +69,13 @@ struct HandSps {
           }
           b.u(1, 1);
           if (size_id > 1) b.se(dc_minus8);
-          for (int i = 0; i < std::min(64, 1 << (4 + 2 * size_id)); ++i) b.se(i % 2 ? -3 : 3);
+          b.se(first_delta);
+          for (int i = 1; i < std::min(64, 1 << (4 + 2 * size_id)); ++i) b.se(i % 2 ? -3 : 3);
         }
       }
     }
     b.u(1, 0).u(1, 1).u(1, pcm);
-    if (pcm) b.u(4, 7).u(4, pcm_chroma_minus1).ue(0).ue(2).u(1, 0);
+    if (pcm) b.u(4, 7).u(4, pcm_chroma_minus1).ue(pcm_min_minus3).ue(pcm_diff).u(1, 0);
     b.ue(uint32_t(rps.size()));
     for (const Bits& set : rps) b.add(set);
     b.u(1, long_term != 0);
