@@ -324,8 +324,9 @@ bool parse_sps(const uint8_t* nal, std::size_t size, Sps& out) noexcept {
   if (sps.log2_ctb_size < 4 || sps.log2_ctb_size > 6) return false;
   const uint32_t min_cb = 1u << sps.log2_min_cb_size;
   if (sps.coded_width % min_cb || sps.coded_height % min_cb) return false;
-  const uint32_t min_tb = br.ue() + 2;
-  const uint32_t max_tb = min_tb + br.ue();
+  // Summed in 64 bits: a coded 2^32 - 2 must not wrap round into the range.
+  const uint64_t min_tb = uint64_t{br.ue()} + 2;
+  const uint64_t max_tb = min_tb + br.ue();
   if (min_tb >= sps.log2_min_cb_size || max_tb > std::min<uint32_t>(sps.log2_ctb_size, 5)) return false;
   if (br.ue() > sps.log2_ctb_size - min_tb || br.ue() > sps.log2_ctb_size - min_tb) return false;  // hierarchy depths
   if (br.flag() && br.flag() && !skip_scaling_list_data(br)) return false;  // scaling_list_enabled, sps_..._present
@@ -333,7 +334,7 @@ bool parse_sps(const uint8_t* nal, std::size_t size, Sps& out) noexcept {
   br.flag();        // sample_adaptive_offset_enabled_flag
   if (br.flag()) {  // pcm_enabled_flag
     if (br.bits(4) + 1 > sps.bit_depth_luma || br.bits(4) + 1 > sps.bit_depth_chroma) return false;
-    const uint32_t min_pcm = br.ue() + 3;
+    const uint64_t min_pcm = uint64_t{br.ue()} + 3;
     if (min_pcm > 5 || min_pcm + br.ue() > std::min<uint32_t>(sps.log2_ctb_size, 5)) return false;
     br.flag();  // pcm_loop_filter_disabled_flag
   }

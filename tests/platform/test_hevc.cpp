@@ -152,6 +152,11 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
       {"width a multiple of MinCbSizeY", [](HandSps& s, bool p) { s.width = p ? 1284 : 1288; }},
       {"height a multiple of MinCbSizeY", [](HandSps& s, bool p) { s.height = p ? 716 : 720; }},
       {"MinTbLog2SizeY below MinCbLog2SizeY", [](HandSps& s, bool p) { s.tb_minus2 = p ? 1 : 0, s.tb_diff = 3 - p; }},
+      // Coded values that a 32-bit sum would wrap round to MinTbLog2SizeY 0, MaxTbLog2SizeY 0, Log2MinIpcmCbSizeY 0.
+      {"log2_min_luma_transform_block_size_minus2 0", [](HandSps& s, bool p) { s.tb_minus2 = p ? 0xFFFFFFFE : 0; }},
+      {"log2_diff_max_min_luma_transform_block_size 3", [](HandSps& s, bool p) { s.tb_diff = p ? 0xFFFFFFFE : 3; }},
+      {"log2_min_pcm_luma_coding_block_size_minus3 0",
+       [](HandSps& s, bool p) { s.pcm = true, s.pcm_min_minus3 = p ? 0xFFFFFFFD : 0; }},
       {"scaling_list_dc_coef_minus8 -7", [](HandSps& s, bool p) { s.scaling_list = true, s.dc_minus8 = p ? -8 : -7; }},
       {"scaling_list_dc_coef_minus8 247", [](HandSps& s, bool p) { s.scaling_list = 1, s.dc_minus8 = 247 + p; }},
       {"scaling_list_delta_coef -128", [](HandSps& s, bool p) { s.scaling_list = 1, s.first_delta = -128 - p; }},
