@@ -121,6 +121,14 @@ TEST(StreamChunks, AudioComesInWholeFrames) {
       EXPECT_EQ(cut_audio({bytes->begin(), bytes->end() - 5}, piece), std::pair(n - 1, std::optional(last)));
     }
   }
+  // A last frame of its 7-byte header alone (frame_length 7) is a whole frame, refused as empty, not a cut one.
+  std::vector<uint8_t> header_only(plain.begin(), plain.begin() + 7);
+  header_only[1] |= 0x01, header_only[3] &= 0xFC, header_only[4] = 0, header_only[5] = (header_only[5] & 0x1F) | 0xE0;
+  for (const std::size_t piece : {7, 0}) {
+    std::string refused;
+    try { cut_audio(cat({plain, header_only}), piece); } catch (const ToolError& e) { refused = e.what(); }
+    EXPECT_NE(refused.find("empty ADTS frame at byte " + std::to_string(plain.size())), std::string::npos) << refused;
+  }
   // The second frame's sampling_frequency_index, channel_configuration, profile.
   for (const auto& [at, bit] : {std::pair{2, 0x04}, {3, 0x40}, {2, 0x40}}) {
     auto changed = plain;
