@@ -294,8 +294,8 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
             (Pocs{0, 5, -3}));
   HandSps zero;
   zero.poc_type = 1, zero.cycle = {6}, zero.non_ref = -4, zero.always_zero = true;
-  EXPECT_EQ(pocs_of(sets_of(zero.nal(), HandPps{}.nal()), {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0),
-                                                       hand_slice(2, false, 0, 1, 2, 0)}),
+  EXPECT_EQ(pocs_of(sets_of(zero.nal(), HandPps{}.nal()),
+                    {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0), hand_slice(2, false, 0, 1, 2, 0)}),
             (Pocs{0, 6, 2}));
   // Fields: a bottom field counts offset_for_top_to_bottom_field (3) more than its top.
   HandSps fields;
