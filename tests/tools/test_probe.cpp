@@ -5,6 +5,7 @@
 #include "support/mp4_rewrite.hpp"
 #include "support/paths.hpp"
 #include "support/probe_json.hpp"
+#include "tools/common/json_writer.hpp"
 #include "tools/common/names.hpp"
 #include "tools/probe/model.hpp"
 
@@ -279,6 +280,27 @@ TEST(ProbeAudioConfig, EscapedObjectTypeAndExplicitRate) {
 // makes High progressive and set4 with set5 constrained, set3 makes the High 10, 4:2:2 and 4:4:4 profiles
 // Intra; level 1b is level_idc 9, or 11 with set3 below High. ITU-T H.265 Annex A: general_profile_idc, or
 // failing that the compatibility flag set, and level_idc 30 times the level. ISO/IEC 14496-3 Table 1.1.
+// Table rows of the widest numbers (a row of three is 38 bytes), with a short one now and then so that rows end
+// at every place of the 64 KiB blocks: each row asks for room enough before it is formatted in place.
+TEST(ProbeJson, TableRowsOfTheWidestNumbersAcrossBlocks) {
+  std::vector<uint32_t> rows(30000, UINT32_MAX);
+  for (std::size_t i = 0; i < rows.size(); i += 7) rows[i] = 7;
+  for (const int width : {1, 2, 3}) {
+    std::string out;
+    {
+      tool::JsonWriter json(out);
+      json.table(rows, width, [](uint32_t v, int) { return v; });
+    }
+    std::string expected = "[";
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+      std::string row = std::to_string(rows[i]);
+      for (int c = 1; c < width; ++c) row += ", " + std::to_string(rows[i]);
+      expected += (i ? ", " : "") + (width > 1 ? "[" + row + "]" : row);
+    }
+    EXPECT_EQ(out, expected + "]") << width;
+  }
+}
+
 TEST(ProbeNames, AsTheStandardsNameThem) {
   using namespace tool;
   std::string avc, hevc;
