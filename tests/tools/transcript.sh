@@ -106,7 +106,7 @@ t 'mux -a . --fragment 1 -o x.mp4'
 # mux: usage.
 t 'mux -v $D/sample.h264 -o'
 t 'mux -v a --fps 0.0004 -o x; mux -v one.h264 --fps 0.0045 -o y.mp4 && digest y.mp4'
-t 'mux -v a --fps 25x/1 -o x'
+t 'mux -v a --fps 25x/1 -o x; mux -v a --fps 25x -o x'
 t 'mux -v a --timescale 0 -o x'
 t 'mux -v a --fragment 1 --faststart -o x'
 t 'mux -v a --fsync -o x'
