@@ -301,6 +301,16 @@ TEST(ProbeJson, TableRowsOfTheWidestNumbersAcrossBlocks) {
   }
 }
 
+// Bytes that do not form UTF-8 (here lead bytes before an ASCII one) are taken as Latin-1; UTF-8 stays as it is.
+TEST(ProbeJson, BytesThatDoNotFormUtf8AreLatin1) {
+  std::string out;
+  {
+    tool::JsonWriter json(out);
+    json.string("\xC3" "A \xC3\xA9 \xE2\x82" "A");
+  }
+  EXPECT_EQ(out, "\"\xC3\x83" "A \xC3\xA9 \xC3\xA2\xC2\x82" "A\"");
+}
+
 TEST(ProbeNames, AsTheStandardsNameThem) {
   using namespace tool;
   std::string avc, hevc;
