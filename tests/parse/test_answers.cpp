@@ -224,7 +224,8 @@ std::string refusals(const char* c) {
   BOXLANE_MSGBUFFER entry{};
   int refused = !m_MP4Parse.Boxlane_Parse_FTyp(nullptr, &byte, 1);
   for (const auto& [name, read] : kReaders) refused += !(m_MP4Parse.*read)(nullptr, &entry, &byte, 1);
-  out += fmt(" count %d, readers of a null record refused %d; null outputs, a negative capacity, a name too long, a pool past the pools:", n, refused);
+  out += fmt(" count %d, readers of a null record refused %d;", n, refused);
+  out += " null outputs, a negative capacity, a name too long, a pool past the pools:";
   QORVANE_HDRSAMPLENFO** list = nullptr;
   QORVANE_HDRSDTP** sdtp = nullptr;
   int32_t** ids = nullptr;
