@@ -70,17 +70,27 @@ TEST(StreamChunks, APrefixUnitOpensTheAccessUnitOfItsPicture) {
   for (std::size_t i = 0; i + 3 < in.size(); ++i)
     if (in[i] == 0 && in[i + 1] == 0 && in[i + 2] == 1) starts.push_back(i);
   starts.push_back(in.size());
-  std::vector<uint8_t> bytes;
+  std::vector<uint8_t> bytes, bare;  // with a prefix unit before each IDR slice, and without
+  std::size_t before_idr = 0;  // in `bare`: where the last NAL unit before the second IDR picture starts
   for (std::size_t u = 0, idrs = 0; u + 1 < starts.size(); ++u) {
     const uint8_t type = in[starts[u] + 3] & 0x1F;
     if ((type == 7 || type == 8) && idrs) continue;
     if (type == 5) idrs++, bytes.insert(bytes.end(), {0, 0, 0, 1, 0x0E, 0x80, 0x80, 0x80, 0});
+    if (type == 5 && idrs == 2) bare.resize(before_idr + 5);  // that unit cut to its header and one byte
+    if (type != 5 && idrs < 2) before_idr = bare.size();
     bytes.insert(bytes.end(), in.begin() + long(starts[u]), in.begin() + long(starts[u + 1]));
+    bare.insert(bare.end(), in.begin() + long(starts[u]), in.begin() + long(starts[u + 1]));
   }
   write_file(path, bytes);
   const auto cuts = cut_video(path, 0);
   ASSERT_EQ(cuts.size(), 4u);
   for (std::size_t c = 1; c < cuts.size(); ++c) EXPECT_EQ(hex(bytes.data() + cuts[c].first, 5), "00 00 00 01 0E") << c;
+  // Without them, the damaged slice just before an IDR slice is the first piece's last unit: in mid-stream it is
+  // refused, not taken as where the input stopped.
+  write_file(path, bare);
+  std::string refused;
+  try { cut_video(path, 0); } catch (const ToolError& e) { refused = e.what(); }
+  EXPECT_NE(refused.find("slice header at byte " + std::to_string(before_idr + 3) + " "), std::string::npos) << refused;
 }
 
 // `bytes` read `piece` bytes at a time (0: all at once): the frames of chunks that each start
