@@ -259,7 +259,7 @@ t 'tables past_stco.mp4 "$stsz100" 1 4 1 4 2 1 5 1 1'
 t 'tables ctts_sdtp.mp4 "$stsz100$(fbox ctts $(be32 1)$(be32 9)$(be32 0))$(fbox sdtp $(zeros 11))" 1 4 1 3 2 1'
 t 'tables sdtp9.mp4 "$stsz100$(fbox sdtp $(zeros 9))" 1 4 1 3 2 1'
 t 'chunks=1000 tables one_chunk.mp4 "$stsz100" 1 10 1'
-# A uuid box: the first two bytes of its extended type in the JSON.
+# A uuid box: the first two bytes of its extended type in the JSON, read big-endian (BE 7A is 48762 on any host).
 t '{ cat a.mp4; printf "$(be32 24)uuid\\xbe\\x7a"; zeros 14; } > uuid.mp4; probe --json --boxes uuid.mp4 | grep -m1 uuid_head'
 t 'dur=9216 tables mdhd.mp4 "$stsz100" 1 4 1 3 2 1'
 # Both sides of every count of decimal digits, as the JSON writes them.
