@@ -153,6 +153,10 @@ TEST(Mux, ProgressOnATerminal) {
   EXPECT_NE(shown.find(" s written\r\n"), std::string::npos) << shown;
   shown = on_terminal("{ cat " + video + "; sleep 2.5; } | " + mux + " --fragment 1 -q");
   EXPECT_EQ(shown.find("written"), std::string::npos) << shown;
+  // Audio alone: its seconds, 236 frames of 1024 at 48 kHz.
+  const std::string audio_path = shell_quote(source_dir() + "/tests/data/sample.aac");
+  shown = on_terminal("{ cat " + audio_path + "; sleep 2.5; } | " + tool + " mux --audio - --fragment 1 -o " + shell_quote(out));
+  EXPECT_NE(shown.find(": 236 frames, 5.0 s written\r\n"), std::string::npos) << shown;
   // The input trickles in over 4 s, a fragment every half second.
   run("for i in 0 1 2 3 4 5 6 7; do dd if=" + video + " bs=20000 skip=$i count=1 status=none; sleep 0.5; done | " +
       mux + " --fragment 0.2 2> " + shell_quote(out + ".log"));
@@ -169,6 +173,7 @@ TEST(Mux, ProgressOnATerminal) {
   shown = on_terminal(tool + " mux --video " + shell_quote(out + ".h264") + " --audio " + shell_quote(out + ".aac") +
                       " -o " + shell_quote(out + ".filled.mp4"));
   EXPECT_NE(shown.find("100%\r\033[K"), std::string::npos) << shown;
+  EXPECT_EQ(on_terminal(tool + " mux -q --video " + shell_quote(out + ".h264") + " -o " + shell_quote(out + ".q.mp4")), "");
   const std::regex percent(R"((\d+)%)");
   int shares = 0;
   for (std::sregex_iterator it(shown.begin(), shown.end(), percent), end; it != end; ++it, ++shares)
@@ -177,6 +182,7 @@ TEST(Mux, ProgressOnATerminal) {
   write_file(out + ".big", cat({read_file(out), box("free", std::vector<uint8_t>(64 << 20))}));
   shown = on_terminal(tool + " remux " + shell_quote(out + ".big") + " -o " + shell_quote(out + ".remuxed"));
   EXPECT_NE(shown.find("100%\r\033[K"), std::string::npos) << shown;
+  EXPECT_EQ(on_terminal(tool + " remux -q " + shell_quote(out + ".big") + " -o " + shell_quote(out + ".remuxed")), "");
 }
 
 // By hand (no encoder here codes fields): a 32x32 Main SPS with frame_mbs_only_flag 0, a PPS,

@@ -166,7 +166,7 @@ TEST(MuxFragments, LiveInputs) {
     for (const auto& entry : fs::directory_iterator(dir))
       EXPECT_EQ(entry.path().filename().string().find(".boxlane-"), std::string::npos) << entry.path();
   }
-  // Without --fragment, a run stopped (SIGTERM) while it writes the file leaves no temporary file: 64 MiB of a
+  // Without --fragment, a run stopped (by a signal) while it writes the file leaves no temporary file: 64 MiB of a
   // data partition keep it writing long enough to be caught at it.
   write_file(dir + "long.h264", cat({read_file(src.video), unhex("0000000163"), std::vector<uint8_t>(64 << 20, 0xFF)}));
   const auto temp_of_long = [&] {
@@ -174,20 +174,22 @@ TEST(MuxFragments, LiveInputs) {
       if (entry.path().filename().string().starts_with(".long.mp4.boxlane-")) return true;
     return false;
   };
-  bool interrupted = false;
-  for (int attempt = 0; attempt < 5 && !interrupted; ++attempt) {
-    const pid_t pid = start("exec " + shell_quote(tool_path()) + " mux -q --video " + shell_quote(dir + "long.h264") +
-                            " -o " + shell_quote(dir + "long.mp4"));
-    int status = 0;
-    while (!interrupted && waitpid(pid, &status, WNOHANG) == 0) {
-      interrupted = temp_of_long() && kill(pid, SIGTERM) == 0;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {  // also a terminal that closes
+    bool interrupted = false;
+    for (int attempt = 0; attempt < 5 && !interrupted; ++attempt) {
+      const pid_t pid = start("exec " + shell_quote(tool_path()) + " mux -q --video " + shell_quote(dir + "long.h264") +
+                              " -o " + shell_quote(dir + "long.mp4"));
+      int status = 0;
+      while (!interrupted && waitpid(pid, &status, WNOHANG) == 0) {
+        interrupted = temp_of_long() && kill(pid, signal) == 0;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      if (interrupted)
+        interrupted = waitpid(pid, &status, 0) == pid && WIFSIGNALED(status) && WTERMSIG(status) == signal;
     }
-    if (interrupted)
-      interrupted = waitpid(pid, &status, 0) == pid && WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM;
+    EXPECT_TRUE(interrupted) << signal;
+    EXPECT_FALSE(temp_of_long()) << signal;
   }
-  EXPECT_TRUE(interrupted);
-  EXPECT_FALSE(temp_of_long());
   const auto source = decoded_md5s(src.video, 'v');
   pid_t writers[2], muxers[2];
   const std::string outs[2] = {dir + "killed.mp4", dir + "stopped.mp4"};
