@@ -6,7 +6,7 @@
 #   transcript.sh PROGRAM DATA_DIR
 set -u
 B=$1 D=$2
-umask 022  # the mode of every file written
+umask 002  # the mode of every file written (not the usual 022, so that a mode that ignores it shows)
 mux() { "$B" mux "$@"; }
 probe() { "$B" probe "$@"; }
 remux() { "$B" remux "$@"; }
@@ -58,6 +58,8 @@ t 'mux -a $D/sample.aac --timescale 2147483647 -o tmax.mp4 && digest tmax.mp4 &&
 t 'mux -a $D/sample.aac -o a.mp4 && show a.mp4'
 t 'mux -q -v $D/sample.h264 -o q.mp4 && digest q.mp4'
 t 'cat $D/sample.aac | mux -a - --fragment 1 -o apipe.mp4 && digest apipe.mp4'
+# A piped input is spooled beside the output, wherever the program runs: here in a directory since removed.
+t '(w=$PWD; mkdir gone && cd gone && rmdir ../gone && cat $D/sample.h264 | mux -q -v - -o "$w/gone.mp4") && digest gone.mp4'
 
 # mux: H.265 (Main 10, open GOPs with CRA pictures and their leading pictures).
 t 'mux -v $D/main10_cra.h265 -a $D/sample.aac -o h265.mp4 && show h265.mp4 && deep h265.mp4'
@@ -212,6 +214,8 @@ t 'cp c.mp4 c5g.mp4; poke c5g.mp4 $(($(box_at c.mp4 stsz) + 12)) $(be32 20000000
 t 'cp a.mp4 nostco.mp4; at=$(box_at a.mp4 stco); poke nostco.mp4 $((at + 4)) free; probe nostco.mp4 | grep note; poke nostco.mp4 $at $(be32 16)co64$(be32 0)$(be32 0)$(be32 $(($(u32_at a.mp4 $at) - 16)))free; probe nostco.mp4 | grep note'
 # The audio trun of the first moof given the video's data_offset: two trafs that share data.
 t 'cp fr.mp4 ov.mp4; set -- $(LC_ALL=C grep -obaE trun ov.mp4 | head -2 | cut -d: -f1); poke ov.mp4 $(($2 + 12)) $(be32 $(u32_at ov.mp4 $(($1 + 12)))); probe ov.mp4 | sed -n "4,5p;/note/p"'
+# The video trun of the first moof given a data_offset of 8: its data inside the moof.
+t 'cp fr.mp4 in_moof.mp4; poke in_moof.mp4 $(($(box_at fr.mp4 trun) + 16)) $(be32 8); probe in_moof.mp4 | sed -n "6,7p"'
 t 'cp fr.mp4 cc.mp4; poke cc.mp4 $(($(box_at cc.mp4 trun) + 12)) $(be32 100000); probe cc.mp4 | sed -n "6,7p"; probe --json cc.mp4 | grep -m1 complete'
 t 'probe a.mp4 > /dev/full'
 t 'probe missing.mp4'
@@ -251,6 +255,8 @@ tables() {
 stsz100=$(fbox stsz $(be32 100)$(be32 10))  # 100 bytes for each of 10 samples
 # A sync sample named twice is out of order too; the last stsc entry runs to the last chunk: 3 x 4 samples.
 t 'tables twice.mp4 "$(fbox stsz $(be32 0)$(be32 9)$(for i in $(seq 9); do be32 100; done))$(fbox stss $(be32 2)$(be32 3)$(be32 3))" 1 4 1'
+# Sample numbers start at 1.
+t 'tables zero.mp4 "$stsz100$(fbox stss $(be32 1)$(be32 0))" 1 4 1'
 # 4 + 4 + 2 samples.
 t 'tables same_chunk.mp4 "$stsz100" 1 4 1 1 2 1'
 t 'tables no_stsc.mp4 "$stsz100"'
@@ -402,15 +408,15 @@ t '{ cat av.mp4; printf "\\0\\0\\0\\4free\\0\\0\\0\\0"; } > four.mp4; onto_old f
 t 'head -c 32 av.mp4 > ftyp.mp4; onto_old ftyp.mp4 -o out.mp4'
 t 'cp av.mp4 far.mp4; poke far.mp4 $(($(box_at av.mp4 stco) + 16)) $(be32 2130706432); onto_old far.mp4 -o out.mp4'
 # Found while writing: the first NAL unit one byte longer than its sample, or leaving 3 bytes, too few for a length;
-# an audio sample of 2 bytes that are an ADTS header.
+# an audio sample of 2 bytes that are an ADTS header, of MPEG-4 (FFF1) and of MPEG-2 (FFF9).
 t 'for c in 3 7; do cp q.mp4 nal$c.mp4; poke nal$c.mp4 40 $(be32 $(($(u32_at q.mp4 $(($(box_at q.mp4 stsz) + 20))) - c))); onto_old nal$c.mp4 --skip-unsupported -o out.mp4; done'
-t 'cp a.mp4 adts.mp4; poke adts.mp4 40 "\\xff\\xf1"; poke adts.mp4 $(($(box_at a.mp4 stsz) + 20)) $(be32 2); onto_old adts.mp4 --skip-unsupported -o out.mp4'
+t 'for id in f1 f9; do cp a.mp4 adts.mp4; poke adts.mp4 40 "\\xff\\x$id"; poke adts.mp4 $(($(box_at a.mp4 stsz) + 20)) $(be32 2); onto_old adts.mp4 --skip-unsupported -o out.mp4; done'
 t 'ln -f av.mp4 hard.mp4 && ln -sf av.mp4 soft.mp4 && { remux av.mp4 -o hard.mp4 || remux av.mp4 -o soft.mp4; }; kept av.mp4'
 t 'onto_old empty -o out.mp4'
 t 'for a in "--fragment 3600.001" "--fragment 1s" --bogus; do brief 1 remux av.mp4 -o x.mp4 $a; done; brief 1 remux av.mp4 -o'
 t 'brief 1 remux --help'
 t 'brief 1 remux -h && remux a.mp4 --output ro.mp4 && digest ro.mp4'
-t 'brief 1 remux a.mp4 av.mp4 -o x.mp4'
+t 'brief 1 remux a.mp4 av.mp4 -o x.mp4 || brief 1 probe a.mp4 av.mp4'
 t 'remux av.mp4 --fragment 3600 -o f3600.mp4 && digest f3600.mp4'
 # Notices: the video's stts made empty and its id 2^31 + 1; its stts deltas 0 and the audio's channels 6 (5.1).
 t 'cp av.mp4 nos.mp4; poke nos.mp4 $(($(box_at av.mp4 stts) + 12)) $(be32 0); poke nos.mp4 $(($(box_at av.mp4 tkhd) + 20)) $(be32 2147483649); remux nos.mp4 -o rnos.mp4 && remux -q nos.mp4 -o rnos.mp4 && digest rnos.mp4'
