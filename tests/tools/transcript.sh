@@ -423,6 +423,8 @@ t 'cp av.mp4 nos.mp4; poke nos.mp4 $(($(box_at av.mp4 stts) + 12)) $(be32 0); po
 t 'cp av.mp4 nod.mp4; poke nod.mp4 $(($(box_at av.mp4 stts) + 20)) $(be32 0); poke nod.mp4 $(($(box_at av.mp4 esds) + 35)) "\\xb0"; remux nod.mp4 -o rnod.mp4 && remux -q nod.mp4 -o rnod.mp4 && digest rnod.mp4'
 # The movie lasts as long as its longer track: in fragments, the video's media made 6.25 s.
 t 'cp av.mp4 slow.mp4; poke slow.mp4 $(($(box_at av.mp4 stts) + 20)) $(be32 2400); remux slow.mp4 --fragment 1 -o rslow.mp4 && digest rslow.mp4'
+# 236 samples of 2^25 ticks: a movie past 2^32 ticks, its headers of version 1.
+t 'cp a.mp4 long.mp4; poke long.mp4 $(($(box_at a.mp4 stts) + 20)) $(be32 33554432); remux long.mp4 -o rlong.mp4 && probe --boxes rlong.mp4 | grep -E "movie:|mvhd|tkhd|mdhd"'
 t 'remux a96.mp4 --faststart -o r96.mp4 && digest r96.mp4'
 
 # The program itself.
