@@ -164,8 +164,9 @@ t '{ head -c 3484 $D/main10_cra.h265; cat pps_1_61.h265; tail -c +3485 $D/main10
 t 'LC_ALL=C sed "s/\\x00\\x00\\x00\\x01\\x68/\\x00\\x00\\x01\\x68/" one.h264 > one3.h264; cat one.h264 one3.h264 > mixed.h264; mux -v mixed.h264 --fragment 1 -o x.mp4 && digest x.mp4'
 t '{ cat $D/sample.aac; printf "\\377"; } > ff.aac; mux -a ff.aac -o ff.mp4; kept ff.mp4'
 t 'mux -v $D/sample.h264 --video-codec avc -o y.mp4 && digest y.mp4'
-# An MPEG-1 layer III header (its bits where ADTS has the rate give 13); an ID3 tag alone.
-t '{ printf "\\xff\\xfb\\xb4"; cat $D/sample.aac; } > layer3.aac; mux -a layer3.aac -o x.mp4'
+# An MPEG-1 layer III header (its bits where ADTS has the rate give 13), bytes without a sync word whose bits there
+# give 15; an ID3 tag alone.
+t 'for h in "\\xff\\xfb\\xb4" "\\0\\0\\x3c"; do { printf "$h"; cat $D/sample.aac; } > layer3.aac; mux -a layer3.aac -o x.mp4; done'
 t 'printf "ID3\\4\\0\\0\\0\\0\\0\\0" > tag.aac; mux -a tag.aac -o x.mp4; mux -a tag.aac --fragment 1 -o x.mp4'
 # The first frame's sampling_frequency_index 13 or 14 (reserved), two raw data blocks; a frame of its header alone.
 t 'for b in "2 \\x74" "2 \\x78" "6 \\xfd"; do cp $D/sample.aac r.aac; poke r.aac $b; mux -a r.aac -o x.mp4; done'
