@@ -155,7 +155,8 @@ TEST(Mux, ProgressOnATerminal) {
   EXPECT_EQ(shown.find("written"), std::string::npos) << shown;
   // Audio alone: its seconds, 236 frames of 1024 at 48 kHz.
   const std::string audio_path = shell_quote(source_dir() + "/tests/data/sample.aac");
-  shown = on_terminal("{ cat " + audio_path + "; sleep 2.5; } | " + tool + " mux --audio - --fragment 1 -o " + shell_quote(out));
+  shown = on_terminal("{ cat " + audio_path + "; sleep 2.5; } | " + tool + " mux --audio - --fragment 1 -o " +
+                      shell_quote(out));
   EXPECT_NE(shown.find(": 236 frames, 5.0 s written\r\n"), std::string::npos) << shown;
   // The input trickles in over 4 s, a fragment every half second.
   run("for i in 0 1 2 3 4 5 6 7; do dd if=" + video + " bs=20000 skip=$i count=1 status=none; sleep 0.5; done | " +
@@ -173,7 +174,8 @@ TEST(Mux, ProgressOnATerminal) {
   shown = on_terminal(tool + " mux --video " + shell_quote(out + ".h264") + " --audio " + shell_quote(out + ".aac") +
                       " -o " + shell_quote(out + ".filled.mp4"));
   EXPECT_NE(shown.find("100%\r\033[K"), std::string::npos) << shown;
-  EXPECT_EQ(on_terminal(tool + " mux -q --video " + shell_quote(out + ".h264") + " -o " + shell_quote(out + ".q.mp4")), "");
+  const std::string quiet = " -q --video " + shell_quote(out + ".h264") + " -o " + shell_quote(out + ".q.mp4");
+  EXPECT_EQ(on_terminal(tool + " mux" + quiet), "");
   const std::regex percent(R"((\d+)%)");
   int shares = 0;
   for (std::sregex_iterator it(shown.begin(), shown.end(), percent), end; it != end; ++it, ++shares)
