@@ -198,10 +198,11 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
       EXPECT_EQ(ok, !past) << limit.what;
     }
   }
-  // Maps of four slice groups (§7.3.2.2), types 0 (run lengths), 2 (rectangles) and 6 (five 2-bit ids), are read
-  // through to the fields after them; type 7 is reserved.
+  // Maps of four slice groups (§7.3.2.2), types 0 (run lengths), 2 (rectangles), 4 and 5 (a change direction and
+  // rate) and 6 (five 2-bit ids), are read through to the fields after them; type 7 is reserved.
   for (const auto& [map, valid] : {std::pair(Bits().ue(0).ue(9).ue(9).ue(9).ue(9), true),
                                     {Bits().ue(2).ue(0).ue(99).ue(1).ue(99).ue(2).ue(99), true},
+                                    {Bits().ue(4).u(1, 1).ue(9), true}, {Bits().ue(5).u(1, 0).ue(9), true},
                                     {Bits().ue(6).ue(4).u(10, 0x1B1), true}, {Bits().ue(7), false}}) {
     HandPps groups;
     groups.groups_minus1 = 3, groups.l0_minus1 = 5, groups.bipred = 2, groups.map = map;
@@ -304,6 +305,31 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
                     {hand_slice(1, true, 3, 2, 0, 0, false, 0), hand_slice(1, true, 3, 2, 0, 0, false, 1),
                      hand_slice(1, false, 3, 2, 1, 0, false, 0), hand_slice(1, false, 3, 2, 1, 0, false, 1)}),
             (Pocs{0, 3, 6, 9}));
+  // Two offsets, 3 and 5: from frame_num 3 on a whole cycle (8) has passed (§8.2.1.2), and the non-reference frame 5
+  // counts as frame 4 does, less 4.
+  EXPECT_EQ(pocs_of(hand_sets(1, {3, 5}, -4), {hand_slice(1, true, 3, 2, 0, 0), hand_slice(1, false, 2, 0, 1, 0),
+                                               hand_slice(1, false, 2, 0, 2, 0), hand_slice(1, false, 2, 0, 3, 0),
+                                               hand_slice(1, false, 2, 0, 4, 0), hand_slice(1, false, 0, 1, 5, 0)}),
+            (Pocs{0, 3, 8, 11, 16, 12}));
+  // A frame_num of 5 bits wraps after 31: types 1 and 2 add MaxFrameNum (32) to FrameNumOffset, whatever the lsb
+  // range these types do not send. With offset_for_ref_frame 2 and offset_for_non_ref_pic 1, type 1 counts as type 2
+  // does: twice the frame number, one less for a non-reference frame.
+  const auto five_bits = [](bool idr, uint8_t ref_idc, uint32_t frame_num) {
+    Bits b;
+    b.ue(0).ue(idr ? 7 : 5).ue(0).u(5, frame_num);
+    idr ? b.ue(0).u(2, 0) : b.u(1, 0).u(1, 0).u(ref_idc ? 1 : 0, 0);
+    return b.nal(ref_idc, idr ? kNalIdrSlice : kNalSlice);
+  };
+  for (const uint32_t type : {1u, 2u}) {
+    HandSps wide;
+    wide.poc_type = type, wide.frame_num_minus4 = 1, wide.always_zero = true, wide.non_ref = 1;
+    wide.cycle = std::vector<int32_t>(type == 1, 2);
+    std::vector<Nal> slices{five_bits(true, 3, 0)};
+    Pocs expected{0};
+    for (uint32_t n = 1; n <= 32; ++n) slices.push_back(five_bits(false, 2, n % 32)), expected.push_back(2 * n);
+    slices.push_back(five_bits(false, 0, 1)), expected.push_back(65);
+    EXPECT_EQ(pocs_of(sets_of(wide.nal(), HandPps{}.nal()), slices), expected) << type;
+  }
 
   // At exactly half the lsb range a fall is a wrap and a rise is not (§8.2.1.1); one more than half and a
   // rise is a wrap backwards. Only reference pictures move the reference point.
@@ -326,12 +352,13 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
                       {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, type, 1, 8, true, -1, true)}),
               (Pocs{0, 0})) << type;
   }
-  // A non-reference B field under a PPS with redundant_pic_cnt_present_flag: its redundant_pic_cnt (1) is kept, and
-  // an override may give both lists 32 references (the most, for fields), not 33 to either.
+  // A non-reference B field under a PPS with redundant_pic_cnt_present_flag and bottom_order: a field has no
+  // delta_pic_order_cnt_bottom (§7.3.3), its redundant_pic_cnt (1) is kept, and an override may give both lists 32
+  // references (the most, for fields), not 33 to either.
   HandSps field_sps;
   field_sps.fields = true;
   HandPps with_redundant;
-  with_redundant.redundant = true;
+  with_redundant.redundant = with_redundant.bottom_order = true;
   const auto redundant = sets_of(field_sps.nal(), with_redundant.nal());
   for (const auto& [l0, l1] : {std::pair(32u, 32u), {33u, 32u}, {32u, 33u}}) {
     const Nal nal = Bits().ue(0).ue(6).ue(0).u(4, 1).u(1, 1).u(1, 0).u(4, 2).ue(1).u(1, 1).u(1, 1).ue(l0 - 1)
