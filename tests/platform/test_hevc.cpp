@@ -109,6 +109,13 @@ TEST(HevcParameterSets, HandMadeSequenceParameterSetsReadToTheEnd) {
   HandSps low;
   low.hrd = low.low_delay = true;
   EXPECT_TRUE(parsed(low.nal()).ends_with("segmentation 1000")) << parsed(low.nal());
+  // From {-1 | +1} with delta_rps -2 (§7.4.8): +1 becomes -1, kept by the second use_delta_flag, and -1 becomes -3,
+  // dropped by the first. The set is {-1, -2 |}, so the one predicted from it reads three flags.
+  HandSps turned;
+  turned.rps = {explicit_rps({1}, {1}, true), predicted_rps(-2, {{false, false}, {true, true}, {true, true}}),
+                predicted_rps(1, {{false, false}, {true, true}, {true, true}})};
+  EXPECT_TRUE(parsed(turned.nal()).ends_with("rps 3 | sar 64:45 tick 1001/60000 segmentation 1000"))
+      << parsed(turned.nal());
   // Cut anywhere before its last field, it is refused.
   const Nal whole = full.nal();
   for (std::size_t cut = 0; cut + 2 < whole.size(); ++cut)
@@ -144,6 +151,11 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
          s.min_cb_minus3 = 3, s.cb_diff = p ? 0xFFFFFFFE : 0, s.height = 704, s.tb_diff = 2; }},
       {"CtbLog2SizeY 4", [](HandSps& s, bool p) { s.cb_diff = p ? 0 : 1, s.tb_diff = 1; }},
       {"MaxTbLog2SizeY 5 in 64x64 blocks", [](HandSps& s, bool p) { s.tb_diff = p ? 4 : 3; }},
+      // Both up to CtbLog2SizeY - MinTbLog2SizeY (§7.4.3.2.1).
+      {"max_transform_hierarchy_depth_inter 2 in 16x16 blocks of 4x4 transforms",
+       [](HandSps& s, bool p) { s.cb_diff = 1, s.tb_diff = 1, s.depth_inter = p ? 3 : 2; }},
+      {"max_transform_hierarchy_depth_intra 4 in 64x64 blocks of 4x4 transforms",
+       [](HandSps& s, bool p) { s.depth_intra = p ? 5 : 4; }},
       {"min_spatial_segmentation_idc 4095", [](HandSps& s, bool p) { s.min_spatial = p ? 4096 : 4095; }},
       {"pic_width_in_luma_samples 32768", [](HandSps& s, bool p) { s.width = p ? 32776 : 32768; }},
       {"pic_height_in_luma_samples 32768", [](HandSps& s, bool p) { s.height = p ? 32776 : 32768; }},
@@ -185,10 +197,16 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
     EXPECT_EQ(std::pair(parsed(at.nal()) == "refused", parsed(past.nal())), std::pair(false, std::string("refused")))
         << limit.what;
   }
+  // cu_qp_delta_enabled_flag with diff_cu_qp_delta_depth: up to log2_diff_max_min_luma_coding_block_size
+  // (§7.4.3.3), which is 3 at most (64x64 tree blocks of 8x8 coding blocks).
+  const auto qp_depth = [](uint32_t depth) {
+    return Bits().ue(0).ue(0).u(7, 0).ue(0).ue(0).se(0).u(3, 1).ue(depth).se(0).se(0).u(5, 0).u(1, 1).hevc_nal(kPps);
+  };
   const struct {
     const char* what;
     Nal at, past;
   } unit_limits[] = {
+      {"diff_cu_qp_delta_depth 3", qp_depth(3), qp_depth(4)},
       {"vps_max_sub_layers_minus1 6", vps_of(6), vps_of(7)},
       {"pps_pic_parameter_set_id 63", pps_of(63), pps_of(64)},
       {"pps_seq_parameter_set_id 15", pps_of(0, 0, 0, 0, 0, 0, 15), pps_of(0, 0, 0, 0, 0, 0, 16)},
@@ -226,7 +244,7 @@ Nal hand_slice(uint8_t type, uint32_t lsb, uint8_t temporal_id = 0) {
   Bits b;
   b.u(1, 1);
   if (is_irap(type)) b.u(1, 0);
-  b.ue(0).ue(type == kIdrWRadl ? 2 : 1);
+  b.ue(0).ue(is_irap(type) ? 2 : 1);
   if (!is_idr(type)) b.u(4, lsb);
   return b.hevc_nal(type, temporal_id);
 }
@@ -251,6 +269,13 @@ TEST(HevcPictureOrder, WrapAtHalfTheRangeAndTheTid0Picture) {
   // Going forwards by more than half wraps backwards: leading pictures of an IDR come out negative.
   EXPECT_EQ(pocs_of(sets, {hand_slice(kIdrWRadl, 0), hand_slice(kRadlN, 14), hand_slice(kRadlN + 1, 15)}),
             (std::vector<int64_t>{0, -2, -1}));
+  // A BLA picture of any type restarts the count as an IDR picture does (§8.3.1, NoRaslOutputFlag 1): lsb 4 after
+  // POC 16 is 4, not 20.
+  for (const uint8_t bla : {uint8_t{kBlaWLp}, uint8_t{17}, uint8_t{kBlaNLp}}) {
+    EXPECT_EQ(pocs_of(sets, {hand_slice(kIdrWRadl, 0), hand_slice(kTrailR, 8), hand_slice(kTrailR, 0),
+                             hand_slice(bla, 4)}),
+              (std::vector<int64_t>{0, 8, 16, 4})) << +bla;
+  }
   // Only layer 0 pictures neither leading nor sub-layer non-reference move the reference point: after such an lsb 7,
   // lsb 9 counts as 9; after any other (non-reference, leading, layer 1), it counts as -7 from the IDR.
   for (const auto& skipped : {hand_slice(kTrailN, 7), hand_slice(kRadlN + 1, 7), hand_slice(kRaslR, 7),

@@ -24,6 +24,7 @@ struct HandSps {
   uint32_t lsb_minus4 = 4;
   uint32_t buffering_minus1 = 4, reorder = 0;
   uint32_t min_cb_minus3 = 0, cb_diff = 3, tb_minus2 = 0, tb_diff = 3;
+  uint32_t depth_inter = 1, depth_intra = 1;  // max_transform_hierarchy_depth_inter and _intra
   bool scaling_list = false;
   uint32_t pred_delta_32 = 1;  // scaling_list_pred_matrix_id_delta of the second 32x32 list
   bool pcm = false;
@@ -57,7 +58,7 @@ struct HandSps {
     b.ue(luma_minus8).ue(chroma_minus8).ue(lsb_minus4);
     b.u(1, 1);
     for (uint32_t i = 0; i <= sub_layers_minus1; ++i) b.ue(buffering_minus1).ue(reorder).ue(0);
-    b.ue(min_cb_minus3).ue(cb_diff).ue(tb_minus2).ue(tb_diff).ue(1).ue(1);
+    b.ue(min_cb_minus3).ue(cb_diff).ue(tb_minus2).ue(tb_diff).ue(depth_inter).ue(depth_intra);
     b.u(1, scaling_list);
     if (scaling_list) {
       b.u(1, 1);
