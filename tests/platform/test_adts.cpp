@@ -56,6 +56,14 @@ TEST(Adts, HeadersFieldByFieldAndTheirConfigurations) {
     boxlane::audio_specific_config(h, asc);
     EXPECT_EQ(hex(asc, 3), hex(unhex(c.config)) + " EE");
   }
+  // Table 1.18, every sampling_frequency_index in use.
+  const unsigned rates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350};
+  for (uint8_t index = 0; index < 13; ++index) {
+    std::vector<uint8_t> bytes = unhex("FF F1 40 80 00 FF FC");
+    bytes[2] |= uint8_t(index << 2);
+    AdtsHeader h;
+    EXPECT_TRUE(parse_adts(bytes.data(), bytes.size(), h) && h.sample_rate == rates[index]) << +index;
+  }
 }
 
 // ISO/IEC 14496-3 Table 4.2 by hand: the PCE after a 3-bit element id in a frame, after 16 bits in the configuration.
