@@ -118,6 +118,18 @@ TEST_F(FragmentTest, SegmentTypeAndIndex) {
   EXPECT_EQ(box(Boxlane_Packet_SIdx),
             bytes_hex("00000034 73696478 01000000 00000001 00015F90 00000000 00003A98 00000000 00000000"
                       "0000 0001 00000090 00001770 90000000"));
+  fragment();
+  // Audio handed in first: the index is still the video track's, whose first sample is no sync sample. The moof
+  // holds a video traf of 76 bytes and an audio one of 72; decode time 6 x 3000.
+  audio(6, 1024);
+  video(8, 0, 3000, 3000);
+  EXPECT_EQ(box(Boxlane_Packet_SIdx),
+            bytes_hex("00000034 73696478 01000000 00000001 00015F90 00000000 00004650 00000000 00000000"
+                      "0000 0001 000000C2 00000BB8 00000000"));
+  fragment();
+  // Only audio pending: the video track has nothing to index.
+  audio(6, 1024);
+  refuses(BOXLANE_ERROR_PACKET_NODATA, Boxlane_Packet_SIdx);
 }
 
 // Each tfra entry is a track's first sync sample in a fragment, at its presentation time (0 for one before 0).

@@ -58,8 +58,11 @@ TEST_F(SampleDescription, VideoEntry) {
   tkhd(0, 320, 240);
   auto av = protocol(true, unhex("00 00 00 01 " + kSps + "00 00 00 01 " + kPps));
   av->nAudioCfgLen = -5;  // the audio block is not looked at
-  EXPECT_EQ(stsd(av), bytes_hex("00000096 73747364 00000000 00000001 00000086 61766331" + avc1_fixed("0140 00F0") +
-                                "00000030 61766343 01 64 00 0B FF E1 0019" + kSps + "01 0004" + kPps));
+  for (const uint8_t flag : {uint8_t{1}, uint8_t{0xFF}}) {  // any non-zero bVideo
+    av->bVideo = flag;
+    EXPECT_EQ(stsd(av), bytes_hex("00000096 73747364 00000000 00000001 00000086 61766331" + avc1_fixed("0140 00F0") +
+                                  "00000030 61766343 01 64 00 0B FF E1 0019" + kSps + "01 0004" + kPps)) << +flag;
+  }
   // The size is the latest tkhd's, whichever track it described, low 16 bits.
   tkhd(0x0100, 0x10000 + 1920, 1080);
   EXPECT_EQ(stsd(av).substr(48 * 3, 11), "07 80 04 38");
