@@ -153,6 +153,10 @@ TEST_F(Intake, BuildAndPacketOnTheCallersRecord) {
       EXPECT_TRUE(fails_with(split(r, p, n), BOXLANE_ERROR_PARSE_PARAMETER)) << n;
     ASSERT_TRUE(split(&record, nullptr, 0) && split(&record, stream.data(), int(stream.size())));
     EXPECT_EQ(queued(record), std::tuple(want.records, want.final_position));
+    // A stream it refuses: a box of size 7 (ISO/IEC 14496-12 §4.2: no size below its header).
+    QORVANE_MP4PARSE refused;
+    const Bytes seven = cat({movie_ftyp(), box("moov", Bytes{}.zeros(40), 7)});
+    EXPECT_TRUE(fails_with(split(&refused, seven.data(), int(seven.size())), BOXLANE_ERROR_PARSE_MALFORMED));
   }
   // Build takes a piece that ends inside an mdat's payload, the boxes before it queued.
   QORVANE_MP4PARSE record;
