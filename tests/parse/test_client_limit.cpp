@@ -70,8 +70,8 @@ const Shape kShapes[] = {
     {"large_ftyp", [] { return ftyp_of(1u << 20); }, 0, false},
     // 2.5 MiB is buffered, but its brands beside the buffer would not fit.
     {"ftyp_over_half", [] { return ftyp_of(5u << 19); }, 3, true},
-    // 1 MiB of 8-byte boxes that no worker takes.
-    {"small_boxes", [] { return repeated({}, box("free"), 1 << 20); }, 3, true},
+    // A 1 MiB ftyp, whose brands are kept, then 1 MiB of 8-byte boxes that no worker takes.
+    {"small_boxes", [] { return repeated(ftyp_of(1u << 20), box("free"), 2u << 20); }, 3, true},
     // 4 MiB of tkhd boxes, each with a new track id.
     {"new_tracks",
      [] {
@@ -111,13 +111,14 @@ const Shape kShapes[] = {
        return tracks_of(full_box("stsd", 0, 0, Bytes{}.u32(1).add(entry)));
      },
      3, true},
-    // The same in avc1 entries whose avcC holds 31 SPS of 20000 bytes, and in mp4a entries whose esds holds a
+    // The same in avc1 entries whose avcC holds 15 SPS and 16 PPS of 20000 bytes, and in mp4a entries whose esds holds a
     // DecoderSpecificInfo of 500000 bytes (ISO/IEC 14496-1 §7.2.2.3: its size in four bytes of seven bits).
     {"avc_units",
      [] {
-       Bytes avcc = Bytes{}.u8(1).u8(100).u8(0).u8(31).u8(0xFF).u8(0xE0 | 31);
-       for (int i = 0; i < 31; ++i) avcc.u16(20000).u8(0x67).zeros(19999);
-       avcc.u8(0);
+       Bytes avcc = Bytes{}.u8(1).u8(100).u8(0).u8(31).u8(0xFF).u8(0xE0 | 15);
+       for (int i = 0; i < 15; ++i) avcc.u16(20000).u8(0x67).zeros(19999);
+       avcc.u8(16);
+       for (int i = 0; i < 16; ++i) avcc.u16(20000).u8(0x68).zeros(19999);
        const Bytes entry = box("avc1", cat({Bytes{}.zeros(6).u16(1).zeros(70), box("avcC", avcc)}));
        return tracks_of(full_box("stsd", 0, 0, Bytes{}.u32(1).add(entry)));
      },
