@@ -588,8 +588,10 @@ std::vector<Row> rows() {
             return trun;
           }), 9),
       {"a moof of 64-bit size in the basic mode stops the stream and is counted",
-       {{"feed", cat({movie_ftyp(), resized(one_traf(cat({tfhd_box(0x020000, 1), one})), true)})}}},
+       {{"feed", cat({movie_ftyp(), resized(one_traf(cat({tfhd_box(0x020000, 1), one})), true)})}, {"send", movie_ftyp()}}},
       stopped("stop: size 7", "feed", box("moov", Bytes{}.zeros(40), 7)),
+      stopped("stop: a 64-bit size of 2^62 + 1", "feedx", Bytes{}.u32(1).str("mdat").u64((uint64_t{1} << 62) + 1)),
+      stopped("stop: a 64-bit size of 8, short of its header", "feedx", Bytes{}.u32(1).str("free").u64(8)),
       {"64-bit sizes of exactly their header and of an mdat of 2^62",
        {{"feedx", cat({movie_ftyp(), Bytes{}.u32(1).str("free").u64(16), Bytes{}.u32(1).str("mdat").u64(uint64_t{1} << 62)})}}},
       {"a box of exactly 256 MiB waits for the rest", {{"send", box("moov", Bytes{}.zeros(100), limit)}}},
