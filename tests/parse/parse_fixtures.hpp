@@ -50,13 +50,13 @@ inline Bytes stsz_box(uint32_t constant, uint32_t count, const std::vector<uint3
   for (uint32_t s : sizes) p.u32(s);
   return full_box("stsz", 0, 0, p);
 }
-// A trak with the given track id, media time scale and stbl children.
-inline Bytes trak_box(uint32_t id, uint32_t timescale, const std::vector<Bytes>& stbl_children) {
+// A trak with the given track id, media time scale and stbl children; a media header (vmhd, smhd) before the stbl.
+inline Bytes trak_box(uint32_t id, uint32_t timescale, const std::vector<Bytes>& stbl_children, const Bytes& media_header = {}) {
   Bytes stbl;
   for (const Bytes& child : stbl_children) stbl.add(child);
   const Bytes mdhd = full_box("mdhd", 0, 0, Bytes{}.u32(0).u32(0).u32(timescale).u32(0).u16(0x55C4).u16(0));
   const Bytes hdlr = full_box("hdlr", 0, 0, Bytes{}.u32(0).str("vide").zeros(12).str("v").u8(0));
-  return box("trak", cat({box("tkhd", tkhd_payload(id)), box("mdia", cat({mdhd, hdlr, box("minf", box("stbl", stbl))}))}));
+  return box("trak", cat({box("tkhd", tkhd_payload(id)), box("mdia", cat({mdhd, hdlr, box("minf", cat({media_header, box("stbl", stbl)}))}))}));
 }
 inline Bytes trex_box(uint32_t id, uint32_t description, uint32_t duration, uint32_t size, uint32_t flags) {
   return full_box("trex", 0, 0, Bytes{}.u32(id).u32(description).u32(duration).u32(size).u32(flags));

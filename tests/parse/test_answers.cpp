@@ -594,6 +594,8 @@ std::vector<Row> rows() {
       stopped("stop: a 64-bit size of 8, short of its header", "feedx", Bytes{}.u32(1).str("free").u64(8)),
       {"64-bit sizes of exactly their header and of an mdat of 2^62",
        {{"feedx", cat({movie_ftyp(), Bytes{}.u32(1).str("free").u64(16), Bytes{}.u32(1).str("mdat").u64(uint64_t{1} << 62)})}}},
+      {"a vmhd met in a stream: graphicsmode 0x40 and opcolor 0x8000 x3",
+       {{"send", cat({movie_ftyp(), moov_box({trak_box(1, 1000, {}, full_box("vmhd", 0, 1, Bytes{}.u16(0x40).u16(0x8000).u16(0x8000).u16(0x8000)))})})}}},
       {"a box of exactly 256 MiB waits for the rest", {{"send", box("moov", Bytes{}.zeros(100), limit)}}},
       every("ftyp", {}, {"ftyp", Bytes{}.str("isom").u32(0x200).str("isom").str("avc1")}),
       every("mvhd of version 0", {}, {"mvhd", mvhd0(0)}),
