@@ -560,6 +560,15 @@ std::vector<Row> rows() {
                        box("mdat", Bytes{}.zeros(9))})}}},
       lie("data ending where the moof starts", one_traf(cat({tfhd_box(0x020000, 1), trun_box(0, 0x201, {{0, 100}}, -100)})), 0),
       lie("a negative data_offset past an explicit base", one_traf(cat({tfhd_box(0x01, 1, {0, 0}), trun_box(0, 0x201, {{0, 100}}, -1000)})), 100),
+      lie("a data_offset that carries an explicit base past 2^64",
+          one_traf(cat({tfhd_box(0x01, 1, {0xFFFFFFFF, 0xFFFFFF00}), trun_box(0, 0x201, {{0, 16}}, 0x200)})), 16),
+      // The explicit base holds over default-base-is-moof; the traf without a tfhd keeps its index; flags of
+      // sample_depends_on 1 with sample_is_non_sync_sample clear make a sync sample.
+      lie("a traf without a tfhd, then one whose tfhd sets both bases", moof_with_offset([](int32_t off) {
+            const auto base = uint32_t(fragment_prefix().size() + off - 16);
+            return moof_box(1, {box("traf", trun_box(0, 0x200, {{0, 9}})),
+                                box("traf", cat({tfhd_box(0x020001, 1, {0, base}), trun_box(0, 0x601, {{0, 9, 0x01000000}}, 16)}))});
+          }), 9),
       {"fragments: an mdat of size 0 after the moof, none of its data sent yet", {{"feedx", to_end, {to_end.size() - 9}}}},
       lie("two tfhd in a traf: the first holds", one_traf(cat({tfhd_box(0, 1), tfhd_box(0, 9), one})), 100),
       lie("two tfdt in a traf: the first holds", based(1, [](int32_t off) {
