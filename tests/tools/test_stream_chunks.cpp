@@ -235,6 +235,22 @@ TEST(NewPicture, EachFieldThatTellsPicturesApart) {
   EXPECT_TRUE(starts_new_picture(first, next, sps));
 }
 
+// A rate from a stream's VUI is taken from half a frame a second to 1000, in lowest terms of at most 1000000 each.
+TEST(VuiRate, PlausibleFromHalfAFrameToAThousandASecond) {
+  const struct {
+    uint64_t num, den;
+    uint32_t taken_num, taken_den;  // 0/0: refused
+  } rows[] = {{1, 2, 1, 2},          {1, 3, 0, 0},           {1000, 1, 1000, 1},         {1001, 1, 0, 0},
+              {2000000, 2000, 1000, 1}, {1000003, 2000, 0, 0}, {999999, 1000003, 0, 0}, {60000, 2002, 30000, 1001},
+              {0, 1, 0, 0},          {1, 0, 0, 0}};
+  for (const auto& r : rows) {
+    FrameRate got{0, 0};
+    const bool ok = plausible_rate(r.num, r.den, got);
+    EXPECT_EQ(std::tuple(ok, got.num, got.den), std::tuple(r.taken_num != 0, r.taken_num, r.taken_den))
+        << r.num << "/" << r.den;
+  }
+}
+
 // Each side of where a size changes its unit; channel layouts by name where they have one.
 TEST(SummaryText, SizesCountsAndLayoutsAtTheirEdges) {
   for (const auto& [bytes, says] : {std::pair{10239ull, "10239 bytes"}, {10240ull, "10.0 KiB"},

@@ -108,11 +108,11 @@ t 'mux -a . --fragment 1 -o x.mp4'
 # mux: usage.
 t 'mux -v $D/sample.h264 -o'
 t 'mux -v a --fps 0.0004 -o x; mux -v one.h264 --fps 0.0045 -o y.mp4 && digest y.mp4'
-t 'mux -v a --fps 25x/1 -o x; mux -v a --fps 25x -o x'
+t 'for r in 25x/1 25/1x 25x 0/1 -1 nan; do mux -v a --fps $r -o x; done'
 t 'mux -v a --timescale 0 -o x'
 t 'mux -v a --fragment 1 --faststart -o x'
 t 'mux -v a --fsync -o x'
-t 'mux -h 2>/dev/null | head -1; exit ${PIPESTATUS[0]}'
+t 'mux --help 2>/dev/null | head -1; mux -h 2>/dev/null | head -1; exit ${PIPESTATUS[0]}'
 
 # mux: options and inputs at their limits.
 t 'for r in 1000 1000000/40000; do mux -v $D/sample.h264 --fps $r -o y.mp4 && digest y.mp4; done'
@@ -221,7 +221,7 @@ t 'cp fr.mp4 cc.mp4; poke cc.mp4 $(($(box_at cc.mp4 trun) + 12)) $(be32 100000);
 t 'probe a.mp4 > /dev/full'
 t 'probe missing.mp4'
 t ': > empty.mp4; probe empty.mp4; : | probe -'
-t 'brief 1 probe --pools 64 fs.mp4 && brief 1 probe --piece 67108864 fs.mp4 && brief 1 probe --random-pieces 67108864 --seed 0 fs.mp4'
+t 'brief 1 probe --pools 64 fs.mp4 && brief 1 probe --piece 67108864 fs.mp4 && brief 1 probe --random-pieces 67108864 --seed 0 fs.mp4 && brief 1 probe fs.mp4 --piece'
 t 'brief 3 probe -z'
 t 'brief 3 probe --seed 1 x'
 
