@@ -246,6 +246,8 @@ TEST(RemuxEditLists, ReadFromTheMoovOfEachTrackAsFarAsTheyAreWhole) {
        1},
       {"moov of size 0: to the end", box("moov", box("trak", cat({tkhd(0, 1), one})), 0), 1},
       {"tkhd cut before the id", box("moov", box("trak", cat({full_box("tkhd", 0, 3, Bytes().zeros(10)), one}))), 99},
+      {"tkhd of size 4, short of its header",
+       box("moov", box("trak", cat({Bytes().u32(4).str("tkhd").zeros(84), one}))), 99},
       {"trak past the moov", box("moov", box("trak", cat({tkhd(0, 1), one}), 4000)), 99},
   };
   for (const auto& c : cases) {
