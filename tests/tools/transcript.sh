@@ -78,6 +78,8 @@ t 'mux -v sei_cra.h265 --fragment 0.1 -o seif.mp4 && deep seif.mp4'
 # mux: streams in other shapes.
 t 'mux -v mid_gop.h264 -o mid.mp4 && show mid.mp4'
 t 'mux -v mid_gop.h264 --keep-leading --fragment 1 -o midk.mp4 && show midk.mp4'
+# Pictures before any parameter set cannot be read: --keep-leading drops them too.
+t '{ tail -c +4995 $D/sample.h264 | head -c 20000; cat $D/sample.h264; } > before_sets.h264; mux -v before_sets.h264 --keep-leading -o x.mp4 && digest x.mp4'
 t 'mux -v two_pps.h264 --fps 25 -o pps.mp4 && show pps.mp4 && deep pps.mp4'
 t 'mux -v captions.h264 -o cap.mp4 && digest cap.mp4 && mux -v captions.h264 --strip-sei -o nocap.mp4 && digest nocap.mp4'
 t 'mux -v open_cut.h264 -o open.mp4 && show open.mp4 && mux -v open_cut.h264 --keep-leading -o openk.mp4 && digest openk.mp4'
