@@ -1,9 +1,9 @@
+#include "platform/byte_order.hpp"
 #include "tools/common/json_writer.hpp"
 #include "tools/common/names.hpp"
 #include "tools/probe/report.hpp"
 
 #include <algorithm>
-#include <cstring>
 #include <span>
 
 namespace boxlane::tool {
@@ -311,13 +311,10 @@ bool write_json_report(const ProbeReport& report, std::FILE* sink, bool samples)
       json.member("version", uint32_t{h.byVersion});
       json.member("flags", uint32_t{h.byFlags[0]} << 16 | uint32_t{h.byFlags[1]} << 8 | h.byFlags[2]);
     }
-    if (h.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_UUID) {
-      // The two bytes are stored as they stand in the file; read big-endian, as every field of the box, they give
-      // the same number on any host.
-      uint8_t head[2];
-      std::memcpy(head, &h.wUUIDHead, sizeof head);
-      json.member("uuid_head", uint32_t{head[0]} << 8 | head[1]);
-    }
+    // The two bytes are stored as they stand in the file: read big-endian, as every field of the box, they give
+    // the same number on any host.
+    if (h.enHType == ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_UUID)
+      json.member("uuid_head", uint32_t{Olbrant_Endain_ntohs(h.wUUIDHead)});
     json.end_object();
   });
   json.end_array();
