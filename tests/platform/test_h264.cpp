@@ -76,6 +76,10 @@ TEST(H264ParameterSets, X264AndHandMadeSequenceParameterSets) {
   for (std::size_t cut : {std::size_t{0}, std::size_t{4}, hd.size() - 1})
     EXPECT_EQ(parsed(Nal(hd.begin(), hd.begin() + long(cut))), "refused") << cut;
   EXPECT_EQ(parsed(unhex("68 EB E3 CB 22 C0")), "refused");
+  // The body of x264's PPS is read as one only under a PPS header (nal_unit_type 8).
+  Pps pps;
+  const Nal under_sps = unhex("67 EB E3 CB 22 C0"), under_pps = unhex("68 EB E3 CB 22 C0");
+  EXPECT_EQ(std::pair(parse_pps(under_sps.data(), 6, pps), parse_pps(under_pps.data(), 6, pps)), std::pair(false, true));
 
   // High 4:2:2 at 14 bits, 1280x736 coded, fields (crop unit 2 x 2). Scaling lists (4x4, one ending on a zero
   // scale, 8x8) and every optional VUI part, with the most CPBs, must be skipped exactly for the fields after them.
@@ -106,6 +110,9 @@ struct HandSps {
   int chroma = -1;
   uint8_t profile = 244;
   bool separate = false, fields = false, always_zero = false;
+  int chroma_depth = -1;     // bit_depth_chroma_minus8 when not `depth`
+  int32_t scale_delta = 0;   // when not 0, the first 4x4 scaling list: this delta_scale, then 15 of 0
+  bool signal = false;       // a VUI with video_signal_type_present_flag and no colour description
   uint32_t depth = 0, id = 0, frame_num_minus4 = 0, poc_type = 0, lsb_minus4 = 0, width_mbs = 20, height_units = 15;
   std::vector<int32_t> cycle;
   int32_t non_ref = 0, top_to_bottom = 0;
@@ -121,7 +128,9 @@ struct HandSps {
     if (chroma >= 0) {
       b.ue(uint32_t(chroma));
       if (chroma == 3) b.u(1, separate);
-      b.ue(depth).ue(depth).u(1, 0).u(1, 1).u(chroma == 3 ? 12 : 8, 0);
+      b.ue(depth).ue(chroma_depth < 0 ? depth : uint32_t(chroma_depth)).u(1, 0).u(1, 1).u(1, scale_delta != 0);
+      for (int j = 0; scale_delta && j < 16; ++j) b.se(j ? 0 : scale_delta);
+      b.u(chroma == 3 ? 11 : 7, 0);
     }
     b.ue(frame_num_minus4).ue(poc_type);
     if (poc_type == 0) b.ue(lsb_minus4);
@@ -130,12 +139,14 @@ struct HandSps {
     // frame_mbs_only_flag, mb_adaptive_frame_field_flag 0 with fields, direct_8x8_inference_flag.
     b.ue(2).u(1, 0).ue(width_mbs - 1).ue(height_units - 1).u(1, !fields).u(fields ? 2 : 1, 1).u(1, !crop.empty());
     for (uint32_t c : crop) b.ue(c);
-    const bool vui = sar_idc >= 0 || cpbs || reorder >= 0;
+    const bool vui = sar_idc >= 0 || cpbs || reorder >= 0 || signal;
     b.u(1, vui);
     if (!vui) return b.nal(3, kNalSps);
     b.u(1, sar_idc >= 0);
     if (sar_idc >= 0) b.u(8, uint32_t(sar_idc));
-    b.u(4, 0);  // overscan, video signal type, chroma location, timing
+    b.u(1, 0).u(1, signal);  // overscan, video signal type: format 5, full range, no colour description
+    if (signal) b.u(3, 5).u(1, 1).u(1, 0);
+    b.u(2, 0);  // chroma location, timing
     for (const bool hrd : {cpbs && !vcl, cpbs && vcl}) {
       b.u(1, hrd);
       if (!hrd) continue;
@@ -173,6 +184,8 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
       {"seq_parameter_set_id 31", [](bool p) { HandSps s; s.id = p ? 32 : 31; return s.nal(); }},
       {"chroma_format_idc 3", [](bool p) { HandSps s; s.chroma = p ? 4 : 3; return s.nal(); }},
       {"bit depth 14", [](bool p) { HandSps s; s.chroma = 1, s.depth = p ? 7 : 6; return s.nal(); }},
+      {"chroma bit depth 14", [](bool p) { HandSps s; s.chroma = 1, s.chroma_depth = p ? 7 : 6; return s.nal(); }},
+      {"delta_scale -128", [](bool p) { HandSps s; s.chroma = 1, s.scale_delta = p ? -129 : -128; return s.nal(); }},
       {"log2_max_frame_num 16", [](bool p) { HandSps s; s.frame_num_minus4 = p ? 13 : 12; return s.nal(); }},
       {"log2_max_pic_order_cnt_lsb 16", [](bool p) { HandSps s; s.lsb_minus4 = p ? 13 : 12; return s.nal(); }},
       {"pic_order_cnt_type 2", [](bool p) { HandSps s; s.poc_type = p ? 3 : 2; return s.nal(); }},
@@ -189,6 +202,12 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
       {"num_ref_idx_l1_default_active 32", [](bool p) { HandPps s; s.l1_minus1 = p ? 32 : 31; return s.nal(); }},
       {"weighted_bipred_idc 2", [](bool p) { HandPps s; s.bipred = p ? 3 : 2; return s.nal(); }},
       {"cpb_cnt 32", [](bool p) { HandSps s; s.cpbs = p ? 33 : 32; return s.nal(); }},
+      // 1024 x 1024 map units, the most the SPS limits allow, each with a 1-bit slice_group_id of two groups.
+      {"pic_size_in_map_units 1048576", [](bool p) {
+         HandPps s;
+         s.groups_minus1 = 1, s.map = Bits().ue(6).ue(1048575 + p);
+         s.map.bits.resize(s.map.bits.size() + 1048576 + p);
+         return s.nal(); }},
   };
   for (const auto& limit : limits) {
     for (const bool past : {false, true}) {
@@ -198,9 +217,10 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
       EXPECT_EQ(ok, !past) << limit.what;
     }
   }
-  // Maps of four slice groups (§7.3.2.2), types 0 (run lengths), 2 (rectangles), 4 and 5 (a change direction and
-  // rate) and 6 (five 2-bit ids), are read through to the fields after them; type 7 is reserved.
-  for (const auto& [map, valid] : {std::pair(Bits().ue(0).ue(9).ue(9).ue(9).ue(9), true),
+  // Maps of four slice groups (§7.3.2.2), types 0 (run lengths), 1 (dispersed: no fields), 2 (rectangles), 4 and 5
+  // (a change direction and rate) and 6 (five 2-bit ids), are read through to the fields after them; type 7 is
+  // reserved.
+  for (const auto& [map, valid] : {std::pair(Bits().ue(0).ue(9).ue(9).ue(9).ue(9), true), {Bits().ue(1), true},
                                     {Bits().ue(2).ue(0).ue(99).ue(1).ue(99).ue(2).ue(99), true},
                                     {Bits().ue(4).u(1, 1).ue(9), true}, {Bits().ue(5).u(1, 0).ue(9), true},
                                     {Bits().ue(6).ue(4).u(10, 0x1B1), true}, {Bits().ue(7), false}}) {
@@ -239,10 +259,11 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
     EXPECT_EQ(parsed(s.nal()), "profile " + std::to_string(profile) + " level 30 chroma 2 frames 314x233 crop 2 4 3 4 "
                                "poc 0 sar 0:0");
   }
-  // low_delay_hrd_flag follows a NAL HRD or a VCL HRD alone (§E.1.1), before the restriction's reorder depth.
-  for (const bool vcl : {false, true}) {
+  // low_delay_hrd_flag follows a NAL HRD or a VCL HRD alone (§E.1.1), before the restriction's reorder depth; a
+  // video signal type without colour_description_present_flag has no colour fields.
+  for (const int form : {0, 1, 2}) {
     HandSps s;
-    s.cpbs = 2, s.vcl = vcl, s.reorder = 3;
+    s.cpbs = form < 2 ? 2 : 0, s.vcl = form == 1, s.signal = form == 2, s.reorder = 3;
     EXPECT_TRUE(parsed(s.nal()).ends_with(" sar 0:0 reorder 3")) << parsed(s.nal());
   }
   // Every ratio of Table E-1, as the table writes them.
@@ -410,6 +431,64 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
                      Bits().ue(0).ue(5).ue(0).u(2, 1).u(4, 1).u(4, 8).u(2, 0).ue(3).u(1, 1).se(-2).se(5)
                          .u(1, 1).ue(5).ue(0).nal(2, kNalSlice)}),
             (Pocs{0, 0}));
+}
+
+// Slices a field decides the syntax of, and slices refused: under SPS 0 of 4-bit frame_num and lsb (of frames, of
+// fields, or of fields and POC type 1) and PPS 0.
+TEST(H264SliceHeader, FieldsOnlySomeSlicesHaveAndRefusals) {
+  HandSps fields, type1_fields;
+  fields.fields = type1_fields.fields = true;
+  type1_fields.poc_type = 1, type1_fields.cycle = {6};
+  HandPps bottom_order;
+  bottom_order.bottom_order = bottom_order.redundant = true;
+  ParameterSets sets[] = {hand_sets(0), sets_of(fields.nal(), HandPps{}.nal()),
+                          sets_of(type1_fields.nal(), bottom_order.nal()), hand_sets(0)};
+  sets[3].has_sps[0] = false;
+  // A non-reference P slice of frame_num 1 and lsb 2, with a list 0 modification of one operation (3 ends the list).
+  const auto p_slice = [](uint32_t idc) {
+    return Bits().ue(0).ue(5).ue(0).u(4, 1).u(4, 2).u(1, 0).u(1, 1).ue(idc).ue(0).ue(3).nal(0, kNalSlice);
+  };
+  // A B slice whose list 1 has that modification.
+  const auto b_slice = [](uint32_t idc) {
+    return Bits().ue(0).ue(6).ue(0).u(4, 1).u(4, 2).u(1, 1).u(1, 0).u(1, 0).u(1, 1).ue(idc).ue(0).ue(3).nal(
+        0, kNalSlice);
+  };
+  // A reference P slice whose dec_ref_pic_marking has one operation of that number.
+  const auto marked = [](uint32_t op) {
+    return Bits().ue(0).ue(5).ue(0).u(4, 1).u(4, 2).u(1, 0).u(1, 0).u(1, 1).ue(op).ue(1).ue(0).nal(2, kNalSlice);
+  };
+  Nal retyped = p_slice(2);
+  retyped[0] = uint8_t(retyped[0] & 0xE0) | kNalSps;
+  const struct {
+    const char* what;
+    int sets;
+    Nal nal;
+    int64_t lsb_or_delta, redundant;  // pic_order_cnt_lsb or delta_pic_order_cnt[0]; redundant_pic_cnt; -1: refused
+  } cases[] = {
+      {"modification_of_pic_nums_idc 2", 0, p_slice(2), 2, 0},
+      {"modification_of_pic_nums_idc 6", 0, p_slice(6), -1, -1},
+      {"list 1 modification_of_pic_nums_idc 0", 0, b_slice(0), 2, 0},
+      {"list 1 modification_of_pic_nums_idc 6", 0, b_slice(6), -1, -1},
+      {"memory_management_control_operation 6", 0, marked(6), 2, 0},
+      {"memory_management_control_operation 7", 0, marked(7), -1, -1},
+      {"cut after its lsb", 0, Bits().ue(0).ue(5).ue(0).u(4, 1).u(4, 2).nal(2, kNalSlice), -1, -1},
+      {"a slice body under an SPS header", 0, retyped, -1, -1},
+      {"a PPS whose SPS never came", 3, p_slice(2), -1, -1},
+      // field_pic_flag 0 has no bottom_field_flag after it; an IDR frame of lsb 6.
+      {"a frame among fields", 1, Bits().ue(0).ue(7).ue(0).u(4, 5).u(1, 0).ue(0).u(4, 6).u(2, 0).nal(3, kNalIdrSlice),
+       6, 0},
+      // A bottom field of type 1: delta_pic_order_cnt[0] 3, no delta_pic_order_cnt[1], redundant_pic_cnt 1.
+      {"a type 1 field", 2,
+       Bits().ue(0).ue(7).ue(0).u(4, 0).u(1, 1).u(1, 1).ue(0).se(3).ue(1).u(2, 0).nal(3, kNalIdrSlice), 3, 1},
+  };
+  for (const auto& c : cases) {
+    SliceHeader sh;
+    std::pair<int64_t, int64_t> got(-1, -1);
+    if (parse_slice_header(c.nal.data(), c.nal.size(), sets[c.sets], sh))
+      got = {c.sets == 2 ? int64_t{sh.delta_poc[0]} : int64_t{sh.poc_lsb}, sh.redundant_pic_cnt};
+    EXPECT_EQ(got, std::pair(c.lsb_or_delta, c.redundant))
+        << c.what;
+  }
 }
 
 // §7.3.2.3.1, §D.1.8 by hand: the recovery point after other messages (one of 300 bytes: FF 2D); not type 261.
