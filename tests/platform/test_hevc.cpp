@@ -62,6 +62,25 @@ TEST(HevcNalHeader, EveryFieldAtItsLargestAndRefusals) {
   ASSERT_TRUE(parse_nal_header(largest, 2, h));
   EXPECT_EQ((std::array<int, 3>{h.type, h.layer_id, h.temporal_id}), (std::array<int, 3>{63, 63, 6}));
   EXPECT_FALSE(parse_nal_header(forbidden, 2, h) || parse_nal_header(no_tid, 2, h) || parse_nal_header(largest, 1, h));
+  // A parameter set is read only under a header of its own type in layer 0 (the layered forms of Annex F differ):
+  // each body under its own header, under the next type's and in layer 1.
+  const auto headed = [](Nal nal, uint8_t type, uint8_t layer) {
+    nal[0] = uint8_t(type << 1 | layer >> 5), nal[1] = uint8_t((layer & 31) << 3 | 1);
+    return nal;
+  };
+  const auto read = [](const Nal& nal, uint8_t as) {
+    Vps vps;
+    Sps sps;
+    Pps pps;
+    return as == kVps ? parse_vps(nal.data(), nal.size(), vps)
+                      : as == kSps ? parse_sps(nal.data(), nal.size(), sps) : parse_pps(nal.data(), nal.size(), pps);
+  };
+  for (const auto& [nal, type] : {std::pair(vps_of(0), kVps), {HandSps{}.nal(), kSps}, {pps_of(0), kPps}}) {
+    const uint8_t other = type == kPps ? uint8_t{kVps} : uint8_t(type + 1);
+    EXPECT_EQ((std::array{read(nal, type), read(headed(nal, other, 0), type), read(headed(nal, type, 1), type)}),
+              (std::array{true, false, false}))
+        << +type;
+  }
 }
 
 // st_ref_pic_set written out: explicit negative and positive deltas ...
@@ -86,6 +105,18 @@ Bits predicted_rps(int32_t delta_rps, const std::vector<std::array<bool, 2>>& fl
   return b;
 }
 
+// Under sps_max_dec_pic_buffering 16: a set of 15 negative (or positive) deltas, one predicted from it with
+// delta_rps -1 (or +1) of 16, and one predicted from that with `delta_rps`, of the 17 deltas it could keep all but
+// `unused` (-1: all).
+void sixteen(HandSps& s, bool negative, int32_t delta_rps, int unused) {
+  std::vector<std::array<bool, 2>> all(16, {true, true}), but(17, {true, true});
+  if (unused >= 0) but[std::size_t(unused)] = {false, false};
+  s.buffering_minus1 = 15;
+  const std::vector<uint32_t> ones(15, 1);  // -1 to -15, or +1 to +15
+  s.rps = {negative ? explicit_rps(ones, {}, true) : explicit_rps({}, ones, true),
+           predicted_rps(negative ? -1 : 1, all), predicted_rps(delta_rps, but)};
+}
+
 TEST(HevcParameterSets, HandMadeSequenceParameterSetsReadToTheEnd) {
   // Every field the syntax skips must be skipped exactly, or the VUI at the end (SAR 64:45, 1001/60000,
   // segmentation 1000) comes out wrong: sub-layers with their own profiles and levels, scaling lists with the
@@ -105,10 +136,19 @@ TEST(HevcParameterSets, HandMadeSequenceParameterSetsReadToTheEnd) {
             "sps 0 vps 0 sub 3 nest 1 | space 1 tier 1 profile 2 compat 20000000 constraints 800000000001 level 153 | "
             "chroma 1 1280x720 window 0 0 0 0 = 1280x720 depth 8 8 lsb 8 dpb 5 reorder 0 ctb 6 rps 4 | sar 64:45 "
             "tick 1001/60000 segmentation 1000");
-  // An HRD of low_delay_hrd_flag 1 sends no cpb_cnt_minus1 (§E.2.2): one CPB, and the VUI reads on.
-  HandSps low;
+  // Parts that are absent or shorter, and the VUI reads on: an HRD of low_delay_hrd_flag 1 sends no cpb_cnt_minus1
+  // (§E.2.2), one of VCL parameters only still has the common part; scaling lists may be enabled with the default
+  // ones (§7.3.2.2); a VUI may lack the aspect ratio and carry overscan_appropriate_flag (§E.2.1).
+  HandSps low, vcl_only, default_lists, no_sar;
   low.hrd = low.low_delay = true;
-  EXPECT_TRUE(parsed(low.nal()).ends_with("segmentation 1000")) << parsed(low.nal());
+  vcl_only.hrd = true, vcl_only.nal_hrd = false;
+  default_lists.default_lists = true;
+  no_sar.sar = false, no_sar.overscan = true;
+  for (const HandSps& s : {low, vcl_only, default_lists, no_sar}) {
+    EXPECT_TRUE(parsed(s.nal()).ends_with(s.sar ? "sar 64:45 tick 1001/60000 segmentation 1000"
+                                                : "sar 0:0 tick 1001/60000 segmentation 1000"))
+        << parsed(s.nal());
+  }
   // From {-1 | +1} with delta_rps -2 (§7.4.8): +1 becomes -1, kept by the second use_delta_flag, and -1 becomes -3,
   // dropped by the first. The set is {-1, -2 |}, so the one predicted from it reads three flags.
   HandSps turned;
@@ -189,6 +229,22 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
       {"num_negative_pics 4", [](HandSps& s, bool p) { s.rps = {explicit_rps(deltas(4 + p), {}, true)}; }},
       {"num_positive_pics 3 after 1", [](HandSps& s, bool p) { s.rps = {explicit_rps({1}, deltas(3 + p), true)}; }},
       {"num_long_term_ref_pics_sps 32", [](HandSps& s, bool p) { s.long_term = p ? 33 : 32; }},
+      {"delta_poc_s0_minus1 32767", [](HandSps& s, bool p) { s.rps = {explicit_rps({32768u + p}, {}, true)}; }},
+      {"delta_poc_s1_minus1 32767", [](HandSps& s, bool p) { s.rps = {explicit_rps({}, {32768u + p}, true)}; }},
+      {"abs_delta_rps_minus1 32767", [](HandSps& s, bool p) {
+         s.rps = {explicit_rps({1}, {}, true), predicted_rps(-32768 - p, {{false, false}, {false, false}})}; }},
+      // A set predicted from one of 16 deltas may keep the most a set holds, 16, not all 17 it could (7-61, 7-62).
+      {"16 deltas kept negative", [](HandSps& s, bool p) { sixteen(s, true, -1, p ? -1 : 16); }},
+      {"16 deltas kept positive", [](HandSps& s, bool p) { sixteen(s, false, 1, p ? -1 : 0); }},
+      {"16 positive deltas turned negative", [](HandSps& s, bool p) { sixteen(s, false, -17, p ? -1 : 0); }},
+      {"16 negative deltas turned positive", [](HandSps& s, bool p) { sixteen(s, true, 17, p ? -1 : 16); }},
+      {"16 negative deltas turned positive, one dropped", [](HandSps& s, bool p) { sixteen(s, true, 17, p ? -1 : 0); }},
+      {"cpb_cnt_minus1 31", [](HandSps& s, bool p) { s.hrd = true, s.cpbs = p ? 33 : 32; }},
+      {"PCM luma depth up to an 8-bit luma beside 10-bit chroma",
+       [](HandSps& s, bool p) { s.pcm = true, s.chroma_minus8 = 2, s.pcm_luma_minus1 = p ? 8 : 7; }},
+      {"Log2MaxIpcmCbSizeY 5", [](HandSps& s, bool p) { s.pcm = true, s.pcm_diff = p ? 3 : 2; }},
+      {"Log2MaxIpcmCbSizeY 4 in 16x16 blocks",
+       [](HandSps& s, bool p) { s.cb_diff = 1, s.tb_diff = 1, s.pcm = true, s.pcm_diff = p ? 2 : 1; }},
   };
   for (const auto& limit : limits) {
     HandSps at, past;
@@ -201,6 +257,11 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
   // (§7.4.3.3), which is 3 at most (64x64 tree blocks of 8x8 coding blocks).
   const auto qp_depth = [](uint32_t depth) {
     return Bits().ue(0).ue(0).u(7, 0).ue(0).ue(0).se(0).u(3, 1).ue(depth).se(0).se(0).u(5, 0).u(1, 1).hevc_nal(kPps);
+  };
+  Nal cut_pps = pps_of(0);
+  cut_pps.pop_back();
+  const auto l1_refs = [](uint32_t refs) {
+    return Bits().ue(0).ue(0).u(7, 0).ue(0).ue(refs).se(0).u(3, 0).se(0).se(0).u(5, 0).u(1, 1).hevc_nal(kPps);
   };
   const struct {
     const char* what;
@@ -217,6 +278,8 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
       {"pps_cb_qp_offset -12", pps_of(0, 0, 0, 0, -12), pps_of(0, 0, 0, 0, -13)},
       {"pps_cr_qp_offset 12", pps_of(0, 0, 0, 0, 0, 12), pps_of(0, 0, 0, 0, 0, 13)},
       {"pps_cr_qp_offset -12", pps_of(0, 0, 0, 0, 0, -12), pps_of(0, 0, 0, 0, 0, -13)},
+      {"num_ref_idx_l1_default_active_minus1 14", l1_refs(14), l1_refs(15)},
+      {"a PPS whole, not cut short", pps_of(0), cut_pps},
   };
   const auto accepted = [](const Nal& nal) {
     Vps vps;
@@ -294,6 +357,8 @@ TEST(HevcSliceHeader, SegmentsAndRefusals) {
   ParameterSets sets[] = {hand_sets(4), hand_sets(4, square), hand_sets(4, planes), hand_sets(4)};
   sets[3].has_sps[0] = false;
   const auto slice = [](uint8_t type, const Bits& b) { return b.hevc_nal(type); };
+  Nal forbidden = slice(kTrailR, Bits().u(1, 1).ue(0).ue(1).u(8, 33));
+  forbidden[0] |= 0x80;
   const struct {
     const char* what;
     int sets;
@@ -317,6 +382,8 @@ TEST(HevcSliceHeader, SegmentsAndRefusals) {
       {"PPS without its SPS", 3, slice(kTrailR, Bits().u(1, 1).ue(0).ue(1).u(8, 1)), false, {}},
       {"reserved VCL type 10", 0, slice(10, Bits().u(1, 1).ue(0).ue(1).u(8, 1)), false, {}},
       {"reserved IRAP type 22", 0, slice(22, Bits().u(1, 1).u(1, 0).ue(0).ue(2).u(8, 1)), false, {}},
+      {"cut in its lsb", 0, slice(kTrailR, Bits().u(1, 1).ue(0).ue(1)), false, {}},
+      {"forbidden_zero_bit", 0, forbidden, false, {}},
   };
   for (const auto& c : cases) {
     SliceHeader sh;

@@ -26,9 +26,10 @@ struct HandSps {
   uint32_t min_cb_minus3 = 0, cb_diff = 3, tb_minus2 = 0, tb_diff = 3;
   uint32_t depth_inter = 1, depth_intra = 1;  // max_transform_hierarchy_depth_inter and _intra
   bool scaling_list = false;
+  bool default_lists = false;  // scaling_list_enabled_flag with no sps_scaling_list_data_present_flag
   uint32_t pred_delta_32 = 1;  // scaling_list_pred_matrix_id_delta of the second 32x32 list
   bool pcm = false;
-  uint32_t pcm_chroma_minus1 = 7;
+  uint32_t pcm_luma_minus1 = 7, pcm_chroma_minus1 = 7;
   uint32_t pcm_min_minus3 = 0, pcm_diff = 2;  // log2_min_pcm_luma_coding_block_size_minus3 and the difference
   std::vector<Bits> rps;
   uint32_t long_term = 0;
@@ -39,6 +40,9 @@ struct HandSps {
   int32_t first_delta = 3;  // scaling_list_delta_coef of the first coefficient of every list sent
   int elemental = -1;       // with HRD, a fixed picture rate of that elemental_duration_in_tc_minus1
   bool low_delay = false;   // with HRD and no fixed rate, low_delay_hrd_flag: one CPB, its count not sent
+  bool nal_hrd = true;      // with HRD, NAL parameters beside the VCL ones
+  bool sar = true;          // aspect_ratio_info_present_flag
+  bool overscan = false;    // overscan_info_present_flag
 
   std::vector<uint8_t> nal() const {
     Bits b;
@@ -59,7 +63,8 @@ struct HandSps {
     b.u(1, 1);
     for (uint32_t i = 0; i <= sub_layers_minus1; ++i) b.ue(buffering_minus1).ue(reorder).ue(0);
     b.ue(min_cb_minus3).ue(cb_diff).ue(tb_minus2).ue(tb_diff).ue(depth_inter).ue(depth_intra);
-    b.u(1, scaling_list);
+    b.u(1, scaling_list || default_lists);
+    if (default_lists) b.u(1, 0);
     if (scaling_list) {
       b.u(1, 1);
       for (int size_id = 0; size_id < 4; ++size_id) {
@@ -76,7 +81,7 @@ struct HandSps {
       }
     }
     b.u(1, 0).u(1, 1).u(1, pcm);
-    if (pcm) b.u(4, 7).u(4, pcm_chroma_minus1).ue(pcm_min_minus3).ue(pcm_diff).u(1, 0);
+    if (pcm) b.u(4, pcm_luma_minus1).u(4, pcm_chroma_minus1).ue(pcm_min_minus3).ue(pcm_diff).u(1, 0);
     b.ue(uint32_t(rps.size()));
     for (const Bits& set : rps) b.add(set);
     b.u(1, long_term != 0);
@@ -85,13 +90,16 @@ struct HandSps {
       for (uint32_t i = 0; i < long_term; ++i) b.u(lsb_minus4 + 4, i).u(1, 1);
     }
     b.u(1, 1).u(1, 1).u(1, 1);
-    // VUI: SAR 255 (given), video signal, chroma sample locations, default display window, timing, HRD when
-    // asked, bitstream restriction.
-    b.u(1, 1).u(8, 255).u(16, 64).u(16, 45).u(1, 0).u(1, 1).u(3, 5).u(1, 0).u(1, 1).u(24, 0x010101);
+    // VUI: SAR 255 (given), overscan when asked, video signal, chroma sample locations, default display window,
+    // timing, HRD when asked, bitstream restriction.
+    b.u(1, sar);
+    if (sar) b.u(8, 255).u(16, 64).u(16, 45);
+    b.u(1, overscan).u(overscan ? 1 : 0, 1).u(1, 1).u(3, 5).u(1, 0).u(1, 1).u(24, 0x010101);
     b.u(1, 1).ue(2).ue(5).u(1, 0).u(1, 0).u(1, 0).u(1, 1).ue(0).ue(8).ue(0).ue(4);
     b.u(1, 1).u(32, 1001).u(32, 60000).u(1, 1).ue(1).u(1, hrd);
     if (hrd) {
-      b.u(1, 1).u(1, 1).u(1, 1).u(8, 90).u(5, 23).u(1, 1).u(5, 23).u(4, 4).u(4, 6).u(4, 2).u(5, 23).u(5, 23).u(5, 23);
+      b.u(1, nal_hrd).u(1, 1).u(1, 1).u(8, 90).u(5, 23).u(1, 1).u(5, 23).u(4, 4).u(4, 6).u(4, 2);
+      b.u(5, 23).u(5, 23).u(5, 23);
       for (uint32_t i = 0; i <= sub_layers_minus1; ++i) {
         // fixed_pic_rate_general_flag 0, fixed_pic_rate_within_cvs_flag, then its elemental duration or
         // low_delay_hrd_flag
@@ -99,7 +107,8 @@ struct HandSps {
         b.u(1, 0).u(1, elemental >= 0);
         elemental >= 0 ? b.ue(uint32_t(elemental)) : b.u(1, low);
         if (!low) b.ue(cpbs - 1);
-        for (uint32_t k = 0; k < 2 * (low ? 1 : cpbs); ++k) b.ue(1000).ue(2000).ue(300).ue(400).u(1, 1);  // NAL, VCL
+        for (uint32_t k = 0; k < (nal_hrd ? 2 : 1) * (low ? 1 : cpbs); ++k)
+          b.ue(1000).ue(2000).ue(300).ue(400).u(1, 1);  // NAL, VCL
       }
     }
     b.u(1, 1).u(1, 0).u(1, 1).u(1, 0).ue(min_spatial).ue(2).ue(1).ue(15).ue(15);
