@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <future>
 #include <string>
 #include <thread>
@@ -122,12 +123,18 @@ TEST(TaskPool, BalancingCountsListOrderAndBadArguments) {
   for (const bool bad :
        {Rendavo_TaskPool_AddrInsertEx(pool, too_long.c_str(), &index), Rendavo_TaskPool_AddrInsertEx(pool, "g", 0),
         Rendavo_TaskPool_AddrIncEx(pool, 0, "b"), Rendavo_TaskPool_AddrIncEx(pool, 0, nullptr),
-        Rendavo_TaskPool_AddrDecEx(pool, 0, nullptr), Rendavo_TaskPool_AddrDeleteEx(pool, 0, nullptr),
-        Rendavo_TaskPool_AddrDeleteEx(pool, 0, "b"),
+        Rendavo_TaskPool_AddrDecEx(pool, 0, nullptr), Rendavo_TaskPool_AddrDecEx(pool, 0, "b"),
+        Rendavo_TaskPool_AddrDeleteEx(pool, 0, nullptr), Rendavo_TaskPool_AddrDeleteEx(pool, 0, "b"),
+        Rendavo_TaskPool_AddrInsertEx(pool, nullptr, &index),
+        Rendavo_TaskPool_AddrInsertEx(reinterpret_cast<void*>(~uintptr_t{0}), "g", &index),
         Rendavo_TaskPool_AddrGetEx(pool, -1, &list, &index), Rendavo_TaskPool_AddrGetEx(pool, 3, &list, &index),
         Rendavo_TaskPool_AddrGetEx(pool, 0, &list, nullptr), Rendavo_TaskPool_AddrGetEx(pool, 0, nullptr, &index),
         Rendavo_TaskPool_WaitEventEx(pool, 3, 0)})
     EXPECT_FALSE(bad) << row++;
+  // The last error comes with errno as it stands.
+  errno = ERANGE;
+  int sys = 0;
+  EXPECT_EQ(std::pair(Rendavo_GetLastError(&sys), sys), std::pair(uint64_t{RENDAVO_ERROR_TASKPOOL_PARAMETER}, ERANGE));
   EXPECT_TRUE(Rendavo_TaskPool_DestoryEx(pool));
 }
 
