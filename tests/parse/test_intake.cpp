@@ -158,12 +158,18 @@ TEST_F(Intake, BuildAndPacketOnTheCallersRecord) {
     const Bytes seven = cat({movie_ftyp(), box("moov", Bytes{}.zeros(40), 7)});
     EXPECT_TRUE(fails_with(split(&refused, seven.data(), int(seven.size())), BOXLANE_ERROR_PARSE_MALFORMED));
   }
-  // Build takes a piece that ends inside an mdat's payload, the boxes before it queued.
-  QORVANE_MP4PARSE record;
-  const Bytes piece = cat({movie_ftyp(), Bytes{}.u32(1000).str("mdat").zeros(10)});
-  ASSERT_TRUE(m_MP4Parse.Boxlane_Parse_Build(&record, piece.data(), int(piece.size())));
-  EXPECT_EQ(std::get<0>(queued(record)), (std::vector<std::string>{"1 size 32 v0 flags 000000 uuid 0000",
-                                                                   "2 size 1000 v0 flags 000000 uuid 0000"}));
+  // Both take a piece that ends inside an mdat's payload, and one whose last box runs to the end of the stream
+  // (size 0), the boxes before them queued.
+  const Bytes media = cat({movie_ftyp(), Bytes{}.u32(1000).str("mdat").zeros(10)});
+  const Bytes to_end = cat({movie_ftyp(), box("free", Bytes{}.zeros(6), 0)});
+  for (const auto call : {&CBoxlane_Parse::Boxlane_Parse_Build, &CBoxlane_Parse::Boxlane_Parse_Packet}) {
+    for (const auto& [piece, last] : {std::pair(&media, "2 size 1000"), {&to_end, "0 size 0"}}) {
+      QORVANE_MP4PARSE record;
+      EXPECT_TRUE((m_MP4Parse.*call)(&record, piece->data(), int(piece->size()))) << last;
+      EXPECT_EQ(std::get<0>(queued(record)), (std::vector<std::string>{"1 size 32 v0 flags 000000 uuid 0000",
+                                                                       last + std::string(" v0 flags 000000 uuid 0000")}));
+    }
+  }
 }
 
 }  // namespace
