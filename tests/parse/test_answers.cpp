@@ -22,7 +22,8 @@ const std::pair<std::string_view, Reader> kReaders[] = {
     {"dinf", &P::Boxlane_Parse_Dinf}, {"stsd", &P::Boxlane_Parse_STsd}, {"stts", &P::Boxlane_Parse_STts},
     {"ctts", &P::Boxlane_Parse_CTts}, {"stsc", &P::Boxlane_Parse_STsc}, {"stsz", &P::Boxlane_Parse_STsz},
     {"stz2", &P::Boxlane_Parse_STz2}, {"stco", &P::Boxlane_Parse_STco}, {"co64", &P::Boxlane_Parse_CO64},
-    {"sdtp", &P::Boxlane_Parse_SDtp}, {"trex", &P::Boxlane_Parse_TRex}, {"mehd", &P::Boxlane_Parse_MEhd}};
+    {"sdtp", &P::Boxlane_Parse_SDtp}, {"trex", &P::Boxlane_Parse_TRex}, {"mehd", &P::Boxlane_Parse_MEhd},
+    {"stss", &P::Boxlane_Parse_STss}, {"moof", &P::Boxlane_Parse_MOof}};
 
 std::string fmt(const char* format, auto... values) {
   char line[512];
@@ -213,6 +214,8 @@ std::string refusals(const char* c) {
   out += fmt(" id %d, codec(absent) ", tkhd.nTrackID) + result(Boxlane_Parse_GetTrackCodec(c, 12345, &codec));
   out += ", hevc(absent) " + result(Boxlane_Parse_GetTrackHEVC(c, 12345, &hevc));
   out += ", info(1, tkhd alone) " + result(Boxlane_Parse_GetTrackInfo(c, 1, &alone, nullptr, nullptr, nullptr));
+  QORVANE_HDRMDHD mdhd;
+  out += ", info(1, mdhd alone) " + result(Boxlane_Parse_GetTrackInfo(c, 1, nullptr, &mdhd, nullptr, nullptr));
   out += ", hevc(1, null) " + result(Boxlane_Parse_GetTrackHEVC(c, 1, nullptr));
   out += ", samples(1, null, 0) " + result(Boxlane_Parse_GetTrackSamples(c, 1, 0, nullptr, 0, &n));
   out += fmt(" %d, samples(1, null, 1) ", n);
@@ -522,6 +525,11 @@ std::vector<Row> rows() {
         T(7), {"stsd", stsd(cat({box("avc1", Bytes{}.zeros(7)), box("free", Bytes{}.zeros(9))}))},
         T(8), {"stsd", stsd(cat({box("avc1", Bytes{}.zeros(7).u8(1)), box("free", Bytes{}.zeros(8))}))},
         T(9), visual("avc1", 320, box("avcC", unhex("01 4D 40 1E FF E0")))}},
+      {"descriptions cut short: an avcC of 5 bytes; two SPS counted, one there; an SPS past the avcC, then bytes that "
+       "would read as a PPS; an hvcC unit past the box; a DecoderConfigDescriptor of 12 bytes",
+       {T(1), visual("avc1", 320, box("avcC", unhex("01 4D 40 1E FF"))), T(2), visual("avc1", 320, box("avcC", unhex("01 64 00 1F FF E2 0002 6764"))),
+        T(3), visual("avc1", 320, box("avcC", unhex("01 64 00 1F FF E2 0002 6764 0009 01 0001 68"))),
+        T(4), hevc(unhex("A1 0002 0002 4201 0009 44")), T(5), mp4a(unhex("03 14 0002 00 04 0C 40 15 000000 0001F400 0001F4 06 01 02"))}},
       {"codec query: sets past the byte area; 32 and 33 PPS; an AudioSpecificConfig of 1024 and 1025 bytes",
        {T(1), avc({{0x67, 0x42}, Bytes{}.add(std::vector<uint8_t>(BOXLANE_CODEC_PARAMSET_BYTES - 3, 0x11)), {0x67, 0x43}}, ones(40, 0x68)),
         T(2), avc(ones(1, 0x67), ones(BOXLANE_CODEC_MAX_PARAMSETS, 0x68)), T(3), avc(ones(1, 0x67), ones(BOXLANE_CODEC_MAX_PARAMSETS + 1, 0x68)),
@@ -597,6 +605,16 @@ std::vector<Row> rows() {
             trun[3] += 4;
             return trun;
           }), 9),
+      lie("the second traf's data just before the first's", moof_with_offset([](int32_t off) {
+            return moof_box(1, {box("traf", cat({tfhd_box(0x020000, 1), trun_box(0, 0x201, {{0, 9}}, off + 9)})),
+                                box("traf", cat({tfhd_box(0x020000, 2), trun_box(0, 0x201, {{0, 9}}, off)}))});
+          }), 18),
+      lie("an explicit base whose data runs past 2^64",
+          one_traf(cat({tfhd_box(0x01, 1, {0xFFFFFFFF, 0xFFFFFF80}), trun_box(0, 0x201, {{0, 0x100}}, 0)})), 0),
+      lie("data running a byte past its mdat", based(1, at(0, 0x201, {{0, 9}})), 8),
+      {"a co64, an stz2 and an stss before any track",
+       {{"sendx", cat({movie_ftyp(), full_box("co64", 0, 0, Bytes{}.u32(1).u64(5)), full_box("stz2", 0, 0, Bytes{}.u24(0).u8(8).u32(1).u8(3)),
+                       full_box("stss", 0, 0, Bytes{}.u32(1).u32(1)), moov_box({trak_box(1, 1000, {})})})}}},
       {"a moof of 64-bit size in the basic mode stops the stream and is counted",
        {{"feed", cat({movie_ftyp(), resized(one_traf(cat({tfhd_box(0x020000, 1), one})), true)})}, {"send", movie_ftyp()}}},
       stopped("stop: size 7", "feed", box("moov", Bytes{}.zeros(40), 7)),
