@@ -164,6 +164,12 @@ TEST_F(FragmentTest, Refusals) {
   const auto order = BOXLANE_ERROR_PACKET_ORDER, nodata = BOXLANE_ERROR_PACKET_NODATA;
   refuses(order, Boxlane_Packet_MVex, uint64_t{0});
   refuses(order, Boxlane_Packet_Fragment, int64_t{0});
+  refuses(order, Boxlane_Packet_SIdx);
+  refuses(order, Boxlane_Packet_MFra);
+  int32_t header = -1, mfra = -1;
+  int64_t media = -1;
+  EXPECT_FALSE(Boxlane_Packet_FragmentSize(client(), &header, &media, &mfra));
+  EXPECT_EQ(std::tuple(Boxlane_GetLastError(nullptr), header, media, mfra), std::tuple(order, -1, int64_t{-1}, -1));
   for (const auto& [video, audio, flags] : {std::tuple{0u, 0u, 0u}, {3u, 3u, 0u}, {1u, 2u, 2u}}) {
     EXPECT_FALSE(Boxlane_Packet_FragmentMode(client(), video, audio, 0, flags));
     EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_PARAMETER);
@@ -176,6 +182,9 @@ TEST_F(FragmentTest, Refusals) {
   refuses(order, Boxlane_Packet_MFra);  // no index asked for
   const uint8_t frame[] = {0, 0, 0, 1, 0x65, 0x88};
   refuses(order, Boxlane_Packet_FrameVideo, frame, 6, int64_t{0}, 1, 3000, 0);
+  const uint8_t* const nalu[1] = {frame + 4};
+  const int32_t nalu_length[1] = {2};
+  refuses(order, Boxlane_Packet_FrameAccessUnit, nalu, nalu_length, 1, int64_t{0}, 1, 3000, 0);
   audio(6, 1024);
   refuses(order, Boxlane_Packet_SIdx);  // no mvhd, so no time scale
   box(Boxlane_Packet_MVhd, 0, -1);
@@ -186,6 +195,11 @@ TEST_F(FragmentTest, Refusals) {
                                                 "00000000 00000000 0000 0001 0000006E 00000400 90000000"));
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_Fragment, int64_t{-1});
   EXPECT_EQ(box(Boxlane_Packet_STsz, false), bytes_hex("00000014 7374737A 00000000 00000000 00000000"));
+  // Without an audio track an audio frame has no place either.
+  ASSERT_TRUE(Boxlane_Packet_Delete(client()) && Boxlane_Packet_Insert(client()));
+  fragments(0, 1, 0);
+  refuses(order, Boxlane_Packet_FrameAudio, frame, 6, int64_t{0}, 1024);
+  EXPECT_EQ(std::tuple(record().pFragments->listSample.size(), record().pFragments->nPayload), std::tuple(0u, 0u));
 }
 
 // The offset after the shift must fit trun's signed 32 bits, whichever way the shift goes.
