@@ -228,12 +228,13 @@ std::string refusals(const char* c) {
   int refused = !m_MP4Parse.Boxlane_Parse_FTyp(nullptr, &byte, 1);
   for (const auto& [name, read] : kReaders) refused += !(m_MP4Parse.*read)(nullptr, &entry, &byte, 1);
   out += fmt(" count %d, readers of a null record refused %d;", n, refused);
-  out += " null outputs, a negative capacity, a name too long, a pool past the pools:";
+  out += " null outputs, a negative capacity, a name too long, a pool past the pools, queries of a null or too long name:";
   QORVANE_HDRSAMPLENFO** list = nullptr;
   QORVANE_HDRSDTP** sdtp = nullptr;
   int32_t** ids = nullptr;
   BOXLANE_SAMPLEINFO two[2];
   BOXLANE_FRAGMENTINFO fragment;
+  BOXLANE_TRACKINDEX index;
   const std::string too_long(128, 'x');
   const std::function<bool()> calls[] = {
       [&] { return Boxlane_Parse_GetFTyp(c, nullptr); },
@@ -254,7 +255,9 @@ std::string refusals(const char* c) {
       [&] { return Boxlane_Parse_GetFragment(c, &fragment, two, 2, nullptr); },
       [&] { return Boxlane_Parse_Delete(nullptr); },
       [&] { return Boxlane_Parse_Delete(too_long.c_str()); },
-      [&] { return Boxlane_Parse_ActiveEvent(1); }};
+      [&] { return Boxlane_Parse_ActiveEvent(1); },
+      [&] { return Boxlane_Parse_GetTrackIndex(nullptr, 1, &index); },
+      [&] { return Boxlane_Parse_GetTrackIndex(too_long.c_str(), 1, &index); }};
   for (const auto& call : calls) out.append(" ").append(result(call()));
   return out;
 }
