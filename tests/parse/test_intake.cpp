@@ -79,6 +79,9 @@ TEST_F(Intake, ArgumentsAndTheClientTable) {
   QORVANE_RENDAVO_TASKEVENT** list = nullptr;
   int32_t count = 0;
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetPool(2, &list, &count), RENDAVO_ERROR_TASKPOOL_PARAMETER));
+  // Init again replaces the pool: three pools now.
+  ASSERT_TRUE(Boxlane_Parse_Init(3));
+  EXPECT_TRUE(Boxlane_Parse_GetPool(2, &list, &count));
   EXPECT_TRUE(fails_with(Boxlane_Parse_Init(0), RENDAVO_ERROR_TASKPOOL_PARAMETER));
   ASSERT_TRUE(Boxlane_Parse_Destory());
   ASSERT_TRUE(send(client_, movie_ftyp()));
