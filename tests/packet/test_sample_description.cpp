@@ -108,6 +108,11 @@ TEST_F(SampleDescription, VideoEntryWithEveryParameterSet) {
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, null_set, two, 2);
   const int32_t* const no_lengths = nullptr;
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, null_set, no_lengths, 1);
+  // A count of 0 or below with a set at hand: none is looked at.
+  const uint8_t* const one_set[] = {sps0.data()};
+  const int32_t one_length[] = {int32_t(sps0.size())};
+  for (const int32_t count : {0, -1})
+    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, one_set, one_length, count);
 }
 
 TEST_F(SampleDescription, AudioEntry) {
