@@ -68,6 +68,8 @@ const Shape kShapes[] = {
     {"huge_ftyp", [] { return cat({Bytes{}.u32(64u << 20).str("ftyp"), ftyp_of(1 << 16)}); }, 3, false},
     // 1 MiB: its buffer and its brands fit the bound, and it is read whole.
     {"large_ftyp", [] { return ftyp_of(1u << 20); }, 0, false},
+    // A 1.5 MiB free box, which no reader reads: its buffer alone counts.
+    {"large_free", [] { return box("free", Bytes{}.zeros(3u << 19)); }, 0, false},
     // 2.5 MiB is buffered, but its brands beside the buffer would not fit.
     {"ftyp_over_half", [] { return ftyp_of(5u << 19); }, 3, true},
     // A 1 MiB ftyp, whose brands are kept, then 1 MiB of 8-byte boxes that no worker takes.
@@ -80,6 +82,15 @@ const Shape kShapes[] = {
        return b;
      },
      3, true},
+    // A track of 100 KB of stts entries, then 200 tkhd boxes switching between it and a second track: no new track,
+    // so nothing more is held.
+    {"switching_tracks",
+     [] {
+       const Bytes second = box("tkhd", tkhd_payload(2));
+       const Bytes first = cat({kTrack, table_box("stts", std::vector(12500, std::vector<uint32_t>{1, 1})), second});
+       return repeated(first, cat({kTrack, second}), first.size() + 100 * 2 * kTrack.size());
+     },
+     0, false},
     // 8 MiB of stts boxes, all appended to one track's table.
     {"one_table",
      [] { return repeated(kTrack, table_box("stts", std::vector(8191, std::vector<uint32_t>{1, 1})), 8 << 20); }, 3, true},
