@@ -228,6 +228,16 @@ std::string refusals(const char* c) {
   int refused = !m_MP4Parse.Boxlane_Parse_FTyp(nullptr, &byte, 1);
   for (const auto& [name, read] : kReaders) refused += !(m_MP4Parse.*read)(nullptr, &entry, &byte, 1);
   out += fmt(" count %d, readers of a null record refused %d;", n, refused);
+  // Called without a header record, each reader still reads: version 1 and flags 7, on track 1 from the tkhd on.
+  const std::string scratch = std::string(c) + "/no header record";
+  const Bytes made = tkhd_payload(1), full = Bytes{}.full(1, 7);
+  int took = Boxlane_Parse_Insert(scratch.c_str()) ? 0 : -100;
+  for (const auto& [name, read] : kReaders) {
+    const Bytes& payload = name == "tkhd" ? made : full;
+    took += (m_MP4Parse.*read)(&record_of(scratch), nullptr, payload.data(), payload.size());
+  }
+  out += fmt(" readers without a header record took %d, track %d;", took, record_of(scratch).nCurrentTrack);
+  Boxlane_Parse_Delete(scratch.c_str());
   out += " null outputs, a negative capacity, a name too long, a pool past the pools, queries of a null or too long name:";
   QORVANE_HDRSAMPLENFO** list = nullptr;
   QORVANE_HDRSDTP** sdtp = nullptr;
