@@ -540,12 +540,14 @@ std::vector<Row> rows() {
         T(9), visual("avc1", 320, box("avcC", unhex("01 4D 40 1E FF E0")))}},
       {"descriptions cut short: an avcC of 5 bytes; two SPS counted, one there; an SPS past the avcC, then bytes that "
        "would read as a PPS; an hvcC unit past the box; a DecoderConfigDescriptor of 12 bytes; a sound entry of version 2 "
-       "without its 36 bytes, an esds of 32 in their place",
+       "without its 36 bytes, an esds of 32 in their place; an ES_Descriptor whose URL runs past it, an OCR_ES_Id flag "
+       "and a DecoderConfigDescriptor after the URL's length",
        {T(1), visual("avc1", 320, box("avcC", unhex("01 4D 40 1E FF"))), T(2), visual("avc1", 320, box("avcC", unhex("01 64 00 1F FF E2 0002 6764"))),
         T(3), visual("avc1", 320, box("avcC", unhex("01 64 00 1F FF E2 0002 6764 0009 01 0001 68"))),
         T(4), hevc(unhex("A1 0002 0002 4201 0009 44")), T(5), mp4a(unhex("03 14 0002 00 04 0C 40 15 000000 0001F400 0001F4 06 01 02")),
         T(6), {"stsd", stsd(box("mp4a", cat({Bytes{}.zeros(6).u16(1).u16(2).zeros(6).u16(2).u16(16).zeros(4).u32(44100u << 16),
-                                             full_box("esds", 0, 0, unhex("03 12 0002 00 04 0D 40 15 000000 0001F400 0001F400"))})))}}},
+                                             full_box("esds", 0, 0, unhex("03 12 0002 00 04 0D 40 15 000000 0001F400 0001F400"))})))},
+        T(7), mp4a(unhex("03 14 0002 60 FF 00 04 0D 40 15 000000 0001F400 0001F400"))}},
       {"codec query: sets past the byte area; 32 and 33 PPS; an AudioSpecificConfig of 1024 and 1025 bytes",
        {T(1), avc({{0x67, 0x42}, Bytes{}.add(std::vector<uint8_t>(BOXLANE_CODEC_PARAMSET_BYTES - 3, 0x11)), {0x67, 0x43}}, ones(40, 0x68)),
         T(2), avc(ones(1, 0x67), ones(BOXLANE_CODEC_MAX_PARAMSETS, 0x68)), T(3), avc(ones(1, 0x67), ones(BOXLANE_CODEC_MAX_PARAMSETS + 1, 0x68)),
