@@ -542,7 +542,8 @@ std::vector<Row> rows() {
        "would read as a PPS; an hvcC unit past the box; a DecoderConfigDescriptor of 12 bytes; a sound entry of version 2 "
        "without its 36 bytes, an esds of 32 in their place; an ES_Descriptor whose URL runs past it, an OCR_ES_Id flag "
        "and a DecoderConfigDescriptor after the URL's length",
-       {T(1), visual("avc1", 320, box("avcC", unhex("01 4D 40 1E FF"))), T(2), visual("avc1", 320, box("avcC", unhex("01 64 00 1F FF E2 0002 6764"))),
+       {T(1), visual("avc1", 320, box("avcC", unhex("01 4D 40 1E FF"))),
+        T(2), visual("avc1", 320, box("avcC", unhex("01 64 00 1F FF E2 0002 6764"))),
         T(3), visual("avc1", 320, box("avcC", unhex("01 64 00 1F FF E2 0002 6764 0009 01 0001 68"))),
         T(4), hevc(unhex("A1 0002 0002 4201 0009 44")), T(5), mp4a(unhex("03 14 0002 00 04 0C 40 15 000000 0001F400 0001F4 06 01 02")),
         T(6), {"stsd", stsd(box("mp4a", cat({Bytes{}.zeros(6).u16(1).u16(2).zeros(6).u16(2).u16(16).zeros(4).u32(44100u << 16),
