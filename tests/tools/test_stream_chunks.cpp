@@ -9,6 +9,7 @@
 
 #include "support/box_builder.hpp"
 #include "support/ffmpeg.hpp"
+#include "support/handmade_h264.hpp"
 #include "support/paths.hpp"
 #include "tools/common/chunk_offsets.hpp"
 #include "tools/common/summary_text.hpp"
@@ -21,10 +22,17 @@ namespace {
 
 using namespace tool;
 
+// Bytes [from, to) of `b`.
+std::vector<uint8_t> part(const std::vector<uint8_t>& b, std::size_t from, std::size_t to) {
+  return std::vector<uint8_t>(b.begin() + long(from), b.begin() + long(to));
+}
+
 // Each piece of `path` read `piece` bytes at a time: its offset and the key flags of its units.
-std::vector<std::pair<uint64_t, std::vector<bool>>> cut_video(const std::string& path, std::size_t piece) {
+std::vector<std::pair<uint64_t, std::vector<bool>>> cut_video(const std::string& path, std::size_t piece,
+                                                               VideoCodec codec = VideoCodec::kH264) {
   LiveInput in(path);
   VideoChunker chunker(in);
+  chunker.set_codec(codec);
   std::vector<std::pair<uint64_t, std::vector<bool>>> cuts;
   for (VideoChunk chunk; !chunker.finished();) {
     in.read_some(piece);
@@ -91,6 +99,57 @@ TEST(StreamChunks, APrefixUnitOpensTheAccessUnitOfItsPicture) {
   std::string refused;
   try { cut_video(path, 0); } catch (const ToolError& e) { refused = e.what(); }
   EXPECT_NE(refused.find("slice header at byte " + std::to_string(before_idr + 3) + " "), std::string::npos) << refused;
+}
+
+// Where a stream is cut, and what is refused in a piece: the byte of the input named, and a unit that cannot be
+// read taken for where the input stopped only when it is the piece's last one at the end of the input.
+TEST(StreamChunks, CutsAndRefusalsInTheInputsOwnBytes) {
+  using P = HandmadePicture;
+  const std::vector<uint8_t> one = handmade_h264({{}});  // SPS, PPS 0, PPS 1, an IDR picture
+  std::vector<uint8_t> one3;  // the same with 3-byte start codes (Annex B.1.2: no zero_byte)
+  for (std::size_t i = 0; i < one.size(); ++i)
+    if (i + 4 > one.size() || one[i] || one[i + 1] || one[i + 2] || one[i + 3] != 1) one3.push_back(one[i]);
+  const auto h265 = read_file(source_dir() + "/tests/data/main10_cra.h265");  // the second GOP's sets at 3484
+  const auto before_gop2 = [&](const char* unit) {  // a unit after a 4-byte start code at 3484
+    return cat({part(h265, 0, 3484), unhex(std::string("00 00 00 01 ") + unit), part(h265, 3484, h265.size())});
+  };
+  const std::string after_one = std::to_string(one.size() + 4);
+  const struct {
+    const char* what;
+    std::vector<uint8_t> bytes;
+    VideoCodec codec;
+    std::string says;  // each piece's offset and pictures, or the refusal
+  } rows[] = {
+      {"3-byte start codes", cat({one3, one3}), VideoCodec::kH264, "0:1 " + std::to_string(one3.size()) + ":1"},
+      {"an SPS of 2 bytes before the second picture", cat({one, unhex("00 00 00 01 67 42"), one}), VideoCodec::kH264,
+       "cannot read the sequence parameter set at byte " + after_one},
+      {"a PPS of its header alone before the second picture", cat({one, unhex("00 00 00 01 68"), one}), VideoCodec::kH264,
+       "cannot read the picture parameter set at byte " + after_one},
+      {"a VPS of 2 bytes before the second GOP", before_gop2("40 01"), VideoCodec::kH265,
+       "cannot read the video parameter set at byte 3488"},
+      {"an SPS of 2 bytes before the second GOP", before_gop2("42 01"), VideoCodec::kH265,
+       "cannot read the sequence parameter set at byte 3488"},
+      {"a PPS of 2 bytes before the second GOP", before_gop2("44 01"), VideoCodec::kH265,
+       "cannot read the picture parameter set at byte 3488"},
+      {"a damaged unit before the last one", cat({one, unhex("00 00 00 01 85 88 80 00 00 00 01 0C FF")}),
+       VideoCodec::kH264, "damaged NAL unit (forbidden_zero_bit set) at byte " + after_one},
+      {"P pictures alone", handmade_h264({{P::kSkipped}, {P::kSkipped}}), VideoCodec::kH264,
+       "no IDR picture or recovery point found, so none of its 2 pictures"},
+      {"an end of bitstream before the CRA picture: its 2 RASL pictures go", before_gop2("4A 01"), VideoCodec::kH265,
+       "0:10 3490:12"},
+  };
+  const std::string path = temp_dir() + "/cut.bin";
+  for (const auto& row : rows) {
+    write_file(path, row.bytes);
+    std::string got;
+    try {
+      for (const auto& [offset, keys] : cut_video(path, 0, row.codec))
+        got += (got.empty() ? "" : " ") + std::to_string(offset) + ":" + std::to_string(keys.size());
+    } catch (const ToolError& e) {
+      got = e.what();
+    }
+    EXPECT_NE(got.find(row.says), std::string::npos) << row.what << ": " << got;
+  }
 }
 
 // `bytes` read `piece` bytes at a time (0: all at once): the frames of chunks that each start
@@ -260,6 +319,147 @@ TEST(SummaryText, SizesCountsAndLayoutsAtTheirEdges) {
   std::string layouts;
   for (const uint32_t channels : {1, 2, 3, 6, 7, 8}) layouts += channels_text(1, channels) + ",";
   EXPECT_EQ(layouts + channels_text(0, 6), "mono,stereo,3 channels,5.1,7 channels,7.1,6 channels (program_config_element)");
+}
+
+// What scan_audio makes of the bytes around ADTS frames: a tag only under its whole name and within the file, the
+// bytes after the last frame as where the recording stopped only when they start like a frame (ISO/IEC 14496-3
+// §1.A.2.2.1), and the header fields an MP4 track cannot take.
+TEST(ScanAudio, TagsTailsAndHeadersItRefuses) {
+  const auto aac = read_file(source_dir() + "/tests/data/sample.aac");
+  AudioStream whole;
+  scan_audio(aac.data(), aac.size(), "a", whole);
+  const std::size_t n = whole.frames.size(), last = aac.size() - whole.frames.back().size;
+  const auto first_header = [&](uint8_t and2, uint8_t or2, uint8_t and3) {  // sample.aac: FF F1 4C 80
+    auto b = aac;
+    b[2] = uint8_t((b[2] & and2) | or2), b[3] &= and3;
+    return b;
+  };
+  const std::string not_adts = "ADTS sync lost at byte 0; this is not an AAC ADTS stream";
+  const struct {
+    const char* what;
+    std::vector<uint8_t> bytes;
+    std::string says;  // a refusal, or the frames taken and where the last one was cut
+  } rows[] = {
+      {"a tag named IX3", cat({unhex("49 58 33 04 00 00 00 00 00 00"), aac}), not_adts},
+      {"a tag named IDX", cat({unhex("49 44 58 04 00 00 00 00 00 00"), aac}), not_adts},
+      {"a tag of 2^28 - 1 bytes, past the end", cat({unhex("49 44 33 04 00 00 7F 7F 7F 7F"), aac}), not_adts},
+      {"the byte FF alone", unhex("FF"), not_adts},
+      {"a header's first 3 bytes after the last frame", cat({aac, unhex("FF F1 50")}),
+       std::to_string(n) + " frames, cut at " + std::to_string(aac.size())},
+      {"3 bytes without a sync word after the last frame", cat({aac, unhex("FF 01 50")}),
+       "ADTS sync lost at byte " + std::to_string(aac.size())},
+      {"the last frame without its last 5 bytes", {aac.begin(), aac.end() - 5},
+       std::to_string(n - 1) + " frames, cut at " + std::to_string(last)},
+      {"sampling_frequency_index 15", first_header(0xC3, 0x3C, 0xFF),
+       "ADTS frame at byte 0 gives sampling_frequency_index 15, an explicit sample rate, which ADTS does not allow"},
+      {"channel_configuration 0 before a channel pair element", first_header(0xFE, 0, 0x3F),
+       "the first ADTS frame gives channel_configuration 0 but does not start with the program_config_element"},
+  };
+  for (const auto& row : rows) {
+    std::string got;
+    try {
+      AudioStream s;
+      scan_audio(row.bytes.data(), row.bytes.size(), "a", s);
+      got = std::to_string(s.frames.size()) + " frames, cut at " + (s.cut_at ? std::to_string(*s.cut_at) : "none");
+    } catch (const ToolError& e) {
+      got = e.what();
+    }
+    EXPECT_NE(got.find(row.says), std::string::npos) << row.what << ": " << got;
+  }
+}
+
+// What a scan makes of a stream: its refusal, or how many pictures it took and left out.
+std::string scanned(const std::vector<uint8_t>& bytes, bool h265) {
+  try {
+    VideoStream s;
+    if (h265) scan_hevc(bytes.data(), bytes.size(), "v", s);
+    else scan_video(bytes.data(), bytes.size(), "v", s);
+    return std::to_string(s.units.size()) + " pictures, " +
+           std::to_string(h265 ? s.skipped_before_parameter_sets : s.dropped_leading) + " left out";
+  } catch (const ToolError& e) {
+    return e.what();
+  }
+}
+
+// Parameter sets the scans cannot read, cannot find or see change, and the units they leave alone.
+TEST(ScanVideo, ParameterSetsAndUnitsAroundThePictures) {
+  // One IDR picture: SPS, PPS 0, PPS 1, the slice. The SPS's bytes after its NAL header: profile_idc, the
+  // constraint flags, level_idc (ISO/IEC 14496-10 §7.3.2.1.1).
+  const std::vector<uint8_t> one = handmade_h264({{}}), start = {0, 0, 0, 1};
+  std::vector<std::size_t> at;  // where each NAL unit's start code begins
+  for (std::size_t i = 0; i + 4 <= one.size(); ++i)
+    if (std::equal(start.begin(), start.end(), one.begin() + long(i))) at.push_back(i);
+  ASSERT_EQ(at.size(), 4u);
+  auto other_level = part(one, 0, at[1]);
+  other_level[7] ^= 1;
+  // Main 10: VPS, SPS at 28, PPS at 73, an IDR picture and 9 trailing ones, then the sets again (at 3484) and a CRA
+  // picture with 2 RASL and 11 trailing pictures.
+  const auto h265 = read_file(source_dir() + "/tests/data/main10_cra.h265");
+  // Offsets name the NAL unit after its start code.
+  const std::string after = std::to_string(one.size() + 4), after265 = std::to_string(h265.size() + 4);
+  const struct {
+    const char* what;
+    bool h265;
+    std::vector<uint8_t> bytes;
+    std::string says;
+  } rows[] = {
+      {"no PPS", false, cat({part(one, 0, at[1]), part(one, at[3], one.size())}),
+       "no picture parameter set (PPS) found"},
+      {"an SPS of 2 bytes", false, cat({unhex("00 00 00 01 67 42"), one}),
+       "cannot read the sequence parameter set at byte 4 (damaged or cut short)"},
+      {"a PPS of its header alone", false, cat({one, unhex("00 00 00 01 68")}),
+       "cannot read the picture parameter set at byte " + after},
+      {"the SPS again with another level", false, cat({one, other_level}),
+       "the sequence parameter set changes at byte " + after + " (the same id with other contents)"},
+      {"two zero bytes before the first start code", false, cat({{0, 0}, one}), "1 pictures, 0 left out"},
+      {"a slice of its NAL header alone before the sets", false, cat({unhex("00 00 00 01 21"), one}),
+       "1 pictures, 0 left out"},
+      {"H.264 read as H.265", true, one, "the NAL unit at byte 4 does not read as H.265 (it would be of layer 40)"},
+      {"no VPS", true, part(h265, 28, 3484), "no video parameter set (VPS) found"},
+      {"no SPS", true, cat({part(h265, 0, 28), part(h265, 73, 3484)}), "no sequence parameter set (SPS) found"},
+      {"a VPS of its NAL header alone", true, cat({unhex("00 00 00 01 40 01"), h265}),
+       "cannot read the video parameter set at byte 4 (damaged or cut short)"},
+      {"PPS 0 again, a byte longer", true, cat({h265, part(h265, 73, 83), {0x80}}),
+       "the picture parameter set 0 changes at byte " + after265},
+      {"a unit of reserved VCL type 10 (RSV_VCL_N10)", true, cat({h265, unhex("00 00 00 01 14 01 AF")}),
+       "24 pictures, 0 left out"},
+      {"an end of bitstream before the second GOP: its RASL pictures go", true,
+       cat({part(h265, 0, 3484), unhex("00 00 00 01 4A 01"), part(h265, 3484, h265.size())}),
+       "22 pictures, 2 left out"},
+      {"a slice of PPS 5 (never sent) before the IDR picture", true,
+       cat({part(h265, 0, 2374), unhex("00 00 00 01 02 01 9A"), part(h265, 2374, h265.size())}),
+       "24 pictures, 1 left out"},
+  };
+  for (const auto& row : rows)
+    EXPECT_NE(scanned(row.bytes, row.h265).find(row.says), std::string::npos)
+        << row.what << ": " << scanned(row.bytes, row.h265);
+}
+
+// The codec is the first parameter set of either standard that reads as one, among the first 256 NAL units.
+TEST(DetectCodec, FirstReadableSetAmongTheFirst256Units) {
+  const auto h265 = read_file(source_dir() + "/tests/data/main10_cra.h265");
+  const std::vector<uint8_t> one = handmade_h264({{}});
+  const auto delimiters = [&](int n) {  // H.265 access unit delimiters (type 35), then the stream
+    std::vector<uint8_t> b;
+    for (int i = 0; i < n; ++i) b = cat({b, unhex("00 00 00 01 46 01 50")});
+    return cat({b, h265});
+  };
+  const std::vector<uint8_t> pps_code = {0, 0, 0, 1, 0x68};
+  const auto pps = std::search(one.begin(), one.end(), pps_code.begin(), pps_code.end());
+  const struct {
+    const char* what;
+    std::vector<uint8_t> bytes;
+    VideoCodec codec;
+  } rows[] = {
+      {"255 delimiters first", delimiters(255), VideoCodec::kH265},
+      {"256 delimiters first", delimiters(256), VideoCodec::kUnknown},
+      {"an H.265 SPS alone", part(h265, 28, 73), VideoCodec::kH265},
+      {"an H.265 PPS alone", part(h265, 73, 83), VideoCodec::kH265},
+      {"a VPS of its header alone, then H.264", cat({unhex("00 00 00 01 40 01"), one}), VideoCodec::kH264},
+      {"H.264 from its first PPS on", {pps, one.end()}, VideoCodec::kH264},
+      {"an H.264 SPS of its header alone, then H.265", cat({unhex("00 00 00 01 67"), h265}), VideoCodec::kH265},
+  };
+  for (const auto& row : rows) EXPECT_EQ(detect_codec(row.bytes.data(), row.bytes.size()), row.codec) << row.what;
 }
 
 }  // namespace
