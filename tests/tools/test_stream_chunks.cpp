@@ -10,6 +10,7 @@
 #include "support/box_builder.hpp"
 #include "support/ffmpeg.hpp"
 #include "support/handmade_h264.hpp"
+#include "support/hevc_units.hpp"
 #include "support/paths.hpp"
 #include "tools/common/chunk_offsets.hpp"
 #include "tools/common/summary_text.hpp"
@@ -123,14 +124,16 @@ TEST(StreamChunks, CutsAndRefusalsInTheInputsOwnBytes) {
       {"3-byte start codes", cat({one3, one3}), VideoCodec::kH264, "0:1 " + std::to_string(one3.size()) + ":1"},
       {"an SPS of 2 bytes before the second picture", cat({one, unhex("00 00 00 01 67 42"), one}), VideoCodec::kH264,
        "cannot read the sequence parameter set at byte " + after_one},
-      {"a PPS of its header alone before the second picture", cat({one, unhex("00 00 00 01 68"), one}), VideoCodec::kH264,
-       "cannot read the picture parameter set at byte " + after_one},
+      {"a PPS of its header alone before the second picture", cat({one, unhex("00 00 00 01 68"), one}),
+       VideoCodec::kH264, "cannot read the picture parameter set at byte " + after_one},
       {"a VPS of 2 bytes before the second GOP", before_gop2("40 01"), VideoCodec::kH265,
        "cannot read the video parameter set at byte 3488"},
       {"an SPS of 2 bytes before the second GOP", before_gop2("42 01"), VideoCodec::kH265,
        "cannot read the sequence parameter set at byte 3488"},
       {"a PPS of 2 bytes before the second GOP", before_gop2("44 01"), VideoCodec::kH265,
        "cannot read the picture parameter set at byte 3488"},
+      {"an auxiliary picture (type 19) after the first picture stays in its piece",
+       cat({one, unhex("00 00 00 01 13 FF"), one}), VideoCodec::kH264, "0:1 " + std::to_string(one.size() + 6) + ":1"},
       {"a damaged unit before the last one", cat({one, unhex("00 00 00 01 85 88 80 00 00 00 01 0C FF")}),
        VideoCodec::kH264, "damaged NAL unit (forbidden_zero_bit set) at byte " + after_one},
       {"P pictures alone", handmade_h264({{P::kSkipped}, {P::kSkipped}}), VideoCodec::kH264,
@@ -395,6 +398,10 @@ TEST(ScanVideo, ParameterSetsAndUnitsAroundThePictures) {
   // Main 10: VPS, SPS at 28, PPS at 73, an IDR picture and 9 trailing ones, then the sets again (at 3484) and a CRA
   // picture with 2 RASL and 11 trailing pictures.
   const auto h265 = read_file(source_dir() + "/tests/data/main10_cra.h265");
+  const auto padded = [](std::vector<uint8_t> nal, std::size_t size) {  // bytes 0x11 after its trailing bits
+    nal.resize(size, 0x11);
+    return nal;
+  };
   // Offsets name the NAL unit after its start code.
   const std::string after = std::to_string(one.size() + 4), after265 = std::to_string(h265.size() + 4);
   const struct {
@@ -429,10 +436,62 @@ TEST(ScanVideo, ParameterSetsAndUnitsAroundThePictures) {
       {"a slice of PPS 5 (never sent) before the IDR picture", true,
        cat({part(h265, 0, 2374), unhex("00 00 00 01 02 01 9A"), part(h265, 2374, h265.size())}),
        "24 pictures, 1 left out"},
+      {"the same slice, not a picture's first segment", true,
+       cat({part(h265, 0, 2374), unhex("00 00 00 01 02 01 1A"), part(h265, 2374, h265.size())}),
+       "24 pictures, 0 left out"},
+      // The stream's sets take 83 bytes, with a 4-byte start code each; with PPS 1 they may reach 65536 bytes.
+      {"PPS 1 of 65449 bytes", true, cat({h265, start, padded(hand_pps(1), 65449)}), "24 pictures, 0 left out"},
+      {"PPS 1 of 65450 bytes", true, cat({h265, start, padded(hand_pps(1), 65450)}),
+       "more parameter sets than one sample description holds (64, in 64 KiB) at byte " + after265},
   };
   for (const auto& row : rows)
     EXPECT_NE(scanned(row.bytes, row.h265).find(row.says), std::string::npos)
         << row.what << ": " << scanned(row.bytes, row.h265);
+}
+
+// ITU-T H.264 §3.30, §3.31: a field joins the unpaired field before it in one sample only when their parities
+// differ, their frame_num is the same, both or neither are reference fields, and it is neither an IDR picture nor
+// carries memory_management_control_operation 5. Under POC type 2 both fields of a frame count the same.
+TEST(ScanVideo, FieldsPairOnlyAsTheStandardSays) {
+  const std::vector<uint8_t> start = {0, 0, 0, 1};
+  // Main profile, 16x32, frame_num in 4 bits, POC type 2, two reference frames, frame_mbs_only_flag 0; its PPS.
+  const auto sps = Bits().u(8, 77).u(8, 0).u(8, 30).ue(0).ue(0).ue(2).ue(2).u(1, 0).ue(0).ue(0).u(5, 0b00100).nal(3, 7);
+  const auto pps =
+      Bits().ue(0).ue(0).u(1, 0).u(1, 0).ue(0).ue(0).ue(0).u(1, 0).u(2, 0).se(0).se(0).se(0).u(3, 0).nal(3, 8);
+  // The header of an I slice (slice_type 7) of a top (0) or bottom (1) field or of a frame (-1).
+  const auto slice = [&](bool idr, bool ref, uint32_t frame_num, int field, bool mmco5 = false, uint32_t idr_id = 0) {
+    Bits b;
+    b.ue(0).ue(7).ue(0).u(4, frame_num).u(1, field >= 0);
+    if (field >= 0) b.u(1, uint64_t(field));
+    if (idr) b.ue(idr_id).u(2, 0);  // no_output_of_prior_pics_flag, long_term_reference_flag
+    if (!idr && ref) b.u(1, mmco5);  // adaptive_ref_pic_marking_mode_flag
+    if (!idr && ref && mmco5) b.ue(5).ue(0);
+    return cat({start, b.se(0).nal(ref ? 2 : 0, idr ? 5 : 1)});
+  };
+  const auto idr_frame = slice(true, true, 0, -1);
+  const std::string same_poc = "two pictures have the same picture order count";
+  const struct {
+    const char* what;
+    std::vector<uint8_t> pictures;
+    std::string says;
+  } rows[] = {
+      {"top and bottom field of frame_num 1", cat({idr_frame, slice(false, true, 1, 0), slice(false, true, 1, 1)}),
+       "2 pictures, 0 left out"},
+      {"a frame after a bottom field", cat({idr_frame, slice(false, true, 1, 1), slice(false, true, 1, -1)}), same_poc},
+      {"two top fields", cat({idr_frame, slice(false, true, 1, 0), slice(false, true, 1, 0)}), same_poc},
+      {"frame_num 1, then 2", cat({idr_frame, slice(false, true, 1, 0), slice(false, true, 2, 1)}),
+       "3 pictures, 0 left out"},
+      {"a non-reference second field", cat({idr_frame, slice(false, true, 1, 0), slice(false, false, 1, 1)}),
+       "3 pictures, 0 left out"},
+      {"an IDR second field", cat({slice(true, true, 0, 0), slice(true, true, 0, 1, false, 1)}),
+       "2 pictures, 0 left out"},
+      {"mmco 5 in the second field", cat({idr_frame, slice(false, true, 1, 0), slice(false, true, 1, 1, true)}),
+       "3 pictures, 0 left out"},
+  };
+  for (const auto& row : rows) {
+    const std::string got = scanned(cat({start, sps, start, pps, row.pictures}), false);
+    EXPECT_NE(got.find(row.says), std::string::npos) << row.what << ": " << got;
+  }
 }
 
 // The codec is the first parameter set of either standard that reads as one, among the first 256 NAL units.
