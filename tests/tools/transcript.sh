@@ -103,6 +103,8 @@ t 'mux -v $D/x264_sps_pps.h264 -o x.mp4'
 t '{ cat $D/sample.h264; printf "\\0\\0\\0\\1\\x85\\x88\\x80"; } > forbidden.h264; mux -v forbidden.h264 -o x.mp4'
 t 'mux -v - -o x.mp4 < /dev/null'
 t 'mux -v empty --fragment 1 -o x.mp4; mux -a empty --fragment 1 -o x.mp4'
+# SIGTERM once a FIFO is open but has sent nothing (its writer holds it 2 s): the run stops at once.
+t 'mkfifo idle.fifo; sleep 2 > idle.fifo 2>/dev/null & "$B" mux -v idle.fifo --fragment 1 -o x.mp4 & p=$!; until ls -l /proc/$p/fd 2>/dev/null | grep -q idle.fifo; do sleep 0.01; done; kill -TERM $p; wait $p'
 t 'mux -v $D/sample.aac -o x.mp4'
 t 'mux -v $D/sample.h264 -o no/dir/x.mp4'
 t 'mux -v . -o x.mp4'
