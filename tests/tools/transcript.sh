@@ -151,6 +151,9 @@ t '{ cat two.h264; tail -c $(($(stat -c %s two.h264) - $(stat -c %s one.h264))) 
 # Data partition B in fragments: a piece waits for the next IDR picture, 128 MiB at most.
 t '{ cat one.h264; printf "\\0\\0\\0\\1\\x63"; head -c 129M /dev/zero | tr "\\0" "\\377"; } | mux -v - --fragment 1 -o x.mp4'
 t '{ cat $D/main10_cra.h265; head -c 129M /dev/zero | tr "\\0" "\\377"; } | mux -v - --fragment 1 -o x.mp4'
+# One IDR picture and 69999 P pictures (2800 s) beside 500 s of audio read 1 MiB (some 125 s) at a time: the one
+# fragment the video allows waits for all its audio.
+t '{ for i in $(seq 100); do cat $D/sample.aac; done; } > a100.aac; mux -v long70k.h264 -a a100.aac --fps 25 --fragment 1 -o y.mp4'
 # After the picture a unit of each kind: data partitions B and C, an auxiliary picture and slice extensions (20,
 # 21) join its sample, 6 bytes each; end of sequence, filler, an SPS extension and reserved 22 and 23 do not.
 t '{ cat one.h264; for n in 63 64 73 74 75 0a 0c 6d 16 17; do printf "\\0\\0\\0\\1\\x$n\\xff"; done; } > kinds.h264; mux -q -v kinds.h264 -o y.mp4 && probe --samples y.mp4 | tail -1'
