@@ -255,6 +255,8 @@ TEST(ProbeAudioConfig, EscapedObjectTypeAndExplicitRate) {
   } cases[] = {
       {"11 90", {true, 2, 48000, 2}}, {"13 88", {true, 2, 22050, 1}}, {"F9 46 40", {true, 42, 48000, 2}},
       {"17 80 2A F8 08", {true, 2, 22000, 1}}, {"17 80 2A F8", {false, 0, 0, 0}},
+      // Frequency index 13, reserved: no rate.
+      {"16 90", {true, 2, 0, 2}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.hex);
@@ -301,14 +303,16 @@ TEST(ProbeJson, TableRowsOfTheWidestNumbersAcrossBlocks) {
   }
 }
 
-// Bytes that do not form UTF-8 (here lead bytes before an ASCII one) are taken as Latin-1; UTF-8 stays as it is.
+// Bytes that do not form UTF-8 (here lead bytes before an ASCII one, or at the end) are taken as Latin-1; UTF-8 stays
+// as it is.
 TEST(ProbeJson, BytesThatDoNotFormUtf8AreLatin1) {
   std::string out;
   {
     tool::JsonWriter json(out);
     json.string("\xC3" "A \xC3\xA9 \xE2\x82" "A");
+    json.string(std::string_view("\xE2\x82\xAC", 2));  // the view ends before the sequence does
   }
-  EXPECT_EQ(out, "\"\xC3\x83" "A \xC3\xA9 \xC3\xA2\xC2\x82" "A\"");
+  EXPECT_EQ(out, "\"\xC3\x83" "A \xC3\xA9 \xC3\xA2\xC2\x82" "A\"\"\xC3\xA2\xC2\x82\"");
 }
 
 TEST(ProbeNames, AsTheStandardsNameThem) {
