@@ -322,6 +322,9 @@ TEST(RemuxTimeline, OneTimeScaleToWhichEveryTimeConvertsExactly) {
   EXPECT_EQ(tool::plan_timeline({&v25, &a8}, 1000).timescale, 8000u);
   EXPECT_EQ(tool::plan_timeline({&edit, &a48}, 1000).timescale, 192000u);
   EXPECT_EQ(tool::plan_timeline({&offset, &a48}, 1000).timescale, 192000u);
+  // An empty edit (media time -1) holds no media time to convert.
+  const auto empty = track(true, 12800, 512, {0}, {{40, -1}, {40, 0}});
+  EXPECT_EQ(tool::plan_timeline({&empty, &a48}, 1000).timescale, 48000u);
   const tool::TrackTimeline zero_plan = tool::plan_timeline({&zero}, 1000).tracks[0];
   EXPECT_EQ(zero_plan.duration(0) + 10 * zero_plan.zero_durations, 11u);
   // Prime time scales: their least common multiple is past 2^31.
@@ -329,7 +332,8 @@ TEST(RemuxTimeline, OneTimeScaleToWhichEveryTimeConvertsExactly) {
   EXPECT_THROW(tool::plan_timeline({&v, &a}, 1000), tool::ToolError);
   // The largest sample duration (2^31 - 1) and composition offset (2^30 - 1) the output takes, and one past.
   for (const auto& [duration, offset, fits] :
-       {std::tuple{0x7FFFFFFFu, 0, true}, {0x80000000u, 0, false}, {1u, 0x3FFFFFFF, true}, {1u, 0x40000000, false}}) {
+       {std::tuple{0x7FFFFFFFu, 0, true}, {0x80000000u, 0, false}, {1u, 0x3FFFFFFF, true}, {1u, 0x40000000, false},
+        {1u, -0x40000000, true}, {1u, -0x40000001, false}}) {
     const auto t = track(true, 1000, duration, {offset});
     if (fits) EXPECT_NO_THROW(tool::plan_timeline({&t}, 1000)) << duration;
     else EXPECT_THROW(tool::plan_timeline({&t}, 1000), tool::ToolError) << duration << " " << offset;
@@ -364,6 +368,8 @@ TEST(RemuxTimeline, EditListsForTheOutput) {
       // No edit list: the first picture is presented at its composition time, 512, after a gap.
       {"without an edit too", {512, 0, 1024}, {}, 512, false, {{512, -1}, {2048, 1024}}, 2560},
       {"a gap before the first picture", {1024, 2048, 512}, {{120, 0}}, 0, false, {{1024, -1}, {512, 1024}}, 1536},
+      {"an edit that ends before the first picture", {1024, 2048, 512}, {{40, 0}}, 0, false, {{1024, -1}, {0, 1024}}, 1024},
+      {"a media time past the media's end", {0, 0, 0}, {{0, 5000}}, 0, false, {{0, 5000}}, 0},
       // 41 ms are 524.8 ticks.
       {"an empty edit to the nearest tick", {1024, 1536, 512}, {{41, -1}, {120, 1024}}, 0, false,
        {{525, -1}, {1536, 1024}}, 2061},
