@@ -235,12 +235,23 @@ t 'cp fr.mp4 ov.mp4; set -- $(LC_ALL=C grep -obaE trun ov.mp4 | head -2 | cut -d
 # The video trun of the first moof given a data_offset of 8: its data inside the moof.
 t 'cp fr.mp4 in_moof.mp4; poke in_moof.mp4 $(($(box_at fr.mp4 trun) + 16)) $(be32 8); probe in_moof.mp4 | sed -n "6,7p"'
 t 'cp fr.mp4 cc.mp4; poke cc.mp4 $(($(box_at cc.mp4 trun) + 12)) $(be32 100000); probe cc.mp4 | sed -n "6,7p"; probe --json cc.mp4 | grep -m1 complete'
+# The second moof made size 7: the fragments after it are not counted; the first trun both longer than its samples and
+# with its data inside its moof.
+t 'cp fr.mp4 stop_frag.mp4; poke stop_frag.mp4 $(box_at fr.mp4 moof 2) $(be32 7); probe stop_frag.mp4 | grep -m1 missing:'
+t 'cp fr.mp4 both.mp4; poke both.mp4 $(($(box_at fr.mp4 trun) + 12)) $(be32 100000)$(be32 8); probe both.mp4 | grep -m1 missing:'
+# One sample in one fragment; two track ids past 9 under --strict.
+t 'mux -q -a $D/sample.aac --fragment 0.000001 -o f1.mp4 && head -c $(box_at f1.mp4 moof 2) f1.mp4 > one_frag.mp4; probe one_frag.mp4 | grep fragments:'
+t 'cp fs.mp4 ids.mp4; for k in 1 2; do poke ids.mp4 $(($(box_at fs.mp4 tkhd $k) + 20)) $(be32 $((9 + k))); done; probe --strict ids.mp4 | grep -m1 note:'
 t 'probe a.mp4 > /dev/full'
 t 'probe missing.mp4'
 t ': > empty.mp4; probe empty.mp4; : | probe -'
 t 'brief 1 probe --pools 64 fs.mp4 && brief 1 probe --piece 67108864 fs.mp4 && brief 1 probe --random-pieces 67108864 --seed 0 fs.mp4 && brief 1 probe fs.mp4 --piece'
 t 'brief 3 probe -z'
 t 'brief 3 probe --seed 1 x'
+# Values below, past or outside each option's range (--seed 2^64), no input; the usage asked for.
+t 'for a in "--piece 0" "--piece 67108865" "--piece 5x" "--random-pieces 0" "--seed 18446744073709551616" "--pools 0" "--pools 65"; do brief 1 probe $a fs.mp4 --json; done; brief 1 probe --json; brief 1 probe -h && brief 1 probe --help'
+# Standard input already read past its ftyp: probe reads from where it stands.
+t '(dd bs=32 count=1 of=/dev/null status=none; probe -) < fs.mp4 | head -2'
 
 # What probe says of a file it cannot read, fed a byte at a time and through a pipe, with each exit status.
 bytewise() { probe --piece 1 "$1"; echo "[exit $?]"; cat "$1" | probe -; echo "[exit $?]"; }
@@ -251,6 +262,9 @@ t 'head -c $((32 + $(u32_at fs.mp4 32) + 100)) fs.mp4 > cut_in_mdat.mp4; bytewis
 # A type of printable letters and a DEL byte.
 t '{ printf $(be32 100)"moo\\x7f"; head -c 10 /dev/zero; } > binary.mp4; bytewise binary.mp4'
 t '{ printf $ftyp$(be32 7)free; head -c 20 /dev/zero; } > size_seven.mp4; bytewise size_seven.mp4'
+t 'printf $ftyp > only_ftyp.mp4; probe only_ftyp.mp4'
+# A type with a control byte.
+t '{ printf $(be32 100)"mo\\x01v"; head -c 10 /dev/zero; } > control.mp4; probe control.mp4'
 # A udta that declares 500 bytes in a movie box of 24.
 t '{ printf $ftyp$(be32 24)moov$(be32 500)udta$(be32 0)$(be32 0)$(be32 16)free$(be32 0)$(be32 0); } > past.mp4; bytewise past.mp4'
 
@@ -275,6 +289,12 @@ stsz100=$(fbox stsz $(be32 100)$(be32 10))  # 100 bytes for each of 10 samples
 t 'tables twice.mp4 "$(fbox stsz $(be32 0)$(be32 9)$(for i in $(seq 9); do be32 100; done))$(fbox stss $(be32 2)$(be32 3)$(be32 3))" 1 4 1'
 # Sample numbers start at 1.
 t 'tables zero.mp4 "$stsz100$(fbox stss $(be32 1)$(be32 0))" 1 4 1'
+t 'tables chunk0.mp4 "$stsz100" 0 4 1; tables stss11.mp4 "$stsz100$(fbox stss $(be32 1)$(be32 11))" 1 4 1 3 2 1'
+# Two stts runs of 2^32 - 1 samples of 2^32 - 1 ticks in place of the first (made a free box): the sum stays 2^64 - 1.
+t 'tables sum.mp4 "$(fbox stts $(be32 2)$(be32 4294967295)$(be32 4294967295)$(be32 4294967295)$(be32 4294967295))$stsz100" 1 4 1 3 2 1 >/dev/null; poke sum.mp4 $(($(box_at sum.mp4 stts) + 4)) free; probe sum.mp4 | grep -E "samples:|note"'
+# No stsz: no bit rate; an stz2 of 16-bit sizes, read in the extended mode and not with --strict; one of field size 7,
+# which ISO/IEC 14496-12 §8.7.3.3 does not allow.
+t 'tables nostsz.mp4 "" 1 4 1 3 2 1; tables stz2.mp4 "$(fbox stz2 "\\0\\0\\0\\x10$(be32 10)$(for i in $(seq 10); do printf "\\\\0\\\\x64"; done)")" 1 4 1 3 2 1; probe --strict stz2.mp4 | grep -E "missing|bit rate"; tables stz2_7.mp4 "$(fbox stz2 "\\0\\0\\0\\x07$(be32 10)$(zeros 10)")" 1 4 1 3 2 1; probe nostsz.mp4 | grep -E "^  (samples|bit rate)"'
 # 4 + 4 + 2 samples.
 t 'tables same_chunk.mp4 "$stsz100" 1 4 1 1 2 1'
 t 'tables no_stsc.mp4 "$stsz100"'
@@ -282,6 +302,8 @@ t 'tables from_chunk_2.mp4 "$stsz100" 2 5 1'
 t 'tables past_stco.mp4 "$stsz100" 1 4 1 4 2 1 5 1 1'
 t 'tables ctts_sdtp.mp4 "$stsz100$(fbox ctts $(be32 1)$(be32 9)$(be32 0))$(fbox sdtp $(zeros 11))" 1 4 1 3 2 1'
 t 'tables sdtp9.mp4 "$stsz100$(fbox sdtp $(zeros 9))" 1 4 1 3 2 1'
+# An sdtp of an entry a sample agrees; --tables lists its bytes, one entry as one.
+t 'tables sdtp10.mp4 "$stsz100$(fbox sdtp "\\x24$(zeros 9)")" 1 4 1 3 2 1; probe --tables sdtp10.mp4 | grep -A2 "sdtp:"; tables sdtp1.mp4 "$stsz100$(fbox sdtp "\\x24")" 1 4 1 3 2 1 >/dev/null; probe --tables sdtp1.mp4 | grep -A1 "sdtp:"'
 t 'chunks=1000 tables one_chunk.mp4 "$stsz100" 1 10 1'
 # A uuid box: the first two bytes of its extended type in the JSON, read big-endian (BE 7A is 48762 on any host).
 t '{ cat a.mp4; printf "$(be32 24)uuid\\xbe\\x7a"; zeros 14; } > uuid.mp4; probe --json --boxes uuid.mp4 | grep -m1 uuid_head'
@@ -299,10 +321,16 @@ handler_name='T "\\\n\r\t\b\f\x01\x1f\x7f\xff\xc0\x80\xe2\x82\xe0\x80\x80\xed\xa
 t 'h=$(box_at a.mp4 hdlr); { head -c $((h + 32)) a.mp4; printf "$handler_name"; tail -c +$((h + 45)) a.mp4; } > name.mp4; for b in moov trak mdia hdlr; do at=$(box_at name.mp4 $b); poke name.mp4 $at $(be32 $(($(u32_at name.mp4 $at) + $(printf "$handler_name" | wc -c) - 12))); done; probe name.mp4 | sed -n 6p; probe --json name.mp4 | grep handler_name'
 # Each kind of handler by its name, an unknown one too, in a file without ftyp.
 t 'for h in hint meta text sbtl abcd; do tail -c +33 a.mp4 > $h.mp4; poke $h.mp4 $(($(box_at $h.mp4 hdlr) + 16)) $h; probe $h.mp4 | sed -n "2p;6p"; done'
+# An ftyp without compatible brands; none at all, in JSON.
+t '{ printf $(be32 16)ftypisom$(be32 512); tail -c +33 a.mp4; } > nobrands.mp4; probe nobrands.mp4 | sed -n 2p; probe --json nobrands.mp4 | grep -A4 "\"file_type\""; probe --json hint.mp4 | grep "\"file_type\""'
 # The audio's layer 2 and alternate group 1, its balance all to the left: as the JSON shows them.
 t 'cp a.mp4 alt.mp4; poke alt.mp4 $(($(box_at a.mp4 tkhd) + 40)) "\\0\\2\\0\\1"; poke alt.mp4 $(($(box_at a.mp4 smhd) + 12)) "\\xff\\0"; probe --json alt.mp4 | untimed | grep -E "\"(tkhd|media_header)\": "'
 # An esds without an AudioSpecificConfig: the entry's own numbers.
 t 'cp a.mp4 no_config.mp4; poke no_config.mp4 $(($(box_at no_config.mp4 esds) + 32)) "\\x06"; probe no_config.mp4 | grep codec:; poke no_config.mp4 $(($(box_at no_config.mp4 mp4a) + 24)) "\\x00\\x01"; probe no_config.mp4 | grep codec:'
+t 'probe --json no_config.mp4 | grep -E "audio_(object|specific)"'
+# The hvcC's general_tier_flag set; its configurationVersion 0 (ISO/IEC 14496-15 §8.3.3.1); an ac-3 sample entry.
+t 'a=$(box_at h265.mp4 hvcC); cp h265.mp4 high.mp4; poke high.mp4 $((a + 9)) "\\x22"; probe high.mp4 | grep -m1 codec:; probe --json high.mp4 | grep tier_name; cp h265.mp4 hv0.mp4; poke hv0.mp4 $((a + 8)) "\\0"; probe hv0.mp4 | grep -m1 codec:'
+t 'cp a.mp4 ac3.mp4; poke ac3.mp4 $(($(box_at a.mp4 stsd) + 20)) ac-3; probe ac3.mp4 | grep codec:; probe --json ac3.mp4 | grep -A3 "\"codec\""'
 
 # What probe marks as left out of a file, without and with --strict: the text's form, stop, gaps and notes, and the
 # JSON's (read in pieces of 4096 bytes) complete flags and gaps; the exit status when not 0.
@@ -332,7 +360,11 @@ t '{ cat fs.mp4; printf $(be32 1)mdat$(be32 0)$(be32 16); } > empty_large_mdat.m
 t 'marks wide.mp4'
 t 'cp fs.mp4 zero_mdat.mp4; poke zero_mdat.mp4 5045 $(be32 0); marks zero_mdat.mp4; poke zero_mdat.mp4 5049 MDAT; marks zero_mdat.mp4'
 t '{ cat fs.mp4; printf $(be32 0)free; head -c 8 /dev/zero; } > zero_free_fs.mp4; marks zero_free_fs.mp4'
+# Piped, the box of size 0 ends the reading however much follows it.
+t '{ cat zero_free_fs.mp4; head -c 200000 /dev/zero; } | probe - | head -1'
 t '{ cat wide.mp4; printf $(be32 8)free; } > wide_free.mp4; marks wide_free.mp4'
+# --strict on the file cut inside its 64-bit mdat header, and in its payload; its header split between pieces.
+t 'for n in 2470 3000; do head -c $n wide.mp4 > wide_cut.mp4; probe --strict wide_cut.mp4 | grep -E "^(stream|INCOMPLETE)"; done; probe --strict --piece 2465 wide.mp4 | grep -E "^(stream|INCOMPLETE)"'
 # The second trak made larger than the parser takes, behind an empty moov as the movie box's first child: the
 # stop is still inside the top-level one.
 t '{ head -c 40 fs.mp4; printf $(be32 8)moov; tail -c +41 fs.mp4; } > nested_moov.mp4; poke nested_moov.mp4 32 $(be32 $(($(u32_at fs.mp4 32) + 8))); poke nested_moov.mp4 $(box_at nested_moov.mp4 trak 2) $(be32 268435457); marks nested_moov.mp4'
@@ -411,6 +443,7 @@ t 'cp av.mp4 nal2.mp4; poke nal2.mp4 $(($(box_at av.mp4 avcC) + 12)) "\\xfd"; on
 t 'sps_pad 1016 sps1016.mp4 && remux sps1016.mp4 -o r1016.mp4 && digest r1016.mp4 && sps_pad 1017 sps1017.mp4 && onto_old sps1017.mp4 -o out.mp4'
 # Sets that fill the 16384 bytes the parser keeps, and a byte more: probe names both or only the SPS.
 t 'for n in 16384 16385; do sps_pad $n sps$n.mp4 && probe sps$n.mp4 | grep -m1 codec; done'
+t 'probe --json sps16385.mp4 | grep -m1 truncated'
 # The hvcC with 2-byte NAL unit lengths, with no arrays; the entry named hev1.
 # Sets that fill the 16384 bytes the parser keeps are all copied; a byte more loses the PPS, and the track is refused.
 t 'for n in 16384 16385; do hvc_pad $n h$n.mp4 && remux h$n.mp4 -o rh$n.mp4 && probe rh$n.mp4 | grep -m1 codec; done'
@@ -444,6 +477,22 @@ t 'cp av.mp4 slow.mp4; poke slow.mp4 $(($(box_at av.mp4 stts) + 20)) $(be32 2400
 # 236 samples of 2^25 ticks: a movie past 2^32 ticks, its headers of version 1.
 t 'cp a.mp4 long.mp4; poke long.mp4 $(($(box_at a.mp4 stts) + 20)) $(be32 33554432); remux long.mp4 -o rlong.mp4 && probe --boxes rlong.mp4 | grep -E "movie:|mvhd|tkhd|mdhd"'
 t 'remux a96.mp4 --faststart -o r96.mp4 && digest r96.mp4'
+# Entries the writer cannot describe: hvcC version 0, an ac-3 sound entry, an mp4v video entry.
+t 'cp av.mp4 mp4v.mp4; poke mp4v.mp4 $(($(box_at av.mp4 stsd) + 20)) mp4v; for f in hv0 ac3 mp4v; do onto_old $f.mp4 -o out.mp4; done'
+# The video's edit at twice the normal rate: kept at the normal rate, with a notice.
+t 'cp av.mp4 rate2.mp4; poke rate2.mp4 $(($(box_at av.mp4 elst) + 24)) "\\0\\2"; remux rate2.mp4 -o rr.mp4 && remux -q rate2.mp4 -o rr.mp4 && digest rr.mp4'
+# edit.mp4's empty edit made 100000 s: past 2^32 ticks at 48 kHz, the elst goes to version 1 (20-byte entries).
+t 'cp edit.mp4 edit_long.mp4; poke edit_long.mp4 $(($(box_at edit.mp4 elst) + 16)) $(be32 100000000); remux edit_long.mp4 -o rel.mp4 && probe --boxes rel.mp4 | grep -E "movie:|elst"'
+# The mp4a entry's samplesize 0, written as 16; a raw frame that starts with 0xFF but no ADTS header (layer 1); an
+# AudioSpecificConfig of frequency index 13 (reserved): the entry's rate.
+t 'cp a.mp4 ss0.mp4; poke ss0.mp4 $(($(box_at a.mp4 mp4a) + 26)) "\\0\\0"; remux ss0.mp4 -o rss0.mp4 && probe --json rss0.mp4 | grep sample_size'
+t 'cp a.mp4 ff.mp4; poke ff.mp4 40 "\\xff\\xfa"; remux ff.mp4 -o rff.mp4 && digest rff.mp4'
+t 'cp a.mp4 idx13.mp4; poke idx13.mp4 $(($(box_at a.mp4 esds) + 34)) "\\x16"; probe idx13.mp4 | grep codec:; remux idx13.mp4 -o r13.mp4 && digest r13.mp4'
+# The first audio sample made 2^31 bytes: past the end of the input; the file made as long (sparse), a fragment past 2 GiB.
+t 'cp a.mp4 huge.mp4; poke huge.mp4 $(($(box_at a.mp4 stsz) + 20)) $(be32 2147483648); remux huge.mp4 -o x.mp4; truncate -s 2200000000 huge.mp4; remux huge.mp4 --fragment 1 -o x.mp4; rm huge.mp4'
+t 'remux --quiet a.mp4 -o rq.mp4 && digest rq.mp4; brief 1 remux - a.mp4 -o x.mp4; brief 1 remux a.mp4; brief 1 remux a.mp4 -o x.mp4 --fragment; for f in 0 -1; do brief 1 remux a.mp4 -o x.mp4 --fragment $f; done'
+# Inputs that cannot be opened or mapped; a piped input with nowhere to spool it.
+t 'remux missing.mp4 -o x.mp4; remux . -o x.mp4; remux /dev/null -o x.mp4; mux -v missing.h264 -o x.mp4; cat $D/sample.aac | mux -a - -o no/dir/x.mp4'
 
 # The program itself.
 t 'brief 2 "$B"'
