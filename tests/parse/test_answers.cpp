@@ -169,7 +169,7 @@ std::string dump(const std::string& client) {
   std::memset(f.tszMajorBrand, 'X', sizeof f.tszMajorBrand - 1);  // the whole field is written, its NUL too
   std::string out = "ftyp " + result(Boxlane_Parse_GetFTyp(c, &f));
   out += " " + chars(f.tszMajorBrand) + fmt(" %X", f.nMinorVersion);
-  for (int i = 0; i < f.nBrandCount; ++i) out += " " + chars(f.pptszCompatibleBrand[i]);
+  for (int i = 0; i < f.nBrandCount; ++i) out.append(" ").append(chars(f.pptszCompatibleBrand[i]));
   Fundrel_Memory_Free(reinterpret_cast<void***>(&f.pptszCompatibleBrand), f.nBrandCount);
   out = out == "ftyp ok \"\" 0" ? "" : out + "\n";
   QORVANE_HDRMVHD m{};
