@@ -147,7 +147,7 @@ TEST(StreamChunks, CutsAndRefusalsInTheInputsOwnBytes) {
     std::string got;
     try {
       for (const auto& [offset, keys] : cut_video(path, 0, row.codec))
-        got += (got.empty() ? "" : " ") + std::to_string(offset) + ":" + std::to_string(keys.size());
+        got.append(got.empty() ? "" : " ").append(std::to_string(offset)).append(":").append(std::to_string(keys.size()));
     } catch (const ToolError& e) {
       got = e.what();
     }
