@@ -28,6 +28,11 @@ std::vector<uint8_t> part(const std::vector<uint8_t>& b, std::size_t from, std::
   return std::vector<uint8_t>(b.begin() + long(from), b.begin() + long(to));
 }
 
+// `b` with a NAL unit (its bytes in hex) after a 4-byte start code put in at byte `at`.
+std::vector<uint8_t> unit_at(const std::vector<uint8_t>& b, std::size_t at, const std::string& unit) {
+  return cat({part(b, 0, at), unhex("00 00 00 01"), unhex(unit), part(b, at, b.size())});
+}
+
 // Each piece of `path` read `piece` bytes at a time: its offset and the key flags of its units.
 std::vector<std::pair<uint64_t, std::vector<bool>>> cut_video(const std::string& path, std::size_t piece,
                                                                VideoCodec codec = VideoCodec::kH264) {
@@ -112,7 +117,7 @@ TEST(StreamChunks, CutsAndRefusalsInTheInputsOwnBytes) {
     if (i + 4 > one.size() || one[i] || one[i + 1] || one[i + 2] || one[i + 3] != 1) one3.push_back(one[i]);
   const auto h265 = read_file(source_dir() + "/tests/data/main10_cra.h265");  // the second GOP's sets at 3484
   const auto before_gop2 = [&](const char* unit) {  // a unit after a 4-byte start code at 3484
-    return cat({part(h265, 0, 3484), unhex(std::string("00 00 00 01 ") + unit), part(h265, 3484, h265.size())});
+    return unit_at(h265, 3484, unit);
   };
   const std::string after_one = std::to_string(one.size() + 4);
   const struct {
@@ -431,13 +436,13 @@ TEST(ScanVideo, ParameterSetsAndUnitsAroundThePictures) {
       {"a unit of reserved VCL type 10 (RSV_VCL_N10)", true, cat({h265, unhex("00 00 00 01 14 01 AF")}),
        "24 pictures, 0 left out"},
       {"an end of bitstream before the second GOP: its RASL pictures go", true,
-       cat({part(h265, 0, 3484), unhex("00 00 00 01 4A 01"), part(h265, 3484, h265.size())}),
+       unit_at(h265, 3484, "4A 01"),
        "22 pictures, 2 left out"},
       {"a slice of PPS 5 (never sent) before the IDR picture", true,
-       cat({part(h265, 0, 2374), unhex("00 00 00 01 02 01 9A"), part(h265, 2374, h265.size())}),
+       unit_at(h265, 2374, "02 01 9A"),
        "24 pictures, 1 left out"},
       {"the same slice, not a picture's first segment", true,
-       cat({part(h265, 0, 2374), unhex("00 00 00 01 02 01 1A"), part(h265, 2374, h265.size())}),
+       unit_at(h265, 2374, "02 01 1A"),
        "24 pictures, 0 left out"},
       // The stream's sets take 83 bytes, with a 4-byte start code each; with PPS 1 they may reach 65536 bytes.
       {"PPS 1 of 65449 bytes", true, cat({h265, start, padded(hand_pps(1), 65449)}), "24 pictures, 0 left out"},
