@@ -276,7 +276,7 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
   }
 }
 
-// slice_type 0 P, 1 B, 2 I. `poc_field` is pic_order_cnt_lsb (type 0) or delta_pic_order_cnt[0] (type 1).
+// slice_type 0 P, 1 B, 2 I, 4 SI. `poc_field` is pic_order_cnt_lsb (type 0) or delta_pic_order_cnt[0] (type 1).
 // `field`: 0 top, 1 bottom, under an SPS of fields; `weights`: a pred_weight_table of one luma and chroma entry per
 // list;
 // `bottom`: delta_pic_order_cnt_bottom (type 0) or delta_pic_order_cnt[1] (type 1), for a PPS with bottom_order.
@@ -291,7 +291,7 @@ Nal hand_slice(uint32_t poc_type, bool idr, uint8_t ref_idc, uint32_t type, uint
   if (poc_type == 1) b.se(poc_field);
   if (poc_type == 1 && bottom) b.se(*bottom);
   if (type == 1) b.u(1, 1);          // direct_spatial_mv_pred_flag
-  if (type != 2) b.u(1, 0).u(1, 0);  // no override, no list modification
+  if (type != 2 && type != 4) b.u(1, 0).u(1, 0);  // no override, no list modification
   if (type == 1) b.u(1, 0);
   if (weights) b.ue(3).ue(4);
   for (uint32_t list = 0; weights && list < (type == 1 ? 2 : 1); ++list)
@@ -364,6 +364,10 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 4),
                          hand_slice(0, false, 2, 0, 2, 8, true), hand_slice(0, false, 2, 0, 1, 13)}),
             (Pocs{0, 4, 0, -3}));
+  // An SI slice (slice_type 9) has no reference list syntax (§7.3.3): its mmco 5 follows its lsb directly.
+  EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 4, 1, 8, true),
+                         hand_slice(0, false, 2, 0, 2, 13)}),
+            (Pocs{0, 0, -3}));
   // Under weighted prediction a P or SP slice (slice_type 8) has its weights (§7.3.3.2) before the mmco 5 that is
   // read after them, and a B slice under explicit bi-prediction (weighted_bipred_idc 1) those of both lists.
   HandPps weighted, explicit_bi;
