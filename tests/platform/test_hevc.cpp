@@ -291,14 +291,16 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
   }
 }
 
-// SPS 0, PPS 0 (plain) and 63 (dependent slice segments, output_flag_present_flag, 2 extra header bits).
+// SPS 0, PPS 0 (plain), 62 (output_flag_present_flag alone) and 63 (dependent slice segments,
+// output_flag_present_flag, 2 extra header bits).
 ParameterSets hand_sets(uint32_t lsb_minus4, HandSps hand = {}) {
   hand.lsb_minus4 = lsb_minus4;
   ParameterSets sets;
-  const Nal sps = hand.nal(), plain = pps_of(0), rich = pps_of(63, 0b1101000);
+  const Nal sps = hand.nal(), plain = pps_of(0), output = pps_of(62, 0b0100000), rich = pps_of(63, 0b1101000);
   EXPECT_TRUE(parse_sps(sps.data(), sps.size(), sets.sps[0]) && parse_pps(plain.data(), plain.size(), sets.pps[0]) &&
+              parse_pps(output.data(), output.size(), sets.pps[62]) &&
               parse_pps(rich.data(), rich.size(), sets.pps[63]));
-  sets.has_sps[0] = sets.has_pps[0] = sets.has_pps[63] = true;
+  sets.has_sps[0] = sets.has_pps[0] = sets.has_pps[62] = sets.has_pps[63] = true;
   return sets;
 }
 
@@ -376,6 +378,8 @@ TEST(HevcSliceHeader, SegmentsAndRefusals) {
       {"dependent segment", 0, slice(kTrailR, Bits().u(1, 0).ue(63).u(1, 1).u(8, 5)), true, {0, 1, 5, 0, 0, 1}},
       {"extra bits and pic_output_flag 0", 0, slice(kTrailN, Bits().u(1, 1).ue(63).u(2, 3).ue(0).u(1, 0).u(8, 77)),
        true, {1, 0, 0, 0, 77, 0}},
+      {"pic_output_flag 0 of a later segment, no dependent ones", 0,
+       slice(kTrailR, Bits().u(1, 0).ue(62).u(8, 5).ue(1).u(1, 0).u(8, 33)), true, {0, 0, 5, 1, 33, 0}},
       {"slice_type 3", 0, slice(kTrailR, Bits().u(1, 1).ue(0).ue(3).u(8, 1)), false, {}},
       {"unknown PPS", 0, slice(kTrailR, Bits().u(1, 1).ue(2).ue(1).u(8, 1)), false, {}},
       {"PPS id 64", 3, slice(kTrailR, Bits().u(1, 1).ue(64).ue(1).u(8, 1)), false, {}},
