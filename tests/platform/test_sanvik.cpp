@@ -79,14 +79,14 @@ TEST(Sanvik, FirstOfEachTypeWithinCapacity) {
   EXPECT_FALSE(Sanvik_Parse_SPSInfo(nullptr, 8, info.data()) || Sanvik_Parse_SPSInfo(sps.data(), -1, info.data()) ||
                Sanvik_Parse_SPSInfo(sps.data(), int(sps.size()), nullptr));
 
-  // A slot without a buffer or a length is passed over; without the PPS's length there is no PPS to deliver. A
-  // negative length: refused.
+  // A slot without a buffer or a length is passed over, though its length is still cleared (H.264 has no VPS);
+  // without the PPS's length there is no PPS to deliver. A negative length: refused.
   const Bytes all = unhex("00 00 01 " + kSps + " 00 00 01 " + kPps + " 00 00 01 06 05 01 AA 80");
   std::array<uint8_t, SANVIK_PARAMSET_CAPACITY> sps_buf{}, pps_buf{}, sei_buf{};
-  int sps_len = -1, pps_len = -1, sei_len = -1;
+  int sps_len = -1, pps_len = -1, vps_len = -1, sei_len = -1;
   const bool no_sei_buffer = Sanvik_Parse_VideoHdr(all.data(), int(all.size()), 27, 0, sps_buf.data(), pps_buf.data(),
-                                                   nullptr, nullptr, &sps_len, &pps_len, nullptr, &sei_len);
-  EXPECT_EQ(std::tuple(no_sei_buffer, sps_len, pps_len, sei_len), std::tuple(true, 25, 6, 0));
+                                                   nullptr, nullptr, &sps_len, &pps_len, &vps_len, &sei_len);
+  EXPECT_EQ(std::tuple(no_sei_buffer, sps_len, pps_len, vps_len, sei_len), std::tuple(true, 25, 6, 0, 0));
   const bool no_lengths = Sanvik_Parse_VideoHdr(all.data(), int(all.size()), 27, 0, sps_buf.data(), pps_buf.data(),
                                                 nullptr, sei_buf.data(), &sps_len, nullptr, nullptr, nullptr);
   EXPECT_EQ(std::tuple(no_lengths, sps_len, sei_buf[0]), std::tuple(false, 25, 0));
