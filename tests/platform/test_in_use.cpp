@@ -2,10 +2,14 @@
 #include <boxlane/boxlane.hpp>
 #include <gtest/gtest.h>
 
+#include <array>
+#include <barrier>
 #include <future>
+#include <set>
 #include <shared_mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/last_lookup.hpp"
 
@@ -44,6 +48,19 @@ TEST(InUse, OneSlotPerLiveThreadGivenBackAtItsEndAndWaitedOn) {
   const InUseSlot* const waiters = waiting.get();
   EXPECT_TRUE(users != mine && waiters != mine && waiters != users);
   user.join();
+  // A thread takes one free slot, not every free one: three threads at once, one alone, and three at once again use
+  // the same three slots, so threads that come and go add none.
+  const auto three_at_once = [] {
+    std::array<InUseSlot*, 3> slots{};
+    std::barrier all(3);
+    std::vector<std::thread> threads;
+    for (auto& slot : slots) threads.emplace_back([&] { slot = in_use_slot(), all.arrive_and_wait(); });
+    for (auto& t : threads) t.join();
+    return std::set<InUseSlot*>(slots.begin(), slots.end());
+  };
+  const auto first = three_at_once();
+  std::thread([] { in_use_slot(); }).join();
+  EXPECT_EQ(three_at_once(), first);
 }
 
 TEST(LastLookup, ReusedOnlyForTheSameKeyAtTheSameVersionAndAlwaysPublished) {
