@@ -1,6 +1,8 @@
 // Writer clients: life cycle and lookups (what every writer refuses first is checked by WriterTest::box()).
 #include "writer_fixture.hpp"
 
+#include <cstddef>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -55,6 +57,19 @@ TEST_F(ClientTest, LookupsFollowTheNameInTheBufferNotTheBuffer) {
     EXPECT_EQ(std::pair(frames(other, a), frames(m_MP4Packet, a)), std::pair(std::size_t{1}, std::size_t{1}));
     Boxlane_Packet_Delete(a.c_str());
     Boxlane_Packet_Delete(b.c_str());
+  }
+}
+
+// A writer built where another was destroyed (one on the stack of a function called twice) knows none of the old
+// one's clients, though this thread looked the same name up there last.
+TEST(WriterTables, OneBuiltWhereAnotherWasKnowsNoneOfItsClients) {
+  alignas(CBoxlane_Packet) std::byte place[sizeof(CBoxlane_Packet)];
+  for (int call = 0; call < 2; ++call) {
+    CBoxlane_Packet* writer = new (place) CBoxlane_Packet;
+    EXPECT_FALSE(writer->Boxlane_Packet_SetTime("stack", 25, 0)) << call;
+    EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_NOTFOUND);
+    EXPECT_TRUE(writer->Boxlane_Packet_Insert("stack") && writer->Boxlane_Packet_SetTime("stack", 25, 0));
+    writer->~CBoxlane_Packet();
   }
 }
 

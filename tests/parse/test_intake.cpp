@@ -1,6 +1,8 @@
 // Parse clients and intake: arguments, the client table, records, the same answers however cut.
 #include "parse_fixtures.hpp"
 
+#include <cstddef>
+#include <new>
 #include <tuple>
 
 namespace boxlane::test {
@@ -89,6 +91,19 @@ TEST_F(Intake, ArgumentsAndTheClientTable) {
   EXPECT_TRUE(fails_with(Boxlane_Parse_GetPool(0, &list, &count), RENDAVO_ERROR_TASKPOOL_PARAMETER));
   EXPECT_TRUE(fails_with(Boxlane_Parse_WaitEvent(0, 0), RENDAVO_ERROR_TASKPOOL_PARAMETER));
   EXPECT_TRUE(fails_with(Boxlane_Parse_ActiveEvent(0), RENDAVO_ERROR_TASKPOOL_PARAMETER));
+}
+
+// A parser built where another was destroyed (one on the stack of a function called twice) knows none of the old
+// one's clients, though this thread looked the same name up there last.
+TEST(ParseTables, OneBuiltWhereAnotherWasKnowsNoneOfItsClients) {
+  alignas(CBoxlane_Parse) std::byte place[sizeof(CBoxlane_Parse)];
+  QORVANE_HDRMVHD mvhd;
+  for (int call = 0; call < 2; ++call) {
+    CBoxlane_Parse* parser = new (place) CBoxlane_Parse;
+    EXPECT_TRUE(fails_with(parser->Boxlane_Parse_GetMVhd("stack", &mvhd), BOXLANE_ERROR_PARSE_NOTFOUND)) << call;
+    EXPECT_TRUE(parser->Boxlane_Parse_Insert("stack") && parser->Boxlane_Parse_GetMVhd("stack", &mvhd));
+    parser->~CBoxlane_Parse();
+  }
 }
 
 // Size 0: the box takes the rest of its piece and every later piece, counted, never split.
