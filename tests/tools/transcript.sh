@@ -362,8 +362,9 @@ t '{ cat fs.mp4; printf $(be32 1)mdat$(be32 0)$(be32 16); } > empty_large_mdat.m
 t 'marks wide.mp4'
 t 'cp fs.mp4 zero_mdat.mp4; poke zero_mdat.mp4 5045 $(be32 0); marks zero_mdat.mp4; poke zero_mdat.mp4 5049 MDAT; marks zero_mdat.mp4'
 t '{ cat fs.mp4; printf $(be32 0)free; head -c 8 /dev/zero; } > zero_free_fs.mp4; marks zero_free_fs.mp4'
-# Piped, the box of size 0 ends the reading however much follows it.
-t '{ cat zero_free_fs.mp4; head -c 200000 /dev/zero; } | probe - | head -1'
+# The box of size 0 ends the reading however much follows it: piped, the count stops at its header whatever
+# the pieces or the timing; a file counts whole.
+t '{ cat zero_free_fs.mp4; head -c 200000 /dev/zero; } > zero_free_long.mp4; for p in 4096 65536; do cat zero_free_long.mp4 | probe --piece $p - | head -1; probe --piece $p zero_free_long.mp4 | head -1; done'
 t '{ cat wide.mp4; printf $(be32 8)free; } > wide_free.mp4; marks wide_free.mp4'
 # --strict on the file cut inside its 64-bit mdat header, and in its payload; its header split between pieces.
 t 'for n in 2470 3000; do head -c $n wide.mp4 > wide_cut.mp4; probe --strict wide_cut.mp4 | grep -E "^(stream|INCOMPLETE)"; done; probe --strict --piece 2465 wide.mp4 | grep -E "^(stream|INCOMPLETE)"'

@@ -88,6 +88,7 @@ bool ParseFeed::take(const uint8_t* piece_data, std::size_t size) {
         n = size - at;
         mode_ = Mode::kToEnd;
         to_end_is_mdat_ = true;
+        to_end_at_ = position_;
         break;
     }
     const bool unsent = mode_ == Mode::kSkip || mode_ == Mode::kStopSize || mode_ == Mode::kStopBody ||
@@ -101,6 +102,7 @@ bool ParseFeed::take(const uint8_t* piece_data, std::size_t size) {
       left_ = declared >= 16 ? declared - 16 : 0;
       mode_ = declared >= 16 ? Mode::kStopBody : Mode::kToEnd;
       to_end_is_mdat_ = true;
+      to_end_at_ = position_;
     }
     if (mode_ == Mode::kStopBody && left_ == 0) mode_ = Mode::kStopEnd;
 
@@ -153,6 +155,7 @@ bool ParseFeed::on_header() {
     // is skipped), and no more is read, however long the input goes on.
     mode_ = Mode::kToEnd;
     to_end_is_mdat_ = mdat;
+    to_end_at_ = position_;
     flush_here = mdat;
   } else {
     box_size_ = size_field_;
@@ -162,6 +165,12 @@ bool ParseFeed::on_header() {
     flush_here = mdat;
   }
   return flush_here;
+}
+
+uint64_t ParseFeed::stream_bytes() const {
+  // A regular file counts whole: what a stop leaves unread is still its own.
+  if (input_.file_size()) return position_ + input_.unread();
+  return mode_ == Mode::kToEnd ? to_end_at_ : position_;
 }
 
 void ParseFeed::skip_outside_piece() {

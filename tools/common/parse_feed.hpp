@@ -50,7 +50,12 @@ class ParseFeed {
   // The parser stopped at a top-level box with a 64-bit size, and the input
   // ends where that size says the box ends.
   bool stopped_box_ends_input() const { return stopped_box_ends_input_; }
-  uint64_t stream_bytes() const { return position_; }
+  // The bytes of input the run covered: a regular file's whole size, even
+  // where a stop left the rest unread; other input up to the end of the last
+  // piece read, or, where reading stopped at a box that runs to the end (size
+  // 0) or after a box --strict passed over, up to where that rule stopped it:
+  // the rest of that piece depends on the piece size and on a pipe's timing.
+  uint64_t stream_bytes() const;
   uint64_t sent_bytes() const { return sent_; }
 
  private:
@@ -88,6 +93,7 @@ class ParseFeed {
   bool stopped_box_ends_input_ = false;
   Mode mode_ = Mode::kHeader;
   uint64_t position_ = 0;   // stream offset of the next byte to be looked at
+  uint64_t to_end_at_ = 0;  // where kToEnd began: reading stops there by rule
   uint64_t sent_ = 0;
   uint64_t box_start_ = 0;  // offset of the current top-level box
   bool extended_;

@@ -36,6 +36,8 @@ class ParseInput {
   void release(std::span<const uint8_t> piece) noexcept;
   // The input's size when it is a regular file; 0 otherwise.
   uint64_t file_size() const { return seekable_ ? size_ : 0; }
+  // The bytes of a regular file past the last one read or skipped; 0 otherwise.
+  uint64_t unread() const { return seekable_ && size_ > position_ ? size_ - position_ : 0; }
   // Moves count bytes on without reading them into the caller's buffer.
   // Returns how many were skipped: fewer than count only at the end.
   uint64_t skip(uint64_t count);
