@@ -235,9 +235,9 @@ t 'cp fr.mp4 ov.mp4; set -- $(LC_ALL=C grep -obaE trun ov.mp4 | head -2 | cut -d
 # The video trun of the first moof given a data_offset of 8: its data inside the moof.
 t 'cp fr.mp4 in_moof.mp4; poke in_moof.mp4 $(($(box_at fr.mp4 trun) + 16)) $(be32 8); probe in_moof.mp4 | sed -n "6,7p"'
 t 'cp fr.mp4 cc.mp4; poke cc.mp4 $(($(box_at cc.mp4 trun) + 12)) $(be32 100000); probe cc.mp4 | sed -n "6,7p"; probe --json cc.mp4 | grep -m1 complete'
-# The second moof made size 7: the fragments after it are not counted; the first trun both longer than its samples and
-# with its data inside its moof.
-t 'cp fr.mp4 stop_frag.mp4; poke stop_frag.mp4 $(box_at fr.mp4 moof 2) $(be32 7); probe stop_frag.mp4 | grep -m1 missing:'
+# The second moof made size 7: the fragments after it are not counted (--strict counts none: one line says so); the
+# first trun both longer than its samples and with its data inside its moof.
+t 'cp fr.mp4 stop_frag.mp4; poke stop_frag.mp4 $(box_at fr.mp4 moof 2) $(be32 7); probe stop_frag.mp4 | grep -m1 missing:; probe --strict stop_frag.mp4 | grep missing:'
 t 'cp fr.mp4 both.mp4; poke both.mp4 $(($(box_at fr.mp4 trun) + 12)) $(be32 100000)$(be32 8); probe both.mp4 | grep -m1 missing:'
 # One sample in one fragment; two track ids past 9 under --strict.
 t 'mux -q -a $D/sample.aac --fragment 0.000001 -o f1.mp4 && head -c $(box_at f1.mp4 moof 2) f1.mp4 > one_frag.mp4; probe one_frag.mp4 | grep fragments:'
@@ -287,8 +287,9 @@ tables() {
   probe $f | sed -n '/^  tables:/,$p'
 }
 stsz100=$(fbox stsz $(be32 100)$(be32 10))  # 100 bytes for each of 10 samples
-# A sync sample named twice is out of order too; the last stsc entry runs to the last chunk: 3 x 4 samples.
-t 'tables twice.mp4 "$(fbox stsz $(be32 0)$(be32 9)$(for i in $(seq 9); do be32 100; done))$(fbox stss $(be32 2)$(be32 3)$(be32 3))" 1 4 1'
+# A sync sample named twice is out of order too; the last stsc entry runs to the last chunk: 3 x 4 samples. The JSON
+# gives each table's own count.
+t 'tables twice.mp4 "$(fbox stsz $(be32 0)$(be32 9)$(for i in $(seq 9); do be32 100; done))$(fbox stss $(be32 2)$(be32 3)$(be32 3))" 1 4 1; probe --json twice.mp4 | grep -E "\"(stts|stsz)_samples\""'
 # Sample numbers start at 1.
 t 'tables zero.mp4 "$stsz100$(fbox stss $(be32 1)$(be32 0))" 1 4 1'
 t 'tables chunk0.mp4 "$stsz100" 0 4 1; tables stss11.mp4 "$stsz100$(fbox stss $(be32 1)$(be32 11))" 1 4 1 3 2 1'
