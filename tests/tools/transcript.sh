@@ -239,6 +239,9 @@ t 'cp fr.mp4 cc.mp4; poke cc.mp4 $(($(box_at cc.mp4 trun) + 12)) $(be32 100000);
 # first trun both longer than its samples and with its data inside its moof.
 t 'cp fr.mp4 stop_frag.mp4; poke stop_frag.mp4 $(box_at fr.mp4 moof 2) $(be32 7); probe stop_frag.mp4 | grep -m1 missing:; probe --strict stop_frag.mp4 | grep missing:'
 t 'cp fr.mp4 both.mp4; poke both.mp4 $(($(box_at fr.mp4 trun) + 12)) $(be32 100000)$(be32 8); probe both.mp4 | grep -m1 missing:'
+# The first trun cut to its version and flags, before its sample_count (ISO/IEC 14496-12 §8.8.8), the rest of it made
+# a free box: its 25 samples are left out.
+t 'cp fr.mp4 short_trun.mp4; r=$(box_at fr.mp4 trun); poke short_trun.mp4 $r $(be32 12); poke short_trun.mp4 $((r + 12)) $(be32 $(($(u32_at fr.mp4 $r) - 12)))free; probe short_trun.mp4 | grep -m3 -E "^track|missing:|samples:"; probe --json short_trun.mp4 | grep -m1 complete'
 # One sample in one fragment; two track ids past 9 under --strict.
 t 'mux -q -a $D/sample.aac --fragment 0.000001 -o f1.mp4 && head -c $(box_at f1.mp4 moof 2) f1.mp4 > one_frag.mp4; probe one_frag.mp4 | grep fragments:'
 t 'cp fs.mp4 ids.mp4; for k in 1 2; do poke ids.mp4 $(($(box_at fs.mp4 tkhd $k) + 20)) $(be32 $((9 + k))); done; probe --strict ids.mp4 | grep -m1 note:'
