@@ -292,6 +292,11 @@ TEST(Mux, StreamsFromOtherEncoders) {
       {file("no_sets_first.h264", cat({handmade_h264({{P::kSkipped}, {P::kSkipped}, {P::kSkipped}}, false),
                                        handmade_h264(turns)})),
        "", "--keep-leading", "7 frames at 25 fps (3 leading pictures", {1, 4, 7}, 0},
+      // A recovery point whose picture came before the sets lets no later picture start there, the IDR picture
+      // does (FFmpeg, which finds the sets first, shows the two pictures before it too).
+      {file("late_sets.h264", cat({handmade_h264({{P::kIntra, 0, 0x60, true}}, false),
+                                   handmade_h264({{P::kSkipped}, {P::kIdr, 0, 0x70}, {P::kSkipped}})})),
+       "", "", "2 frames at 25 fps (2 leading pictures", {1}, 0, "", kLast},
       // Caption SEI stays in its picture's sample, unless stripped.
       {file("captions.h264", handmade_h264(captioned)), "", "", "7 frames", {1, 4, 7}, 7},
       {dir + "captions.h264", "", "--strip-sei", "7 frames", {1, 4, 7}, 0},
