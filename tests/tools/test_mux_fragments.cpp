@@ -96,6 +96,14 @@ TEST(MuxFragments, ReadersSeeTheSourcesFramesFromZero) {
     EXPECT_EQ(mp4box.count(r.video ? 2 : 1), audio_frames);
     EXPECT_NEAR(mehd_seconds(out), seconds, 1e-6);
     EXPECT_EQ(indexed, r.video ? with_video : moofs);
+    if (r.audio) {
+      // AAC frame k starts at k x 1024 / rate seconds, rounded down to a tick, in every fragment alike.
+      std::string base;
+      run("ffprobe -v error -select_streams a -show_entries stream=time_base -of csv=p=0 " + shell_quote(out), &base);
+      const uint64_t ticks = std::stoull(base.substr(base.find('/') + 1)), rate = r.source == 1 ? 44100 : 48000;
+      const auto rows = packets_by_track(out).at(r.video ? 2 : 1);
+      for (std::size_t k = 0; k < rows.size(); ++k) ASSERT_EQ(uint64_t(rows[k].dts), k * 1024 * ticks / rate) << k;
+    }
     if (r.audio && have_gstreamer() && r.seconds.find("timescale") == std::string::npos) {  // qtdemux: at most 2^30
       EXPECT_EQ(gstreamer_audio_md5(out, r.video), ffmpeg_audio_md5(src.audio));
     }
