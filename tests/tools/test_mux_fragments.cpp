@@ -47,6 +47,8 @@ TEST(MuxFragments, ReadersSeeTheSourcesFramesFromZero) {
       {0, false, true, "0.5", "audio AAC 48000 Hz stereo, 142 frames; 3.03 s, ", true},
       // Past 2^32 ticks: mehd takes its 64-bit form.
       {0, false, true, "0.5 --timescale 2147483647", "142 frames; 3.03 s, ", false},
+      // 166.7 ticks a frame: the rounding runs on from one group of 12 pictures to the next.
+      {0, true, false, "0.5 --timescale 5001", "90 frames at 30 fps with B-frames; 3.00 s, ", false},
       {2, true, true, "0.5", "video H.265 192x108, 75 frames at 25 fps with B-frames; audio", false},
       {3, true, true, "0.5", "video H.265 192x108, 75 frames at 25 fps with B-frames; audio", false},
   };
@@ -96,13 +98,17 @@ TEST(MuxFragments, ReadersSeeTheSourcesFramesFromZero) {
     EXPECT_EQ(mp4box.count(r.video ? 2 : 1), audio_frames);
     EXPECT_NEAR(mehd_seconds(out), seconds, 1e-6);
     EXPECT_EQ(indexed, r.video ? with_video : moofs);
-    if (r.audio) {
-      // AAC frame k starts at k x 1024 / rate seconds, rounded down to a tick, in every fragment alike.
+    // Frame k starts at k / rate seconds (AAC: k x 1024 / sample rate) rounded down to a tick, in every fragment alike.
+    for (const char kind : {'v', 'a'}) {
+      if (!(kind == 'v' ? r.video : r.audio)) continue;
       std::string base;
-      run("ffprobe -v error -select_streams a -show_entries stream=time_base -of csv=p=0 " + shell_quote(out), &base);
-      const uint64_t ticks = std::stoull(base.substr(base.find('/') + 1)), rate = r.source == 1 ? 44100 : 48000;
-      const auto rows = packets_by_track(out).at(r.video ? 2 : 1);
-      for (std::size_t k = 0; k < rows.size(); ++k) ASSERT_EQ(uint64_t(rows[k].dts), k * 1024 * ticks / rate) << k;
+      run("ffprobe -v error -show_entries stream=time_base -of csv=p=0 -select_streams " + std::string(1, kind) + " " +
+          shell_quote(out), &base);
+      const uint64_t ticks = std::stoull(base.substr(base.find('/') + 1)), per = kind == 'v' ? 1 : 1024;
+      const uint64_t rate = kind == 'v' ? uint64_t(src.fps) : r.source == 1 ? 44100 : 48000;
+      const auto rows = packets_by_track(out).at(kind == 'a' && r.video ? 2 : 1);
+      for (std::size_t k = 0; k < rows.size(); ++k)
+        ASSERT_EQ(uint64_t(rows[k].dts - rows[0].dts), k * per * ticks / rate) << kind << " frame " << k;
     }
     if (r.audio && have_gstreamer() && r.seconds.find("timescale") == std::string::npos) {  // qtdemux: at most 2^30
       EXPECT_EQ(gstreamer_audio_md5(out, r.video), ffmpeg_audio_md5(src.audio));
