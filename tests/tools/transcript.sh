@@ -135,6 +135,9 @@ t 'for v in "22 \\x7d\\x00\\xf1\\x42\\x99\\x60\\x00" "22 \\x7d\\x10\\xf1\\x42\\x
 # Three frames of 2^32 - 1 ticks in all still fit version 0 boxes; a tick more a frame does not. probe adds
 # the stts run up in 64 bits.
 t 'for ts in 1431655765 1431655766; do mux -q -v recovery.h264 --fps 1 --timescale $ts -o y.mp4 && digest y.mp4 && probe --json y.mp4 | grep table_duration; done'
+# 2/3 of a frame a second: on 1431655763 ticks a second a frame lasts 2147483644.5 ticks, the two written as
+# 2147483644 and 2147483645; on 1431655765 it lasts 2147483647.5, and every second frame would take 2^31.
+t 'for ts in 1431655763 1431655765; do mux -q -v two.h264 --fps 2/3 --timescale $ts -o y.mp4 && probe --samples y.mp4 | tail -1; done'
 # A fragment of audio alone holds at least one frame, however short --fragment is.
 t 'mux -a $D/sample.aac --fragment 0.000001 -o y.mp4 && digest y.mp4'
 t 'head -c 4096 /dev/zero | tr "\\0" "\\1" > ones.bin; mux -v ones.bin -o x.mp4'
