@@ -240,7 +240,11 @@ inline std::vector<Fragment> take_fragments(const std::string& client) {
     if (!Boxlane_Parse_GetFragment(client.c_str(), &f.info, nullptr, 0, &count)) {
       if (Boxlane_GetLastError(nullptr) != BOXLANE_ERROR_PARSE_BUFFER) break;
       f.samples.resize(f.info.nSampleCount);
-      EXPECT_TRUE(Boxlane_Parse_GetFragment(client.c_str(), &f.info, f.samples.data(), int32_t(f.samples.size()), &count));
+      // An answer that cannot be taken would be asked for again and again.
+      if (!Boxlane_Parse_GetFragment(client.c_str(), &f.info, f.samples.data(), int32_t(f.samples.size()), &count)) {
+        ADD_FAILURE() << "an answer of " << f.samples.size() << " samples not taken";
+        break;
+      }
     }
     out.push_back(std::move(f));
   }
