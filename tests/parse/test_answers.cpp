@@ -386,9 +386,11 @@ Step mp4a(const std::vector<uint8_t>& esds_body, uint16_t sound_version = 0) {
   fixed.zeros(sound_version == 1 ? 16 : sound_version == 2 ? 36 : 0);
   return {"stsd", stsd(box("mp4a", cat({fixed, box("free"), box("esds", Bytes{}.full(0, 0).add(esds_body))})))};
 }
+// An ES_Descriptor around `config` with its SLConfigDescriptor after the DecoderConfigDescriptor (ISO/IEC 14496-1
+// §7.2.6.5), so that a descriptor size read too large takes in bytes that are no configuration.
 Step aac_config(const Bytes& config) {
   const Bytes decoder = Bytes{}.add(unhex("40 15 000000 0001F400 0001F400")).add(descriptor(5, config));
-  return mp4a(descriptor(3, Bytes{}.u16(2).u8(0).add(descriptor(4, decoder))));
+  return mp4a(descriptor(3, Bytes{}.u16(2).u8(0).add(descriptor(4, decoder)).add(descriptor(6, {0x02}))));
 }
 // An hvcC whose every field differs from its neighbours: space 2, tier 1, profile 3, level 123, segmentation 0xABC,
 // parallelism 2, 4:2:2, 12/9 bits, 24 fps, constant rate 1, 5 layers, nested, 2-byte lengths; then `count` arrays.
