@@ -332,6 +332,9 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
                                                hand_slice(1, false, 2, 0, 2, 0), hand_slice(1, false, 2, 0, 3, 0),
                                                hand_slice(1, false, 2, 0, 4, 0), hand_slice(1, false, 0, 1, 5, 0)}),
             (Pocs{0, 3, 8, 11, 16, 12}));
+  // A non-reference frame right after the IDR (frame_num 1) counts as frame 0 does: no offset of the cycle, less 4.
+  EXPECT_EQ(pocs_of(hand_sets(1, {3, 5}, -4), {hand_slice(1, true, 3, 2, 0, 0), hand_slice(1, false, 0, 1, 1, 0)}),
+            (Pocs{0, -4}));
   // A frame_num of 5 bits wraps after 31: types 1 and 2 add MaxFrameNum (32) to FrameNumOffset, whatever the lsb
   // range these types do not send. With offset_for_ref_frame 2 and offset_for_non_ref_pic 1, type 1 counts as type 2
   // does: twice the frame number, one less for a non-reference frame.
