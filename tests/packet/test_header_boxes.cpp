@@ -59,6 +59,8 @@ TEST_F(HeaderBoxTest, MovieTrackAndMediaHeaders) {
   const std::string movie = " 00010000 0100 0000 00000000 00000000" + kMatrix + std::string(48, '0') + " 00000002";
   expect_box(box(Boxlane_Packet_MVhd64, k32 - 1, 90000),
              "0000006C 6D766864 00000000 tttttttt tttttttt 00015F90 FFFFFFFF" + movie);
+  expect_box(box(Boxlane_Packet_MVhd64, k32 + 5, 90000),
+             "00000078 6D766864 01000000 00000000 tttttttt 00000000 tttttttt 00015F90 00000001 00000005" + movie);
   // The highest time scale, which the media headers below copy.
   expect_box(box(Boxlane_Packet_MVhd, 90000, INT32_MAX),
              "0000006C 6D766864 00000000 tttttttt tttttttt 7FFFFFFF 00015F90" + movie);
