@@ -303,6 +303,19 @@ TEST(ProbeJson, TableRowsOfTheWidestNumbersAcrossBlocks) {
   }
 }
 
+// A --samples column of 64-bit times and offsets (a tfdt past 2^32 ticks, a sample past 4 GiB) keeps every digit.
+TEST(ProbeJson, SampleColumnsOfSixtyFourBits) {
+  const uint64_t wide[] = {4294967295u, 4294967296u, UINT64_MAX};
+  const int64_t signed_wide[] = {-4294967297, INT64_MAX};
+  std::string out;
+  {
+    tool::JsonWriter json(out);
+    json.column(3, [&](std::size_t i) { return wide[i]; });
+    json.column(2, [&](std::size_t i) { return signed_wide[i]; });
+  }
+  EXPECT_EQ(out, "[4294967295, 4294967296, 18446744073709551615][-4294967297, 9223372036854775807]");
+}
+
 // Bytes that do not form UTF-8 (here lead bytes before an ASCII one, or at the end) are taken as Latin-1; UTF-8 stays
 // as it is.
 TEST(ProbeJson, BytesThatDoNotFormUtf8AreLatin1) {
