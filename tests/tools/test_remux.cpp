@@ -325,6 +325,11 @@ TEST(RemuxTimeline, OneTimeScaleToWhichEveryTimeConvertsExactly) {
   // An empty edit (media time -1) holds no media time to convert.
   const auto empty = track(true, 12800, 512, {0}, {{40, -1}, {40, 0}});
   EXPECT_EQ(tool::plan_timeline({&empty, &a48}, 1000).timescale, 48000u);
+  // Offsets at or below 0 (ctts version 1, the latest picture at 0) reorder the pictures as those above 0 do.
+  for (const auto& offsets : {std::vector<int32_t>{0, -1024, -512}, {1024, 0, 512}, {0, 0, 0}}) {
+    const auto t = track(true, 12800, 512, offsets);
+    EXPECT_EQ(tool::plan_timeline({&t}, 1000).tracks[0].reordered, offsets[2] != 0) << offsets[2];
+  }
   const tool::TrackTimeline zero_plan = tool::plan_timeline({&zero}, 1000).tracks[0];
   EXPECT_EQ(zero_plan.duration(0) + 10 * zero_plan.zero_durations, 11u);
   // Prime time scales: their least common multiple is past 2^31.
