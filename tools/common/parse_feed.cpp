@@ -85,10 +85,8 @@ bool ParseFeed::take(const uint8_t* piece_data, std::size_t size) {
         break;
       case Mode::kStopEnd:
         // A byte after the box: the parser has not read what follows.
+        read_to_end(true);
         n = size - at;
-        mode_ = Mode::kToEnd;
-        to_end_is_mdat_ = true;
-        to_end_at_ = position_;
         break;
     }
     const bool unsent = mode_ == Mode::kSkip || mode_ == Mode::kStopSize || mode_ == Mode::kStopBody ||
@@ -100,9 +98,8 @@ bool ParseFeed::take(const uint8_t* piece_data, std::size_t size) {
     if (mode_ == Mode::kStopSize && header_have_ == header_want_) {
       const uint64_t declared = be64(std::span(header_).subspan<8, 8>());
       left_ = declared >= 16 ? declared - 16 : 0;
-      mode_ = declared >= 16 ? Mode::kStopBody : Mode::kToEnd;
-      to_end_is_mdat_ = true;
-      to_end_at_ = position_;
+      if (declared >= 16) mode_ = Mode::kStopBody;
+      else read_to_end(true);
     }
     if (mode_ == Mode::kStopBody && left_ == 0) mode_ = Mode::kStopEnd;
 
@@ -153,9 +150,7 @@ bool ParseFeed::on_header() {
     // file. The parser takes all that follows as the box's, so reading stops
     // with this piece: the rest of it goes to the parser (or, for an mdat,
     // is skipped), and no more is read, however long the input goes on.
-    mode_ = Mode::kToEnd;
-    to_end_is_mdat_ = mdat;
-    to_end_at_ = position_;
+    read_to_end(mdat);
     flush_here = mdat;
   } else {
     box_size_ = size_field_;
@@ -165,6 +160,12 @@ bool ParseFeed::on_header() {
     flush_here = mdat;
   }
   return flush_here;
+}
+
+void ParseFeed::read_to_end(bool mdat) {
+  mode_ = Mode::kToEnd;
+  to_end_is_mdat_ = mdat;
+  to_end_at_ = position_;
 }
 
 uint64_t ParseFeed::stream_bytes() const {

@@ -80,6 +80,9 @@ class ParseFeed {
   void skip_outside_piece();
   bool finish();
   void next_box();
+  // Reading stops with this piece (a box of size 0, or more after a box
+  // --strict passed over); what follows in it is an mdat's, or the box's.
+  void read_to_end(bool mdat);
   std::string box_label() const;
 
   // Ends the run at a refusal of the parser when it stopped the stream;
