@@ -137,14 +137,16 @@ TEST(HevcParameterSets, HandMadeSequenceParameterSetsReadToTheEnd) {
             "chroma 1 1280x720 window 0 0 0 0 = 1280x720 depth 8 8 lsb 8 dpb 5 reorder 0 ctb 6 rps 4 | sar 64:45 "
             "tick 1001/60000 segmentation 1000");
   // Parts that are absent or shorter, and the VUI reads on: an HRD of low_delay_hrd_flag 1 sends no cpb_cnt_minus1
-  // (§E.2.2), one of VCL parameters only still has the common part; scaling lists may be enabled with the default
-  // ones (§7.3.2.2); a VUI may lack the aspect ratio and carry overscan_appropriate_flag (§E.2.1).
-  HandSps low, vcl_only, default_lists, no_sar;
+  // (§E.2.2), one of fixed_pic_rate_general_flag 1 no fixed_pic_rate_within_cvs_flag (1 then, §E.3.2), one of VCL
+  // parameters only still has the common part; scaling lists may be enabled with the default ones (§7.3.2.2); a VUI
+  // may lack the aspect ratio and carry overscan_appropriate_flag (§E.2.1).
+  HandSps low, general, vcl_only, default_lists, no_sar;
   low.hrd = low.low_delay = true;
+  general.hrd = general.general = true, general.elemental = 1;
   vcl_only.hrd = true, vcl_only.nal_hrd = false;
   default_lists.default_lists = true;
   no_sar.sar = false, no_sar.overscan = true;
-  for (const HandSps& s : {low, vcl_only, default_lists, no_sar}) {
+  for (const HandSps& s : {low, general, vcl_only, default_lists, no_sar}) {
     EXPECT_TRUE(parsed(s.nal()).ends_with(s.sar ? "sar 64:45 tick 1001/60000 segmentation 1000"
                                                 : "sar 0:0 tick 1001/60000 segmentation 1000"))
         << parsed(s.nal());

@@ -40,6 +40,7 @@ struct HandSps {
   int32_t first_delta = 3;  // scaling_list_delta_coef of the first coefficient of every list sent
   int elemental = -1;       // with HRD, a fixed picture rate of that elemental_duration_in_tc_minus1
   bool low_delay = false;   // with HRD and no fixed rate, low_delay_hrd_flag: one CPB, its count not sent
+  bool general = false;     // with a fixed rate, fixed_pic_rate_general_flag 1: no within_cvs flag sent
   bool nal_hrd = true;      // with HRD, NAL parameters beside the VCL ones
   bool sar = true;          // aspect_ratio_info_present_flag
   bool overscan = false;    // overscan_info_present_flag
@@ -101,10 +102,10 @@ struct HandSps {
       b.u(1, nal_hrd).u(1, 1).u(1, 1).u(8, 90).u(5, 23).u(1, 1).u(5, 23).u(4, 4).u(4, 6).u(4, 2);
       b.u(5, 23).u(5, 23).u(5, 23);
       for (uint32_t i = 0; i <= sub_layers_minus1; ++i) {
-        // fixed_pic_rate_general_flag 0, fixed_pic_rate_within_cvs_flag, then its elemental duration or
-        // low_delay_hrd_flag
+        // fixed_pic_rate_general_flag, fixed_pic_rate_within_cvs_flag when that is 0, then its elemental duration
+        // or low_delay_hrd_flag
         const bool low = elemental < 0 && low_delay;
-        b.u(1, 0).u(1, elemental >= 0);
+        b.u(1, general).u(general ? 0 : 1, elemental >= 0);
         elemental >= 0 ? b.ue(uint32_t(elemental)) : b.u(1, low);
         if (!low) b.ue(cpbs - 1);
         for (uint32_t k = 0; k < (nal_hrd ? 2 : 1) * (low ? 1 : cpbs); ++k)
