@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <barrier>
 #include <cerrno>
 #include <future>
 #include <string>
@@ -154,6 +155,22 @@ TEST(TaskPool, CountsAndWakeUpsSurviveContention) {
   }
   for (auto& t : threads) t.join();
   EXPECT_EQ(listed(pool, 0), (List{{"busy", 2 * kTurns}}));
+  // Four threads entering one new client at once share one entry: it is listed once, with all four counts.
+  for (int round = 0; round < 300; ++round) {
+    const std::string name = "at once " + std::to_string(round);
+    std::barrier start(4);
+    std::vector<std::thread> entering;
+    for (int t = 0; t < 4; ++t)
+      entering.emplace_back([&] {
+        int own = -1;
+        start.arrive_and_wait();
+        const auto entry = Rendavo_TaskPool_AddrAttachEx(pool, name.c_str(), &own);
+        EXPECT_TRUE(entry && Rendavo_TaskPool_EntryIncEx(*entry));
+      });
+    for (auto& t : entering) t.join();
+    ASSERT_EQ(listed(pool, 0), (List{{"busy", 2 * kTurns}, {name, 4}}));
+    ASSERT_TRUE(Rendavo_TaskPool_AddrDeleteEx(pool, 0, name.c_str()));
+  }
   EXPECT_TRUE(Rendavo_TaskPool_DestoryEx(pool));
 }
 
