@@ -150,13 +150,16 @@ std::string dump_track(const char* c, int32_t id, const BOXLANE_TRACKINFO& track
               "fragments samples end", {i.nTableSamples, i.nTableDuration, i.nConstantSize, i.nConstantCount, i.nSizeCount,
               i.nChunkCount, i.bLargeOffsets, i.bCompactSizes, i.byCompactFieldSize, i.bHasTrex, i.nTrexDescriptionIndex,
               i.nTrexDuration, i.nTrexSize, i.nTrexFlags, i.nTrackFragments, i.nFragmentSamples, i.nFragmentEnd});
-  // Windows of two from every start, backwards, agree with one read from the first; that read comes last, so the
-  // walk ends after the last sample.
+  // Windows of two from every start, backwards, then of one from every other start, each past where the one before
+  // ended, agree with one read from the first; that read comes last, so the walk ends after the last sample.
   const std::vector<BOXLANE_SAMPLEINFO> all = table_samples(c, id);
-  for (uint32_t first = uint32_t(all.size()); first-- > 0;) {
+  std::vector<std::pair<uint32_t, int>> windows;  // first, length
+  for (uint32_t first = uint32_t(all.size()); first-- > 0;) windows.emplace_back(first, 2);
+  for (uint32_t first = 0; first < all.size(); first += 2) windows.emplace_back(first, 1);
+  for (const auto& [first, length] : windows) {
     BOXLANE_SAMPLEINFO two[2];
-    const bool ok = Boxlane_Parse_GetTrackSamples(c, id, first, two, 2, &n);
-    if (!ok || n != (first + 1 < all.size() ? 2 : 1) || text(two[0]) != text(all[first]))
+    const bool ok = Boxlane_Parse_GetTrackSamples(c, id, first, two, length, &n);
+    if (!ok || n != std::min(length, int(all.size() - first)) || text(two[0]) != text(all[first]))
       out += fmt("  window from %u: %s %d ", first, result(ok).c_str(), n) + text(two[0]) + "\n";
   }
   for (const std::string& sample : texts(table_samples(c, id))) out += "  " + sample + "\n";
