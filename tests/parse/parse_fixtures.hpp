@@ -201,7 +201,9 @@ inline FeedResult feed(const std::string& client, const std::vector<uint8_t>& st
     std::size_t next = end;
     int taken = 0;
     BOXLANE_BOXINFO box;
+    std::memset(&box, 0xA5, sizeof box);  // RecvEx writes every field, the reserved one 0
     for (uint64_t position = 0; Boxlane_Parse_RecvEx(client.c_str(), &box, &position); ++taken) {
+      EXPECT_EQ(box.nReserved, 0u);
       const QORVANE_MP4HDR& h = box.stHdr;
       result.headers.push_back(h);
       result.places.emplace_back(box.nOffset, box.nHeaderLen);
