@@ -68,6 +68,8 @@ t 'mux --video-codec h264 -v $D/main10_cra.h265 -o x.mp4'
 t 'mux --video-codec h264 --video-codec auto -v $D/main10_cra.h265 -o x.mp4 && digest x.mp4'
 # 40 access unit delimiters before the first parameter set: still found to be H.265.
 t '{ for i in $(seq 40); do printf "\\0\\0\\0\\1\\x46\\x01\\x50"; done; cat $D/main10_cra.h265; } > aud40.h265; mux -q -v aud40.h265 -o aud40.mp4 && digest aud40.mp4'
+# In fragments from a pipe that hands over a delimiter alone, then the rest a second later: H.265 all the same.
+t '{ printf "\\0\\0\\0\\1\\x46\\x01\\x50"; sleep 1; cat $D/main10_cra.h265; } | mux -v - --fragment 1 -o aud1.mp4'
 t 'mux -v lead.h265 -o lead.mp4 && digest lead.mp4 && mux -q -v lead.h265 -o leadq.mp4 && mux -q -v lead.h265 --fragment 1 -o leadf.mp4 && digest leadf.mp4'
 t 'mux -v eos.h265 -o eos.mp4 && show eos.mp4 && mux -v eos.h265 --fragment 0.1 -o eosf.mp4 && deep eosf.mp4'
 # The CRA picture made a BLA picture (a splice): its RASL pictures go as well.
@@ -195,6 +197,8 @@ t 'for ts in 46 47; do mux -a $D/sample.aac --timescale $ts -o y.mp4 && digest y
 t 'for ts in 24 25; do mux -v one.h264 --fps 25 --timescale $ts -o y.mp4 && digest y.mp4; done'
 # 999983 (a prime) frames in 1000 s with 48 kHz audio: a time scale of both, 48000 x 999983, does not fit 31 bits.
 t 'mux -q -v one.h264 -a $D/sample.aac --fps 999983/1000 -o y.mp4 && probe --json y.mp4 | grep -m2 timescale'
+# 13.986 is 14000/1001, 2000/143 in lowest terms: a frame lasts 3432 ticks of 48 kHz (with AAC), 6435 of 90 kHz alone.
+t 'for a in "-a $D/sample.aac" ""; do mux -q -v one.h264 $a --fps 13.986 -o y.mp4 && probe --json y.mp4 | grep -m1 timescale; done'
 # A frame of 100000 s: too long at 90 kHz, and on milliseconds when no time scale is given.
 t 'mux -v $D/sample.h264 --fps 1/100000 --timescale 90000 -o x.mp4; mux -v one.h264 --fps 1/100000 -o y.mp4 && digest y.mp4'
 t 'mux -v $D/sample.h264 -o new/; mux -v $D/sample.h264 -o .'
