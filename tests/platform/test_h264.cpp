@@ -464,8 +464,9 @@ TEST(H264SliceHeader, FieldsOnlySomeSlicesHaveAndRefusals) {
   const auto marked = [](uint32_t op) {
     return Bits().ue(0).ue(5).ue(0).u(4, 1).u(4, 2).u(1, 0).u(1, 0).u(1, 1).ue(op).ue(1).ue(0).nal(2, kNalSlice);
   };
-  Nal retyped = p_slice(2);
+  Nal retyped = p_slice(2), partition_a = p_slice(2);
   retyped[0] = uint8_t(retyped[0] & 0xE0) | kNalSps;
+  partition_a[0] = uint8_t(partition_a[0] & 0xE0) | kNalPartitionA;
   const struct {
     const char* what;
     int sets;
@@ -480,6 +481,7 @@ TEST(H264SliceHeader, FieldsOnlySomeSlicesHaveAndRefusals) {
       {"memory_management_control_operation 7", 0, marked(7), -1, -1},
       {"cut after its lsb", 0, Bits().ue(0).ue(5).ue(0).u(4, 1).u(4, 2).nal(2, kNalSlice), -1, -1},
       {"a slice body under an SPS header", 0, retyped, -1, -1},
+      {"data partition A: a slice header (§7.3.2.9.1)", 0, partition_a, 2, 0},
       {"a PPS whose SPS never came", 3, p_slice(2), -1, -1},
       // field_pic_flag 0 has no bottom_field_flag after it; an IDR frame of lsb 6.
       {"a frame among fields", 1, Bits().ue(0).ue(7).ue(0).u(4, 5).u(1, 0).ue(0).u(4, 6).u(2, 0).nal(3, kNalIdrSlice),
