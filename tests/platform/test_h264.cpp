@@ -372,12 +372,14 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
                          hand_slice(0, false, 2, 0, 2, 13)}),
             (Pocs{0, 0, -3}));
   // Under weighted prediction a P or SP slice (slice_type 8) has its weights (§7.3.3.2) before the mmco 5 that is
-  // read after them, and a B slice under explicit bi-prediction (weighted_bipred_idc 1) those of both lists.
-  HandPps weighted, explicit_bi;
-  weighted.weighted = true, explicit_bi.bipred = 1;
-  for (const auto& [pps, type] : {std::pair(weighted.nal(), 0u), {weighted.nal(), 3u}, {explicit_bi.nal(), 1u}}) {
+  // read after them, and a B slice under explicit bi-prediction (weighted_bipred_idc 1) those of both lists; under
+  // implicit bi-prediction (2, x264's weightb) a B slice has none.
+  HandPps weighted, explicit_bi, implicit_bi;
+  weighted.weighted = true, explicit_bi.bipred = 1, implicit_bi.bipred = 2;
+  for (const auto& [pps, type, weights] : {std::tuple(weighted.nal(), 0u, true), {weighted.nal(), 3u, true},
+                                           {explicit_bi.nal(), 1u, true}, {implicit_bi.nal(), 1u, false}}) {
     EXPECT_EQ(pocs_of(sets_of(HandSps{}.nal(), pps),
-                      {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, type, 1, 8, true, -1, true)}),
+                      {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, type, 1, 8, true, -1, weights)}),
               (Pocs{0, 0})) << type;
   }
   // A non-reference B field under a PPS with redundant_pic_cnt_present_flag and bottom_order: a field has no
