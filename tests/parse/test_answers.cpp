@@ -626,6 +626,8 @@ std::vector<Row> rows() {
       lie("a trun of 64-bit size", based(1, [](int32_t off) { return resized(trun_box(0, 0x001, {{}}, off), true); }), 100),
       lie("a trun of size 0, last in its traf", based(1, [](int32_t off) { return resized(trun_box(0, 0x201, {{0, 9}}, off), false); }), 9),
       lie("a trun without its sample_count", based(1, [](int32_t) { return full_box("trun", 0, 0); }), 0),
+      lie("a trun of no samples whose data_offset names the moof's start, then one of 9 bytes in the mdat",
+          based(1, [](int32_t off) { return cat({trun_box(0, 0x201, {}, 0), trun_box(0, 0x201, {{0, 9}}, off)}); }), 9),
       lie("a trun whose size runs past its traf", based(1, [](int32_t off) {
             Bytes trun = trun_box(0, 0x201, {{0, 9}}, off);
             trun[3] += 4;
