@@ -378,6 +378,8 @@ TEST(RemuxTimeline, EditListsForTheOutput) {
       // 41 ms are 524.8 ticks.
       {"an empty edit to the nearest tick", {1024, 1536, 512}, {{41, -1}, {120, 1024}}, 0, false,
        {{525, -1}, {1536, 1024}}, 2061},
+      {"two empty edits add up", {1024, 1536, 512}, {{40, -1}, {40, -1}, {120, 1024}}, 0, false,
+       {{1024, -1}, {1536, 1024}}, 2560},
       {"fragments: duration 0", {1024, 1536, 512}, {{120, 1024}}, 0, true, {{0, 1024}}, 1536},
       // Audio's samples are presented from the edit's media time on, without a gap before the first.
       {"audio: no gap", {1024, 2048, 512}, {{120, 0}}, 0, false, {{1536, 0}}, 1536, false},
