@@ -374,6 +374,8 @@ t '{ head -c 16404 brands4097.mp4; printf $(be32 16)ftypisom$(be32 512); tail -c
 # An mdat ending the file loses nothing, whatever its size form; another box of size 0 may hide what follows.
 t '{ cat fs.mp4; printf $(be32 1)mdat$(be32 0)$(be32 16); } > empty_large_mdat.mp4; marks empty_large_mdat.mp4'
 t 'marks wide.mp4'
+# remux follows the 64-bit size: the same movie as from the 32-bit one.
+t 'remux -q wide.mp4 -o rwide.mp4 && remux -q narrow.mp4 -o rnarrow.mp4 && [ "$(digest rwide.mp4 | cut -c1-32)" = "$(digest rnarrow.mp4 | cut -c1-32)" ] && echo same'
 t 'cp fs.mp4 zero_mdat.mp4; poke zero_mdat.mp4 5045 $(be32 0); marks zero_mdat.mp4; poke zero_mdat.mp4 5049 MDAT; marks zero_mdat.mp4'
 t '{ cat fs.mp4; printf $(be32 0)free; head -c 8 /dev/zero; } > zero_free_fs.mp4; marks zero_free_fs.mp4'
 # The box of size 0 ends the reading however much follows it: piped, the count stops at its header whatever
