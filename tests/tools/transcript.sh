@@ -455,6 +455,8 @@ t 'cp av.mp4 nocfg.mp4; poke nocfg.mp4 $(($(box_at av.mp4 esds) + 32)) "\\x06"; 
 t 'cp a.mp4 r65535.mp4; poke r65535.mp4 $(($(box_at a.mp4 stsd) + 48)) "\\xff\\xff"; remux r65535.mp4 -o r65535o.mp4 && digest r65535o.mp4'
 t 'cp a.mp4 nohdlr.mp4; poke nohdlr.mp4 $(($(box_at a.mp4 hdlr) + 4)) x; onto_old nohdlr.mp4 -o out.mp4'
 t 'cp av.mp4 scale0.mp4; poke scale0.mp4 $(($(box_at av.mp4 mdhd) + 20)) $(be32 0); onto_old scale0.mp4 -o out.mp4; probe scale0.mp4 | grep -A1 "time scale:  0"'
+# Without a time scale the video track has no frame rate or bit rate to give.
+t 'probe scale0.mp4 | grep -E "^track|rate:"'
 # The video's entry named avc3; its avcC with 2 PPS (our writer's, from two_pps.h264), 2-byte NAL unit lengths.
 t 'cp av.mp4 avc3.mp4; poke avc3.mp4 $(($(box_at av.mp4 stsd) + 23)) 3; onto_old avc3.mp4 -o out.mp4'
 t 'onto_old pps.mp4 -o out.mp4'
