@@ -300,9 +300,10 @@ stsz100=$(fbox stsz $(be32 100)$(be32 10))  # 100 bytes for each of 10 samples
 # A sync sample named twice is out of order too; the last stsc entry runs to the last chunk: 3 x 4 samples. The JSON
 # gives each table's own count.
 t 'tables twice.mp4 "$(fbox stsz $(be32 0)$(be32 9)$(for i in $(seq 9); do be32 100; done))$(fbox stss $(be32 2)$(be32 3)$(be32 3))" 1 4 1; probe --json twice.mp4 | grep -E "\"(stts|stsz)_samples\""'
-# One size for every sample (sample_size 100), for 9 samples where stts counts 10; the JSON keeps the stsz's count.
+# One size for every sample (sample_size 100), for 9 samples where stts counts 10; the JSON keeps the stsz's count,
+# and its 9 x 100 bytes.
 t 'tables const9.mp4 "$(fbox stsz $(be32 100)$(be32 9))" 1 4 1 3 2 1'
-t 'probe --json const9.mp4 | grep constant_sample_size'
+t 'probe --json const9.mp4 | grep -E "constant_sample_size|sample_bytes"'
 # Sample numbers start at 1.
 t 'tables zero.mp4 "$stsz100$(fbox stss $(be32 1)$(be32 0))" 1 4 1'
 t 'tables chunk0.mp4 "$stsz100" 0 4 1; tables stss11.mp4 "$stsz100$(fbox stss $(be32 1)$(be32 11))" 1 4 1 3 2 1'
