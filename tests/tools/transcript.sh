@@ -458,6 +458,8 @@ t 'cp a.mp4 nohdlr.mp4; poke nohdlr.mp4 $(($(box_at a.mp4 hdlr) + 4)) x; onto_ol
 t 'cp av.mp4 scale0.mp4; poke scale0.mp4 $(($(box_at av.mp4 mdhd) + 20)) $(be32 0); onto_old scale0.mp4 -o out.mp4; probe scale0.mp4 | grep -A1 "time scale:  0"'
 # Without a time scale the video track has no frame rate or bit rate to give.
 t 'probe scale0.mp4 | grep -E "^track|rate:"'
+# Nor has a movie header of time scale 0 a length in seconds: null in the JSON.
+t 'cp a.mp4 mvhd0.mp4; poke mvhd0.mp4 $(($(box_at a.mp4 mvhd) + 20)) $(be32 0); probe --json mvhd0.mp4 | grep -m1 duration_seconds'
 # The video's entry named avc3; its avcC with 2 PPS (our writer's, from two_pps.h264), 2-byte NAL unit lengths.
 t 'cp av.mp4 avc3.mp4; poke avc3.mp4 $(($(box_at av.mp4 stsd) + 23)) 3; onto_old avc3.mp4 -o out.mp4'
 t 'onto_old pps.mp4 -o out.mp4'
