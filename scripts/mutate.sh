@@ -10,6 +10,7 @@
 #   MUTATE_KILLERS=1 ...              every test program runs whole, and each result
 #                                     line names the tests that failed: which test
 #                                     alone catches a fault, which only repeat others
+#                                     (what the programs said: build/mutate/logs/N.log)
 #   MUTATE_PROGRAMS='packet parse' ...  only these rooms' test programs run (the
 #                                     program of tools alone takes minutes)
 #
@@ -43,8 +44,12 @@ git ls-files -z | grep -zv "^fuzz/corpus/" | sort -z >"$work/tracked"
 (cd "$src" && find . -type f -printf '%P\0') | sort -z | comm -z -13 "$work/tracked" - |
   (cd "$src" && xargs -0r rm -f --)
 cmake -S "$src" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBOXLANE_SANITIZE=address >/dev/null
+# With MUTATE_PROGRAMS only those test programs are built: each fault relinks
+# every program of the static library, the benchmarks and fuzzers included.
+targets=()
+for r in ${MUTATE_PROGRAMS:-}; do targets+=(--target "boxlane_test_$r"); done
 install_npm_packages "$build/npm"
-if ! nice -n 10 cmake --build "$build" -j2 >"$work/build.log" 2>&1; then
+if ! nice -n 10 cmake --build "$build" "${targets[@]}" -j2 >"$work/build.log" 2>&1; then
   echo "mutate: the tree does not build without a fault (see $work/build.log)" >&2
   exit 1
 fi
@@ -80,7 +85,7 @@ wanted() {  # fault number, room
 # Every test program, the fault's own room first, stopping at the first
 # failure: what ctest runs, one process per room. With MUTATE_KILLERS every
 # program runs whole and the failing tests' names go to $work/killers; a
-# program that dies or hangs names itself, as the rest of its tests did not run.
+# program that dies or hangs names the test it was running.
 run_suite() {
   local r bin status failed=0 order=("$1")
   for r in frame platform packet parse tools; do [ "$r" = "$1" ] || order+=("$r"); done
@@ -96,13 +101,13 @@ run_suite() {
     [ "$status" = 0 ] && continue
     [ -n "${MUTATE_KILLERS:-}" ] || return 1
     failed=1
-    if [ "$status" = 1 ]; then
-      sed -n 's/^\[  FAILED  \] \([^ ,]*\)[ ,].*(.*$/\1/p' "$work/room.log" | sort -u >"$work/room.killers"
-      [ -s "$work/room.killers" ] || echo "boxlane_test_$r" >"$work/room.killers"
-      cat "$work/room.killers" >>"$work/killers"
-    else
-      echo "boxlane_test_$r(died)" >>"$work/killers"
-    fi
+    # The tests that failed; where none did (the program died, hung or was
+    # stopped by a sanitizer), the test it was running, as the rest did not run.
+    sed -n 's/^\[  FAILED  \] \([^ ,]*\)[ ,].*(.*$/\1/p' "$work/room.log" | sort -u >"$work/room.killers"
+    [ -s "$work/room.killers" ] ||
+      sed -n 's/^\[ RUN      \] \([^ ]*\).*$/\1/p' "$work/room.log" | tail -n 1 >"$work/room.killers"
+    [ -s "$work/room.killers" ] || echo "boxlane_test_$r" >"$work/room.killers"
+    cat "$work/room.killers" >>"$work/killers"
   done
   return $failed
 }
@@ -130,7 +135,7 @@ for i in $(seq 1 "$n"); do
   cp "$target" "$work/original"
   current=$file
   FROM=${olds[i]} TO=${news[i]} perl -0pi -e 's/\Q$ENV{FROM}\E/$ENV{TO}/' "$target"
-  if ! nice -n 10 cmake --build "$build" -j2 >"$work/build.log" 2>&1; then
+  if ! nice -n 10 cmake --build "$build" "${targets[@]}" -j2 >"$work/build.log" 2>&1; then
     verdict=BROKEN
   elif run_suite "$room" >"$work/test.log" 2>&1; then
     verdict=MISSED
@@ -141,11 +146,15 @@ for i in $(seq 1 "$n"); do
   fi
   restore
   killers=
-  [ -n "${MUTATE_KILLERS:-}" ] && [ "$verdict" = CAUGHT ] && killers="	$(paste -sd' ' "$work/killers")"
+  if [ -n "${MUTATE_KILLERS:-}" ] && [ "$verdict" = CAUGHT ]; then
+    killers="	$(paste -sd' ' "$work/killers")"
+    # What each program said, to find which checks of a test caught the fault.
+    mkdir -p "$work/logs" && cp "$work/test.log" "$work/logs/$i.log"
+  fi
   echo "$i	$verdict	$room	$file	${whats[i]}$killers" | tee -a "$results"
 done
 # The tree back as it was, so the next run starts from a clean build.
-nice -n 10 cmake --build "$build" -j2 >/dev/null 2>&1 || true
+nice -n 10 cmake --build "$build" "${targets[@]}" -j2 >/dev/null 2>&1 || true
 
 echo
 printf '%-10s %7s %7s %7s\n' room caught missed score
