@@ -460,7 +460,8 @@ t 'cp av.mp4 scale0.mp4; poke scale0.mp4 $(($(box_at av.mp4 mdhd) + 20)) $(be32 
 t 'probe scale0.mp4 | grep -E "^track|rate:"'
 # Nor has a movie header of time scale 0 a length in seconds: null in the JSON.
 t 'cp a.mp4 mvhd0.mp4; poke mvhd0.mp4 $(($(box_at a.mp4 mvhd) + 20)) $(be32 0); probe --json mvhd0.mp4 | grep -m1 duration_seconds'
-# The video's entry named avc3; its avcC with 2 PPS (our writer's, from two_pps.h264), 2-byte NAL unit lengths.
+# The video's entry named avc3 (the reader takes an avcC from avc1 entries only); then an avcC with 2 PPS (our
+# writer's, from two_pps.h264), and 2-byte NAL unit lengths.
 t 'cp av.mp4 avc3.mp4; poke avc3.mp4 $(($(box_at av.mp4 stsd) + 23)) 3; onto_old avc3.mp4 -o out.mp4'
 t 'onto_old pps.mp4 -o out.mp4'
 t 'cp av.mp4 nal2.mp4; poke nal2.mp4 $(($(box_at av.mp4 avcC) + 12)) "\\xfd"; onto_old nal2.mp4 -o out.mp4'

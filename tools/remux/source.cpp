@@ -57,7 +57,11 @@ void describe(SourceTrack& t) {
   if (t.handler == "vide" && (four == "avc1" || four == "avc3")) {
     t.codec = SourceCodec::kH264;
     t.config = config;
-    if (config->nSPSCount != 1 || config->nPPSCount != 1 || config->bTruncated) {
+    if (four == "avc3") {
+      // The library hands out the avcC of avc1 entries only; an avc3 stream may
+      // also carry its parameter sets in the samples (ISO/IEC 14496-15 §5.3.2).
+      t.unsupported = "it is an avc3 entry, whose avcC the reader does not take (avc1 only)";
+    } else if (config->nSPSCount != 1 || config->nPPSCount != 1 || config->bTruncated) {
       t.unsupported = "its avcC holds " + std::to_string(config->nSPSCount) + " SPS and " +
                       std::to_string(config->nPPSCount) + " PPS; the writer describes exactly one of each";
     } else if (std::size_t{config->wSPSLen[0]} + config->wPPSLen[0] + 8 > sizeof(tag_Qorvane_AVProtocol{}.tszVideoHdr)) {
