@@ -399,7 +399,8 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
     EXPECT_EQ(sh.redundant_pic_cnt, valid ? 1u : 0u) << l0 << " " << l1;
   }
   // A frame whose bottom field counts 3 before its top (delta_pic_order_cnt_bottom, or delta_pic_order_cnt[1] with
-  // offset_for_top_to_bottom_field 0) takes the lower count (§8.2.1).
+  // offset_for_top_to_bottom_field 0) takes the lower count (§8.2.1). After such a frame with mmco 5 (frame_num 2)
+  // its top counts 3, the lsb reference point, so lsb 11 is no wrap; the frame_num 1 after it is no frame_num wrap.
   for (const uint32_t type : {0u, 1u}) {
     HandSps sps;
     sps.poc_type = type, sps.cycle = std::vector<int32_t>(type, 8);
@@ -407,8 +408,10 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
     bottom_order.bottom_order = true;
     EXPECT_EQ(pocs_of(sets_of(sps.nal(), bottom_order.nal()),
                       {hand_slice(type, true, 3, 2, 0, 0, false, -1, false, 0),
-                       hand_slice(type, false, 2, 0, 1, type ? 0 : 8, false, -1, false, -3)}),
-              (Pocs{0, 5})) << type;
+                       hand_slice(type, false, 2, 0, 1, type ? 0 : 8, false, -1, false, -3),
+                       hand_slice(type, false, 2, 0, 2, type ? 0 : 14, true, -1, false, -3),
+                       hand_slice(type, false, 2, 0, 1, type ? 0 : 11, false, -1, false, 0)}),
+              (Pocs{0, 5, 0, type ? 8 : 11})) << type;
   }
   // Type 2: non-reference pictures count one less; an IDR after other pictures starts again at 0.
   EXPECT_EQ(pocs_of(hand_sets(2), {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0),
