@@ -49,15 +49,16 @@ TEST(TaskPool, WaitWakesOnItsOwnPoolsEventsAndActivationsOnly) {
   int index = -1;
   ASSERT_TRUE(pool && Rendavo_TaskPool_AddrInsertEx(pool, "10.0.0.1:5000", &index) && index == 0);
   // Bounded, so that a lost wake-up fails a check instead of hanging.
-  Waited on_event = wait_on(pool, 0, 40000), on_activation = wait_on(pool, 1, 40000);
+  Waited on_event = wait_on(pool, 0, 40000), also = wait_on(pool, 0, 40000), on_activation = wait_on(pool, 1, 40000);
   EXPECT_FALSE(ready(on_event, 0ms) || ready(on_activation, 0ms)) << "a wait with nothing pending returned";
   ASSERT_TRUE(Rendavo_TaskPool_ActiveEventEx(pool, 1));
   ASSERT_TRUE(ready(on_activation, kLong));
   EXPECT_TRUE(on_activation.get().first);
   EXPECT_FALSE(ready(on_event, 100ms)) << "woken by the other pool";
+  // An event wakes every waiter of its pool, not one.
   ASSERT_TRUE(Rendavo_TaskPool_AddrIncEx(pool, 0, "10.0.0.1:5000"));
-  ASSERT_TRUE(ready(on_event, kLong));
-  EXPECT_TRUE(on_event.get().first);
+  ASSERT_TRUE(ready(on_event, kLong) && ready(also, kLong));
+  EXPECT_TRUE(on_event.get().first && also.get().first);
   // A pending event keeps every wait returning at once until it is counted down.
   EXPECT_TRUE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
   ASSERT_TRUE(Rendavo_TaskPool_AddrDecEx(pool, 0, "10.0.0.1:5000"));
