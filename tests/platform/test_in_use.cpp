@@ -68,7 +68,7 @@ TEST(LastLookup, ReusedOnlyForTheSameKeyAtTheSameVersionAndAlwaysPublished) {
     BOXLANE_CLIENTMAP<int> stl_MapClient;
     std::shared_mutex st_RWLocker;
     std::atomic<uint64_t> version{1};
-  } table;
+  } table, other;
   // Keys of 31 and 32 bytes lie on both sides of the copy kept in the thread's line.
   const std::string k31a = std::string(30, 'k') + "a", k31b = std::string(30, 'k') + "b";
   const std::string k32a = std::string(31, 'k') + "a", k32b = std::string(31, 'k') + "b";
@@ -94,6 +94,11 @@ TEST(LastLookup, ReusedOnlyForTheSameKeyAtTheSameVersionAndAlwaysPublished) {
     EXPECT_EQ(slot.record.load(), found) << client << ": the slot names what the call uses, or nothing";
     slot.record.store(nullptr);
   }
+  // The same name in another table, at the same version, is that table's own record.
+  other.version = table.version.load();
+  other.stl_MapClient.emplace("abcdef", std::make_unique<int>(99));
+  const int* own = find_published(other, "abcdef", slot, last, [&](auto order) { return other.version.load(order); });
+  EXPECT_EQ(own ? *own : -1, 99);
 }
 
 }  // namespace
