@@ -330,18 +330,32 @@ TEST(RemuxTimeline, OneTimeScaleToWhichEveryTimeConvertsExactly) {
     const auto t = track(true, 12800, 512, offsets);
     EXPECT_EQ(tool::plan_timeline({&t}, 1000).tracks[0].reordered, offsets[2] != 0) << offsets[2];
   }
+  // A decode time near 2^63 (a damaged tfdt): the offset is the one the parser added, its sum wrapped.
+  auto late = track(true, 1000, 40, {0});
+  late.samples[0].decode = (uint64_t{1} << 63) - 10;
+  late.samples[0].composition = static_cast<int64_t>(late.samples[0].decode + 20);
+  EXPECT_EQ(tool::plan_timeline({&late}, 1000).tracks[0].offset(0), 20);
   const tool::TrackTimeline zero_plan = tool::plan_timeline({&zero}, 1000).tracks[0];
   EXPECT_EQ(zero_plan.duration(0) + 10 * zero_plan.zero_durations, 11u);
   // Prime time scales: their least common multiple is past 2^31.
   const auto v = track(true, 65521, 1, {0}), a = track(false, 65519, 1024, {0});
   EXPECT_THROW(tool::plan_timeline({&v, &a}, 1000), tool::ToolError);
   // The largest sample duration (2^31 - 1) and composition offset (2^30 - 1) the output takes, and one past.
-  for (const auto& [duration, offset, fits] :
-       {std::tuple{0x7FFFFFFFu, 0, true}, {0x80000000u, 0, false}, {1u, 0x3FFFFFFF, true}, {1u, 0x40000000, false},
-        {1u, -0x40000000, true}, {1u, -0x40000001, false}}) {
-    const auto t = track(true, 1000, duration, {offset});
+  // An edit's media time below 2^62 ticks, and at it (a version 1 elst of a damaged file).
+  for (const auto& [duration, offset, fits, edit] :
+       {std::tuple{0x7FFFFFFFu, 0, true, int64_t{0}}, {0x80000000u, 0, false, 0}, {1u, 0x3FFFFFFF, true, 0},
+        {1u, 0x40000000, false, 0}, {1u, -0x40000000, true, 0}, {1u, -0x40000001, false, 0},
+        {1u, 0, true, (int64_t{1} << 62) - 1}, {1u, 0, false, int64_t{1} << 62}}) {
+    const auto t = track(true, 1000, duration, {offset}, {{0, edit}});
     if (fits) EXPECT_NO_THROW(tool::plan_timeline({&t}, 1000)) << duration;
     else EXPECT_THROW(tool::plan_timeline({&t}, 1000), tool::ToolError) << duration << " " << offset;
+  }
+  // That bound is on the output's clock: 29.97 fps at 30000 with 44.1 kHz audio goes to 4410000, 147 ticks to one.
+  const auto a44 = track(false, 44100, 1024, {0});
+  for (const int64_t past : {0, 1}) {
+    const auto t = track(true, 30000, 1001, {0}, {{0, ((int64_t{1} << 62) - 1) / 147 + past}});
+    if (past) EXPECT_THROW(tool::plan_timeline({&t, &a44}, 1000), tool::ToolError);
+    else EXPECT_NO_THROW(tool::plan_timeline({&t, &a44}, 1000));
   }
   // A list that shows more than one edit, or one not at the normal rate, is noted: only the first is kept.
   const std::string kept = "; the empty edits and the first that shows media, at the normal rate, are kept";

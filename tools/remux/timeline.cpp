@@ -16,9 +16,20 @@ uint32_t TrackTimeline::duration(std::size_t i) const {
   return d ? static_cast<uint32_t>(d) : 1;
 }
 
+namespace {
+
+// The composition offset the parser added to the decode time, from a 32-bit
+// table field. The parser's sum wraps (a damaged tfdt can put the decode time
+// near 2^64), and so does this difference, which gives the field back.
+int64_t composition_offset(const IndexSample& s) {
+  return static_cast<int64_t>(static_cast<uint64_t>(s.composition) - s.decode);
+}
+
+}  // namespace
+
 int64_t TrackTimeline::offset(std::size_t i) const {
-  const IndexSample& s = track->samples[i];
-  return (s.composition - static_cast<int64_t>(s.decode)) * static_cast<int64_t>(num) / static_cast<int64_t>(den);
+  // Below 2^32 in size, times a num below 2^31: within 64 bits.
+  return composition_offset(track->samples[i]) * static_cast<int64_t>(num) / static_cast<int64_t>(den);
 }
 
 namespace {
@@ -29,7 +40,7 @@ bool converts_exactly(const SourceTrack& t, uint64_t timescale) {
   const uint64_t den = t.timescale / g;
   if (den == 1) return true;
   for (const IndexSample& s : t.samples) {
-    if (s.duration % den || (s.composition - static_cast<int64_t>(s.decode)) % static_cast<int64_t>(den)) return false;
+    if (s.duration % den || composition_offset(s) % static_cast<int64_t>(den)) return false;
   }
   for (const EditEntry& e : t.edits) {
     if (e.media_time > 0 && e.media_time % static_cast<int64_t>(den)) return false;
@@ -126,6 +137,15 @@ Timeline plan_timeline(const std::vector<const SourceTrack*>& tracks, uint32_t m
     };
     const auto shown = std::find_if(edits.begin(), edits.end(), [](const EditEntry& e) { return e.media_time >= 0; });
     if (shown != edits.end()) {
+      // A media time from a version 1 elst may take all 63 bits; kept below
+      // 2^62 on the output's clock, it and the shifts added to it stay
+      // within 64 bits.
+      if (shown->media_time > (INT64_MAX >> 1) / static_cast<int64_t>(tl.num)) {
+        throw ToolError("the edit list of track " + std::to_string(t->unsigned_id()) + " starts at media time " +
+                        std::to_string(shown->media_time) + " (of " + std::to_string(t->timescale) +
+                        " a second), which passes 2^62 ticks at the output's " + std::to_string(timescale) +
+                        " a second: a damaged edit list");
+      }
       tl.has_edit = true;
       for (auto e = edits.begin(); e != shown; ++e) tl.empty_edit += to_movie(e->segment_duration);
       tl.edit_media_time = shown->media_time * static_cast<int64_t>(tl.num) / static_cast<int64_t>(tl.den);
