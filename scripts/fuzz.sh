@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets with Clang (address and undefined-behaviour
 # sanitizers) and runs one: scripts/fuzz.sh TARGET SECONDS [more libFuzzer flags]
-# TARGET is parser, writer, helpers, streams, hevc, fragments or index (or all). Findings land in
+# TARGET is parser, writer, helpers, streams, hevc, fragments, index or commands (or all). Findings land in
 # build/fuzz/findings/TARGET; the run fails on any.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -17,7 +17,7 @@ CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithD
 cmake --build "$build" >/dev/null
 
 targets=("$target")
-[ "$target" = all ] && targets=(parser writer helpers streams hevc fragments index)
+[ "$target" = all ] && targets=(parser writer helpers streams hevc fragments index commands)
 for t in "${targets[@]}"; do
   corpus="$build/corpus/$t"
   findings="$build/findings/$t"
