@@ -118,8 +118,8 @@ struct HandSps {
   int32_t non_ref = 0, top_to_bottom = 0;
   std::vector<uint32_t> crop;  // left, right, top, bottom in crop units
   int sar_idc = -1;            // a VUI with aspect_ratio_idc
-  uint32_t cpbs = 0;           // a VUI with an HRD of that many CPBs, a NAL one or (`vcl`) a VCL one
-  bool vcl = false;
+  uint32_t cpbs = 0;           // a VUI with an HRD of that many CPBs: a NAL one, or (`vcl` 1) a VCL one, or (2) both
+  int vcl = 0;
   int reorder = -1;            // a VUI with bitstream_restriction, max_num_reorder_frames
 
   Nal nal() const {
@@ -147,7 +147,7 @@ struct HandSps {
     b.u(1, 0).u(1, signal);  // overscan, video signal type: format 5, full range, no colour description
     if (signal) b.u(3, 5).u(1, 1).u(1, 0);
     b.u(2, 0);  // chroma location, timing
-    for (const bool hrd : {cpbs && !vcl, cpbs && vcl}) {
+    for (const bool hrd : {cpbs && vcl != 1, cpbs && vcl != 0}) {
       b.u(1, hrd);
       if (!hrd) continue;
       b.ue(cpbs - 1).u(8, 0);
@@ -259,11 +259,11 @@ TEST(H264ParameterSets, LimitsOnBothSides) {
     EXPECT_EQ(parsed(s.nal()), "profile " + std::to_string(profile) + " level 30 chroma 2 frames 314x233 crop 2 4 3 4 "
                                "poc 0 sar 0:0");
   }
-  // low_delay_hrd_flag follows a NAL HRD or a VCL HRD alone (§E.1.1), before the restriction's reorder depth; a
-  // video signal type without colour_description_present_flag has no colour fields.
-  for (const int form : {0, 1, 2}) {
+  // low_delay_hrd_flag follows a NAL HRD, a VCL HRD alone or both (§E.1.1), before the restriction's reorder depth;
+  // a video signal type without colour_description_present_flag has no colour fields.
+  for (const int form : {0, 1, 2, 3}) {
     HandSps s;
-    s.cpbs = form < 2 ? 2 : 0, s.vcl = form == 1, s.signal = form == 2, s.reorder = 3;
+    s.cpbs = form < 3 ? 2 : 0, s.vcl = form % 3, s.signal = form == 3, s.reorder = 3;
     EXPECT_TRUE(parsed(s.nal()).ends_with(" sar 0:0 reorder 3")) << parsed(s.nal());
   }
   // Every ratio of Table E-1, as the table writes them.
