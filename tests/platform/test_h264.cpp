@@ -469,6 +469,9 @@ TEST(H264SliceHeader, FieldsOnlySomeSlicesHaveAndRefusals) {
   const auto marked = [](uint32_t op) {
     return Bits().ue(0).ue(5).ue(0).u(4, 1).u(4, 2).u(1, 0).u(1, 0).u(1, 1).ue(op).ue(1).ue(0).nal(2, kNalSlice);
   };
+  // A non-reference P field that gives list 0 32 references and modifies each, the most there may be (§7.4.3.1).
+  Bits most = Bits().ue(0).ue(5).ue(0).u(4, 1).u(1, 1).u(1, 0).u(4, 2).u(1, 1).ue(31).u(1, 1);
+  for (int i = 0; i < 32; ++i) most.ue(0).ue(0);
   Nal retyped = p_slice(2), partition_a = p_slice(2);
   retyped[0] = uint8_t(retyped[0] & 0xE0) | kNalSps;
   partition_a[0] = uint8_t(partition_a[0] & 0xE0) | kNalPartitionA;
@@ -482,6 +485,7 @@ TEST(H264SliceHeader, FieldsOnlySomeSlicesHaveAndRefusals) {
       {"modification_of_pic_nums_idc 6", 0, p_slice(6), -1, -1},
       {"list 1 modification_of_pic_nums_idc 0", 0, b_slice(0), 2, 0},
       {"list 1 modification_of_pic_nums_idc 6", 0, b_slice(6), -1, -1},
+      {"32 modifications of a field's list", 1, most.ue(3).nal(0, kNalSlice), 2, 0},
       {"memory_management_control_operation 6", 0, marked(6), 2, 0},
       {"memory_management_control_operation 7", 0, marked(7), -1, -1},
       {"cut after its lsb", 0, Bits().ue(0).ue(5).ue(0).u(4, 1).u(4, 2).nal(2, kNalSlice), -1, -1},
