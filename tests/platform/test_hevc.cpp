@@ -152,12 +152,15 @@ TEST(HevcParameterSets, HandMadeSequenceParameterSetsReadToTheEnd) {
         << parsed(s.nal());
   }
   // From {-1 | +1} with delta_rps -2 (§7.4.8): +1 becomes -1, kept by the second use_delta_flag, and -1 becomes -3,
-  // dropped by the first. The set is {-1, -2 |}, so the one predicted from it reads three flags.
-  HandSps turned;
+  // dropped by the first. The set is {-1, -2 |}, so the one predicted from it reads three flags. From {-1, -2 |}
+  // (two steps of 1, (7-67)) with delta_rps 2, -2 becomes 0 and goes: {| +1, +2}, again three flags after it.
+  HandSps turned, stepped;
   turned.rps = {explicit_rps({1}, {1}, true), predicted_rps(-2, {{false, false}, {true, true}, {true, true}}),
                 predicted_rps(1, {{false, false}, {true, true}, {true, true}})};
-  EXPECT_TRUE(parsed(turned.nal()).ends_with("rps 3 | sar 64:45 tick 1001/60000 segmentation 1000"))
-      << parsed(turned.nal());
+  stepped.rps = {explicit_rps({1, 1}, {}, true), predicted_rps(2, {{true, true}, {true, true}, {true, true}}),
+                 predicted_rps(1, {{true, true}, {true, true}, {true, true}})};
+  for (const HandSps& s : {turned, stepped})
+    EXPECT_TRUE(parsed(s.nal()).ends_with("rps 3 | sar 64:45 tick 1001/60000 segmentation 1000")) << parsed(s.nal());
   // Cut anywhere before its last field, it is refused.
   const Nal whole = full.nal();
   for (std::size_t cut = 0; cut + 2 < whole.size(); ++cut)
