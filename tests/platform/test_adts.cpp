@@ -28,6 +28,7 @@ TEST(Adts, HeadersFieldByFieldAndTheirConfigurations) {
       {"SSR 48 kHz 5.1, 2 blocks", "FF F1 8D 80 01 05 55", 8, true, {2, 48000, 6, 0, 7, 8, 1}, "19 B0"},
       {"LTP 8 kHz 7.1 with CRC", "FF F0 ED C0 01 20 03", 9, true, {3, 8000, 7, 1, 9, 9, 3}, "25 B8"},
       {"index 12: 7350 Hz", "FF F1 70 80 00 FF FC", 7, true, {1, 7350, 2, 0, 7, 7, 0}, "16 10"},
+      {"MPEG-2 (ID 1) LC 44.1 kHz stereo", "FF F9 50 80 00 FF FC", 7, true, {1, 44100, 2, 0, 7, 7, 0}, "12 10"},
       {"longest frame", "FF F1 50 83 FF FF FC", 8191, true, {1, 44100, 2, 0, 7, 8191, 0}, "12 10"},
       {"longest frame, one byte short", "FF F1 50 83 FF FF FC", 8190, false, {}, ""},
       {"index 13 is reserved", "FF F1 74 80 00 FF FC", 7, false, {}, ""},
