@@ -4,6 +4,7 @@
 
 #include <barrier>
 #include <cerrno>
+#include <climits>
 #include <future>
 #include <string>
 #include <thread>
@@ -72,9 +73,10 @@ TEST(TaskPool, WaitWakesOnItsOwnPoolsEventsAndActivationsOnly) {
   EXPECT_TRUE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
   EXPECT_FALSE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
 
-  // Destroying wakes every blocked waiter of every pool with CLOSED; a new pool does not answer to the old handle.
+  // Destroying wakes every blocked waiter of every pool with CLOSED, those of any negative time-out (no limit) too; a
+  // new pool does not answer to the old handle.
   std::vector<Waited> waiters;
-  for (const auto& [index, timeout] : {std::pair{0, -1}, std::pair{0, 40000}, std::pair{1, -1}})
+  for (const auto& [index, timeout] : {std::pair{0, -1}, std::pair{0, 40000}, std::pair{1, INT_MIN}})
     waiters.push_back(wait_on(pool, index, timeout));
   ASSERT_TRUE(Rendavo_TaskPool_DestoryEx(pool));
   for (auto& w : waiters) {
