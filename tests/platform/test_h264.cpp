@@ -413,10 +413,11 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
                        hand_slice(type, false, 2, 0, 1, type ? 0 : 11, false, -1, false, 0)}),
               (Pocs{0, 5, 0, type ? 8 : 11})) << type;
   }
-  // Type 2: non-reference pictures count one less; an IDR after other pictures starts again at 0.
+  // Type 2: non-reference pictures count one less; an IDR after other pictures starts again at 0, FrameNumOffset too.
   EXPECT_EQ(pocs_of(hand_sets(2), {hand_slice(2, true, 3, 2, 0, 0), hand_slice(2, false, 2, 0, 1, 0),
-                                   hand_slice(2, false, 0, 0, 2, 0), hand_slice(2, true, 3, 2, 0, 0)}),
-            (Pocs{0, 2, 3, 0}));
+                                   hand_slice(2, false, 0, 0, 2, 0), hand_slice(2, true, 3, 2, 0, 0),
+                                   hand_slice(2, false, 2, 0, 1, 0)}),
+            (Pocs{0, 2, 3, 0, 2}));
 
   // slice_type 9 is the largest; with separate colour planes colour_plane_id (2 bits) comes before frame_num.
   HandSps planes;
