@@ -356,12 +356,12 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
   }
 
   // At exactly half the lsb range a fall is a wrap and a rise is not (§8.2.1.1); one more than half and a
-  // rise is a wrap backwards. Only reference pictures move the reference point.
+  // rise is a wrap backwards. Only reference pictures move the reference point; an IDR takes it back to lsb 0.
   const auto t0 = hand_sets(0);
   EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 8),
                          hand_slice(0, false, 2, 0, 2, 0), hand_slice(0, false, 0, 0, 3, 9),
-                         hand_slice(0, false, 2, 0, 3, 8)}),
-            (Pocs{0, 8, 16, 9, 24}));
+                         hand_slice(0, false, 2, 0, 3, 8), hand_slice(0, true, 3, 2, 0, 0)}),
+            (Pocs{0, 8, 16, 9, 24, 0}));
   // memory_management_control_operation 5 restarts counting like an IDR, from the picture itself: the next lsb,
   // 13, is more than half the range above 0 and counts backwards.
   EXPECT_EQ(pocs_of(t0, {hand_slice(0, true, 3, 2, 0, 0), hand_slice(0, false, 2, 0, 1, 4),
