@@ -438,11 +438,12 @@ TEST(H264PictureOrder, HandMadeType1Type0WrapAndMmco5) {
     SliceHeader sh;
     EXPECT_EQ(parse_slice_header(nal.data(), nal.size(), with_255, sh), id == 255) << id;
   }
-  // There a weighted P slice's table has no chroma part (ChromaArrayType 0) before its mmco 5.
+  // There a weighted P slice's table has no chroma part (ChromaArrayType 0) before its mmco 5, and an entry for each
+  // of the two references its override gives list 0 (the PPS has one).
   EXPECT_EQ(pocs_of(sets_of(planes.nal(), weighted.nal()),
                     {Bits().ue(0).ue(7).ue(0).u(2, 0).u(4, 0).ue(0).u(4, 0).u(2, 0).nal(3, kNalIdrSlice),
-                     Bits().ue(0).ue(5).ue(0).u(2, 1).u(4, 1).u(4, 8).u(2, 0).ue(3).u(1, 1).se(-2).se(5)
-                         .u(1, 1).ue(5).ue(0).nal(2, kNalSlice)}),
+                     Bits().ue(0).ue(5).ue(0).u(2, 1).u(4, 1).u(4, 8).u(1, 1).ue(1).u(1, 0).ue(3).u(1, 1).se(-2)
+                         .se(5).u(1, 0).u(1, 1).ue(5).ue(0).nal(2, kNalSlice)}),
             (Pocs{0, 0}));
 }
 
