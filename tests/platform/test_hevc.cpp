@@ -47,12 +47,12 @@ Nal pps_of(uint32_t id, uint32_t head = 0, uint32_t refs = 0, int32_t qp = 0, in
       kPps);
 }
 
-// A VPS with no sub-layer profiles or levels.
-Nal vps_of(uint32_t sub_layers_minus1) {
+// A VPS with no sub-layer profiles or levels, of vps_max_dec_pic_buffering_minus1 4.
+Nal vps_of(uint32_t sub_layers_minus1, uint32_t reorder = 0) {
   Bits b;
   b.u(4, 0).u(2, 3).u(6, 0).u(3, sub_layers_minus1).u(1, 1).u(16, 0xFFFF);
   b.u(8, 0x22).u(32, 0x20000000).u(48, 0).u(8, 93).u(sub_layers_minus1 ? 16 : 0, 0);
-  return b.u(1, 0).ue(4).ue(0).ue(0).hevc_nal(kVps);
+  return b.u(1, 0).ue(4).ue(reorder).ue(0).hevc_nal(kVps);
 }
 
 TEST(HevcNalHeader, EveryFieldAtItsLargestAndRefusals) {
@@ -274,6 +274,7 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
   } unit_limits[] = {
       {"diff_cu_qp_delta_depth 3", qp_depth(3), qp_depth(4)},
       {"vps_max_sub_layers_minus1 6", vps_of(6), vps_of(7)},
+      {"vps_max_num_reorder_pics 4 of 5", vps_of(0, 4), vps_of(0, 5)},
       {"pps_pic_parameter_set_id 63", pps_of(63), pps_of(64)},
       {"pps_seq_parameter_set_id 15", pps_of(0, 0, 0, 0, 0, 0, 15), pps_of(0, 0, 0, 0, 0, 0, 16)},
       {"num_ref_idx_lX_default_active_minus1 14", pps_of(0, 0, 14), pps_of(0, 0, 15)},
