@@ -498,6 +498,8 @@ t 'remux av.mp4 --fragment 3600 -o f3600.mp4 && digest f3600.mp4'
 # Notices: the video's stts made empty and its id 2^31 + 1; its stts deltas 0 and the audio's channels 6 (5.1).
 t 'cp av.mp4 nos.mp4; poke nos.mp4 $(($(box_at av.mp4 stts) + 12)) $(be32 0); poke nos.mp4 $(($(box_at av.mp4 tkhd) + 20)) $(be32 2147483649); remux nos.mp4 -o rnos.mp4 && remux -q nos.mp4 -o rnos.mp4 && digest rnos.mp4'
 t 'cp av.mp4 nod.mp4; poke nod.mp4 $(($(box_at av.mp4 stts) + 20)) $(be32 0); poke nod.mp4 $(($(box_at av.mp4 esds) + 35)) "\\xb0"; remux nod.mp4 -o rnod.mp4 && remux -q nod.mp4 -o rnod.mp4 && digest rnod.mp4'
+# One picture with the audio, its duration 0 and its mdhd at 96 kHz: a track of one sample, its tick the output's.
+t 'head -c 4993 $D/sample.h264 > pic.h264; mux -q -v pic.h264 -a $D/sample.aac -o pic.mp4 && poke pic.mp4 $(($(box_at pic.mp4 stts) + 20)) $(be32 0) && poke pic.mp4 $(($(box_at pic.mp4 mdhd) + 20)) $(be32 96000) && remux pic.mp4 -o rpic.mp4 && digest rpic.mp4'
 # The movie lasts as long as its longer track: in fragments, the video's media made 6.25 s.
 t 'cp av.mp4 slow.mp4; poke slow.mp4 $(($(box_at av.mp4 stts) + 20)) $(be32 2400); remux slow.mp4 --fragment 1 -o rslow.mp4 && digest rslow.mp4'
 # 236 samples of 2^25 ticks: a movie past 2^32 ticks, its headers of version 1.

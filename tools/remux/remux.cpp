@@ -181,8 +181,9 @@ int run(const Options& o) {
       std::fprintf(stderr, "boxlane remux: %s: track %u: %s\n", o.input.c_str(), t.track->unsigned_id(), t.edit_notice.c_str());
     }
     if (t.zero_durations) {
-      std::fprintf(stderr, "boxlane remux: %s: track %u: %u samples without a duration last one tick of %u\n",
-                   o.input.c_str(), t.track->unsigned_id(), t.zero_durations, timeline.timescale);
+      std::fprintf(stderr, "boxlane remux: %s: track %u: %s one tick of %u\n", o.input.c_str(), t.track->unsigned_id(),
+                   count_text(t.zero_durations, "sample without a duration lasts", "samples without a duration last").c_str(),
+                   timeline.timescale);
     }
   }
 
