@@ -252,6 +252,8 @@ t 'cp fr.mp4 short_trun.mp4; r=$(box_at fr.mp4 trun); poke short_trun.mp4 $r $(b
 # One sample in one fragment; two track ids past 9 under --strict.
 t 'mux -q -a $D/sample.aac --fragment 0.000001 -o f1.mp4 && head -c $(box_at f1.mp4 moof 2) f1.mp4 > one_frag.mp4; probe one_frag.mp4 | grep fragments:'
 t 'cp fs.mp4 ids.mp4; for k in 1 2; do poke ids.mp4 $(($(box_at fs.mp4 tkhd $k) + 20)) $(be32 $((9 + k))); done; probe --strict ids.mp4 | grep -m1 note:'
+# A movie without tracks: the audio's trak made a free box.
+t 'cp a.mp4 notrak.mp4; poke notrak.mp4 $(($(box_at a.mp4 trak) + 4)) free; probe notrak.mp4 | grep movie:'
 # The video's mdhd given the whole duration of its fragments: no note that its stts says otherwise.
 t 'cp fr.mp4 frd.mp4; poke frd.mp4 $(($(box_at fr.mp4 mdhd) + 24)) $(be32 240000); probe frd.mp4 | grep -E "duration:|note"'
 t 'probe a.mp4 > /dev/full'
