@@ -105,8 +105,9 @@ t 'mux -v $D/x264_sps_pps.h264 -o x.mp4'
 t '{ cat $D/sample.h264; printf "\\0\\0\\0\\1\\x85\\x88\\x80"; } > forbidden.h264; mux -v forbidden.h264 -o x.mp4'
 t 'mux -v - -o x.mp4 < /dev/null'
 t 'mux -v empty --fragment 1 -o x.mp4; mux -a empty --fragment 1 -o x.mp4'
-# SIGTERM once a FIFO is open but has sent nothing (its writer holds it 2 s): the run stops at once.
-t 'mkfifo idle.fifo; sleep 2 > idle.fifo 2>/dev/null & "$B" mux -v idle.fifo --fragment 1 -o x.mp4 & p=$!; until ls -l /proc/$p/fd 2>/dev/null | grep -q idle.fifo; do sleep 0.01; done; kill -TERM $p; wait $p'
+# SIGTERM once a FIFO is open but has sent nothing (its writer holds it open until the end): the run stops at
+# once. The wait ends if mux has gone too, so a slow start fails the line instead of hanging it.
+t 'mkfifo idle.fifo; sleep 60 > idle.fifo 2>/dev/null & w=$!; "$B" mux -v idle.fifo --fragment 1 -o x.mp4 & p=$!; until ls -l /proc/$p/fd 2>/dev/null | grep -q idle.fifo || ! kill -0 $p 2>/dev/null; do sleep 0.01; done; kill -TERM $p; wait $p; s=$?; kill $w; (exit $s)'
 t 'mux -v $D/sample.aac -o x.mp4'
 t 'mux -v $D/sample.h264 -o no/dir/x.mp4'
 t 'mux -v . -o x.mp4'
