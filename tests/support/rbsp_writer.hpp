@@ -18,7 +18,7 @@ struct Bits {
     const unsigned len = unsigned(std::bit_width(uint64_t{v} + 1)) - 1;
     return u(len, 0).u(len + 1, uint64_t{v} + 1);
   }
-  Bits& se(int32_t v) { return ue(v > 0 ? uint32_t(2 * v - 1) : uint32_t(-2 * int64_t{v})); }
+  Bits& se(int32_t v) { return ue(v > 0 ? uint32_t(2 * int64_t{v} - 1) : uint32_t(-2 * int64_t{v})); }
   Bits& add(const Bits& more) {
     bits.insert(bits.end(), more.bits.begin(), more.bits.end());
     return *this;
