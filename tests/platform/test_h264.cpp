@@ -100,7 +100,6 @@ TEST(H264ParameterSets, LargestSliceGroupMap) {
   }
 }
 
-
 // §7.3.2.3.1, §D.1.8 by hand: the recovery point after other messages (one of 300 bytes: FF 2D); not type 261.
 TEST(H264Sei, RecoveryPointAmongOtherMessages) {
   const std::pair<std::string, int> cases[] = {
