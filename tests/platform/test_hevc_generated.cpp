@@ -28,7 +28,7 @@ using Nal = std::vector<uint8_t>;
 
 // The fields whose legal range the parser enforces; a unit may be built with one of them one past its range.
 enum Limit {
-  kNone, kSubLayers, kBuffering, kReorder, kSpsId, kChroma, kWidth, kHeight, kCropX, kCropY, kLumaDepth, kChromaDepth,
+  kNone, kSubLayers, kVpsSubLayers, kBuffering, kReorder, kSpsId, kChroma, kWidth, kHeight, kCropX, kCropY, kLumaDepth, kChromaDepth,
   kPocLsb, kMinCb, kCtb, kMinTb, kMaxTb, kDepthInter, kDepthIntra, kPredMatrix, kDc, kCoef, kPcmLuma, kPcmChroma,
   kPcmMin, kPcmMax, kRpsCount, kNegative, kPositive, kDeltaS0, kDeltaS1, kDeltaRps, kLongTerm, kElemental, kCpbCnt,
   kSpatial, kPpsId, kPpsSps, kRefsL0, kRefsL1, kInitQp, kQpDepth, kCbOffset, kCrOffset, kSlicePps, kSliceType,
@@ -181,7 +181,7 @@ class Generator {
   Unit vps(const Sps& sps, Vps& want) {
     kind_ = kVpsUnit;
     Bits b;
-    const uint32_t sub_minus1 = uint32_t(past == kSubLayers ? pick(kSubLayers, 0, 6) : sps.max_sub_layers - 1);
+    const uint32_t sub_minus1 = uint32_t(past == kVpsSubLayers ? pick(kVpsSubLayers, 0, 6) : sps.max_sub_layers - 1);
     want.id = sps.vps_id, want.max_sub_layers = sub_minus1 + 1;
     want.temporal_id_nesting = sub_minus1 == 0 || (sps.temporal_id_nesting && coin());
     b.u(4, want.id).u(1, 1).u(1, 1).u(6, 0).u(3, sub_minus1).u(1, want.temporal_id_nesting).u(16, 0xFFFF);
@@ -784,6 +784,11 @@ TEST(HevcGenerated, PictureOrderCountsWrittenForwards) {
         poc = gen.draw(lo, hi);
       }
       const uint8_t tid = irap(type) ? 0 : uint8_t(gen.draw(type >= 2 && type <= 5 ? 1 : 0, sps.max_sub_layers - 1));
+      // What a caller tells the counter from the NAL unit type.
+      ASSERT_EQ(std::vector<bool>({is_irap(type), is_idr(type), is_bla(type),
+                                   is_rasl(type) || is_radl(type) || is_sub_layer_non_reference(type)}),
+                std::vector<bool>({irap(type), idr(type), type >= 16 && type <= 18, !reference_point(type, 0)}))
+          << +type;
       SliceHeader want, sh;
       const Unit unit = gen.slice(sps, pps, type, tid, want, ((poc % max) + max) % max);
       trace += " " + std::to_string(type) + "/" + std::to_string(tid) + ":" + std::to_string(poc);
