@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -652,8 +653,9 @@ std::size_t bytes_through(const Nal& nal, std::size_t bit) {
   return nal.size();
 }
 
-// Reads one unit of a case: the description of what was read, or "refused".
-std::string read(const Case& c, int kind, const Nal& nal) {
+// Reads one unit of a case: the description of what was read, or "refused". A slice is read with the case's SPS
+// and PPS, or with its PPS alone.
+std::string read(const Case& c, int kind, const Nal& nal, bool with_sps = true) {
   const auto got = [](bool ok, const auto& value) { return ok ? describe(value) : std::string("refused"); };
   if (kind == kVpsUnit) {
     Vps v;
@@ -668,7 +670,7 @@ std::string read(const Case& c, int kind, const Nal& nal) {
     return got(parse_pps(nal.data(), nal.size(), p), p);
   }
   ParameterSets sets;
-  sets.sps[c.want_sps.id] = c.want_sps, sets.has_sps[c.want_sps.id] = true;
+  sets.sps[c.want_sps.id] = c.want_sps, sets.has_sps[c.want_sps.id] = with_sps;
   sets.pps[c.want_pps.id] = c.want_pps, sets.has_pps[c.want_pps.id] = true;
   SliceHeader sh;
   return got(parse_slice_header(nal.data(), nal.size(), sets, sh), sh);
@@ -683,19 +685,37 @@ TEST(HevcGenerated, RandomUnitsReadAsBuilt) {
   std::ofstream stream, chosen;
   if (dump) stream.open(dump, std::ios::binary), chosen.open(std::string(dump) + ".txt");
   for (int n = 0; n < 300; ++n) {
+    // Any NAL unit header reads as written.
+    const uint8_t type = uint8_t(gen.draw(0, 63)), layer = uint8_t(gen.draw(0, 63)), tid = uint8_t(gen.draw(0, 6));
+    const uint8_t header[] = {uint8_t(type << 1 | layer >> 5), uint8_t((layer & 31) << 3 | (tid + 1))};
+    NalHeader h;
+    ASSERT_TRUE(parse_nal_header(header, 2, h));
+    ASSERT_EQ((std::array<int, 3>{h.type, h.layer_id, h.temporal_id}), (std::array<int, 3>{type, layer, tid}));
     const Case c = gen.make();
     const std::string want[] = {describe(c.want_vps), describe(c.want_sps), describe(c.want_pps),
                                 describe(c.want_slice)};
     int kind = 0;
     for (const Unit* unit : {&c.vps, &c.sps, &c.pps, &c.slice}) {
-      const std::string where = "seed " + std::to_string(kSeed) + " case " + std::to_string(n) + " " +
-                                kKinds[kind] + " " + boxlane::test::hex(unit->nal);
-      ASSERT_EQ(read(c, kind, unit->nal), want[kind]) << where;
+      const auto where = [&] {  // only on a failure: the hex of a unit takes long
+        return "seed " + std::to_string(kSeed) + " case " + std::to_string(n) + " " + kKinds[kind] + " " +
+               boxlane::test::hex(unit->nal);
+      };
+      ASSERT_EQ(read(c, kind, unit->nal), want[kind]) << where();
       // Cut before its last read bit, at that bit's byte or anywhere before it, it is refused.
       const std::size_t through = bytes_through(unit->nal, unit->read_bits - 1);
       for (const std::size_t cut : {through - 1, std::size_t(gen.draw(0, int64_t(through) - 1))})
         EXPECT_EQ(read(c, kind, Nal(unit->nal.begin(), unit->nal.begin() + long(cut))), "refused")
-            << where << " cut to " << cut;
+            << where() << " cut to " << cut;
+      // With forbidden_zero_bit set or a nuh_temporal_id_plus1 of 0 it is refused; so is a parameter set under the
+      // header of another type or in layer 1 (whose forms Annex F sets apart), and a slice of a reserved type.
+      std::vector<Nal> wrong(4, unit->nal);
+      wrong[0][0] |= 0x80, wrong[1][1] &= 0xF8, wrong[3][1] |= 0x08;
+      static constexpr uint8_t kOther[] = {kSps, kPps, kVps, 0};
+      const uint8_t reserved = uint8_t(gen.coin() ? gen.draw(22, 31) : gen.draw(10, 15));
+      wrong[2][0] = uint8_t((wrong[2][0] & 0x81) | (kind == kSliceUnit ? reserved : kOther[kind]) << 1);
+      if (kind == kSliceUnit) wrong[3] = unit->nal;  // read without its SPS instead
+      for (std::size_t w = 0; w < wrong.size(); ++w)
+        EXPECT_EQ(read(c, kind, wrong[w], !(kind == kSliceUnit && w == 3)), "refused") << where() << " wrong " << w;
       if (dump) {
         stream.write("\0\0\0\1", 4).write(reinterpret_cast<const char*>(unit->nal.data()), long(unit->nal.size()));
         chosen << want[kind] << "\n";
