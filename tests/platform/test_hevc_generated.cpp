@@ -4,8 +4,8 @@
 // refuse each unit cut before its last read bit, and refuse it with one field one past its limit. Picture order
 // counts come from sequences written forwards from the counts chosen for them (§8.3.1).
 //
-// With HEVC_GEN_ANNEXB=path set, the units of the first test are also written there as an Annex B stream, and what
-// was chosen for each to path.txt, to hold them against another reader.
+// With BOXLANE_H265_GEN_DUMP=path set, the units of the first test are also written there as an Annex B stream,
+// and what was chosen for each to path.txt, to hold them against another reader.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -681,7 +681,7 @@ constexpr const char* kKinds[] = {"VPS", "SPS", "PPS", "slice"};
 
 TEST(HevcGenerated, RandomUnitsReadAsBuilt) {
   Generator gen(kSeed);
-  const char* dump = std::getenv("HEVC_GEN_ANNEXB");
+  const char* dump = std::getenv("BOXLANE_H265_GEN_DUMP");
   std::ofstream stream, chosen;
   if (dump) stream.open(dump, std::ios::binary), chosen.open(std::string(dump) + ".txt");
   for (int n = 0; n < 300; ++n) {
