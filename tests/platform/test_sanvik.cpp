@@ -45,13 +45,16 @@ TEST(Sanvik, ParameterSetsOfAnX264Stream) {
     EXPECT_EQ(part.ok, n > 33) << n;  // an SPS and a PPS, or nothing
     EXPECT_EQ(Sanvik_Parse_SPSInfo(cut.data(), int(cut.size()), info.data()), n >= 8) << n;
   }
-  EXPECT_FALSE(Found(stream, 173).ok) << "not H.264";
+  const Found other(stream, 173);
+  EXPECT_EQ(std::tuple(other.ok, other.sps_len, other.pps_len, other.sei_len), std::tuple(false, 0, 0, 0))
+      << "not H.264: nothing found, every length cleared";
 }
 
 TEST(Sanvik, FirstOfEachTypeWithinCapacity) {
-  // Garbage, 3- and 4-byte start codes, an SEI, padding zeros, then a second SPS and PPS that replace nothing.
-  Found f(unhex("12 34 00 00 01 06 05 01 AA 80 00 00 00 00 01 " + kSps + " 00 00 00 01 " + kPps +
-                " 00 00 01 67 42 C0 1E FF 00 00 01 68 CE 38 80"));
+  // Garbage, 3- and 4-byte start codes, an SEI, types 23 (reserved) and 24 (unspecified), an SPS's and a PPS's type
+  // plus 16, padding zeros, then a second SPS and PPS that replace nothing.
+  Found f(unhex("12 34 00 00 01 06 05 01 AA 80 00 00 01 17 AB 00 00 01 18 CD 00 00 00 00 01 " + kSps +
+                " 00 00 00 01 " + kPps + " 00 00 01 67 42 C0 1E FF 00 00 01 68 CE 38 80"));
   EXPECT_EQ(std::tuple(f.sps_hex(), f.pps_hex(), hex(f.sei.data(), std::size_t(f.sei_len))),
             std::tuple(kSps, kPps, "06 05 01 AA 80"));
   EXPECT_FALSE(Found(unhex(kSps + kPps)).ok) << "bare units are not Annex B";
