@@ -34,6 +34,7 @@ TEST(Adts, HeadersFieldByFieldAndTheirConfigurations) {
       {"index 13 is reserved", "FF F1 74 80 00 FF FC", 7, false, {}, ""},
       {"sync word FFE", "FF E1 50 80 00 FF FC", 7, false, {}, ""},
       {"layer 1", "FF F3 50 80 00 FF FC", 7, false, {}, ""},
+      {"layer 2: MPEG-1 Layer II audio", "FF FD 50 80 00 FF FC", 7, false, {}, ""},
       {"frame of 6 bytes", "FF F1 50 80 00 DF FC", 7, false, {}, ""},
       {"CRC frame of 8 bytes", "FF F0 50 80 01 1F FC", 9, false, {}, ""},
       {"cut in the header", "FF F1 50 80 00 FF", 6, false, {}, ""},
