@@ -811,7 +811,8 @@ TEST(HevcGenerated, PictureOrderCountsWrittenForwards) {
           << +type;
       SliceHeader want, sh;
       const Unit unit = gen.slice(sps, pps, type, tid, want, ((poc % max) + max) % max);
-      trace += " " + std::to_string(type) + "/" + std::to_string(tid) + ":" + std::to_string(poc);
+      trace.append(" ").append(std::to_string(type)).append("/").append(std::to_string(tid)).append(":");
+      trace.append(std::to_string(poc));
       ASSERT_TRUE(parse_slice_header(unit.nal.data(), unit.nal.size(), sets, sh)) << boxlane::test::hex(unit.nal);
       ASSERT_EQ(counter.next(sh, sps, restart), poc)
           << "seed " << kSeed + 2 << " sequence " << n << ", MaxPicOrderCntLsb " << max << ", type/tid:count" << trace;
