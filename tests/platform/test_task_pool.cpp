@@ -66,6 +66,10 @@ TEST(TaskPool, WaitWakesOnItsOwnPoolsEventsAndActivationsOnly) {
   EXPECT_TRUE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
   ASSERT_TRUE(Rendavo_TaskPool_AddrDecEx(pool, 0, "10.0.0.1:5000"));
   EXPECT_TRUE(timed_out(Rendavo_TaskPool_WaitEventEx(pool, 0, 0)));
+  // A waiter alone on its pool is woken by an event too.
+  Waited alone = wait_on(pool, 0, 40000);
+  ASSERT_TRUE(Rendavo_TaskPool_AddrIncEx(pool, 0, "10.0.0.1:5000") && ready(alone, kLong) && alone.get().first);
+  ASSERT_TRUE(Rendavo_TaskPool_AddrDecEx(pool, 0, "10.0.0.1:5000"));
   // A bounded wait ends by its time-out in milliseconds (50 here: 50 s would outlast kLong).
   Waited brief = wait_on(pool, 0, 50);
   ASSERT_TRUE(ready(brief, kLong));
