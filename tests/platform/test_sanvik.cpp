@@ -69,13 +69,14 @@ TEST(Sanvik, FirstOfEachTypeWithinCapacity) {
   big.erase(big.begin() + 4 + SANVIK_PARAMSET_CAPACITY, big.begin() + 4 + 1500);
   EXPECT_EQ(Found(big).sps_len, SANVIK_PARAMSET_CAPACITY);
 
-  // SPSInfo takes the first SPS by its type, whatever its nal_ref_idc; one cut before level_idc fails, and no
-  // later SPS stands in for it.
+  // SPSInfo takes the first SPS by its type, whatever its nal_ref_idc; one cut before level_idc fails, leaves the
+  // block as it was, and no later SPS stands in for it.
   std::array<uint8_t, 16> info{};
   for (const auto& [bytes, expected] : {std::pair<std::string, std::string>("00 00 01 27 4D 40 1E", "4D 1E 40"),
-                                         {"00 00 01 67 4D 40 00 00 01 " + kSps, "none"}}) {
+                                         {"00 00 01 67 42 40 00 00 01 " + kSps, "none 4D 1E 40"}}) {
     const Bytes in = unhex(bytes);
-    EXPECT_EQ(Sanvik_Parse_SPSInfo(in.data(), int(in.size()), info.data()) ? hex(info.data(), 3) : "none", expected);
+    const bool found = Sanvik_Parse_SPSInfo(in.data(), int(in.size()), info.data());
+    EXPECT_EQ((found ? "" : "none ") + hex(info.data(), 3), expected);
   }
   // No bytes, a negative length, nowhere to write: refused.
   const Bytes sps = unhex("00 00 01 " + kSps);
