@@ -80,7 +80,7 @@ TEST(Adts, ProgramConfigElementMovesIntoTheConfiguration) {
       // A front CPE, a side SCE (tag 3), mono, stereo (element 5) and matrix (index 2) mixdowns, comment "hi".
       {"44.1 kHz, 3 channels", 4, "A2 A0 88 00 27 5C 80 C0 02 68 69 E0", "12 00 15 04 40 01 3A E4 06 02 68 69", 3},
       // 5.1: front SCE and CPE, back CPE, LFE, a data element, an independent coupling channel; no comment.
-      {"48 kHz, 5.1", 3, "A0 99 00 A4 40 21 10 29 80 00 E0", "11 80 04 C8 05 22 01 08 81 4C 00", 6},
+      {"16 kHz, 5.1", 8, "A0 C1 00 A4 40 21 10 29 80 00 E0", "14 00 06 08 05 22 01 08 81 4C 00", 6},
   };
   AdtsHeader h;
   h.profile = 1;
