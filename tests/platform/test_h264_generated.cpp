@@ -27,6 +27,8 @@ namespace {
 using namespace boxlane::h264;
 using boxlane::test::Bits;
 using boxlane::test::hex;
+using boxlane::test::kSampleAspectRatios;
+using boxlane::test::nal_byte_of;
 using Nal = std::vector<uint8_t>;
 
 constexpr int64_t kI32 = 2147483647;  // a 32-bit se(v) lies in -kI32..kI32
@@ -123,17 +125,13 @@ void hrd(Gen& g) {
 }
 
 void vui(Gen& g, Sps& s) {
-  // Table E-1.
-  static constexpr uint16_t kSar[17][2] = {{0, 0},  {1, 1},   {12, 11}, {10, 11}, {16, 11}, {40, 33},
-                                           {24, 11}, {20, 11}, {32, 11}, {80, 33}, {18, 11}, {15, 11},
-                                           {64, 33}, {160, 99}, {4, 3},  {3, 2},   {2, 1}};
   if (g.flag("aspect_ratio_info_present_flag")) {
     const int64_t idc = g.put(Gen::kU, 8, "aspect_ratio_idc", g.coin(6) ? 255 : g.draw(0, 16));
     if (idc == 255) {
       s.sar_width = uint16_t(g.u(16, "sar_width", 0, 65535));
       s.sar_height = uint16_t(g.u(16, "sar_height", 0, 65535));
     } else {
-      s.sar_width = kSar[idc][0], s.sar_height = kSar[idc][1];
+      s.sar_width = kSampleAspectRatios[idc][0], s.sar_height = kSampleAspectRatios[idc][1];
     }
   }
   if (g.flag("overscan_info_present_flag")) g.flag("overscan_appropriate_flag");
@@ -455,23 +453,10 @@ Reader slice_reader(std::shared_ptr<ParameterSets> sets) {
   };
 }
 
-// The unit without the RBSP byte that holds bit `end - 1` and those after it.
-Nal cut_before(const Nal& nal, std::size_t end) {
-  std::size_t i = 1, zeros = 0;
-  for (std::size_t kept = 0; kept < (end - 1) / 8; ++i) {
-    if (zeros >= 2 && nal[i] == 3) {  // emulation_prevention_three_byte
-      zeros = 0;
-      continue;
-    }
-    zeros = nal[i] ? 0 : zeros + 1;
-    ++kept;
-  }
-  return Nal(nal.begin(), nal.begin() + long(i));
-}
-
 void expect_read(const std::string& what, const Nal& nal, std::size_t end, const Reader& read, const std::string& want) {
   EXPECT_EQ(read(nal), want) << what << ": " << hex(nal);
-  EXPECT_EQ(read(cut_before(nal, end)), "refused") << what << ", cut before bit " << end << ": " << hex(nal);
+  const Nal cut(nal.begin(), nal.begin() + long(nal_byte_of(nal, 1, end - 1)));  // without the last read bit's byte
+  EXPECT_EQ(read(cut), "refused") << what << ", cut before bit " << end << ": " << hex(nal);
 }
 
 struct Dump {

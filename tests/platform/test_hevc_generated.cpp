@@ -25,6 +25,7 @@ namespace {
 
 using namespace boxlane::hevc;
 using boxlane::test::Bits;
+using boxlane::test::kSampleAspectRatios;
 using Nal = std::vector<uint8_t>;
 
 // The fields whose legal range the parser enforces; a unit may be built with one of them one past its range.
@@ -90,11 +91,6 @@ std::string describe(const SliceHeader& s) {
     << s.pic_output << " lsb " << s.poc_lsb;
   return o.str();
 }
-
-// Table E-1.
-constexpr uint16_t kSar[17][2] = {{0, 0},   {1, 1},   {12, 11}, {10, 11}, {16, 11}, {40, 33},
-                                  {24, 11}, {20, 11}, {32, 11}, {80, 33}, {18, 11}, {15, 11},
-                                  {64, 33}, {160, 99}, {4, 3},  {3, 2},   {2, 1}};
 
 // Table 7-1.
 constexpr bool irap(uint8_t type) { return type >= 16 && type <= 23; }
@@ -331,7 +327,7 @@ class Generator {
         want.sar_width = uint16_t(draw(1, 65535)), want.sar_height = uint16_t(draw(1, 65535));
         b.u(16, want.sar_width).u(16, want.sar_height);
       } else if (idc <= 16) {
-        want.sar_width = kSar[idc][0], want.sar_height = kSar[idc][1];
+        want.sar_width = kSampleAspectRatios[idc][0], want.sar_height = kSampleAspectRatios[idc][1];
       }
     }
     if (coin()) b.u(1, 1).u(1, coin());  // overscan_info_present_flag, overscan_appropriate_flag
@@ -639,20 +635,6 @@ class Generator {
   bool deblocking_off_ = false, header_extension_ = false, chroma_qp_list_ = false;
 };
 
-// The bytes of `nal` up to and including the one that holds RBSP bit `bit` (0 the first after the header).
-std::size_t bytes_through(const Nal& nal, std::size_t bit) {
-  std::size_t rbsp = 0, zeros = 0;
-  for (std::size_t i = 2; i < nal.size(); ++i) {
-    if (zeros >= 2 && nal[i] == 3) {
-      zeros = 0;
-      continue;
-    }
-    zeros = nal[i] == 0 ? zeros + 1 : 0;
-    if (rbsp++ == bit / 8) return i + 1;
-  }
-  return nal.size();
-}
-
 // Reads one unit of a case: the description of what was read, or "refused". A slice is read with the case's SPS
 // and PPS, or with its PPS alone.
 std::string read(const Case& c, int kind, const Nal& nal, bool with_sps = true) {
@@ -702,7 +684,7 @@ TEST(HevcGenerated, RandomUnitsReadAsBuilt) {
       };
       ASSERT_EQ(read(c, kind, unit->nal), want[kind]) << where();
       // Cut before its last read bit, at that bit's byte or anywhere before it, it is refused.
-      const std::size_t through = bytes_through(unit->nal, unit->read_bits - 1);
+      const std::size_t through = boxlane::test::nal_byte_of(unit->nal, 2, unit->read_bits - 1) + 1;
       for (const std::size_t cut : {through - 1, std::size_t(gen.draw(0, int64_t(through) - 1))})
         EXPECT_EQ(read(c, kind, Nal(unit->nal.begin(), unit->nal.begin() + long(cut))), "refused")
             << where() << " cut to " << cut;

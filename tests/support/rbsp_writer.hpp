@@ -3,6 +3,7 @@
 #pragma once
 
 #include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -45,5 +46,25 @@ struct Bits {
     return with_header({uint8_t(type << 1), uint8_t(temporal_id + 1)});
   }
 };
+
+// Table E-1 of both ITU-T H.264 and ISO/IEC 23008-2: the sample aspect ratio of each aspect_ratio_idc below 17.
+inline constexpr uint16_t kSampleAspectRatios[17][2] = {{0, 0},   {1, 1},   {12, 11}, {10, 11}, {16, 11}, {40, 33},
+                                                        {24, 11}, {20, 11}, {32, 11}, {80, 33}, {18, 11}, {15, 11},
+                                                        {64, 33}, {160, 99}, {4, 3},  {3, 2},   {2, 1}};
+
+// Where in `nal` the byte holding RBSP bit `bit` lies (bit 0 the first after the `header` bytes), emulation
+// prevention bytes passed over; nal.size() when the unit ends before it.
+inline std::size_t nal_byte_of(const std::vector<uint8_t>& nal, std::size_t header, std::size_t bit) {
+  std::size_t rbsp = 0, zeros = 0;
+  for (std::size_t i = header; i < nal.size(); ++i) {
+    if (zeros >= 2 && nal[i] == 3) {  // emulation_prevention_three_byte
+      zeros = 0;
+      continue;
+    }
+    zeros = nal[i] == 0 ? zeros + 1 : 0;
+    if (rbsp++ == bit / 8) return i;
+  }
+  return nal.size();
+}
 
 }  // namespace boxlane::test
