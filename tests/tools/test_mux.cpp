@@ -215,6 +215,38 @@ std::vector<uint8_t> cut_at(const std::string& stream, int packet) {
   return {bytes.begin() + std::stol(row), bytes.end()};
 }
 
+// A recording cut in the middle of a GOP, its audio from the same moment: the audio that went with the pictures
+// left out goes too. A flash and a 1 kHz tone that start together (2.2 s after the cut, 0.6 s after the first IDR
+// picture) are shown and heard together in both layouts, where FFmpeg's signalstats and astats find them.
+TEST(Mux, AudioOfTheDroppedLeadingPicturesGoesWithThem) {
+  BOXLANE_REQUIRE_FFMPEG();
+  const std::string dir = temp_dir() + "/", video = dir + "flash.h264", audio = dir + "tone.aac", out = dir + "sync.mp4";
+  ASSERT_EQ(ffmpeg("-v error -f lavfi -i \"color=size=64x64:rate=25:duration=4,geq=lum='if(gte(T,2.6),235,16)':cb=128:cr=128\" "
+                   "-f lavfi -i \"aevalsrc='if(gte(t,2.2),sin(2*PI*1000*t),0)':s=48000:d=3.6\" -map 0:v -c:v libx264 -g 50 "
+                   "-bf 2 -x264-params scenecut=0 -f h264 " + shell_quote(dir + "whole.h264") + " -map 1:a -c:a aac -f adts " +
+                   shell_quote(audio)), 0);
+  write_file(video, cut_at(dir + "whole.h264", 10));  // 0.4 s in: 40 pictures before the IDR picture at 2 s
+  // The time of the first frame whose statistic, printed by `filter`, matches `value`.
+  const auto first = [&](const char* map, const std::string& filter, const std::string& value) {
+    std::string log;
+    run("ffmpeg -nostdin -v info -i " + shell_quote(out) + " -map " + map + " -" + map[2] + "f " + filter + " -f null - 2>&1", &log);
+    std::smatch m;
+    return std::regex_search(log, m, std::regex("pts_time:([0-9.]+)\\n[^\\n]*" + value)) ? std::stod(m[1]) : -1.0;
+  };
+  for (const char* layout : {"", "--fragment 1 "}) {
+    SCOPED_TRACE(layout);
+    const MuxResult r = mux("-v " + shell_quote(video) + " -a " + shell_quote(audio) + " " + layout + "-o " + shell_quote(out));
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("(40 leading pictures that cannot be decoded dropped); audio AAC 48000 Hz mono, 95 frames "
+                            "(75 before the first picture dropped, to stay in sync)"), std::string::npos) << r.output;
+    const double flash = first("0:v", "signalstats,metadata=print:key=lavfi.signalstats.YAVG", "YAVG=2\\d\\d");
+    EXPECT_NEAR(flash, 0.6, 1e-6);
+    // Within a frame of 1024 samples, and the encoder's 1024 samples of priming.
+    EXPECT_NEAR(first("0:a", "astats=metadata=1:reset=1,ametadata=print:key=lavfi.astats.Overall.RMS_level",
+                      "RMS_level=-1?\\d\\."), flash, 0.025);
+  }
+}
+
 // Streams in the shapes other encoders and broadcast gear write, whole and fragmented: FFmpeg
 // decodes the frames it decodes from the elementary stream; the sync samples as mp4box.js reads
 // them (ISO/IEC 14496-12 §8.6.2), the frames with A/53 captions, what the summary says was dropped.

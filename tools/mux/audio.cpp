@@ -111,4 +111,13 @@ void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, 
   if (out.frames.empty()) throw ToolError(name + ": no ADTS frames found");
 }
 
+uint64_t drop_first_frames(AudioStream& s, uint64_t count) {
+  const auto n = static_cast<std::ptrdiff_t>(std::min<uint64_t>(count, s.frames.empty() ? 0 : s.frames.size() - 1));
+  for (auto f = s.frames.begin(); f != s.frames.begin() + n; ++f) s.payload_bytes -= f->size - f->header_size;
+  s.frames.erase(s.frames.begin(), s.frames.begin() + n);
+  s.max_frame_size = 0;
+  for (const AudioFrame& f : s.frames) s.max_frame_size = std::max(s.max_frame_size, f.size);
+  return static_cast<uint64_t>(n);
+}
+
 }  // namespace boxlane::tool

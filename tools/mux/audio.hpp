@@ -46,4 +46,8 @@ inline std::size_t adts_frame_length(const uint8_t* header) {
 void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, AudioStream& out,
                 const std::function<void(const uint8_t*)>& read_to = {});
 
+// Leaves out the first `count` frames, but never the last one: the audio that
+// went with video pictures left out at the start. Returns how many went.
+uint64_t drop_first_frames(AudioStream& s, uint64_t count);
+
 }  // namespace boxlane::tool

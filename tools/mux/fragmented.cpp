@@ -94,6 +94,9 @@ class FragmentWriter {
     remember_first();
     out_ = std::make_unique<InPlaceOutput>(in_.output);
     write_init_segment();
+    if (vin_ && ain_) {
+      drop_first_audio(audio_frames_during(vchunks_->dropped_leading(), fps_.num, fps_.den, sample_rate_));
+    }
 
     for (;;) {
       const Plan plan = plan_fragment();
@@ -192,6 +195,28 @@ class FragmentWriter {
     }
     p.need_audio = true;
     return p;
+  }
+
+  // Both inputs start at the same moment: the audio frames that went with
+  // the pictures left out before the first piece go too (never the last
+  // frame, as the movie path keeps it).
+  void drop_first_audio(uint64_t count) {
+    while (count > 0) {
+      if (a_.scanned < 2 && !audio_ended()) {
+        pump(false, true);
+        continue;
+      }
+      if (a_.scanned < 2) break;
+      const AudioChunk& chunk = a_.chunks.front();
+      if (++a_.used == chunk.stream.frames.size()) {
+        a_.bytes -= chunk.bytes.size();
+        a_.chunks.pop_front();
+        a_.used = 0;
+      }
+      --a_.scanned;
+      --count;
+      ++audio_dropped_;
+    }
   }
 
   // Reads from the inputs the next fragment waits for (and from pipes a
@@ -468,6 +493,7 @@ class FragmentWriter {
       r.channel_config = channel_config_;
       r.channels = channels_;
       r.audio_frames = a_.written;
+      r.audio_dropped = audio_dropped_;
     }
     r.timescale = timing_.timescale;
     r.duration = duration();
@@ -519,6 +545,7 @@ class FragmentWriter {
   Bytes payload_, header_;
   uint64_t fragments_ = 0;
   uint64_t video_end_ = 0, audio_end_ = 0;
+  uint64_t audio_dropped_ = 0;
   bool reordered_ = false;
   uint32_t sps_width_ = 0, sps_height_ = 0, sample_rate_ = 0;
   uint8_t channel_config_ = 0;

@@ -39,6 +39,7 @@ struct FragmentedResult {
   uint8_t channel_config = 0;
   uint32_t channels = 0;
   uint64_t audio_frames = 0;
+  uint64_t audio_dropped = 0;  // frames that went with the pictures left out
   uint32_t timescale = 1;
   uint64_t duration = 0;  // time scale units
   uint64_t file_size = 0;

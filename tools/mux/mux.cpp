@@ -21,6 +21,7 @@
 #include "tools/common/mapped_file.hpp"
 #include "tools/mux/fragmented.hpp"
 #include "tools/mux/movie.hpp"
+#include "tools/mux/timing.hpp"
 #include "tools/mux/video.hpp"
 
 namespace boxlane::tool {
@@ -58,7 +59,8 @@ constexpr const char* kUsage =
     "                       over a network can start before the whole file arrives\n"
     "      --keep-leading   H.264: keep the pictures before the first IDR picture or\n"
     "                       recovery point, which no decoder can show correctly\n"
-    "                       (by default they are dropped, and counted in the summary)\n"
+    "                       (by default they are dropped, and counted in the summary,\n"
+    "                       with the audio that went with them, to keep sync)\n"
     "      --strip-sei      H.264: leave SEI NAL units (captions, timing, encoder\n"
     "                       notes) out of the samples (by default each stays in its\n"
     "                       picture's sample)\n"
@@ -217,6 +219,12 @@ std::string dropped_text(uint32_t dropped) {
   return " (" + std::to_string(dropped) + " leading picture" + (dropped == 1 ? "" : "s") + " that cannot be decoded dropped)";
 }
 
+// Audio frames left out with those pictures.
+std::string dropped_audio_text(uint64_t dropped) {
+  if (dropped == 0) return {};
+  return " (" + std::to_string(dropped) + " before the first picture dropped, to stay in sync)";
+}
+
 // A path that is standard input, a pipe or a FIFO: read as it arrives.
 bool is_live(const std::string& path) {
   if (path == "-") return true;
@@ -285,7 +293,7 @@ int run_fragmented(const Options& o) {
     if (!o.audio.empty()) {
       if (!tracks.empty()) tracks += "; ";
       tracks += "audio AAC " + std::to_string(r.sample_rate) + " Hz " + channels_text(r.channel_config, r.channels) + ", " +
-                count_text(r.audio_frames, "frame", "frames");
+                count_text(r.audio_frames, "frame", "frames") + dropped_audio_text(r.audio_dropped);
     }
     std::printf("%s: %s; %.2f s, %s in %s, written in %.2f s\n", o.output.c_str(), tracks.c_str(),
                 static_cast<double>(r.duration) / r.timescale, size_text(r.file_size).c_str(),
@@ -339,6 +347,16 @@ int run(const Options& o) {
     scan_audio(audio_file->data(), audio_file->size(), o.audio, audio, in.audio_read);
     in.audio = &audio;
   }
+  // Both inputs start at the same moment: the audio that went with the
+  // pictures left out at the start goes too, so the first picture shown
+  // comes with the sound recorded with it.
+  uint64_t audio_dropped = 0;
+  const uint32_t pictures_dropped =
+      video.codec == VideoCodec::kH265 ? video.skipped_before_parameter_sets : video.dropped_leading;
+  if (in.video && in.audio && pictures_dropped) {
+    audio_dropped = drop_first_frames(
+        audio, audio_frames_during(pictures_dropped, in.fps.num, in.fps.den, audio.config.sample_rate));
+  }
   in.forced_timescale = o.timescale;
   in.faststart = o.faststart;
   in.output = o.output;
@@ -371,7 +389,7 @@ int run(const Options& o) {
       if (!tracks.empty()) tracks += "; ";
       tracks += "audio AAC " + std::to_string(audio.config.sample_rate) + " Hz " +
                 channels_text(audio.config.channel_config, audio.channels) + ", " +
-                count_text(audio.frames.size(), "frame", "frames");
+                count_text(audio.frames.size(), "frame", "frames") + dropped_audio_text(audio_dropped);
     }
     std::printf("%s: %s; %.2f s, %s%s, written in %.2f s\n", o.output.c_str(), tracks.c_str(),
                 static_cast<double>(result.duration) / result.timescale, size_text(result.file_size).c_str(),

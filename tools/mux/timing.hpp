@@ -49,4 +49,8 @@ struct Timing {
 // 2^32 ticks the headers are written in their 64-bit form.
 Timing choose_timing(const TimingInput& in);
 
+// How many 1024-sample AAC frames at `sample_rate` last as long as `pictures`
+// video frames at num/den frames per second, to the nearest frame.
+uint64_t audio_frames_during(uint64_t pictures, uint32_t fps_num, uint32_t fps_den, uint32_t sample_rate) noexcept;
+
 }  // namespace boxlane::tool
