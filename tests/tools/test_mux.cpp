@@ -201,6 +201,17 @@ TEST(Mux, FieldPairsBecomeOneSampleEach) {
   std::string packets;
   run("ffprobe -v quiet -show_entries packet=pts_time,size,flags -of csv=p=0 " + shell_quote(dir + "/out.mp4"), &packets);
   EXPECT_EQ(packets, "0.000000,24,K_\n0.120000,24,__\n0.040000,24,__\n0.080000,24,__\n");
+  // The P pair before the IDR picture as well: two fields go, and with them the audio of one frame (not of two):
+  // at 48 kHz, 2 AAC frames of 1024 samples.
+  write_file(dir + "/late.h264", cat({unhex("00000001674d001ee5294a1000000300100000030328400000000168ce3c80"
+                                            "00000001419a306080888040 00000001419a386880888040"),
+                                      read_file(dir + "/fields.h264")}));
+  for (const char* layout : {"", "--fragment 1 "}) {
+    const MuxResult r = mux("--video " + shell_quote(dir + "/late.h264") + " --audio " +
+                            shell_quote(source_dir() + "/tests/data/sample.aac") + " " + layout + "-o " + shell_quote(dir + "/out.mp4"));
+    EXPECT_NE(r.output.find("(2 leading pictures that cannot be decoded dropped); audio AAC 48000 Hz stereo, 234 frames "
+                            "(2 before the first picture dropped"), std::string::npos) << r.output;
+  }
 }
 
 // The elementary stream from its `packet`-th access unit on (from 0), where FFmpeg's parser

@@ -95,7 +95,8 @@ class FragmentWriter {
     out_ = std::make_unique<InPlaceOutput>(in_.output);
     write_init_segment();
     if (vin_ && ain_) {
-      drop_first_audio(audio_frames_during(vchunks_->dropped_leading(), fps_.num, fps_.den, sample_rate_));
+      drop_first_audio(audio_frames_during(vchunks_->dropped_leading(), vchunks_->dropped_fields(), fps_.num, fps_.den,
+                                           sample_rate_));
     }
 
     for (;;) {

@@ -355,7 +355,7 @@ int run(const Options& o) {
       video.codec == VideoCodec::kH265 ? video.skipped_before_parameter_sets : video.dropped_leading;
   if (in.video && in.audio && pictures_dropped) {
     audio_dropped = drop_first_frames(
-        audio, audio_frames_during(pictures_dropped, in.fps.num, in.fps.den, audio.config.sample_rate));
+        audio, audio_frames_during(pictures_dropped, video.dropped_fields, in.fps.num, in.fps.den, audio.config.sample_rate));
   }
   in.forced_timescale = o.timescale;
   in.faststart = o.faststart;

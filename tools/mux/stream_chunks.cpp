@@ -245,6 +245,7 @@ void VideoChunker::scan(VideoChunk& out) const {
 
 void VideoChunker::counted(const VideoChunk& out) noexcept {
   dropped_ += h265() ? out.stream.skipped_before_parameter_sets : out.stream.dropped_leading;
+  dropped_fields_ += out.stream.dropped_fields;
   ++emitted_;
 }
 
@@ -327,6 +328,7 @@ bool VideoChunker::emit(std::size_t end, bool last, VideoChunk& out) {
     // with no IDR picture at all is one last piece, refused as there.
     if (out.stream.only_leading && !emitted_ && !last) {
       dropped_ += out.stream.dropped_leading;
+      dropped_fields_ += out.stream.dropped_fields;
       return false;
     }
     const std::string message = shift_offsets(e.what(), shift);

@@ -46,6 +46,8 @@ class VideoChunker {
   // one after an end of sequence). A stream cut in the middle of a group of
   // pictures starts with a piece of such pictures alone, left out whole.
   uint32_t dropped_leading() const noexcept { return dropped_; }
+  // Of those, the H.264 single fields (half a frame each).
+  uint32_t dropped_fields() const noexcept { return dropped_fields_; }
   // Where the input stopped in the middle of a NAL unit that could not be
   // read, when it did; the pictures before it are kept.
   bool cut_short() const noexcept { return cut_short_; }
@@ -88,6 +90,7 @@ class VideoChunker {
   uint64_t emitted_ = 0;           // pieces with pictures handed out
   bool done_ = false;
   uint32_t dropped_ = 0;
+  uint32_t dropped_fields_ = 0;
   bool cut_short_ = false;
   uint64_t cut_at_ = 0;
   std::vector<ParameterSet> sets_;

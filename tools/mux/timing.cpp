@@ -64,12 +64,12 @@ Timing choose_timing(const TimingInput& in) {
   throw ToolError("no time scale gives every frame a duration of at most 2^31 - 1 ticks");
 }
 
-uint64_t audio_frames_during(uint64_t pictures, uint32_t fps_num, uint32_t fps_den, uint32_t sample_rate) noexcept {
-  if (fps_num == 0) return 0;
-  using Wide = unsigned __int128;
-  const Wide n = Wide{pictures} * fps_den * sample_rate, d = Wide{fps_num} * 1024;
-  const Wide frames = (2 * n + d) / (2 * d);
-  return frames > UINT64_MAX ? UINT64_MAX : static_cast<uint64_t>(frames);
+uint64_t audio_frames_during(uint64_t pictures, uint64_t fields, uint32_t fps_num, uint32_t fps_den,
+                             uint32_t sample_rate) noexcept {
+  if (fps_num == 0 || fields > pictures) return 0;
+  // In long double: the product may pass 2^64 at odd rates, and rounds right.
+  const long double frames = (2.0L * pictures - fields) * fps_den * sample_rate / (2048.0L * fps_num);
+  return frames >= 1e18L ? UINT64_MAX : static_cast<uint64_t>(frames + 0.5L);
 }
 
 }  // namespace boxlane::tool

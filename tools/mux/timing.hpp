@@ -50,7 +50,9 @@ struct Timing {
 Timing choose_timing(const TimingInput& in);
 
 // How many 1024-sample AAC frames at `sample_rate` last as long as `pictures`
-// video frames at num/den frames per second, to the nearest frame.
-uint64_t audio_frames_during(uint64_t pictures, uint32_t fps_num, uint32_t fps_den, uint32_t sample_rate) noexcept;
+// video pictures at num/den frames per second, `fields` of them single fields
+// (half a frame), to the nearest frame.
+uint64_t audio_frames_during(uint64_t pictures, uint64_t fields, uint32_t fps_num, uint32_t fps_den,
+                             uint32_t sample_rate) noexcept;
 
 }  // namespace boxlane::tool

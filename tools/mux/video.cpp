@@ -165,9 +165,12 @@ class Scanner {
 
   // A slice of a picture that is left out: counted once per picture, by its
   // first slice (first_mb_in_slice 0, which needs no parameter set to read).
-  void drop(const NalUnit& nal) {
+  void drop(const NalUnit& nal, bool field) {
     h264::BitReader br(nal.data, nal.size);
-    if (br.ue() == 0 && br.ok()) ++out_.dropped_leading;
+    if (br.ue() == 0 && br.ok()) {
+      ++out_.dropped_leading;
+      if (field) ++out_.dropped_fields;
+    }
     pending_sei_.clear();
     recovery_point_ = false;
   }
@@ -180,7 +183,7 @@ class Scanner {
       // where decoding can start, cannot be shown correctly by anyone; a
       // stream cut from a broadcast starts like this.
       const bool random_access = readable && (sh.idr() || recovery_point_);
-      if (!readable || (!random_access && !options_.keep_leading)) return drop(nal);
+      if (!readable || (!random_access && !options_.keep_leading)) return drop(nal, readable && sh.field_pic);
       started_ = true;
       started_at_idr_ = sh.idr();
     }

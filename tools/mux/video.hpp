@@ -80,6 +80,8 @@ struct VideoStream {
   // when it is not an IDR picture, those shown before it that need the
   // pictures before it), counted by their first slice.
   uint32_t dropped_leading = 0;
+  // Of those, the ones read as single fields: each lasted half a frame.
+  uint32_t dropped_fields = 0;
   // Set when the scan is refused because every picture was left out that
   // way: none comes at or after a random access point.
   bool only_leading = false;
