@@ -244,8 +244,6 @@ TEST_F(ProbeTool, AgreesWithFfprobeOnFilesFromFfmpegAndFromOurWriter) {
   EXPECT_EQ(strict["stream_stop.box"], "mdat");
 }
 
-// The same report however the input comes: pieces of any size, several pools, a pipe (which cannot seek, so mdat
-// payloads are read and thrown away there); an upper-case MDAT is skipped all the same.
 // AudioSpecificConfig (ISO/IEC 14496-3 §1.6.2.1), bits written out by hand: the escaped object type (31, then
 // 6 bits more: 32 + 10 = 42) and the explicit 24-bit rate of frequency index 15; a cut config reads as none.
 TEST(ProbeAudioConfig, EscapedObjectTypeAndExplicitRate) {

@@ -496,8 +496,7 @@ t 'for id in f1 f9; do cp a.mp4 adts.mp4; poke adts.mp4 40 "\\xff\\x$id"; poke a
 t 'ln -f av.mp4 hard.mp4 && ln -sf av.mp4 soft.mp4 && { remux av.mp4 -o hard.mp4 || remux av.mp4 -o soft.mp4; }; kept av.mp4'
 t 'onto_old empty -o out.mp4'
 t 'for a in "--fragment 3600.001" "--fragment 1s" --bogus; do brief 1 remux av.mp4 -o x.mp4 $a; done; brief 1 remux av.mp4 -o'
-t 'brief 1 remux --help'
-t 'brief 1 remux -h && remux a.mp4 --output ro.mp4 && digest ro.mp4'
+t 'brief 1 remux --help && brief 1 remux -h && remux a.mp4 --output ro.mp4 && digest ro.mp4'
 t 'brief 1 remux a.mp4 av.mp4 -o x.mp4 || brief 1 probe a.mp4 av.mp4'
 t 'remux av.mp4 --fragment 3600 -o f3600.mp4 && digest f3600.mp4'
 # Notices: the video's stts made empty and its id 2^31 + 1; its stts deltas 0 and the audio's channels 6 (5.1).
