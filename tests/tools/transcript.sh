@@ -273,7 +273,7 @@ t '(dd bs=32 count=1 of=/dev/null status=none; probe -) < fs.mp4 | head -2'
 # What probe says of a file it cannot read, fed a byte at a time and through a pipe, with each exit status.
 bytewise() { probe --piece 1 "$1"; echo "[exit $?]"; cat "$1" | probe -; echo "[exit $?]"; }
 ftyp=$(be32 20)ftypisom$(be32 512)isom
-t 'printf $ftyp$(be32 1)moov$(be32 0) > cut_in_large_header.mp4; bytewise cut_in_large_header.mp4'
+t 'printf $ftyp$(be32 1)moov$(be32 0) > cut_in_large_header.mp4; head -c 23 cut_in_large_header.mp4 | probe -; bytewise cut_in_large_header.mp4'
 t '{ printf $ftyp$(be32 1)moov$(be32 0)$(be32 1000); head -c 10 /dev/zero; } > cut_in_large.mp4; bytewise cut_in_large.mp4'
 t 'head -c $((32 + $(u32_at fs.mp4 32) + 100)) fs.mp4 > cut_in_mdat.mp4; bytewise cut_in_mdat.mp4'
 # A type of printable letters and a DEL byte.
@@ -345,8 +345,9 @@ t 'h=$(box_at a.mp4 hdlr); { head -c $((h + 32)) a.mp4; printf "$handler_name"; 
 t 'for h in hint meta text sbtl abcd; do tail -c +33 a.mp4 > $h.mp4; poke $h.mp4 $(($(box_at $h.mp4 hdlr) + 16)) $h; probe $h.mp4 | sed -n "2p;6p"; done'
 # An ftyp without compatible brands; none at all, in JSON.
 t '{ printf $(be32 16)ftypisom$(be32 512); tail -c +33 a.mp4; } > nobrands.mp4; probe nobrands.mp4 | sed -n 2p; probe --json nobrands.mp4 | grep -A4 "\"file_type\""; probe --json hint.mp4 | grep "\"file_type\""'
-# The audio's layer 2 and alternate group 1, its balance all to the left: as the JSON shows them.
-t 'cp a.mp4 alt.mp4; poke alt.mp4 $(($(box_at a.mp4 tkhd) + 40)) "\\0\\2\\0\\1"; poke alt.mp4 $(($(box_at a.mp4 smhd) + 12)) "\\xff\\0"; probe --json alt.mp4 | untimed | grep -E "\"(tkhd|media_header)\": "'
+# The video's layer 2 and alternate group 1, its vmhd's graphicsmode 0x40 and opcolor 0x8000 each (ISO/IEC 14496-12
+# §12.1.2), the audio's balance all to the left: as the JSON shows them.
+t 'cp av.mp4 alt.mp4; poke alt.mp4 $(($(box_at av.mp4 tkhd) + 40)) "\\0\\2\\0\\1"; poke alt.mp4 $(($(box_at av.mp4 smhd) + 12)) "\\xff\\0"; poke alt.mp4 $(($(box_at av.mp4 vmhd) + 12)) "\\0\\x40\\x80\\0\\x80\\0\\x80\\0"; probe --json alt.mp4 | untimed | grep -E "\"(tkhd|media_header)\": "'
 # An esds without an AudioSpecificConfig: the entry's own numbers.
 t 'cp a.mp4 no_config.mp4; poke no_config.mp4 $(($(box_at no_config.mp4 esds) + 32)) "\\x06"; probe no_config.mp4 | grep codec:; poke no_config.mp4 $(($(box_at no_config.mp4 mp4a) + 24)) "\\x00\\x01"; probe no_config.mp4 | grep codec:'
 t 'probe --json no_config.mp4 | grep -E "audio_(object|specific)"'
@@ -475,12 +476,12 @@ t 'sps_pad 1016 sps1016.mp4 && remux sps1016.mp4 -o r1016.mp4 && digest r1016.mp
 # Sets that fill the 16384 bytes the parser keeps, and a byte more: probe names both or only the SPS.
 t 'for n in 16384 16385; do sps_pad $n sps$n.mp4 && probe sps$n.mp4 | grep -m1 codec; done'
 t 'probe --json sps16385.mp4 | grep -m1 truncated'
-# The hvcC with 2-byte NAL unit lengths, with no arrays; the entry named hev1.
 # Sets that fill the 16384 bytes the parser keeps are all copied; a byte more loses the PPS, and the track is refused.
 t 'for n in 16384 16385; do hvc_pad $n h$n.mp4 && remux h$n.mp4 -o rh$n.mp4 && probe rh$n.mp4 | grep -m1 codec; done'
+# The hvcC with 2-byte NAL unit lengths, with no arrays; the entry named HEV1 (fourccs match in any case).
 t 'cp h265.mp4 hnal2.mp4; poke hnal2.mp4 $(($(box_at h265.mp4 hvcC) + 29)) "\\x0d"; onto_old hnal2.mp4 -o out.mp4'
 t 'cp h265.mp4 hnone.mp4; poke hnone.mp4 $(($(box_at h265.mp4 hvcC) + 30)) "\\0"; onto_old hnone.mp4 -o out.mp4'
-t 'cp h265.mp4 hev1.mp4; poke hev1.mp4 $(($(box_at h265.mp4 stsd) + 21)) ev; remux hev1.mp4 -o rhev1.mp4 && digest rhev1.mp4'
+t 'cp h265.mp4 hev1.mp4; poke hev1.mp4 $(($(box_at h265.mp4 stsd) + 20)) HEV1; remux hev1.mp4 -o rhev1.mp4 && digest rhev1.mp4 && probe hev1.mp4 | grep -m1 codec:'
 # A second video track, a second audio track, and a subtitle track (sbtl, tx3g) left out with a notice.
 t 'for k in 1 2; do third $k plus$k.mp4 && onto_old plus$k.mp4 -o out.mp4; done'
 t 'third 2 sub.mp4 && set -- $(LC_ALL=C grep -obaE "hdlr|mp4a" sub.mp4 | tail -2 | cut -d: -f1) && poke sub.mp4 $(($1 + 12)) sbtl && poke sub.mp4 $2 tx3g && remux sub.mp4 --skip-unsupported -o rsub.mp4 && remux -q --skip-unsupported sub.mp4 -o rsub.mp4 && show rsub.mp4'
