@@ -63,7 +63,7 @@ TEST(TaskPool, WaitWakesOnItsOwnPoolsEventsAndActivationsOnly) {
   // A pending event keeps every wait returning at once until it is counted down; an activation made meanwhile is
   // used up by the first of them.
   ASSERT_TRUE(Rendavo_TaskPool_ActiveEventEx(pool, 0));
-  EXPECT_TRUE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
+  EXPECT_TRUE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0) && Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
   ASSERT_TRUE(Rendavo_TaskPool_AddrDecEx(pool, 0, "10.0.0.1:5000"));
   EXPECT_TRUE(timed_out(Rendavo_TaskPool_WaitEventEx(pool, 0, 0)));
   // A waiter alone on its pool is woken by an event too.
@@ -79,8 +79,8 @@ TEST(TaskPool, WaitWakesOnItsOwnPoolsEventsAndActivationsOnly) {
   EXPECT_TRUE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
   EXPECT_FALSE(Rendavo_TaskPool_WaitEventEx(pool, 0, 0));
 
-  // Destroying wakes every blocked waiter of every pool with CLOSED, those of any negative time-out (no limit) too; a
-  // new pool does not answer to the old handle.
+  // Destroying wakes every blocked waiter of every pool with CLOSED, those of any negative time-out (no limit) too,
+  // and leaves this thread's last error its own; a new pool does not answer to the old handle.
   std::vector<Waited> waiters;
   for (const auto& [index, timeout] : {std::pair{0, -1}, std::pair{0, 40000}, std::pair{1, INT_MIN}})
     waiters.push_back(wait_on(pool, index, timeout));
@@ -89,6 +89,7 @@ TEST(TaskPool, WaitWakesOnItsOwnPoolsEventsAndActivationsOnly) {
     ASSERT_TRUE(ready(w, kLong));
     EXPECT_EQ(w.get(), std::pair(false, uint64_t{RENDAVO_ERROR_TASKPOOL_CLOSED}));
   }
+  EXPECT_TRUE(timed_out(false)) << "the waiters' CLOSED, not this thread's TIMEOUT";
   void* other = Rendavo_TaskPool_CreateEx(1);
   EXPECT_TRUE(refused(Rendavo_TaskPool_AddrIncEx(pool, 0, "peer")) && refused(Rendavo_TaskPool_DestoryEx(pool)));
   EXPECT_TRUE(Rendavo_TaskPool_DestoryEx(other));
