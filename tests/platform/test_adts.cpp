@@ -47,6 +47,7 @@ TEST(Adts, HeadersFieldByFieldAndTheirConfigurations) {
     int info[4] = {-1, -1, -1, -1};
     ASSERT_EQ(parse_adts(bytes.data(), bytes.size(), h), c.ok);
     ASSERT_EQ(Sanvik_Parse_AACInfo(bytes.data(), int(bytes.size()), &info[0], &info[1], &info[2], &info[3]), c.ok);
+    ASSERT_EQ(Sanvik_Parse_AACInfo(bytes.data(), int(bytes.size()), nullptr, nullptr, nullptr, nullptr), c.ok);
     if (!c.ok) continue;
     EXPECT_FALSE(Sanvik_Parse_AACInfo(bytes.data(), -1, &info[0], &info[1], &info[2], &info[3])) << "length -1";
     EXPECT_EQ((std::array<unsigned, 4>{unsigned(info[0]), unsigned(info[1]), unsigned(info[2]), unsigned(info[3])}),
