@@ -79,13 +79,12 @@ TEST(Sanvik, FirstOfEachTypeWithinCapacity) {
     EXPECT_EQ((found ? "" : "none ") + hex(info.data(), 3), expected);
   }
   // No bytes, a negative length, nowhere to write: refused.
-  const Bytes sps = unhex("00 00 01 " + kSps);
-  EXPECT_FALSE(Sanvik_Parse_SPSInfo(nullptr, 8, info.data()) || Sanvik_Parse_SPSInfo(sps.data(), -1, info.data()) ||
-               Sanvik_Parse_SPSInfo(sps.data(), int(sps.size()), nullptr));
+  const Bytes all = unhex("00 00 01 " + kSps + " 00 00 01 " + kPps + " 00 00 01 06 05 01 AA 80");
+  EXPECT_FALSE(Sanvik_Parse_SPSInfo(nullptr, 8, info.data()) || Sanvik_Parse_SPSInfo(all.data(), -1, info.data()) ||
+               Sanvik_Parse_SPSInfo(all.data(), int(all.size()), nullptr));
 
   // A slot without a buffer or a length is passed over, though its length is still cleared (H.264 has no VPS);
   // without the PPS's length there is no PPS to deliver. A negative length: refused.
-  const Bytes all = unhex("00 00 01 " + kSps + " 00 00 01 " + kPps + " 00 00 01 06 05 01 AA 80");
   std::array<uint8_t, SANVIK_PARAMSET_CAPACITY> sps_buf{}, pps_buf{}, sei_buf{};
   int sps_len = -1, pps_len = -1, vps_len = -1, sei_len = -1;
   const bool no_sei_buffer = Sanvik_Parse_VideoHdr(all.data(), int(all.size()), 27, 0, sps_buf.data(), pps_buf.data(),
