@@ -119,14 +119,12 @@ t 'mux -a . --fragment 1 -o x.mp4'
 t 'mux -v $D/sample.h264 -o'
 t 'mux -v a --fps 0.0004 -o x; mux -v one.h264 --fps 0.0045 -o y.mp4 && digest y.mp4'
 t 'for r in 25x/1 25/1x 25x 0/1 -1 nan; do mux -v a --fps $r -o x; done'
-t 'mux -v a --timescale 0 -o x'
-# Values with a trailing character, one past the largest, and 0 seconds of fragment.
-t 'mux -v a --timescale 25x -o x; mux -v a --timescale 2147483648 -o x'
+# 0, values with a trailing character, one past the largest, and 0 seconds of fragment.
+t 'mux -v a --timescale 0 -o x; mux -v a --timescale 25x -o x; mux -v a --timescale 2147483648 -o x'
 t 'mux -v a --fragment 1s -o x; mux -v a --fragment 0 -o x; mux -v a --fragment 86400.001 -o x'
 # An unknown codec and option; no input, no output, both inputs from standard input.
 t 'mux -v a --video-codec vp9 -o x; mux -v a --loud -o x; mux -o x; mux -v a; mux -v - -a - -o x'
-t 'mux -v a --fragment 1 --faststart -o x'
-t 'mux -v a --fsync -o x'
+t 'mux -v a --fragment 1 --faststart -o x; mux -v a --fsync -o x'
 t 'mux --help 2>/dev/null | head -1; mux -h 2>/dev/null | head -1; exit ${PIPESTATUS[0]}'
 
 # mux: options and inputs at their limits.
