@@ -201,6 +201,13 @@ TEST(Mux, FieldPairsBecomeOneSampleEach) {
   std::string packets;
   run("ffprobe -v quiet -show_entries packet=pts_time,size,flags -of csv=p=0 " + shell_quote(dir + "/out.mp4"), &packets);
   EXPECT_EQ(packets, "0.000000,24,K_\n0.120000,24,__\n0.040000,24,__\n0.080000,24,__\n");
+  // Labelled Baseline (profile_idc 66), which reorders nothing: fragments delay by the reordering the pictures show.
+  auto baseline = read_file(dir + "/fields.h264");
+  baseline[5] = 66;
+  write_file(dir + "/baseline.h264", baseline);
+  ASSERT_EQ(mux("-v " + shell_quote(dir + "/baseline.h264") + " --fragment 1 -q -o " + shell_quote(dir + "/f.mp4")).status, 0);
+  run("ffprobe -v quiet -show_entries packet=pts_time,size,flags -of csv=p=0 " + shell_quote(dir + "/f.mp4"), &packets);
+  EXPECT_EQ(packets, "0.000000,24,K_\n0.120000,24,__\n0.040000,24,__\n0.080000,24,__\n");
   // The P pair before the IDR picture as well: two fields go, and with them the audio of one frame (not of two):
   // at 48 kHz, 2 AAC frames of 1024 samples.
   write_file(dir + "/late.h264", cat({unhex("00000001674d001ee5294a1000000300100000030328400000000168ce3c80"
