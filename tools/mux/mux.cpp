@@ -351,11 +351,9 @@ int run(const Options& o) {
   // pictures left out at the start goes too, so the first picture shown
   // comes with the sound recorded with it.
   uint64_t audio_dropped = 0;
-  const uint32_t pictures_dropped =
-      video.codec == VideoCodec::kH265 ? video.skipped_before_parameter_sets : video.dropped_leading;
-  if (in.video && in.audio && pictures_dropped) {
-    audio_dropped = drop_first_frames(
-        audio, audio_frames_during(pictures_dropped, video.dropped_fields, in.fps.num, in.fps.den, audio.config.sample_rate));
+  if (in.video && in.audio && video.pictures_left_out()) {
+    audio_dropped = drop_first_frames(audio, audio_frames_during(video.pictures_left_out(), video.dropped_fields,
+                                                                 in.fps.num, in.fps.den, audio.config.sample_rate));
   }
   in.forced_timescale = o.timescale;
   in.faststart = o.faststart;

@@ -244,7 +244,7 @@ void VideoChunker::scan(VideoChunk& out) const {
 }
 
 void VideoChunker::counted(const VideoChunk& out) noexcept {
-  dropped_ += h265() ? out.stream.skipped_before_parameter_sets : out.stream.dropped_leading;
+  dropped_ += out.stream.pictures_left_out();
   dropped_fields_ += out.stream.dropped_fields;
   ++emitted_;
 }

@@ -82,6 +82,11 @@ struct VideoStream {
   uint32_t dropped_leading = 0;
   // Of those, the ones read as single fields: each lasted half a frame.
   uint32_t dropped_fields = 0;
+  // The pictures left out before decoding can start, as the stream's codec
+  // counts them.
+  uint32_t pictures_left_out() const noexcept {
+    return codec == VideoCodec::kH265 ? skipped_before_parameter_sets : dropped_leading;
+  }
   // Set when the scan is refused because every picture was left out that
   // way: none comes at or after a random access point.
   bool only_leading = false;
