@@ -100,12 +100,12 @@ TEST(H264ParameterSets, LargestSliceGroupMap) {
   }
 }
 
-// §7.3.2.3.1, §D.1.8 by hand: the recovery point after other messages (one of 300 bytes: FF 2D); not type 261.
+// §7.3.2.3.1, §D.1.8 by hand: the recovery point after other messages (one of 600 bytes: FF FF 5A); not type 261.
 TEST(H264Sei, RecoveryPointAmongOtherMessages) {
   const std::pair<std::string, int> cases[] = {
       {"06 06 02 24 40 80", 3},                                                // recovery_frame_cnt 3
       {"06 05 11 11111111111111111111111111111111 78 06 01 C4 80", 0},         // after user data
-      {"06 05 FF 2D " + std::string(600, '1') + " 06 02 24 40 80", 3},          // after 300 bytes of it
+      {"06 05 FF FF 5A " + std::string(1200, '1') + " 06 02 24 40 80", 3},      // after 600 bytes of it
       {"06 04 02 B5 00 80", -1},                                               // registered user data only
       {"06 FF 06 01 C4 80", -1},                                               // type 261
       {"06 06 02 24", -1},                                                     // cut in the payload
