@@ -60,8 +60,10 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
     void (*set)(HandSps&, bool past);
   } limits[] = {
       {"height a multiple of MinCbSizeY", [](HandSps& s, bool p) { s.height = p ? 716 : 720; }},
-      // A coded value that a 32-bit sum would wrap round to MinTbLog2SizeY 0 or Log2MinIpcmCbSizeY 0.
+      {"width a multiple of MinCbSizeY", [](HandSps& s, bool p) { s.width = p ? 1276 : 1280; }},
+      // A coded value that a 32-bit sum would wrap round to MinTbLog2SizeY 0, MaxTbLog2SizeY 0 or Log2MinIpcmCbSizeY 0.
       {"log2_min_luma_transform_block_size_minus2 0", [](HandSps& s, bool p) { s.tb_minus2 = p ? 0xFFFFFFFE : 0; }},
+      {"log2_diff_max_min_luma_transform_block_size 3", [](HandSps& s, bool p) { s.tb_diff = p ? 0xFFFFFFFE : 3; }},
       {"log2_min_pcm_luma_coding_block_size_minus3 0",
        [](HandSps& s, bool p) { s.pcm = true, s.pcm_min_minus3 = p ? 0xFFFFFFFD : 0; }},
       {"scaling_list_pred_matrix_id_delta 1 of a 32x32 list",

@@ -18,7 +18,7 @@ struct HandSps {
   uint32_t width = 1280, height = 720;
   uint32_t luma_minus8 = 0, chroma_minus8 = 0;
   uint32_t buffering_minus1 = 4;
-  uint32_t tb_minus2 = 0;  // log2_min_luma_transform_block_size_minus2
+  uint32_t tb_minus2 = 0, tb_diff = 3;  // log2_min_luma_transform_block_size_minus2, log2_diff_max_min_...
   bool scaling_list = false;
   uint32_t pred_delta_32 = 1;  // scaling_list_pred_matrix_id_delta of the second 32x32 list
   bool pcm = false;
@@ -39,7 +39,7 @@ struct HandSps {
     b.ue(luma_minus8).ue(chroma_minus8).ue(4);
     b.u(1, 1);
     for (uint32_t i = 0; i <= sub_layers_minus1; ++i) b.ue(buffering_minus1).ue(0).ue(0);
-    b.ue(0).ue(3).ue(tb_minus2).ue(3).ue(1).ue(1);  // 8x8 to 64x64 coding blocks, 4x4 to 32x32 transforms
+    b.ue(0).ue(3).ue(tb_minus2).ue(tb_diff).ue(1).ue(1);  // 8x8 to 64x64 coding blocks, 4x4 to 32x32 transforms
     b.u(1, scaling_list);
     if (scaling_list) {
       b.u(1, 1);
