@@ -15,7 +15,6 @@ namespace {
 
 using namespace boxlane::h264;
 using boxlane::test::Bits;
-using boxlane::test::hex;
 using boxlane::test::unhex;
 using Nal = std::vector<uint8_t>;
 
@@ -45,47 +44,8 @@ std::string parsed(const Nal& nal) {
 
 TEST(H264ParameterSets, X264SequenceParameterSet) {
   // x264, Main, 1920x1080 (68 macroblock rows cropped by 8 lines) at 30000/1001 with two B-frames.
-  const auto hd = unhex("674d4028eca03c0113f2e022000007d20001d4c01e30632c");
-  EXPECT_EQ(parsed(hd),
+  EXPECT_EQ(parsed(unhex("674d4028eca03c0113f2e022000007d20001d4c01e30632c")),
             "profile 77 level 40 chroma 1 frames 1920x1080 crop 0 0 0 8 poc 0 sar 1:1 tick 1001/60000 reorder 2");
-  // Cut short, or the wrong NAL type: refused.
-  for (std::size_t cut : {std::size_t{0}, std::size_t{4}, hd.size() - 1})
-    EXPECT_EQ(parsed(Nal(hd.begin(), hd.begin() + long(cut))), "refused") << cut;
-  EXPECT_EQ(parsed(unhex("68 EB E3 CB 22 C0")), "refused");
-  // The body of x264's PPS is read as one only under a PPS header (nal_unit_type 8).
-  Pps pps;
-  const Nal under_sps = unhex("67 EB E3 CB 22 C0"), under_pps = unhex("68 EB E3 CB 22 C0");
-  EXPECT_EQ(std::pair(parse_pps(under_sps.data(), 6, pps), parse_pps(under_pps.data(), 6, pps)), std::pair(false, true));
-  // Found by fuzzing: a scaling-list delta far outside -128..127 overflowed the running scale.
-  EXPECT_EQ(parsed(unhex("6764000DADD94141FB013DFFFFFFFFFFF3FF00000001FFFFFF746B6864FFFFFFFFFFFFFFFFFFFFFFFFFF"
-                         "0075722099996004")),
-            "refused");
-}
-
-// Slices are read only as slices, and only under parameter sets that came: PPS 0 of SPS 0 (Baseline, 320x240,
-// 4-bit frame_num and lsb), and an I slice of an IDR naming it.
-TEST(H264SliceHeader, OnlyUnderParameterSetsThatCame) {
-  const Nal sps = Bits().u(8, 66).u(8, 0).u(8, 30).ue(0).ue(0).ue(0).ue(0).ue(1).u(1, 0).ue(19).ue(14).u(4, 12)
-                      .nal(3, kNalSps),
-            pps = Bits().ue(0).ue(0).u(2, 0).ue(0).ue(0).ue(0).u(3, 0).se(0).se(0).se(0).u(3, 0).nal(3, kNalPps);
-  ParameterSets sets;
-  ASSERT_TRUE(parse_sps(sps.data(), sps.size(), sets.sps[0]) && parse_pps(pps.data(), pps.size(), sets.pps[0]));
-  sets.has_sps[0] = sets.has_pps[0] = true;
-  ParameterSets no_sps = sets;
-  no_sps.has_sps[0] = false;
-  const auto slice = [](uint32_t pps_id) { return Bits().ue(0).ue(7).ue(pps_id).u(4, 0).ue(0).u(4, 0).u(2, 0); };
-  Nal retyped = slice(0).nal(3, kNalIdrSlice);
-  retyped[0] = uint8_t(retyped[0] & 0xE0) | kNalSps;
-  const std::tuple<const char*, Nal, const ParameterSets*, bool> cases[] = {
-      {"the slice", slice(0).nal(3, kNalIdrSlice), &sets, true},
-      {"under an SPS header", retyped, &sets, false},
-      {"naming a PPS that never came", slice(1).nal(3, kNalIdrSlice), &sets, false},
-      {"whose PPS names an SPS that never came", slice(0).nal(3, kNalIdrSlice), &no_sps, false},
-  };
-  for (const auto& [what, nal, with, ok] : cases) {
-    SliceHeader sh;
-    EXPECT_EQ(parse_slice_header(nal.data(), nal.size(), *with, sh), ok) << what;
-  }
 }
 
 // The largest slice group map a PPS may have: 1024 x 1024 map units, the most the SPS limits allow, each with a

@@ -455,6 +455,9 @@ Reader slice_reader(std::shared_ptr<ParameterSets> sets) {
 
 void expect_read(const std::string& what, const Nal& nal, std::size_t end, const Reader& read, const std::string& want) {
   EXPECT_EQ(read(nal), want) << what << ": " << hex(nal);
+  Nal retyped = nal;  // under the header of another type: an SPS's under a PPS's, the others' under an SPS's
+  retyped[0] = uint8_t((nal[0] & 0xE0) | ((nal[0] & 0x1F) == kNalSps ? kNalPps : kNalSps));
+  EXPECT_EQ(read(retyped), "refused") << what << " retyped: " << hex(nal);
   const Nal cut(nal.begin(), nal.begin() + long(nal_byte_of(nal, 1, end - 1)));  // without the last read bit's byte
   EXPECT_EQ(read(cut), "refused") << what << ", cut before bit " << end << ": " << hex(nal);
 }
@@ -490,12 +493,16 @@ TEST(H264Generated, UnitsReadAsWritten) {
     const Nal pps = make_pps(g, q, p);
     dump.add(pps);
     expect_read(what + " PPS", pps, g.end, pps_reader(), describe(p.want));
+    const auto no_pps = sets_of(q, p), no_sps = sets_of(q, p);
+    no_pps->has_pps[p.want.id] = no_sps->has_sps[q.want.id] = false;
     const Reader read = slice_reader(sets_of(q, p));
     for (int i = 0; i < 3; ++i) {
       SliceHeader want;
       const Nal slice = make_slice(g, q, p, random_pic(g, q), want);
       dump.add(slice);
       expect_read(what + " slice " + std::to_string(i), slice, g.end, read, describe(want));
+      // A slice whose PPS, or that one's SPS, never came.
+      EXPECT_EQ(slice_reader(no_pps)(slice) + slice_reader(no_sps)(slice), "refusedrefused") << what << hex(slice);
     }
   }
 }
