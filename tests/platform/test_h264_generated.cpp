@@ -502,7 +502,8 @@ TEST(H264Generated, UnitsReadAsWritten) {
       dump.add(slice);
       expect_read(what + " slice " + std::to_string(i), slice, g.end, read, describe(want));
       // A slice whose PPS, or that one's SPS, never came.
-      EXPECT_EQ(slice_reader(no_pps)(slice) + slice_reader(no_sps)(slice), "refusedrefused") << what << hex(slice);
+      EXPECT_EQ(slice_reader(no_pps)(slice) + slice_reader(no_sps)(slice), "refusedrefused")
+          << what << ": " << hex(slice);
     }
   }
 }
