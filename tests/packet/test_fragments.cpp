@@ -217,7 +217,7 @@ TEST_F(FragmentTest, CompositionOffsetMustFitAfterTheShift) {
   }
 }
 
-// A fragment holds at most 2^31 - 1 bytes with its moof and mdat header.
+// A fragment holds at most 2^31 - 1 bytes with its moof and mdat header; a second sample adds 12 bytes of trun.
 TEST(FragmentLimit, FullFragmentRefusesTheNextFrame) {
   BOXLANE_FRAGMENTS f;
   f.stTrack[0].nTrackID = 1;
@@ -225,9 +225,10 @@ TEST(FragmentLimit, FullFragmentRefusesTheNextFrame) {
   EXPECT_FALSE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, most + 1, 1, 0, true}));
   EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_FULL);
   EXPECT_TRUE(f.listSample.empty());
-  EXPECT_TRUE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, most, 1, 0, true}));
+  EXPECT_TRUE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, 0, 1, 0, true}));
+  EXPECT_TRUE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, most - 12, 1, 0, false}));
   EXPECT_FALSE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, 0, 1, 0, false}));
-  EXPECT_EQ(std::tuple(f.listSample.size(), f.nPayload), std::tuple(1u, most));
+  EXPECT_EQ(std::tuple(f.listSample.size(), f.nPayload), std::tuple(2u, most - 12));
 }
 
 // FragmentSize's header (0 with nothing pending), sidx 52, mfra 24 + 24 a track + 28 a fragment with a sync sample.
