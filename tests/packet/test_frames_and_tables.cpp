@@ -93,15 +93,17 @@ TEST_F(FrameTest, RefusedWhenMemoryRunsOut) {
               std::tuple(false, uint64_t{BOXLANE_ERROR_PACKET_MALLOC}, -7));
     EXPECT_TRUE(record().nVideoCount == 0 && record().listVideoSample.empty() && record().listVideoSTss.empty());
   }
-  EXPECT_EQ(video(6, 1, 40, 40), bytes_hex("00000002 4141"));
-  // A duration that closes the open run needs room for a closed run too; a client needs room for its record.
+  EXPECT_EQ(video(6, 1, 40, 40) + " " + audio(2, 1024), bytes_hex("00000002 4141 2121"));
+  // An audio frame whose lists all have room needs no memory. A duration that closes the open run needs room for a
+  // closed run too; a client needs room for its record.
   g_no_memory = true;
+  const bool audio_ok = Boxlane_Packet_FrameAudio(client(), out, &length, frame, 6, int64_t{6}, 1024);
   const bool ok = Boxlane_Packet_FrameVideo(client(), out, &length, frame, 6, int64_t{6}, 0, 41, 0);
   const uint64_t frame_error = Boxlane_GetLastError(nullptr);
   const bool inserted = Boxlane_Packet_Insert("writer/no memory");
   g_no_memory = false;
-  EXPECT_EQ(std::tuple(ok, frame_error, inserted, Boxlane_GetLastError(nullptr), record().listVideoSample.size()),
-            std::tuple(false, uint64_t{BOXLANE_ERROR_PACKET_MALLOC}, false, uint64_t{BOXLANE_ERROR_PACKET_MALLOC},
+  EXPECT_EQ(std::tuple(audio_ok, ok, frame_error, inserted, Boxlane_GetLastError(nullptr), record().listVideoSample.size()),
+            std::tuple(true, false, uint64_t{BOXLANE_ERROR_PACKET_MALLOC}, false, uint64_t{BOXLANE_ERROR_PACKET_MALLOC},
                        std::size_t{1}));
 }
 
