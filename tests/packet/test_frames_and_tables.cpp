@@ -163,7 +163,7 @@ TEST_F(SampleTableTest, ChunkOffsetsWidenAtFourGibibytes) {
   EXPECT_EQ(size_of(true, 0), 24);
   EXPECT_EQ(box(Boxlane_Packet_STco64, true, int64_t{1}),
             bytes_hex("00000020 636F3634 00000000 00000002 00000001 00000000 00000000 00000031"));
-  EXPECT_EQ(size_of(true, 1), 32);
+  EXPECT_EQ(std::pair(size_of(true, 1), size_of(true, k32)), std::pair(32, 32));
   EXPECT_EQ(box(Boxlane_Packet_STco64, true, int64_t{-48}),  // the lowest offset, 0
             bytes_hex("00000018 7374636F 00000000 00000002 FFFFFFCF 00000000"));
   EXPECT_EQ(box(Boxlane_Packet_STco64, false, int64_t{0}), bytes_hex("00000014 7374636F 00000000 00000001 00000064"));
