@@ -47,8 +47,7 @@ int main(void) {
   CHECK(Boxlane_Packet_FragmentMode("c99", 0, 1, 0, BOXLANE_FRAGMENT_INDEX));
   CHECK(Boxlane_Packet_MVex("c99", box, &size, 0) && size == 40);
   CHECK(Boxlane_Packet_Delete("c99"));
-  CHECK(!Boxlane_Packet_FTyp("c99", box, &size));
-  CHECK(Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PACKET_NOTFOUND);
+  CHECK(!Boxlane_Packet_FTyp("c99", box, &size) && Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PACKET_NOTFOUND);
 
   /* The extended parse mode: a 64-bit mdat header is followed and reported. */
   CHECK(Boxlane_Parse_InsertEx("c99-ext", BOXLANE_PARSE_EXTENDED));

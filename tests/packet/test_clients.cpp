@@ -15,14 +15,12 @@ const uint8_t kFrame[] = {0, 0, 0, 1, 0x65, 0x88, 0x84};
 
 TEST_F(ClientTest, DuplicateInsertKeepsTheRecordAndDeleteStartsOver) {
   video(7, 1, 40, 0, 48);
-  EXPECT_TRUE(Boxlane_Packet_Insert(client()));
-  EXPECT_FALSE(Boxlane_IsErrorOccur);
+  EXPECT_TRUE(Boxlane_Packet_Insert(client()) && !Boxlane_IsErrorOccur);
   EXPECT_EQ(box(Boxlane_Packet_STsz, true), bytes_hex("00000018 7374737A 00000000 00000000 00000001 00000007"));
   EXPECT_TRUE(Boxlane_Packet_Delete(client()));
   ASSERT_TRUE(Boxlane_Packet_Insert(client()));
   EXPECT_EQ(box(Boxlane_Packet_STsz, true), bytes_hex("00000014 7374737A 00000000 00000000 00000000"));
-  EXPECT_FALSE(Boxlane_Packet_Delete(nullptr));
-  EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_PARAMETER);
+  EXPECT_TRUE(!Boxlane_Packet_Delete(nullptr) && Boxlane_GetLastError(nullptr) == BOXLANE_ERROR_PACKET_PARAMETER);
   EXPECT_TRUE(Boxlane_Packet_Delete("writer/never inserted"));
 }
 

@@ -96,9 +96,7 @@ TEST_F(HeaderBoxTest, EditListsOnBothSidesOfTheirLimits) {
       {k32, -1, "01000000 00000001 00000001 00000000 FFFFFFFF FFFFFFFF 0001 0000"},
   };
   for (const auto& e : edits) {
-    SCOPED_TRACE(e.elst);
-    const bool wide = e.elst[1] == '1';
-    const std::string head = wide ? "0000002C 65647473 00000024 656C7374 " : "00000024 65647473 0000001C 656C7374 ";
+    const std::string head = e.elst[1] == '1' ? "0000002C 65647473 00000024 656C7374 " : "00000024 65647473 0000001C 656C7374 ";
     EXPECT_EQ(box(Boxlane_Packet_EDts64, e.segment, e.media_time), bytes_hex(head + e.elst));
   }
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_EDts64, uint64_t{5}, int64_t{-2});

@@ -40,8 +40,7 @@ class SampleDescription : public WriterTest {
     static const uint8_t empty[1] = {0x67};
     std::vector<const uint8_t*> pointers;
     std::vector<int32_t> lengths;
-    for (const auto& set : sets) pointers.push_back(set.empty() ? empty : set.data());
-    for (const auto& set : sets) lengths.push_back(int32_t(set.size()));
+    for (const auto& set : sets) pointers.push_back(set.empty() ? empty : set.data()), lengths.push_back(int32_t(set.size()));
     return call(pointers.data(), lengths.data(), int32_t(sets.size()));
   }
   std::string sets_box(const Sets& sets) {
@@ -97,17 +96,12 @@ TEST_F(SampleDescription, VideoEntryWithEveryParameterSet) {
       pps256,                                     // 256 PPSs
       {sps0, std::vector<uint8_t>(65536, 0x68)},  // longer than a 16-bit length
   };
-  for (const Sets& sets : refused) {
-    SCOPED_TRACE(sets.size());
-    with_sets(sets, [&](auto p, auto l, int n) {
-      refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, p, l, n);
-    });
-  }
+  for (const Sets& sets : refused)
+    with_sets(sets, [&](auto p, auto l, int n) { refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, p, l, n); });
   const uint8_t* const null_set[] = {sps0.data(), nullptr};
   const int32_t two[] = {5, 4};
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, null_set, two, 2);
-  const int32_t* const no_lengths = nullptr;
-  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, null_set, no_lengths, 1);
+  refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsdParamSets, null_set, static_cast<const int32_t*>(nullptr), 1);
   // A count of 0 or below with a set at hand: none is looked at.
   const uint8_t* const one_set[] = {sps0.data()};
   const int32_t one_length[] = {int32_t(sps0.size())};
@@ -134,13 +128,12 @@ TEST_F(SampleDescription, AudioEntry) {
   EXPECT_EQ(hex(bytes.data() + 189, 6), "5A 5A 5A 06 01 02");
 
   // Lengths below 0 or past the 1024-byte field, of the block bVideo selects.
-  for (const int32_t bad : {-1, 1025}) {
+  for (const int32_t bad : {-1, 1025})
     for (const bool video : {true, false}) {
       auto av = protocol(video, {});
       (video ? av->nVideoHdrLen : av->nAudioCfgLen) = bad;
       refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsd, av.get());
     }
-  }
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_STsd, static_cast<const tag_Qorvane_AVProtocol*>(nullptr));
 }
 
@@ -167,10 +160,8 @@ TEST(DescriptorLength, ShortestFormAtEachEdge) {
 TEST_F(SampleDescription, DocumentedSizes) {
   auto av = protocol(false, {}, 48000);
   for (int32_t length = 0; length <= 1024; ++length) {
-    SCOPED_TRACE(length);
     av->nAudioCfgLen = length;
-    const std::size_t extra = length <= 104 ? 89 : length <= 112 ? 90 : length <= 127 ? 91 : 92;
-    exact(extra + std::size_t(length), Boxlane_Packet_STsd, av.get());
+    exact((length <= 104 ? 89u : length <= 112 ? 90u : length <= 127 ? 91u : 92u) + length, Boxlane_Packet_STsd, av.get());
   }
   const auto nal = [](uint8_t header, std::size_t size) {  // no start code inside, no zero at the end
     Bytes unit = Bytes().u32(1).u8(header);
