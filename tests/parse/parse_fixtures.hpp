@@ -10,12 +10,10 @@
 #include "support/paths.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
@@ -147,7 +145,6 @@ std::vector<T> take_list(T** list, int32_t count) {
   return out;
 }
 
-inline uint64_t parse_position(const std::string& client) { return stream_info(client).nParsePos; }
 // The pool's event count for the client (0 when not listed); -1 without a pool.
 inline int pending_events(const std::string& client) {
   QORVANE_RENDAVO_TASKEVENT** list = nullptr;
@@ -220,7 +217,7 @@ inline FeedResult feed(const std::string& client, const std::vector<uint8_t>& st
     }
     offset = next;
   }
-  result.final_position = parse_position(client);
+  result.final_position = stream_info(client).nParsePos;
   return result;
 }
 inline void expect_same_feed(const FeedResult& got, const FeedResult& want, const std::string& how) {
@@ -276,11 +273,6 @@ inline std::string text(const BOXLANE_SAMPLEINFO& s) {
                 (unsigned long long)s.nDecodeTime, (long long)s.nCompositionTime, s.nDuration, s.nSize,
                 (unsigned long long)s.nOffset, s.nFlags, s.bSync ? " S" : "", s.bDependsKnown ? " D" : "");
   return line;
-}
-inline std::vector<std::string> texts(const std::vector<BOXLANE_SAMPLEINFO>& samples) {
-  std::vector<std::string> out;
-  for (const auto& s : samples) out.push_back(text(s));
-  return out;
 }
 
 // Two pools and a client for each test; clients made with other() go with it.

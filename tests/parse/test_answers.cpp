@@ -162,7 +162,7 @@ std::string dump_track(const char* c, int32_t id, const BOXLANE_TRACKINFO& track
     if (!ok || n != std::min(length, int(all.size() - first)) || text(two[0]) != text(all[first]))
       out += fmt("  window from %u: %s %d ", first, result(ok).c_str(), n) + text(two[0]) + "\n";
   }
-  for (const std::string& sample : texts(table_samples(c, id))) out += "  " + sample + "\n";
+  for (const BOXLANE_SAMPLEINFO& sample : table_samples(c, id)) out += "  " + text(sample) + "\n";
   return out;
 }
 
@@ -190,7 +190,7 @@ std::string dump(const std::string& client) {
     out += line("fragment", "track- sequence moof size base data end samples traf tfhd# description problems# tfdt",
                 {uint64_t(i.nTrackID), i.nSequence, i.nMoofOffset, i.nMoofSize, i.nBaseDecodeTime, i.nDataStart, i.nDataEnd,
                  i.nSampleCount, i.nTrafIndex, i.nTfhdFlags, i.nDescriptionIndex, i.nProblems, i.bHasTfdt});
-    for (const std::string& sample : texts(f.samples)) out += "  " + sample + "\n";
+    for (const BOXLANE_SAMPLEINFO& sample : f.samples) out += "  " + text(sample) + "\n";
   }
   int32_t slots[10], count = 0, **ids = nullptr;
   std::fill(std::begin(slots), std::end(slots), -7);
@@ -241,7 +241,8 @@ std::string refusals(const char* c) {
   }
   out += fmt(" readers without a header record took %d, track %d;", took, record_of(scratch).nCurrentTrack);
   Boxlane_Parse_Delete(scratch.c_str());
-  out += " null outputs, a negative capacity, a name too long, a pool past the pools, queries of a null or too long name:";
+  out += " null outputs, a negative capacity, a name too long, a pool past the pools, queries of a null or too long name, "
+         "then what GetFragment, Insert, GetStream, Send and Recv refuse:";
   QORVANE_HDRSAMPLENFO** list = nullptr;
   QORVANE_HDRSDTP** sdtp = nullptr;
   int32_t** ids = nullptr;
@@ -270,7 +271,13 @@ std::string refusals(const char* c) {
       [&] { return Boxlane_Parse_Delete(too_long.c_str()); },
       [&] { return Boxlane_Parse_ActiveEvent(1); },
       [&] { return Boxlane_Parse_GetTrackIndex(nullptr, 1, &index); },
-      [&] { return Boxlane_Parse_GetTrackIndex(too_long.c_str(), 1, &index); }};
+      [&] { return Boxlane_Parse_GetTrackIndex(too_long.c_str(), 1, &index); },
+      [&] { return Boxlane_Parse_GetFragment(c, &fragment, two, -1, &n); }, [&] { return Boxlane_Parse_GetFragment(c, &fragment, nullptr, 2, &n); },
+      [&] { return Boxlane_Parse_Insert(nullptr); }, [&] { return Boxlane_Parse_Insert(too_long.c_str()); },
+      [&] { return Boxlane_Parse_InsertEx("flags/bad", 2); }, [&] { return Boxlane_Parse_GetStream(c, nullptr); },
+      [&] { return Boxlane_Parse_Send(too_long.c_str(), &byte, 1); }, [&] { return Boxlane_Parse_Send(c, nullptr, 8); },
+      [&] { return Boxlane_Parse_Send(c, &byte, -1); }, [&] { return Boxlane_Parse_Recv(c, nullptr, nullptr); },
+      [&] { return Boxlane_Parse_RecvEx(c, nullptr, nullptr); }};
   for (const auto& call : calls) out.append(" ").append(result(call()));
   return out;
 }
@@ -576,18 +583,20 @@ std::vector<Row> rows() {
         {"send", moov_box({trak_box(1, 1000, {table_box("stts", {{2, 7}}), stsz_box(0, 2, {60, 70}), table_box("stco", {{500}})})})},
         {"window", {5}}}},
       {"index: a constant size, co64 past 4 GiB, a negative ctts v1 offset, no stss or sdtp", {{"sendx", wide}}},
-      {"index: the same in the basic mode, which reads no co64", {{"send", wide}}},
-      {"index: times past 2^64", {{"send", movie({table_box("stts", {{0xFFFFFFFF, 0xFFFFFFFF}, {0xFFFFFFFF, 0xFFFFFFFF}}), stsc, stsz, stco})}}},
-      {"index: an stz2 in the basic mode, which reads none", {{"send", movie({stts, stsc, box("stz2", stz2(8, 5, {1, 2, 3, 4, 5}).bytes), stco})}}},
+      {"index: the same in the basic mode, which reads no co64; in moovs of their own, an stz2, which it reads none of either (track 2), "
+       "times past 2^64 (3), a vmhd met in a stream: graphicsmode 0x40 and opcolor 0x8000 x3 (4)",
+       {{"send", wide}, {"send", moov_box({trak_box(2, 1000, {stts, stsc, box("stz2", stz2(8, 5, {1, 2, 3, 4, 5}).bytes), stco})})},
+        {"send", moov_box({trak_box(3, 1000, {table_box("stts", {{0xFFFFFFFF, 0xFFFFFFFF}, {0xFFFFFFFF, 0xFFFFFFFF}}), stsc, stsz, stco})})},
+        {"send", moov_box({trak_box(4, 1000, {}, full_box("vmhd", 0, 1, Bytes{}.u16(0x40).u16(0x8000).u16(0x8000).u16(0x8000)))})}}},
       {"index: a window past a run of 2^33 ticks; an stss that repeats an entry",
        {{"send", movie({table_box("stts", {{2, 0xFFFFFFFF}, {3, 1}}), stsc, stsz, stco, table_box("stss", {{1}, {1}, {2}})})},
         {"window", {2}}}},
-      {"index: first_chunk not increasing", {{"send", movie({stts, table_box("stsc", {{1, 1, 1}, {1, 4, 1}}), stsz, stco})}}},
-      {"index: a first_chunk of 0; two entries past the chunks; an empty chunk between two others",
+      {"index: a first_chunk of 0; two entries past the chunks; an empty chunk between two others; first_chunk not increasing",
        {{"send", cat({movie_ftyp(), moov_box({trak_box(1, 1000, {stts, table_box("stsc", {{0, 3, 1}}), stsz, stco}),
                                                trak_box(2, 1000, {stts, table_box("stsc", {{4, 3, 1}, {5, 3, 1}}), stsz, stco}),
                                                trak_box(3, 1000, {stts, table_box("stsc", {{1, 2, 1}, {2, 0, 1}, {3, 3, 1}}), stsz,
-                                                                  table_box("stco", {{10}, {20}, {30}})})})})}}},
+                                                                  table_box("stco", {{10}, {20}, {30}})}),
+                                               trak_box(4, 1000, {stts, table_box("stsc", {{1, 1, 1}, {1, 4, 1}}), stsz, stco})})})}}},
       {"fragments: records, samples and answers of three moofs", {{"feedx", fragmented()}}},
       {"fragments: the basic mode reads none of their boxes", {{"feed", fragmented()}}},
       {"fragments: a moof whose mdat never comes, then one whose mdat does: only the second's data is checked",
@@ -650,8 +659,6 @@ std::vector<Row> rows() {
       stopped("stop: a 64-bit size of 8, short of its header", "feedx", Bytes{}.u32(1).str("free").u64(8)),
       {"64-bit sizes of exactly their header and of an mdat of 2^62",
        {{"feedx", cat({movie_ftyp(), Bytes{}.u32(1).str("free").u64(16), Bytes{}.u32(1).str("mdat").u64(uint64_t{1} << 62)})}}},
-      {"a vmhd met in a stream: graphicsmode 0x40 and opcolor 0x8000 x3",
-       {{"send", cat({movie_ftyp(), moov_box({trak_box(1, 1000, {}, full_box("vmhd", 0, 1, Bytes{}.u16(0x40).u16(0x8000).u16(0x8000).u16(0x8000)))})})}}},
       {"a box of exactly 256 MiB waits for the rest", {{"send", box("moov", Bytes{}.zeros(100), limit)}}},
       every("ftyp", {}, {"ftyp", Bytes{}.str("isom").u32(0x200).str("isom").str("avc1")}),
       every("mvhd of version 0", {}, {"mvhd", mvhd0(0)}),
