@@ -253,8 +253,12 @@ TEST(ProbeAudioConfig, EscapedObjectTypeAndExplicitRate) {
   } cases[] = {
       {"11 90", {true, 2, 48000, 2}}, {"13 88", {true, 2, 22050, 1}}, {"F9 46 40", {true, 42, 48000, 2}},
       {"17 80 2A F8 08", {true, 2, 22000, 1}}, {"17 80 2A F8", {false, 0, 0, 0}},
-      // Frequency index 13, reserved: no rate.
-      {"16 90", {true, 2, 0, 2}},
+      // Frequency index 13, reserved: no rate. Then indexes 0 to 12 of ISO/IEC 14496-3 Table 1.18, AAC LC stereo.
+      {"16 90", {true, 2, 0, 2}}, {"10 10", {true, 2, 96000, 2}}, {"10 90", {true, 2, 88200, 2}},
+      {"11 10", {true, 2, 64000, 2}}, {"12 10", {true, 2, 44100, 2}}, {"12 90", {true, 2, 32000, 2}},
+      {"13 10", {true, 2, 24000, 2}}, {"13 90", {true, 2, 22050, 2}}, {"14 10", {true, 2, 16000, 2}},
+      {"14 90", {true, 2, 12000, 2}}, {"15 10", {true, 2, 11025, 2}}, {"15 90", {true, 2, 8000, 2}},
+      {"16 10", {true, 2, 7350, 2}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.hex);
@@ -266,20 +270,8 @@ TEST(ProbeAudioConfig, EscapedObjectTypeAndExplicitRate) {
     EXPECT_EQ(std::tuple(got.valid, got.object_type, got.sample_rate, got.channel_config),
               std::tuple(c.want.valid, c.want.object_type, c.want.sample_rate, c.want.channel_config));
   }
-  // Every sampling_frequency_index of ISO/IEC 14496-3 Table 1.18, AAC-LC stereo.
-  const uint32_t rates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350};
-  for (uint8_t index = 0; index < 13; ++index) {
-    BOXLANE_CODECINFO codec{};
-    codec.byAudioCfg[0] = uint8_t(0x10 | index >> 1), codec.byAudioCfg[1] = uint8_t((index & 1) << 7 | 2 << 3);
-    codec.nAudioCfgLen = 2;
-    EXPECT_EQ(tool::read_audio_config(codec).sample_rate, rates[index]) << int(index);
-  }
 }
 
-// The words probe prints for codec numbers. ISO/IEC 14496-10 Annex A: constraint_set1 narrows Baseline, set4
-// makes High progressive and set4 with set5 constrained, set3 makes the High 10, 4:2:2 and 4:4:4 profiles
-// Intra; level 1b is level_idc 9, or 11 with set3 below High. ITU-T H.265 Annex A: general_profile_idc, or
-// failing that the compatibility flag set, and level_idc 30 times the level. ISO/IEC 14496-3 Table 1.1.
 // Table rows of the widest numbers (a row of three is 38 bytes), with a short one now and then so that rows end
 // at every place of the 64 KiB blocks: each row asks for room enough before it is formatted in place.
 TEST(ProbeJson, TableRowsOfTheWidestNumbersAcrossBlocks) {
@@ -302,7 +294,9 @@ TEST(ProbeJson, TableRowsOfTheWidestNumbersAcrossBlocks) {
 }
 
 // A --samples column of 64-bit times and offsets (a tfdt past 2^32 ticks, a sample past 4 GiB) keeps every digit.
-TEST(ProbeJson, SampleColumnsOfSixtyFourBits) {
+// Bytes that do not form UTF-8 (here lead bytes before an ASCII one, or at the end) are taken as Latin-1; UTF-8 stays
+// as it is.
+TEST(ProbeJson, SixtyFourBitColumnsAndBytesThatDoNotFormUtf8) {
   const uint64_t wide[] = {4294967295u, 4294967296u, UINT64_MAX};
   const int64_t signed_wide[] = {-4294967297, INT64_MAX};
   std::string out;
@@ -310,22 +304,17 @@ TEST(ProbeJson, SampleColumnsOfSixtyFourBits) {
     tool::JsonWriter json(out);
     json.column(3, [&](std::size_t i) { return wide[i]; });
     json.column(2, [&](std::size_t i) { return signed_wide[i]; });
-  }
-  EXPECT_EQ(out, "[4294967295, 4294967296, 18446744073709551615][-4294967297, 9223372036854775807]");
-}
-
-// Bytes that do not form UTF-8 (here lead bytes before an ASCII one, or at the end) are taken as Latin-1; UTF-8 stays
-// as it is.
-TEST(ProbeJson, BytesThatDoNotFormUtf8AreLatin1) {
-  std::string out;
-  {
-    tool::JsonWriter json(out);
     json.string("\xC3" "A \xC3\xA9 \xE2\x82" "A");
     json.string(std::string_view("\xE2\x82\xAC", 2));  // the view ends before the sequence does
   }
-  EXPECT_EQ(out, "\"\xC3\x83" "A \xC3\xA9 \xC3\xA2\xC2\x82" "A\"\"\xC3\xA2\xC2\x82\"");
+  EXPECT_EQ(out, "[4294967295, 4294967296, 18446744073709551615][-4294967297, 9223372036854775807]"
+                 "\"\xC3\x83" "A \xC3\xA9 \xC3\xA2\xC2\x82" "A\"\"\xC3\xA2\xC2\x82\"");
 }
 
+// The words probe prints for codec numbers. ISO/IEC 14496-10 Annex A: constraint_set1 narrows Baseline, set4
+// makes High progressive and set4 with set5 constrained, set3 makes the High 10, 4:2:2 and 4:4:4 profiles
+// Intra; level 1b is level_idc 9, or 11 with set3 below High. ITU-T H.265 Annex A: general_profile_idc, or
+// failing that the compatibility flag set, and level_idc 30 times the level. ISO/IEC 14496-3 Table 1.1.
 TEST(ProbeNames, AsTheStandardsNameThem) {
   using namespace tool;
   std::string avc, hevc;

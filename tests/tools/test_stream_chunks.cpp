@@ -55,8 +55,7 @@ TEST(StreamChunks, VideoIsCutWhereEachIdrAccessUnitBegins) {
   BOXLANE_REQUIRE_FFMPEG();
   const std::string path = temp_dir() + "/aud.h264";  // AUDs and SEI before every picture, sets before IDRs
   ASSERT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=64x48:rate=25:duration=1.2 -c:v libx264 -g 8 -bf 2 "
-                   "-x264-params aud=1 -f h264 " + shell_quote(path)),
-            0);
+                   "-x264-params aud=1 -f h264 " + shell_quote(path)), 0);
   const auto bytes = read_file(path);
   const auto reference = cut_video(path, 0);
   EXPECT_EQ(reference.size(), 4u);  // 30 frames, a key frame every 8
@@ -76,8 +75,7 @@ TEST(StreamChunks, APrefixUnitOpensTheAccessUnitOfItsPicture) {
   BOXLANE_REQUIRE_FFMPEG();
   const std::string plain = temp_dir() + "/plain.h264", path = temp_dir() + "/prefix.h264";
   ASSERT_EQ(ffmpeg("-v error -f lavfi -i testsrc2=size=64x48:rate=25:duration=1.2 -c:v libx264 -g 8 -bf 2 -f h264 " +
-                   shell_quote(plain)),
-            0);
+                   shell_quote(plain)), 0);
   // Its units, each from its 3-byte start code on; the sets after the first IDR picture go.
   const auto in = read_file(plain);
   std::vector<std::size_t> starts;
@@ -435,14 +433,11 @@ TEST(ScanVideo, ParameterSetsAndUnitsAroundThePictures) {
        "the picture parameter set 0 changes at byte " + after265},
       {"a unit of reserved VCL type 10 (RSV_VCL_N10)", true, cat({h265, unhex("00 00 00 01 14 01 AF")}),
        "24 pictures, 0 left out"},
-      {"an end of bitstream before the second GOP: its RASL pictures go", true,
-       unit_at(h265, 3484, "4A 01"),
+      {"an end of bitstream before the second GOP: its RASL pictures go", true, unit_at(h265, 3484, "4A 01"),
        "22 pictures, 2 left out"},
-      {"a slice of PPS 5 (never sent) before the IDR picture", true,
-       unit_at(h265, 2374, "02 01 9A"),
+      {"a slice of PPS 5 (never sent) before the IDR picture", true, unit_at(h265, 2374, "02 01 9A"),
        "24 pictures, 1 left out"},
-      {"the same slice, not a picture's first segment", true,
-       unit_at(h265, 2374, "02 01 1A"),
+      {"the same slice, not a picture's first segment", true, unit_at(h265, 2374, "02 01 1A"),
        "24 pictures, 0 left out"},
       // The stream's sets take 83 bytes, with a 4-byte start code each; with PPS 1 they may reach 65536 bytes.
       {"PPS 1 of 65449 bytes", true, cat({h265, start, padded(hand_pps(1), 65449)}), "24 pictures, 0 left out"},
