@@ -28,7 +28,8 @@ int remux(const std::string& args, const std::string& dir, std::string* out = nu
   return run("cd " + shell_quote(dir) + " && " + shell_quote(tool_path()) + " remux " + args + " 2>&1", out);
 }
 
-// As hex, what FFmpeg and we both write outside the tables: each tkhd, volume to size; the mp4a, channels to rate.
+// As hex, what FFmpeg and we both write outside the tables: each tkhd, volume to size; the mp4a, channels to rate;
+// the head of the avcC.
 std::vector<std::string> headers(const std::string& path) {
   std::vector<std::string> rows;
   const auto b = read_file(path);
@@ -37,6 +38,8 @@ std::vector<std::string> headers(const std::string& path) {
     rows.push_back(hex(&b[at - 52 + be32(b, at - 4)], 48));
   if (const std::size_t at = s.find("mp4a", s.find("stsd")); at != std::string::npos)
     rows.push_back(hex(&b[at + 20], 12));
+  if (const std::size_t at = s.find("avcC"); at != std::string::npos)  // version, profile, compatibility, level
+    rows.push_back(hex(&b[at + 4], 4));
   return rows;
 }
 
@@ -129,8 +132,8 @@ const Input kInputs[] = {
     // The last picture a key frame (one every 33), alone in the last fragment with its composition offset.
     {"h264_ending_on_a_key_frame", "-c:v libx264 -preset veryfast -bf 2 -g 33",
      "video H.264 160x120, 100 frames; 4.00 s, ", 4, false},
-    // No B-frames: fragments without composition offsets.
-    {"h264_without_b_frames", "-c:v libx264 -preset veryfast -bf 0 -g 25", "video H.264 160x120, 100 frames; 4.00 s, ", 4,
+    // No B-frames: fragments without composition offsets; Constrained Baseline, its constraint flags in the avcC.
+    {"h264_without_b_frames", "-c:v libx264 -preset veryfast -profile:v baseline -g 25", "video H.264 160x120, 100 frames; 4.00 s, ", 4,
      false},
     // Audio alone is cut every --fragment seconds; its mp4a entry made to say 1 channel of 24-bit samples.
     {"aac_alone", "-vn -c:a aac", "audio AAC 44100 Hz mono, 174 frames; 4.02 s, ", 4, true, false, false},

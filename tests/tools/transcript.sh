@@ -461,15 +461,16 @@ t 'cp a.mp4 nohdlr.mp4; poke nohdlr.mp4 $(($(box_at a.mp4 hdlr) + 4)) x; onto_ol
 t 'cp av.mp4 scale0.mp4; poke scale0.mp4 $(($(box_at av.mp4 mdhd) + 20)) $(be32 0); onto_old scale0.mp4 -o out.mp4; probe scale0.mp4 | grep -A1 "time scale:  0"; probe scale0.mp4 | grep -E "^track|rate:"'
 # Nor has a movie header of time scale 0 a length in seconds: null in the JSON.
 t 'cp a.mp4 mvhd0.mp4; poke mvhd0.mp4 $(($(box_at a.mp4 mvhd) + 20)) $(be32 0); probe --json mvhd0.mp4 | grep -m1 duration_seconds'
-# The video's entry named avc3 (the reader takes an avcC from avc1 entries only); then an avcC with 2 PPS (our
-# writer's, from two_pps.h264), and 2-byte NAL unit lengths.
+# The video's entry named avc3 (the reader takes an avcC from avc1 entries only); an avcC with 2 PPS (our writer's,
+# from two_pps.h264) keeps both; 2-byte NAL unit lengths; an SPS cut to 3 bytes.
 t 'cp av.mp4 avc3.mp4; poke avc3.mp4 $(($(box_at av.mp4 stsd) + 23)) 3; onto_old avc3.mp4 -o out.mp4'
-t 'onto_old pps.mp4 -o out.mp4'
+t 'remux pps.mp4 -o rpps.mp4 && digest rpps.mp4 && probe rpps.mp4 | grep -m1 codec'
 t 'cp av.mp4 nal2.mp4; poke nal2.mp4 $(($(box_at av.mp4 avcC) + 12)) "\\xfd"; onto_old nal2.mp4 -o out.mp4'
-# SPS and PPS of 1016 bytes, the most the writer's sample description holds (trailing zeros go), then 1017.
-t 'sps_pad 1016 sps1016.mp4 && remux sps1016.mp4 -o r1016.mp4 && digest r1016.mp4 && sps_pad 1017 sps1017.mp4 && onto_old sps1017.mp4 -o out.mp4'
-# Sets that fill the 16384 bytes the parser keeps, and a byte more: probe names both, or the SPS alone (truncated).
+t 'cp av.mp4 sps3.mp4; poke sps3.mp4 $(($(box_at av.mp4 avcC) + 14)) "\\0\\3"; onto_old sps3.mp4 -o out.mp4'
+# Sets that fill the 16384 bytes the parser keeps (zeros after the SPS), and a byte more: probe names both, or the
+# SPS alone (truncated); remux copies the first whole and refuses the second.
 t 'for n in 16384 16385; do sps_pad $n sps$n.mp4 && probe sps$n.mp4 | grep -m1 codec; done; probe --json sps16385.mp4 | grep -m1 truncated'
+t 'remux sps16384.mp4 -o r16384.mp4 && probe r16384.mp4 | grep -m1 codec && onto_old sps16385.mp4 -o out.mp4'
 # Sets that fill the 16384 bytes the parser keeps are all copied; a byte more loses the PPS, and the track is refused.
 t 'for n in 16384 16385; do hvc_pad $n h$n.mp4 && remux h$n.mp4 -o rh$n.mp4 && probe rh$n.mp4 | grep -m1 codec; done'
 # The hvcC with 2-byte NAL unit lengths, with no arrays; the entry named HEV1 (fourccs match in any case).

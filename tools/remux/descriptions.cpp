@@ -8,23 +8,25 @@
 namespace boxlane::tool {
 namespace {
 
-constexpr uint8_t kStartCode[4] = {0, 0, 0, 1};
+constexpr uint8_t kStartCode[4] = {0, 0, 0, 1};  // before each of the hvcC's sets
 
 Bytes avc1(const char* client, const BOXLANE_CODECINFO& c) {
-  tag_Qorvane_AVProtocol desc{};
-  desc.bVideo = 1;
-  desc.nVideoCodec = 27;
-  std::size_t at = 0;
-  // One SPS and one PPS (the source checked), back to back in byParamSets.
-  const std::size_t sps = c.wSPSLen[0], pps = c.wPPSLen[0];
-  std::memcpy(desc.tszVideoHdr, kStartCode, 4);
-  std::memcpy(desc.tszVideoHdr + 4, c.byParamSets, sps);
-  at = 4 + sps;
-  std::memcpy(desc.tszVideoHdr + at, kStartCode, 4);
-  std::memcpy(desc.tszVideoHdr + at + 4, c.byParamSets + sps, pps);
-  desc.nVideoHdrLen = static_cast<int32_t>(at + 4 + pps);
-  return call_box("the video stsd", 121 + sps + pps + 64,
-                  [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_STsd(client, p, l, &desc); });
+  // Every SPS and PPS of the source's avcC (the source checked that the
+  // record holds them whole), back to back in byParamSets.
+  std::vector<const uint8_t*> sets;
+  std::vector<int32_t> lengths;
+  std::size_t at = 0, bytes = 0;
+  for (int32_t i = 0; i < c.nSPSCount + c.nPPSCount; ++i) {
+    const std::size_t len = i < c.nSPSCount ? c.wSPSLen[i] : c.wPPSLen[i - c.nSPSCount];
+    if (at + len > sizeof c.byParamSets) break;
+    sets.push_back(c.byParamSets + at);
+    lengths.push_back(static_cast<int32_t>(len));
+    at += len;
+    bytes += 2 + len;
+  }
+  return call_box("the video stsd", 117 + bytes, [&](uint8_t* p, int32_t* l) {
+    return Boxlane_Packet_STsdParamSets(client, p, l, sets.data(), lengths.data(), static_cast<int32_t>(sets.size()));
+  });
 }
 
 Bytes hvc1(const char* client, const BOXLANE_HEVCINFO& h) {

@@ -61,11 +61,16 @@ void describe(SourceTrack& t) {
       // The library hands out the avcC of avc1 entries only; an avc3 stream may
       // also carry its parameter sets in the samples (ISO/IEC 14496-15 §5.3.2).
       t.unsupported = "it is an avc3 entry, whose avcC the reader does not take (avc1 only)";
-    } else if (config->nSPSCount != 1 || config->nPPSCount != 1 || config->bTruncated) {
+    } else if (config->bTruncated) {
+      t.unsupported = "its avcC holds more parameter sets than the reader keeps (" +
+                      std::to_string(BOXLANE_CODEC_MAX_PARAMSETS) + " of each kind, " +
+                      std::to_string(BOXLANE_CODEC_PARAMSET_BYTES) + " bytes)";
+    } else if (config->nSPSCount < 1 || config->nPPSCount < 1 || config->wSPSLen[0] < 4 ||
+               std::count(config->wSPSLen, config->wSPSLen + config->nSPSCount, 0) ||
+               std::count(config->wPPSLen, config->wPPSLen + config->nPPSCount, 0)) {
       t.unsupported = "its avcC holds " + std::to_string(config->nSPSCount) + " SPS and " +
-                      std::to_string(config->nPPSCount) + " PPS; the writer describes exactly one of each";
-    } else if (std::size_t{config->wSPSLen[0]} + config->wPPSLen[0] + 8 > sizeof(tag_Qorvane_AVProtocol{}.tszVideoHdr)) {
-      t.unsupported = "its SPS and PPS exceed the 1016 bytes the writer's sample description takes";
+                      std::to_string(config->nPPSCount) +
+                      " PPS; the writer needs one of each at least, none empty, the first SPS of 4 bytes or more";
     } else if (config->byNALLengthSize != 4) {
       t.unsupported = "its samples have " + std::to_string(config->byNALLengthSize) +
                       "-byte NAL unit lengths; the writer's avcC declares 4";
