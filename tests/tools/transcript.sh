@@ -462,11 +462,11 @@ t 'cp av.mp4 scale0.mp4; poke scale0.mp4 $(($(box_at av.mp4 mdhd) + 20)) $(be32 
 # Nor has a movie header of time scale 0 a length in seconds: null in the JSON.
 t 'cp a.mp4 mvhd0.mp4; poke mvhd0.mp4 $(($(box_at a.mp4 mvhd) + 20)) $(be32 0); probe --json mvhd0.mp4 | grep -m1 duration_seconds'
 # The video's entry named avc3 (the reader takes an avcC from avc1 entries only); an avcC with 2 PPS (our writer's,
-# from two_pps.h264) keeps both; 2-byte NAL unit lengths; an SPS cut to 3 bytes.
+# from two_pps.h264) keeps both; 2-byte NAL unit lengths; an SPS cut to 3 bytes; no PPS.
 t 'cp av.mp4 avc3.mp4; poke avc3.mp4 $(($(box_at av.mp4 stsd) + 23)) 3; onto_old avc3.mp4 -o out.mp4'
 t 'remux pps.mp4 -o rpps.mp4 && digest rpps.mp4 && probe rpps.mp4 | grep -m1 codec'
 t 'cp av.mp4 nal2.mp4; poke nal2.mp4 $(($(box_at av.mp4 avcC) + 12)) "\\xfd"; onto_old nal2.mp4 -o out.mp4'
-t 'cp av.mp4 sps3.mp4; poke sps3.mp4 $(($(box_at av.mp4 avcC) + 14)) "\\0\\3"; onto_old sps3.mp4 -o out.mp4'
+t 'a=$(box_at av.mp4 avcC); cp av.mp4 sps3.mp4; poke sps3.mp4 $((a + 14)) "\\0\\3"; onto_old sps3.mp4 -o out.mp4; cp av.mp4 pps0.mp4; poke pps0.mp4 $((a + 16 + ($(u32_at av.mp4 $((a + 12))) & 65535))) "\\0"; onto_old pps0.mp4 -o out.mp4'
 # Sets that fill the 16384 bytes the parser keeps (zeros after the SPS), and a byte more: probe names both, or the
 # SPS alone (truncated); remux copies the first whole and refuses the second.
 t 'for n in 16384 16385; do sps_pad $n sps$n.mp4 && probe sps$n.mp4 | grep -m1 codec; done; probe --json sps16385.mp4 | grep -m1 truncated'
