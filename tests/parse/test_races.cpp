@@ -71,6 +71,9 @@ TEST(Workers, DrainWhileOtherThreadsInsertFeedQueryAndDelete) {
         QORVANE_HDRMVHD mvhd;
         BOXLANE_STREAMINFO stream;
         QORVANE_HDRTKHD tkhd;
+        QORVANE_HDRMDHD mdhd;
+        QORVANE_HDRHDLR hdlr;
+        QORVANE_HDRVMSMHD vmsmhd;
         QORVANE_MP4HDR hdr;
         int tracks[64] = {};
         QORVANE_HDRSAMPLENFO** list = nullptr;
@@ -82,7 +85,7 @@ TEST(Workers, DrainWhileOtherThreadsInsertFeedQueryAndDelete) {
         allowed(Boxlane_Parse_GetMVhd(client, &mvhd), true);
         allowed(Boxlane_Parse_GetStream(client, &stream), true);
         allowed(Boxlane_Parse_GetTrack(client, tracks), true);
-        allowed(Boxlane_Parse_GetTrackInfo(client, 1, &tkhd, nullptr, nullptr, nullptr), true);
+        allowed(Boxlane_Parse_GetTrackInfo(client, 1, &tkhd, &mdhd, &hdlr, &vmsmhd), true);
         if (Boxlane_Parse_GetTrackList(client, 1, &list, &count, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ))
           Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
         else
