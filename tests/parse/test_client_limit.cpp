@@ -206,7 +206,9 @@ TEST_P(ClientLimit, HoldsNoMoreThanTheBound) {
   EXPECT_EQ(info.nStop, uint32_t{BOXLANE_STOP_LIMIT});
   // Stopped for good, and not before it came near the bound.
   EXPECT_TRUE(fails_with(send(client, stream, 0, 8), BOXLANE_ERROR_PARSE_NOTSUPPORT));
-  if (shape.fills) EXPECT_GT(peak, kLimit / 2);
+  if (shape.fills) {
+    EXPECT_GT(peak, kLimit / 2);
+  }
 }
 
 // A bound past 32 bits is kept whole: 4 GiB and 100 bytes hold the tracks that 100 bytes would stop.
