@@ -15,16 +15,16 @@ Bytes avc1(const char* client, const BOXLANE_CODECINFO& c) {
   // record holds them whole), back to back in byParamSets.
   std::vector<const uint8_t*> sets;
   std::vector<int32_t> lengths;
-  std::size_t at = 0, bytes = 0;
+  std::size_t at = 0;
   for (int32_t i = 0; i < c.nSPSCount + c.nPPSCount; ++i) {
     const std::size_t len = i < c.nSPSCount ? c.wSPSLen[i] : c.wPPSLen[i - c.nSPSCount];
     if (at + len > sizeof c.byParamSets) break;
     sets.push_back(c.byParamSets + at);
     lengths.push_back(static_cast<int32_t>(len));
     at += len;
-    bytes += 2 + len;
   }
-  return call_box("the video stsd", 117 + bytes, [&](uint8_t* p, int32_t* l) {
+  // The entry's 117 bytes, then each set with its 2-byte length.
+  return call_box("the video stsd", 117 + 2 * sets.size() + at, [&](uint8_t* p, int32_t* l) {
     return Boxlane_Packet_STsdParamSets(client, p, l, sets.data(), lengths.data(), static_cast<int32_t>(sets.size()));
   });
 }
