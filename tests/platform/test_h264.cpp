@@ -65,10 +65,11 @@ TEST(H264Sei, RecoveryPointAmongOtherMessages) {
   const std::pair<std::string, int> cases[] = {
       {"06 06 02 24 40 80", 3},                                                // recovery_frame_cnt 3
       {"06 05 11 11111111111111111111111111111111 78 06 01 C4 80", 0},         // after user data
-      {"06 05 FF FF 5A " + std::string(1200, '1') + " 06 02 24 40 80", 3},      // after 600 bytes of it
+      {"06 05 FF FF 5A " + std::string(1200, '1') + " 06 02 07 B1 80", 60},    // after 600 bytes of it; 11 bits
       {"06 04 02 B5 00 80", -1},                                               // registered user data only
       {"06 FF 06 01 C4 80", -1},                                               // type 261
       {"06 06 02 24", -1},                                                     // cut in the payload
+      {"06 06 01 00 80", -1},                                                  // recovery_frame_cnt cut short
       {"65 06 01 C4 80", -1},                                                  // not an SEI NAL unit
   };
   for (const auto& [bytes, frames] : cases) {
