@@ -112,6 +112,7 @@ class Generator {
   int hit = -1;  // the kind of unit `past` went into, -1 while none
 
   bool coin() { return rng_() & 1; }
+  bool flag(Bits& b) { return b.u(1, coin()).bits.back(); }  // a flag drawn and written
   // A value of lo..hi, either end or a value next to the low end more often than the rest.
   int64_t draw(int64_t lo, int64_t hi) {
     if (hi <= lo) return lo;
@@ -164,8 +165,7 @@ class Generator {
   }
   // The sub-layer ordering loop, each value at least the one of the sub-layer below; gives the highest's.
   void ordering(Bits& b, uint32_t sub_minus1, uint32_t& buffering_minus1, uint32_t& reorder) {
-    const bool all = coin();
-    b.u(1, all);
+    const bool all = flag(b);
     buffering_minus1 = reorder = 0;
     for (uint32_t i = all ? 0 : sub_minus1; i <= sub_minus1; ++i) {
       buffering_minus1 = uint32_t(pick(kBuffering, buffering_minus1, 15));
@@ -187,9 +187,7 @@ class Generator {
     ordering(b, sub_minus1, buffering, reorder);
     Unit unit{{}, b.bits.size()};
     b.u(6, 0).ue(0);  // vps_max_layer_id, vps_num_layer_sets_minus1
-    const bool timing = coin();
-    b.u(1, timing);
-    if (timing) b.u(32, uint64_t(draw(1, 0xFFFFFFFF))).u(32, uint64_t(draw(1, 0xFFFFFFFF))).u(1, 0).ue(0);
+    if (flag(b)) b.u(32, uint64_t(draw(1, 0xFFFFFFFF))).u(32, uint64_t(draw(1, 0xFFFFFFFF))).u(1, 0).ue(0);
     b.u(1, 0);  // vps_extension_flag
     unit.nal = b.hevc_nal(kVps);
     return unit;
@@ -201,9 +199,7 @@ class Generator {
     const auto limit = [&](Limit l) { return kind_ == kSpsUnit ? l : kNone; };
     for (uint32_t size_id = 0; size_id < 4; ++size_id) {
       for (uint32_t matrix = 0; matrix < 6; matrix += size_id == 3 ? 3 : 1) {
-        const bool sent = coin();
-        b.u(1, sent);
-        if (!sent) {
+        if (!flag(b)) {  // scaling_list_pred_mode_flag
           b.ue(uint32_t(pick(limit(kPredMatrix), 0, size_id == 3 ? matrix / 3 : matrix)));
           continue;
         }
@@ -318,9 +314,7 @@ class Generator {
   }
   // §E.2.1.
   void vui(Bits& b, uint32_t sub_minus1, Sps& want) {
-    const bool aspect = coin();
-    b.u(1, aspect);
-    if (aspect) {
+    if (flag(b)) {  // aspect_ratio_info_present_flag
       const uint32_t idc = coin() ? 255 : uint32_t(draw(0, 254));
       b.u(8, idc);
       if (idc == 255) {
@@ -332,31 +326,19 @@ class Generator {
     }
     if (coin()) b.u(1, 1).u(1, coin());  // overscan_info_present_flag, overscan_appropriate_flag
     else b.u(1, 0);
-    const bool signal = coin();
-    b.u(1, signal);
-    if (signal) {
+    if (flag(b)) {  // video_signal_type_present_flag
       const bool colour = coin();
       b.u(3, uint64_t(draw(0, 5))).u(1, coin()).u(1, colour);
       if (colour) b.u(8, uint64_t(draw(0, 255))).u(8, uint64_t(draw(0, 255))).u(8, uint64_t(draw(0, 255)));
     }
-    const bool chroma_loc = coin();
-    b.u(1, chroma_loc);
-    if (chroma_loc) b.ue(uint32_t(draw(0, 5))).ue(uint32_t(draw(0, 5)));
+    if (flag(b)) b.ue(uint32_t(draw(0, 5))).ue(uint32_t(draw(0, 5)));  // chroma_loc_info_present_flag
     b.u(1, coin()).u(1, coin()).u(1, coin());  // neutral chroma, field_seq, frame_field_info_present
-    const bool window = coin();
-    b.u(1, window);
-    if (window) b.ue(uint32_t(draw(0, 8))).ue(uint32_t(draw(0, 8))).ue(uint32_t(draw(0, 8))).ue(uint32_t(draw(0, 8)));
-    want.timing_info_present = coin();
-    b.u(1, want.timing_info_present);
-    if (want.timing_info_present) {
+    if (flag(b)) b.ue(uint32_t(draw(0, 8))).ue(uint32_t(draw(0, 8))).ue(uint32_t(draw(0, 8))).ue(uint32_t(draw(0, 8)));
+    if ((want.timing_info_present = flag(b))) {
       want.num_units_in_tick = uint32_t(draw(1, 0xFFFFFFFF)), want.time_scale = uint32_t(draw(1, 0xFFFFFFFF));
       b.u(32, want.num_units_in_tick).u(32, want.time_scale);
-      const bool proportional = coin();
-      b.u(1, proportional);
-      if (proportional) b.ue(uint32_t(draw(0, 0xFFFFFFFE)));
-      const bool with_hrd = coin();
-      b.u(1, with_hrd);
-      if (with_hrd) hrd(b, sub_minus1);
+      if (flag(b)) b.ue(uint32_t(draw(0, 0xFFFFFFFE)));  // vui_poc_proportional_to_timing_flag
+      if (flag(b)) hrd(b, sub_minus1);                    // vui_hrd_parameters_present_flag
     }
     // Mostly present: min_spatial_segmentation_idc is what shows a part above read wrong.
     want.bitstream_restriction = rng_() % 8 != 0;
@@ -399,9 +381,7 @@ class Generator {
     // Table 6-1: SubWidthC, SubHeightC.
     const bool one = want.chroma_format_idc == 0 || want.chroma_format_idc == 3;
     const uint32_t sub_w = one ? 1 : 2, sub_h = one || want.chroma_format_idc == 2 ? 1 : 2;
-    const bool window = coin();
-    b.u(1, window);
-    if (window) {
+    if (flag(b)) {  // conformance_window_flag
       const int64_t across = int64_t(want.coded_width / sub_w) - 1, down = int64_t(want.coded_height / sub_h) - 1;
       const uint32_t left = uint32_t(draw(0, std::max<int64_t>(across, 0)));
       const uint32_t right = uint32_t(pick(across >= 0 ? kCropX : kNone, 0, across - left));
@@ -450,10 +430,8 @@ class Generator {
     for (uint32_t i = 0; i < want.num_short_term_ref_pic_sets; ++i)
       sets.push_back(short_term_rps(b, sets, std::min(buffering_minus1, 15u)));
     sets_ = uint32_t(sets.size());
-    want.long_term_ref_pics_present = coin();
-    b.u(1, want.long_term_ref_pics_present);
     long_term_sps_ = 0;
-    if (want.long_term_ref_pics_present) {
+    if ((want.long_term_ref_pics_present = flag(b))) {
       b.ue(long_term_sps_ = uint32_t(pick(kLongTerm, 0, 32)));
       for (uint32_t i = 0; i < long_term_sps_; ++i) b.u(want.log2_max_poc_lsb, uint64_t(draw(0, (1 << want.log2_max_poc_lsb) - 1))).u(1, coin());
     }
@@ -463,9 +441,7 @@ class Generator {
     b.u(1, want.vui_present);
     if (want.vui_present) vui(b, sub_minus1, want);
     Unit unit{{}, b.bits.size()};
-    const bool extension = coin();
-    b.u(1, extension);
-    if (extension) {
+    if (flag(b)) {  // sps_extension_present_flag
       b.u(1, 1).u(1, 0).u(1, 0).u(1, 0).u(4, 0);  // sps_range_extension_flag alone
       for (int i = 0; i < 9; ++i) b.u(1, coin());
     }
@@ -512,22 +488,16 @@ class Generator {
       b.u(1, coin());  // loop_filter_across_tiles_enabled_flag
     }
     b.u(1, loop_across_slices_ = coin());
-    const bool deblocking = coin();
     override_ = deblocking_off_ = false;
-    b.u(1, deblocking);
-    if (deblocking) {
+    if (flag(b)) {  // deblocking_filter_control_present_flag
       b.u(1, override_ = coin()).u(1, deblocking_off_ = coin());
       if (!deblocking_off_) b.se(int32_t(draw(-6, 6))).se(int32_t(draw(-6, 6)));
     }
-    const bool lists = coin();
-    b.u(1, lists);
-    if (lists) scaling_list_data(b);
+    if (flag(b)) scaling_list_data(b);  // pps_scaling_list_data_present_flag
     b.u(1, coin()).ue(uint32_t(draw(0, sps.log2_ctb_size - 2)));
     b.u(1, header_extension_ = coin());
-    const bool extension = coin();
-    b.u(1, extension);
     chroma_qp_list_ = false;
-    if (extension) {
+    if (flag(b)) {  // pps_extension_present_flag
       b.u(1, 1).u(1, 0).u(1, 0).u(1, 0).u(4, 0);  // pps_range_extension_flag alone
       if (transform_skip) b.ue(0);  // log2_max_transform_skip_block_size_minus2
       b.u(1, sps.chroma_format_idc == 3 && coin()).u(1, chroma_qp_list_ = coin());  // cross_component_prediction
@@ -639,18 +609,12 @@ class Generator {
 // and PPS, or with its PPS alone.
 std::string read(const Case& c, int kind, const Nal& nal, bool with_sps = true) {
   const auto got = [](bool ok, const auto& value) { return ok ? describe(value) : std::string("refused"); };
-  if (kind == kVpsUnit) {
-    Vps v;
-    return got(parse_vps(nal.data(), nal.size(), v), v);
-  }
-  if (kind == kSpsUnit) {
-    Sps s;
-    return got(parse_sps(nal.data(), nal.size(), s), s);
-  }
-  if (kind == kPpsUnit) {
-    Pps p;
-    return got(parse_pps(nal.data(), nal.size(), p), p);
-  }
+  Vps v;
+  Sps s;
+  Pps p;
+  if (kind == kVpsUnit) return got(parse_vps(nal.data(), nal.size(), v), v);
+  if (kind == kSpsUnit) return got(parse_sps(nal.data(), nal.size(), s), s);
+  if (kind == kPpsUnit) return got(parse_pps(nal.data(), nal.size(), p), p);
   ParameterSets sets;
   sets.sps[c.want_sps.id] = c.want_sps, sets.has_sps[c.want_sps.id] = with_sps;
   sets.pps[c.want_pps.id] = c.want_pps, sets.has_pps[c.want_pps.id] = true;
