@@ -93,12 +93,14 @@ TEST(Adts, ProgramConfigElementMovesIntoTheConfiguration) {
     unsigned channels = 0;
     ASSERT_TRUE(boxlane::audio_specific_config_with_pce(h, raw.data(), raw.size(), config, channels));
     EXPECT_EQ(std::pair(hex(config), channels), std::pair(hex(unhex(c.config)), c.channels));
-    // Cut anywhere before the comment ends (exact heap copies), it is refused and nothing is kept.
-    for (std::size_t size = 0; size + 1 < raw.size(); ++size) {
+    // Cut anywhere before the comment ends (exact heap copies), it is refused and nothing is kept; cut right after
+    // it (no ID_END), it is taken whole.
+    for (std::size_t size = 0; size < raw.size(); ++size) {
       const std::vector<uint8_t> cut(raw.begin(), raw.begin() + long(size));
-      std::vector<uint8_t> none;
-      EXPECT_FALSE(boxlane::audio_specific_config_with_pce(h, cut.data(), cut.size(), none, channels)) << size;
-      EXPECT_TRUE(none.empty());
+      std::vector<uint8_t> kept;
+      const bool whole = size + 1 == raw.size();
+      EXPECT_EQ(boxlane::audio_specific_config_with_pce(h, cut.data(), cut.size(), kept, channels), whole) << size;
+      EXPECT_EQ(hex(kept), whole ? hex(config) : "");
     }
   }
   // A block that opens with another element (ID_CPE) is refused.
