@@ -57,15 +57,10 @@ TEST_F(FrameTest, RefusedFramesChangeNothing) {
   const int32_t one_too_long[1] = {INT_MAX - 3};           // with its length, one past INT_MAX
   for (const auto& [bytes, length] : {std::pair<const uint8_t*, int>{frame, 3}, {frame, -1}, {nullptr, 6}})
     refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameVideo, bytes, length, int64_t{0}, 1, 40, 40);
-  const struct {
-    const uint8_t* const* nalus;
-    const int32_t* lengths;
-    int count;
-  } units[] = {{nalus, lengths, 0}, {with_null, lengths, 2}, {nalus, with_negative, 2}, {nalus, too_long, 2},
-               {nalus, one_too_long, 1}, {nalus, nullptr, 2}, {nullptr, lengths, 2}};
-  for (const auto& u : units)
-    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAccessUnit, u.nalus, u.lengths, u.count, int64_t{0},
-            1, 40, 40);
+  for (const auto& [units, lengths_of, count] : {std::tuple<const uint8_t* const*, const int32_t*, int>{nalus, lengths, 0},
+           {with_null, lengths, 2}, {nalus, with_negative, 2}, {nalus, too_long, 2}, {nalus, one_too_long, 1},
+           {nalus, nullptr, 2}, {nullptr, lengths, 2}})
+    refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAccessUnit, units, lengths_of, count, int64_t{0}, 1, 40, 40);
   for (const auto& [bytes, length] : {std::pair<const uint8_t*, int>{frame, -1}, {nullptr, 6}})
     refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_FrameAudio, bytes, length, int64_t{0}, 1024);
   EXPECT_TRUE(record().nVideoCount == 0 && record().listVideoSample.empty() && record().listAudioSize.empty());
@@ -171,12 +166,11 @@ TEST_F(SampleTableTest, ChunkOffsetsWidenAtFourGibibytes) {
 
 // The largest count whose table fits the signed 32-bit length, worked out by hand, and one more.
 TEST(TableSize, LargestCountThatFitsTheLength) {
-  const struct {
-    uint64_t head, each, most;
-  } tables[] = {{16, 8, 268435453}, {16, 4, 536870907}, {20, 4, 536870906}};  // stts/ctts, stss/stco, stsz
-  for (const auto& t : tables) {
-    EXPECT_EQ(std::pair(packet::fits_length(t.head, t.most, t.each), packet::fits_length(t.head, t.most + 1, t.each)),
-              std::pair(true, false)) << t.most;
+  // Header bytes, bytes an entry, the most entries: stts/ctts, stss/stco, stsz.
+  for (const auto& [head, each, most] : {std::tuple<uint64_t, uint64_t, uint64_t>{16, 8, 268435453}, {16, 4, 536870907},
+                                         {20, 4, 536870906}}) {
+    EXPECT_EQ(std::pair(packet::fits_length(head, most, each), packet::fits_length(head, most + 1, each)),
+              std::pair(true, false)) << most;
   }
 }
 

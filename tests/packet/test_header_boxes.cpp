@@ -85,37 +85,31 @@ TEST_F(HeaderBoxTest, MovieTrackAndMediaHeaders) {
 TEST_F(HeaderBoxTest, EditListsOnBothSidesOfTheirLimits) {
   EXPECT_EQ(box(Boxlane_Packet_EDts, 0xFFFFFFFEu, -1),  // -1: an empty edit (§8.6.6.3)
             bytes_hex("00000024 65647473 0000001C 656C7374 00000000 00000001 FFFFFFFE FFFFFFFF 0001 0000"));
-  const struct {
-    uint64_t segment;
-    int64_t media_time;
-    const char* elst;  // from the version byte on
-  } edits[] = {
+  // Segment duration, media time, the elst from its version byte on.
+  const std::tuple<uint64_t, int64_t, std::string> edits[] = {
       {k32 - 1, INT32_MAX, "00000000 00000001 FFFFFFFF 7FFFFFFF 0001 0000"},
       {k32, 0, "01000000 00000001 00000001 00000000 00000000 00000000 0001 0000"},
       {5, int64_t{INT32_MAX} + 1, "01000000 00000001 00000000 00000005 00000000 80000000 0001 0000"},
       {k32, -1, "01000000 00000001 00000001 00000000 FFFFFFFF FFFFFFFF 0001 0000"},
   };
-  for (const auto& e : edits) {
-    const std::string head = e.elst[1] == '1' ? "0000002C 65647473 00000024 656C7374 " : "00000024 65647473 0000001C 656C7374 ";
-    EXPECT_EQ(box(Boxlane_Packet_EDts64, e.segment, e.media_time), bytes_hex(head + e.elst));
+  for (const auto& [segment, media_time, elst] : edits) {
+    const std::string head = elst[1] == '1' ? "0000002C 65647473 00000024 656C7374 " : "00000024 65647473 0000001C 656C7374 ";
+    EXPECT_EQ(box(Boxlane_Packet_EDts64, segment, media_time), bytes_hex(head + elst));
   }
   refuses(BOXLANE_ERROR_PACKET_PARAMETER, Boxlane_Packet_EDts64, uint64_t{5}, int64_t{-2});
 }
 
 // SetTime keeps frame times in ms (a rate <= 0 leaves the last); a duration of 0 is the frame time / time scale.
 TEST_F(HeaderBoxTest, FrameTimesFillDurationsOfZero) {
-  const struct {
-    int frame_rate, sample_rate;
-    int64_t video_ms, audio_ms;
-  } cases[] = {{30, 48000, 33, 21}, {-5, 0, 33, 21}, {24, 8000, 41, 128}, {1001, -1, 0, 128}, {0, 22050, 0, 46}};
-  for (const auto& c : cases) {  // each on top of the previous one
-    SCOPED_TRACE(testing::Message() << c.frame_rate << " fps, " << c.sample_rate << " Hz");
-    EXPECT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(client(), c.frame_rate, c.sample_rate));
-    EXPECT_EQ(std::pair(record().nVideoFrameTime, record().nAudioFrameTime), std::pair(c.video_ms, c.audio_ms));
+  // Each on top of the previous one: frames a second, samples a second, then the video and audio frame times.
+  const std::tuple<int, int, int64_t, int64_t> cases[] = {
+      {30, 48000, 33, 21}, {1001, -1, 0, 21}, {0, 22050, 0, 46}, {24, 8000, 41, 128}, {-5, 0, 41, 128}};
+  for (const auto& [frame_rate, sample_rate, video_ms, audio_ms] : cases) {
+    EXPECT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(client(), frame_rate, sample_rate));
+    EXPECT_EQ(std::pair(record().nVideoFrameTime, record().nAudioFrameTime), std::pair(video_ms, audio_ms)) << frame_rate;
   }
-  ASSERT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(client(), 30, 0));
-  EXPECT_EQ(box(Boxlane_Packet_MVhd, 0, 2).substr(24 * 3, 11), "00 00 00 10");  // 33 ms / 2, cut down
-  EXPECT_EQ(box(Boxlane_Packet_TKhd, 0, 160, 120, 0).substr(28 * 3, 11), "00 00 00 10");
+  EXPECT_EQ(box(Boxlane_Packet_MVhd, 0, 2).substr(24 * 3, 11), "00 00 00 14");  // 41 ms / 2, cut down
+  EXPECT_EQ(box(Boxlane_Packet_TKhd, 0, 160, 120, 0).substr(28 * 3, 11), "00 00 00 14");
   EXPECT_EQ(m_MP4Packet.Boxlane_Packet_TimeCount(nullptr), 0);
   EXPECT_EQ(box(Boxlane_Packet_TKhd, 0, 160, 120, -1).substr(28 * 3, 11), "FF FF FF FF");  // only 0 is filled
 }

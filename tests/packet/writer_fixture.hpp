@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 namespace boxlane::test {
@@ -79,8 +80,7 @@ class WriterTest : public ::testing::Test {
   // the sample bytes as hex.
   std::string video(int size, int key, int duration, int cts, int64_t position = 0) {
     std::vector<uint8_t> frame(static_cast<std::size_t>(size), 0x41);
-    std::fill_n(frame.begin(), 4, 0);
-    frame[3] = 1;
+    frame[0] = frame[1] = frame[2] = 0, frame[3] = 1;
     return box(Boxlane_Packet_FrameVideo, frame.data(), size, position, key, duration, cts);
   }
   std::string audio(int size, int duration, int64_t position = 0) {
