@@ -389,7 +389,7 @@ TEST(RemuxTimeline, EditListsForTheOutput) {
       {"a shift is taken back out", {512, 0, 1024}, {{120, 512}}, 512, false, {{1536, 1024}}, 1536},
       // No edit list: the first picture is presented at its composition time, 512, after a gap.
       {"without an edit too", {512, 0, 1024}, {}, 512, false, {{512, -1}, {2048, 1024}}, 2560},
-      {"a gap before the first picture", {1024, 2048, 512}, {{120, 0}}, 0, false, {{1024, -1}, {512, 1024}}, 1536},
+      {"an empty edit, a gap", {1024, 2048, 512}, {{40, -1}, {120, 0}}, 0, false, {{1536, -1}, {512, 1024}}, 2048},
       {"an edit that ends before the first picture", {1024, 2048, 512}, {{40, 0}}, 0, false, {{1024, -1}, {0, 1024}}, 1024},
       {"a media time past the media's end", {0, 0, 0}, {{0, 5000}}, 0, false, {{0, 5000}}, 0},
       // 41 ms are 524.8 ticks.
