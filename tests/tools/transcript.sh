@@ -80,7 +80,7 @@ t 'mux -v sei_cra.h265 --fragment 0.1 -o seif.mp4 && deep seif.mp4'
 
 # mux: streams in other shapes.
 # The 49 pictures left out last 1.96 s, longer than an audio track of one frame: that frame stays, in fragments too.
-t 'mux -v mid_gop.h264 -o mid.mp4 && show mid.mp4; head -c 140 $D/sample.aac > a1.aac; mux -v mid_gop.h264 -a a1.aac --fragment 1 -o y.mp4'
+t 'mux -v mid_gop.h264 -o mid.mp4 && show mid.mp4; head -c 140 $D/sample.aac > a1.aac; for f in "" "--fragment 1"; do mux -v mid_gop.h264 -a a1.aac $f -o y.mp4; done'
 t 'mux -v mid_gop.h264 --keep-leading --fragment 1 -o midk.mp4 && show midk.mp4'
 # Pictures before any parameter set cannot be read: --keep-leading drops them too.
 t '{ tail -c +4995 $D/sample.h264 | head -c 20000; cat $D/sample.h264; } > before_sets.h264; mux -v before_sets.h264 --keep-leading -o x.mp4 && digest x.mp4'
