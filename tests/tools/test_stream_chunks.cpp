@@ -23,6 +23,12 @@ namespace {
 
 using namespace tool;
 
+// What `f` returns, or the message it is refused with.
+template <typename F>
+std::string said(F f) {
+  try { return f(); } catch (const ToolError& e) { return e.what(); }
+}
+
 // Bytes [from, to) of `b`.
 std::vector<uint8_t> part(const std::vector<uint8_t>& b, std::size_t from, std::size_t to) {
   return std::vector<uint8_t>(b.begin() + long(from), b.begin() + long(to));
@@ -100,8 +106,7 @@ TEST(StreamChunks, APrefixUnitOpensTheAccessUnitOfItsPicture) {
   // Without them, the damaged slice just before an IDR slice is the first piece's last unit: in mid-stream it is
   // refused, not taken as where the input stopped.
   write_file(path, bare);
-  std::string refused;
-  try { cut_video(path, 0); } catch (const ToolError& e) { refused = e.what(); }
+  const std::string refused = said([&] { return std::to_string(cut_video(path, 0).size()); });
   EXPECT_NE(refused.find("slice header at byte " + std::to_string(before_idr + 3) + " "), std::string::npos) << refused;
 }
 
@@ -147,13 +152,12 @@ TEST(StreamChunks, CutsAndRefusalsInTheInputsOwnBytes) {
   const std::string path = temp_dir() + "/cut.bin";
   for (const auto& row : rows) {
     write_file(path, row.bytes);
-    std::string got;
-    try {
+    const std::string got = said([&] {
+      std::string pieces;
       for (const auto& [offset, keys] : cut_video(path, 0, row.codec))
-        got.append(got.empty() ? "" : " ").append(std::to_string(offset)).append(":").append(std::to_string(keys.size()));
-    } catch (const ToolError& e) {
-      got = e.what();
-    }
+        pieces.append(pieces.empty() ? "" : " ").append(std::to_string(offset)).append(":").append(std::to_string(keys.size()));
+      return pieces;
+    });
     EXPECT_NE(got.find(row.says), std::string::npos) << row.what << ": " << got;
   }
 }
@@ -200,16 +204,14 @@ TEST(StreamChunks, AudioComesInWholeFrames) {
   std::vector<uint8_t> header_only(plain.begin(), plain.begin() + 7);
   header_only[1] |= 0x01, header_only[3] &= 0xFC, header_only[4] = 0, header_only[5] = (header_only[5] & 0x1F) | 0xE0;
   for (const std::size_t piece : {7, 0}) {
-    std::string refused;
-    try { cut_audio(cat({plain, header_only}), piece); } catch (const ToolError& e) { refused = e.what(); }
+    const std::string refused = said([&] { return std::to_string(cut_audio(cat({plain, header_only}), piece).first); });
     EXPECT_NE(refused.find("empty ADTS frame at byte " + std::to_string(plain.size())), std::string::npos) << refused;
   }
   // The second frame's sampling_frequency_index, channel_configuration, profile.
   for (const auto& [at, bit] : {std::pair{2, 0x04}, {3, 0x40}, {2, 0x40}}) {
     auto changed = plain;
     changed[second + at] ^= bit;
-    std::string refused;  // stays empty when the change is accepted
-    try { cut_audio(changed, 7); } catch (const ToolError& e) { refused = e.what(); }
+    const std::string refused = said([&] { return std::to_string(cut_audio(changed, 7).first); });
     EXPECT_NE(refused.find("at byte " + std::to_string(second) + " changes the sample"), std::string::npos) << refused;
   }
 }
@@ -362,29 +364,24 @@ TEST(ScanAudio, TagsTailsAndHeadersItRefuses) {
        "the first ADTS frame gives channel_configuration 0 but does not start with the program_config_element"},
   };
   for (const auto& row : rows) {
-    std::string got;
-    try {
+    const std::string got = said([&] {
       AudioStream s;
       scan_audio(row.bytes.data(), row.bytes.size(), "a", s);
-      got = std::to_string(s.frames.size()) + " frames, cut at " + (s.cut_at ? std::to_string(*s.cut_at) : "none");
-    } catch (const ToolError& e) {
-      got = e.what();
-    }
+      return std::to_string(s.frames.size()) + " frames, cut at " + (s.cut_at ? std::to_string(*s.cut_at) : "none");
+    });
     EXPECT_NE(got.find(row.says), std::string::npos) << row.what << ": " << got;
   }
 }
 
 // What a scan makes of a stream: its refusal, or how many pictures it took and left out.
 std::string scanned(const std::vector<uint8_t>& bytes, bool h265) {
-  try {
+  return said([&] {
     VideoStream s;
     if (h265) scan_hevc(bytes.data(), bytes.size(), "v", s);
     else scan_video(bytes.data(), bytes.size(), "v", s);
     return std::to_string(s.units.size()) + " pictures, " +
            std::to_string(h265 ? s.skipped_before_parameter_sets : s.dropped_leading) + " left out";
-  } catch (const ToolError& e) {
-    return e.what();
-  }
+  });
 }
 
 // Parameter sets the scans cannot read, cannot find or see change, and the units they leave alone.
