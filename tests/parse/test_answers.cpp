@@ -542,11 +542,11 @@ std::vector<Row> rows() {
         T(13), stz2(5, 2, {1, 2}), T(14), stz2(8, 0x80000000, {1, 2}), {"sdtp", Bytes{}.full(0, 0)},
         {"sdtp", Bytes{}.full(0, 0).u8(0x20).u8(0x10).u8(0xA6).zeros(5)},
         {"sdtp", Bytes{}.full(0, 0).u8(0x10)}, T(99), {"stco", u32s(0, {1, 48})}, {"co64", u32s(0, {1, 1, 2})}}},
-      {"avc1: reserved bits set, a PPS past the avcC, types in capitals; the 78 fixed bytes alone; 31 SPS and 255 PPS, entry_count 0 and 1; "
+      {"avc1: reserved bits set, a PPS past the avcC, types in capitals; the 78 fixed bytes alone, an avcC after the entry; 31 SPS and 255 PPS, entry_count 0 and 1; "
        "a second stsd for a track keeps the first, of two entries; entries of 15 and 16 bytes, a box after each; an avcC of 6 bytes, no PPS count",
        {T(1), visual("avc1", 320, box("avcC", unhex("01 64 00 1F FF E2 0004 6764001F 0002 6701 03 0002 68EE 0003 68EBE3 0001 68"))),
         T(2), visual("AVC1", 320, box("AVCC", unhex("01 42 C0 0D FD E1 0002 6742 02 0001 68 0032 68"))),
-        T(3), {"stsd", stsd(box("avc1", Bytes{}.zeros(6).u16(1).zeros(16).u16(64).u16(48).zeros(50)))},
+        T(3), {"stsd", stsd(cat({box("avc1", Bytes{}.zeros(6).u16(1).zeros(16).u16(64).u16(48).zeros(50)), box("avcC", unhex("01 4D 40 1E FF E0"))}))},
         T(4), avc(ones(31), ones(255), 0), T(5), avc(ones(31), ones(255)), T(6), avc(ones(1), ones(1), 2), visual("avc1", 64, {}),
         T(7), {"stsd", stsd(cat({box("avc1", Bytes{}.zeros(7)), box("free", Bytes{}.zeros(9))}))},
         T(8), {"stsd", stsd(cat({box("avc1", Bytes{}.zeros(7).u8(1)), box("free", Bytes{}.zeros(8))}))},
@@ -644,10 +644,10 @@ std::vector<Row> rows() {
             trun[3] += 4;
             return trun;
           }), 9),
-      lie("the second traf's data just before the first's", moof_with_offset([](int32_t off) {
-            return moof_box(1, {box("traf", cat({tfhd_box(0x020000, 1), trun_box(0, 0x201, {{0, 9}}, off + 9)})),
+      lie("the second traf's data just before the first's, whose second trun's lies before its first's", moof_with_offset([](int32_t off) {
+            return moof_box(1, {box("traf", cat({tfhd_box(0x020000, 1), trun_box(0, 0x201, {{0, 9}}, off + 18), trun_box(0, 0x201, {{0, 9}}, off + 9)})),
                                 box("traf", cat({tfhd_box(0x020000, 2), trun_box(0, 0x201, {{0, 9}}, off)}))});
-          }), 18),
+          }), 27),
       lie("an explicit base whose data runs past 2^64",
           one_traf(cat({tfhd_box(0x01, 1, {0xFFFFFFFF, 0xFFFFFF80}), trun_box(0, 0x201, {{0, 0x100}}, 0)})), 0),
       lie("data running a byte past its mdat", based(1, at(0, 0x201, {{0, 9}})), 8),
