@@ -145,17 +145,18 @@ std::vector<T> take_list(T** list, int32_t count) {
   return out;
 }
 
+// The client's record; null when there is none.
+inline QORVANE_MP4PARSE* record_of(const std::string& client) {
+  std::shared_lock table(m_MP4Parse.st_RWLocker);
+  const auto it = m_MP4Parse.stl_MapClient.find(std::string_view(client));
+  return it == m_MP4Parse.stl_MapClient.end() ? nullptr : it->second.get();
+}
 // The pool's event count for the client (0 when not listed); -1 without a pool.
 inline int pending_events(const std::string& client) {
   QORVANE_RENDAVO_TASKEVENT** list = nullptr;
   int32_t count = 0;
-  int index = -1;
-  {
-    std::shared_lock table(m_MP4Parse.st_RWLocker);
-    const auto it = m_MP4Parse.stl_MapClient.find(std::string_view(client));
-    if (it != m_MP4Parse.stl_MapClient.end()) index = it->second->nPoolIndex;
-  }
-  if (index < 0 || !Boxlane_Parse_GetPool(index, &list, &count)) return -1;
+  const QORVANE_MP4PARSE* record = record_of(client);
+  if (!record || !Boxlane_Parse_GetPool(record->nPoolIndex, &list, &count)) return -1;
   int events = 0;
   for (const auto& event : take_list(list, count))
     if (client == event.tszClientAddr) events = event.nEventCount;

@@ -60,10 +60,6 @@ std::string line(const std::string& head, std::string_view names, std::initializ
   }
   return std::all_of(values.begin(), values.end(), [](uint64_t v) { return v == 0; }) && tail.empty() ? "" : out + tail + "\n";
 }
-QORVANE_MP4PARSE& record_of(const std::string& client) {
-  std::shared_lock table(m_MP4Parse.st_RWLocker);
-  return *m_MP4Parse.stl_MapClient.find(std::string_view(client))->second;
-}
 
 // The codec query's answer as one line, sets and configuration in hex, with the sets the record keeps.
 std::string codec_text(const BOXLANE_CODECINFO& c, const BOXLANE_TRACKCODEC& kept) {
@@ -201,7 +197,7 @@ std::string dump(const std::string& client) {
   const std::vector<int32_t> listed = take_list(ids, count);
   for (const int32_t id : listed) text += fmt(" %d", id);
   out += text == "ids ok" ? "" : text + "\n";
-  for (const int32_t id : listed) out += dump_track(c, id, record_of(client).stl_MapTrack->at(id));
+  for (const int32_t id : listed) out += dump_track(c, id, record_of(client)->stl_MapTrack->at(id));
   return out;
 }
 
@@ -237,9 +233,9 @@ std::string refusals(const char* c) {
   int took = Boxlane_Parse_Insert(scratch.c_str()) ? 0 : -100;
   for (const auto& [name, read] : kReaders) {
     const Bytes& payload = name == "tkhd" ? made : full;
-    took += (m_MP4Parse.*read)(&record_of(scratch), nullptr, payload.data(), payload.size());
+    took += (m_MP4Parse.*read)(record_of(scratch), nullptr, payload.data(), payload.size());
   }
-  out += fmt(" readers without a header record took %d, track %d;", took, record_of(scratch).nCurrentTrack);
+  out += fmt(" readers without a header record took %d, track %d;", took, record_of(scratch)->nCurrentTrack);
   Boxlane_Parse_Delete(scratch.c_str());
   out += " null outputs, a negative capacity, a name too long, a pool past the pools, queries of a null or too long name, "
          "then what GetFragment, Insert, GetStream, Send and Recv refuse:";
@@ -286,7 +282,7 @@ std::string refusals(const char* c) {
 // a feed's (in pieces ending at `cuts`) with each record and its place; a descriptor size; a window of two samples
 // of track 1 from the given first sample.
 std::string step(const std::string& client, std::string_view what, const Bytes& bytes, const std::vector<std::size_t>& cuts) {
-  QORVANE_MP4PARSE& record = record_of(client);
+  QORVANE_MP4PARSE& record = *record_of(client);
   auto exact = std::make_unique<uint8_t[]>(std::max<std::size_t>(bytes.size(), 1));
   if (!bytes.empty()) std::memcpy(exact.get(), bytes.data(), bytes.size());
   const std::string head = fmt("< %.*s %zu: ", int(what.size()), what.data(), bytes.size());

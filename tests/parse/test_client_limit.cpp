@@ -2,6 +2,8 @@
 // that make it hold far more than it was sent, read from the allocator itself.
 #include "parse_fixtures.hpp"
 
+#include "parse/holdings.hpp"
+
 #include <malloc.h>
 
 // The address sanitizer's allocator counts the bytes asked for (GCC ships no header for it).
@@ -211,11 +213,14 @@ TEST_P(ClientLimit, HoldsNoMoreThanTheBound) {
   }
 }
 
-// A bound past 32 bits is kept whole: 4 GiB and 100 bytes hold the tracks that 100 bytes would stop.
-TEST(ClientLimitWide, ABoundPastThirtyTwoBits) {
+// A bound past 32 bits is kept whole: 4 GiB and 100 bytes hold the tracks that 100 bytes would stop. A box that
+// brings what the client holds exactly to the bound is taken.
+TEST(ClientLimitWide, ABoundPastThirtyTwoBitsAndOneReachedExactly) {
   ASSERT_TRUE(Boxlane_Parse_SetLimit((uint64_t{1} << 32) + 100) && Boxlane_Parse_Insert("wide"));
   const Bytes stream = fragment_prefix();
   EXPECT_TRUE(send("wide", stream, 0, stream.size()));
+  ASSERT_TRUE(Boxlane_Parse_SetLimit(parse::held_bytes(*record_of("wide")) + parse::kQueuedRecordBytes));
+  EXPECT_TRUE(send("wide", box("free")));
   Boxlane_Parse_Delete("wide");
   Boxlane_Parse_SetLimit(0);
 }

@@ -84,14 +84,15 @@ TEST_F(Intake, ArgumentsAndTheClientTable) {
 }
 
 // A parser built where another was destroyed (one on the stack of a function called twice) knows none of the old
-// one's clients, though this thread looked the same name up there last.
+// one's clients, though this thread looked the same name up there last; a box one was still taking went with it.
 TEST(ParseTables, OneBuiltWhereAnotherWasKnowsNoneOfItsClients) {
   alignas(CBoxlane_Parse) std::byte place[sizeof(CBoxlane_Parse)];
   QORVANE_HDRMVHD mvhd;
   for (int call = 0; call < 2; ++call) {
     CBoxlane_Parse* parser = new (place) CBoxlane_Parse;
     EXPECT_TRUE(fails_with(parser->Boxlane_Parse_GetMVhd("stack", &mvhd), BOXLANE_ERROR_PARSE_NOTFOUND)) << call;
-    EXPECT_TRUE(parser->Boxlane_Parse_Insert("stack") && parser->Boxlane_Parse_GetMVhd("stack", &mvhd));
+    EXPECT_TRUE(parser->Boxlane_Parse_Insert("stack") && parser->Boxlane_Parse_GetMVhd("stack", &mvhd) &&
+                parser->Boxlane_Parse_Send("stack", movie_ftyp().data(), 9));
     parser->~CBoxlane_Parse();
   }
 }
