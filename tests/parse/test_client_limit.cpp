@@ -76,98 +76,70 @@ const Shape kShapes[] = {
     {"ftyp_over_half", [] { return ftyp_of(5u << 19); }, 3, true},
     // A 1 MiB ftyp, whose brands are kept, then 1 MiB of 8-byte boxes that no worker takes.
     {"small_boxes", [] { return repeated(ftyp_of(1u << 20), box("free"), 2u << 20); }, 3, true},
-    // 4 MiB of tkhd boxes, each with a new track id.
-    {"new_tracks",
-     [] {
-       Bytes b;
-       for (uint32_t id = 1; b.size() < (4u << 20); ++id) b.add(box("tkhd", tkhd_payload(id)));
-       return b;
-     },
-     3, true},
+    // 8 MiB of tkhd boxes, each with a new track id.
+    {"new_tracks", [] { return tracks_of({}); }, 3, true},
     // A track of 100 KB of stts entries, then 200 tkhd boxes switching between it and a second track: no new track,
     // so nothing more is held.
-    {"switching_tracks",
-     [] {
-       const Bytes second = box("tkhd", tkhd_payload(2));
-       const Bytes first = cat({kTrack, table_box("stts", std::vector(12500, std::vector<uint32_t>{1, 1})), second});
+    {"switching_tracks", [] {
+       const Bytes second = box("tkhd", tkhd_payload(2)), first = cat({kTrack, table_box("stts", std::vector(12500, std::vector<uint32_t>{1, 1})), second});
        return repeated(first, cat({kTrack, second}), first.size() + 100 * 2 * kTrack.size());
-     },
-     0, false},
+     }, 0, false},
     // 8 MiB of stts boxes, all appended to one track's table.
-    {"one_table",
-     [] { return repeated(kTrack, table_box("stts", std::vector(8191, std::vector<uint32_t>{1, 1})), 8 << 20); }, 3, true},
+    {"one_table", [] { return repeated(kTrack, table_box("stts", std::vector(8191, std::vector<uint32_t>{1, 1})), 8 << 20); }, 3, true},
     // 8 MiB of stsc boxes, the same for the chunk table.
-    {"chunk_table",
-     [] { return repeated(kTrack, table_box("stsc", std::vector(5460, std::vector<uint32_t>{1, 1, 1})), 8 << 20); }, 3,
-     true},
+    {"chunk_table", [] { return repeated(kTrack, table_box("stsc", std::vector(5460, std::vector<uint32_t>{1, 1, 1})), 8 << 20); }, 3, true},
     // 8 MiB of stss boxes, the same for the sync sample list.
-    {"sync_table", [] { return repeated(kTrack, table_box("stss", std::vector(16380, std::vector<uint32_t>{1})), 8 << 20); }, 3,
-     true},
+    {"sync_table", [] { return repeated(kTrack, table_box("stss", std::vector(16380, std::vector<uint32_t>{1})), 8 << 20); }, 3, true},
     // 8 MiB of stz2 boxes of 4-bit sizes, 8 table bytes a byte sent; read in the extended mode only.
-    {"compact_sizes",
-     [] { return repeated(kTrack, full_box("stz2", 0, 0, Bytes{}.u32(4).u32(131032).zeros(65516)), 8 << 20); }, 2, true},
+    {"compact_sizes", [] { return repeated(kTrack, full_box("stz2", 0, 0, Bytes{}.u32(4).u32(131032).zeros(65516)), 8 << 20); }, 2, true},
     // One stz2 of 480 KiB: 3.75 MiB of sizes beside its buffer would not fit; read in the extended mode only.
     {"one_compact_box", [] { return cat({kTrack, full_box("stz2", 0, 0, Bytes{}.u32(4).u32(983040).zeros(491520))}); }, 2, false},
     // 8 MiB of dinf boxes, each URL (1000 bytes, past the small-string buffer) kept beside the track.
-    {"long_urls",
-     [] {
+    {"long_urls", [] {
        const Bytes url = full_box("url ", 0, 0, Bytes{}.str(std::string(1000, 'u')).u8(0));
        return repeated(kTrack, box("dinf", full_box("dref", 0, 0, Bytes{}.u32(1).add(url))), 8 << 20);
-     },
-     3, true},
+     }, 3, true},
     // 8 MiB of hvc1 sample entries, each for another track, whose hvcC units (4 of 60000 bytes) the track keeps.
-    {"hevc_units",
-     [] {
+    {"hevc_units", [] {
        Bytes hvcc = Bytes{}.u8(1).zeros(21).u8(1).u8(0x80 | 33).u16(4);  // the fixed fields, one array of 4 SPS
        for (int i = 0; i < 4; ++i) hvcc.u16(60000).zeros(60000);
        const Bytes entry = box("hvc1", cat({Bytes{}.zeros(6).u16(1).zeros(70), box("hvcC", hvcc)}));
        return tracks_of(full_box("stsd", 0, 0, Bytes{}.u32(1).add(entry)));
-     },
-     3, true},
+     }, 3, true},
     // The same in avc1 entries whose avcC holds 15 SPS and 16 PPS of 20000 bytes, and in mp4a entries whose esds holds a
     // DecoderSpecificInfo of 500000 bytes (ISO/IEC 14496-1 §7.2.2.3: its size in four bytes of seven bits).
-    {"avc_units",
-     [] {
+    {"avc_units", [] {
        Bytes avcc = Bytes{}.u8(1).u8(100).u8(0).u8(31).u8(0xFF).u8(0xE0 | 15);
        for (int i = 0; i < 15; ++i) avcc.u16(20000).u8(0x67).zeros(19999);
        avcc.u8(16);
        for (int i = 0; i < 16; ++i) avcc.u16(20000).u8(0x68).zeros(19999);
        const Bytes entry = box("avc1", cat({Bytes{}.zeros(6).u16(1).zeros(70), box("avcC", avcc)}));
        return tracks_of(full_box("stsd", 0, 0, Bytes{}.u32(1).add(entry)));
-     },
-     3, true},
-    {"aac_config",
-     [] {
+     }, 3, true},
+    {"aac_config", [] {
        const Bytes config = descriptor(4, Bytes{}.u8(0x40).u8(0x15).zeros(11).add(descriptor(5, Bytes{}.u8(0x11).zeros(499999))));
        const Bytes es = descriptor(3, Bytes{}.u16(1).u8(0).add(config).u8(6).u8(1).u8(2));
        const Bytes entry = box("mp4a", cat({Bytes{}.zeros(6).u16(1).zeros(8).u16(2).u16(16).zeros(4).u32(48000u << 16),
                                             full_box("esds", 0, 0, es)}));
        return tracks_of(full_box("stsd", 0, 0, Bytes{}.u32(1).add(entry)));
-     },
-     3, true},
+     }, 3, true},
     // 8 MiB of moof + mdat pairs of 8000 one-byte samples each, whose answers wait to be taken; the basic mode
     // reads no fragment, and an extended client stops near the bound before the waiting answers reach their limits.
-    {"fragment_answers",
-     [] {
+    {"fragment_answers", [] {
        const Bytes moof = based(1, [](int32_t off) { return trun_box(0, 0x201, std::vector<Entry>(8000, {0, 1}), off); });
        return repeated(fragment_prefix(), cat({moof, box("mdat", Bytes{}.zeros(8000))}), 8 << 20);
-     },
-     2, true},
+     }, 2, true},
     // One moof of a 3 MiB trun, whose entries are kept beside the moof's own buffer.
-    {"one_large_moof",
-     [] {
+    {"one_large_moof", [] {
        const Bytes moof = based(1, [](int32_t off) { return trun_box(0, 0x201, std::vector<Entry>(3 << 18, {0, 1}), off); });
        return cat({fragment_prefix(), moof});
-     },
-     2, false},
+     }, 2, false},
     // 8 MiB of trex boxes, each for another track: their records alone stop the basic mode.
-    {"new_trex",
-     [] {
+    {"new_trex", [] {
        Bytes b = fragment_prefix();
        for (uint32_t id = 4; b.size() < (8u << 20); ++id) b.add(trex_box(id, 1, 0, 0, 0));
        return b;
-     },
-     3, true},
+     }, 3, true},
 };
 
 class ClientLimit : public ::testing::TestWithParam<std::tuple<Shape, uint32_t>> {

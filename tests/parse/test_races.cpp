@@ -78,18 +78,14 @@ TEST(Workers, DrainWhileOtherThreadsInsertFeedQueryAndDelete) {
         int tracks[64] = {};
         QORVANE_HDRSAMPLENFO** list = nullptr;
         int32_t count = 0;
-        if (Boxlane_Parse_GetFTyp(client, &ftyp))
-          Fundrel_Memory_Free(reinterpret_cast<void***>(&ftyp.pptszCompatibleBrand), ftyp.nBrandCount);
-        else
-          allowed(false, true);
+        if (!Boxlane_Parse_GetFTyp(client, &ftyp)) allowed(false, true);
+        else Fundrel_Memory_Free(reinterpret_cast<void***>(&ftyp.pptszCompatibleBrand), ftyp.nBrandCount);
         allowed(Boxlane_Parse_GetMVhd(client, &mvhd), true);
         allowed(Boxlane_Parse_GetStream(client, &stream), true);
         allowed(Boxlane_Parse_GetTrack(client, tracks), true);
         allowed(Boxlane_Parse_GetTrackInfo(client, 1, &tkhd, &mdhd, &hdlr, &vmsmhd), true);
-        if (Boxlane_Parse_GetTrackList(client, 1, &list, &count, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ))
-          Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
-        else
-          allowed(false, true);
+        if (!Boxlane_Parse_GetTrackList(client, 1, &list, &count, ENUM_QORVANE_MORVALY_BOXLANE_HTYPE_STSZ)) allowed(false, true);
+        else Fundrel_Memory_Free(reinterpret_cast<void***>(&list), count);
         allowed(Boxlane_Parse_Recv(client, &hdr, nullptr), true);
         if (rng() % 50 == 0) allowed(Boxlane_Parse_Delete(client), false);
       }
