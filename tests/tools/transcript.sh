@@ -72,7 +72,8 @@ t '{ for i in $(seq 40); do printf "\\0\\0\\0\\1\\x46\\x01\\x50"; done; cat $D/m
 # In fragments from a pipe that hands over a delimiter alone, then the rest a second later: H.265 all the same.
 t '{ printf "\\0\\0\\0\\1\\x46\\x01\\x50"; sleep 1; cat $D/main10_cra.h265; } | mux -v - --fragment 1 -o aud1.mp4'
 t 'mux -v lead.h265 -o lead.mp4 && digest lead.mp4 && mux -q -v lead.h265 -o leadq.mp4 && mux -q -v lead.h265 --fragment 1 -o leadf.mp4 && digest leadf.mp4'
-t 'mux -v eos.h265 -o eos.mp4 && show eos.mp4 && mux -v eos.h265 --fragment 0.1 -o eosf.mp4 && deep eosf.mp4'
+# An end of sequence before the second CRA picture: its RASL pictures go, their time stays, and no audio goes with them.
+t 'mux -v eos.h265 -o eos.mp4 && show eos.mp4 && mux -v eos.h265 -a $D/sample.aac -o eosa.mp4 && mux -v eos.h265 -a $D/sample.aac --fragment 0.1 -o eosf.mp4 && deep eosf.mp4'
 # The CRA picture made a BLA picture (a splice): its RASL pictures go as well.
 t 'cp $D/main10_cra.h265 bla.h265; poke bla.h265 5861 "\\x20"; mux -v bla.h265 -o bla.mp4 && digest bla.mp4'
 # Without the second GOP's parameter sets: the prefix SEI before its CRA picture opens the fragment.

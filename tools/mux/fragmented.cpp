@@ -95,7 +95,7 @@ class FragmentWriter {
     out_ = std::make_unique<InPlaceOutput>(in_.output);
     write_init_segment();
     if (vin_ && ain_) {
-      drop_first_audio(audio_frames_during(vchunks_->dropped_leading(), vchunks_->dropped_fields(), fps_.num, fps_.den,
+      drop_first_audio(audio_frames_during(vchunks_->dropped_at_start(), vchunks_->dropped_fields(), fps_.num, fps_.den,
                                            sample_rate_));
     }
 
@@ -131,6 +131,10 @@ class FragmentWriter {
 
   static const char* codec_name(VideoCodec codec) { return codec == VideoCodec::kH265 ? "H.265" : "H.264"; }
 
+  // Picture k's time, for k in decoding order or a display position, with
+  // the time of pictures left out mid-stream kept.
+  uint64_t video_time(uint64_t k) const { return timing_.video.at(slots_(k)); }
+
   bool video_finished() const { return !vin_ || (vchunks_->finished() && v_.chunks.empty()); }
   bool audio_finished() const { return !ain_ || (achunks_->finished() && a_.written == a_.scanned); }
   bool video_ended() const { return !vin_ || vchunks_->finished() || g_stop; }
@@ -150,14 +154,14 @@ class FragmentWriter {
     if (!v_.chunks.empty()) {
       // The fragment ends where the first chunk (an IDR picture) at least
       // `span` after its start begins, or where the video ends.
-      const uint64_t start = timing_.video.at(v_.written);
+      const uint64_t start = video_time(v_.written);
       std::size_t k = 1;
-      while (k < v_.chunks.size() && timing_.video.at(v_.first[k]) - start < span) ++k;
+      while (k < v_.chunks.size() && video_time(v_.first[k]) - start < span) ++k;
       uint64_t end;
       if (k < v_.chunks.size()) {
-        end = timing_.video.at(v_.first[k]);
+        end = video_time(v_.first[k]);
       } else if (video_ended()) {
-        end = timing_.video.at(v_.scanned);
+        end = video_time(v_.scanned);
       } else {
         p.need_video = true;
         p.need_audio = ain_ && !audio_ended() && a_.bytes < kReadAhead;
@@ -276,6 +280,8 @@ class FragmentWriter {
       while (vchunks_->next(chunk)) {
         reordered_ = reordered_ || chunk.stream.reordered;
         v_.first.push_back(v_.scanned);
+        slots_.leave_open(v_.scanned, chunk.left_out_before);
+        for (const VideoStream::Gap& gap : chunk.stream.gaps) slots_.leave_open(v_.scanned + gap.at, gap.pictures);
         v_.scanned += chunk.stream.units.size();
         v_.bytes += chunk.bytes.size();
         v_.chunks.push_back(std::move(chunk));
@@ -388,21 +394,23 @@ class FragmentWriter {
         const uint64_t i = base + j;
         // Positive while the stream keeps to its reorder bound; beyond it a
         // negative offset is still written right (trun version 1).
-        const int64_t offset = static_cast<int64_t>(timing_.video.at(base + s.display[j] + shift_)) -
-                               static_cast<int64_t>(timing_.video.at(i));
+        const int64_t offset = static_cast<int64_t>(timing_.video.at(slots_(base + s.display[j]) + shift_)) -
+                               static_cast<int64_t>(video_time(i));
         if (offset < INT32_MIN || offset > INT32_MAX) throw ToolError("a composition offset does not fit 32 bits");
+        const uint64_t duration = video_time(i + 1) - video_time(i);
+        if (duration > INT32_MAX) throw ToolError("a picture's duration does not fit 32 bits");
         const std::size_t at = payload_.size();
         payload_.resize(at + u.sample_size);
         int32_t len = 0;
         if (!Boxlane_Packet_FrameAccessUnit(c, payload_.data() + at, &len, nal_ptrs.data(), nal_lens.data(),
                                             static_cast<int32_t>(u.nal_count), 0, u.key ? 1 : 0,
-                                            static_cast<int32_t>(timing_.video.duration(i)),
+                                            static_cast<int32_t>(duration),
                                             static_cast<int32_t>(offset))) {
           refused("a video access unit");
         }
         if (static_cast<uint64_t>(len) != u.sample_size) throw ToolError("internal: video sample size changed");
       }
-      video_end_ = timing_.video.at(base + s.units.size());
+      video_end_ = video_time(base + s.units.size());
     }
     for (uint64_t f = 0; f < plan.audio_frames; ++f) {
       const AudioChunk& chunk = a_.chunks.front();
@@ -535,6 +543,7 @@ class FragmentWriter {
   VideoQueue v_;
   AudioQueue a_;
   Timing timing_;
+  Slots slots_;  // the time of pictures left out after the first piece
   FrameRate fps_;
   uint64_t span_ticks_ = 1;
   uint32_t shift_ = 0;  // frames every composition time is delayed by

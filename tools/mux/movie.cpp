@@ -25,11 +25,13 @@ namespace {
 
 constexpr uint32_t kFtypSize = 32;
 
-uint32_t runs_of(uint64_t count, const Clock& clock) {
+// `duration(i)`: sample i's duration.
+template <typename Duration>
+uint32_t runs_of(uint64_t count, const Duration& duration) {
   uint32_t runs = 0;
   uint64_t last = 0;
   for (uint64_t i = 0; i < count; ++i) {
-    const uint64_t d = clock.duration(i);
+    const uint64_t d = duration(i);
     if (i == 0 || d != last) ++runs;
     last = d;
   }
@@ -131,6 +133,10 @@ class MovieWriter {
   uint64_t video_count() const { return v_ ? v_->units.size() : 0; }
   uint64_t audio_count() const { return a_ ? a_->frames.size() : 0; }
   uint64_t audio_duration() const { return a_ ? timing_.audio.at(audio_count()) : 0; }
+  // Picture k's time, for k in decoding order or a display position, with
+  // the time of pictures left out mid-stream kept.
+  uint64_t video_time(uint64_t k) const { return timing_.video.at(slots_(k)); }
+  uint64_t video_duration(uint64_t i) const { return video_time(i + 1) - video_time(i); }
 
   void plan_timing() {
     TimingInput t;
@@ -139,6 +145,8 @@ class MovieWriter {
       t.video = true;
       t.fps_num = in_.fps.num;
       t.fps_den = in_.fps.den;
+      for (const VideoStream::Gap& gap : v_->gaps) slots_.leave_open(gap.at, gap.pictures);
+      t.video_widest = slots_.widest();
       if (v_->reordered) {
         // Every composition offset must come out positive (the writer keeps
         // no zero offsets): shift by the largest lead of decoding over
@@ -156,8 +164,8 @@ class MovieWriter {
     }
     timing_ = choose_timing(t);
     if (v_) {
-      vt_.media_duration = timing_.video.at(v_->units.size());
-      vt_.presentation = timing_.video.at(v_->units.size() + vt_.shift) - timing_.video.at(vt_.shift);
+      vt_.media_duration = video_time(v_->units.size());
+      vt_.presentation = timing_.video.at(slots_(v_->units.size()) + vt_.shift) - timing_.video.at(vt_.shift);
       if (v_->reordered) {
         for (uint64_t i = 0; i < v_->units.size(); ++i) {
           if (offset(i) > INT32_MAX) throw ToolError("a composition offset does not fit the 32-bit ctts field");
@@ -168,7 +176,7 @@ class MovieWriter {
 
   uint64_t offset(uint64_t i) const {
     if (!v_->reordered) return 0;
-    return timing_.video.at(v_->display[i] + uint64_t{vt_.shift}) - timing_.video.at(i);
+    return timing_.video.at(slots_(v_->display[i]) + vt_.shift) - video_time(i);
   }
 
   static uint32_t checked32(uint64_t v, const char* what) {
@@ -181,7 +189,7 @@ class MovieWriter {
       plan_.video = true;
       const uint64_t n = v_->units.size();
       plan_.v_stsd = video_stsd_size(*v_);
-      plan_.v_stts = checked32(16 + 8 * uint64_t{runs_of(n, timing_.video)}, "stts");
+      plan_.v_stts = checked32(16 + 8 * uint64_t{runs_of(n, [this](uint64_t i) { return video_duration(i); })}, "stts");
       plan_.v_ctts = v_->reordered ? checked32(16 + 8 * n, "ctts") : 0;
       const uint64_t keys = std::count_if(v_->units.begin(), v_->units.end(), [](const AccessUnit& u) { return u.key; });
       plan_.v_stss = checked32(16 + 4 * keys, "stss");
@@ -197,7 +205,7 @@ class MovieWriter {
       plan_.audio = true;
       const uint64_t m = a_->frames.size();
       plan_.a_stsd = audio_stsd_size(*a_);
-      plan_.a_stts = checked32(16 + 8 * uint64_t{runs_of(m, timing_.audio)}, "stts");
+      plan_.a_stts = checked32(16 + 8 * uint64_t{runs_of(m, [this](uint64_t i) { return timing_.audio.duration(i); })}, "stts");
       plan_.a_stsz = checked32(20 + 4 * m, "stsz");
       plan_.a_stco.samples = m;
       plan_.a_tkhd = sized_for(audio_duration(), 92, 104);
@@ -238,7 +246,7 @@ class MovieWriter {
     const uint64_t video_lead = v_ ? timing_.video.at(vt_.shift) : 0;
     uint64_t iv = 0, ia = 0;
     while (iv < nv || ia < na) {
-      if (iv < nv && (ia >= na || timing_.video.at(iv) < timing_.audio.at(ia) + video_lead)) {
+      if (iv < nv && (ia >= na || video_time(iv) < timing_.audio.at(ia) + video_lead)) {
         take(true, iv++);
       } else {
         take(false, ia++);
@@ -270,7 +278,7 @@ class MovieWriter {
         int32_t len = 0;
         if (!Boxlane_Packet_FrameAccessUnit(client_.name(), dst, &len, nal_ptrs.data(), nal_lens.data(),
                                             static_cast<int32_t>(u.nal_count), pos, u.key ? 1 : 0,
-                                            static_cast<int32_t>(timing_.video.duration(i)),
+                                            static_cast<int32_t>(video_duration(i)),
                                             static_cast<int32_t>(offset(i)))) {
           refused("a video access unit");
         }
@@ -369,6 +377,7 @@ class MovieWriter {
   const AudioStream* a_;
   WriterClient client_;
   Timing timing_;
+  Slots slots_;
   VideoTiming vt_;
   MoovPlan plan_;
 };

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <optional>
 #include <span>
+#include <utility>
 
 #include "platform/h264.hpp"
 #include "platform/hevc.hpp"
@@ -243,8 +244,16 @@ void VideoChunker::scan(VideoChunk& out) const {
   }
 }
 
-void VideoChunker::counted(const VideoChunk& out) noexcept {
-  dropped_ += out.stream.pictures_left_out();
+void VideoChunker::left_out(uint32_t pictures) noexcept {
+  dropped_ += pictures;
+  if (emitted_ > 0) since_last_piece_ += pictures;
+}
+
+void VideoChunker::counted(VideoChunk& out) noexcept {
+  left_out(out.stream.pictures_left_out());
+  if (emitted_ == 0) at_start_ = dropped_;
+  out.left_out_before = std::exchange(since_last_piece_, 0);
+  for (const VideoStream::Gap& gap : out.stream.gaps) dropped_ += gap.pictures;
   dropped_fields_ += out.stream.dropped_fields;
   ++emitted_;
 }
@@ -281,12 +290,12 @@ bool VideoChunker::emit(std::size_t end, bool last, VideoChunk& out) {
     else if (set.offset < offset + end) sets_inside = true;
   }
   if (!sets_before && !sets_inside) {
-    dropped_ += pictures;
+    left_out(pictures);
     return false;
   }
   if (h265() && !random_access_) {
     // Pictures before the first IRAP picture: nothing to decode them from.
-    dropped_ += pictures;
+    left_out(pictures);
     return false;
   }
   if (h265() && emitted_ > 0) {
@@ -327,7 +336,7 @@ bool VideoChunker::emit(std::size_t end, bool last, VideoChunk& out) {
     // shown, and it is left out as the movie path leaves them out. A stream
     // with no IDR picture at all is one last piece, refused as there.
     if (out.stream.only_leading && !emitted_ && !last) {
-      dropped_ += out.stream.dropped_leading;
+      left_out(out.stream.dropped_leading);
       dropped_fields_ += out.stream.dropped_fields;
       return false;
     }

@@ -22,6 +22,9 @@ struct VideoChunk {
   std::vector<uint8_t> bytes;  // the parameter sets sent before it, then its input bytes
   VideoStream stream;          // units and NAL units point into bytes
   uint64_t input_offset = 0;   // of its first input byte
+  // Pictures left out since the piece before (none for the first piece):
+  // their time is kept in front of this piece's first picture.
+  uint32_t left_out_before = 0;
 };
 
 class VideoChunker {
@@ -46,6 +49,9 @@ class VideoChunker {
   // one after an end of sequence). A stream cut in the middle of a group of
   // pictures starts with a piece of such pictures alone, left out whole.
   uint32_t dropped_leading() const noexcept { return dropped_; }
+  // Of those, the ones before the first piece's pictures are shown: no time
+  // of theirs is kept. Final once the first piece has been taken.
+  uint32_t dropped_at_start() const noexcept { return at_start_; }
   // Of those, the H.264 single fields (half a frame each).
   uint32_t dropped_fields() const noexcept { return dropped_fields_; }
   // Where the input stopped in the middle of a NAL unit that could not be
@@ -71,7 +77,8 @@ class VideoChunker {
   void complete_nal(std::size_t end);
   bool emit(std::size_t end, bool last, VideoChunk& out);
   void scan(VideoChunk& out) const;
-  void counted(const VideoChunk& out) noexcept;
+  void counted(VideoChunk& out) noexcept;
+  void left_out(uint32_t pictures) noexcept;
   bool h265() const noexcept { return codec_ == VideoCodec::kH265; }
 
   LiveInput& in_;
@@ -90,6 +97,8 @@ class VideoChunker {
   uint64_t emitted_ = 0;           // pieces with pictures handed out
   bool done_ = false;
   uint32_t dropped_ = 0;
+  uint32_t at_start_ = 0;
+  uint32_t since_last_piece_ = 0;  // left out after the first piece
   uint32_t dropped_fields_ = 0;
   bool cut_short_ = false;
   uint64_t cut_at_ = 0;

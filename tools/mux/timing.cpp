@@ -1,5 +1,6 @@
 #include "tools/mux/timing.hpp"
 
+#include <algorithm>
 #include <cstdint>
 #include <numeric>
 
@@ -11,6 +12,24 @@ Clock::Clock(uint32_t timescale, uint64_t num, uint64_t den) noexcept : num_(num
   const uint64_t ticks = uint64_t{timescale} * den;
   whole_ = ticks / num_;
   rest_ = ticks % num_;
+}
+
+void Slots::leave_open(uint64_t at, uint64_t count) {
+  if (count == 0) return;
+  if (!open_.empty() && open_.back().first == at) {
+    open_.back().second += count;
+  } else {
+    open_.emplace_back(at, (open_.empty() ? 0 : open_.back().second) + count);
+  }
+  const uint64_t before = open_.size() > 1 ? open_[open_.size() - 2].second : 0;
+  widest_ = std::max(widest_, 1 + open_.back().second - before);
+}
+
+uint64_t Slots::operator()(uint64_t k) const noexcept {
+  // The last gap at or before k; almost every stream has none.
+  const auto after = std::upper_bound(open_.begin(), open_.end(), k,
+                                      [](uint64_t v, const std::pair<uint64_t, uint64_t>& g) { return v < g.first; });
+  return after == open_.begin() ? k : k + std::prev(after)->second;
 }
 
 namespace {
@@ -29,7 +48,7 @@ Timing make(uint32_t timescale, const TimingInput& in) {
 }
 
 bool fits(const Timing& t, const TimingInput& in) {
-  if (in.video && t.video.longest() > kMaxTicks) return false;
+  if (in.video && t.video.longest() > kMaxTicks / in.video_widest) return false;
   if (in.audio && t.audio.longest() > kMaxTicks) return false;
   return true;
 }

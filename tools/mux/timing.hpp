@@ -8,6 +8,8 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace boxlane::tool {
 
@@ -30,12 +32,31 @@ class Clock {
   uint64_t num_ = 1;
 };
 
+// Where each video picture sits on the frame grid: picture k in slot k, plus
+// the slots left open before it for pictures left out after the start (RASL
+// pictures that cannot be decoded). The picture before such a gap lasts until
+// the next one, so every later picture keeps the time it was recorded at.
+class Slots {
+ public:
+  // Opens `count` slots before picture `at`; `at` never decreases from one
+  // call to the next.
+  void leave_open(uint64_t at, uint64_t count);
+  uint64_t operator()(uint64_t k) const noexcept;
+  // The most slots one picture spans.
+  uint64_t widest() const noexcept { return widest_; }
+
+ private:
+  std::vector<std::pair<uint64_t, uint64_t>> open_;  // (at, slots open before it in all)
+  uint64_t widest_ = 1;
+};
+
 struct TimingInput {
   bool video = false;
   uint32_t fps_num = 25, fps_den = 1;
   bool audio = false;
   uint32_t sample_rate = 0;
   uint32_t forced_timescale = 0;  // --timescale, 0 when not given
+  uint64_t video_widest = 1;      // Slots::widest()
 };
 
 struct Timing {

@@ -76,6 +76,16 @@ struct VideoStream {
   uint64_t max_sample_size = 0;
   uint64_t payload_bytes = 0;  // sum of sample sizes
   uint32_t skipped_before_parameter_sets = 0;
+  // H.265: the pictures among those left out after the start (the RASL
+  // pictures of a CRA picture after an end of sequence, or of a BLA
+  // picture), by the kept picture they come before in decoding order: `at`
+  // is its index in units. They keep their time on the frame grid (see
+  // Slots), so the pictures after them stay in step with the audio.
+  struct Gap {
+    uint32_t at;
+    uint32_t pictures;
+  };
+  std::vector<Gap> gaps;
   // H.264: pictures left out before the first random access point (and,
   // when it is not an IDR picture, those shown before it that need the
   // pictures before it), counted by their first slice.
@@ -85,7 +95,10 @@ struct VideoStream {
   // The pictures left out before decoding can start, as the stream's codec
   // counts them.
   uint32_t pictures_left_out() const noexcept {
-    return codec == VideoCodec::kH265 ? skipped_before_parameter_sets : dropped_leading;
+    if (codec != VideoCodec::kH265) return dropped_leading;
+    uint32_t later = 0;
+    for (const Gap& gap : gaps) later += gap.pictures;
+    return skipped_before_parameter_sets - later;
   }
   // Set when the scan is refused because every picture was left out that
   // way: none comes at or after a random access point.
@@ -104,9 +117,10 @@ void scan_video(const uint8_t* data, std::size_t size, const std::string& name, 
 // (IDR, CRA, BLA) as key frames, the parameter sets in hevc_sets and none in
 // the samples. Pictures before the first IRAP picture, and the RASL pictures
 // of a CRA or BLA picture that starts decoding, cannot be decoded and are
-// left out (counted in skipped_before_parameter_sets). A piece that
-// `continues` a stream (cut at an IRAP picture) keeps the RASL pictures of
-// the CRA picture it starts with: their references are in the piece before.
+// left out (counted in skipped_before_parameter_sets; those after kept
+// pictures, at an end of sequence or a BLA picture, also in gaps). A piece
+// that `continues` a stream (cut at an IRAP picture) keeps the RASL pictures
+// of the CRA picture it starts with: their references are in the piece before.
 void scan_hevc(const uint8_t* data, std::size_t size, const std::string& name, VideoStream& out,
                const std::function<void(const uint8_t*)>& read_to = {}, bool continues = false);
 

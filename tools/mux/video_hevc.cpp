@@ -166,6 +166,7 @@ class HevcScanner {
                          (type == hevc::kCra && ((!started_ && !continues_) || after_eos_));
     if (hevc::is_irap(type)) {
       started_ = true;
+      irap_at_ = static_cast<uint32_t>(out_.units.size());
       skip_rasl_ = restart;
       after_eos_ = false;
     }
@@ -175,6 +176,12 @@ class HevcScanner {
     dropping_ = !started_ || (skip_rasl_ && hevc::is_rasl(type));
     if (dropping_) {
       ++out_.skipped_before_parameter_sets;
+      // Left out after pictures already kept: the time they would have
+      // been shown in, before their IRAP picture, stays theirs.
+      if (started_ && irap_at_ > 0) {
+        if (out_.gaps.empty() || out_.gaps.back().at != irap_at_) out_.gaps.push_back({irap_at_, 0});
+        ++out_.gaps.back().pictures;
+      }
       pending_.clear();
       return;
     }
@@ -224,6 +231,7 @@ class HevcScanner {
   bool skip_rasl_ = false;  // the last IRAP picture had NoRaslOutputFlag 1
   bool after_eos_ = false;
   bool dropping_ = false;   // the current picture is left out
+  uint32_t irap_at_ = 0;    // index in units of the last IRAP picture
   AccessUnit unit_;
 };
 
