@@ -212,9 +212,10 @@ t 'for r in 29.966 29.96; do mux -v one.h264 --fps $r -o y.mp4; done; mux -v one
 # A recording that starts at a recovery point, with an IDR picture later; one byte of video in fragments.
 t 'mux -v recovery_idr.h264 -o y.mp4 && digest y.mp4; printf x > byte.h264; mux -v byte.h264 --fragment 1 -o x.mp4'
 # H.265 without its PPS (the first GOP's VPS and SPS alone); the end of sequence ends its effect at the next IRAP
-# picture: a stream after it opens with a CRA picture whose leading pictures stay.
+# picture: a stream after it opens with a CRA picture whose leading pictures stay. In fragments, the pictures dropped
+# at the end of sequence cut no audio, though the whole input was read before the first fragment.
 t 'head -c $(($(LC_ALL=C grep -obaP "\x00\x00\x00\x01\x44" $D/main10_cra.h265 | head -1 | cut -d: -f1))) $D/main10_cra.h265 > nopps.h265; mux -v nopps.h265 -o x.mp4'
-t 'cat eos.h265 $D/main10_cra.h265 > eos2.h265; mux -v eos2.h265 -o y.mp4 && digest y.mp4'
+t 'cat eos.h265 $D/main10_cra.h265 > eos2.h265; mux -v eos2.h265 -o y.mp4 && digest y.mp4 && mux -v eos2.h265 -a $D/sample.aac --fragment 0.1 -o yf.mp4'
 # One ADTS frame cut short, alone; a fragmented movie written into a pipe (no mehd patched in at the end).
 t 'head -c 100 $D/sample.aac > part.aac; mux -a part.aac -o x.mp4'
 t 'set -o pipefail; mux -q -a $D/sample.aac --fragment 1 -o /dev/stdout | cat > piped.mp4 && digest piped.mp4'
