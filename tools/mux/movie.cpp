@@ -189,7 +189,8 @@ class MovieWriter {
       plan_.video = true;
       const uint64_t n = v_->units.size();
       plan_.v_stsd = video_stsd_size(*v_);
-      plan_.v_stts = checked32(16 + 8 * uint64_t{runs_of(n, [this](uint64_t i) { return video_duration(i); })}, "stts");
+      const auto picture = [this](uint64_t i) { return video_duration(i); };
+      plan_.v_stts = checked32(16 + 8 * uint64_t{runs_of(n, picture)}, "stts");
       plan_.v_ctts = v_->reordered ? checked32(16 + 8 * n, "ctts") : 0;
       const uint64_t keys = std::count_if(v_->units.begin(), v_->units.end(), [](const AccessUnit& u) { return u.key; });
       plan_.v_stss = checked32(16 + 4 * keys, "stss");
@@ -205,7 +206,8 @@ class MovieWriter {
       plan_.audio = true;
       const uint64_t m = a_->frames.size();
       plan_.a_stsd = audio_stsd_size(*a_);
-      plan_.a_stts = checked32(16 + 8 * uint64_t{runs_of(m, [this](uint64_t i) { return timing_.audio.duration(i); })}, "stts");
+      const auto frame = [this](uint64_t i) { return timing_.audio.duration(i); };
+      plan_.a_stts = checked32(16 + 8 * uint64_t{runs_of(m, frame)}, "stts");
       plan_.a_stsz = checked32(20 + 4 * m, "stsz");
       plan_.a_stco.samples = m;
       plan_.a_tkhd = sized_for(audio_duration(), 92, 104);
