@@ -253,7 +253,7 @@ void VideoChunker::counted(VideoChunk& out) noexcept {
   left_out(out.stream.pictures_left_out());
   if (emitted_ == 0) at_start_ = dropped_;
   out.left_out_before = std::exchange(since_last_piece_, 0);
-  for (const VideoStream::Gap& gap : out.stream.gaps) dropped_ += gap.pictures;
+  dropped_ += out.stream.gap_pictures();
   dropped_fields_ += out.stream.dropped_fields;
   ++emitted_;
 }

@@ -95,10 +95,13 @@ struct VideoStream {
   // The pictures left out before decoding can start, as the stream's codec
   // counts them.
   uint32_t pictures_left_out() const noexcept {
-    if (codec != VideoCodec::kH265) return dropped_leading;
-    uint32_t later = 0;
-    for (const Gap& gap : gaps) later += gap.pictures;
-    return skipped_before_parameter_sets - later;
+    return codec == VideoCodec::kH265 ? skipped_before_parameter_sets - gap_pictures() : dropped_leading;
+  }
+  // The pictures in gaps.
+  uint32_t gap_pictures() const noexcept {
+    uint32_t pictures = 0;
+    for (const Gap& gap : gaps) pictures += gap.pictures;
+    return pictures;
   }
   // Set when the scan is refused because every picture was left out that
   // way: none comes at or after a random access point.
