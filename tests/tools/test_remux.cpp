@@ -176,6 +176,7 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
     if (durations(source)[0]) {  // an empty_moov's are 0
       EXPECT_EQ(durations(dir + file), durations(source));
     }
+    EXPECT_EQ(read_with_mp4box(dir + file).errors, std::vector<std::string>{});
     const auto boxes = boxes_of(dir + file);
     ASSERT_EQ(boxes.size(), 3u);
     EXPECT_EQ(boxes[1].type, file == "fast.mp4" ? "moov" : "mdat");
@@ -202,7 +203,9 @@ TEST_P(RemuxRoundTrip, DecodesLikeTheInputBothWays) {
   std::vector<uint64_t> moofs, indexed;
   for (const TopBox& box : boxes_of(dir + "fragmented.mp4"))
     if (box.type == "moof") moofs.push_back(box.offset);
-  for (const auto& [track, offset] : read_with_mp4box(dir + "fragmented.mp4").tfra)
+  const Mp4BoxReport mp4box = read_with_mp4box(dir + "fragmented.mp4");
+  EXPECT_EQ(mp4box.errors, std::vector<std::string>{});
+  for (const auto& [track, offset] : mp4box.tfra)
     if (track == 1) indexed.push_back(offset);
   EXPECT_EQ(indexed, moofs);
   if (in.video && in.audio) {

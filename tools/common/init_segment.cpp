@@ -80,7 +80,9 @@ InitSegment build_init_segment(const char* client, const InitSegmentInput& in) {
   InitSegment out;
   Bytes file = call_box("ftyp", 64, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_FTyp(c, p, l); });
   Bytes moov = call_box("mvhd", 256, [&](uint8_t* p, int32_t* l) {
-    return Boxlane_Packet_MVhd(c, p, l, 0, static_cast<int32_t>(in.timescale));
+    if (!Boxlane_Packet_MVhd(c, p, l, 0, static_cast<int32_t>(in.timescale))) return false;
+    name_next_track(p, *l, (in.video.present ? 1 : 0) + (in.audio.present ? 1 : 0));
+    return true;
   });
   if (in.video.present) append(moov, b.track(true));
   if (in.audio.present) append(moov, b.track(false));

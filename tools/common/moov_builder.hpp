@@ -24,6 +24,16 @@ constexpr uint32_t sized_for(uint64_t duration, uint32_t version0, uint32_t vers
   return duration > UINT32_MAX ? version1 : version0;
 }
 
+// The writer's mvhd names track 2 as the next whatever the number of tracks;
+// a movie whose tracks are 1 to n must name one above them all (ISO/IEC
+// 14496-12 §8.2.2.3). next_track_ID is the last field of both versions.
+inline void name_next_track(uint8_t* mvhd, int32_t len, uint32_t tracks) {
+  if (len < 4) return;
+  const uint32_t next = tracks + 1;
+  uint8_t* field = mvhd + len - 4;
+  for (int i = 0; i < 4; ++i) field[i] = static_cast<uint8_t>(next >> (24 - 8 * i));
+}
+
 // Appends the writer's boxes to one buffer, checking each against its
 // planned size before the next is written: the writer is not told the
 // buffer's capacity, so a size that differed from the plan must stop the run.

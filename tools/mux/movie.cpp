@@ -309,7 +309,9 @@ class MovieWriter {
     m.container("moov", plan_.moov() - kBoxHeader);
     const uint64_t duration = std::max(vt_.presentation, audio_duration());
     m.box("mvhd", plan_.mvhd, [&](uint8_t* p, int32_t* len) {
-      return Boxlane_Packet_MVhd64(c, p, len, duration, static_cast<int32_t>(timing_.timescale));
+      if (!Boxlane_Packet_MVhd64(c, p, len, duration, static_cast<int32_t>(timing_.timescale))) return false;
+      name_next_track(p, *len, (v_ ? 1 : 0) + (a_ ? 1 : 0));
+      return true;
     });
     if (v_) build_video_trak(m);
     if (a_) build_audio_trak(m);

@@ -215,7 +215,9 @@ class ProgressiveWriter {
     const char* c = client_.name();
     m.container("moov", moov_size() - kBoxHeader);
     m.box("mvhd", mvhd_, [&](uint8_t* p, int32_t* l) {
-      return Boxlane_Packet_MVhd64(c, p, l, duration_, static_cast<int32_t>(job_.timescale));
+      if (!Boxlane_Packet_MVhd64(c, p, l, duration_, static_cast<int32_t>(job_.timescale))) return false;
+      name_next_track(p, *l, static_cast<uint32_t>(tracks_.size()));
+      return true;
     });
     for (const TrackPlan& t : tracks_) build_trak(m, t);
   }

@@ -2,7 +2,8 @@
 // 0.5 keeps only the last entry of each tfra), an independent reader, finds
 // in an MP4 file, one fact a line: "fragmented 0|1", "track ID CODEC
 // TIMESCALE", "sample ID DTS CTS SIZE SYNC" (every sample, in decode order),
-// "tfra TRACK TIME MOOF_OFFSET" (mfra's entries), "error TEXT".
+// "tfra TRACK TIME MOOF_OFFSET" (mfra's entries), "error TEXT" (its own, and
+// a track_ID that is not below mvhd's next_track_ID).
 //
 //   BOXLANE_NPM=<folder with node_modules> node mp4box_read.mjs FILE
 import fs from 'node:fs';
@@ -18,8 +19,11 @@ const lines = [], samples = [], errors = [];
 file.onError = (e) => errors.push(`error ${e}`);
 file.onReady = (info) => {
   lines.push(`fragmented ${info.isFragmented ? 1 : 0}`);
+  const next = file.moov.mvhd.next_track_id;
   for (const t of info.tracks) {
     lines.push(`track ${t.id} ${t.codec} ${t.timescale}`);
+    // ISO/IEC 14496-12 §8.2.2.3: larger than the largest track_ID in use.
+    if (t.id >= next) errors.push(`error next_track_ID ${next} is not above track ${t.id}`);
     file.setExtractionOptions(t.id, null, { nbSamples: 1 });
   }
   file.start();
