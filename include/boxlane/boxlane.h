@@ -593,7 +593,10 @@ BOXLANE_API bool Boxlane_Packet_HDRBox(const char* lpszClient, uint8_t* ptszMsgB
 /* ftyp: isom, minor 512, compatible isom iso2 avc1 mp41 (32 bytes). */
 BOXLANE_API bool Boxlane_Packet_FTyp(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen);
 /* mvhd (108 bytes). Stamps the creation time and keeps nTimeScale for the
- * track headers. nDuration 0: derived from the frame time. */
+ * track headers. nDuration 0: derived from the frame time. next_track_ID is
+ * 2 whatever the number of tracks; a movie of tracks 1 to n must name n + 1
+ * (ISO/IEC 14496-12 §8.2.2.3): it is the box's last four bytes, big-endian,
+ * in both versions, for the caller to set. */
 BOXLANE_API bool Boxlane_Packet_MVhd(const char* lpszClient, uint8_t* ptszMsgBuffer, int32_t* pInt_MsgLen, int32_t nDuration, int32_t nTimeScale);
 /* tkhd (92 bytes). Tracks are numbered 1, 2, ... in call order. nVolume 0
  * marks a visual track (0x0100 is full volume). */
