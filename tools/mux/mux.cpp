@@ -213,7 +213,9 @@ std::string rate_text(const FrameRate& r) {
   return text;
 }
 
-// Pictures left out before the first random access point.
+// Pictures no decoder can show, left out: those before the first random
+// access point and, in H.265, the RASL pictures of a CRA picture after an end
+// of sequence or of a BLA picture (leading pictures too, ISO/IEC 23008-2 §3).
 std::string dropped_text(uint32_t dropped) {
   if (dropped == 0) return {};
   return " (" + std::to_string(dropped) + " leading picture" + (dropped == 1 ? "" : "s") + " that cannot be decoded dropped)";
@@ -331,11 +333,6 @@ int run(const Options& o) {
     }
     in.video = &video;
     in.fps = o.fps ? *o.fps : (video.has_vui_rate ? video.vui_rate : FrameRate{});
-    // H.265 (the H.264 count goes into the summary).
-    if (!o.quiet && video.skipped_before_parameter_sets) {
-      std::fprintf(stderr, "boxlane mux: %s: skipped %u pictures that cannot be decoded (before the first random "
-                   "access point, or its RASL pictures)\n", o.video.c_str(), video.skipped_before_parameter_sets);
-    }
     if (!o.quiet && !o.fps && !video.has_vui_rate) {
       std::fprintf(stderr, "boxlane mux: %s: no frame rate in the stream; assuming 25 (set it with --fps)\n",
                    o.video.c_str());
@@ -381,7 +378,7 @@ int run(const Options& o) {
                 std::to_string(video.width) + "x" + std::to_string(video.height) + ", " +
                 count_text(video.units.size(), "frame", "frames") + " at " + rate_text(in.fps) + " fps";
       if (video.reordered) tracks += " with B-frames";
-      tracks += dropped_text(video.dropped_leading);
+      tracks += dropped_text(video.pictures_left_out() + video.gap_pictures());
     }
     if (in.audio) {
       if (!tracks.empty()) tracks += "; ";
