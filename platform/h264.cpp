@@ -113,14 +113,15 @@ bool parse_sps(const uint8_t* nal, std::size_t size, Sps& out) noexcept {
       }
     }
   }
-  const uint32_t log2_frame_num = br.ue() + 4;
+  // Summed in 64 bits: a coded 2^32 - 2 must not wrap round into the range.
+  const uint64_t log2_frame_num = uint64_t{br.ue()} + 4;
   if (log2_frame_num > 16) return false;
-  sps.log2_max_frame_num = log2_frame_num;
+  sps.log2_max_frame_num = static_cast<uint32_t>(log2_frame_num);
   sps.poc_type = br.ue();
   if (sps.poc_type == 0) {
-    const uint32_t log2_lsb = br.ue() + 4;
+    const uint64_t log2_lsb = uint64_t{br.ue()} + 4;
     if (log2_lsb > 16) return false;
-    sps.log2_max_poc_lsb = log2_lsb;
+    sps.log2_max_poc_lsb = static_cast<uint32_t>(log2_lsb);
   } else if (sps.poc_type == 1) {
     sps.delta_pic_order_always_zero = br.flag();
     sps.offset_for_non_ref_pic = br.se();

@@ -185,10 +185,11 @@ Nal make_sps(Gen& g, Seq& q, int poc_type = -1) {
       for (int i = 0; i < (s.chroma_format_idc != 3 ? 8 : 12); ++i)
         if (g.flag("seq_scaling_list_present_flag")) scaling_list(g, i < 6 ? 16 : 64);
   }
-  s.log2_max_frame_num = g.ue("log2_max_frame_num_minus4", 0, 12) + 4;
+  const int64_t wrap = g.above ? -1 : 4294967294;  // past by one, or by a value 32-bit sums wrap round into range
+  s.log2_max_frame_num = g.ue("log2_max_frame_num_minus4", 0, 12, wrap) + 4;
   s.poc_type = poc_type < 0 ? g.ue("pic_order_cnt_type", 0, 2)
                             : uint32_t(g.put(Gen::kUe, 0, "pic_order_cnt_type", poc_type));
-  if (s.poc_type == 0) s.log2_max_poc_lsb = g.ue("log2_max_pic_order_cnt_lsb_minus4", 0, 12) + 4;
+  if (s.poc_type == 0) s.log2_max_poc_lsb = g.ue("log2_max_pic_order_cnt_lsb_minus4", 0, 12, wrap) + 4;
   if (s.poc_type == 1) {
     s.delta_pic_order_always_zero = g.flag("delta_pic_order_always_zero_flag");
     s.offset_for_non_ref_pic = g.se("offset_for_non_ref_pic", -kI32, kI32);
