@@ -69,7 +69,7 @@ TEST(H264Sei, RecoveryPointAmongOtherMessages) {
       {"06 04 02 B5 00 80", -1},                                               // registered user data only
       {"06 FF 06 01 C4 80", -1},                                               // type 261
       {"06 06 02 24", -1},                                                     // cut in the payload
-      {"06 06 01 00 80", -1},                                                  // recovery_frame_cnt cut short
+      {"06 06 01 02 80", -1},                                                  // recovery_frame_cnt cut short
       {"65 06 01 C4 80", -1},                                                  // not an SEI NAL unit
   };
   for (const auto& [bytes, frames] : cases) {

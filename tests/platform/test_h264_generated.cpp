@@ -219,6 +219,7 @@ Nal make_sps(Gen& g, Seq& q, int poc_type = -1) {
     const int64_t across = g.limit("frame_crop_right_offset", g.draw(0, full_w / unit_x - 1), full_w / unit_x);
     const int64_t down = g.limit("frame_crop_bottom_offset", g.draw(0, full_h / unit_y - 1), full_h / unit_y);
     crop[0] = g.draw(0, across), crop[1] = across - crop[0], crop[2] = g.draw(0, down), crop[3] = down - crop[2];
+    crop[0] = g.limit("frame_crop_left_offset", crop[0], int64_t{1} << 31);  // 2^31 times CropUnitX wraps 32 bits
     static constexpr const char* kNames[] = {"frame_crop_left_offset", "frame_crop_right_offset",
                                              "frame_crop_top_offset", "frame_crop_bottom_offset"};
     for (int i = 0; i < 4; ++i) g.put(Gen::kUe, 0, kNames[i], crop[i]);
@@ -516,11 +517,12 @@ TEST(H264Generated, OnePastALimitIsRefused) {
       {'S', "bit_depth_chroma_minus8"}, {'S', "delta_scale"}, {'S', "log2_max_frame_num_minus4"},
       {'S', "pic_order_cnt_type"}, {'S', "log2_max_pic_order_cnt_lsb_minus4"},
       {'S', "num_ref_frames_in_pic_order_cnt_cycle"}, {'S', "pic_width_in_mbs_minus1"},
-      {'S', "pic_height_in_map_units_minus1"}, {'S', "frame_crop_right_offset"}, {'S', "frame_crop_bottom_offset"},
-      {'S', "cpb_cnt_minus1"}, {'P', "pic_parameter_set_id"}, {'P', "seq_parameter_set_id"},
-      {'P', "num_slice_groups_minus1"}, {'P', "slice_group_map_type"}, {'P', "num_ref_idx_l0_default_active_minus1"},
-      {'P', "num_ref_idx_l1_default_active_minus1"}, {'P', "weighted_bipred_idc"}, {'H', "slice_type"},
-      {'H', "pic_parameter_set_id"}, {'H', "num_ref_idx_l0_active_minus1"}, {'H', "num_ref_idx_l1_active_minus1"},
+      {'S', "pic_height_in_map_units_minus1"}, {'S', "frame_crop_left_offset"}, {'S', "frame_crop_right_offset"},
+      {'S', "frame_crop_bottom_offset"}, {'S', "cpb_cnt_minus1"}, {'P', "pic_parameter_set_id"},
+      {'P', "seq_parameter_set_id"}, {'P', "num_slice_groups_minus1"}, {'P', "slice_group_map_type"},
+      {'P', "num_ref_idx_l0_default_active_minus1"}, {'P', "num_ref_idx_l1_default_active_minus1"},
+      {'P', "weighted_bipred_idc"}, {'H', "slice_type"}, {'H', "pic_parameter_set_id"},
+      {'H', "num_ref_idx_l0_active_minus1"}, {'H', "num_ref_idx_l1_active_minus1"},
       {'H', "modification_of_pic_nums_idc"}, {'H', "memory_management_control_operation"},
   };
   Gen g(kSeed + 1);

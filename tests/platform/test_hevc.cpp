@@ -61,7 +61,9 @@ TEST(HevcParameterSets, LimitsOnBothSides) {
   } limits[] = {
       {"height a multiple of MinCbSizeY", [](HandSps& s, bool p) { s.height = p ? 716 : 720; }},
       {"width a multiple of MinCbSizeY", [](HandSps& s, bool p) { s.width = p ? 1276 : 1280; }},
-      // A coded value that a 32-bit sum would wrap round to MinTbLog2SizeY 0, MaxTbLog2SizeY 0 or Log2MinIpcmCbSizeY 0.
+      // A coded value that 32-bit arithmetic would wrap round to MinTbLog2SizeY 0, MaxTbLog2SizeY 0,
+      // Log2MinIpcmCbSizeY 0 or a conformance window of 0 (2^31 pairs of columns).
+      {"conf_win_left_offset 639 of 1280 (4:2:0)", [](HandSps& s, bool p) { s.window_left = p ? 0x80000000 : 639; }},
       {"log2_min_luma_transform_block_size_minus2 0", [](HandSps& s, bool p) { s.tb_minus2 = p ? 0xFFFFFFFE : 0; }},
       {"log2_diff_max_min_luma_transform_block_size 3", [](HandSps& s, bool p) { s.tb_diff = p ? 0xFFFFFFFE : 3; }},
       {"log2_min_pcm_luma_coding_block_size_minus3 0",

@@ -751,9 +751,10 @@ TEST(HevcGenerated, PictureOrderCountsWrittenForwards) {
       }
       const uint8_t tid = irap(type) ? 0 : uint8_t(gen.draw(type >= 2 && type <= 5 ? 1 : 0, sps.max_sub_layers - 1));
       // What a caller tells the counter from the NAL unit type.
-      ASSERT_EQ(std::vector<bool>({is_irap(type), is_idr(type), is_bla(type),
+      ASSERT_EQ(std::vector<bool>({is_irap(type), is_idr(type), is_bla(type), is_rasl(type),
                                    is_rasl(type) || is_radl(type) || is_sub_layer_non_reference(type)}),
-                std::vector<bool>({irap(type), idr(type), type >= 16 && type <= 18, !reference_point(type, 0)}))
+                std::vector<bool>({irap(type), idr(type), type >= 16 && type <= 18, type == 8 || type == 9,
+                                   !reference_point(type, 0)}))
           << +type;
       SliceHeader want, sh;
       const Unit unit = gen.slice(sps, pps, type, tid, want, ((poc % max) + max) % max);

@@ -16,6 +16,7 @@ struct HandSps {
   uint32_t id = 0;
   uint32_t chroma = 1;
   uint32_t width = 1280, height = 720;
+  uint32_t window_left = 0;  // conf_win_left_offset, with the other three 0; 0: no conformance window
   uint32_t luma_minus8 = 0, chroma_minus8 = 0;
   uint32_t buffering_minus1 = 4;
   uint32_t tb_minus2 = 0, tb_diff = 3;  // log2_min_luma_transform_block_size_minus2, log2_diff_max_min_...
@@ -35,7 +36,8 @@ struct HandSps {
     for (uint32_t i = 0; i < sub_layers_minus1; ++i) b.u(8, 0xAA);
     b.ue(id).ue(chroma);
     if (chroma == 3) b.u(1, 0);
-    b.ue(width).ue(height).u(1, 0);
+    b.ue(width).ue(height).u(1, window_left != 0);
+    if (window_left) b.ue(window_left).ue(0).ue(0).ue(0);
     b.ue(luma_minus8).ue(chroma_minus8).ue(4);
     b.u(1, 1);
     for (uint32_t i = 0; i <= sub_layers_minus1; ++i) b.ue(buffering_minus1).ue(0).ue(0);
