@@ -62,8 +62,9 @@ std::vector<long> durations(const std::string& path) {
 // (a track whose offsets moved past 0 decodes as much earlier); then the headers.
 std::vector<std::string> index_of(const std::string& path, char kind) {
   std::string stream;
-  run("ffprobe -v error -select_streams " + std::string(1, kind) + " -show_entries stream=codec_name,profile,level,"
-      "width,height,pix_fmt,sample_rate,channels:stream_tags=language -of csv=p=0 " + shell_quote(path), &stream);
+  run("ffprobe -v error -select_streams " + std::string(1, kind) + " -show_entries stream=codec_name,codec_tag_string,"
+      "profile,level,width,height,pix_fmt,sample_rate,channels:stream_tags=language -of csv=p=0 " + shell_quote(path),
+      &stream);
   std::vector<std::string> rows{stream};
   const auto packets = probe_packets(path, kind);
   for (const ProbedPacket& p : packets) {
@@ -121,8 +122,9 @@ const Input kInputs[] = {
     {"h264_aac44_fragmented", "-c:v libx264 -preset veryfast -bf 3 -g 12 -c:a aac -ar 44100 -metadata:s:v language=deu "
      "-movflags frag_keyframe+empty_moov+default_base_moof",
      "video H.264 160x120, 100 frames; audio AAC 44100 Hz mono, 174 frames; 4.08 s, ", 3},
-    {"h265_aac48_faststart", "-c:v libx265 -x265-params log-level=none:keyint=12:bframes=2 -tag:v hvc1 -c:a aac "
-     "-ar 48000 -ac 2 -metadata:s:a language=fra -movflags faststart",
+    // hev1 with the parameter sets in every key frame too: they may stay in the samples only under hev1.
+    {"h265_aac48_faststart", "-c:v libx265 -x265-params log-level=none:keyint=12:bframes=2:repeat-headers=1 "
+     "-tag:v hev1 -c:a aac -ar 48000 -ac 2 -metadata:s:a language=fra -movflags faststart",
      "video H.265 160x120, 100 frames; audio AAC 48000 Hz stereo, 189 frames; 4.02 s, ", 3, true,
      true},  // an audio frame at 2.88 s, on a cut: frame 135
     // Negative composition offsets (ctts version 1), which the output moves past 0; the moov last, its stco

@@ -3,7 +3,8 @@
 // in an MP4 file, one fact a line: "fragmented 0|1", "track ID CODEC
 // TIMESCALE", "sample ID DTS CTS SIZE SYNC" (every sample, in decode order),
 // "tfra TRACK TIME MOOF_OFFSET" (mfra's entries), "error TEXT" (its own, and
-// a track_ID that is not below mvhd's next_track_ID).
+// a track_ID that is not below mvhd's next_track_ID, and a parameter set in
+// a sample that its hvcC says is all in the sample entry).
 //
 //   BOXLANE_NPM=<folder with node_modules> node mp4box_read.mjs FILE
 import fs from 'node:fs';
@@ -28,8 +29,27 @@ file.onReady = (info) => {
   }
   file.start();
 };
+// ISO/IEC 14496-15 §8.4.1.1.2: an hvcC array with array_completeness 1
+// (every array of hvc1) holds every NAL unit of its type; none may be in a sample.
+const complete = {};
 file.onSamples = (id, user, list) => {
-  for (const s of list) samples.push([id, s.dts, s.cts, s.size, s.is_sync ? 1 : 0]);
+  for (const s of list) {
+    samples.push([id, s.dts, s.cts, s.size, s.is_sync ? 1 : 0]);
+    const hvcC = s.description?.hvcC;
+    if (!hvcC) continue;
+    complete[id] ??= new Set((hvcC.nalu_arrays || []).filter((a) => a.completeness).map((a) => a.nalu_type));
+    const length = hvcC.lengthSizeMinusOne + 1;
+    for (let at = 0; at + length < s.data.length; ) {
+      let size = 0;
+      for (let i = 0; i < length; ++i) size = size * 256 + s.data[at + i];
+      const type = (s.data[at + length] >> 1) & 0x3f;
+      if (complete[id].has(type)) {
+        errors.push(`error track ${id} sample ${s.number + 1}: NAL unit type ${type}, which its hvcC says is all in the entry`);
+        complete[id].delete(type);  // said once
+      }
+      at += length + size;
+    }
+  }
 };
 const buffer = bytes.buffer.slice(bytes.byteOffset, bytes.byteOffset + bytes.byteLength);
 buffer.fileStart = 0;
