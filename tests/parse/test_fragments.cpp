@@ -40,13 +40,14 @@ TEST_F(Extended, TakingAnswersAndTheirBound) {
   std::vector<Entry> sized(1100);
   for (uint32_t i = 0; i < sized.size(); ++i) sized[i].size = i;
   ASSERT_TRUE(send(mixed, based(1, [&](int32_t off) { return trun_box(0, 0x201, sized, off); })));
-  const std::vector<BOXLANE_SAMPLEINFO> sizes = take_fragments(mixed).back().samples;
-  EXPECT_EQ(std::tuple(sizes.size(), sizes[1023].nSize, sizes[1099].nSize), std::tuple(1100u, 1023u, 1099u));
-  // 2^32 - 1 samples in no bytes, and a trun after it: an answer of the most samples, gone once taken. Past the
+  const auto [run, sizes] = take_fragments(mixed).back();
+  EXPECT_EQ(std::tuple(sizes.size(), sizes[1023].nSize, sizes[1099].nSize, run.nDataEnd - run.nDataStart),
+            std::tuple(1100u, 1023u, 1099u, uint64_t{1099 * 1100 / 2}));
+  // 2^32 - 1 samples, and a trun of one size after it: an answer of the most samples, gone once taken. Past the
   // samples or answers that may wait, the oldest go.
   const std::string many = extended("faults/many");
   ASSERT_TRUE(send(many, cat({head, based(1, [](int32_t off) {
-                                return cat({trun_box(0, 0x001, {}, off, 0, 0xFFFFFFFF), trun_box(0, 0, {}, 0, 0, 5)});
+                                return cat({trun_box(0, 0x001, {}, off, 0, 0xFFFFFFFF), trun_box(0, 0x200, {{}})});
                               })})));
   const std::vector<Fragment> most = take_fragments(many);
   ASSERT_EQ(std::tuple(most.size(), most[0].samples.size(), most[0].info.nProblems),
