@@ -10,7 +10,6 @@
 
 #include <cctype>
 
-
 namespace boxlane::test {
 namespace {
 
@@ -237,8 +236,7 @@ std::string refusals(const char* c) {
   }
   out += fmt(" readers without a header record took %d, track %d;", took, record_of(scratch)->nCurrentTrack);
   Boxlane_Parse_Delete(scratch.c_str());
-  out += " null outputs, a negative capacity, a name too long, a pool past the pools, queries of a null or too long name, "
-         "then what GetFragment, Insert, GetStream, Send and Recv refuse:";
+  out += " null outputs, bad sizes, names and pools; what GetFragment, Insert, GetStream, Send and Recv refuse:";
   QORVANE_HDRSAMPLENFO** list = nullptr;
   QORVANE_HDRSDTP** sdtp = nullptr;
   int32_t** ids = nullptr;
@@ -529,8 +527,7 @@ std::vector<Row> rows() {
         T(2), dinf(4, cat({s, box("url "), s, box("url ", {}, 0), s})), dinf(2, cat({s, box("url ", Bytes{}.str("abcd"), 64)})), dinf(0x7FFFFFFF, s),
         T(3), dinf(1, cat({s, s}))}},
       {"sample tables: a second box appends (a small one to room for a quarter more), counts past the payload or of 2^31 and more, stz2 of every field size",
-       {T(1), {"stts", u32s(0, {2, 3, 1000, 1, 500})}, T(2), {"ctts", u32s(1, {2, 1, uint32_t(-2), 4, 2048})},
-        T(3), {"stsc", u32s(0, {2, 1, 5, 1, 3, 2, 1})}, T(4), {"stsz", u32s(0, {1024, 10, 5, 6})}, {"stsz", u32s(0, {0, 3, 7, 8, 9})},
+       {T(4), {"stsz", u32s(0, {1024, 10, 5, 6})}, {"stsz", u32s(0, {0, 3, 7, 8, 9})},
         T(5), {"stco", u32s(0, {2, 48, 0xFFFFFFF0})}, {"stco", u32s(0, {1, 96})}, T(6), {"stts", u32s(0, {1000, 1, 2, 3, 4, 5})},
         T(7), {"stsc", u32s(0, {0x7FFFFFFF, 1, 1})}, {"stsc", u32s(0, {0x80000000, 1, 1})}, {"stsc", u32s(0, {0xFFFFFFFF, 1, 1})},
         T(8), {"stsz", u32s(0, {0, 0x7FFFFFFF, 9})}, {"stsz", u32s(0, {0, 0x80000000, 9})}, {"stsz", u32s(0, {0, 0xFFFFFFFF, 9})},
@@ -562,21 +559,21 @@ std::vector<Row> rows() {
        {T(1), avc({{0x67, 0x42}, Bytes{}.add(std::vector<uint8_t>(BOXLANE_CODEC_PARAMSET_BYTES - 3, 0x11)), {0x67, 0x43}, {0x67}}, ones(40, 0x68)),
         T(2), avc(ones(1, 0x67), ones(BOXLANE_CODEC_MAX_PARAMSETS, 0x68)), T(3), avc(ones(1, 0x67), ones(BOXLANE_CODEC_MAX_PARAMSETS + 1, 0x68)),
         T(4), aac_config(asc), T(5), aac_config(Bytes{asc}.u8(0x13))}},
-      {"mp4a: an ES_Descriptor with every option; sound entries v1 and v2; one longer than its box; a size past 4 bytes; no DecoderSpecificInfo; an OCR_ES_Id and no URL",
-       {T(1), mp4a(unhex(rich)), T(2), mp4a(unhex(plain), 1), T(3), mp4a(unhex("03 7F" + plain.substr(5)), 2),
+      {"mp4a: sound entries v1 and v2; one longer than its box; a size past 4 bytes; no DecoderSpecificInfo; an OCR_ES_Id and no URL",
+       {T(2), mp4a(unhex(plain), 1), T(3), mp4a(unhex("03 7F" + plain.substr(5)), 2),
         T(4), mp4a(unhex("03 1D 0002 00 04 15 40 15 000000 0001F400 0001F400 05 81808080 02 1190 06 01 02")),
         T(5), mp4a(unhex("03 15 0002 00 04 0D 6B 15 000600 0001F400 0001F400 06 01 02")),
         T(6), mp4a(unhex("03 1B 0002 20 0007 04 11 40 15 000000 0001F400 0001F400 05 02 1190 06 01 02"))}},
       {"hvc1: every field differs, an array's reserved bit set; units filling the area and a byte more, a unit after; 64 and 65 units; the shortest hvcC and less; one array declared of two",
        {T(1), hevc(unhex("A0 0001 0003 40010C  21 0002 0002 4201 0004 42010102  67 0002 0000 0001 4E"), 3),
         T(2), filled(100), T(3), filled(101), T(4), sps_array(ones(64)), T(5), sps_array(ones(65)), T(6), hevc({}, 0),
-        T(7), hevc({}, -1), T(8), hevc(unhex("A0 0001 0003 40010C  21 0002 0002 4201 0004 42010102"), 1), {"ask", {}}}},
+        T(7), hevc({}, -1), T(8), hevc(unhex("A0 0001 0003 40010C  21 0002 0002 4201 0004 42010102"), 1)}},
       {"index: five samples in chunks of 2, 2, 1 and none, every table, runs of no samples, an unsigned offset of 2^31; then two more samples and a fifth chunk",
        {{"send", movie({table_box("stts", {{3, 1000}, {0, 700}, {2, 500}}), table_box("ctts", {{1, 2000}, {0, 5}, {2, 0}, {2, 0x80000000}}),
                         table_box("stsc", {{1, 2, 1}, {3, 1, 1}}), stsz_box(0, 5, {10, 20, 30, 40, 50}),
                         table_box("stco", {{100}, {200}, {300}, {400}}), table_box("stss", {{1}, {4}}),
                         full_box("sdtp", 0, 0, Bytes{0x20, 0x10, 0x10, 0x24, 0x10})})},
-        {"ask", {}}, {"dump", {}},
+        {"dump", {}},
         {"send", moov_box({trak_box(1, 1000, {table_box("stts", {{2, 7}}), stsz_box(0, 2, {60, 70}), table_box("stco", {{500}})})})},
         {"window", {5}}}},
       {"index: a constant size, co64 past 4 GiB, a negative ctts v1 offset, no stss or sdtp", {{"sendx", wide}}},
