@@ -36,12 +36,12 @@ int main(void) {
   CHECK(sizeof(BOXLANE_TRACKINDEX) == 72);
 
   /* Right after loading: no failure recorded. */
-  CHECK(!Boxlane_IsErrorOccur && Boxlane_GetLastError(NULL) == 0);
+  CHECK(!Boxlane_IsErrorOccur && Boxlane_dwErrorCode == 0);
   CHECK(!Boxlane_Packet_Insert(NULL));
   errno = EACCES;
   CHECK(Boxlane_IsErrorOccur && Boxlane_GetLastError(&sys) == BOXLANE_ERROR_PACKET_PARAMETER && sys == EACCES);
   CHECK(Boxlane_Packet_Insert("c99"));
-  CHECK(!Boxlane_IsErrorOccur && Boxlane_dwErrorCode == BOXLANE_ERROR_PACKET_PARAMETER);
+  CHECK(!Boxlane_IsErrorOccur && Boxlane_GetLastError(NULL) == BOXLANE_ERROR_PACKET_PARAMETER);
   CHECK(Boxlane_Packet_HDRBox64("c99", box, &size, "mdat", UINT64_C(0xFFFFFFF0)));
   CHECK(size == 16 && memcmp(box, "\0\0\0\1mdat\0\0\0\1\0\0\0\0", 16) == 0);
   CHECK(Boxlane_Packet_FragmentMode("c99", 0, 1, 0, BOXLANE_FRAGMENT_INDEX));

@@ -85,10 +85,11 @@ TEST_F(FrameTest, RefusedWhenMemoryRunsOut) {
   }
   EXPECT_EQ(video(6, 1, 40, 40) + " " + audio(2, 1024), bytes_hex("00000002 4141 2121"));
   // An audio frame whose lists all have room needs no memory. A duration that closes the open run needs room for a
-  // closed run too; a client needs room for its record.
+  // closed run too, on either track; a client needs room for its record.
   g_no_memory = true;
   const bool audio_ok = Boxlane_Packet_FrameAudio(client(), out, &length, frame, 6, int64_t{6}, 1024);
-  const bool ok = Boxlane_Packet_FrameVideo(client(), out, &length, frame, 6, int64_t{6}, 0, 41, 0);
+  const bool ok = Boxlane_Packet_FrameVideo(client(), out, &length, frame, 6, int64_t{6}, 0, 41, 0) ||
+                  Boxlane_Packet_FrameAudio(client(), out, &length, frame, 6, int64_t{6}, 960);
   const uint64_t frame_error = Boxlane_GetLastError(nullptr);
   const bool inserted = Boxlane_Packet_Insert("writer/no memory");
   g_no_memory = false;

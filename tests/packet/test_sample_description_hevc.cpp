@@ -104,9 +104,10 @@ TEST_F(HevcSampleDescription, WhatTheInputMayHold) {
   big.push_back(0xFF);
   refused(big);
 
-  // 64 parameter sets in all, and 65.
+  // 64 parameter sets in all (a repeat after them is left out), and 65.
   std::vector<Bytes> many{vps, sps};
   for (uint32_t id = 0; id < 62; ++id) many.push_back(hand_pps(id));
+  many.push_back(vps);
   EXPECT_EQ(stsd(annexb(many)).substr(209 * 3, 8), "A2 00 3E") << "62 PPS after the VPS and SPS arrays";
   many.push_back(hand_pps(62));
   refused(annexb(many));
