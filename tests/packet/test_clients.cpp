@@ -11,8 +11,6 @@ namespace {
 
 using ClientTest = WriterTest;
 
-const uint8_t kFrame[] = {0, 0, 0, 1, 0x65, 0x88, 0x84};
-
 TEST_F(ClientTest, DuplicateInsertKeepsTheRecordAndDeleteStartsOver) {
   video(7, 1, 40, 0, 48);
   EXPECT_TRUE(Boxlane_Packet_Insert(client()) && !Boxlane_IsErrorOccur);
@@ -26,33 +24,28 @@ TEST_F(ClientTest, DuplicateInsertKeepsTheRecordAndDeleteStartsOver) {
 
 // A thread reuses its last lookup; what it finds must follow the name's bytes, the table and its version.
 TEST_F(ClientTest, LookupsFollowTheNameInTheBufferNotTheBuffer) {
-  const auto frames = [](CBoxlane_Packet& table, const std::string& client) {
-    return table.stl_MapClient.find(std::string_view(client))->second->listVideoSample.size();
-  };
-  const auto frame = [](CBoxlane_Packet& table, const char* client) {
-    uint8_t out[sizeof kFrame];
-    int32_t length = 0;
-    return table.Boxlane_Packet_FrameVideo(client, out, &length, kFrame, sizeof kFrame, 48, 1, 40, 0);
+  const auto rate = [](CBoxlane_Packet& table, const std::string& client) {
+    return table.stl_MapClient.find(std::string_view(client))->second->nFrameRate;
   };
   // Short names sit in the lookup's own line, long ones are the table's.
   for (const std::string stem : {"lookup/", "lookup/a name longer than the thirty-two bytes kept/"}) {
     const std::string a = stem + "a", b = stem + "b";
     ASSERT_TRUE(Boxlane_Packet_Insert(a.c_str()) && Boxlane_Packet_Insert(b.c_str()));
     std::string buffer = a;
-    EXPECT_TRUE(frame(m_MP4Packet, buffer.c_str()));
+    EXPECT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(buffer.c_str(), 25, 0));
     buffer.back() = 'b';  // same address, another client
-    EXPECT_TRUE(frame(m_MP4Packet, buffer.c_str()));
-    EXPECT_EQ(std::pair(frames(m_MP4Packet, a), frames(m_MP4Packet, b)), std::pair(std::size_t{1}, std::size_t{1}));
+    EXPECT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(buffer.c_str(), 30, 0));
+    EXPECT_EQ(std::pair(rate(m_MP4Packet, a), rate(m_MP4Packet, b)), std::pair(25, 30));
     // Deleted and entered again: the old record is not reached.
     buffer.back() = 'a';
-    EXPECT_TRUE(frame(m_MP4Packet, buffer.c_str()));
+    EXPECT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(buffer.c_str(), 50, 0));
     ASSERT_TRUE(Boxlane_Packet_Delete(a.c_str()) && Boxlane_Packet_Insert(a.c_str()));
-    EXPECT_TRUE(frame(m_MP4Packet, buffer.c_str()));
+    EXPECT_TRUE(m_MP4Packet.Boxlane_Packet_SetTime(buffer.c_str(), 24, 0));
     // Another writer with the same client name keeps its own record.
     CBoxlane_Packet other;
     ASSERT_TRUE(other.Boxlane_Packet_Insert(a.c_str()));
-    EXPECT_TRUE(frame(other, a.c_str()));
-    EXPECT_EQ(std::pair(frames(other, a), frames(m_MP4Packet, a)), std::pair(std::size_t{1}, std::size_t{1}));
+    EXPECT_TRUE(other.Boxlane_Packet_SetTime(a.c_str(), 60, 0));
+    EXPECT_EQ(std::pair(rate(other, a), rate(m_MP4Packet, a)), std::pair(60, 24));
     Boxlane_Packet_Delete(a.c_str());
     Boxlane_Packet_Delete(b.c_str());
   }

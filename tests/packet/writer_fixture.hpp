@@ -17,7 +17,7 @@
 
 namespace boxlane::test {
 
-// Hand-written hex in the form written() returns.
+// Hand-written hex in the form box() returns.
 inline std::string bytes_hex(std::string_view text) { return hex(unhex(text)); }
 
 // Expects call(buffer, &length) to fail with `code` and leave buffer and length alone.
