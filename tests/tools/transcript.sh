@@ -162,6 +162,8 @@ t '{ cat $D/main10_cra.h265; head -c 129M /dev/zero | tr "\\0" "\\377"; } | mux 
 # One IDR picture and 69999 P pictures (2800 s) beside 500 s of audio read 1 MiB (some 125 s) at a time: the one
 # fragment the video allows waits for all its audio.
 t '{ for i in $(seq 100); do cat $D/sample.aac; done; } > a100.aac; mux -v long70k.h264 -a a100.aac --fps 25 --fragment 1 -o y.mp4'
+# Read 1 MiB at a time, its frames of 21.33 ms keep their rounding: the last of 23600 starts at 23599 x 64 / 3 ms.
+t 'mux -q -a a100.aac --timescale 1000 --fragment 100 -o y.mp4 && probe --samples y.mp4 | tail -1'
 # After the picture a unit of each kind: data partitions B and C, an auxiliary picture and slice extensions (20,
 # 21) join its sample, 6 bytes each; end of sequence, filler, an SPS extension and reserved 22 and 23 do not.
 t '{ cat one.h264; for n in 63 64 73 74 75 0a 0c 6d 16 17; do printf "\\0\\0\\0\\1\\x$n\\xff"; done; } > kinds.h264; mux -q -v kinds.h264 -o y.mp4 && probe --samples y.mp4 | tail -1'
@@ -323,6 +325,8 @@ t 'tables no_stsc.mp4 "$stsz100"'
 t 'tables from_chunk_2.mp4 "$stsz100" 2 5 1'
 t 'tables past_stco.mp4 "$stsz100" 1 4 1 4 2 1 5 1 1'
 t 'tables ctts_sdtp.mp4 "$stsz100$(fbox ctts $(be32 1)$(be32 9)$(be32 0))$(fbox sdtp $(zeros 11))" 1 4 1 3 2 1'
+# A version 1 ctts offset of -2048 (ISO/IEC 14496-12 §8.6.1.3): the first two samples are shown before 0.
+t 'tables neg.mp4 "$stsz100$(be32 24)ctts\\x01\\0\\0\\0$(be32 1)$(be32 10)$(be32 4294965248)" 1 4 1 3 2 1 >/dev/null; probe --samples neg.mp4 | grep -- " -"'
 t 'tables sdtp9.mp4 "$stsz100$(fbox sdtp $(zeros 9))" 1 4 1 3 2 1'
 # An sdtp of an entry a sample agrees; --tables lists its bytes, one entry as one.
 t 'tables sdtp10.mp4 "$stsz100$(fbox sdtp "\\x24$(zeros 9)")" 1 4 1 3 2 1; probe --tables sdtp10.mp4 | grep -A2 "sdtp:"; tables sdtp1.mp4 "$stsz100$(fbox sdtp "\\x24")" 1 4 1 3 2 1 >/dev/null; probe --tables sdtp1.mp4 | grep -A1 "sdtp:"'
@@ -352,6 +356,8 @@ t 'cp av.mp4 alt.mp4; poke alt.mp4 $(($(box_at av.mp4 tkhd) + 40)) "\\0\\2\\0\\1
 t 'cp a.mp4 no_config.mp4; poke no_config.mp4 $(($(box_at no_config.mp4 esds) + 32)) "\\x06"; probe no_config.mp4 | grep codec:; poke no_config.mp4 $(($(box_at no_config.mp4 mp4a) + 24)) "\\x00\\x01"; probe no_config.mp4 | grep codec:; probe --json no_config.mp4 | grep -E "audio_(object|specific)"'
 # The hvcC's general_tier_flag set; its configurationVersion 0 (ISO/IEC 14496-15 §8.3.3.1); an ac-3 sample entry.
 t 'a=$(box_at h265.mp4 hvcC); cp h265.mp4 high.mp4; poke high.mp4 $((a + 9)) "\\x22"; probe high.mp4 | grep -m1 codec:; probe --json high.mp4 | grep tier_name; cp h265.mp4 hv0.mp4; poke hv0.mp4 $((a + 8)) "\\0"; probe hv0.mp4 | grep -m1 codec:'
+# Baseline at level_idc 11 with constraint_set3_flag is level 1b (ITU-T H.264 §A.3.1).
+t 'cp av.mp4 l1b.mp4; poke l1b.mp4 $(($(box_at av.mp4 avcC) + 9)) "\\x42\\x10\\x0b"; probe --json l1b.mp4 | grep level_name'
 t 'cp a.mp4 ac3.mp4; poke ac3.mp4 $(($(box_at a.mp4 stsd) + 20)) ac-3; probe ac3.mp4 | grep codec:; probe --json ac3.mp4 | grep -A3 "\"codec\""'
 
 # What probe marks as left out of a file, without and with --strict: the text's form, stop, gaps and notes, and the
@@ -473,8 +479,8 @@ t 'a=$(box_at av.mp4 avcC); cp av.mp4 sps3.mp4; poke sps3.mp4 $((a + 14)) "\\0\\
 # SPS alone (truncated); remux copies the first whole and refuses the second.
 t 'for n in 16384 16385; do sps_pad $n sps$n.mp4 && probe sps$n.mp4 | grep -m1 codec; done; probe --json sps16385.mp4 | grep -m1 truncated'
 t 'remux sps16384.mp4 -o r16384.mp4 && probe r16384.mp4 | grep -m1 codec && onto_old sps16385.mp4 -o out.mp4'
-# Sets that fill the 16384 bytes the parser keeps are all copied; a byte more loses the PPS, and the track is refused.
-t 'for n in 16384 16385; do hvc_pad $n h$n.mp4 && remux h$n.mp4 -o rh$n.mp4 && probe rh$n.mp4 | grep -m1 codec; done'
+# Sets filling the 16384 bytes the parser keeps are all read and copied; a byte more loses the PPS: track refused.
+t 'for n in 16384 16385; do hvc_pad $n h$n.mp4 && probe h$n.mp4 | grep -m1 codec && remux h$n.mp4 -o rh$n.mp4 && probe rh$n.mp4 | grep -m1 codec; done'
 # The hvcC with 2-byte NAL unit lengths, with no arrays; the entry named HEV1 (fourccs match in any case).
 t 'cp h265.mp4 hnal2.mp4; poke hnal2.mp4 $(($(box_at h265.mp4 hvcC) + 29)) "\\x0d"; onto_old hnal2.mp4 -o out.mp4'
 t 'cp h265.mp4 hnone.mp4; poke hnone.mp4 $(($(box_at h265.mp4 hvcC) + 30)) "\\0"; onto_old hnone.mp4 -o out.mp4'
