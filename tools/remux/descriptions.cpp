@@ -1,6 +1,9 @@
 #include "tools/remux/descriptions.hpp"
 
+#include <algorithm>
+#include <cctype>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "boxlane/boxlane.h"
@@ -76,11 +79,16 @@ Bytes hvc1(const char* client, const BOXLANE_HEVCINFO& h) {
     sets.insert(sets.end(), h.byNalus + at, h.byNalus + at + len);
     at += len;
   }
-  Bytes stsd = call_box("the video stsd", 142 + sets.size() + 64, [&](uint8_t* p, int32_t* l) {
+  return call_box("the video stsd", 142 + sets.size() + 64, [&](uint8_t* p, int32_t* l) {
     return Boxlane_Packet_STsdHEVC(client, p, l, sets.data(), static_cast<int32_t>(sets.size()));
   });
-  if (std::memcmp(h.tszCodec, "hev1", 4) == 0) as_hev1(stsd);
-  return stsd;
+}
+
+// Fourccs match in any case, as the parser reads them.
+bool is_hev1(const std::string& fourcc) {
+  return fourcc.size() == 4 && std::equal(fourcc.begin(), fourcc.end(), "hev1", [](char a, char b) {
+           return std::tolower(static_cast<unsigned char>(a)) == b;
+         });
 }
 
 Bytes mp4a(const char* client, const BOXLANE_CODECINFO& c) {
@@ -101,7 +109,11 @@ Bytes mp4a(const char* client, const BOXLANE_CODECINFO& c) {
 Bytes write_stsd(const char* client, const SourceTrack& t) {
   switch (t.codec) {
     case SourceCodec::kH264: return avc1(client, *t.config);
-    case SourceCodec::kH265: return hvc1(client, *t.hevc);
+    case SourceCodec::kH265: {
+      Bytes stsd = hvc1(client, *t.hevc);
+      if (is_hev1(t.fourcc)) as_hev1(stsd);
+      return stsd;
+    }
     case SourceCodec::kAac: return mp4a(client, *t.config);
     case SourceCodec::kOther: break;
   }
