@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "boxlane/boxlane.h"
+#include "platform/be_writer.hpp"
 #include "tools/common/output_file.hpp"
 #include "tools/common/writer_client.hpp"
 
@@ -28,10 +29,7 @@ constexpr uint32_t sized_for(uint64_t duration, uint32_t version0, uint32_t vers
 // a movie whose tracks are 1 to n must name one above them all (ISO/IEC
 // 14496-12 §8.2.2.3). next_track_ID is the last field of both versions.
 inline void name_next_track(uint8_t* mvhd, int32_t len, uint32_t tracks) {
-  if (len < 4) return;
-  const uint32_t next = tracks + 1;
-  uint8_t* field = mvhd + len - 4;
-  for (int i = 0; i < 4; ++i) field[i] = static_cast<uint8_t>(next >> (24 - 8 * i));
+  if (len >= 4) BeWriter(mvhd + len - 4, 4).u32(tracks + 1);
 }
 
 // Appends the writer's boxes to one buffer, checking each against its

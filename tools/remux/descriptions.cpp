@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "boxlane/boxlane.h"
+#include "platform/be_reader.hpp"
 
 namespace boxlane::tool {
 namespace {
@@ -32,12 +33,6 @@ Bytes avc1(const char* client, const BOXLANE_CODECINFO& c) {
   });
 }
 
-uint32_t be(const Bytes& b, std::size_t at, std::size_t bytes) {
-  uint32_t v = 0;
-  for (std::size_t i = 0; i < bytes; ++i) v = v << 8 | b[at + i];
-  return v;
-}
-
 // hev1 lets the samples carry parameter sets of their own; hvc1 does not
 // (ISO/IEC 14496-15 §8.4.1.1.2: array_completeness is 1 in every array of
 // hvc1, and 1 means none of the type is in the stream). A source's hev1
@@ -47,24 +42,26 @@ void as_hev1(Bytes& stsd) {
   // stsd's header, version and entry count; the entry's header and its 78
   // bytes of VisualSampleEntry fields, then its boxes.
   constexpr std::size_t kEntry = 16, kEntryBoxes = kEntry + 86;
-  if (stsd.size() < kEntryBoxes) throw ToolError("internal: the writer's hvc1 entry is cut short");
+  BeReader boxes(stsd.data(), stsd.size());
+  if (!boxes.seek(kEntryBoxes)) throw ToolError("internal: the writer's hvc1 entry is cut short");
   std::memcpy(&stsd[kEntry + 4], "hev1", 4);
-  for (std::size_t at = kEntryBoxes; stsd.size() - at >= 8;) {
-    const std::size_t size = be(stsd, at, 4), end = at + size;
-    if (size < 8 || size > stsd.size() - at) break;
-    if (std::memcmp(&stsd[at + 4], "hvcC", 4) == 0) {
-      // HEVCDecoderConfigurationRecord: 22 bytes, numOfArrays, then each
-      // array: array_completeness and the NAL unit type in one byte, the
-      // count, and each unit with its 16-bit length.
-      std::size_t p = at + 8 + 22;
-      for (uint32_t arrays = p < end ? stsd[p++] : 0; arrays > 0 && p <= end && end - p >= 3; --arrays) {
-        stsd[p] &= 0x7F;
-        uint32_t units = be(stsd, p + 1, 2);
-        for (p += 3; units > 0 && p <= end && end - p >= 2; --units) p += 2 + be(stsd, p, 2);
-      }
-      return;
+  while (boxes.has(8)) {
+    const std::size_t payload = boxes.position() + 8;
+    const uint32_t size = boxes.u32();
+    const bool hvcc = std::memcmp(boxes.bytes(4), "hvcC", 4) == 0;
+    if (size < 8 || !boxes.skip(size - 8)) break;
+    if (!hvcc) continue;
+    // HEVCDecoderConfigurationRecord: 22 bytes, numOfArrays, then each
+    // array: array_completeness and the NAL unit type in one byte, the
+    // count, and each unit with its 16-bit length.
+    BeReader record(stsd.data() + payload, size - 8);
+    record.skip(22);
+    for (uint8_t arrays = record.u8(); arrays > 0 && record.ok() && record.has(3); --arrays) {
+      stsd[payload + record.position()] &= 0x7F;
+      record.skip(1);
+      for (uint16_t units = record.u16(); units > 0 && record.ok(); --units) record.skip(record.u16());
     }
-    at = end;
+    return;
   }
   throw ToolError("internal: no hvcC in the writer's hvc1 entry");
 }
