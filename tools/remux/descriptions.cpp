@@ -1,9 +1,6 @@
 #include "tools/remux/descriptions.hpp"
 
-#include <algorithm>
-#include <cctype>
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include "boxlane/boxlane.h"
@@ -81,13 +78,6 @@ Bytes hvc1(const char* client, const BOXLANE_HEVCINFO& h) {
   });
 }
 
-// Fourccs match in any case, as the parser reads them.
-bool is_hev1(const std::string& fourcc) {
-  return fourcc.size() == 4 && std::equal(fourcc.begin(), fourcc.end(), "hev1", [](char a, char b) {
-           return std::tolower(static_cast<unsigned char>(a)) == b;
-         });
-}
-
 Bytes mp4a(const char* client, const BOXLANE_CODECINFO& c) {
   tag_Qorvane_AVProtocol desc{};
   desc.bAudio = 1;
@@ -108,7 +98,7 @@ Bytes write_stsd(const char* client, const SourceTrack& t) {
     case SourceCodec::kH264: return avc1(client, *t.config);
     case SourceCodec::kH265: {
       Bytes stsd = hvc1(client, *t.hevc);
-      if (is_hev1(t.fourcc)) as_hev1(stsd);
+      if (t.sets_in_samples) as_hev1(stsd);
       return stsd;
     }
     case SourceCodec::kAac: return mp4a(client, *t.config);

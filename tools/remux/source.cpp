@@ -77,6 +77,7 @@ void describe(SourceTrack& t) {
     }
   } else if (t.handler == "vide" && (four == "hvc1" || four == "hev1")) {
     t.codec = SourceCodec::kH265;
+    t.sets_in_samples = four == "hev1";
     auto hevc = std::make_shared<BOXLANE_HEVCINFO>();
     if (!Boxlane_Parse_GetTrackHEVC(kClient, t.id, hevc.get())) query_failed("the hvcC of track " + std::to_string(t.id));
     t.hevc = hevc;

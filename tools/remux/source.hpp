@@ -28,6 +28,8 @@ struct SourceTrack {
   bool video() const noexcept { return codec == SourceCodec::kH264 || codec == SourceCodec::kH265; }
   std::shared_ptr<const BOXLANE_CODECINFO> config;  // avc1 and mp4a
   std::shared_ptr<const BOXLANE_HEVCINFO> hevc;     // hvc1 and hev1
+  // hev1: the samples may carry parameter sets too (ISO/IEC 14496-15 §8.4.1.1.2).
+  bool sets_in_samples = false;
   uint32_t timescale = 0;
   uint16_t language = 0;
   uint32_t width = 0, height = 0;  // tkhd, whole pixels
