@@ -5,6 +5,8 @@
 #include <string>
 
 #include "boxlane/boxlane.h"
+#include "platform/be_reader.hpp"
+#include "platform/be_writer.hpp"
 
 namespace boxlane::tool {
 
@@ -16,16 +18,14 @@ constexpr uint32_t kMehdRoom = 28;
 
 void append(Bytes& to, const Bytes& from) { to.insert(to.end(), from.begin(), from.end()); }
 
-void put32(Bytes& b, std::size_t at, uint32_t v) {
-  for (int i = 0; i < 4; ++i) b[at + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
-}
+// Rewrites the 32-bit size field at the front of a box built in `box`.
+void set_box_size(Bytes& box) { BeWriter(box.data(), 4).u32(static_cast<uint32_t>(box.size())); }
 
 // A free box of `size` bytes, at least its 8-byte header.
 Bytes free_box(std::size_t size) {
   Bytes box(std::max<std::size_t>(size, 8), 0);
-  put32(box, 0, static_cast<uint32_t>(box.size()));
-  const char type[] = "free";
-  for (std::size_t i = 0; i < 4; ++i) box[4 + i] = static_cast<uint8_t>(type[i]);
+  set_box_size(box);
+  BeWriter(box.data() + 4, 4).fourcc("free");
   return box;
 }
 
@@ -92,7 +92,7 @@ InitSegment build_init_segment(const char* client, const InitSegmentInput& in) {
     // known; a run that is killed leaves a free box there.
     const Bytes room = free_box(kMehdRoom);
     mvex.insert(mvex.begin() + 8, room.begin(), room.end());
-    put32(mvex, 0, static_cast<uint32_t>(mvex.size()));
+    set_box_size(mvex);
     out.mehd_at = file.size() + 8 + moov.size() + 8;
   }
   append(moov, mvex);
@@ -104,7 +104,8 @@ InitSegment build_init_segment(const char* client, const InitSegmentInput& in) {
 Bytes mehd_in_room(const char* client, uint64_t duration) {
   // mvex is 8 bytes of header, then mehd, then the trex boxes.
   const Bytes mvex = call_box("mvex", 256, [&](uint8_t* p, int32_t* l) { return Boxlane_Packet_MVex(client, p, l, duration); });
-  const std::size_t mehd = std::size_t{mvex[8]} << 24 | std::size_t{mvex[9]} << 16 | std::size_t{mvex[10]} << 8 | mvex[11];
+  BeReader mehd_header(mvex.data() + 8, mvex.size() - 8);
+  const std::size_t mehd = mehd_header.u32();
   Bytes room(mvex.begin() + 8, mvex.begin() + 8 + static_cast<std::ptrdiff_t>(mehd));
   append(room, free_box(kMehdRoom - mehd));
   return room;

@@ -69,9 +69,8 @@ class MoovBuilder {
 // up to 4 GiB), or the whole 16-byte header with its 64-bit size.
 inline void patch_mdat_header(const char* client, OutputFile& out, uint64_t at, uint32_t header, uint64_t payload) {
   if (header == kBoxHeader) {
-    const uint64_t size = kBoxHeader + payload;
-    const uint8_t field[4] = {static_cast<uint8_t>(size >> 24), static_cast<uint8_t>(size >> 16),
-                              static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size)};
+    uint8_t field[4];
+    BeWriter(field, sizeof field).u32(static_cast<uint32_t>(kBoxHeader + payload));
     out.patch(at, field, sizeof field);
     return;
   }
