@@ -74,7 +74,7 @@ TEST(BeWriter, PatchesBoxSizesAndWritesNothingPastCapacity) {
 
   // Past the capacity nothing is written, the writer stays failed, and no size is patched over its placeholder.
   std::memset(buffer, 0xEE, sizeof(buffer));
-  boxlane::BeWriter small(buffer, 10);
+  boxlane::BeWriter small(buffer, 12);
   const auto box = small.open("free");
   small.u16(0x1234);
   small.u32(0x55667788);  // would end at 14

@@ -34,11 +34,13 @@ TEST(Memory, BlocksFollowTheArrayZeroedAlignedAndDisjoint) {
   // Held to the end: it takes any pages an earlier run of this test left kept, so the checks below start from none.
   void** held = nullptr;
   ASSERT_TRUE(Fundrel_Memory_Malloc(&held, 1, 1 << 20));
-  // The pages of the last large result freed (6 MiB here) serve the next one that fits in them, and no other.
+  // The pages of the last large result freed (6 MiB here) serve the next one that fits in them, and no other; a result
+  // of 1 MiB in all (header, pointer and block) is large, one 8 bytes smaller is not.
   void** big = nullptr;
   ASSERT_TRUE(Fundrel_Memory_Malloc(&big, 1, 5 << 20));
   void** const pages = big;
-  for (const auto& [size, same] : {std::pair{(6 << 20) - 24, true}, std::pair{(6 << 20) - 23, false}}) {
+  for (const auto& [size, same] : {std::pair{(1 << 20) - 24, true}, std::pair{(1 << 20) - 32, false},
+                                   std::pair{(6 << 20) - 24, true}, std::pair{(6 << 20) - 23, false}}) {
     Fundrel_Memory_Free(&big, 1);
     ASSERT_TRUE(Fundrel_Memory_Malloc(&big, 1, size));
     EXPECT_EQ(big == pages, same) << size;
