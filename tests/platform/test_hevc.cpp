@@ -25,9 +25,8 @@ bool accepted(const HandSps& hand) {
 }
 
 // st_ref_pic_set written out: explicit negative and positive deltas ...
-Bits explicit_rps(const std::vector<uint32_t>& negative, const std::vector<uint32_t>& positive, bool first) {
+Bits explicit_rps(const std::vector<uint32_t>& negative, const std::vector<uint32_t>& positive) {
   Bits b;
-  if (!first) b.u(1, 0);
   b.ue(uint32_t(negative.size())).ue(uint32_t(positive.size()));
   for (uint32_t d : negative) b.ue(d - 1).u(1, 1);
   for (uint32_t d : positive) b.ue(d - 1).u(1, 1);
@@ -49,7 +48,7 @@ void sixteen(HandSps& s, bool negative, int32_t delta_rps, int unused) {
   if (unused >= 0) but[std::size_t(unused)] = {false, false};
   s.buffering_minus1 = 15;
   const std::vector<uint32_t> ones(15, 1);  // -1 to -15, or +1 to +15
-  s.rps = {negative ? explicit_rps(ones, {}, true) : explicit_rps({}, ones, true),
+  s.rps = {negative ? explicit_rps(ones, {}) : explicit_rps({}, ones),
            predicted_rps(negative ? -1 : 1, all), predicted_rps(delta_rps, but)};
 }
 

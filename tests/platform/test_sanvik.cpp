@@ -33,7 +33,6 @@ TEST(Sanvik, ParameterSetsOfAnX264Stream) {
   const Found f(stream);
   std::array<uint8_t, 16> info{};
   EXPECT_TRUE(f.ok && Sanvik_Parse_SPSInfo(stream.data(), int(stream.size()), info.data()));
-  // profile_idc, level_idc, constraint flags
   EXPECT_EQ(std::tuple(f.sps_hex(), f.pps_hex(), hex(info.data(), 4)), std::tuple(kSps, kPps, "64 0B 00 00"));
   // Every prefix, an exact heap copy: only a prefix of the real unit comes out, never a start code that ends the
   // bytes; SPSInfo needs the SPS's header and three bytes.
