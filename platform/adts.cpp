@@ -22,8 +22,10 @@ constexpr uint32_t field(uint64_t header, unsigned from, unsigned bits) noexcept
 
 bool parse_adts(const uint8_t* data, std::size_t size, AdtsHeader& out) noexcept {
   BeReader r(data, size);
-  // ISO/IEC 14496-3 §1.A.2.2.1: adts_fixed_header and adts_variable_header, 56 bits.
-  const uint64_t header = (uint64_t{r.u32()} << 24) | r.u24();
+  // ISO/IEC 14496-3 §1.A.2.2.1: adts_fixed_header and adts_variable_header, 56 bits. The first 32 are read in a
+  // statement of their own: the two operands of | may be evaluated in either order.
+  const uint64_t first = r.u32();
+  const uint64_t header = (first << 24) | r.u24();
   if (!r.ok()) return false;
 
   if (field(header, 0, 12) != 0xFFF || field(header, 13, 2) != 0) return false;
