@@ -223,18 +223,18 @@ TEST_F(FragmentTest, CompositionOffsetMustFitAfterTheShift) {
   }
 }
 
-// A fragment holds at most 2^31 - 1 bytes with its moof and mdat header; a second sample adds 12 bytes of trun.
+// A fragment holds at most 2^31 - 1 bytes with its moof and mdat header; trun takes 12 bytes a sample, 16 with offsets.
 TEST(FragmentLimit, FullFragmentRefusesTheNextFrame) {
   BOXLANE_FRAGMENTS f;
   f.stTrack[0].nTrackID = 1;
   const uint32_t most = INT32_MAX - (24 + 44 + 20 + 12) - 8;
   EXPECT_FALSE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, most + 1, 1, 0, true}));
   EXPECT_EQ(Boxlane_GetLastError(nullptr), BOXLANE_ERROR_PACKET_FULL);
-  EXPECT_TRUE(f.listSample.empty());
   EXPECT_TRUE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, 0, 1, 0, true}));
-  EXPECT_TRUE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, most - 12, 1, 0, false}));
+  EXPECT_FALSE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, most - 19, 1, 1, false}));
+  EXPECT_TRUE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, most - 20, 1, 1, false}));
   EXPECT_FALSE(packet::add_fragment_sample(f, {BOXLANE_FRAGMENTS::kVideo, 0, 1, 0, false}));
-  EXPECT_EQ(std::tuple(f.listSample.size(), f.nPayload), std::tuple(2u, most - 12));
+  EXPECT_EQ(std::tuple(f.listSample.size(), f.nPayload), std::tuple(2u, most - 20));
 }
 
 }  // namespace

@@ -111,6 +111,8 @@ TEST_F(HeaderBoxTest, FrameTimesFillDurationsOfZero) {
   EXPECT_EQ(box(Boxlane_Packet_MVhd, 0, 2).substr(24 * 3, 11), "00 00 00 14");  // 41 ms / 2, cut down
   EXPECT_EQ(box(Boxlane_Packet_MVhd64, uint64_t{0}, 2).substr(24 * 3, 11), "00 00 00 00");  // written as given
   EXPECT_EQ(box(Boxlane_Packet_TKhd, 0, 160, 120, 0).substr(28 * 3, 11), "00 00 00 14");
+  EXPECT_EQ(box(Boxlane_Packet_TKhd64, 0x0100, 0, 0, uint64_t{0}).substr(28 * 3, 18 * 3 - 1),  // as given; a volume
+            bytes_hex("00000000 0000000000000000 0000 0000 0100"));
   EXPECT_EQ(m_MP4Packet.Boxlane_Packet_TimeCount(nullptr), 0);
   EXPECT_EQ(box(Boxlane_Packet_TKhd, 0, 160, 120, -1).substr(28 * 3, 11), "FF FF FF FF");  // only 0 is filled
 }
