@@ -28,8 +28,6 @@ std::vector<uint8_t> writer_session(const std::string& name) {
   }
   append(Boxlane_Packet_STts(client, buffer.data(), &size, true));
   append(Boxlane_Packet_CTts(client, buffer.data(), &size));
-  append(Boxlane_Packet_STss(client, buffer.data(), &size));
-  append(Boxlane_Packet_STsz(client, buffer.data(), &size, false));
   EXPECT_TRUE(Boxlane_Packet_Delete(client));
   return out;
 }

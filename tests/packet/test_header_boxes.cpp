@@ -40,7 +40,6 @@ TEST_F(HeaderBoxTest, FixedBoxesAndBoxHeaders) {
   }
   refuses(BOXLANE_ERROR_PACKET_NOTSUPPORT, Boxlane_Packet_HDlr, uint8_t{5});
   const uint8_t payload[] = {0xDE, 0xAD, 0xBE, 0xEF};
-  EXPECT_EQ(box(Boxlane_Packet_HDRBox, "moov", nullptr, 1000), bytes_hex("000003F0 6D6F6F76"));
   EXPECT_EQ(box(Boxlane_Packet_HDRBox, "free", payload, 4), bytes_hex("0000000C 66726565 DEADBEEF"));
   EXPECT_EQ(box(Boxlane_Packet_HDRBox, "mdat", nullptr, INT_MAX - 8), bytes_hex("7FFFFFFF 6D646174"));
   // The 64-bit header: size field 1, then the size with its 16 header bytes.

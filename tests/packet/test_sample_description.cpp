@@ -161,7 +161,6 @@ TEST_F(SampleDescription, DocumentedSizes) {
       {cat({nal(0x67, 1008), nal(0x68, 8)}), 1016},  // 1024 header bytes
   };
   for (const auto& [header, sets] : headers) exact(121 + sets, Boxlane_Packet_STsd, protocol(true, header).get());
-  // 117 + 2 + length for every set listed.
   const std::vector<uint8_t> sps(65535, 0x67), pps(65535, 0x68);
   const uint8_t* const sets[] = {sps.data(), pps.data(), sps.data()};
   const int32_t lengths[] = {65535, 65535, 4};
