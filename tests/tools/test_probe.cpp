@@ -295,7 +295,7 @@ TEST(ProbeJson, TableRowsOfTheWidestNumbersAcrossBlocks) {
 
 // A --samples column of 64-bit times and offsets (a tfdt past 2^32 ticks, a sample past 4 GiB) keeps every digit.
 // Bytes that do not form UTF-8 (here lead bytes before an ASCII one, or at the end) are taken as Latin-1; UTF-8 stays
-// as it is.
+// as it is, U+FFFD (lead byte EF) too.
 TEST(ProbeJson, SixtyFourBitColumnsAndBytesThatDoNotFormUtf8) {
   const uint64_t wide[] = {4294967295u, 4294967296u, UINT64_MAX};
   const int64_t signed_wide[] = {-4294967297, INT64_MAX};
@@ -304,11 +304,11 @@ TEST(ProbeJson, SixtyFourBitColumnsAndBytesThatDoNotFormUtf8) {
     tool::JsonWriter json(out);
     json.column(3, [&](std::size_t i) { return wide[i]; });
     json.column(2, [&](std::size_t i) { return signed_wide[i]; });
-    json.string("\xC3" "A \xC3\xA9 \xE2\x82" "A");
+    json.string("\xC3" "A \xC3\xA9 \xEF\xBF\xBD \xE2\x82" "A");
     json.string(std::string_view("\xE2\x82\xAC", 2));  // the view ends before the sequence does
   }
   EXPECT_EQ(out, "[4294967295, 4294967296, 18446744073709551615][-4294967297, 9223372036854775807]"
-                 "\"\xC3\x83" "A \xC3\xA9 \xC3\xA2\xC2\x82" "A\"\"\xC3\xA2\xC2\x82\"");
+                 "\"\xC3\x83" "A \xC3\xA9 \xEF\xBF\xBD \xC3\xA2\xC2\x82" "A\"\"\xC3\xA2\xC2\x82\"");
 }
 
 // The words probe prints for codec numbers. ISO/IEC 14496-10 Annex A: constraint_set1 narrows Baseline, set4
