@@ -495,8 +495,8 @@ std::vector<Row> rows() {
   const Bytes stco = table_box("stco", {{10}, {20}}), stsc = table_box("stsc", {{1, 3, 1}});
   const uint64_t far = uint64_t{5} << 30;
   const Bytes wide = movie({table_box("stts", {{4, 10}}), table_box("ctts", {{1, 20}, {3, uint32_t(-10)}}, 1),
-                            table_box("stsc", {{1, 3, 1}}), stsz_box(8, 4),
-                            full_box("co64", 0, 0, Bytes{}.u32(2).u64(far).u64(far + 1000))});
+                            table_box("stsc", {{1, 3, 1}}), stsz_box(8, 4), table_box("stco", {{1000}}),
+                            full_box("co64", 0, 0, Bytes{}.u32(1).u64(far + 1000))});
   const std::string rich = "03 80808027 0001 E0 0007 03 616263 0009 04 80808014 40 15 001800 0001F400 00017700 "
                            "05 80808002 1210 06 01 02";
   const std::string plain = "03 19 0002 00 04 11 40 15 000000 0001F400 0001F400 05 02 1190 06 01 02";
@@ -576,7 +576,7 @@ std::vector<Row> rows() {
         {"dump", {}},
         {"send", moov_box({trak_box(1, 1000, {table_box("stts", {{2, 7}}), stsz_box(0, 2, {60, 70}), table_box("stco", {{500}})})})},
         {"window", {5}}}},
-      {"index: a constant size, co64 past 4 GiB, a negative ctts v1 offset, no stss or sdtp", {{"sendx", wide}}},
+      {"index: constant size, stco and co64 past 4 GiB, a negative ctts v1 offset, no stss or sdtp", {{"sendx", wide}}},
       {"index: the same in the basic mode, which reads no co64; in moovs of their own, an stz2, which it reads none of either (track 2), "
        "times past 2^64 (3), a vmhd met in a stream: graphicsmode 0x40 and opcolor 0x8000 x3 (4)",
        {{"send", wide}, {"send", moov_box({trak_box(2, 1000, {stts, stsc, box("stz2", stz2(8, 5, {1, 2, 3, 4, 5}).bytes), stco})})},
@@ -647,8 +647,9 @@ std::vector<Row> rows() {
       {"a co64, an stz2 and an stss before any track",
        {{"sendx", cat({movie_ftyp(), full_box("co64", 0, 0, Bytes{}.u32(1).u64(5)), full_box("stz2", 0, 0, Bytes{}.u24(0).u8(8).u32(1).u8(3)),
                        full_box("stss", 0, 0, Bytes{}.u32(1).u32(1)), moov_box({trak_box(1, 1000, {})})})}}},
-      {"a moof of 64-bit size in the basic mode stops the stream and is counted",
-       {{"feed", cat({movie_ftyp(), resized(one_traf(cat({tfhd_box(0x020000, 1), one})), true)})}, {"send", movie_ftyp()}}},
+      {"a moof of 64-bit size in the basic mode, its header cut, stops the stream and is counted",
+       {{"feed", cat({movie_ftyp(), resized(one_traf(cat({tfhd_box(0x020000, 1), one})), true)}),
+         {movie_ftyp().size() + 4}}, {"send", movie_ftyp()}}},
       stopped("stop: size 7", "feed", box("moov", Bytes{}.zeros(40), 7)),
       stopped("stop: a 64-bit size of 2^62 + 1", "feedx", Bytes{}.u32(1).str("mdat").u64((uint64_t{1} << 62) + 1)),
       stopped("stop: a 64-bit size of 8, short of its header", "feedx", Bytes{}.u32(1).str("free").u64(8)),

@@ -72,6 +72,8 @@ const Shape kShapes[] = {
     {"large_ftyp", [] { return ftyp_of(1u << 20); }, 0, false},
     // A 1.5 MiB free box, which no reader reads: its buffer alone counts.
     {"large_free", [] { return box("free", Bytes{}.zeros(3u << 19)); }, 0, false},
+    // A free box of exactly the bound, past it with the client's own record however much of the box a piece holds.
+    {"free_of_the_bound", [] { return box("free", Bytes{}.zeros(kLimit - 8)); }, 3, false},
     // 2.5 MiB is buffered, but its brands beside the buffer would not fit.
     {"ftyp_over_half", [] { return ftyp_of(5u << 19); }, 3, true},
     // A 1 MiB ftyp, whose brands are kept, then 1 MiB of 8-byte boxes that no worker takes.
