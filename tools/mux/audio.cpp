@@ -104,7 +104,6 @@ void scan_audio(const uint8_t* data, std::size_t size, const std::string& name, 
     if (h.frame_length <= h.header_length) throw ToolError(name + ": empty ADTS frame" + at(pos));
     out.frames.push_back(AudioFrame{data + pos, h.frame_length, h.header_length});
     out.payload_bytes += h.frame_length - h.header_length;
-    out.max_frame_size = std::max<uint32_t>(out.max_frame_size, h.frame_length);
     pos += h.frame_length;
     if (read_to) read_to(data + pos);
   }
@@ -115,8 +114,6 @@ uint64_t drop_first_frames(AudioStream& s, uint64_t count) {
   const auto n = static_cast<std::ptrdiff_t>(std::min<uint64_t>(count, s.frames.empty() ? 0 : s.frames.size() - 1));
   for (auto f = s.frames.begin(); f != s.frames.begin() + n; ++f) s.payload_bytes -= f->size - f->header_size;
   s.frames.erase(s.frames.begin(), s.frames.begin() + n);
-  s.max_frame_size = 0;
-  for (const AudioFrame& f : s.frames) s.max_frame_size = std::max(s.max_frame_size, f.size);
   return static_cast<uint64_t>(n);
 }
 

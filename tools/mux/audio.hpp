@@ -25,7 +25,6 @@ struct AudioStream {
   uint32_t channels = 0;
   std::vector<AudioFrame> frames;
   uint64_t payload_bytes = 0;  // sum of the frames without their headers
-  uint32_t max_frame_size = 0;
   std::optional<uint64_t> cut_at;  // the stream ends inside the frame that starts here
   static constexpr uint32_t kSamplesPerFrame = 1024;
 };
