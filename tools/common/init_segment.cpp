@@ -18,14 +18,12 @@ constexpr uint32_t kMehdRoom = 28;
 
 void append(Bytes& to, const Bytes& from) { to.insert(to.end(), from.begin(), from.end()); }
 
-// Rewrites the 32-bit size field at the front of a box built in `box`.
-void set_box_size(Bytes& box) { BeWriter(box.data(), 4).u32(static_cast<uint32_t>(box.size())); }
-
 // A free box of `size` bytes, at least its 8-byte header.
 Bytes free_box(std::size_t size) {
   Bytes box(std::max<std::size_t>(size, 8), 0);
-  set_box_size(box);
-  BeWriter(box.data() + 4, 4).fourcc("free");
+  BeWriter header(box.data(), 8);
+  header.u32(static_cast<uint32_t>(box.size()));
+  header.fourcc("free");
   return box;
 }
 
@@ -92,7 +90,7 @@ InitSegment build_init_segment(const char* client, const InitSegmentInput& in) {
     // known; a run that is killed leaves a free box there.
     const Bytes room = free_box(kMehdRoom);
     mvex.insert(mvex.begin() + 8, room.begin(), room.end());
-    set_box_size(mvex);
+    BeWriter(mvex.data(), 4).u32(static_cast<uint32_t>(mvex.size()));
     out.mehd_at = file.size() + 8 + moov.size() + 8;
   }
   append(moov, mvex);
